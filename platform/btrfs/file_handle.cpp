@@ -1,0 +1,73 @@
+#include "btrfs/file_handle.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "btrfs/tree_search.h"
+
+namespace kest {
+
+namespace {
+
+constexpr int kHandleType = 0x4d;  // inode, subvolume, generation; no parent
+
+struct RawHandle {
+  uint64_t ino;
+  uint64_t subvol_id;
+  uint32_t generation;
+} __attribute__((packed));
+
+struct HandleBuffer {
+  alignas(file_handle) unsigned char bytes[sizeof(file_handle) + MAX_HANDLE_SZ];
+  file_handle *get() { return reinterpret_cast<file_handle *>(bytes); }
+};
+
+}  // namespace
+
+int openByInode(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generation, int flags) {
+  if (ino < kFirstInode || ino > kLastInode) return -ENOENT;
+  HandleBuffer buffer;
+  RawHandle raw{ino, subvol_id, generation};
+  buffer.get()->handle_bytes = sizeof raw;
+  buffer.get()->handle_type = kHandleType;
+  memcpy(buffer.get()->f_handle, &raw, sizeof raw);
+  int fd;
+  do fd = open_by_handle_at(mount_fd, buffer.get(), flags | O_CLOEXEC);
+  while (fd < 0 && errno == EINTR);
+  if (fd < 0) return errno == ESTALE ? -ENOENT : -errno;
+  UniqueFd owner(fd);
+  // An unlinked inode that somebody still holds open opens all the same.
+  struct stat status;
+  if (fstat(fd, &status) < 0) return -errno;
+  if (status.st_nlink == 0) return -ENOENT;
+  return owner.release();
+}
+
+int reopen(int path_fd, int flags) {
+  char path[32];
+  snprintf(path, sizeof path, "/proc/self/fd/%d", path_fd);
+  int fd;
+  do fd = open(path, flags | O_CLOEXEC);
+  while (fd < 0 && errno == EINTR);
+  return fd < 0 ? -errno : fd;
+}
+
+int addressOf(int dir_fd, const char *name, InodeAddress *address) {
+  HandleBuffer buffer;
+  buffer.get()->handle_bytes = MAX_HANDLE_SZ;
+  int flags = name[0] == 0 ? AT_EMPTY_PATH : 0;
+  if (name_to_handle_at(dir_fd, name, buffer.get(), &address->mount_id, flags) < 0) return -errno;
+  RawHandle raw;
+  if (buffer.get()->handle_type != kHandleType || buffer.get()->handle_bytes != sizeof raw)
+    return -EXDEV;
+  memcpy(&raw, buffer.get()->f_handle, sizeof raw);
+  address->subvol_id = raw.subvol_id;
+  address->ino = raw.ino;
+  address->generation = raw.generation;
+  return 0;
+}
+
+}  // namespace kest

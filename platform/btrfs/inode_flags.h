@@ -1,0 +1,43 @@
+// The kernel's inode flags: immutable and append-only, compression and no-copy-on-write.
+#pragma once
+
+#include <cstdint>
+
+#include <sys/types.h>
+
+namespace kest {
+
+// Whether an object is protected against changes.
+struct Protection {
+  bool immutable = false;
+  bool append_only = false;
+  bool any() const { return immutable || append_only; }
+  bool operator==(const Protection &) const = default;
+};
+
+// Protection of `name` in the directory `dir_fd`, never following a link; with `name` "" of the object
+// of the descriptor itself, which may be any, O_PATH included. 0 or -errno. Objects that cannot carry
+// the flags (FIFO, socket, device, link) have neither.
+int readProtection(int dir_fd, const char *name, Protection *protection);
+
+// Sets both flags of the file or directory behind the real descriptor `fd`, open for reading; writes
+// nothing where they are so already. Every other flag and the compression property stay. 0 or -errno.
+int writeProtection(int fd, Protection protection);
+
+// FS_COMPR_FL, FS_NOCOMP_FL and FS_NOCOW_FL of the file or directory behind `fd`.
+// 0 or -errno; 0 and no flags where the object has none.
+int readStorageFlags(int fd, unsigned *flags);
+
+// Makes the three storage flags those of `flags` and leaves the others. The kernel resets the
+// property btrfs.compression with every such call (to its default algorithm, or to none): set it
+// afterwards. It also ignores FS_NOCOW_FL, both ways, on a file with data. 0 or -errno.
+int writeStorageFlags(int fd, unsigned flags);
+
+extern const unsigned kStorageFlags;  // the three of them
+
+// FS_IOC_GETFLAGS form of the storage flags in an inode item's `flags`, as readStorageFlags would
+// report them for an inode of this st_mode: only files and directories have them, whatever a FIFO or
+// link inherited from its directory.
+unsigned storageFlagsOfItem(mode_t mode, uint64_t item_flags);
+
+}  // namespace kest

@@ -1,0 +1,181 @@
+#include "btrfs/mounts.h"
+
+#include <fcntl.h>
+#include <linux/btrfs.h>
+#include <linux/magic.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/vfs.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <sstream>
+
+namespace kest {
+
+namespace {
+
+// Blanks, newlines and backslashes come as octal numbers.
+std::string unescape(const std::string &text) {
+  std::string plain;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\\' && i + 3 < text.size() && text[i + 1] >= '0' && text[i + 1] <= '3') {
+      plain +=
+          static_cast<char>((text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 + (text[i + 3] - '0'));
+      i += 3;
+    } else {
+      plain += text[i];
+    }
+  }
+  return plain;
+}
+
+bool parseMount(const std::string &line, Mount *mount) {
+  std::istringstream in(line);
+  std::string parent, device, root, point, options, word, type;
+  if (!(in >> mount->id >> parent >> device >> root >> point >> options)) return false;
+  while (in >> word && word != "-") {
+  }
+  if (!(in >> type) || type != "btrfs") return false;
+  if (sscanf(device.c_str(), "%u:%u", &mount->major_no, &mount->minor_no) != 2) return false;
+  mount->root = unescape(root).substr(1);
+  mount->point = unescape(point);
+  mount->read_only = options == "ro" || options.compare(0, 3, "ro,") == 0;
+  return true;
+}
+
+bool onBtrfs(int fd) {
+  struct statfs figures;
+  return fstatfs(fd, &figures) == 0 && figures.f_type == BTRFS_SUPER_MAGIC;
+}
+
+int openDirectory(const std::string &path) {
+  int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
+  return fd < 0 ? -errno : fd;
+}
+
+// True when block device `rdev` is one of the devices of the file system of `fd`.
+bool hasDevice(int fd, dev_t rdev) {
+  btrfs_ioctl_fs_info_args info;
+  memset(&info, 0, sizeof info);
+  if (ioctl(fd, BTRFS_IOC_FS_INFO, &info) < 0) return false;
+  for (uint64_t id = 0; id <= info.max_id; ++id) {
+    btrfs_ioctl_dev_info_args args;
+    memset(&args, 0, sizeof args);
+    args.devid = id;
+    if (ioctl(fd, BTRFS_IOC_DEV_INFO, &args) < 0) continue;
+    struct stat status;
+    if (stat(reinterpret_cast<const char *>(args.path), &status) == 0 && S_ISBLK(status.st_mode) &&
+        status.st_rdev == rdev)
+      return true;
+  }
+  return false;
+}
+
+// Keeps the mounts of the file system of `mine`, and puts `mine` in front.
+void keepMountsOf(const Mount &mine, const std::vector<Mount> &all, std::vector<Mount> *kept) {
+  for (const Mount &one : all) {
+    if (one.major_no != mine.major_no || one.minor_no != mine.minor_no) continue;
+    kept->insert(one.id == mine.id ? kept->begin() : kept->end(), one);
+  }
+}
+
+int findByBlockDevice(dev_t rdev, const std::vector<Mount> &all, MountedFileSystem *fs) {
+  for (const Mount &one : all) {
+    UniqueFd fd(openDirectory(one.point));
+    if (!fd || !onBtrfs(fd.get()) || !hasDevice(fd.get(), rdev)) continue;
+    struct statx status;
+    // What is mounted on top may be another btrfs.
+    if (statx(fd.get(), "", AT_EMPTY_PATH, STATX_MNT_ID, &status) < 0) return -errno;
+    auto same = [&](const Mount &m) { return static_cast<uint64_t>(m.id) == status.stx_mnt_id; };
+    auto mine = std::find_if(all.begin(), all.end(), same);
+    if (mine == all.end()) continue;
+    keepMountsOf(*mine, all, &fs->mounts);
+    fs->fd = std::move(fd);
+    return 0;
+  }
+  return -ENODEV;
+}
+
+}  // namespace
+
+int readMounts(std::vector<Mount> *mounts) {
+  mounts->clear();
+  std::unique_ptr<FILE, int (*)(FILE *)> file(fopen("/proc/self/mountinfo", "re"), fclose);
+  if (file == nullptr) return -errno;
+  char *line = nullptr;
+  size_t size = 0;
+  while (getline(&line, &size, file.get()) > 0) {
+    Mount mount;
+    if (parseMount(line, &mount)) mounts->push_back(std::move(mount));
+  }
+  free(line);
+  return ferror(file.get()) ? -EIO : 0;
+}
+
+int findFileSystem(const std::string &device, MountedFileSystem *fs) {
+  UniqueFd fd(open(device.c_str(), O_PATH | O_CLOEXEC));
+  if (!fd) return -errno;
+  struct statx status;
+  if (statx(fd.get(), "", AT_EMPTY_PATH, STATX_TYPE | STATX_MNT_ID, &status) < 0) return -errno;
+  std::vector<Mount> all;
+  int rc = readMounts(&all);
+  if (rc < 0) return rc;
+  if (S_ISBLK(status.stx_mode)) {
+    rc = findByBlockDevice(makedev(status.stx_rdev_major, status.stx_rdev_minor), all, fs);
+  } else {
+    if (!onBtrfs(fd.get())) return -ENODEV;
+    auto same = [&](const Mount &m) { return static_cast<uint64_t>(m.id) == status.stx_mnt_id; };
+    auto mine = std::find_if(all.begin(), all.end(), same);
+    if (mine == all.end()) return -ENODEV;
+    keepMountsOf(*mine, all, &fs->mounts);
+    // Requests to the file system need a descriptor of a file or directory that is really open.
+    bool plain = S_ISDIR(status.stx_mode) || S_ISREG(status.stx_mode);
+    int real = open(plain ? device.c_str() : mine->point.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (real < 0) return -errno;
+    fs->fd.reset(real);
+  }
+  return rc < 0 ? rc : fileSystemIdOf(fs->fd.get(), &fs->fsid);
+}
+
+int openSubvolume(const MountedFileSystem &fs, uint64_t id, const std::string &top_path,
+                  std::string *path) {
+  struct Candidate {
+    int rank;
+    std::string path;
+  };
+  std::vector<Candidate> candidates;
+  for (size_t i = 0; i < fs.mounts.size(); ++i) {
+    const Mount &mount = fs.mounts[i];
+    std::string below = "/" + top_path;
+    if (!mount.root.empty()) {
+      if (top_path != mount.root && top_path.compare(0, mount.root.size() + 1, mount.root + "/") != 0)
+        continue;
+      below = top_path.substr(mount.root.size());
+    }
+    if (below == "/") below.clear();
+    int rank = i == 0 ? 0 : (below.empty() ? 1 : 3) + (mount.read_only ? 1 : 0);
+    candidates.push_back({rank, (mount.point == "/" ? "" : mount.point) + below});
+  }
+  std::stable_sort(candidates.begin(), candidates.end(),
+                   [](const Candidate &a, const Candidate &b) { return a.rank < b.rank; });
+  for (const Candidate &one : candidates) {
+    UniqueFd fd(openDirectory(one.path.empty() ? "/" : one.path));
+    struct stat status;
+    Uuid fsid;
+    uint64_t found;
+    if (!fd || fstat(fd.get(), &status) < 0 || status.st_ino != kFirstInode || !onBtrfs(fd.get()))
+      continue;
+    if (subvolumeIdOf(fd.get(), &found) < 0 || found != id) continue;
+    if (fileSystemIdOf(fd.get(), &fsid) < 0 || fsid != fs.fsid) continue;
+    *path = one.path;
+    return fd.release();
+  }
+  return -ENXIO;
+}
+
+}  // namespace kest

@@ -1,0 +1,214 @@
+#include "btrfs/subvolume.h"
+
+#include <endian.h>
+#include <linux/btrfs.h>
+#include <linux/btrfs_tree.h>
+#include <sys/ioctl.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "btrfs/tree_items.h"
+
+namespace kest {
+
+namespace {
+
+constexpr size_t kBatch = 64 * 1024;
+
+struct RootRef {
+  uint64_t dir;
+  std::string name;
+};
+
+bool decodeRootRef(const TreeItem &item, RootRef *ref) {
+  btrfs_root_ref raw;
+  if (item.size < sizeof raw) return false;
+  memcpy(&raw, item.data, sizeof raw);
+  size_t size = le16toh(raw.name_len);
+  if (item.size < sizeof raw + size) return false;
+  ref->dir = le64toh(raw.dirid);
+  ref->name.assign(reinterpret_cast<const char *>(item.data) + sizeof raw, size);
+  return true;
+}
+
+void decodeRoot(const TreeItem &item, Subvolume *one) {
+  // Items of old kernels end before the UUIDs.
+  btrfs_root_item raw;
+  memset(&raw, 0, sizeof raw);
+  memcpy(&raw, item.data, std::min<size_t>(item.size, sizeof raw));
+  one->deleted = le32toh(raw.refs) == 0;
+  memcpy(one->uuid.data(), raw.uuid, sizeof raw.uuid);
+  memcpy(one->parent_uuid.data(), raw.parent_uuid, sizeof raw.parent_uuid);
+  // A snapshot's key holds the transaction that made it; the field is 0 in old items.
+  one->otransid = item.key.offset != 0 ? item.key.offset : le64toh(raw.otransid);
+}
+
+// Calls visit(item) for all items of tree 1 in [from, to]. 0 or -errno.
+template <typename Visit>
+int forEachRootItem(int fd, TreeKey from, const TreeKey &to, Visit visit) {
+  TreeBatch batch;
+  for (;;) {
+    int rc = batch.read(fd, BTRFS_ROOT_TREE_OBJECTID, from, to, 0, kBatch);
+    if (rc < 0) return rc;
+    if (batch.items().empty()) return 0;
+    for (const TreeItem &item : batch.items()) visit(item);
+    from = batch.items().back().key.next();
+    if (from > to) return 0;
+  }
+}
+
+const Uuid kNoUuid{};
+
+}  // namespace
+
+int SubvolumeTable::load(int fd) {
+  fd_ = fd;
+  all_.clear();
+  auto visit = [&](const TreeItem &item) {
+    uint64_t id = item.key.objectid;
+    if (id != kTopLevel && id < kFirstInode) return;
+    if (item.key.type == BTRFS_ROOT_ITEM_KEY) {
+      Subvolume &one = all_.emplace_back();
+      one.id = id;
+      decodeRoot(item, &one);
+    } else if (item.key.type == BTRFS_ROOT_BACKREF_KEY && !all_.empty() && all_.back().id == id) {
+      RootRef ref;
+      if (!decodeRootRef(item, &ref)) return;
+      all_.back().parent_id = item.key.offset;
+      all_.back().dir = ref.dir;
+      all_.back().name = std::move(ref.name);
+    }
+  };
+  return forEachRootItem(fd, {kTopLevel, 0, 0}, {kLastInode, 255, UINT64_MAX}, visit);
+}
+
+const Subvolume *SubvolumeTable::find(uint64_t id) const {
+  auto at = std::lower_bound(all_.begin(), all_.end(), id,
+                             [](const Subvolume &one, uint64_t key) { return one.id < key; });
+  return at != all_.end() && at->id == id ? &*at : nullptr;
+}
+
+const Subvolume *SubvolumeTable::byUuid(const Uuid &uuid) const {
+  for (const Subvolume &one : all_)
+    if (one.uuid == uuid) return &one;
+  return nullptr;
+}
+
+bool SubvolumeTable::related(uint64_t a, uint64_t b, uint64_t *line) const {
+  struct Ancestor {
+    Uuid uuid;
+    uint64_t left;  // transaction at which the line to our subvolume left it; UINT64_MAX: it is ours
+  };
+  auto chainOf = [&](uint64_t id) {
+    std::vector<Ancestor> chain;
+    const Subvolume *one = find(id);
+    if (one == nullptr) return chain;
+    if (one->uuid != kNoUuid) chain.push_back({one->uuid, UINT64_MAX});
+    // A deleted ancestor has no item any more, but its UUID still ties its descendants together.
+    while (one != nullptr && one->parent_uuid != kNoUuid && chain.size() <= all_.size()) {
+      chain.push_back({one->parent_uuid, one->otransid});
+      one = byUuid(one->parent_uuid);
+    }
+    return chain;
+  };
+  std::vector<Ancestor> chain_a = chainOf(a), chain_b = chainOf(b);
+  for (const Ancestor &x : chain_a) {
+    for (const Ancestor &y : chain_b) {
+      if (x.uuid != y.uuid) continue;
+      if (line != nullptr) *line = std::min(x.left, y.left);
+      return true;
+    }
+  }
+  return false;
+}
+
+int SubvolumeTable::pathOf(uint64_t id, std::string *path) const {
+  path->clear();
+  for (size_t depth = 0; id != kTopLevel; ++depth) {
+    const Subvolume *one = find(id);
+    if (one == nullptr || one->parent_id == 0 || depth > all_.size()) return -ENOENT;
+    std::string dir;
+    int rc = directoryPath(fd_, one->parent_id, one->dir, &dir);
+    if (rc < 0) return rc;
+    *path = dir + one->name + (path->empty() ? "" : "/") + *path;
+    id = one->parent_id;
+  }
+  return 0;
+}
+
+int findRootRef(int fd, uint64_t parent_id, uint64_t id, uint64_t *dir, std::string *name) {
+  TreeBatch batch;
+  TreeKey key{parent_id, BTRFS_ROOT_REF_KEY, id};
+  int rc = batch.read(fd, BTRFS_ROOT_TREE_OBJECTID, key, key, 0, 4096, 1);
+  if (rc < 0) return rc;
+  RootRef ref;
+  if (batch.items().empty() || !decodeRootRef(batch.items().front(), &ref)) return 0;
+  *dir = ref.dir;
+  *name = std::move(ref.name);
+  return 1;
+}
+
+int listNested(int fd, uint64_t parent_id, uint64_t dir, std::vector<Subvolume> *nested) {
+  nested->clear();
+  return forEachRootItem(fd, {parent_id, BTRFS_ROOT_REF_KEY, 0},
+                         {parent_id, BTRFS_ROOT_REF_KEY, UINT64_MAX}, [&](const TreeItem &item) {
+                           RootRef ref;
+                           if (!decodeRootRef(item, &ref) || ref.dir != dir) return;
+                           Subvolume &one = nested->emplace_back();
+                           one.id = item.key.offset;
+                           one.parent_id = parent_id;
+                           one.dir = dir;
+                           one.name = std::move(ref.name);
+                         });
+}
+
+int subvolumeIdOf(int fd, uint64_t *id) {
+  btrfs_ioctl_ino_lookup_args args;
+  memset(&args, 0, sizeof args);
+  args.objectid = BTRFS_FIRST_FREE_OBJECTID;
+  if (ioctl(fd, BTRFS_IOC_INO_LOOKUP, &args) < 0) return -errno;
+  *id = args.treeid;
+  return 0;
+}
+
+int fileSystemIdOf(int fd, Uuid *fsid) {
+  btrfs_ioctl_fs_info_args args;
+  memset(&args, 0, sizeof args);
+  if (ioctl(fd, BTRFS_IOC_FS_INFO, &args) < 0) return -errno;
+  memcpy(fsid->data(), args.fsid, fsid->size());
+  return 0;
+}
+
+int isReadOnly(int fd) {
+  uint64_t flags = 0;
+  if (ioctl(fd, BTRFS_IOC_SUBVOL_GETFLAGS, &flags) < 0) return -errno;
+  return (flags & BTRFS_SUBVOL_RDONLY) != 0 ? 1 : 0;
+}
+
+int directoryPath(int fd, uint64_t subvol_id, uint64_t dir, std::string *path) {
+  path->clear();
+  if (dir == kFirstInode) return 0;
+  btrfs_ioctl_ino_lookup_args args;
+  memset(&args, 0, sizeof args);
+  args.treeid = subvol_id;
+  args.objectid = dir;
+  if (ioctl(fd, BTRFS_IOC_INO_LOOKUP, &args) == 0) {
+    *path = args.name;
+    return 0;
+  }
+  if (errno != ENAMETOOLONG) return -errno;
+  // Longer than the request can tell: go up name by name.
+  TreeReader tree(fd, subvol_id);
+  std::vector<NameRef> names;
+  while (dir != kFirstInode) {
+    int rc = readNames(tree, dir, &names);
+    if (rc < 0) return rc;
+    if (names.empty()) return -ENOENT;
+    path->insert(0, names.front().name + "/");
+    dir = names.front().parent;
+  }
+  return 0;
+}
+
+}  // namespace kest

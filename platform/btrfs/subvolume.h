@@ -1,0 +1,62 @@
+// Subvolumes, their paths and their kinship.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "btrfs/tree_search.h"
+
+namespace kest {
+
+inline constexpr uint64_t kTopLevel = 5;
+
+using Uuid = std::array<uint8_t, 16>;
+
+struct Subvolume {
+  uint64_t id = 0;
+  uint64_t parent_id = 0;  // subvolume that it stands in, 0 for the top level and for a deleted one
+  uint64_t dir = 0;        // inode number of the directory that it stands in
+  std::string name;        // last component of its path, "" for the top level
+  Uuid uuid{}, parent_uuid{};
+  uint64_t otransid = 0;  // transaction that created it
+  bool deleted = false;   // being cleaned up
+};
+
+// Every subvolume of a file system as it was at the time of load().
+class SubvolumeTable {
+ public:
+  // `fd`: any real descriptor on the file system. 0 or -errno.
+  int load(int fd);
+  const std::vector<Subvolume> &all() const { return all_; }  // by id
+  const Subvolume *find(uint64_t id) const;
+  // True when one descends from the other or both from a common ancestor, by parent UUIDs. `line`, if
+  // not NULL, receives the last transaction that both have in common.
+  bool related(uint64_t a, uint64_t b, uint64_t *line) const;
+  // Path below the top of the file system, no leading slash; "" for the top level. 0 or -errno.
+  int pathOf(uint64_t id, std::string *path) const;
+
+ private:
+  const Subvolume *byUuid(const Uuid &uuid) const;
+
+  int fd_ = -1;
+  std::vector<Subvolume> all_;
+};
+
+// Where subvolume `id` is linked inside subvolume `parent_id`: 1, 0 when it is not, -errno.
+int findRootRef(int fd, uint64_t parent_id, uint64_t id, uint64_t *dir, std::string *name);
+// Every subvolume that is linked in directory `dir` of subvolume `parent_id`. 0 or -errno.
+int listNested(int fd, uint64_t parent_id, uint64_t dir, std::vector<Subvolume> *nested);
+
+// Id of the subvolume that `fd` (not O_PATH) lies in. 0 or -errno.
+int subvolumeIdOf(int fd, uint64_t *id);
+// UUID of the file system of `fd` (not O_PATH). 0 or -errno.
+int fileSystemIdOf(int fd, Uuid *fsid);
+// 1 when the subvolume of `fd` (not O_PATH) is flagged read-only, 0, -errno.
+int isReadOnly(int fd);
+// Path of directory `dir` inside subvolume `subvol_id`, with a slash at its end; "" for the root.
+// `fd`: any real descriptor on the file system. 0 or -errno.
+int directoryPath(int fd, uint64_t subvol_id, uint64_t dir, std::string *path);
+
+}  // namespace kest

@@ -1,0 +1,80 @@
+// Reading the items of a btrfs tree through BTRFS_IOC_TREE_SEARCH_V2.
+//
+// A search sees what is committed and most of the running transaction; delayed inode updates, delayed
+// directory index items and unwritten data appear after a commit only.
+#pragma once
+
+#include <compare>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace kest {
+
+// Real inodes and subvolumes lie between these; what lies above belongs to btrfs itself.
+inline constexpr uint64_t kFirstInode = 256;
+inline constexpr uint64_t kLastInode = UINT64_MAX - 255;
+
+struct TreeKey {
+  uint64_t objectid = 0;
+  uint32_t type = 0;  // 0 to 255
+  uint64_t offset = 0;
+
+  auto operator<=>(const TreeKey &) const = default;
+  // The key right behind this one.
+  TreeKey next() const;
+};
+
+struct TreeItem {
+  TreeKey key;
+  const uint8_t *data = nullptr;  // `size` bytes in the buffer that the search filled
+  uint32_t size = 0;
+};
+
+// One buffer of items. Reused between searches, grown when a single item asks for more.
+class TreeBatch {
+ public:
+  // Fills the batch with the first items of tree `tree_id` in [from, to] that lie in tree blocks
+  // written in transaction `min_transid` or later, at most `want_items` of them and about `want_bytes`.
+  // `fd`: any real descriptor on the file system. 0 or -errno.
+  int read(int fd, uint64_t tree_id, const TreeKey &from, const TreeKey &to, uint64_t min_transid,
+           size_t want_bytes, uint32_t want_items = UINT32_MAX);
+  const std::vector<TreeItem> &items() const { return items_; }
+  void clear() { items_.clear(); }
+
+ private:
+  std::unique_ptr<uint64_t[]> buffer_;
+  size_t capacity_ = 0;  // bytes
+  std::vector<TreeItem> items_;
+};
+
+// Random and sequential access to the file-system items (objectid 256 and up) of one tree. Neighbours
+// are read together and kept: the closer the questions, the more of them.
+class TreeReader {
+ public:
+  TreeReader(int fd, uint64_t tree_id) : fd_(fd), tree_id_(tree_id) {}
+  uint64_t treeId() const { return tree_id_; }
+  int fd() const { return fd_; }
+
+  // 1 and the first item at or behind `key`, valid until the next call; 0 when there is none; -errno.
+  int at(const TreeKey &key, const TreeItem **item);
+  // Forgets what was kept. To be called where the tree may have changed since.
+  void forget();
+
+ private:
+  int fetch(const TreeKey &key);
+
+  int fd_;
+  uint64_t tree_id_;
+  TreeBatch batch_;
+  TreeKey from_, end_;  // the batch holds every item in [from_, end_)
+  bool valid_ = false;
+  size_t position_ = 0;  // of the last answer
+  size_t want_bytes_ = 0;
+};
+
+// 0 and the largest objectid in [256, kLastInode] that has an item, 0 if none; -errno.
+int largestInode(int fd, uint64_t tree_id, uint64_t *ino);
+
+}  // namespace kest

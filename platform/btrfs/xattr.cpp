@@ -1,0 +1,60 @@
+#include "btrfs/xattr.h"
+
+#include <cerrno>
+
+#include <sys/xattr.h>
+
+#include "btrfs/fd_path.h"
+
+namespace kest {
+namespace {
+
+constexpr size_t kFirstSize = 1024;  // most lists and values fit: one call instead of two
+
+// `get`(buffer, size) as getxattr. Repeated while the attribute grows under our hands.
+template <typename Get>
+int readGrowing(Get get, std::string *out) {
+  out->resize(kFirstSize);
+  for (;;) {
+    ssize_t n = get(out->data(), out->size());
+    if (n >= 0) {
+      out->resize(static_cast<size_t>(n));
+      return 0;
+    }
+    if (errno != ERANGE) return -errno;
+    ssize_t needed = get(nullptr, 0);
+    if (needed < 0) return -errno;
+    out->resize(static_cast<size_t>(needed) + kFirstSize);
+  }
+}
+
+}  // namespace
+
+int listXattrs(int fd, std::vector<std::string> *names) {
+  names->clear();
+  FdPath path(fd);
+  std::string list;
+  int rc = readGrowing([&](char *buf, size_t size) { return listxattr(path.get(), buf, size); }, &list);
+  if (rc == -EOPNOTSUPP) return 0;
+  if (rc != 0) return rc;
+  for (size_t at = 0; at < list.size(); at += names->back().size() + 1)
+    names->emplace_back(list.c_str() + at);
+  return 0;
+}
+
+int readXattr(int fd, const char *name, std::string *value) {
+  FdPath path(fd);
+  return readGrowing([&](char *buf, size_t size) { return getxattr(path.get(), name, buf, size); },
+                     value);
+}
+
+int writeXattr(int fd, const char *name, const std::string &value) {
+  return setxattr(FdPath(fd).get(), name, value.data(), value.size(), 0) == 0 ? 0 : -errno;
+}
+
+int removeXattr(int fd, const char *name) {
+  if (removexattr(FdPath(fd).get(), name) == 0 || errno == ENODATA) return 0;
+  return -errno;
+}
+
+}  // namespace kest

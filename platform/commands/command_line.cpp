@@ -1,0 +1,59 @@
+#include "commands/command_line.h"
+
+#include <getopt.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace kest {
+
+bool CommandLine::parse(int argc, char **argv, const std::string &letters, size_t words, int *status) {
+  static const struct option kLong[] = {{"help", no_argument, nullptr, 'h'}, {}};
+  std::string all = ":h" + letters;
+  opterr = 0;
+  int letter;
+  while ((letter = getopt_long(argc, argv, all.c_str(), kLong, nullptr)) != -1) {
+    if (letter == 'h') {
+      fputs(usage_, stdout);
+      *status = finish();
+      return false;
+    }
+    if (letter == ':' || letter == '?') {
+      std::string option = optopt ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+      *status = usageError(letter == ':' ? option + " needs a value" : "unknown option " + option);
+      return false;
+    }
+    options_[static_cast<char>(letter)] = optarg ? optarg : "";
+  }
+  words_.assign(argv + optind, argv + argc);
+  if (words_.size() == words) return true;
+  *status = usageError(words_.size() < words ? "too few arguments" : "too many arguments");
+  return false;
+}
+
+std::string CommandLine::option(char letter) const {
+  auto found = options_.find(letter);
+  return found == options_.end() ? std::string() : found->second;
+}
+
+int CommandLine::usageError(const std::string &problem) const {
+  fprintf(stderr, "%s: %s\n%s", name_, problem.c_str(), usage_);
+  return 1;
+}
+
+int CommandLine::fail(const std::string &text) const {
+  fprintf(stderr, "%s: %s\n", name_, text.c_str());
+  return 1;
+}
+
+int CommandLine::fail(const std::string &text, int error) const {
+  return fail(text + ": " + strerror(abs(error)));
+}
+
+int CommandLine::finish() const {
+  if (fflush(stdout) == 0 && !ferror(stdout)) return 0;
+  return fail("standard output", errno);
+}
+
+}  // namespace kest

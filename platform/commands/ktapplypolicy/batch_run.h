@@ -1,0 +1,95 @@
+// One run: batches to workers, and their end.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <signal.h>
+
+#include "commands/ktapplypolicy/batch_file.h"
+#include "commands/ktapplypolicy/batcher.h"
+#include "commands/ktapplypolicy/policy_file.h"
+#include "commands/ktapplypolicy/worker_slots.h"
+#include "commands/ktapplypolicy/worker_starter.h"
+
+namespace kest {
+
+struct RunOutcome {
+  uint64_t records = 0;  // handed to workers
+  uint64_t batches = 0;
+  uint64_t failed = 0;  // workers that failed, died or could not be started
+  int own_error = 0;    // errno of the engine's own list or files, 0 when they were all right
+  bool stopped = false;
+
+  bool good() const { return failed == 0 && own_error == 0 && !stopped; }
+};
+
+// Signals that end a run: those of SIGTERM, SIGINT and SIGHUP that were not ignored at the start.
+// Blocked together with SIGCHLD from construction on; the mask before that is the workers'. One per
+// process.
+class RunSignals {
+ public:
+  RunSignals();
+  int fd() const { return fd_.get(); }
+  const sigset_t &workerMask() const { return before_; }
+
+ private:
+  sigset_t before_;
+  UniqueFd fd_;
+};
+
+// Hands batch after batch to workers and waits for them.
+//
+// After the first failure, or a signal, nothing more is started; what runs is waited for. A signal is
+// passed on to the workers as SIGTERM; one that comes two seconds later or more as SIGKILL. The run
+// ends when all processes that came of its workers have ended, also those that a worker left behind:
+// this process adopts them. When the engine that this run is nested in is killed, its workers are
+// killed too.
+class BatchRun {
+ public:
+  struct Settings {
+    ScriptRule script;
+    std::string directory;  // for batch files
+    size_t max_workers;     // at a time, of this run
+    size_t batch_size;
+  };
+
+  BatchRun(Settings settings, WorkerSlots *slots, WorkerStarter *starter, const RunSignals *signals);
+  ~BatchRun();
+
+  // Starts the script as EXEC TEST <directory>, as a worker on a slot, and waits. True when it ended
+  // with 0.
+  bool probe();
+  RunOutcome run(RecordList *list);
+
+ private:
+  struct Worker;
+  class Batches;
+
+  bool start(WorkerCommand command, WorkerSlots::Slot slot, std::unique_ptr<Worker> worker);
+  void wait(bool for_slot);
+  void reap();
+  void ended(Worker &worker, int status);
+  void handleSignals();
+  void signalAll(int signal);
+  void releaseOrphanSlots();
+  std::vector<pid_t> strangers() const;
+  bool allGone();
+  bool mayStart() const { return outcome_.good(); }
+
+  Settings settings_;
+  WorkerSlots *slots_;
+  WorkerStarter *starter_;
+  const RunSignals *signals_;
+  std::vector<pid_t> earlier_children_;
+  std::vector<std::unique_ptr<Worker>> workers_;
+  std::vector<WorkerSlots::Slot> orphan_slots_;  // of ended workers that left processes behind
+  RunOutcome outcome_;
+  std::chrono::steady_clock::time_point stopped_at_;
+  bool outer_gone_ = false;
+};
+
+}  // namespace kest

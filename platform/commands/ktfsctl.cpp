@@ -1,0 +1,32 @@
+// Brings what was written to the disk and the trees up to date.
+
+#include <unistd.h>
+#include <cerrno>
+
+#include "btrfs/mounts.h"
+#include "commands/command_line.h"
+
+namespace {
+
+constexpr char kUsage[] =
+    "Usage: ktfsctl DEVICE suspend|resume\n"
+    "Commits the file system of DEVICE (any path on it, or its block device). Both words do the same:\n"
+    "nothing stays suspended, so a caller that is killed between them leaves no frozen file system.\n";
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  kest::CommandLine line("ktfsctl", kUsage);
+  int status;
+  if (!line.parse(argc, argv, "", 2, &status)) return status;
+  const std::string &device = line.word(0);
+  if (line.word(1) != "suspend" && line.word(1) != "resume") {
+    return line.usageError("suspend or resume expected");
+  }
+  kest::MountedFileSystem fs;
+  int rc = kest::findFileSystem(device, &fs);
+  if (rc == -ENODEV) return line.fail(device + " is no mounted btrfs");
+  if (rc < 0) return line.fail(device, rc);
+  if (syncfs(fs.fd.get()) < 0) return line.fail("commit of " + device, errno);
+  return 0;
+}

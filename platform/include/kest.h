@@ -1,0 +1,287 @@
+/* kest.h - the file system's client library, over btrfs.
+ *
+ * A fileset is a subvolume, a snapshot of it a related subvolume. Handles name one of them; inode
+ * numbers are those of the file system and are shared by a fileset and its snapshots.
+ *
+ * Conventions of every call below:
+ * - Sizes and offsets are bytes unless stated. Times are seconds and nanoseconds since 1970.
+ * - A failing call returns NULL or -1 and sets errno to a value other than 0, always.
+ * - Handles, scans and open inodes belong to the caller until the matching free or close; records
+ *   returned through a pointer (attributes, directory entries) belong to the scan or inode that
+ *   returned them and are valid until its next call.
+ * - Not thread-safe per object; different objects may be used by different threads.
+ */
+#ifndef KEST_H
+#define KEST_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct kest_fssnap_handle kest_fssnap_handle_t; /* a fileset, or one snapshot of it */
+typedef struct kest_iscan kest_iscan_t;                 /* an inode scan */
+typedef uint64_t kest_snapid_t;                         /* subvolume id */
+
+typedef struct kest_timestruc64 {
+  int64_t tv_sec;
+  uint32_t tv_nsec;
+} kest_timestruc64_t;
+
+typedef struct kest_iattr64 {
+  uint64_t ia_inode;
+  uint64_t ia_generation; /* creation transaction, whole */
+  uint32_t ia_mode;       /* st_mode encoding */
+  uint32_t ia_xattr;      /* 0 exactly when kest_igetattrsx would give an empty blob */
+  int64_t ia_nlink;       /* 0: the inode is gone (deleted since the snapshot) */
+  int64_t ia_size;
+  uint64_t ia_uid;
+  uint64_t ia_gid;
+  uint32_t ia_rdev; /* high half: device number above its low 8 bits; low half: the low 8 bits,
+                       so 0x00040001 is device 4:1; minors above 4095: use kest_idevice */
+  uint32_t ia_pad;
+  kest_timestruc64_t ia_atime, ia_mtime, ia_ctime, ia_createtime;
+} kest_iattr64_t;
+
+/* An open inode. Only the fields named here are for callers. */
+typedef struct kest_ifile {
+  uint64_t if_inode;
+  uint32_t if_kind; /* KEST_IFILE_KIND while open, 0 after the close */
+  uint32_t if_pad0;
+  uint16_t if_gen16; /* offset 16: generation, low 16 bits */
+  uint16_t if_pad1;
+  uint32_t if_pad2;
+  uint64_t if_size; /* offset 24: bytes at the time of the open */
+  uint32_t if_pad3;
+  uint32_t if_mode;       /* offset 36: st_mode encoding */
+  uint64_t if_generation; /* whole generation */
+} kest_ifile_t;
+#define KEST_IFILE_KIND 0x4b454946u
+
+typedef struct kest_direntx64 {
+  uint64_t d_ino;  /* of a junction: its subvolume id */
+  uint64_t d_gen;  /* generation of the inode; 0 where the call did not have to look it up
+                      (full listings of anything but directories) */
+  uint16_t d_type; /* DT_* values; KEST_DT_SNAP added for an entry that only the snapshot has */
+  uint16_t d_pad;
+  uint32_t d_flags;
+  char d_name[256];
+} kest_direntx64_t;
+#define KEST_DT_SNAP 0x10u
+#define KEST_DF_JUNCTION 0x1u  /* a nested fileset is linked here */
+#define KEST_DF_JUNCTION2 0x2u /* a nested inode space is linked here; never on btrfs */
+
+typedef struct kest_fs_figures64 {
+  uint64_t f_bsize; /* transfer unit, 262144 */
+  uint64_t f_blocks, f_bfree, f_bavail;
+  uint64_t f_files, f_ffree;
+} kest_statfs64_t;
+
+/* ---- handles -------------------------------------------------------------------------------- */
+
+/* Handle for `fileset` (path of the subvolume below the top of the file system, with or without a
+ * leading slash; "/" the top-level subvolume) of the mounted btrfs `device` (any path on it, or its
+ * block device), or, with `snapshot` not NULL, for that snapshot of the fileset: the last component
+ * of the snapshot's path, or its path below the top where that is ambiguous. Resolved over all
+ * mounts of the file system.
+ * NULL: ENODEV device is no mounted btrfs, ENOENT no such fileset or snapshot, EINVAL not a snapshot
+ * of the fileset or an ambiguous name, ENXIO no mount shows it; kest_error_text() says more. */
+kest_fssnap_handle_t *kest_get_fset_snaphandle_by_name(const char *device, const char *fileset,
+                                                       const char *snapshot);
+void kest_free_fssnaphandle(kest_fssnap_handle_t *handle);
+
+/* One sentence about the last handle or scan failure of this thread, without a final full stop or
+ * newline; strerror(errno) where there is none to add. Valid until the next call. */
+const char *kest_error_text(void);
+
+/* 0 and the subvolume id; -1 EINVAL. */
+int kest_get_fssnapid_from_fssnaphandle(const kest_fssnap_handle_t *handle, kest_snapid_t *id);
+
+/* Absolute path of the root directory through one of its mounts, no trailing slash ("/" where the
+ * subvolume is the root of the machine); NULL EINVAL. */
+const char *kest_get_pathname_from_fssnaphandle(const kest_fssnap_handle_t *handle);
+
+/* 1 when the handle's subvolume can be written, 0 when it or the mount is read-only, -1. */
+int kest_is_writable(const kest_fssnap_handle_t *handle);
+
+/* File-system figures; f_bsize is 262144. -1: errno of statfs. */
+int kest_statfs64(const char *path, kest_statfs64_t *buf);
+
+/* 1 when the entry `name` of the directory `path` is a quota file of the file system, which is never
+ * restored. btrfs keeps none as files: always 0. */
+int kest_is_quota_file(const kest_fssnap_handle_t *handle, const char *path, const char *name);
+
+/* For a program that is about to restore the fileset it may itself run from: 1 when the file at
+ * `path` lies outside the fileset, or the snapshot holds the same, unchanged file under the same
+ * name; 0 when the restore would remove or change it; -1 errno of stat. */
+int kest_file_survives(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
+                       const char *path);
+
+/* ---- inode scans ---------------------------------------------------------------------------- */
+
+/* Opens a scan of the handle's inodes; costs microseconds, nothing is read before the first question.
+ * `prev` NULL: every inode. `prev` a snapshot id: the difference of the fileset against that
+ * snapshot, deleted inodes included. `max_ino`, if not NULL, receives the largest inode number that
+ * either tree holds (without `prev`: the fileset or the snapshot that this process named last). NULL: EINVAL unrelated snapshot, or errno of the tree search. */
+kest_iscan_t *kest_open_inodescan64(kest_fssnap_handle_t *handle, const kest_snapid_t *prev,
+                                    uint64_t *max_ino);
+void kest_close_inodescan(kest_iscan_t *scan);
+
+/* 0 and the next inode in increasing number, each once, up to and including `end_ino`; 0 and NULL at
+ * the end. An inode is in a difference when identity (generation and creation time), ctime or
+ * sequence differ between the trees, or only one tree has it; one whose every restorable property
+ * (size, mode, owner, links, names, mtime, flags, xattrs, extents) is equal all the same is left
+ * out. A deleted inode comes with ia_nlink 0 and the snapshot's other attributes. The root directory
+ * (256) may be among them. What is not yet committed is not seen: commit first (ktfsctl).
+ * -1: errno. */
+int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t **attr);
+
+/* 0 and the attributes of the first inode of the scan in [ino, term_ino), or NULL when it holds none
+ * (difference scan: unchanged or deleted). Full scan: attributes read at the time of the call. */
+int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino,
+                      const kest_iattr64_t **attr);
+
+/* ---- inodes --------------------------------------------------------------------------------- */
+
+/* Opens an inode by number. `flags` 0: read (data writes are taken all the same: the inode is opened
+ * for writing at the first kest_iwritex); 1: write. Device nodes and FIFOs are never opened for real.
+ * `attr` and `link` are unused (NULL). NULL: ENOENT no such inode, or one without any name. */
+kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *handle, uint64_t ino, int flags, const void *attr,
+                           const char *link);
+int kest_iclose(kest_ifile_t *file);
+
+/* 1 when the two open inodes are the same file: number, whole generation, creation time and file
+ * type are equal; 0 otherwise. */
+int kest_same_file(const kest_ifile_t *a, const kest_ifile_t *b);
+
+/* Attributes of an open inode as they are now. -1: errno. */
+int kest_istat(const kest_ifile_t *file, kest_iattr64_t *attr);
+
+/* Device number of a device inode, whole. -1 EINVAL on other types. */
+int kest_idevice(const kest_ifile_t *file, unsigned *major_no, unsigned *minor_no);
+
+/* Reads file data, or the target of a symbolic link (whole, if `size` is large enough; not
+ * NUL-terminated), at *offset and advances it. Bytes read, 0 at the end, -1 errno. */
+int64_t kest_iread(kest_ifile_t *file, void *buf, int64_t size, int64_t *offset);
+
+/* Incremental read.
+ * Without `buf` (size 0): finds the next range at or after *offset and below `term` (0: end of file)
+ * in which `file` differs across `scan`, by comparing extent maps, never data; moves *offset to its
+ * start, sets *hole to 1 when the snapshot's file has a hole there (preallocated counts as a hole),
+ * and returns the length; ranges are split where the hole flag changes. 0: none left.
+ * Difference scan: the file is the active one, compared with the snapshot's below both sizes. Full
+ * scan: every range of the file, data and holes.
+ * With `buf`: reads up to `size` bytes at *offset (`scan`: the full scan of the file's tree), at most
+ * one kind; *offset stays at the start of what was returned; with *hole 1 the buffer is not filled.
+ * -1: errno. */
+int64_t kest_ireadx(kest_ifile_t *file, kest_iscan_t *scan, void *buf, int64_t size, int64_t *offset,
+                    int64_t term, int *hole);
+
+/* Writes `len` bytes at `offset`, or, with `hole` 1 and `buf` NULL, makes the range a hole: punching
+ * where data was, writing nothing where a hole is, extending the size where the range ends beyond
+ * it. File capabilities are kept. Returns len, or fewer or -1 with errno: EROFS where the immutable
+ * or append-only flag forbids it. */
+int64_t kest_iwritex(kest_ifile_t *file, const void *buf, int64_t len, int64_t offset, int hole);
+
+/* ---- directories ---------------------------------------------------------------------------- */
+
+/* Next entry of an open directory, "." and ".." included; the listing is taken whole at the first
+ * call. The snapshot that an active directory is judged by is the one that this process opened, as a
+ * handle or for a scan, last. Not shown: the entries that belong to nobody's restore (snapshots of the fileset, .snapshots
+ * and, at the top of the file system, .unlinked; junctions that stand where they stood in the
+ * snapshot; the stub of a junction that the active tree still has there). 0 and NULL at the end;
+ * -1 errno. */
+int kest_ireaddir64(kest_ifile_t *dir, const kest_direntx64_t **entry);
+
+/* Next entry by (name, inode, generation) that only one of the two directories of this inode number
+ * holds, across a difference scan; `dir` is the active one. Entries of the snapshot carry
+ * KEST_DT_SNAP; a name that now means another object comes twice. A directory that is not in the
+ * difference costs nothing. */
+int kest_ireaddirx64(kest_ifile_t *dir, kest_iscan_t *scan, const kest_direntx64_t **entry);
+
+/* ---- attributes ----------------------------------------------------------------------------- */
+
+/* All user.*, trusted.* and security.* attributes (clone attributes apart) and the per-file
+ * compression and no-copy-on-write flags as one opaque blob. `flags` 32 (64 adds nothing). 0 and
+ * *attr_size (0: nothing to restore, as ia_xattr says); -1 ENOSPC and the size needed in
+ * *attr_size; -1 errno. */
+int kest_igetattrsx(kest_ifile_t *file, int flags, void *buf, int size, int *attr_size);
+
+/* Makes the attributes those of the blob, removing every other; NULL removes all. -1: EPERM
+ * (immutable, append-only), errno. `path` is unused (NULL). */
+int kest_iputattrsx(kest_ifile_t *file, int flags, const void *buf, const char *path);
+
+/* Opaque ACL: access ACL, default ACL of a directory, and the twelve mode bits. `buf` begins with its
+ * length (int32), version (uint16, 0), type (uint8, 1), which the caller sets and put ignores but for
+ * the length. `path` is not followed. getacl -1 ENOSPC: the length field now holds the size needed.
+ * putacl on a symbolic link does nothing. -1: EPERM on flags, errno. */
+int kest_getacl(const char *path, int flags, void *buf);
+int kest_putacl(const char *path, int flags, const void *buf);
+
+/* Sets times[0] access and times[1] modification; times[2] change and times[3] creation cannot be set
+ * on btrfs and are ignored. `flags`: bit 0 access, bit 1 modification. Links are not followed. */
+int kest_set_times_path(const char *path, int flags, const kest_timestruc64_t times[4]);
+
+/* Control request on an open descriptor. `request`: header of four int32 (total length, version 1,
+ * error offset 0, reserved 0), then directives of 24 bytes: int32 length, int32 type, int32 value,
+ * int32 fourth, 8 bytes 0. Types: 5000/5001 set/get immutable, 5004/5005 set/get append-only; get
+ * fills the value with 0 or 1. Type 6001 (read an attribute) has a layout of its own: int32 length,
+ * int32 6001, int32 name length, int32 value length, int32 flags, int32 reason (27 absent, 29 value
+ * buffer too small, then the value length is what is needed), name padded to 8, value.
+ * Flags requests on an object that has no such flags (FIFO, device): set does nothing, get gives 0.
+ * -1: EINVAL malformed, errno. */
+int kest_fcntl(int fd, void *request);
+
+/* ---- clones --------------------------------------------------------------------------------- */
+
+/* Not available yet: all three fail with ENOTSUP. Clone attributes are read by kest_fcntl. */
+/* Turns a file into a read-only clone parent. */
+int kest_clone_snap(const char *path, const char *snap_path);
+/* Creates `path` as a clone of the clone parent `parent_path`. */
+int kest_clone_copy(const char *parent_path, const char *path);
+/* Block-map call; code 86 fills the extent cache behind an open inode. */
+int kxfattr(int fd, int code, void *record, void *argument);
+
+/* ---- path calls ----------------------------------------------------------------------------- */
+/* The plain system call, 0 (or a descriptor) or -1 errno, with two differences: where the kernel
+ * answers EPERM and the flags of the object or its parent directory are the reason, errno is EROFS;
+ * and a nested subvolume is never removed (rmdir of a junction: EPERM). `active` is the fileset that
+ * the path lies in. The final component is never followed. */
+int kest_unlink(kest_fssnap_handle_t *active, const char *path);
+int kest_rmdir(kest_fssnap_handle_t *active, const char *path);
+/* EEXIST where `to` exists. */
+int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to);
+/* Keeps file capabilities. */
+int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size);
+/* open(2) with `flags` (O_CREAT or none added to O_CLOEXEC | O_NOFOLLOW) and `mode`; the umask does
+ * not apply. Returns a descriptor. */
+int kest_open_file(kest_fssnap_handle_t *active, const char *path, int flags, mode_t mode);
+int kest_mkdir(kest_fssnap_handle_t *active, const char *path, mode_t mode);
+int kest_mknod(kest_fssnap_handle_t *active, const char *path, mode_t mode, dev_t device);
+int kest_symlink(kest_fssnap_handle_t *active, const char *target, const char *path);
+int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to);
+/* Keeps set-user-id, set-group-id and file capabilities. EPERM stays EPERM. */
+int kest_lchown(kest_fssnap_handle_t *active, const char *path, uint64_t uid, uint64_t gid);
+
+/* ---- paths and descriptors ------------------------------------------------------------------ */
+/* As above, for paths of any length (a path below 4096 bytes in the fileset can be longer through a
+ * snapshot or a temporary location). `handle`: the fileset or snapshot that the path lies in. */
+/* O_PATH descriptor, close-on-exec, of the object at `path`; its final component is not followed. */
+int kest_open_path(kest_fssnap_handle_t *handle, const char *path);
+int kest_lstat(kest_fssnap_handle_t *handle, const char *path, struct stat *st);
+/* O_PATH descriptor, close-on-exec, of an open inode. */
+int kest_path_descriptor(const kest_ifile_t *file);
+/* The calls of the same names without f, on any descriptor, O_PATH included. */
+int kest_fgetacl(int fd, int flags, void *buf);
+int kest_fputacl(int fd, int flags, const void *buf);
+int kest_fset_times(int fd, int flags, const kest_timestruc64_t times[4]);
+int kest_fchown(int fd, uint64_t uid, uint64_t gid);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,20 @@
+// Opening, reading and writing inodes by number.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "libkest/open_inode.h"
+
+namespace kest {
+
+// ia_rdev for a device number; only the low 12 bits of the minor fit.
+uint32_t packDevice(unsigned major_no, unsigned minor_no);
+
+// 0 and the open inode; -ENOENT, -errno.
+int openNumber(kest_fssnap_handle *handle, uint64_t ino, std::unique_ptr<OpenInode> *opened);
+
+// Attributes as they are now. 0; -ENOENT, -errno.
+int statByNumber(kest_fssnap_handle *handle, uint64_t ino, kest_iattr64_t *attr);
+
+}  // namespace kest

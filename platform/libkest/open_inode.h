@@ -1,0 +1,55 @@
+// What stands behind a kest_ifile_t.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "btrfs/unique_fd.h"
+#include "kest.h"
+#include "libkest/extent_diff.h"
+
+namespace kest {
+
+// Ranges of a file that differ from the snapshot's, as they were when [from, to) was compared.
+struct ChangedRanges {
+  const kest_iscan *scan = nullptr;  // nullptr: nothing compared yet
+  uint64_t from = 0, to = 0;
+  std::vector<ExtentRange> ranges;
+};
+
+struct OpenInode : kest_ifile {
+  kest_fssnap_handle *handle = nullptr;  // not owned
+  UniqueFd path_fd;                      // O_PATH, always open
+  UniqueFd read_fd;                      // files and directories, opened at the first read
+  UniqueFd write_fd;                     // opened at the first write
+  kest_timestruc64_t created{};          // creation time
+  bool listed = false;                   // directories: entries hold the listing
+  std::vector<kest_direntx64_t> entries;
+  size_t next_entry = 0;
+  bool compared = false;  // directories: changed holds the changed entries
+  std::vector<kest_direntx64_t> changed;
+  size_t next_changed = 0;
+  ChangedRanges changed_ranges;
+  bool capability_known = false;
+  std::optional<std::string> capability;  // security.capability before the first write
+
+  // Descriptor for reading file data, directory entries or inode flags; -errno.
+  int readFd();
+  // Descriptor for writing file data; -EROFS where the immutable or append-only flag forbids it;
+  // -errno.
+  int writeFd();
+};
+
+inline OpenInode *openInode(kest_ifile_t *file) {
+  return static_cast<OpenInode *>(file);
+}
+inline const OpenInode *openInode(const kest_ifile_t *file) {
+  return static_cast<const OpenInode *>(file);
+}
+
+}  // namespace kest
+
+static_assert(offsetof(kest_ifile, if_gen16) == 16 && offsetof(kest_ifile, if_mode) == 36);

@@ -1,0 +1,361 @@
+#include "libkest/posix_view.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <initializer_list>
+#include <string_view>
+#include <utility>
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "btrfs/fd_path.h"
+#include "btrfs/inode_flags.h"
+#include "btrfs/xattr.h"
+#include "libkest/c_call.h"
+#include "libkest/open_inode.h"
+
+namespace kest {
+namespace {
+
+constexpr ino_t kSubvolumeRootInode = 256;
+constexpr char kCapability[] = "security.capability";
+constexpr mode_t kModeBits = 07777;
+constexpr int kCreateAttempts = 100;
+
+// What could have refused a call with EPERM.
+struct Suspect {
+  int dir_fd;
+  const char *name;  // "" the directory itself
+  bool append_only_refuses;
+};
+
+Suspect object(const Place &place) {
+  return {place.dir.get(), place.leaf.c_str(), true};
+}
+Suspect givingDirectory(const Place &place) {
+  return {place.dir.get(), "", true};
+}
+// An append-only directory takes new entries.
+Suspect takingDirectory(const Place &place) {
+  return {place.dir.get(), "", false};
+}
+
+// Result of a system call: 0, or -errno with EPERM turned into EROFS where a suspect's flags forbid it.
+int outcome(int result, std::initializer_list<Suspect> suspects) {
+  if (result == 0) return 0;
+  int err = errno;
+  if (err != EPERM) return -err;
+  for (const Suspect &suspect : suspects) {
+    Protection protection;
+    if (readProtection(suspect.dir_fd, suspect.name, &protection) == 0 &&
+        (protection.immutable || (protection.append_only && suspect.append_only_refuses)))
+      return -EROFS;
+  }
+  return -EPERM;
+}
+
+// Remembers the file capability of an object over a step in which the kernel drops it.
+class KeptCapability {
+ public:
+  explicit KeptCapability(int fd) : fd_(fd) {}
+
+  int save() {
+    int rc = readXattr(fd_, kCapability, &value_);
+    if (rc == -ENODATA || rc == -EOPNOTSUPP) {
+      value_.clear();
+      return 0;
+    }
+    return rc;
+  }
+
+  int putBack() const {
+    std::string now;
+    if (value_.empty() || (readXattr(fd_, kCapability, &now) == 0 && now == value_)) return 0;
+    return writeXattr(fd_, kCapability, value_);
+  }
+
+ private:
+  int fd_;
+  std::string value_;
+};
+
+// Gives an object exactly `mode` after a step in which the kernel made something else of it (umask,
+// inherited ACL or group bit, change of owner).
+int setExactMode(int fd, mode_t mode) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return -errno;
+  if (((st.st_mode ^ mode) & kModeBits) == 0) return 0;
+  return chmod(FdPath(fd).get(), mode & kModeBits) == 0 ? 0 : -errno;
+}
+
+// Opens the object itself with O_PATH, so that a device or FIFO is not opened for real. With a slash
+// after its name the kernel would follow a link even so: it is asked for a directory instead.
+int openObject(const Place &place, UniqueFd *fd, struct stat *st) {
+  size_t end = place.leaf.find_last_not_of('/') + 1;
+  int directory = end < place.leaf.size() ? O_DIRECTORY : 0;
+  fd->reset(openat(place.dir.get(), place.leaf.substr(0, end).c_str(),
+                   O_PATH | O_NOFOLLOW | O_CLOEXEC | directory));
+  return *fd && fstat(fd->get(), st) == 0 ? 0 : -errno;
+}
+
+int setExactMode(const Place &place, mode_t type, mode_t mode) {
+  UniqueFd fd;
+  struct stat st;
+  if (int rc = openObject(place, &fd, &st); rc != 0) return rc;
+  if ((st.st_mode & S_IFMT) != type) return -EBUSY;  // replaced by another process
+  return setExactMode(fd.get(), mode);
+}
+
+// open(2) for a caller that must know whether it made the file. O_CREAT alone would not tell.
+int openOrCreate(const Place &place, int flags, mode_t mode, UniqueFd *fd, bool *created) {
+  for (int attempt = 0; attempt < kCreateAttempts; attempt++) {
+    *created = true;
+    fd->reset(openat(place.dir.get(), place.leaf.c_str(), flags | O_CREAT | O_EXCL, mode));
+    if (*fd) return 0;
+    if (errno != EEXIST || (flags & O_EXCL)) return outcome(-1, {takingDirectory(place)});
+    *created = false;
+    fd->reset(openat(place.dir.get(), place.leaf.c_str(), flags & ~O_CREAT));
+    if (*fd) break;
+    if (errno != ENOENT) return outcome(-1, {object(place)});
+  }
+  if (!*fd) return -ENOENT;
+  struct stat st;
+  if (fstat(fd->get(), &st) != 0) return -errno;
+  return S_ISDIR(st.st_mode) ? -EISDIR : 0;
+}
+
+int openFile(const Place &place, int flags, mode_t mode) {
+  if (place.leaf.size() > 1 && place.leaf.back() == '/')
+    return -EISDIR;  // only directories are named so
+  UniqueFd fd;
+  flags |= O_CLOEXEC | O_NOFOLLOW;
+  if ((flags & O_CREAT) == 0) {
+    fd.reset(openat(place.dir.get(), place.leaf.c_str(), flags, mode));
+    return fd ? fd.release() : outcome(-1, {object(place), takingDirectory(place)});
+  }
+  bool created = false;
+  if (int rc = openOrCreate(place, flags, mode, &fd, &created); rc != 0) return rc;
+  if (created) {
+    if (int rc = setExactMode(fd.get(), mode); rc != 0) return rc;
+  }
+  return fd.release();
+}
+
+int truncateFile(const Place &place, int64_t size) {
+  UniqueFd object_fd;
+  struct stat st;
+  if (int rc = openObject(place, &object_fd, &st); rc != 0) return rc;
+  if (S_ISLNK(st.st_mode)) return -ELOOP;
+  if (S_ISDIR(st.st_mode)) return -EISDIR;
+  if (!S_ISREG(st.st_mode)) return -EINVAL;
+
+  UniqueFd fd(open(FdPath(object_fd.get()).get(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!fd) return outcome(-1, {Suspect{object_fd.get(), "", true}});
+  KeptCapability capability(fd.get());
+  if (int rc = capability.save(); rc != 0) return rc;
+  int rc;
+  do {
+    rc = ftruncate(fd.get(), size);
+  } while (rc != 0 && errno == EINTR);
+  rc = outcome(rc, {Suspect{object_fd.get(), "", true}});
+  int kept = capability.putBack();  // it is gone even where the truncation failed
+  return rc != 0 ? rc : kept;
+}
+
+int changeOwner(int fd, uint64_t uid, uint64_t gid) {
+  constexpr uint64_t kLargestId = UINT32_MAX - 1;  // the value above means "leave it" to the kernel
+  if (uid > kLargestId || gid > kLargestId) return -EINVAL;
+  struct stat st;
+  if (fstat(fd, &st) != 0) return -errno;
+  if (st.st_uid == uid && st.st_gid == gid) return 0;
+
+  KeptCapability capability(fd);
+  if (S_ISREG(st.st_mode)) {
+    if (int rc = capability.save(); rc != 0) return rc;
+  }
+  if (fchownat(fd, "", static_cast<uid_t>(uid), static_cast<gid_t>(gid), AT_EMPTY_PATH) != 0)
+    return -errno;
+  if (S_ISLNK(st.st_mode)) return 0;
+  if (int rc = setExactMode(fd, st.st_mode); rc != 0) return rc;
+  return capability.putBack();
+}
+
+int removeDirectory(const Place &place) {
+  int nested = isNestedSubvolume(place);
+  if (nested < 0) return nested;
+  if (nested > 0) return -EPERM;  // the kernel would destroy an empty one
+  return outcome(unlinkat(place.dir.get(), place.leaf.c_str(), AT_REMOVEDIR),
+                 {object(place), givingDirectory(place)});
+}
+
+// Opens a directory by a path of any length ("": the working directory): what is longer than the kernel
+// takes at once is walked in pieces that end at a slash.
+int openDirectory(std::string_view path, UniqueFd *dir) {
+  constexpr size_t kPieceSize = PATH_MAX - 1;
+  if (path.empty()) path = "./";
+  int from = AT_FDCWD;
+  UniqueFd next;
+  while (!path.empty()) {
+    size_t length = path.size();
+    if (length > kPieceSize) {
+      size_t slash = path.rfind('/', kPieceSize - 1);
+      if (slash == std::string_view::npos) return -ENAMETOOLONG;
+      length = slash + 1;
+    }
+    next.reset(
+        openat(from, std::string(path.substr(0, length)).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!next) return -errno;
+    *dir = std::move(next);
+    from = dir->get();
+    path.remove_prefix(length);
+    // A piece that began with a slash would start at the root again.
+    path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
+  }
+  return 0;
+}
+
+// Runs `body`(place) for one path, with the C interface's result.
+template <typename Body>
+int onPath(kest_fssnap_handle *active, const char *path, Body body) {
+  return cCall([&] {
+    Place place;
+    int rc = locate(active, path, &place);
+    return rc == 0 ? body(place) : rc;
+  });
+}
+
+template <typename Body>
+int onTwoPaths(kest_fssnap_handle *active, const char *from, const char *to, Body body) {
+  return onPath(active, from, [&](const Place &source) {
+    Place target;
+    int rc = locate(active, to, &target);
+    return rc == 0 ? body(source, target) : rc;
+  });
+}
+
+}  // namespace
+
+int locate(kest_fssnap_handle *, const char *path, Place *place) {
+  if (path == nullptr) return -EINVAL;
+  if (*path == '\0') return -ENOENT;
+  size_t end = strlen(path);
+  while (end > 0 && path[end - 1] == '/') end--;
+  size_t start = end;
+  while (start > 0 && path[start - 1] != '/') start--;
+  // "/" alone has no last component: the call then answers for the directory itself.
+  place->leaf = end == 0 ? "." : path + start;
+  return openDirectory(std::string_view(path, end == 0 ? 1 : start), &place->dir);
+}
+
+int isNestedSubvolume(const Place &place) {
+  struct stat parent, st;
+  if (fstatat(place.dir.get(), place.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
+  if (!S_ISDIR(st.st_mode) || st.st_ino != kSubvolumeRootInode) return 0;
+  if (fstat(place.dir.get(), &parent) != 0) return -errno;
+  return st.st_dev != parent.st_dev;
+}
+
+}  // namespace kest
+
+using namespace kest;
+
+extern "C" int kest_unlink(kest_fssnap_handle_t *active, const char *path) {
+  return onPath(active, path, [](const Place &place) {
+    return outcome(unlinkat(place.dir.get(), place.leaf.c_str(), 0),
+                   {object(place), givingDirectory(place)});
+  });
+}
+
+extern "C" int kest_rmdir(kest_fssnap_handle_t *active, const char *path) {
+  return onPath(active, path, removeDirectory);
+}
+
+extern "C" int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to) {
+  return onTwoPaths(active, from, to, [](const Place &source, const Place &target) {
+    return outcome(renameat2(source.dir.get(), source.leaf.c_str(), target.dir.get(),
+                             target.leaf.c_str(), RENAME_NOREPLACE),
+                   {object(source), givingDirectory(source), takingDirectory(target)});
+  });
+}
+
+extern "C" int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size) {
+  return onPath(active, path, [=](const Place &place) { return truncateFile(place, size); });
+}
+
+extern "C" int kest_open_file(kest_fssnap_handle_t *active, const char *path, int flags, mode_t mode) {
+  return onPath(active, path, [=](const Place &place) { return openFile(place, flags, mode); });
+}
+
+extern "C" int kest_mkdir(kest_fssnap_handle_t *active, const char *path, mode_t mode) {
+  return onPath(active, path, [=](const Place &place) {
+    int rc = outcome(mkdirat(place.dir.get(), place.leaf.c_str(), mode & kModeBits),
+                     {takingDirectory(place)});
+    return rc == 0 ? setExactMode(place, S_IFDIR, mode) : rc;
+  });
+}
+
+extern "C" int kest_mknod(kest_fssnap_handle_t *active, const char *path, mode_t mode, dev_t device) {
+  return onPath(active, path, [=](const Place &place) {
+    int rc =
+        outcome(mknodat(place.dir.get(), place.leaf.c_str(), mode, device), {takingDirectory(place)});
+    mode_t type = (mode & S_IFMT) != 0 ? mode & S_IFMT : S_IFREG;
+    return rc == 0 ? setExactMode(place, type, mode) : rc;
+  });
+}
+
+extern "C" int kest_symlink(kest_fssnap_handle_t *active, const char *target, const char *path) {
+  return onPath(active, path, [=](const Place &place) {
+    if (target == nullptr) return -EINVAL;
+    return outcome(symlinkat(target, place.dir.get(), place.leaf.c_str()), {takingDirectory(place)});
+  });
+}
+
+extern "C" int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to) {
+  return onTwoPaths(active, from, to, [](const Place &source, const Place &target) {
+    return outcome(
+        linkat(source.dir.get(), source.leaf.c_str(), target.dir.get(), target.leaf.c_str(), 0),
+        {object(source), takingDirectory(target)});
+  });
+}
+
+extern "C" int kest_lchown(kest_fssnap_handle_t *active, const char *path, uint64_t uid, uint64_t gid) {
+  return onPath(active, path, [=](const Place &place) {
+    UniqueFd fd;
+    struct stat st;
+    int rc = openObject(place, &fd, &st);
+    return rc == 0 ? changeOwner(fd.get(), uid, gid) : rc;
+  });
+}
+
+extern "C" int kest_fchown(int fd, uint64_t uid, uint64_t gid) {
+  return cCall([=] { return changeOwner(fd, uid, gid); });
+}
+
+extern "C" int kest_open_path(kest_fssnap_handle_t *handle, const char *path) {
+  return onPath(handle, path, [](const Place &place) {
+    UniqueFd fd;
+    struct stat st;
+    int rc = openObject(place, &fd, &st);
+    return rc == 0 ? fd.release() : rc;
+  });
+}
+
+extern "C" int kest_lstat(kest_fssnap_handle_t *handle, const char *path, struct stat *st) {
+  return onPath(handle, path, [=](const Place &place) {
+    if (st == nullptr) return -EINVAL;
+    return fstatat(place.dir.get(), place.leaf.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : -errno;
+  });
+}
+
+extern "C" int kest_path_descriptor(const kest_ifile_t *file) {
+  return cCall([=] {
+    if (file == nullptr || file->if_kind != KEST_IFILE_KIND) return -EINVAL;
+    int fd = fcntl(openInode(file)->path_fd.get(), F_DUPFD_CLOEXEC, 0);
+    return fd >= 0 ? fd : -errno;
+  });
+}
