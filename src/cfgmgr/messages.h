@@ -1,0 +1,254 @@
+// Every text that a user sees on standard error, and the printer that checks arguments against texts.
+#pragma once
+
+#include <concepts>
+#include <cstdint>
+#include <string>
+#include <type_traits>
+
+enum class Message : int {
+  kTooFewArguments,
+  kOpenFailed,
+  kFileError,
+  kFlushFailed,
+  kCloseFailed,
+  kUsage,
+  kNoHandle,
+  kNoSnapId,
+  kNoSnapScan,
+  kNoDiffScan,
+  kNoMemoryLimit,
+  kNoDiffTable,
+  kNoWorkDir,
+  kNoRootInode,
+  kNoRootPath,
+  kNoBlockSize,
+  kInsideFileset,
+  kRemoteCaching,
+  kFilesetCheckFailed,
+  kNoTotalMemory,
+  kNoSuspendProcess,
+  kNoResumeProcess,
+  kSyncFailed,
+  kPrepare,
+  kScan,
+  kConstruct,
+  kConstructFailed,
+  kOperationsAdded,
+  kEntriesProcessed,
+  kScanComplete,
+  kScanProgress,
+  kEngineRetry,
+  kNoCheckpointDir,
+  kRestoreFiles,
+  kRestoreFilesFailed,
+  kDeleteClones,
+  kDeleteClonesFailed,
+  kMoveFiles,
+  kMoveFilesFailed,
+  kMovePending,
+  kMovePendingFailed,
+  kRestoreDeleted,
+  kRestoreDeletedFailed,
+  kRestoreDeletedDone,
+  kMoveDirs,
+  kMoveDirsFailed,
+  kRestoreClones,
+  kRestoreClonesFailed,
+  kRestoreLinks,
+  kRestoreLinksFailed,
+  kCompleted,
+  kCleanUp,
+  kCleanUpFailed,
+  kCleanUpStep,
+  kPathTooLong,
+  kNoSpace,
+  // Not part of the catalogue: conditions that stop a run before it touches anything, and advice.
+  kWouldRemoveItself,
+  kCommandMissing,
+  kReadOnlyFileset,
+  kWritableSnapshot,
+  kCommandTooLong,
+  kCloneListTooDeep,
+  kDirsUnsettled,
+  kRootAttrFailed,
+  kKeptAside,
+  kWorkDirKept,
+  kCount
+};
+
+struct MessageText {
+  Message id;
+  int set;  // 0: a fixed text, never looked up
+  int number;
+  const char *text;
+};
+
+// In the order of the enum. One number can serve several texts.
+inline constexpr MessageText kMessages[] = {
+    {Message::kTooFewArguments, 1, 265, "Too few arguments specified.\n"},
+    {Message::kOpenFailed, 27, 207, "Open failed"},
+    {Message::kFileError, 0, 0, "%s: %s\n"},
+    {Message::kFlushFailed, 0, 0, "Error flushing work file %s: %s\n"},
+    {Message::kCloseFailed, 27, 269, "Error closing work file %s: %s\n"},
+    {Message::kUsage, 27, 476,
+     "Usage %s\n    Device { -j FileSet -o SnapShot} \n    [ -b unitSize | -m threads | -N nodes | -q "
+     "quite "
+     "| -x no_EA | -v Verb| -B maxFiles | -E restore_ENC_EA]\n"},
+    {Message::kNoHandle, 27, 478,
+     "Failed to get handle for fileset %s, snapshot %s in file system %s. %s.\n"},
+    {Message::kNoSnapId, 27, 479, "Failed to get Id of snapshot %s. %s\n"},
+    {Message::kNoSnapScan, 27, 481, "Error on kest_open_inodescan for the restoring snapshot. %s.\n"},
+    {Message::kNoDiffScan, 27, 482, "Failed to get max inode number in active file system. %s.\n"},
+    {Message::kNoMemoryLimit, 27, 483, "Failed to set max allowed memory for %s command.\n"},
+    {Message::kNoDiffTable, 27, 484, "Cannot allocate enough buffer to record different items.\n"},
+    {Message::kNoWorkDir, 27, 485, "Failed to create temporary directory. %s.\n"},
+    {Message::kNoRootInode, 27, 486, "Failed to get root directory inode of fileset %s\n"},
+    {Message::kNoRootPath, 0, 0, "Failed to get fileset root path.\n"},
+    {Message::kNoBlockSize, 0, 0, "Cannot get file system block size. err %d\n"},
+    {Message::kInsideFileset, 0, 0, "Cannot run command in a directory of restoring fileset.\n"},
+    {Message::kRemoteCaching, 0, 0, "Cannot support OVRA fileset.\n"},
+    {Message::kFilesetCheckFailed, 0, 0, "Failed to check fileset %s\n"},
+    {Message::kNoTotalMemory, 27, 497, "Failed to get total memory in system.\n"},
+    {Message::kNoSuspendProcess, 0, 0, "Cannot fork a new process to suspend file system.\n"},
+    {Message::kNoResumeProcess, 0, 0, "Cannot fork a new process to resume file system.\n"},
+    {Message::kSyncFailed, 0, 0, "Failed to sync the fileset.\n"},
+    {Message::kPrepare, 27, 487, "[%s] Prepare restore ...\n"},
+    {Message::kScan, 27, 487, "[%s] Scan inodes ...\n"},
+    {Message::kConstruct, 27, 488, "[%s] Construct operation list ...\n"},
+    {Message::kConstructFailed, 27, 489, "Failed to construct operation list.\n"},
+    {Message::kOperationsAdded, 27, 509, "[%s] %lld operations have been added to list.\n"},
+    {Message::kEntriesProcessed, 27, 510, "[%s] %lld directory entries have been processed.\n"},
+    {Message::kScanComplete, 27, 511, "[%s] Pass %d, %lld inodes have been scanned. 100%% of total.\n"},
+    {Message::kScanProgress, 27, 512, "[%s] Pass %d, %lld inodes have been scanned. %d%% of total.\n"},
+    {Message::kEngineRetry, 27, 515,
+     "Get an error from policy engine, retry again for the %d times.\n"},
+    {Message::kNoCheckpointDir, 27, 516, "Cannot create checkpoint directory.\n"},
+    {Message::kRestoreFiles, 27, 490, "[%s] Restore files ...\n"},
+    {Message::kRestoreFilesFailed, 27, 491, "Failed to restore files.\n"},
+    {Message::kDeleteClones, 0, 0, "[%s] Delete clone files, depth %d\n"},
+    {Message::kDeleteClonesFailed, 0, 0, "Failed to delete clone files.\n"},
+    {Message::kMoveFiles, 27, 492, "[%s] Move regular files ...\n"},
+    {Message::kMoveFilesFailed, 27, 498, "Failed to move regular files.\n"},
+    {Message::kMovePending, 27, 493, "[%s] Move pending regular files ...\n"},
+    {Message::kMovePendingFailed, 27, 499, "Failed to move pending files.\n"},
+    {Message::kRestoreDeleted, 0, 0, "[%s] Restore deleted files ...\n"},
+    {Message::kRestoreDeletedFailed, 27, 499, "Failed to restore deleted files.\n"},
+    {Message::kRestoreDeletedDone, 0, 0, "Restore deleted files done.\n"},
+    {Message::kMoveDirs, 27, 494, "[%s] Move directories ...\n"},
+    {Message::kMoveDirsFailed, 27, 500, "Failed to move directories.\n"},
+    {Message::kRestoreClones, 0, 0, "[%s] Restore clone files, depth %d\n"},
+    {Message::kRestoreClonesFailed, 0, 0, "Failed to restore clone files.\n"},
+    {Message::kRestoreLinks, 0, 0, "[%s] Restore hard link files.\n"},
+    {Message::kRestoreLinksFailed, 0, 0, "Failed to hard link files.\n"},
+    {Message::kCompleted, 27, 495, "[%s] Restore completed.\n"},
+    {Message::kCleanUp, 27, 496, "[%s] Clean up.\n"},
+    {Message::kCleanUpFailed, 27, 504, "Clean up failed.\n"},
+    {Message::kCleanUpStep, 0, 0, "cleanup: path %s, inode %lld, rc %d, code %d, error %d\n"},
+    {Message::kPathTooLong, 27, 505, "Cannot restore a file whoes path is larger than 4096.\n"},
+    {Message::kNoSpace, 27, 517,
+     "There is not enough free inode or disk space in the restoring fileset.\nReserve enough free "
+     "inode and "
+     "disk space and try again.\n"},
+    {Message::kWouldRemoveItself, 0, 0,
+     "The restore needs %s, which lies in the fileset %s and is not the same in snapshot %s: it would "
+     "remove "
+     "or change itself. Nothing was changed.\n"},
+    {Message::kCommandMissing, 0, 0, "The restore needs %s. %s. Nothing was changed.\n"},
+    {Message::kReadOnlyFileset, 0, 0, "The fileset %s is read-only. Nothing was changed.\n"},
+    {Message::kWritableSnapshot, 0, 0,
+     "Warning: snapshot %s is writable and can change during the restore.\n"},
+    {Message::kCommandTooLong, 0, 0,
+     "The command line would be longer than %d bytes and is not run: %s\n"},
+    {Message::kCloneListTooDeep, 0, 0, "Clones nested deeper than %d levels cannot be restored: %s\n"},
+    {Message::kDirsUnsettled, 0, 0, "Directory attributes did not settle in %d rounds.\n"},
+    {Message::kRootAttrFailed, 0, 0,
+     "Failed to restore the attributes of the fileset root %s. err %d\n"},
+    {Message::kKeptAside, 0, 0, "Kept aside: %s belongs at %s (%s)\n"},
+    {Message::kWorkDirKept, 0, 0,
+     "The work directory %s stays: it holds %lld objects of the fileset. The same command finishes the "
+     "restore.\n"},
+};
+
+namespace message_check {
+
+consteval bool tableInOrder() {
+  int index = 0;
+  for (const MessageText &entry : kMessages)
+    if (static_cast<int>(entry.id) != index++) return false;
+  return index == static_cast<int>(Message::kCount);
+}
+static_assert(tableInOrder(), "kMessages follows the enum");
+
+// s text, d 32-bit, L 64-bit.
+template <typename T>
+constexpr char argumentKind() {
+  if constexpr (std::is_integral_v<T>) {
+    return sizeof(T) == 8 ? 'L' : 'd';
+  } else {
+    static_assert(std::is_convertible_v<T, const char *> || std::same_as<T, std::string>,
+                  "argument of a message");
+    return 's';
+  }
+}
+
+// Next conversion of a default text: only %s, %d and %lld occur in them.
+constexpr char nextKind(const char *&p) {
+  for (; *p; ++p) {
+    if (*p != '%') continue;
+    ++p;
+    if (*p == '%') continue;
+    if (p[0] == 'l' && p[1] == 'l' && p[2] == 'd') {
+      p += 3;
+      return 'L';
+    }
+    return *p++;
+  }
+  return '\0';
+}
+
+template <typename... Args>
+constexpr bool accepts(const char *text) {
+  bool same = true;
+  ((same = same && nextKind(text) == argumentKind<Args>()), ...);
+  return same && nextKind(text) == '\0';
+}
+
+template <typename T>
+auto plain(const T &argument) {
+  if constexpr (std::same_as<T, std::string>) {
+    return argument.c_str();
+  } else if constexpr (std::is_integral_v<T> && sizeof(T) == 8) {
+    return static_cast<long long>(argument);
+  } else if constexpr (std::is_integral_v<T>) {
+    return static_cast<int>(argument);
+  } else {
+    return static_cast<const char *>(argument);
+  }
+}
+
+}  // namespace message_check
+
+// A message whose conversions were checked, while compiling, against the arguments it will be given.
+template <typename... Args>
+struct CheckedMessage {
+  Message id;
+  consteval CheckedMessage(Message message) : id(message) {
+    if (!message_check::accepts<Args...>(kMessages[static_cast<int>(message)].text))
+      throw "the arguments do not fit the text of the message";
+  }
+};
+
+// The text to print: the catalogue's or the default.
+const char *messageText(Message id);
+
+// The untyped end of userMessage.
+void printMessage(Message id, ...);
+
+// Prints the message on standard error. Arguments: C strings, std::string, 32-bit and 64-bit integers.
+// Keeps errno.
+template <typename... Args>
+void userMessage(CheckedMessage<std::type_identity_t<std::decay_t<Args>>...> message,
+                 const Args &...args) {
+  printMessage(message.id, message_check::plain(args)...);
+}

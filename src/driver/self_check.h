@@ -1,0 +1,7 @@
+// Refusals before anything is touched. Master only.
+#pragma once
+
+// The program, its library and the commands of the file system must be there and outlive the restore;
+// the fileset must be writable. A writable snapshot is only warned about. 0, or an errno after a
+// message.
+int selfCheck();

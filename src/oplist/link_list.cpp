@@ -1,0 +1,39 @@
+#include "oplist/link_list.h"
+
+#include <cerrno>
+#include <unordered_set>
+
+#include "record/side_list.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+
+namespace {
+std::unordered_set<uint64_t> recorded;
+}
+
+void resetLinkIndex() {
+  recorded.clear();
+}
+
+int listLink(const std::string &path, uint64_t ino) {
+  const long long number = static_cast<long long>(ino);
+  if (recorded.count(ino) != 0) {
+    traceLog("listLink: ino %lld is record, skip it.\n", number);
+    return 0;
+  }
+  std::string list = workPath(kLinkIno);
+  bool opened = false;
+  int err = appendSideRecord(list, list, ino, path, kOpLinkFile, aggregates.regPend, &opened);
+  if (!opened) traceLog("listLink: open %s failed, ino %lld, err %d\n", list.c_str(), number, err);
+  traceLog("listLink: path %s, ino %lld, rc %d, code %d, err %d\n", path.c_str(), number, err ? -1 : 0,
+           err == 0 ? 0
+           : opened ? 2
+                    : 1,
+           err);
+  if (err != 0) {
+    errno = err;
+    return -1;
+  }
+  recorded.insert(ino);
+  return 0;
+}

@@ -1,0 +1,108 @@
+#include "oplist/nested_runs.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "cfgmgr/messages.h"
+#include "oplist/policy_run.h"
+#include "run/settings.h"
+#include "run/shell_command.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+
+namespace {
+
+constexpr size_t kPrefixMax = 1600;  // bytes, terminators included
+constexpr size_t kCommandMax = 4096;
+constexpr size_t kOptionsMax = 2048;
+
+// The depths that have a list or a move list, from the names in the set's directory. False and errno.
+bool listedDepths(const std::string &set, std::vector<int> *depths) {
+  DIR *dir = opendir(set.c_str());
+  if (!dir) return false;
+  errno = 0;
+  while (const dirent *entry = readdir(dir)) {
+    const char *name_end = entry->d_name + strlen(entry->d_name);
+    int depth = 0;
+    auto [end, error] = std::from_chars(entry->d_name, name_end, depth);
+    const std::string_view rest(end, static_cast<size_t>(name_end - end));
+    if (error == std::errc() && (rest.empty() || rest == ".move")) depths->push_back(depth);
+    errno = 0;
+  }
+  int err = errno;
+  closedir(dir);
+  errno = err;
+  std::sort(depths->begin(), depths->end());
+  depths->erase(std::unique(depths->begin(), depths->end()), depths->end());
+  return err == 0;
+}
+
+// Runs one list, if it exists, and removes it afterwards: what it held must not be done in a later
+// pass.
+int runList(const std::string &set, const std::string &list, uint64_t ino, bool isDelDir, int code) {
+  struct stat st;
+  if (stat(list.c_str(), &st) != 0) return 0;
+  const std::string prefix = "/usr/qtx/kest/bin/ktapplypolicy " + shellWord(settings.deviceP) + " -P " +
+                             shellWord(set + "/policy");
+  const std::string command = prefix + " -g " + shellWord(set) + " -r " + shellWord(list) +
+                              " -m 32 -N " + shellWord(settings.nodeSpec) + " " +
+                              (settings.Debug ? "" : ">/dev/null");
+  const std::string options =
+      "-d " + shellWord(settings.deviceP) + " -j " + shellWord(settings.filesetP) + " -o " +
+      shellWord(settings.snapOldP) + "  -t " + shellWord(settings.shareDir) + " -s " +
+      std::to_string(settings.pass) + " -p 3 -D " + (settings.noXAttr ? "-x" : "") + " " +
+      (settings.Debug ? "" : "-q") + " " + (settings.Verb ? "-v" : "") + " " +
+      (settings.encryptEA ? "-E" : "");
+  if (prefix.size() >= kPrefixMax || command.size() >= kCommandMax || options.size() >= kOptionsMax) {
+    userMessage(Message::kCommandTooLong, static_cast<int>(kCommandMax), command);
+    errno = E2BIG;
+    return E2BIG;
+  }
+  traceLog("restoreDelNewDir: phase %d pass %d pcCmd %s, exeOpt %s, opListPath %s\n", settings.phase,
+           settings.pass, command.c_str(), options.c_str(), list.c_str());
+  int rc = executePolicy(command, options, set + "/policy", list);
+  if (rc == 0 && unlink(list.c_str()) != 0) rc = errno;
+  if (rc != 0) {
+    int err = errno;
+    traceLog("restoreDelNewDir: ino %lld, DelDir %d, rc %d, code %d, error %d\n",
+             static_cast<long long>(ino), isDelDir, rc, code, err);
+    errno = err;
+  }
+  return rc;
+}
+
+}  // namespace
+
+int restoreDelNewDir(uint64_t ino, bool isDelDir) {
+  const std::string set = dirSet(ino, isDelDir);
+  struct stat st;
+  if (stat(set.c_str(), &st) != 0 && errno == ENOENT) {
+    traceLog("restoreDelNewDir: no files need to handle for ino %lld\n", static_cast<long long>(ino));
+    return 0;
+  }
+  std::vector<int> depths;
+  if (!listedDepths(set, &depths)) {
+    int err = errno;
+    traceLog("restoreDelNewDir: ino %lld, DelDir %d, rc %d, code %d, error %d\n",
+             static_cast<long long>(ino), isDelDir, err, 1, err);
+    errno = err;
+    return err;
+  }
+  // Deleted: parents before their contents. New: contents before the directory that holds them.
+  if (!isDelDir) std::reverse(depths.begin(), depths.end());
+  for (int depth : depths) {
+    if (int rc = runList(set, dirSetList(ino, isDelDir, depth), ino, isDelDir, 1)) return rc;
+    if (int rc = runList(set, dirSetMoveList(ino, isDelDir, depth), ino, isDelDir, 2)) return rc;
+  }
+  unlink((set + "/policy").c_str());
+  return 0;
+}

@@ -1,0 +1,3 @@
+#include "record/aggregate.h"
+
+Aggregates aggregates;

@@ -1,0 +1,11 @@
+// The fatal-error marker: workers record what must stop the whole run, the master reads it.
+#pragma once
+
+#include <cstdint>
+
+// Appends a line; 0, or -1 when the marker cannot be written. A code of 0 is recorded as EIO: a failed
+// batch is never a success.
+int setFatalError(int code);
+
+// 0 without a marker, the first recorded number, -1 when there is a marker without one.
+int getFatalError();

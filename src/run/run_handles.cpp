@@ -1,0 +1,15 @@
+#include "run/run_handles.h"
+
+#include <cerrno>
+
+RunHandles handles;
+
+void InodeCloser::operator()(kest_ifile_t *file) const {
+  const int saved = errno;
+  kest_iclose(file);
+  errno = saved;
+}
+
+Inode openInode(kest_fssnap_handle_t *fs, uint64_t ino, int flags) {
+  return Inode(kest_iopen64(fs, ino, flags, nullptr, nullptr));
+}

@@ -1,0 +1,36 @@
+// The file-system handles of a process: opened once by the driver, used by every module.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "kest.h"
+
+struct RunHandles {
+  kest_fssnap_handle_t *activeFsP = nullptr;  // the fileset as it is
+  kest_fssnap_handle_t *oldFsP = nullptr;     // the snapshot
+  kest_iscan_t *iscanP = nullptr;             // difference of the active fileset against the snapshot
+  kest_iscan_t *iscanFromP = nullptr;         // every inode of the snapshot
+  std::string rootPath;                       // root directory of the active fileset, no trailing slash
+  std::string snapRootPath;                   // root directory of the snapshot
+  uint64_t rootIno = 0;                       // inode number of both root directories
+};
+
+extern RunHandles handles;
+
+// An open inode that closes itself, keeping errno.
+struct InodeCloser {
+  void operator()(kest_ifile_t *file) const;
+};
+using Inode = std::unique_ptr<kest_ifile_t, InodeCloser>;
+
+// Opens inode `ino` of a handle (flags 0 read, 1 write); empty and errno on failure.
+Inode openInode(kest_fssnap_handle_t *fs, uint64_t ino, int flags = 0);
+
+inline bool isRegular(uint32_t mode) {
+  return S_ISREG(mode);
+}
+inline bool isDirectory(uint32_t mode) {
+  return S_ISDIR(mode);
+}

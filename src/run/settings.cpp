@@ -1,0 +1,3 @@
+#include "run/settings.h"
+
+Settings settings;

@@ -1,0 +1,87 @@
+#include "scan/diff_table.h"
+
+#include <cstdio>
+#include <new>
+#include <string>
+
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+#include "run/work_file.h"
+
+int32_t addCount = 0, freeCount = 0;
+
+namespace {
+
+constexpr uint64_t kBuckets = 512000;
+DiffItem **buckets = nullptr;
+
+DiffItem **bucketOf(uint64_t ino) {
+  return &buckets[ino % kBuckets];
+}
+
+}  // namespace
+
+bool allocDiffTable() {
+  if (buckets == nullptr) buckets = new (std::nothrow) DiffItem *[kBuckets]();
+  return buckets != nullptr;
+}
+
+void freeDiffTable() {
+  cleanDiffTable();
+  delete[] buckets;
+  buckets = nullptr;
+}
+
+bool haveDiffTable() {
+  return buckets != nullptr;
+}
+
+int addItem(uint64_t ino, uint64_t, uint8_t type) {
+  if (buckets == nullptr) return -1;
+  DiffItem *item = new (std::nothrow) DiffItem{ino, nullptr, type};
+  if (item == nullptr) return -1;
+  DiffItem **link = bucketOf(ino);
+  while (*link != nullptr) link = &(*link)->next;
+  *link = item;
+  ++addCount;
+  return 0;
+}
+
+DiffItem *findItem(uint64_t ino) {
+  if (buckets == nullptr) return nullptr;
+  DiffItem *item = *bucketOf(ino);
+  while (item != nullptr && item->ino != ino) item = item->next;
+  return item;
+}
+
+void cleanDiffTable() {
+  if (buckets == nullptr) return;
+  for (uint64_t i = 0; i < kBuckets; ++i) {
+    while (DiffItem *item = buckets[i]) {
+      buckets[i] = item->next;
+      delete item;
+      ++freeCount;
+    }
+  }
+}
+
+void dumpDiffTable() {
+  const std::string path = workPath(kDiffTable);
+  if (path.empty()) return;
+  std::unique_ptr<WorkFile> file = WorkFile::open(path, WorkFile::Mode::kKeep);
+  if (!file) {
+    traceLog("failed to open itemTable file.\n");
+    return;
+  }
+  for (uint64_t i = 0; buckets != nullptr && i < kBuckets; ++i) {
+    for (const DiffItem *item = buckets[i]; item != nullptr; item = item->next) {
+      char line[80];
+      const long long ino = static_cast<long long>(item->ino);
+      const int length = snprintf(line, sizeof line, "ino %lld 0x%llX type %d\n", ino,
+                                  static_cast<unsigned long long>(item->ino), item->type);
+      file->append(std::string_view(line, static_cast<size_t>(length)));
+    }
+  }
+  int rc = 0;
+  closeWorkFile(file, path, &rc);
+}

@@ -1,0 +1,28 @@
+// The difference items of one pass: which inodes differ between fileset and snapshot, and how.
+#pragma once
+
+#include <cstdint>
+
+// Flags of an item; they are in dumps.
+enum DiffFlag : uint8_t {
+  kDiffNew = 1,      // the active inode is not the snapshot's file
+  kDiffChanged = 2,  // same file, data or attributes changed
+  kDiffMoved = 4,    // it has a name that the snapshot does not have
+  kDiffDeleted = 8,  // it no longer exists in the active fileset
+};
+
+struct DiffItem {
+  uint64_t ino;
+  DiffItem *next;
+  uint8_t type;  // DiffFlag bits
+};
+
+extern int32_t addCount, freeCount;  // items added and freed in the whole run
+
+bool allocDiffTable();  // false: no memory
+void freeDiffTable();   // empties it first; harmless without a table
+bool haveDiffTable();
+int addItem(uint64_t ino, uint64_t gen, uint8_t type);  // 0, or -1 without memory
+DiffItem *findItem(uint64_t ino);                       // null; also null without a table
+void cleanDiffTable();
+void dumpDiffTable();  // appends every item to diffTable in the work directory

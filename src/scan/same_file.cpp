@@ -1,0 +1,26 @@
+#include "scan/same_file.h"
+
+#include <cerrno>
+
+#include "run/run_handles.h"
+#include "run/trace_log.h"
+
+namespace {
+
+int failed(uint64_t ino, int code) {
+  const int err = errno;
+  traceLog("checkFile: ino %lld, type %d, rc %d, code %d, err %d\n", static_cast<long long>(ino), 0, -1,
+           code, err);
+  errno = err;
+  return -1;
+}
+
+}  // namespace
+
+int checkFile(uint64_t ino) {
+  Inode active = openInode(handles.activeFsP, ino);
+  if (!active) return errno == ENOENT ? kKindDeleted : failed(ino, 1);
+  Inode snap = openInode(handles.oldFsP, ino);
+  if (!snap) return errno == ENOENT ? kKindOther : failed(ino, 2);
+  return kest_same_file(active.get(), snap.get()) == 1 ? kKindSame : kKindOther;
+}

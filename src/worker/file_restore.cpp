@@ -1,0 +1,263 @@
+#include "worker/file_restore.h"
+
+#include <fcntl.h>
+#include <sys/sysmacros.h>
+#include <cerrno>
+#include <climits>
+#include <vector>
+
+#include "object/attr_restore.h"
+#include "object/clear_flags.h"
+#include "object/clone_attr.h"
+#include "object/descriptor.h"
+#include "object/new_dir_list.h"
+#include "object/object_stat.h"
+#include "object/snap_path.h"
+#include "object/step.h"
+#include "object/xattr_restore.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/trace_log.h"
+#include "worker/data_copy.h"
+
+namespace {
+
+struct Range {
+  int64_t offset;
+  int64_t length;
+  int32_t holeFound;
+};
+
+// Making one object of the snapshot again at a path of the active fileset.
+class DeletedFile {
+ public:
+  DeletedFile(const std::string &path, uint64_t ino, Inode snap)
+      : path_(path), ino_(ino), snap_(std::move(snap)) {}
+
+  Step restore(const Range &range);
+
+ private:
+  bool phaseMakes() const { return settings.phase == kPhaseCreate || settings.phase == kPhaseLinks; }
+  int makeRegular(Descriptor *fd);
+  Step makeLink();
+  Step makeSpecial();
+  Step createFailed(const char *call, int err) const;
+  Step restoreXAttrs();
+  Step restoreAttributes();
+  Step sizeFile(const struct stat &st);
+  Step create(const struct stat &st);
+  Step copyData(const struct stat &st, const Range &range);
+  int64_t snapSize() const { return static_cast<int64_t>(snap_->if_size); }
+
+  const std::string &path_;
+  const uint64_t ino_;
+  Inode snap_;
+};
+
+Step DeletedFile::createFailed(const char *call, int err) const {
+  traceLog("restoreDelFile: create %s ino %lld ERROR syscall %s err %d\n", path_.c_str(),
+           static_cast<long long>(ino_), call, err);
+  return failedStep(22, err);
+}
+
+int DeletedFile::makeRegular(Descriptor *fd) {
+  // Never waits for the other end of a FIFO that took the name.
+  const int flags = O_RDONLY | O_NONBLOCK | (phaseMakes() ? O_CREAT : 0);
+  return retryClearing(path_, "", [&] {
+    *fd = Descriptor(kest_open_file(handles.activeFsP, path_.c_str(), flags, snap_->if_mode & 07777));
+    return *fd ? 0 : -1;
+  });
+}
+
+// A link or special file that a lost worker has made counts as made.
+Step DeletedFile::makeLink() {
+  std::vector<char> buffer(PATH_MAX + 1);
+  int64_t offset = 0;
+  const int64_t length = kest_iread(snap_.get(), buffer.data(), PATH_MAX, &offset);
+  if (length < 0) return failedStep(11, errno);
+  const std::string target(buffer.data(), static_cast<size_t>(length));
+  traceLog("restoreDelFile:symlink, lnbuf %s, path %s\n", target.c_str(), path_.c_str());
+  const int err = retryClearing(
+      path_, "", [&] { return kest_symlink(handles.activeFsP, target.c_str(), path_.c_str()); });
+  std::string there;
+  if (err == EEXIST && readLinkTarget(path_, &there) == 0 && there == target) return {};
+  return err == 0 ? Step{} : createFailed("symlink", err);
+}
+
+Step DeletedFile::makeSpecial() {
+  kest_iattr64_t attr;
+  if (kest_istat(snap_.get(), &attr) != 0) return failedStep(12, errno);
+  const mode_t mode = snap_->if_mode;
+  dev_t device = 0;
+  if (S_ISCHR(mode) || S_ISBLK(mode)) {
+    unsigned major_no = 0, minor_no = 0;
+    if (kest_idevice(snap_.get(), &major_no, &minor_no) != 0) return failedStep(12, errno);
+    device = makedev(major_no, minor_no);
+  }
+  traceLog("restoreDelFile: create special file: ia_rdev %lx, mode %lx, devId %llx, path %s\n",
+           static_cast<unsigned long>(attr.ia_rdev), static_cast<unsigned long>(mode),
+           static_cast<unsigned long long>(device), path_.c_str());
+  const int err = retryClearing(
+      path_, "", [&] { return kest_mknod(handles.activeFsP, path_.c_str(), mode, device); });
+  struct stat st;
+  if (err == EEXIST && statPath(path_, &st) == 0 && (st.st_mode & S_IFMT) == (mode & S_IFMT) &&
+      st.st_rdev == device)
+    return {};
+  return err == 0 ? Step{} : createFailed("symlink", err);
+}
+
+Step DeletedFile::restoreXAttrs() {
+  if (settings.noXAttr) return {};
+  const int rc = restoreXAttr(ino_, snap_.get(), &path_);
+  return rc == 0 ? Step{} : failedStep(3, errno, rc);
+}
+
+Step DeletedFile::restoreAttributes() {
+  const int rc = restoreAttr(path_, settings.phase);
+  return rc == 0 ? Step{} : failedStep(71, errno, rc);
+}
+
+Step DeletedFile::sizeFile(const struct stat &st) {
+  if (st.st_size == snapSize()) return {};
+  bool clearing_failed = false;
+  const int err = retryClearing(
+      path_, "", [&] { return kest_truncate(handles.activeFsP, path_.c_str(), snapSize()); },
+      &clearing_failed);
+  return err == 0 ? Step{} : failedStep(clearing_failed ? 7 : 4, err);
+}
+
+// Phase 51: the file and its size; data follows in the next phase, unless there is none.
+Step DeletedFile::create(const struct stat &st) {
+  std::string snap_path;
+  uint64_t snap_ino = 0;
+  if (getSnapPath(path_, true, &snap_path, &snap_ino) != 0) {
+    const int err = errno;
+    traceLog("restoreDelFile: cannot get snap path %s\n", path_.c_str());
+    return failedStep(8, err);
+  }
+  CloneAttr clone;
+  const bool cloned = getCloneXattr(snap_path, &clone, nullptr) != 0;
+  const bool first_parent = cloned && clone.isParent() && clone.depth() == 0;
+  if (!first_parent) {
+    if (Step step = restoreXAttrs(); !step) return step;
+  }
+  if (Step step = sizeFile(st); !step) return step;
+  return snapSize() == 0 ? restoreAttributes() : Step{};
+}
+
+Step DeletedFile::copyData(const struct stat &st, const Range &range) {
+  Inode active;
+  const int64_t length = range.length != 0 ? range.length : snapSize();
+  bool clearing_failed = false;
+  const int err = retryClearing(
+      path_, "",
+      [&] {
+        if (!active) active = openInode(handles.activeFsP, st.st_ino, 1);
+        if (!active) return -1;
+        return copyToActiveFile(snap_.get(), active.get(), range.offset, length, &range.holeFound,
+                                false) == 0
+                   ? 0
+                   : -1;
+      },
+      &clearing_failed);
+  if (err == 0) return {};
+  if (!active) return failedStep(6, err, err);
+  if (clearing_failed) return failedStep(72, err, err);
+  traceLog("restoreDelFile: failed to copy data, offset %ld length %ld\n",
+           static_cast<long>(range.offset), static_cast<long>(length));
+  return failedStep(9, err, err);
+}
+
+Step DeletedFile::restore(const Range &range) {
+  const mode_t mode = snap_->if_mode;
+  if (!isRegular(mode)) {
+    Step step = S_ISLNK(mode) ? makeLink() : makeSpecial();
+    if (step) step = restoreXAttrs();
+    return step ? restoreAttributes() : step;
+  }
+  Descriptor fd;
+  if (const int err = makeRegular(&fd)) return createFailed("open", err);
+  struct stat st;
+  if (fstat(fd.get(), &st) != 0) return failedStep(5, errno);
+  if (!S_ISREG(st.st_mode)) return failedStep(5, EEXIST);
+  if (settings.phase == kPhaseCreate) return create(st);
+  if (settings.phase == kPhaseLinks) {
+    // Some of what comes with them is taken by an empty file only.
+    if (Step step = restoreXAttrs(); !step) return step;
+    if (Step step = sizeFile(st); !step) return step;
+  }
+  if (snapSize() > 0) {
+    if (Step step = copyData(st, range); !step) return step;
+  }
+  return restoreAttributes();
+}
+
+// Copies one range of a file that survived.
+Step copyBack(const std::string &path, uint64_t ino, kest_ifile_t *snap, const Range &range,
+              bool clone) {
+  Inode active = openInode(handles.activeFsP, ino);
+  if (!active) return failedStep(3, errno, errno);
+  const int err = retryClearing(path, "", [&] {
+    return copyToActiveFile(snap, active.get(), range.offset, range.length, &range.holeFound, clone) ==
+                   0
+               ? 0
+               : -1;
+  });
+  return err == 0 ? Step{} : failedStep(7, err, err);
+}
+
+// Where the path belongs to another object of the snapshot, the move back restores the attributes.
+Step attributesOfSurvivor(const std::string &path, uint64_t ino) {
+  std::string snap_path;
+  uint64_t snap_ino = 0;
+  bool absent = false;
+  if (getSnapPath(path, true, &snap_path, &snap_ino, &absent) != 0)
+    return absent || errno == ENOENT ? Step{} : failedStep(91, errno);
+  if (snap_ino != ino) return {};
+  const int rc = restoreAttr(path, settings.phase);
+  return rc == 0 ? Step{} : failedStep(91, errno, rc);
+}
+
+Step restoreSurvivor(const std::string &path, uint64_t ino, const Range &range, bool clone) {
+  Inode snap = openInode(handles.oldFsP, ino);
+  if (!snap) return failedStep(1, errno, errno);
+  if (!settings.noXAttr) {
+    if (int rc = restoreXAttr(ino, snap.get(), &path); rc != 0) return failedStep(2, errno, rc);
+  }
+  if (isDirectory(snap->if_mode)) {
+    const int rc = listNewDir(path, ino);
+    return rc == 0 ? Step{} : failedStep(21, errno, rc);
+  }
+  if (isRegular(snap->if_mode)) {
+    if (Step step = copyBack(path, ino, snap.get(), range, clone); !step) return step;
+  }
+  return attributesOfSurvivor(path, ino);
+}
+
+}  // namespace
+
+int restoreDelFile(const std::string &path, uint64_t ino, int64_t offset, uint64_t length,
+                   int32_t holeFound, int32_t) {
+  Inode snap = openInode(handles.oldFsP, ino);
+  Step step = snap ? Step{} : failedStep(1, errno, errno);
+  if (snap) {
+    const Range range{offset, static_cast<int64_t>(length), holeFound};
+    step = DeletedFile(path, ino, std::move(snap)).restore(range);
+  }
+  if (step) return 0;
+  traceLog("restoreDelFile: ino %lld, path %s, pass %d,rc %d, code %d, err %d\n",
+           static_cast<long long>(ino), path.c_str(), settings.pass, step.rc, step.code, step.err);
+  errno = step.err;
+  return step.rc;
+}
+
+int restoreDiffFile(const std::string &path, uint64_t ino, int64_t offset, uint64_t length,
+                    int32_t holeFound, int32_t clone) {
+  const Range range{offset, static_cast<int64_t>(length), holeFound};
+  const Step step = restoreSurvivor(path, ino, range, clone != 0);
+  if (step) return 0;
+  traceLog("restoreDiffFile:ino %lld failed, path %s, pass %d, code %d, rc %d, err %d\n",
+           static_cast<long long>(ino), path.c_str(), settings.pass, step.code, step.rc, step.err);
+  errno = step.err;
+  return step.rc;
+}

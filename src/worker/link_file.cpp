@@ -1,0 +1,197 @@
+#include "worker/link_file.h"
+
+#include <cerrno>
+#include <charconv>
+
+#include "object/attr_restore.h"
+#include "object/clear_flags.h"
+#include "object/object_stat.h"
+#include "object/step.h"
+#include "record/batch_line.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/shell_command.h"
+#include "run/trace_log.h"
+#include "scan/same_file.h"
+#include "worker/delete_file.h"
+#include "worker/file_restore.h"
+
+namespace {
+
+bool takeNumber(std::string_view &line, uint64_t *value) {
+  const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), *value);
+  if (error != std::errc() || end == line.data() + line.size() || *end != ' ') return false;
+  line.remove_prefix(static_cast<size_t>(end - line.data()) + 1);
+  return true;
+}
+
+struct Name {
+  std::string path;  // active path
+  bool exists = false;
+  struct stat st {};
+};
+
+// The names of one inode and the object that carries them.
+class LinkGroup {
+ public:
+  LinkGroup(uint64_t ino, kest_ifile_t *snap) : ino_(ino), snap_(snap) {}
+
+  Step collectNames(const std::vector<std::string> &snap_paths);
+  Step restoreAll();
+
+ private:
+  Step chooseTarget();
+  Step restoreName(Name &name);
+  Step linkName(Name &name);
+  int lookAt(Name &name);
+
+  uint64_t ino_;
+  kest_ifile_t *snap_;
+  std::vector<Name> names_;
+  Name *target_ = nullptr;
+};
+
+int LinkGroup::lookAt(Name &name) {
+  name.exists = statPath(name.path, &name.st) == 0;
+  return name.exists || errno == ENOENT ? 0 : -1;
+}
+
+Step LinkGroup::collectNames(const std::vector<std::string> &snap_paths) {
+  const std::string &root = handles.rootPath, &snap_root = handles.snapRootPath;
+  for (const std::string &snap_path : snap_paths) {
+    if (!snap_path.starts_with(snap_root)) return failedStep(4, EINVAL);
+    std::string rest = snap_path.substr(snap_root.size());
+    rest.erase(0, rest.find_first_not_of('/'));
+    Name name;
+    name.path = root + (root.ends_with('/') ? "" : "/") + rest;
+    traceLog("linkFile: filePath %s\n", name.path.c_str());
+    if (lookAt(name) != 0) return failedStep(4, errno);
+    names_.push_back(std::move(name));
+  }
+  return {};
+}
+
+// The inode itself, where a name of it has survived; else a file that an interrupted run of this record
+// has left at one of the names, restored once more.
+Step LinkGroup::chooseTarget() {
+  for (Name &name : names_) {
+    if (!name.exists || name.st.st_ino != ino_) continue;
+    const int kind = checkFile(ino_);
+    if (kind < 0) return failedStep(6, errno);
+    if (kind == kKindSame) target_ = &name;
+    break;
+  }
+  if (target_ != nullptr) return {};
+  for (Name &name : names_) {
+    if (name.exists && isRegular(name.st.st_mode) && isRegular(snap_->if_mode))
+      return restoreName(name);
+  }
+  return {};
+}
+
+Step LinkGroup::restoreName(Name &name) {
+  int rc = restoreDelFile(name.path, ino_, 0, snap_->if_size, 0, 0);
+  if (rc == 0 && lookAt(name) != 0) rc = -1;
+  if (rc != 0) {
+    const int err = errno;
+    traceLog("linkFile: cannot restore orignal file %s, ino %lld\n", name.path.c_str(),
+             static_cast<long long>(ino_));
+    return failedStep(6, err, rc);
+  }
+  target_ = &name;
+  return {};
+}
+
+Step LinkGroup::linkName(Name &name) {
+  const std::string &from = target_->path;
+  const int err = retryClearing(
+      name.path, from, [&] { return kest_link(handles.activeFsP, from.c_str(), name.path.c_str()); });
+  if (err == 0) return {};
+  traceLog("linkFile: link %s to %s failed.\n", from.c_str(), name.path.c_str());
+  return failedStep(7, err);
+}
+
+Step LinkGroup::restoreAll() {
+  if (Step step = chooseTarget(); !step) return step;
+  for (Name &name : names_) {
+    if (name.exists && target_ != nullptr && name.st.st_ino == target_->st.st_ino) {
+      traceLog("linkFile: file %s exist, nothing need to do.\n", name.path.c_str());
+      continue;
+    }
+    if (name.exists) {
+      if (isDirectory(name.st.st_mode)) {
+        traceLog("linkFile: a directory stands at %s\n", name.path.c_str());
+        return failedStep(5, EISDIR);
+      }
+      if (int rc = deleteFile(name.path, ino_); rc != 0) return failedStep(5, errno, rc);
+    }
+    const Step step = target_ != nullptr ? linkName(name) : restoreName(name);
+    if (!step) return step;
+  }
+  if (target_ == nullptr) return {};
+  const int rc = restoreAttr(target_->path, settings.phase);
+  return rc == 0 ? Step{} : failedStep(8, errno, rc);
+}
+
+Step lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::string> *paths) {
+  const std::string command = "/usr/qtx/kest/bin/kxfindinode -i " + std::to_string(ino) + " -- " +
+                              shellWord(handles.snapRootPath) + " 2>/dev/null";
+  std::string output;
+  int status = 0;
+  if (runCommandOutput(command, &output, &status) != 0 || status != 0) {
+    const int err = status != 0 ? EIO : errno;
+    traceLog("getParentPath: cannot find parent path, ino %lld\n", static_cast<long long>(ino));
+    return failedStep(3, err);
+  }
+  kest_iattr64_t attr;
+  if (kest_istat(snap, &attr) != 0) return failedStep(4, errno);
+  if (!parseInodePaths(output, ino, paths) || static_cast<int64_t>(paths->size()) < attr.ia_nlink) {
+    traceLog("linkFile: cannot get hard link path, ino %lld\n", static_cast<long long>(ino));
+    return failedStep(4, EIO);
+  }
+  return {};
+}
+
+Step restoreLinks(uint64_t ino) {
+  if (handles.rootPath.empty()) {
+    traceLog("linkFile: cannot get fileset root path\n");
+    return failedStep(1, ENOENT);
+  }
+  if (handles.snapRootPath.empty()) {
+    traceLog("linkFile: failed to get snap path. err %d\n", ENOENT);
+    return failedStep(2, ENOENT);
+  }
+  Inode snap = openInode(handles.oldFsP, ino);
+  if (!snap) return failedStep(10, errno);
+  std::vector<std::string> paths;
+  if (Step step = lookUpNames(ino, snap.get(), &paths); !step) return step;
+  LinkGroup group(ino, snap.get());
+  const Step step = group.collectNames(paths);
+  return !step ? step : group.restoreAll();
+}
+
+}  // namespace
+
+bool parseInodePaths(std::string_view output, uint64_t ino, std::vector<std::string> *paths) {
+  paths->clear();
+  while (!output.empty()) {
+    const size_t end = output.find('\n');
+    if (end == std::string_view::npos) return false;
+    std::string_view line = output.substr(0, end);
+    output.remove_prefix(end + 1);
+    uint64_t number = 0, generation = 0;
+    if (!takeNumber(line, &number) || !takeNumber(line, &generation) || number != ino || line.empty())
+      return false;
+    paths->push_back(decodeBatchPath(line));
+  }
+  return true;
+}
+
+int linkFile(const std::string &path, uint64_t ino) {
+  const Step step = restoreLinks(ino);
+  if (step) return 0;
+  traceLog("linkFile: path %s ,ino %lld, rc %d, code %d, error %d\n", path.c_str(),
+           static_cast<long long>(ino), step.rc, step.code, step.err);
+  errno = step.err;
+  return step.rc;
+}
