@@ -1,0 +1,233 @@
+// The small commands on a real file system: two mounts of one fileset, the top level not mounted.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Result {
+  int status = -1;
+  std::string out;
+  std::vector<std::string> lines;
+};
+
+Result run(const std::string &line, bool with_errors = false) {
+  Result result;
+  FILE *pipe = popen((line + (with_errors ? " 2>&1" : "")).c_str(), "r");
+  char part[4096];
+  while (size_t got = fread(part, 1, sizeof(part), pipe)) result.out.append(part, got);
+  int status = pclose(pipe);
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  std::istringstream in(result.out);
+  for (std::string text; std::getline(in, text);) result.lines.push_back(text);
+  return result;
+}
+
+Result command(const std::string &line, bool with_errors = false) {
+  return run("/usr/qtx/kest/bin/" + line, with_errors);
+}
+
+std::string quoted(const std::string &text) {
+  return "'" + text + "'";
+}
+
+ino_t inodeOf(const fs::path &path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0 ? st.st_ino : 0;
+}
+
+// The fileset "my home" on /mnt/home and /mnt/home2; the top level on /mnt/top until hideTop().
+class Commands : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_EQ(run("cd /mnt && truncate -s 300M img && mkfs.btrfs -q img && mkdir -p top home home2 && "
+                  "mount -o loop img top && btrfs sub create 'top/my home' && mkdir top/snaps && "
+                  "for m in home home2; do mount -o 'subvol=my home' $(losetup -nO NAME -j /mnt/img) "
+                  "$m; done",
+                  true)
+                  .status,
+              0);
+  }
+  void TearDown() override {
+    EXPECT_EQ(
+        run("cd /mnt && umount home home2 && if mountpoint -q top; then umount top; fi && rm img", true)
+            .status,
+        0);
+  }
+  static void hideTop() { ASSERT_EQ(run("umount /mnt/top", true).status, 0); }
+  static void subvolume(const std::string &arguments) {
+    Result result = run("cd /mnt/top && btrfs sub " + arguments, true);
+    ASSERT_EQ(result.status, 0) << result.out;
+  }
+};
+
+TEST_F(Commands, CommitMakesTheTreesShowEverything) {
+  std::ofstream("/mnt/home/new") << "data";
+  for (const char *word : {"suspend", "resume"}) {
+    EXPECT_EQ(command(std::string("ktfsctl /mnt/home ") + word).status, 0);
+    EXPECT_EQ(command(std::string("ktfsctl $(losetup -nO NAME -j /mnt/img) ") + word).status, 0);
+  }
+  EXPECT_NE(run("btrfs inspect-internal dump-tree -t 256 $(losetup -nO NAME -j /mnt/img)")
+                .out.find("name: new"),
+            std::string::npos);
+  EXPECT_EQ(command("ktfsctl /proc suspend", true).out, "ktfsctl: /proc is no mounted btrfs\n");
+  EXPECT_EQ(command("ktfsctl /mnt/home freeze").status, 1);
+}
+
+TEST_F(Commands, FilesetListing) {
+  subvolume("create 'a:b%c'");
+  hideTop();
+  for (std::string name : {"'my home'", "'/my home/'", "a:b%c", "/"}) {
+    Result result = command("ktlsfileset /mnt/home " + name + " -Y");
+    ASSERT_EQ(result.status, 0) << name;
+    ASSERT_EQ(result.lines.size(), 2u) << result.out;
+    std::vector<std::string> fields;
+    std::istringstream in(result.lines[1]);
+    for (std::string field; std::getline(in, field, ':');) fields.push_back(field);
+    ASSERT_GE(fields.size(), 19u) << result.out;
+    EXPECT_EQ(fields[18], "-") << result.out;
+    if (name[0] == 'a') {
+      EXPECT_EQ(fields[4], "a%3Ab%25c");
+    }
+  }
+  EXPECT_EQ(command("ktlsfileset /mnt/home home -Y", true).status, 1);
+}
+
+// As scripts read it: words after the line that holds "Directory".
+TEST_F(Commands, SnapshotListing) {
+  subvolume("snapshot -r 'my home' 'snaps/a b\n\\c'");
+  subvolume("snapshot 'my home' snaps/writable");
+  subvolume("create unrelated");
+  for (std::string number : {"1", "2"}) {
+    fs::create_directories("/mnt/top/snaps/" + number);
+    subvolume("snapshot -r 'my home' snaps/" + number + "/snapshot");
+  }
+  subvolume("snapshot -r 'my home' snapshot");
+  hideTop();
+  Result result = command("ktlssnapshot /mnt/home -j 'my home'");
+  ASSERT_EQ(result.status, 0);
+  auto header = std::find_if(result.lines.begin(), result.lines.end(), [](const std::string &line) {
+    return line.find("Directory") != std::string::npos;
+  });
+  ASSERT_NE(header, result.lines.end());
+  std::multiset<std::string> found;
+  for (auto line = header + 1; line != result.lines.end(); ++line) {
+    char name[2048], fileset[2048];
+    int id;
+    ASSERT_EQ(sscanf(line->c_str(), "%2047s %d %*s %*s %*s %*s %*s %*s %2047s", name, &id, fileset), 3)
+        << *line;
+    EXPECT_STREQ(fileset, "my\\040home");
+    found.insert(std::string(name) + " " + std::to_string(id));
+  }
+  EXPECT_EQ(found, (std::multiset<std::string>{"a\\040b\\012\\134c 257", "writable 258",
+                                               "snaps/1/snapshot 260", "snaps/2/snapshot 261",
+                                               "/snapshot 262"}));
+  EXPECT_EQ(command("ktlssnapshot /mnt/home -j nothing", true).status, 1);
+}
+
+TEST_F(Commands, EveryPathOfAnInode) {
+  fs::path home = "/mnt/home";
+  fs::create_directories(home / "a/b");
+  std::ofstream(home / "a/file") << "x";
+  std::set<std::string> paths = {"/a/file", "/a/b/x y", "/a/b/n\\nt\\tb\\\\"};
+  fs::create_hard_link(home / "a/file", home / "a/b/x y");
+  fs::create_hard_link(home / "a/file", home / "a/b/n\nt\tb\\");
+  // More links than one item holds, so that the overflow items are read too.
+  for (int i = 0; i < 2000; i++) {
+    std::string name = "link with a longer name " + std::to_string(i);
+    fs::create_hard_link(home / "a/file", home / "a" / name);
+    paths.insert("/a/" + name);
+  }
+  std::string ino = std::to_string(inodeOf(home / "a/file"));
+  subvolume("snapshot -r 'my home' snaps/s");
+  fs::remove(home / "a/b/x y");  // must not be found, committed or not
+
+  auto lookUp = [&](const std::string &root) {
+    Result result = command("kxfindinode -i " + ino + " -- " + root);
+    std::set<std::string> found;
+    for (const std::string &line : result.lines) {
+      unsigned long long number, generation;
+      int at = 0;
+      EXPECT_EQ(sscanf(line.c_str(), "%llu %llu %n", &number, &generation, &at), 2) << line;
+      EXPECT_EQ(std::to_string(number), ino);
+      EXPECT_EQ(line.compare(static_cast<size_t>(at), root.size(), root), 0) << line;
+      EXPECT_TRUE(found.insert(line.substr(static_cast<size_t>(at) + root.size())).second) << line;
+    }
+    return found;
+  };
+  EXPECT_EQ(lookUp("/mnt/top/snaps/s"), paths);
+  paths.erase("/a/b/x y");
+  EXPECT_EQ(lookUp("/mnt/home2"), paths);
+  EXPECT_EQ(lookUp("/mnt/home/a/b"), (std::set<std::string>{"/n\\nt\\tb\\\\"}));
+
+  std::string dir = std::to_string(inodeOf(home / "a/b"));
+  Result result = command("kxfindinode -i " + dir + " -- /mnt/home/");
+  ASSERT_EQ(result.lines.size(), 1u);
+  EXPECT_EQ(result.lines[0].substr(result.lines[0].rfind(' ')), " /mnt/home/a/b");
+  for (std::string missing : {"999999", "0", "18446744073709551615"}) {
+    result = command("kxfindinode -i " + missing + " -- /mnt/home 2>/dev/null");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.out, "");
+  }
+}
+
+TEST_F(Commands, UnlinkedFilesetsAreKept) {
+  for (std::string name : {"plain", "read only"}) {
+    subvolume("create 'my home/" + name + "'");
+    std::ofstream("/mnt/home/" + name + "/keep") << "data of " + name;
+  }
+  fs::create_directory("/mnt/home/directory");
+  ASSERT_EQ(run("btrfs property set '/mnt/home/read only' ro true && "
+                "mkdir -p /mnt/top/.unlinked/256-plain /mnt/top/.unlinked/257-plain")
+                .status,
+            0);
+  hideTop();
+  auto unlinkAt = [](const std::string &path) {
+    return command("ktunlinkfileset /mnt/home -J " + quoted(path) + " 2>/dev/null");
+  };
+  for (std::string wrong : {"/mnt/home/directory", "/mnt/home", "/mnt/home/", "/mnt/home/none", "/mnt",
+                            "/mnt/home/plain/..", "/"}) {
+    EXPECT_EQ(unlinkAt(wrong).status, 1) << wrong;
+  }
+  EXPECT_EQ(command("ktunlinkfileset /mnt -J /mnt/home/plain", true).status, 1);
+  ASSERT_TRUE(fs::exists("/mnt/home/plain/keep"));
+
+  EXPECT_EQ(unlinkAt("/mnt/home/plain/").out, ".unlinked/257-plain.1\n");
+  EXPECT_EQ(unlinkAt("/mnt/home2/read only").out, ".unlinked/258-read only\n");
+  EXPECT_FALSE(fs::exists("/mnt/home/plain"));
+  ASSERT_EQ(run("mount $(losetup -nO NAME -j /mnt/img) /mnt/top").status, 0);
+  for (std::string name : {"257-plain.1", "258-read only"}) {
+    std::ifstream kept("/mnt/top/.unlinked/" + name + "/keep");
+    std::string text;
+    std::getline(kept, text);
+    EXPECT_EQ(text.substr(0, 8), "data of ") << name;
+  }
+  EXPECT_EQ(run("btrfs property get '/mnt/top/.unlinked/258-read only' ro").out, "ro=true\n");
+}
+
+TEST(CommandLines, HelpAndMistakes) {
+  for (std::string name :
+       {"ktfsctl", "ktlsfileset", "ktlssnapshot", "ktunlinkfileset", "kxfindinode"}) {
+    Result help = command(name + " --help 2>/dev/null");
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out.substr(0, 7 + name.size()), "Usage: " + name);
+    for (std::string wrong : {" -Z", " --zero", "", " a b c d"}) {
+      Result result = command(name + wrong, true);
+      EXPECT_EQ(result.status, 1) << name << wrong;
+      EXPECT_NE(result.out.find("Usage: " + name), std::string::npos) << name << wrong;
+    }
+  }
+}
+
+}  // namespace

@@ -1,0 +1,421 @@
+#include "histories/generator.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <functional>
+
+namespace histories {
+
+using testsupport::TreeBuilder;
+
+// How often each kind of change comes, relative to each other.
+struct Generator::Weights {
+  unsigned create, remove, removeTree, replaceKind, rename, exchange, parentChild, ring, link, takeIn,
+      data, attribute, time, flag, replaceFile;
+  const char
+      *kinds;  // of new objects: d directory, f file, l symbolic link, p FIFO, s socket, c device
+};
+
+const std::vector<std::pair<std::string, Generator::Weights>> &Generator::table() {
+  static const std::vector<std::pair<std::string, Weights>> kTable = {
+      //        cre rem tree rpl ren exc p-c rin lnk tak dat att tim flg rpf
+      {"data", {4, 3, 0, 0, 0, 0, 0, 0, 0, 0, 70, 3, 5, 0, 15, "dfffffff"}},
+      {"attrs", {3, 2, 0, 0, 0, 0, 0, 0, 0, 0, 4, 70, 10, 12, 2, "ddffffllps"}},
+      {"trees", {30, 12, 18, 16, 0, 0, 0, 0, 0, 0, 10, 8, 3, 0, 6, "dddfffflpsc"}},
+      {"names", {12, 6, 5, 3, 32, 8, 4, 5, 0, 5, 8, 5, 2, 0, 2, "dddfffflp"}},
+      {"links", {10, 8, 4, 3, 18, 4, 1, 3, 30, 4, 8, 4, 2, 0, 3, "dddfffflpsc"}},
+      {"flags", {10, 6, 4, 3, 12, 3, 2, 2, 4, 3, 12, 8, 3, 26, 2, "dddffffffl"}},
+      {"all", {12, 7, 6, 4, 22, 6, 3, 4, 7, 4, 12, 10, 3, 6, 3, "dddfffflpsc"}},
+  };
+  return kTable;
+}
+
+const std::vector<std::string> &profiles() {
+  static const std::vector<std::string> kNames = {"data",  "attrs", "trees", "names",
+                                                  "links", "flags", "all"};
+  return kNames;
+}
+
+bool isProfile(const std::string &name) {
+  return std::find(profiles().begin(), profiles().end(), name) != profiles().end();
+}
+
+namespace {
+
+const std::vector<std::string> kHostileNames = {
+    " lead",      "trail ", "new\nline", "tab\tx", "back\\slash", "quo\"te", "apo'strophe",
+    "$(touch x)", "`id`",   ";semi",     "ba!ng",  "co:lon",      "%s%n",    "-dash",
+    "\xff\xfe",   "_17",    "17_",       "MOVE_3", "star*?",      "#hash"};
+
+const std::vector<std::string> kXattrNames = {"user.one", "user.two", "trusted.three", "security.four",
+                                              "user.na\nme"};
+const std::vector<uint64_t> kXattrSizes = {0, 1, 30, 300, 3000};
+const std::vector<uint64_t> kModes = {0600, 0644, 0755, 0000, 0777, 04755, 02755, 01777, 06711, 0444};
+const std::vector<uint64_t> kSizes = {0, 0, 1, 17, 900, 2048, 4095, 4096, 4097, 9000, 20000, 65536};
+const std::vector<int64_t> kTimes = {0,         -1,         -86400ll * 3650, 1ll << 31, (1ll << 32) + 5,
+                                     1ll << 33, 1000000000, 1700000000};
+
+std::string join(const std::string &dir, const std::string &name) {
+  return dir.empty() ? name : dir + "/" + name;
+}
+
+std::string parentOf(const std::string &path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "" : path.substr(0, slash);
+}
+
+std::string lastOf(const std::string &path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace
+
+Generator::Generator(const std::string &profile, uint64_t seed)
+    : weights_(std::find_if(table().begin(), table().end(),
+                            [&](const auto &entry) { return entry.first == profile; })
+                   ->second),
+      random_(seed) {
+  deep_ = random_.chance(30);
+  hostile_ = random_.chance(20);
+  const std::vector<unsigned> flagged = {0, 6, 6, 30};
+  flagPercent_ = weights_.flag ? random_.pick(flagged) : 0;
+}
+
+void Generator::perform(const Operation &operation) {
+  // What was refused half-way is a step of the history all the same.
+  bool halves = operation.verb == Verb::kRemoveTree || operation.verb == Verb::kReflink;
+  if (histories::apply(*tree_, operation) || halves) done_->push_back(operation);
+}
+
+void Generator::look() {
+  paths_.clear();
+  dirs_.assign(1, "");
+  files_.clear();
+  others_.clear();
+  std::function<void(const std::string &)> walk = [&](const std::string &dir) {
+    for (const std::string &name : tree_->names(dir)) {
+      std::string path = join(dir, name);
+      struct stat st;
+      if (lstat((tree_->root() + "/" + path).c_str(), &st) != 0) continue;
+      paths_.push_back(path);
+      if (S_ISREG(st.st_mode)) files_.push_back(path);
+      if (!S_ISDIR(st.st_mode)) {
+        others_.push_back(path);
+        continue;
+      }
+      dirs_.push_back(path);
+      walk(path);
+    }
+  };
+  walk("");
+  // The walk meets "a", "a/b", "a-b"; look-ups want them by bytes.
+  for (auto *list : {&paths_, &dirs_, &files_, &others_}) std::sort(list->begin(), list->end());
+}
+
+std::string Generator::freshName() {
+  std::string name = "n" + std::to_string(++counter_);
+  return hostile_ && random_.chance(25) ? random_.pick(kHostileNames) + name : name;
+}
+
+std::string Generator::freshPath() {
+  std::string dir = random_.pick(dirs_);
+  auto depth = [](const std::string &path) { return std::count(path.begin(), path.end(), '/'); };
+  if (deep_) {
+    for (int i = 0; i < 2; ++i) {
+      std::string other = random_.pick(dirs_);
+      if (depth(other) > depth(dir)) dir = other;
+    }
+  }
+  // Long paths are a matter of their own, see the scenario tests.
+  if (dir.size() > 1000) dir = "";
+  return join(dir, freshName());
+}
+
+std::string Generator::anyPath() {
+  uint64_t r = random_.below(100);
+  if (r < 45 || snapshotPaths_.empty()) return freshPath();
+  return r < 80 || paths_.empty() ? random_.pick(snapshotPaths_) : random_.pick(paths_);
+}
+
+uint64_t Generator::fileSize() {
+  return random_.chance(4) ? random_.between(100000, 700000) : random_.pick(kSizes);
+}
+
+char Generator::anyKind() {
+  std::string kinds = weights_.kinds;
+  return kinds[random_.below(kinds.size())];
+}
+
+void Generator::create(const std::string &path, char kind) {
+  switch (kind) {
+    case 'd':
+      perform({Verb::kDir, path, "", random_.chance(70) ? 0755 : random_.pick(kModes), 0, 0});
+      break;
+    case 'f': {
+      if (random_.chance(8) && !files_.empty()) {
+        perform({Verb::kReflink, random_.pick(files_), path, 0, 0, 0});
+        break;
+      }
+      uint64_t size = fileSize();
+      perform({Verb::kFile, path, "", random_.next(), size, 0});
+      if (size == 0 && random_.chance(15)) {
+        perform({random_.chance(50) ? Verb::kNoCow : Verb::kCompress, path, "", 1, 0, 0});
+        perform({Verb::kWrite, path, "", 0, random_.pick(kSizes), random_.next()});
+      }
+      break;
+    }
+    case 'l': {
+      static const std::vector<std::string> kTargets = {"dangling", "n1", "../n2", "/", "/etc/passwd"};
+      std::string target =
+          random_.chance(10) ? std::string(300 + random_.below(200), 't') : random_.pick(kTargets);
+      perform({Verb::kSymlink, path, target, 0, 0, 0});
+      break;
+    }
+    case 'p':
+      perform({Verb::kFifo, path, "", 0, 0, 0});
+      break;
+    case 's':
+      perform({Verb::kSocket, path, "", 0, 0, 0});
+      break;
+    default:
+      perform(
+          {Verb::kDevice, path, "", random_.below(2), random_.between(1, 300), random_.below(5000)});
+  }
+}
+
+void Generator::changeData(const std::string &path) {
+  struct stat st;
+  uint64_t size = 0;
+  if (lstat((tree_->root() + "/" + path).c_str(), &st) == 0) size = static_cast<uint64_t>(st.st_size);
+  uint64_t offset = random_.below(size + 1);
+  if (random_.chance(40)) offset = offset / 4096 * 4096;
+  uint64_t length = std::max<uint64_t>(1, random_.pick(kSizes));
+  switch (random_.below(10)) {
+    case 0:
+    case 1:
+    case 2:
+      perform({Verb::kWrite, path, "", offset, length, random_.next()});
+      break;
+    case 3:
+      perform({Verb::kTruncate, path, "", random_.chance(30) ? 0 : offset, 0, 0});
+      break;
+    case 4:
+      perform({Verb::kTruncate, path, "", size + random_.pick(kSizes) * 3, 0, 0});
+      break;
+    case 5:
+      perform({Verb::kPunch, path, "", offset / 4096 * 4096, 4096 * random_.between(1, 8), 0});
+      break;
+    case 6:
+      perform({Verb::kWrite, path, "", size + random_.pick(kSizes), length, random_.next()});
+      break;
+    case 7:
+      perform({Verb::kPreallocate, path, "", offset, length + 4096, random_.below(2)});
+      if (random_.chance(50)) perform({Verb::kWrite, path, "", offset, length / 2 + 1, random_.next()});
+      break;
+    case 8:
+      perform({Verb::kZeros, path, "", offset, length, 0});
+      break;
+    default:
+      // The same file changed by way of a commit: old and new data are both on disk.
+      perform({Verb::kCommit, "", "", 0, 0, 0});
+      perform({Verb::kWrite, path, "", offset, length, random_.next()});
+  }
+}
+
+void Generator::changeAttribute(const std::string &path) {
+  bool isDir = std::binary_search(dirs_.begin(), dirs_.end(), path);
+  bool isFile = std::binary_search(files_.begin(), files_.end(), path);
+  switch (random_.below(9)) {
+    case 0:
+      perform({Verb::kChmod, path, "", random_.pick(kModes), 0, 0});
+      break;
+    case 1:
+      perform({Verb::kChown, path, "", random_.below(3) * 1000, random_.below(3) * 1000, 0});
+      break;
+    case 2:
+      perform({Verb::kSetAcl, path, testsupport::kAccessAcl, random_.between(1000, 1002),
+               random_.below(8), 0});
+      break;
+    case 3:
+      if (isDir)
+        perform({Verb::kSetAcl, path, testsupport::kDefaultAcl, random_.between(1000, 1002),
+                 random_.below(8), 0});
+      else
+        perform({Verb::kRemoveXattr, path, testsupport::kAccessAcl, 0, 0, 0});
+      break;
+    case 4:
+      perform({Verb::kRemoveXattr, path, isDir ? testsupport::kDefaultAcl : testsupport::kAccessAcl, 0,
+               0, 0});
+      break;
+    case 5:
+      if (isFile) perform({Verb::kCapability, path, "", 0, 0, 0});
+      break;
+    case 6:
+      perform({Verb::kRemoveXattr, path, random_.pick(kXattrNames), 0, 0, 0});
+      break;
+    default:
+      perform({Verb::kSetXattr, path, random_.pick(kXattrNames), random_.next(),
+               random_.pick(kXattrSizes), 0});
+  }
+}
+
+void Generator::changeFlag(const std::string &path) {
+  Verb verb = random_.chance(75) ? Verb::kImmutable : Verb::kAppendOnly;
+  perform({verb, path, "", random_.chance(60), 0, 0});
+}
+
+void Generator::exchangeParentAndChild() {
+  std::vector<std::string> inner;
+  for (const std::string &dir : dirs_)
+    if (dir.find('/') != std::string::npos) inner.push_back(dir);
+  if (inner.empty()) return;
+  std::string child = random_.pick(inner), parent = parentOf(child), aside = freshName();
+  perform({Verb::kRename, child, aside, 0, 0, 0});
+  perform({Verb::kRename, parent, join(aside, random_.chance(50) ? "in" : lastOf(parent)), 0, 0, 0});
+  if (random_.chance(70)) perform({Verb::kRename, aside, parent, 0, 0, 0});
+}
+
+void Generator::ring() {
+  if (paths_.size() < 3) return;
+  std::string a = random_.pick(paths_), b = random_.pick(paths_), c = random_.pick(paths_),
+              aside = freshName();
+  perform({Verb::kRename, a, aside, 0, 0, 0});
+  perform({Verb::kRename, b, a, 0, 0, 0});
+  perform({Verb::kRename, c, b, 0, 0, 0});
+  perform({Verb::kRename, aside, c, 0, 0, 0});
+}
+
+void Generator::newTreeThatTakesIn() {
+  std::string top = freshPath(), inner = top;
+  create(top, 'd');
+  for (uint64_t depth = random_.below(3); depth > 0; --depth) {
+    inner += "/s";
+    create(inner, 'd');
+  }
+  for (uint64_t i = 0, n = random_.between(1, 4); i < n; ++i) {
+    look();
+    if (paths_.empty()) return;
+    std::string taken = join(random_.chance(50) ? top : inner, "v" + std::to_string(i));
+    perform({Verb::kRename, random_.pick(paths_), taken, 0, 0, 0});
+    if (random_.chance(60)) {
+      create(taken + "/w", 'd');
+      create(taken + "/w/" + std::to_string(i), anyKind());
+      create(taken + "/z", 'd');
+    }
+  }
+}
+
+void Generator::replaceKind(const std::string &path) {
+  perform({Verb::kRemoveTree, path, "", 0, 0, 0});
+  char kind = anyKind();
+  create(path, kind);
+  if (kind != 'd') return;
+  // Often with the same names below as the directory that stood there.
+  for (const std::string &old : snapshotPaths_)
+    if (parentOf(old) == path && random_.chance(60)) create(old, anyKind());
+}
+
+void Generator::oneChange() {
+  look();
+  if (paths_.empty()) return create(freshPath(), anyKind());
+  const std::string path = random_.pick(paths_);
+  const Weights &w = weights_;
+  struct Choice {
+    unsigned weight;
+    std::function<void()> change;
+  };
+  const Choice choices[] = {
+      {w.create, [&] { create(anyPath(), anyKind()); }},
+      {w.remove,
+       [&] {
+         perform({Verb::kRemove, path, "", 0, 0, 0});
+       }},
+      {w.removeTree,
+       [&] {
+         perform({Verb::kRemoveTree, path, "", 0, 0, 0});
+       }},
+      {w.replaceKind, [&] { replaceKind(path); }},
+      {w.rename,
+       [&] {
+         perform({Verb::kRename, path, anyPath(), 0, 0, 0});
+       }},
+      {w.exchange,
+       [&] {
+         perform({Verb::kExchange, path, random_.pick(paths_), 0, 0, 0});
+       }},
+      {w.parentChild, [&] { exchangeParentAndChild(); }},
+      {w.ring, [&] { ring(); }},
+      {w.link,
+       [&] {
+         if (!others_.empty()) perform({Verb::kLink, random_.pick(others_), anyPath(), 0, 0, 0});
+       }},
+      {w.takeIn, [&] { newTreeThatTakesIn(); }},
+      {w.data,
+       [&] {
+         if (!files_.empty()) changeData(random_.pick(files_));
+       }},
+      {w.attribute, [&] { changeAttribute(path); }},
+      {w.time,
+       [&] {
+         perform({Verb::kMtime, path, "", static_cast<uint64_t>(random_.pick(kTimes)),
+                  random_.below(1000000000), 0});
+       }},
+      {w.flag, [&] { changeFlag(path); }},
+      {w.replaceFile,
+       [&] {
+         if (files_.empty()) return;
+         std::string file = random_.pick(files_);
+         perform({Verb::kRemove, file, "", 0, 0, 0});
+         create(file, 'f');
+       }},
+  };
+  unsigned total = 0;
+  for (const Choice &choice : choices) total += choice.weight;
+  uint64_t r = random_.below(total);
+  for (const Choice &choice : choices) {
+    if (r < choice.weight) return choice.change();
+    r -= choice.weight;
+  }
+}
+
+std::vector<Operation> Generator::buildInitial(TreeBuilder &tree) {
+  std::vector<Operation> done;
+  tree_ = &tree;
+  done_ = &done;
+  for (uint64_t i = 0, n = random_.between(8, 32); i < n; ++i) {
+    look();
+    create(freshPath(), anyKind());
+    if (weights_.link && random_.chance(25) && !others_.empty())
+      perform({Verb::kLink, random_.pick(others_), freshPath(), 0, 0, 0});
+    if (random_.chance(25) && !paths_.empty()) changeAttribute(random_.pick(paths_));
+    if (weights_.data > 20 && random_.chance(30) && !files_.empty()) changeData(random_.pick(files_));
+  }
+  look();
+  for (const std::string &path : paths_)
+    if (random_.chance(50))
+      perform({Verb::kMtime, path, "", static_cast<uint64_t>(random_.pick(kTimes)),
+               random_.below(1000000000), 0});
+  for (const std::string &path : paths_)
+    if (random_.chance(flagPercent_))
+      perform({random_.chance(75) ? Verb::kImmutable : Verb::kAppendOnly, path, "", 1, 0, 0});
+  snapshotPaths_ = paths_;
+  return done;
+}
+
+std::vector<Operation> Generator::change(TreeBuilder &tree) {
+  std::vector<Operation> done;
+  tree_ = &tree;
+  done_ = &done;
+  if (flagPercent_ > 10)  // where much is flagged, most changes need the flag gone
+    for (const std::string &path : snapshotPaths_)
+      if (random_.chance(60)) {
+        perform({Verb::kImmutable, path, "", 0, 0, 0});
+        perform({Verb::kAppendOnly, path, "", 0, 0, 0});
+      }
+  for (uint64_t i = 0, n = random_.between(3, 25); i < n; ++i) oneChange();
+  return done;
+}
+
+}  // namespace histories

@@ -1,0 +1,67 @@
+// generator.h: makes random histories against a live tree, so that operations meet objects that exist,
+// those made since the snapshot included. The same seed and profile give the same history everywhere.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "histories/operation.h"
+#include "histories/random.h"
+#include "support/tree_builder.h"
+
+namespace histories {
+
+// data   changed, grown, shrunk, punched, preallocated, replaced files; no renames
+// attrs  modes, owners, ACLs, extended attributes, times, flags; no renames
+// trees  objects and whole trees created, deleted, replaced by other kinds; no renames, no hard links
+// names  renames, swaps, rings, parent and child exchanged, into new, moved and deleted directories
+// links  hard links of everything but directories, added, removed, moved; with renames
+// flags  immutable and append-only set or cleared, among changes of every kind
+// all    everything
+bool isProfile(const std::string &name);
+const std::vector<std::string> &profiles();
+
+class Generator {
+ public:
+  Generator(const std::string &profile, uint64_t seed);
+
+  // Both apply what they generate and return it; operations that the kernel refused are left out,
+  // unless they may have done a part of their work.
+  std::vector<Operation> buildInitial(testsupport::TreeBuilder &tree);
+  std::vector<Operation> change(testsupport::TreeBuilder &tree);
+
+ private:
+  struct Weights;
+  static const std::vector<std::pair<std::string, Weights>> &table();
+
+  void perform(const Operation &operation);
+  void look();  // reads the names of the tree again
+  std::string freshName();
+  std::string freshPath();
+  std::string anyPath();  // new, gone since the snapshot, or taken
+  uint64_t fileSize();
+
+  void create(const std::string &path, char kind);
+  char anyKind();
+  void changeData(const std::string &path);
+  void changeAttribute(const std::string &path);
+  void changeFlag(const std::string &path);
+  void exchangeParentAndChild();
+  void ring();
+  void newTreeThatTakesIn();
+  void replaceKind(const std::string &path);
+  void oneChange();
+
+  const Weights &weights_;
+  Random random_;
+  testsupport::TreeBuilder *tree_ = nullptr;
+  std::vector<Operation> *done_ = nullptr;
+  std::vector<std::string> paths_, dirs_, files_, others_;  // sorted; others_: all but directories
+  std::vector<std::string> snapshotPaths_;
+  unsigned counter_ = 0;
+  unsigned flagPercent_ = 0;
+  bool deep_ = false, hostile_ = false;
+};
+
+}  // namespace histories

@@ -1,0 +1,173 @@
+#include "histories/runner.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+
+#include "histories/generator.h"
+#include "histories/random.h"
+#include "support/survival.h"
+#include "support/tree_fingerprint.h"
+
+namespace histories {
+
+using testsupport::LoopBtrfs;
+using testsupport::RunOptions;
+using testsupport::RunResult;
+using testsupport::TreeBuilder;
+using testsupport::TreePrint;
+
+namespace {
+
+constexpr unsigned kRunsPerFileSystem = 64;  // before deleted subvolumes fill it
+constexpr int kMostTries = 600;              // of a shrinking
+
+// "mtime", "left over", "remade": lines of one kind count as the same failure.
+std::string kindOf(const std::string &line) {
+  return line.substr(0, std::min(line.find(" of "), line.find(": ")));
+}
+
+}  // namespace
+
+Runner::Runner(const Settings &settings) : settings_(settings) {
+  freshFileSystem();
+}
+
+void Runner::freshFileSystem() {
+  fs_.reset();
+  fs_ = std::make_unique<LoopBtrfs>("histories");
+}
+
+Outcome Runner::generate(uint64_t seed) {
+  Generator generator(settings_.profile, seed);
+  History history;
+  Outcome outcome = run(
+      seed, [&](TreeBuilder &tree) { history.initial = generator.buildInitial(tree); },
+      [&](TreeBuilder &tree) { history.changes = generator.change(tree); });
+  outcome.history = std::move(history);
+  return outcome;
+}
+
+Outcome Runner::replay(const History &history, uint64_t seed) {
+  auto applyAll = [](const std::vector<Operation> &operations) {
+    return [&operations](TreeBuilder &tree) {
+      for (const Operation &operation : operations) apply(tree, operation);
+    };
+  };
+  Outcome outcome = run(seed, applyAll(history.initial), applyAll(history.changes));
+  outcome.history = history;
+  return outcome;
+}
+
+Outcome Runner::run(uint64_t seed, const Builder &initial, const Builder &changes) {
+  if (runs_++ % kRunsPerFileSystem == kRunsPerFileSystem - 1) freshFileSystem();
+  std::string fileset = "h" + std::to_string(runs_), snapshot = fileset + "-snap";
+  Outcome outcome;
+  fs_->createSubvolume(fileset);
+  {
+    TreeBuilder tree(fs_->path(fileset));
+    initial(tree);
+    fs_->snapshot(fileset, snapshot);
+    changes(tree);
+  }
+  outcome.problems = restoreAndJudge(seed, fileset, snapshot, &outcome);
+  if (settings_.keep && !outcome.problems.empty()) {
+    std::string to = "/tmp/histories-" + std::to_string(seed);
+    testsupport::runCommand("rm -rf " + to + "; mkdir " + to + "; cp -a " + fs_->path(fileset) +
+                            "/RestoreTemp* " + to + " || true");
+    fprintf(stderr, "work directory kept in %s\n", to.c_str());
+  }
+  fs_->destroySubvolume(snapshot);
+  fs_->destroySubvolume(fileset);
+  return outcome;
+}
+
+std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::string &fileset,
+                                                 const std::string &snapshot, Outcome *outcome) {
+  Random random(seed ^ 0x5eed0fc401ce5ull);
+  int workers = settings_.workers ? settings_.workers : (seed % 2 ? 36 : 2);
+  int maxWorkers = settings_.maxWorkers ? settings_.maxWorkers : (workers == 36 ? 36 : 0);
+  RunOptions options;
+  options.program = settings_.program;
+  options.timeoutSeconds = settings_.timeoutSeconds;
+  if (maxWorkers) options.environment.emplace_back("KT_MAX_WORKERS", std::to_string(maxWorkers));
+  if (!settings_.passes.empty())
+    options.environment.emplace_back("DIFF_ITEM_LIMIT", std::to_string(random.pick(settings_.passes)));
+  std::vector<std::string> further{"-m", std::to_string(workers)};
+  if (settings_.keep) further.emplace_back("-k");
+
+  TreePrint want = testsupport::fingerprint(fs_->path(snapshot));
+  TreePrint before = testsupport::fingerprint(fs_->path(fileset));
+  if (settings_.killBefore) {
+    RunOptions killed = options;
+    for (uint64_t n = random.between(1, 2); n > 0; --n) {
+      killed.killAfterSeconds = static_cast<double>(random.below(300)) / 1000;
+      testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, further, killed);
+    }
+  }
+  RunResult result = testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, further, options);
+  outcome->runText = result.describe();
+  outcome->restoreSeconds = result.seconds;
+
+  std::vector<std::string> problems;
+  if (result.timedOut) problems.push_back("timed out");
+  if (result.exitStatus != 0) problems.push_back("exit status: " + std::to_string(result.exitStatus));
+  if (result.processesLeft)
+    problems.push_back("processes left: " + std::to_string(result.processesLeft));
+  testsupport::FingerprintOptions reading;
+  if (settings_.keep) reading.excludePrefixes = {"RestoreTemp"};
+  TreePrint after = testsupport::fingerprint(fs_->path(fileset), reading);
+  for (std::string &line : testsupport::compare(want, after)) problems.push_back(std::move(line));
+  for (std::string &line : testsupport::remadeOrTouched(want, before, after, !settings_.killBefore))
+    problems.push_back(std::move(line));
+  TreePrint wantAgain = testsupport::fingerprint(fs_->path(snapshot));
+  for (std::string &line : testsupport::compare(want, wantAgain))
+    problems.push_back("snapshot changed: " + line);
+  return problems;
+}
+
+bool Runner::failsAlike(const History &history, uint64_t seed, const std::vector<std::string> &problems,
+                        Outcome *outcome) {
+  std::set<std::string> kinds;
+  for (const std::string &line : problems) kinds.insert(kindOf(line));
+  // What depends on the order of workers or the moment of a kill need not fail every time.
+  int tries = settings_.killBefore ? 4 : seed % 2 ? 2 : 1;
+  for (; tries > 0; --tries) {
+    Outcome one = replay(history, seed);
+    if (std::any_of(one.problems.begin(), one.problems.end(),
+                    [&](const std::string &line) { return kinds.count(kindOf(line)) != 0; })) {
+      *outcome = std::move(one);
+      return true;
+    }
+  }
+  return false;
+}
+
+Outcome Runner::shrink(const Outcome &failed, uint64_t seed) {
+  Outcome best = failed;
+  int tries = kMostTries;
+  for (bool changed = true; changed && tries > 0;) {
+    changed = false;
+    for (auto section : {&History::changes, &History::initial}) {
+      for (size_t piece = std::max<size_t>(1, (best.history.*section).size() / 2);; piece /= 2) {
+        for (size_t at = 0; at < (best.history.*section).size() && tries > 0; --tries) {
+          History smaller = best.history;
+          auto &operations = smaller.*section;
+          size_t end = std::min(at + piece, operations.size());
+          operations.erase(operations.begin() + static_cast<long>(at),
+                           operations.begin() + static_cast<long>(end));
+          if (failsAlike(smaller, seed, failed.problems, &best))
+            changed = true;
+          else
+            at += piece;
+        }
+        if (piece <= 1) break;
+      }
+    }
+  }
+  return best;
+}
+
+}  // namespace histories

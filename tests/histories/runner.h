@@ -1,0 +1,57 @@
+// runner.h: one history from the empty fileset to the verdict.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "histories/operation.h"
+#include "support/loop_btrfs.h"
+#include "support/restore_run.h"
+
+namespace histories {
+
+struct Settings {
+  std::string profile = "all";
+  std::string program = testsupport::kRestoreProgram;
+  int workers = 0;          // -m; 0: 2 for even seeds, 36 for odd ones
+  int maxWorkers = 0;       // KT_MAX_WORKERS; 0: 36 with 36 workers, else unset
+  std::vector<int> passes;  // one of these at random as DIFF_ITEM_LIMIT; empty: unset
+  bool killBefore = false;  // kill one or two restores at random moments first
+  bool keep = false;        // restore with -k; copy the work directory of a failure to /tmp
+  bool verbose = false;
+  double timeoutSeconds = 60;
+};
+
+struct Outcome {
+  History history;
+  std::vector<std::string> problems;  // empty: restored
+  std::string runText;                // of the last restore
+  double restoreSeconds = 0;
+};
+
+class Runner {
+ public:
+  explicit Runner(const Settings &settings);
+  Outcome generate(uint64_t seed);                        // a random history of the profile
+  Outcome replay(const History &history, uint64_t seed);  // the seed chooses workers, passes, moments
+  // The smallest history found that fails in one of the ways of `failed`, by leaving operations out.
+  Outcome shrink(const Outcome &failed, uint64_t seed);
+
+ private:
+  using Builder = std::function<void(testsupport::TreeBuilder &)>;
+  Outcome run(uint64_t seed, const Builder &initial, const Builder &changes);
+  std::vector<std::string> restoreAndJudge(uint64_t seed, const std::string &fileset,
+                                           const std::string &snapshot, Outcome *outcome);
+  bool failsAlike(const History &history, uint64_t seed, const std::vector<std::string> &problems,
+                  Outcome *outcome);
+  void freshFileSystem();
+
+  Settings settings_;
+  std::unique_ptr<testsupport::LoopBtrfs> fs_;
+  unsigned runs_ = 0;
+};
+
+}  // namespace histories

@@ -1,0 +1,180 @@
+// The random-history runner itself: the same seed gives the same history, good restores pass, bad ones
+// fail with the right lines, and failures shrink. Small scripts stand in for the restore program.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+
+#include "histories/generator.h"
+#include "histories/runner.h"
+#include "support/loop_btrfs.h"
+#include "support/survival.h"
+#include "support/tree_fingerprint.h"
+
+using namespace histories;
+using testsupport::fingerprint;
+using testsupport::joined;
+using testsupport::LoopBtrfs;
+using testsupport::TreeBuilder;
+using testsupport::TreePrint;
+
+namespace {
+
+// $1 is the mount point, $3 the fileset, $5 the snapshot.
+std::string script(const std::string &name, const std::string &body) {
+  std::string path = "/mnt/" + name;
+  std::ofstream(path) << "#!/bin/sh\n" << body << "\n";
+  chmod(path.c_str(), 0755);
+  return path;
+}
+
+std::string swappingRestore() {
+  return script("swap", "btrfs -q subvolume delete $1/$3 && btrfs -q subvolume snapshot $1/$5 $1/$3");
+}
+
+History generated(LoopBtrfs &fs, const std::string &fileset, const std::string &profile,
+                  uint64_t seed) {
+  fs.createSubvolume(fileset);
+  TreeBuilder tree(fs.path(fileset));
+  Generator generator(profile, seed);
+  History history;
+  history.initial = generator.buildInitial(tree);
+  history.changes = generator.change(tree);
+  return history;
+}
+
+TEST(Generator, SeedDecidesTheHistory) {
+  LoopBtrfs fs("gen");
+  for (const std::string &profile : profiles()) {
+    History one = generated(fs, profile + "1", profile, 11),
+            two = generated(fs, profile + "2", profile, 11),
+            other = generated(fs, profile + "3", profile, 12);
+    EXPECT_EQ(print(one), print(two)) << profile;
+    EXPECT_NE(print(one), print(other)) << profile;
+    EXPECT_GE(one.initial.size(), 8u);
+    EXPECT_FALSE(one.changes.empty());
+  }
+}
+
+TEST(Generator, ReplayOfThePrintedHistoryBuildsTheSameTree) {
+  LoopBtrfs fs("replay");
+  for (uint64_t seed = 1; seed <= 20; ++seed) {
+    std::string name = "t" + std::to_string(seed);
+    History history = generated(fs, name, "all", seed);
+    History again = parseHistory(print(history));
+    ASSERT_EQ(again.initial, history.initial);
+    ASSERT_EQ(again.changes, history.changes);
+    fs.createSubvolume(name + "r");
+    TreeBuilder tree(fs.path(name + "r"));
+    for (const auto *section : {&again.initial, &again.changes})
+      for (const Operation &operation : *section) apply(tree, operation);
+    std::vector<std::string> lines = compare(fingerprint(fs.path(name)), fingerprint(tree.root()));
+    // Times that nobody set are those of the clock.
+    std::erase_if(lines, [](const std::string &line) { return line.rfind("mtime of ", 0) == 0; });
+    EXPECT_EQ(joined(lines), "") << "seed " << seed;
+  }
+}
+
+TEST(Generator, ProfilesKeepToTheirKinds) {
+  LoopBtrfs fs("kinds");
+  auto uses = [&](const std::string &profile, std::initializer_list<Verb> verbs) {
+    size_t found = 0;
+    for (uint64_t seed = 1; seed <= 15; ++seed) {
+      std::string name = profile + std::to_string(verbs.size()) + "-" + std::to_string(seed);
+      History history = generated(fs, name, profile, seed);
+      for (const auto *section : {&history.initial, &history.changes})
+        for (const Operation &operation : *section)
+          if (std::find(verbs.begin(), verbs.end(), operation.verb) != verbs.end()) ++found;
+      fs.destroySubvolume(name);
+    }
+    return found;
+  };
+  for (const char *profile : {"data", "attrs", "trees"})
+    EXPECT_EQ(uses(profile, {Verb::kRename, Verb::kExchange, Verb::kLink}), 0u) << profile;
+  EXPECT_EQ(uses("names", {Verb::kLink}), 0u);
+  EXPECT_GT(uses("links", {Verb::kLink}), 30u);
+  EXPECT_GT(uses("names", {Verb::kRename, Verb::kExchange}), 30u);
+  EXPECT_GT(uses("flags", {Verb::kImmutable, Verb::kAppendOnly}), 30u);
+  EXPECT_GT(uses("attrs", {Verb::kSetAcl}), 10u);
+  EXPECT_GT(uses("data", {Verb::kPunch, Verb::kPreallocate}), 10u);
+}
+
+TEST(Runner, GoodRestorePasses) {
+  Settings settings;
+  settings.program = swappingRestore();
+  Runner runner(settings);
+  for (uint64_t seed = 1; seed <= 30; ++seed) {
+    Outcome outcome = runner.generate(seed);
+    ASSERT_EQ(joined(outcome.problems), "") << print(outcome.history) << outcome.runText;
+  }
+}
+
+TEST(Runner, DoingNothingFailsAndShrinksToOneChange) {
+  Settings settings;
+  settings.profile = "names";
+  settings.program = "/bin/true";
+  Runner runner(settings);
+  Outcome outcome = runner.generate(2);
+  ASSERT_FALSE(outcome.problems.empty());
+  Outcome small = runner.shrink(outcome, 2);
+  EXPECT_FALSE(small.problems.empty());
+  EXPECT_EQ(small.history.changes.size(), 1u) << print(small.history);
+  EXPECT_LE(small.history.initial.size(), 2u) << print(small.history);
+}
+
+TEST(Runner, EachWayToBeWrongIsSeen) {
+  struct {
+    const char *name, *body, *expected;
+  } const cases[] = {
+      {"status", "/mnt/swap \"$@\"; exit 1", "exit status: 1"},
+      {"left", "/mnt/swap \"$@\"; mkdir $1/$3/RestoreTemp1", "left over: RestoreTemp1"},
+      {"lingers", "/mnt/swap \"$@\"; sleep 60 & exit 0", "processes left: 1"},
+      {"copies",
+       "btrfs -q subvolume delete $1/$3 && btrfs -q subvolume create $1/$3 >/dev/null && "
+       "touch $1/$3/shift && rm $1/$3/shift && cp -a $1/$5/. $1/$3",
+       "remade: kept"},
+      {"touches", "/mnt/swap \"$@\"; chmod 644 $1/$3/kept", "touched: kept had not changed"},
+      {"spoils", "btrfs property set $1/$5 ro false; /mnt/swap \"$@\"; touch $1/$5/kept",
+       "snapshot changed: mtime of kept"},
+  };
+  swappingRestore();
+  History history;
+  history.initial = {{Verb::kFile, "kept", "", 1, 10, 0}, {Verb::kFile, "gone", "", 2, 10, 0}};
+  history.changes = {{Verb::kRemove, "gone", "", 0, 0, 0}};
+  for (const auto &one : cases) {
+    Settings settings;
+    settings.program = script(one.name, one.body);
+    Outcome outcome = Runner(settings).replay(history, 2);
+    EXPECT_NE(joined(outcome.problems).find(one.expected), std::string::npos)
+        << one.name << "\n"
+        << joined(outcome.problems) << outcome.runText;
+  }
+}
+
+TEST(Survival, HardLinkedInodeMayBeRemadeOnlyWhereNoNameStayed) {
+  LoopBtrfs fs("links");
+  fs.createSubvolume("f");
+  TreeBuilder tree(fs.path("f"));
+  tree.dir("d");
+  for (const char *name : {"stays", "moves"}) {
+    tree.file(name, "x");
+    tree.link(name, std::string("d/") + name);
+  }
+  TreePrint want = fingerprint(fs.snapshot("f", "snap"));
+  tree.rename("d/stays", "elsewhere");
+  tree.rename("moves", "d/other1");
+  tree.rename("d/moves", "other2");
+  TreePrint before = fingerprint(tree.root());
+  for (const char *name : {"elsewhere", "d/other1", "other2", "stays"}) tree.remove(name);
+  for (const char *name : {"stays", "moves"}) {
+    tree.file(name, "x");
+    tree.link(name, std::string("d/") + name);
+  }
+  std::vector<std::string> lines = remadeOrTouched(want, before, fingerprint(tree.root()), true);
+  ASSERT_EQ(lines.size(), 2u) << joined(lines);
+  EXPECT_EQ(lines[0].rfind("remade: d/stays", 0), 0u) << lines[0];
+  EXPECT_EQ(lines[1].rfind("remade: stays", 0), 0u) << lines[1];
+}
+
+}  // namespace

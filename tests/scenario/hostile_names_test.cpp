@@ -1,0 +1,195 @@
+// Names and paths that break programs that quote, print or measure carelessly.
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "scenario/restore_fixture.h"
+
+using namespace scenario;
+
+namespace {
+
+const std::vector<std::string> &hostileNames() {
+  static const std::vector<std::string> kNames = {" ",
+                                                  "two  blanks ",
+                                                  "new\nline",
+                                                  "\n",
+                                                  "tab\there",
+                                                  "back\\slash",
+                                                  "\\n",
+                                                  "quo\"te",
+                                                  "apo'strophe",
+                                                  "$(touch owned-by-name)",
+                                                  "`touch owned-by-name`",
+                                                  "; touch owned-by-name",
+                                                  "ba!ng",
+                                                  "co:lon",
+                                                  "%s%n%d",
+                                                  "-rf",
+                                                  "--",
+                                                  "*",
+                                                  "?[a]",
+                                                  "#",
+                                                  "&",
+                                                  "|",
+                                                  "<>",
+                                                  "~",
+                                                  "\xff\xfe not UTF-8",
+                                                  "\x01\x1b[0m",
+                                                  "..x",
+                                                  "...",
+                                                  std::string(255, 'n'),
+                                                  std::string(255, '\xe4'),
+                                                  "RestoreTemp",
+                                                  "RestoreTemp1",
+                                                  "_17",
+                                                  "17_",
+                                                  "MOVE_3",
+                                                  "DelDir_5",
+                                                  "NewDir_5",
+                                                  "ErrorLog",
+                                                  "checkpoint",
+                                                  "opList",
+                                                  "fatal.error",
+                                                  "LIST",
+                                                  "TEST"};
+  return kNames;
+}
+
+class HostileNames : public RestoreFixture {
+ protected:
+  void TearDown() override {
+    for (const char *folder : {"/", "/mnt/"})
+      EXPECT_FALSE(std::filesystem::remove(std::string(folder) + "owned-by-name"))
+          << "a name was run as a command";
+    RestoreFixture::TearDown();
+  }
+  // A file, a directory with a file and a symbolic link for each name.
+  void buildAll() {
+    for (const char *dir : {"files", "dirs", "links"}) tree().dir(dir);
+    for (const std::string &name : hostileNames()) {
+      tree().file("files/" + name, "of " + name);
+      tree().dir("dirs/" + name);
+      tree().file("dirs/" + name + "/" + name, "x");
+      tree().symlink(name, "links/" + name);
+    }
+  }
+};
+
+TEST_F(HostileNames, Changed) {
+  buildAll();
+  takeSnapshot();
+  for (const std::string &name : hostileNames()) {
+    tree().write("files/" + name, 0, "changed");
+    tree().chmod("dirs/" + name, 0700);
+    tree().write("dirs/" + name + "/" + name, 0, "changed");
+    tree().chown("links/" + name, 3, 3);
+  }
+  expectRestored();
+}
+
+TEST_F(HostileNames, Deleted) {
+  buildAll();
+  takeSnapshot();
+  for (const char *dir : {"files", "dirs", "links"}) tree().removeTree(dir);
+  expectRestored();
+}
+
+TEST_F(HostileNames, DeletedOneByOne) {
+  buildAll();
+  takeSnapshot();
+  for (const std::string &name : hostileNames()) {
+    tree().remove("files/" + name);
+    tree().removeTree("dirs/" + name);
+    tree().remove("links/" + name);
+  }
+  expectRestored();
+}
+
+TEST_F(HostileNames, Created) {
+  takeSnapshot();
+  buildAll();
+  expectRestored();
+}
+
+TEST_F(HostileNames, InTheRootItself) {
+  for (const std::string &name : hostileNames()) tree().file(name, "x");
+  takeSnapshot();
+  for (const std::string &name : hostileNames()) {
+    tree().remove(name);
+    tree().dir(name);
+  }
+  expectRestored();
+}
+
+TEST_F(HostileNames, Renamed) {
+  buildAll();
+  takeSnapshot();
+  const auto &names = hostileNames();
+  for (size_t i = 0; i + 1 < names.size(); i += 2) {
+    tree().exchange("files/" + names[i], "files/" + names[i + 1]);
+    tree().exchange("dirs/" + names[i], "dirs/" + names[i + 1]);
+    tree().rename("links/" + names[i], "dirs/" + names[i] + "/moved");
+  }
+  expectRestored();
+}
+
+class LongPaths : public RestoreFixture {
+ protected:
+  // A chain of directories whose path in the mounted fileset, with one more name of ten bytes below it,
+  // is `bytes` long.
+  std::string chain(size_t bytes, const std::string &step) {
+    std::string path;
+    size_t budget = bytes - root().size() - 1 - 11;
+    while (path.size() + step.size() + 1 <= budget) path += (path.empty() ? "" : "/") + step;
+    size_t left = budget - path.size();
+    if (left > 1) path += "/" + std::string(left - 1, 'p');
+    makeDirs(path);
+    return path;
+  }
+  void makeDirs(const std::string &path) {
+    for (size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1))
+      if (!tree().exists(path.substr(0, slash))) tree().dir(path.substr(0, slash));
+    tree().dir(path);
+  }
+};
+
+// The path through the snapshot (a longer name) and through the work directory is longer than 4096.
+TEST_F(LongPaths, JustBelowTheLimit) {
+  std::string deep = chain(4095, std::string(200, 'd'));
+  tree().file(deep + "/changed---", "before");
+  tree().file(deep + "/deleted---", "before");
+  ASSERT_EQ((root() + "/" + deep + "/changed---").size(), 4095u);
+  takeSnapshot("a-snapshot-whose-name-is-a-good-deal-longer-than-that-of-the-fileset");
+  tree().write(deep + "/changed---", 0, "after");
+  tree().remove(deep + "/deleted---");
+  tree().file(deep + "/created---", "new");
+  expectRestored("a-snapshot-whose-name-is-a-good-deal-longer-than-that-of-the-fileset");
+}
+
+TEST_F(LongPaths, DeletedTreeOfAThousandLevels) {
+  std::string deep = chain(2100, "d");
+  tree().file(deep + "/file", "x");
+  takeSnapshot();
+  tree().removeTree("d");
+  expectRestored();
+}
+
+TEST_F(LongPaths, BeyondTheLimitIsToldAndNothingIsLost) {
+  std::string deep = chain(4096 + 300, std::string(200, 'd'));
+  tree().file(deep + "/too long", "before");
+  tree().file("short", "before");
+  takeSnapshot();
+  tree().write(deep + "/too long", 0, "after!");
+  tree().write("short", 0, "after!");
+  RunResult result = restore();
+  EXPECT_EQ(result.exitStatus, 1) << result.describe();
+  EXPECT_NE(result.err.find("Cannot restore a file whoes path is larger than 4096.\n"),
+            std::string::npos)
+      << result.describe();
+  ASSERT_TRUE(tree().exists(deep + "/too long"));
+  std::string now = tree().read(deep + "/too long");
+  EXPECT_TRUE(now == "before" || now == "after!") << now;
+}
+
+}  // namespace

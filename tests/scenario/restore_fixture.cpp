@@ -1,0 +1,75 @@
+#include "scenario/restore_fixture.h"
+
+#include "support/survival.h"
+
+namespace scenario {
+
+using testsupport::compare;
+using testsupport::fingerprint;
+using testsupport::joined;
+using testsupport::LoopBtrfs;
+
+std::unique_ptr<LoopBtrfs> RestoreFixture::fs_;
+int RestoreFixture::number_ = 0;
+
+void RestoreFixture::SetUpTestSuite() {
+  fs_ = std::make_unique<LoopBtrfs>("scenario", 1ull << 30);
+}
+void RestoreFixture::TearDownTestSuite() {
+  fs_.reset();
+}
+
+void RestoreFixture::SetUp() {
+  fileset_ = "set" + std::to_string(++number_);
+  fs_->createSubvolume(fileset_);
+  tree_.emplace(root());
+}
+
+void RestoreFixture::TearDown() {
+  tree_.reset();
+  for (const std::string &which : snapshots_) fs_->destroySubvolume(snapshotName(which));
+  snapshots_.clear();
+  fs_->destroySubvolume(fileset_);
+}
+
+void RestoreFixture::remount(const std::string &options) {
+  tree_.reset();
+  fs_->remount(options);
+  tree_.emplace(root());
+}
+
+void RestoreFixture::takeSnapshot(const std::string &which) {
+  fs_->snapshot(fileset_, snapshotName(which));
+  snapshots_.push_back(which);
+}
+
+RunResult RestoreFixture::restore(const std::string &which, const std::vector<std::string> &options,
+                                  const RunOptions &running) {
+  std::vector<std::string> all{"-m", "4"};
+  all.insert(all.end(), options.begin(), options.end());
+  return testsupport::runRestore(fs_->mountPoint(), fileset_, snapshotName(which), all, running);
+}
+
+void RestoreFixture::expectRestored(const std::string &which, const std::vector<std::string> &options) {
+  const std::string snapshotPath = fs_->path(snapshotName(which));
+  TreePrint want = fingerprint(snapshotPath), before = fingerprint(root());
+  RunResult result = restore(which, options);
+  EXPECT_FALSE(result.timedOut);
+  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_EQ(result.processesLeft, 0);
+  TreePrint after = fingerprint(root());
+  EXPECT_EQ(joined(compare(want, after)), "") << result.describe();
+  EXPECT_EQ(joined(remadeOrTouched(want, before, after, true)), "");
+  EXPECT_EQ(joined(compare(want, fingerprint(snapshotPath))), "") << "the snapshot itself changed";
+}
+
+void RestoreFixture::runCase(const HistoryCase &history) {
+  if (history.build) history.build(tree());
+  takeSnapshot();
+  history.change(tree());
+  ASSERT_NE(joined(compare(fingerprint(fs_->path(snapshotName())), fingerprint(root()))), "")
+      << "the history changes nothing";
+  expectRestored();
+}
+
+}  // namespace scenario

@@ -1,0 +1,74 @@
+// restore_fixture.h: a scenario builds a tree, takes a snapshot, changes the tree, restores and
+// compares.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "support/loop_btrfs.h"
+#include "support/restore_run.h"
+#include "support/tree_builder.h"
+#include "support/tree_fingerprint.h"
+
+namespace scenario {
+
+using testsupport::RunOptions;
+using testsupport::RunResult;
+using testsupport::TreeBuilder;
+using testsupport::TreePrint;
+
+// One row of a table of histories. An empty build is an empty fileset.
+struct HistoryCase {
+  const char *name;
+  void (*build)(TreeBuilder &);
+  void (*change)(TreeBuilder &);
+};
+
+// One file system a test program, one fresh fileset a test.
+class RestoreFixture : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite();
+  static void TearDownTestSuite();
+  void SetUp() override;
+  void TearDown() override;
+
+  static testsupport::LoopBtrfs &fs() { return *fs_; }
+  const std::string &fileset() const { return fileset_; }
+  std::string root() const { return fs_->path(fileset_); }
+  TreeBuilder &tree() { return *tree_; }
+  // The name of a snapshot of this test's fileset.
+  std::string snapshotName(const std::string &which = "snap") const { return fileset_ + "-" + which; }
+
+  void remount(const std::string &options = "");  // also lets go of tree()'s root
+  void takeSnapshot(const std::string &which = "snap");
+  // Restores with -m 4 and the given options. Where the snapshot is `which`, expects exit status 0,
+  // both trees equal, the snapshot unchanged, no work directory and no process left, survivors kept.
+  RunResult restore(const std::string &which = "snap", const std::vector<std::string> &options = {},
+                    const RunOptions &running = {});
+  void expectRestored(const std::string &which = "snap", const std::vector<std::string> &options = {});
+  // The whole of a table's row. Trees that equal their snapshot before the restore are an error.
+  void runCase(const HistoryCase &history);
+
+ private:
+  static std::unique_ptr<testsupport::LoopBtrfs> fs_;
+  static int number_;
+  std::string fileset_;
+  std::optional<TreeBuilder> tree_;
+  std::vector<std::string> snapshots_;
+};
+
+// Tests of a table: TEST_P bodies call runCase(GetParam()).
+class RestoreTable : public RestoreFixture, public ::testing::WithParamInterface<HistoryCase> {};
+
+inline std::string caseName(const ::testing::TestParamInfo<HistoryCase> &info) {
+  return info.param.name;
+}
+inline void PrintTo(const HistoryCase &history, std::ostream *out) {
+  *out << history.name;
+}
+
+}  // namespace scenario

@@ -1,0 +1,89 @@
+#include "support/survival.h"
+
+#include <linux/fs.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <tuple>
+
+namespace testsupport {
+namespace {
+
+bool sameTime(const timespec &a, const timespec &b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+// Inode numbers can be used again; then the creation time differs.
+bool sameObject(const ObjectPrint &a, const ObjectPrint &b) {
+  return a.inode == b.inode && sameTime(a.birth, b.birth) && (a.mode & S_IFMT) == (b.mode & S_IFMT);
+}
+
+std::string lastOf(const std::string &path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+struct Place {
+  ino_t parent, inode;
+  std::string name;
+  bool operator<(const Place &other) const {
+    return std::tie(parent, inode, name) < std::tie(other.parent, other.inode, other.name);
+  }
+};
+
+class Survivors {
+ public:
+  explicit Survivors(const TreePrint &before) {
+    for (const auto &[path, object] : before.objects) {
+      byInode_.emplace(object.inode, &object);
+      places_.insert({object.parent, object.inode, lastOf(path)});
+    }
+  }
+
+  bool mustSurvive(const TreePrint &snapshot, const std::string &path,
+                   const ObjectPrint &object) const {
+    auto found = byInode_.find(object.inode);
+    if (found == byInode_.end() || !sameObject(object, *found->second)) return false;
+    if (S_ISDIR(object.mode) || (object.links == 1 && found->second->links == 1)) return true;
+    if (object.group.empty()) return stayed(path, object);
+    return std::any_of(object.group.begin(), object.group.end(), [&](const std::string &name) {
+      return stayed(name, snapshot.objects.at(name));
+    });
+  }
+
+ private:
+  bool stayed(const std::string &path, const ObjectPrint &object) const {
+    return places_.count({object.parent, object.inode, lastOf(path)}) != 0;
+  }
+
+  std::map<ino_t, const ObjectPrint *> byInode_;
+  std::set<Place> places_;
+};
+
+}  // namespace
+
+std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePrint &before,
+                                         const TreePrint &after, bool timesToo) {
+  std::vector<std::string> lines;
+  Survivors survivors(before);
+  for (const auto &[path, object] : snapshot.objects) {
+    auto now = after.objects.find(path);
+    if (now == after.objects.end() || object.nested || path.empty()) continue;
+    if (survivors.mustSurvive(snapshot, path, object) && !sameObject(object, now->second)) {
+      lines.push_back("remade: " + shown(path) + ", inode " + std::to_string(object.inode) +
+                      " was there, now it is " + std::to_string(now->second.inode));
+      continue;
+    }
+    auto then = before.objects.find(path);
+    if (!timesToo || then == before.objects.end() || !sameObject(object, then->second)) continue;
+    if ((object.flags & (FS_IMMUTABLE_FL | FS_APPEND_FL)) ||
+        !sameTime(object.ctime, then->second.ctime))
+      continue;
+    if (!sameTime(object.ctime, now->second.ctime))
+      lines.push_back("touched: " + shown(path) + " had not changed since the snapshot");
+  }
+  return lines;
+}
+
+}  // namespace testsupport

@@ -1,0 +1,365 @@
+#include "support/tree_builder.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace testsupport {
+namespace {
+
+uint64_t mix(uint64_t x) {
+  x += 0x9e3779b97f4a7c15ull;
+  x = (x ^ (x >> 30)) * 0xbf58476d1ce4e5b9ull;
+  x = (x ^ (x >> 27)) * 0x94d049bb133111ebull;
+  return x ^ (x >> 31);
+}
+
+void writeAll(int fd, std::string_view bytes, uint64_t offset, const std::string &path) {
+  while (!bytes.empty()) {
+    ssize_t n = pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) failWithErrno("write " + path);
+    bytes.remove_prefix(static_cast<size_t>(n));
+    offset += static_cast<uint64_t>(n);
+  }
+}
+
+void writePattern(int fd, uint64_t offset, uint64_t length, uint64_t seed, const std::string &path) {
+  constexpr uint64_t kPiece = 1 << 20;
+  for (uint64_t done = 0; done < length; done += kPiece)
+    writeAll(fd, patternBytes(seed, offset + done, std::min(kPiece, length - done)), offset + done,
+             path);
+}
+
+template <typename T>
+void appendRaw(std::string *out, T value) {
+  out->append(reinterpret_cast<const char *>(&value), sizeof value);
+}
+
+std::vector<std::string> listNames(int dirFd, const std::string &path) {
+  int fd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOATIME);
+  DIR *dir = fd < 0 ? nullptr : fdopendir(fd);
+  if (dir == nullptr) failWithErrno("list " + path);
+  std::vector<std::string> names;
+  while (dirent *entry = readdir(dir))
+    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+      names.emplace_back(entry->d_name);
+  closedir(dir);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+void removeBelow(int parentFd, const std::string &name, const std::string &path) {
+  struct stat st;
+  if (fstatat(parentFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) failWithErrno("stat " + path);
+  if (!S_ISDIR(st.st_mode)) {
+    if (unlinkat(parentFd, name.c_str(), 0) != 0) failWithErrno("unlink " + path);
+    return;
+  }
+  Descriptor dir(openat(parentFd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!dir.valid()) failWithErrno("open " + path);
+  for (const std::string &child : listNames(dir.get(), path))
+    removeBelow(dir.get(), child, path + "/" + child);
+  if (unlinkat(parentFd, name.c_str(), AT_REMOVEDIR) != 0) failWithErrno("rmdir " + path);
+}
+
+}  // namespace
+
+std::string patternBytes(uint64_t seed, uint64_t offset, size_t length) {
+  std::string bytes(length, '\0');
+  uint64_t word = mix(seed ^ mix(offset / 8));
+  for (size_t i = 0; i < length; ++i) {
+    uint64_t at = offset + i;
+    if (at % 8 == 0 || i == 0) word = mix(seed ^ mix(at / 8));
+    bytes[i] = static_cast<char>(word >> (at % 8 * 8));
+  }
+  return bytes;
+}
+
+std::string aclBlob(const std::vector<AclEntry> &entries) {
+  std::string blob;
+  appendRaw<uint32_t>(&blob, 2);  // the format's version
+  for (const AclEntry &entry : entries) {
+    appendRaw(&blob, entry.tag);
+    appendRaw(&blob, entry.permissions);
+    appendRaw(&blob, entry.id);
+  }
+  return blob;
+}
+
+std::string aclForUser(uint32_t user, uint16_t permissions) {
+  return aclBlob({{1, 7}, {2, permissions, user}, {4, 5}, {16, 7}, {32, 0}});
+}
+
+TreeBuilder::TreeBuilder(const std::string &root)
+    : root_(root), rootFd_(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+  if (!rootFd_.valid()) failWithErrno("open " + root);
+}
+
+Descriptor TreeBuilder::parentOf(const std::string &path, std::string *name) const {
+  Descriptor folder(fcntl(rootFd_.get(), F_DUPFD_CLOEXEC, 3));
+  if (!folder.valid()) failWithErrno("dup");
+  size_t start = 0;
+  for (;;) {
+    while (start < path.size() && path[start] == '/') ++start;
+    size_t end = path.find('/', start);
+    if (end == std::string::npos) break;
+    Descriptor next(openat(folder.get(), path.substr(start, end - start).c_str(),
+                           O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!next.valid()) failWithErrno("open folder of " + path);
+    folder = std::move(next);
+    start = end;
+  }
+  *name = path.substr(start);
+  if (name->empty()) *name = ".";
+  return folder;
+}
+
+Descriptor TreeBuilder::open(const std::string &path, int flags) const {
+  std::string name;
+  Descriptor folder = parentOf(path, &name);
+  Descriptor fd(openat(folder.get(), name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.valid()) failWithErrno("open " + path);
+  return fd;
+}
+
+void TreeBuilder::file(const std::string &path, std::string_view text, mode_t mode) {
+  std::string name;
+  Descriptor folder = parentOf(path, &name);
+  Descriptor fd(
+      openat(folder.get(), name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!fd.valid()) failWithErrno("create " + path);
+  writeAll(fd.get(), text, 0, path);
+  if (fchmod(fd.get(), mode) != 0) failWithErrno("chmod " + path);
+}
+
+void TreeBuilder::big(const std::string &path, uint64_t bytes, uint64_t seed) {
+  file(path);
+  pattern(path, 0, bytes, seed);
+}
+
+void TreeBuilder::sparse(const std::string &path, uint64_t size, const std::vector<uint64_t> &islands) {
+  file(path);
+  for (uint64_t island : islands) pattern(path, island, 5000, island);
+  truncate(path, size);
+}
+
+void TreeBuilder::dir(const std::string &path, mode_t mode) {
+  std::string name;
+  Descriptor folder = parentOf(path, &name);
+  if (mkdirat(folder.get(), name.c_str(), 0700) != 0) failWithErrno("mkdir " + path);
+  if (fchmodat(folder.get(), name.c_str(), mode, 0) != 0) failWithErrno("chmod " + path);
+}
+
+void TreeBuilder::dirs(const std::string &path) {
+  for (size_t slash = path.find('/'); slash != std::string::npos; slash = path.find('/', slash + 1))
+    if (slash > 0 && !exists(path.substr(0, slash))) dir(path.substr(0, slash));
+  if (!exists(path)) dir(path);
+}
+
+void TreeBuilder::symlink(const std::string &target, const std::string &path) {
+  std::string name;
+  Descriptor folder = parentOf(path, &name);
+  if (symlinkat(target.c_str(), folder.get(), name.c_str()) != 0) failWithErrno("symlink " + path);
+}
+
+void TreeBuilder::fifo(const std::string &path, mode_t mode) {
+  device(path, S_IFIFO, 0, 0);
+  chmod(path, mode);
+}
+
+void TreeBuilder::socket(const std::string &path, mode_t mode) {
+  device(path, S_IFSOCK, 0, 0);
+  chmod(path, mode);
+}
+
+void TreeBuilder::device(const std::string &path, mode_t type, unsigned majorNumber,
+                         unsigned minorNumber) {
+  std::string name;
+  Descriptor folder = parentOf(path, &name);
+  if (mknodat(folder.get(), name.c_str(), type | 0600, makedev(majorNumber, minorNumber)) != 0)
+    failWithErrno("mknod " + path);
+}
+
+void TreeBuilder::link(const std::string &existing, const std::string &path) {
+  std::string oldName, newName;
+  Descriptor oldFolder = parentOf(existing, &oldName), newFolder = parentOf(path, &newName);
+  if (linkat(oldFolder.get(), oldName.c_str(), newFolder.get(), newName.c_str(), 0) != 0)
+    failWithErrno("link " + existing + " to " + path);
+}
+
+void TreeBuilder::write(const std::string &path, uint64_t offset, std::string_view bytes) {
+  writeAll(open(path, O_WRONLY).get(), bytes, offset, path);
+}
+
+void TreeBuilder::append(const std::string &path, std::string_view bytes) {
+  Descriptor fd = open(path, O_WRONLY | O_APPEND);
+  if (::write(fd.get(), bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+    failWithErrno("append " + path);
+}
+
+void TreeBuilder::pattern(const std::string &path, uint64_t offset, uint64_t length, uint64_t seed) {
+  writePattern(open(path, O_WRONLY).get(), offset, length, seed, path);
+}
+
+void TreeBuilder::truncate(const std::string &path, uint64_t size) {
+  if (ftruncate(open(path, O_WRONLY).get(), static_cast<off_t>(size)) != 0)
+    failWithErrno("truncate " + path);
+}
+
+void TreeBuilder::punch(const std::string &path, uint64_t offset, uint64_t length) {
+  if (fallocate(open(path, O_WRONLY).get(), FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                static_cast<off_t>(offset), static_cast<off_t>(length)) != 0)
+    failWithErrno("punch " + path);
+}
+
+void TreeBuilder::preallocate(const std::string &path, uint64_t offset, uint64_t length,
+                              bool keepSize) {
+  if (fallocate(open(path, O_WRONLY).get(), keepSize ? FALLOC_FL_KEEP_SIZE : 0,
+                static_cast<off_t>(offset), static_cast<off_t>(length)) != 0)
+    failWithErrno("preallocate " + path);
+}
+
+void TreeBuilder::writeMapped(const std::string &path, uint64_t offset, std::string_view bytes) {
+  Descriptor fd = open(path, O_RDWR);
+  size_t length = offset + bytes.size();
+  void *at = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+  if (at == MAP_FAILED) failWithErrno("mmap " + path);
+  memcpy(static_cast<char *>(at) + offset, bytes.data(), bytes.size());
+  munmap(at, length);
+}
+
+void TreeBuilder::reflink(const std::string &from, const std::string &path) {
+  file(path);
+  if (ioctl(open(path, O_WRONLY).get(), FICLONE, open(from, O_RDONLY).get()) != 0)
+    failWithErrno("reflink " + path);
+}
+
+void TreeBuilder::rename(const std::string &from, const std::string &to) {
+  std::string oldName, newName;
+  Descriptor oldFolder = parentOf(from, &oldName), newFolder = parentOf(to, &newName);
+  if (renameat(oldFolder.get(), oldName.c_str(), newFolder.get(), newName.c_str()) != 0)
+    failWithErrno("rename " + from + " to " + to);
+}
+
+void TreeBuilder::exchange(const std::string &one, const std::string &other) {
+  std::string oneName, otherName;
+  Descriptor oneFolder = parentOf(one, &oneName), otherFolder = parentOf(other, &otherName);
+  if (renameat2(oneFolder.get(), oneName.c_str(), otherFolder.get(), otherName.c_str(),
+                RENAME_EXCHANGE) != 0)
+    failWithErrno("exchange " + one + " and " + other);
+}
+
+void TreeBuilder::remove(const std::string &path) {
+  std::string name;
+  Descriptor folder = parentOf(path, &name);
+  if (unlinkat(folder.get(), name.c_str(), isDir(path) ? AT_REMOVEDIR : 0) != 0)
+    failWithErrno("remove " + path);
+}
+
+void TreeBuilder::removeTree(const std::string &path) {
+  std::string name;
+  Descriptor folder = parentOf(path, &name);
+  removeBelow(folder.get(), name, path);
+}
+
+void TreeBuilder::chmod(const std::string &path, mode_t mode) {
+  if (::chmod(procPath(open(path, O_PATH).get()).c_str(), mode) != 0) failWithErrno("chmod " + path);
+}
+
+void TreeBuilder::chown(const std::string &path, uid_t uid, gid_t gid) {
+  if (fchownat(open(path, O_PATH).get(), "", uid, gid, AT_EMPTY_PATH) != 0)
+    failWithErrno("chown " + path);
+}
+
+void TreeBuilder::setXattr(const std::string &path, const std::string &name, std::string_view value) {
+  Descriptor object = open(path, O_PATH);
+  if (setxattr(procPath(object.get()).c_str(), name.c_str(), value.data(), value.size(), 0) != 0)
+    failWithErrno("set " + name + " of " + path);
+}
+
+void TreeBuilder::removeXattr(const std::string &path, const std::string &name) {
+  Descriptor object = open(path, O_PATH);
+  if (removexattr(procPath(object.get()).c_str(), name.c_str()) != 0)
+    failWithErrno("remove " + name + " of " + path);
+}
+
+void TreeBuilder::mtime(const std::string &path, int64_t seconds, long nanoseconds) {
+  timespec times[2] = {{0, UTIME_OMIT}, {seconds, nanoseconds}};
+  if (utimensat(open(path, O_PATH).get(), "", times, AT_EMPTY_PATH) != 0)
+    failWithErrno("set times of " + path);
+}
+
+void TreeBuilder::changeFlags(const std::string &path, int bit, bool on, const char *what) {
+  if (!isDir(path)) {
+    struct stat st;
+    if (fstat(open(path, O_PATH).get(), &st) == 0 && !S_ISREG(st.st_mode)) {
+      errno = ENOTTY;
+      failWithErrno(std::string(what) + " " + path);
+    }
+  }
+  Descriptor fd = open(path, O_RDONLY);
+  int flags = 0;
+  if (ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0) failWithErrno("get flags of " + path);
+  flags = on ? flags | bit : flags & ~bit;
+  if (ioctl(fd.get(), FS_IOC_SETFLAGS, &flags) != 0) failWithErrno(std::string(what) + " " + path);
+}
+
+void TreeBuilder::immutable(const std::string &path, bool on) {
+  changeFlags(path, FS_IMMUTABLE_FL, on, "immutable");
+}
+void TreeBuilder::appendOnly(const std::string &path, bool on) {
+  changeFlags(path, FS_APPEND_FL, on, "append-only");
+}
+void TreeBuilder::noCow(const std::string &path, bool on) {
+  changeFlags(path, FS_NOCOW_FL, on, "no copy-on-write");
+}
+void TreeBuilder::compress(const std::string &path, bool on) {
+  changeFlags(path, FS_COMPR_FL, on, "compress");
+}
+
+bool TreeBuilder::exists(const std::string &path) const {
+  try {
+    open(path, O_PATH);
+    return true;
+  } catch (const std::system_error &) {
+    return false;
+  }
+}
+
+bool TreeBuilder::isDir(const std::string &path) const {
+  struct stat st;
+  if (fstat(open(path, O_PATH).get(), &st) != 0) failWithErrno("stat " + path);
+  return S_ISDIR(st.st_mode);
+}
+
+ino_t TreeBuilder::inode(const std::string &path) const {
+  struct stat st;
+  if (fstat(open(path, O_PATH).get(), &st) != 0) failWithErrno("stat " + path);
+  return st.st_ino;
+}
+
+std::string TreeBuilder::read(const std::string &path) const {
+  Descriptor fd = open(path, O_RDONLY | O_NOATIME);
+  std::string text;
+  char buffer[65536];
+  ssize_t n;
+  while ((n = ::read(fd.get(), buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
+  if (n < 0) failWithErrno("read " + path);
+  return text;
+}
+
+std::vector<std::string> TreeBuilder::names(const std::string &path) const {
+  return listNames(open(path, O_RDONLY | O_DIRECTORY).get(), path);
+}
+
+}  // namespace testsupport

@@ -1,0 +1,97 @@
+// tree_builder.h: small verbs that build and wreck trees. Every verb takes paths below the builder's
+// root, of any length, never follows a symbolic link on the way, and throws std::system_error with a
+// readable text ("chmod a/b: Operation not permitted") where the kernel refuses.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support/descriptor.h"
+
+namespace testsupport {
+
+// Bytes that depend on the seed and the position only, of which the first `length` from `offset`.
+std::string patternBytes(uint64_t seed, uint64_t offset, size_t length);
+
+// One entry of an access list as the kernel stores it: tag 1 owner, 2 user, 4 group of the object,
+// 8 group, 16 mask, 32 others; permission bits rwx; id for tags 2 and 8.
+struct AclEntry {
+  uint16_t tag;
+  uint16_t permissions;
+  uint32_t id = UINT32_MAX;
+};
+// The value of system.posix_acl_access or system.posix_acl_default.
+std::string aclBlob(const std::vector<AclEntry> &entries);
+// Owner rwx, one user with the given rights, group r-x, mask rwx, others ---.
+std::string aclForUser(uint32_t user, uint16_t permissions);
+
+inline constexpr const char *kAccessAcl = "system.posix_acl_access";
+inline constexpr const char *kDefaultAcl = "system.posix_acl_default";
+
+class TreeBuilder {
+ public:
+  explicit TreeBuilder(const std::string &root);
+  const std::string &root() const { return root_; }
+
+  // New objects: EEXIST where the name is taken. Modes are exact, whatever the umask.
+  void file(const std::string &path, std::string_view text = "", mode_t mode = 0644);
+  void big(const std::string &path, uint64_t bytes, uint64_t seed);  // pattern bytes
+  void sparse(const std::string &path, uint64_t size, const std::vector<uint64_t> &islands);
+  void dir(const std::string &path, mode_t mode = 0755);
+  void dirs(const std::string &path);  // with missing parents; existing ones are kept
+  void symlink(const std::string &target, const std::string &path);
+  void fifo(const std::string &path, mode_t mode = 0644);
+  void socket(const std::string &path, mode_t mode = 0644);
+  void device(const std::string &path, mode_t type, unsigned majorNumber, unsigned minorNumber);
+  void link(const std::string &existing, const std::string &path);
+
+  // Data of an existing file.
+  void write(const std::string &path, uint64_t offset, std::string_view bytes);
+  void append(const std::string &path, std::string_view bytes);
+  void pattern(const std::string &path, uint64_t offset, uint64_t length, uint64_t seed);
+  void truncate(const std::string &path, uint64_t size);
+  void punch(const std::string &path, uint64_t offset, uint64_t length);
+  void preallocate(const std::string &path, uint64_t offset, uint64_t length, bool keepSize = false);
+  void writeMapped(const std::string &path, uint64_t offset, std::string_view bytes);  // not flushed
+  void reflink(const std::string &from, const std::string &path);  // a new file that shares all blocks
+
+  // Names.
+  void rename(const std::string &from, const std::string &to);  // replaces, as rename(2) does
+  void exchange(const std::string &one, const std::string &other);
+  void remove(const std::string &path);  // a file or an empty directory
+  void removeTree(const std::string &path);
+
+  // Attributes; none follows a symbolic link.
+  void chmod(const std::string &path, mode_t mode);
+  void chown(const std::string &path, uid_t uid, gid_t gid);
+  void setXattr(const std::string &path, const std::string &name, std::string_view value);
+  void removeXattr(const std::string &path, const std::string &name);
+  void mtime(const std::string &path, int64_t seconds, long nanoseconds = 0);
+
+  // Inode flags, of files and directories only.
+  void immutable(const std::string &path, bool on = true);
+  void appendOnly(const std::string &path, bool on = true);
+  void noCow(const std::string &path, bool on = true);
+  void compress(const std::string &path, bool on = true);
+
+  bool exists(const std::string &path) const;
+  bool isDir(const std::string &path) const;
+  ino_t inode(const std::string &path) const;
+  std::string read(const std::string &path) const;
+  std::vector<std::string> names(const std::string &path) const;  // sorted, without . and ..
+
+ private:
+  // The folder that holds the last component, opened step by step; *name is that component.
+  Descriptor parentOf(const std::string &path, std::string *name) const;
+  Descriptor open(const std::string &path, int flags) const;
+  void changeFlags(const std::string &path, int bit, bool on, const char *what);
+
+  std::string root_;
+  Descriptor rootFd_;
+};
+
+}  // namespace testsupport

@@ -1,0 +1,51 @@
+#include "run/shell_command.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+namespace {
+
+TEST(ShellWord, NeitherRunsNorSplits) {
+  EXPECT_EQ(shellWord("/mnt/fs-1/RestoreTemp47"), "/mnt/fs-1/RestoreTemp47");
+  EXPECT_EQ(shellWord("node1,node2"), "node1,node2");
+  for (const std::string word : {"a b", "$(touch /tmp/x)", "it's", "'", "", "a;b", "~root", "*",
+                                 "new\nline", "a\\b", "`x`", "\"", "#c", "\xc3\xa4"}) {
+    std::string output;
+    int status = -1;
+    ASSERT_EQ(runCommandOutput("printf %s " + shellWord(word), &output, &status), 0);
+    EXPECT_EQ(status, 0) << word;
+    EXPECT_EQ(output, word);
+  }
+}
+
+TEST(RunCommand, ReportsHowTheShellEnded) {
+  struct {
+    const char *command;
+    int status;
+  } cases[] = {{"exit 0", 0},
+               {"exit 7", 7},
+               {"kill -9 $$", 128 + 9},
+               {"kill -15 $$", 128 + 15},
+               {"/no/such/x 2>&-", 127}};
+  for (const auto &test : cases) {
+    int status = -1;
+    ASSERT_EQ(runCommand(test.command, &status), 0) << test.command;
+    EXPECT_EQ(status, test.status) << test.command;
+  }
+}
+
+TEST(RunCommand, OutputIsReadWholeAndSignalsAreUnblocked) {
+  std::string output;
+  int status = -1;
+  ASSERT_EQ(runCommandOutput("head -c 300000 /dev/zero; exit 3", &output, &status, 1000), 0);
+  EXPECT_EQ(status, 3);
+  EXPECT_EQ(output.size(), 1000u);
+  sigset_t all, before;
+  sigfillset(&all);
+  sigprocmask(SIG_BLOCK, &all, &before);
+  ASSERT_EQ(runCommandOutput("grep SigBlk /proc/self/status", &output, &status), 0);
+  sigprocmask(SIG_SETMASK, &before, nullptr);
+  EXPECT_EQ(output, "SigBlk:\t0000000000000000\n");
+}
+
+}  // namespace

@@ -1,0 +1,64 @@
+#include "worker/data_copy.h"
+
+#include <cerrno>
+
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "unit/support/fake_kest.h"
+
+namespace {
+
+class DataCopy : public FakeFileset {
+ protected:
+  void SetUp() override {
+    FakeFileset::SetUp();
+    makeFile(active("f"));
+    file_ = openInode(handles.activeFsP, inoOf(active("f")));
+    settings.fsBlockSize = 1000;
+  }
+  void TearDown() override {
+    file_.reset();
+    FakeFileset::TearDown();
+  }
+  int copy(int64_t offset, int64_t length, int32_t hole = 0) {
+    fakeKest.calls.clear();
+    errno = 0;
+    return copyToActiveFile(file_.get(), file_.get(), offset, length, &hole, false);
+  }
+  Inode file_;
+};
+
+TEST_F(DataCopy, CopiesBlockByBlock) {
+  ASSERT_EQ(copy(500, 2300), 0);
+  EXPECT_EQ(fakeKest.calls,
+            (std::vector<std::string>{"ireadx 500", "iwritex 500+1000", "ireadx 1500",
+                                      "iwritex 1500+1000", "ireadx 2500", "iwritex 2500+300"}));
+  EXPECT_EQ(copy(500, 0), 0);
+  EXPECT_TRUE(fakeKest.calls.empty());
+}
+
+TEST_F(DataCopy, HolesAreOneWriteOrFoundWhileReading) {
+  ASSERT_EQ(copy(0, 1 << 30, 1), 0);
+  EXPECT_EQ(fakeKest.calls, std::vector<std::string>{"punch 0+1073741824"});
+  fakeKest.readHole = true;
+  ASSERT_EQ(copy(0, 900), 0);
+  EXPECT_EQ(fakeKest.calls, (std::vector<std::string>{"ireadx 0", "punch 0+900"}));
+}
+
+TEST_F(DataCopy, WhatIsNotCopiedWholeFails) {
+  EXPECT_EQ(copy(0, -5), EINVAL);
+  fakeKest.reads = {1000, 0};  // the snapshot's file ends early
+  EXPECT_EQ(copy(0, 1500), EIO);
+  EXPECT_NE(traces().find("copyToActiveFile: rc 5, code 4, err 5\n"), std::string::npos);
+  fakeKest.ioError = EROFS;
+  fakeKest.reads = {};
+  fakeKest.writes = {-1};
+  EXPECT_EQ(copy(0, 1500), EROFS);
+  EXPECT_EQ(errno, EROFS);
+  fakeKest.writes = {999};  // short, without a reason
+  EXPECT_EQ(copy(0, 1500), EIO);
+  fakeKest.writes = {100};
+  EXPECT_EQ(copy(0, 1500, 1), EIO);
+}
+
+}  // namespace

@@ -1,0 +1,105 @@
+// Operations on names, with errors that no kernel gives on request.
+#include <cerrno>
+#include <filesystem>
+
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "unit/support/fake_kest.h"
+#include "worker/delete_file.h"
+#include "worker/dir_ops.h"
+#include "worker/link_file.h"
+
+namespace {
+
+class Operations : public FakeFileset {
+ protected:
+  void SetUp() override {
+    FakeFileset::SetUp();
+    settings.phase = kPhaseMain;
+    settings.topDir = false;
+  }
+  void failCall(const std::string &name, int err, int times) {
+    fakeKest.fault = [=, left = times](const std::string &call, const std::string &) mutable {
+      return call == name && left-- > 0 ? err : 0;
+    };
+  }
+  static bool exists(const std::string &path) { return std::filesystem::exists(path); }
+};
+
+TEST_F(Operations, DeleteWaitsForABusyFileAndTakesAMissingOneAsDone) {
+  makeFile(active("f"));
+  failCall("unlink", EBUSY, 3);
+  EXPECT_EQ(deleteFile(active("f"), 300), 0);
+  EXPECT_FALSE(exists(active("f")));
+  EXPECT_NE(traces().find("deleteFile: unlink wait 3\n"), std::string::npos);
+  EXPECT_EQ(deleteFile(active("f"), 300), 0);
+  makeFile(active("g"));
+  failCall("unlink", EIO, 1);
+  EXPECT_NE(deleteFile(active("g"), 300), 0);
+  EXPECT_EQ(errno, EIO);
+}
+
+TEST_F(Operations, CloneIsRefusedInTheMainPhaseAndStays) {
+  makeFile(active("f"));
+  fakeKest.attributes["kest.CLONE"] = std::vector<uint8_t>(16);
+  testing::internal::CaptureStderr();
+  EXPECT_NE(deleteFile(active("f"), 300), 0);
+  EXPECT_EQ(errno, ENOTSUP);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(active("f")), std::string::npos);
+  EXPECT_TRUE(exists(active("f")));
+  settings.phase = kPhaseCloneDelete;
+  EXPECT_EQ(deleteFile(active("f"), 300), 0);
+}
+
+TEST_F(Operations, DirectoryGoesOnlyWhenItIsTheOneMeantAndEmpty) {
+  makeDir(active("d/full"));
+  const uint64_t ino = inoOf(active("d"));
+  EXPECT_EQ(delDir(active("none"), ino), 0);
+  EXPECT_EQ(delDir(active("d"), ino + 1000000), 0);
+  EXPECT_TRUE(exists(active("d")));
+  makeFile(active("d/full/f"));
+  EXPECT_NE(delDir(active("d"), ino), 0);
+  EXPECT_EQ(errno, ENOTEMPTY);
+  std::filesystem::remove_all(active("d/full"));
+  fakeKest.immutable = {active("d")};
+  EXPECT_EQ(delDir(active("d"), ino), 0);
+  EXPECT_FALSE(exists(active("d")));
+}
+
+TEST_F(Operations, DirectoryOfThingsLeftAloneStaysWithAMessage) {
+  makeDir(active("d/sub/.snapshots"));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(delDir(active("d"), inoOf(active("d"))), 0);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(active("d") + " stays"), std::string::npos);
+  makeDir(active("d/empty"));  // appeared since: not the program's to overlook
+  EXPECT_NE(delDir(active("d"), inoOf(active("d"))), 0);
+  EXPECT_EQ(errno, ENOTEMPTY);
+}
+
+TEST_F(Operations, RefusedRemovalWithoutAJunctionIsAFailure) {
+  makeDir(active("d"));
+  failCall("rmdir", EPERM, 1000);
+  EXPECT_NE(delDir(active("d"), inoOf(active("d"))), 0);
+  EXPECT_EQ(errno, EPERM);
+  EXPECT_NE(traces().find("code 4, error 1\n"), std::string::npos);
+}
+
+TEST_F(Operations, PathLookupIsReadByItsFields) {
+  std::vector<std::string> paths;
+  ASSERT_TRUE(parseInodePaths("300 7 /s/a b\n300 7 /s/x\\ny\\tz\\\\ \n", 300, &paths));
+  EXPECT_EQ(paths, (std::vector<std::string>{"/s/a b", "/s/x\ny\tz\\ "}));
+  ASSERT_TRUE(parseInodePaths("", 300, &paths));
+  EXPECT_TRUE(paths.empty());
+  for (const char *text : {"300 7 /s/a", "300 7 /s/a\n300 7 /s", "300 7\n", "300 7 \n", "x 7 /s/a\n",
+                           "\n", "301 7 /s/a\n", "300 /s/a\n"})
+    EXPECT_FALSE(parseInodePaths(text, 300, &paths)) << text;
+}
+
+TEST_F(Operations, LinksFailWhenTheLookupDoes) {
+  makeFile(snap("f"));  // no lookup command stands at its place here
+  EXPECT_NE(linkFile(active("f"), inoOf(snap("f"))), 0);
+  EXPECT_EQ(errno, EIO);
+  EXPECT_FALSE(exists(active("f")));
+}
+
+}  // namespace
