@@ -42,6 +42,7 @@ void decodeRoot(const TreeItem &item, Subvolume *one) {
   memcpy(one->parent_uuid.data(), raw.parent_uuid, sizeof raw.parent_uuid);
   // A snapshot's key holds the transaction that made it; the field is 0 in old items.
   one->otransid = item.key.offset != 0 ? item.key.offset : le64toh(raw.otransid);
+  one->created = static_cast<int64_t>(le64toh(raw.otime.sec));
 }
 
 // Calls visit(item) for all items of tree 1 in [from, to]. 0 or -errno.

@@ -21,6 +21,7 @@ struct Subvolume {
   std::string name;        // last component of its path, "" for the top level
   Uuid uuid{}, parent_uuid{};
   uint64_t otransid = 0;  // transaction that created it
+  int64_t created = 0;    // when, in whole seconds
   bool deleted = false;   // being cleaned up
 };
 

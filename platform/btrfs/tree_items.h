@@ -25,7 +25,7 @@ struct InodeItem {
   uint32_t mode = 0;      // st_mode encoding
   uint64_t rdev = 0;      // major << 20 | minor
   uint64_t flags = 0;     // BTRFS_INODE_*
-  uint64_t sequence = 0;  // moves with every real change
+  uint64_t sequence = 0;  // moves with a real change, but not always within one tick of the clock
   TreeTime atime, ctime, mtime, otime;
 };
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "btrfs/subvolume.h"
 #include "libkest/entry_diff.h"
 #include "libkest/extent_diff.h"
 
@@ -20,9 +21,7 @@ constexpr size_t kScanBytes = 256 * 1024;
 constexpr uint64_t kHasPreallocated = 1u << 4, kRootItemInit = 1u << 31;
 constexpr uint64_t kPrivateFlags = kHasPreallocated | kRootItemInit;
 
-bool untouched(const InodeItem &a, const InodeItem &b) {
-  return a.ctime == b.ctime && a.sequence == b.sequence;
-}
+constexpr int64_t kClockMargin = 2;  // seconds
 
 }  // namespace
 
@@ -64,7 +63,8 @@ TreeDiff::TreeDiff(const kest_fssnap_handle &handle, uint64_t snapshot_id, uint6
 int TreeDiff::compute() {
   // Delayed updates and unwritten data are in no tree yet.
   if (syncfs(handle_.root.get()) < 0) return -errno;
-  int rc = readTouched(&active_);
+  int rc = findLineTime();
+  if (rc == 0) rc = readTouched(&active_);
   if (rc == 0) rc = readTouched(&snapshot_);
   if (rc == 0) rc = visitTouched();
   if (rc == 0) rc = visitPending();
@@ -81,6 +81,25 @@ const DiffInode *TreeDiff::find(uint64_t ino) const {
   auto at = std::lower_bound(inodes_.begin(), inodes_.end(), ino,
                              [](const DiffInode &one, uint64_t key) { return one.ino < key; });
   return at != inodes_.end() && at->ino == ino ? &*at : nullptr;
+}
+
+// The subvolume whose creation drew the line knows when that was. Without it (deleted since) every
+// inode that was written is compared in full.
+int TreeDiff::findLineTime() {
+  SubvolumeTable table;
+  int rc = table.load(handle_.root.get());
+  if (rc < 0) return rc;
+  for (const Subvolume &one : table.all())
+    if (one.otransid == line_) line_time_ = one.created;
+  return 0;
+}
+
+// An inode that was written after the line, for an access time, say, but did not change. Equal times
+// alone do not tell: two changes within one tick of the clock leave the same ctime, and the second may
+// leave the sequence alone. So they count only where the last change was clearly before the line.
+bool TreeDiff::untouched(const InodeItem &now, const InodeItem &then) const {
+  return now.ctime == then.ctime && now.sequence == then.sequence &&
+         now.ctime.sec < line_time_ - kClockMargin;
 }
 
 int TreeDiff::readTouched(Side *side) {

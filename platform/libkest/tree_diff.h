@@ -41,8 +41,10 @@ class TreeDiff {
     std::vector<Found> touched;  // inodes written after the line, by number
   };
 
+  int findLineTime();
   int readTouched(Side *side);
   int visitTouched();
+  bool untouched(const InodeItem &now, const InodeItem &then) const;
   int visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot);
   int visitChildren(Side *side, uint64_t dir);
   int visitPending();
@@ -51,6 +53,7 @@ class TreeDiff {
 
   const kest_fssnap_handle &handle_;
   uint64_t line_;
+  int64_t line_time_ = INT64_MIN;  // seconds; when the transaction of the line was written
   HiddenEntries hidden_;
   Side active_, snapshot_;
   std::unordered_set<uint64_t> visited_;

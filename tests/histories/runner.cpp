@@ -70,6 +70,7 @@ Outcome Runner::run(uint64_t seed, const Builder &initial, const Builder &change
     TreeBuilder tree(fs_->path(fileset));
     initial(tree);
     fs_->snapshot(fileset, snapshot);
+    testsupport::awaitClockTick();
     changes(tree);
   }
   outcome.problems = restoreAndJudge(seed, fileset, snapshot, &outcome);

@@ -158,7 +158,25 @@ TEST_P(RestoreTable, Data) {
 }
 INSTANTIATE_TEST_SUITE_P(Data, RestoreTable, ::testing::ValuesIn(kCases), caseName);
 
-// The same with a mount that compresses everything.
+// Written and written again within one tick of the clock, so that times and size stay the same.
+using SameTick = RestoreFixture;
+TEST_F(SameTick, MappedWriteAndPlainWrite) {
+  for (int i = 0; i < 5; ++i) {
+    std::string number = std::to_string(i);
+    tree().big("mapped" + number, 200000, 26);
+    tree().big("written" + number, 200000, 27);
+    fs().snapshot(fileset(), snapshotName(number));
+    tree().writeMapped("mapped" + number, 123456, "written through the mapping");
+    tree().write("written" + number, 123456, "written");
+    RunResult result = restore(number);
+    EXPECT_EQ(result.exitStatus, 0) << result.describe();
+    auto want = testsupport::fingerprint(fs().path(snapshotName(number)));
+    EXPECT_EQ(testsupport::joined(compare(want, testsupport::fingerprint(root()))), "");
+    fs().destroySubvolume(snapshotName(number));
+  }
+}
+
+// Everything compressed by the mount.
 using CompressedMount = RestoreFixture;
 TEST_F(CompressedMount, ChangedShrunkAndDeletedFiles) {
   remount("compress-force=zstd");

@@ -136,6 +136,7 @@ TEST_F(HostileNames, Renamed) {
 
 class LongPaths : public RestoreFixture {
  protected:
+  static constexpr size_t kLongest = 4093;  // the longest path that the command can build
   // A chain of directories whose path in the mounted fileset, with one more name of ten bytes below it,
   // is `bytes` long.
   std::string chain(size_t bytes, const std::string &step) {
@@ -156,10 +157,10 @@ class LongPaths : public RestoreFixture {
 
 // The path through the snapshot (a longer name) and through the work directory is longer than 4096.
 TEST_F(LongPaths, JustBelowTheLimit) {
-  std::string deep = chain(4095, std::string(200, 'd'));
+  std::string deep = chain(kLongest, std::string(200, 'd'));
   tree().file(deep + "/changed---", "before");
   tree().file(deep + "/deleted---", "before");
-  ASSERT_EQ((root() + "/" + deep + "/changed---").size(), 4095u);
+  ASSERT_EQ((root() + "/" + deep + "/changed---").size(), kLongest);
   takeSnapshot("a-snapshot-whose-name-is-a-good-deal-longer-than-that-of-the-fileset");
   tree().write(deep + "/changed---", 0, "after");
   tree().remove(deep + "/deleted---");

@@ -41,6 +41,7 @@ void RestoreFixture::remount(const std::string &options) {
 void RestoreFixture::takeSnapshot(const std::string &which) {
   fs_->snapshot(fileset_, snapshotName(which));
   snapshots_.push_back(which);
+  testsupport::awaitClockTick();
 }
 
 RunResult RestoreFixture::restore(const std::string &which, const std::vector<std::string> &options,

@@ -2,6 +2,8 @@
 
 #include <linux/fs.h>
 #include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <map>
@@ -84,6 +86,15 @@ std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePr
       lines.push_back("touched: " + shown(path) + " had not changed since the snapshot");
   }
   return lines;
+}
+
+void awaitClockTick() {
+  timespec start, now;
+  clock_gettime(CLOCK_REALTIME_COARSE, &start);
+  do {
+    usleep(500);
+    clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  } while (sameTime(start, now));
 }
 
 }  // namespace testsupport

@@ -17,4 +17,8 @@ namespace testsupport {
 std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePrint &before,
                                          const TreePrint &after, bool timesToo);
 
+// Returns when the clock that the file system stamps changes with has moved on. What is done afterwards
+// has another change time than what was done before; without it both can lie in one tick (some ms).
+void awaitClockTick();
+
 }  // namespace testsupport
