@@ -93,10 +93,11 @@ int clearImuAndApdFlags(const std::string &path) {
     if (found == Found::kFailed || (found == Found::kMissing && !first))
       return clearingFailed(path, code, errno);
     if (found == Found::kLink && !first) {
-      // A directory that has gone home left a link: its ancestors are there now.
+      // A directory that has gone home left a link: its ancestors are there now. Home may itself still
+      // wait in a temporary location, so one link is followed at a time.
       std::string home;
       if (!inWorkDir(work) || ++redirects > kMostRedirects) return clearingFailed(path, code, ELOOP);
-      if (getRealPath(work, &home) != 0) return clearingFailed(path, code, errno);
+      if (readLinkTarget(work, &home) != 0) return clearingFailed(path, code, errno);
       work = home;
       continue;
     }

@@ -15,6 +15,8 @@
 
 namespace {
 
+constexpr int64_t kBlock = 4096;  // bytes; holes are made of whole blocks
+
 // Writes the records of one data walk. The first joins the current aggregate; every later one starts an
 // aggregate of its own, so that many workers can share a large file.
 class DataWalk {
@@ -111,12 +113,19 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
     if (walk.addRange(offset, length, hole, false) != 0) return fail(-1, 15);
     offset += length;
   }
-  // What the active file lost at its end: all of it, as the snapshot has it.
-  for (int64_t offset = active_size; offset < snap_size;) {
+  // What the active file lost at its end: all of it, as the snapshot has it. The block in which the active
+  // file ended holds zeros up to its end now; where the snapshot has a hole, only the whole block can become
+  // one again.
+  for (int64_t offset = active_size - active_size % kBlock; offset < snap_size;) {
     int hole = 0;
     int64_t length = kest_ireadx(snap.get(), handles.iscanFromP, nullptr, 0, &offset, snap_size, &hole);
     if (length < 0) return fail(-1, 16);
     if (length == 0) break;
+    if (!hole && offset < active_size) {
+      length -= std::min(length, active_size - offset);
+      offset = active_size;
+      if (length == 0) continue;
+    }
     if (walk.addRange(offset, length, hole, hole != 0) != 0) return fail(-1, 16);
     offset += length;
   }
