@@ -23,6 +23,7 @@ class DeletedWalk {
   DeletedWalk(uint64_t root_ino, std::string &path) : rootIno_(root_ino), path_(path) {}
 
   int code() const { return code_; }
+  const std::string &failedAt() const { return failedAt_; }  // with the name of the entry
 
   int read(uint64_t ino) {
     Inode dir = openInode(handles.oldFsP, ino);
@@ -39,6 +40,7 @@ class DeletedWalk {
  private:
   int fail(int rc, int code) {
     code_ = code;
+    failedAt_ = path_;
     return rc != 0 ? rc : -1;
   }
 
@@ -109,6 +111,7 @@ class DeletedWalk {
   const uint64_t rootIno_;
   std::string &path_;
   int code_ = 0;
+  std::string failedAt_;
 };
 
 }  // namespace
@@ -119,7 +122,8 @@ int traverseDelDir(uint64_t rootIno, std::string &path, uint64_t ino) {
   int rc = walk.read(ino);
   if (rc != 0) {
     int err = errno;
-    traceLog("traverseDelDir: rootIno %lld, path %s\n", static_cast<long long>(rootIno), path.c_str());
+    traceLog("traverseDelDir: rootIno %lld, path %s\n", static_cast<long long>(rootIno),
+             walk.failedAt().c_str());
     traceLog("traverseDelDir: ino %lld, rc %d, code %d, err %d\n", static_cast<long long>(ino), rc,
              walk.code(), err);
     errno = err;

@@ -25,6 +25,7 @@ class NewWalk {
       : rootIno_(root_ino), path_(path), ino_(ino) {}
 
   int code() const { return code_; }
+  const std::string &failedAt() const { return failedAt_; }  // with the name of the entry
 
   int read() {
     Inode dir = openInode(handles.activeFsP, ino_);
@@ -47,12 +48,14 @@ class NewWalk {
  private:
   int fail(int rc, int code) {
     code_ = code;
+    failedAt_ = path_;
     return rc != 0 ? rc : -1;
   }
 
   int handle(const kest_direntx64_t &entry) {
+    const bool junction = checkJunction(path_, &entry) > 0;
     PathName name(path_, entry.d_name);
-    if (checkJunction(path_, &entry) > 0) {
+    if (junction) {
       if (!name.ok()) return fail(-1, 21);
       return unlinkJunction(path_) == 0 ? 0 : fail(-1, 22);
     }
@@ -141,6 +144,7 @@ class NewWalk {
   std::string &path_;
   const uint64_t ino_;
   int code_ = 0;
+  std::string failedAt_;
 };
 
 }  // namespace
@@ -154,7 +158,8 @@ int traverseNewDir(uint64_t rootIno, std::string &path, uint64_t ino) {
   if (rc != 0) {
     int err = errno;
     traceLog("traverseNewDir: Path %s, dirDepth %d, ino %lld, pass %d, rc %d, code %d, err %d\n",
-             path.c_str(), dirDepth, static_cast<long long>(ino), settings.pass, rc, walk.code(), err);
+             walk.failedAt().c_str(), dirDepth, static_cast<long long>(ino), settings.pass, rc,
+             walk.code(), err);
     errno = err;
   }
   aggregates.main.iAgg = saved_aggregate;

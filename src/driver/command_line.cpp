@@ -163,6 +163,13 @@ RunMode readCommandLine(int argc, char **argv) {
   if (!known_phase) return usage(argv[0]);
   if ((settings.snapOldP.empty() || settings.filesetP.empty()) && settings.phase != kPhaseMoveBack)
     return usage(argv[0]);
-  if (settings.phase == kPhaseMaster) settings.deviceP = absoluteDevice(settings.deviceP);
+  if (settings.phase == kPhaseMaster) {
+    settings.deviceP = absoluteDevice(settings.deviceP);
+    // Options of workers: the master makes its own work directory and counts its passes from 1.
+    settings.shareDir.clear();
+    settings.pass = 0;
+  } else if (settings.shareDir.empty()) {
+    return usage(argv[0]);  // its marker would land in the machine's root directory
+  }
   return RunMode::kRun;
 }

@@ -41,7 +41,7 @@ int setMaxMemUsage(uint64_t *mem, const std::string &meminfo) {
     userMessage(Message::kNoTotalMemory);
     return failBudget(-1, 4, EINVAL);
   }
-  // Divided first where the product would not fit.
+  // Where the product would not fit, the cap holds anyway.
   const uint64_t total = strtoull(start, nullptr, 10);
   *mem = std::min(total > UINT64_MAX / 3 ? kMostKiB : total * 3 / 10, kMostKiB);
   return 0;

@@ -24,7 +24,7 @@ constexpr int kOtherNumbers = 100000;     // left-over work directories that are
 constexpr mode_t kWorkDirTopMode = 0700;  // what was set aside must not become readable to others
 constexpr int kFrameBlocks = 128;
 
-// Failing calls set errno; the 1 is for those that break the rule.
+// Failing calls set errno; EIO is for those that break the rule.
 int errorNumber() {
   return errno ? errno : EIO;
 }
@@ -139,7 +139,7 @@ Prepared prepareRun(int *rc) {
   handles.snapRootPath = snap_root;
   if (master && !prepareMaster(rc)) return Prepared::kRelease;
   struct stat st;
-  if (stat(handles.rootPath.empty() ? "/" : handles.rootPath.c_str(), &st) != 0) {
+  if (stat(handles.rootPath.c_str(), &st) != 0) {
     *rc = errorNumber();
     userMessage(Message::kNoRootInode, settings.filesetP);
     return Prepared::kEnd;

@@ -32,6 +32,7 @@ struct AclHead {
 // of the snapshot's inode, so that no other object can come in between.
 struct Target {
   const std::string &path;
+  std::string snapPath;
   Descriptor fd;
   struct stat st {};
   Inode snap;
@@ -66,7 +67,7 @@ int readAcl(Target &target, std::vector<char> *acl) {
 int restoreAcl(Target &target) {
   std::vector<char> acl;
   if (readAcl(target, &acl) != 0) {
-    traceLog("restoreAttr: failed to get acl. fileSnapPathP %s\n", target.path.c_str());
+    traceLog("restoreAttr: failed to get acl. fileSnapPathP %s\n", target.snapPath.c_str());
     return 3;
   }
   if (retryClearing(target.path, "", [&] { return kest_fputacl(target.fd.get(), 0, acl.data()); }) == 0)
@@ -144,13 +145,16 @@ int restoreAll(Target &target, int32_t phase) {
 
 // The code of the failing step with errno, or 0.
 int restore(const std::string &path, int32_t phase) {
-  Target target{.path = path, .fd = Descriptor(openObject(path)), .snap = {}, .snapFd = Descriptor()};
+  Target target{.path = path,
+                .snapPath = {},
+                .fd = Descriptor(openObject(path)),
+                .snap = {},
+                .snapFd = Descriptor()};
   if (!target.fd) return 1;
   if (fstat(target.fd.get(), &target.st) != 0) return 1;
-  std::string snap_path;
   uint64_t snap_ino = 0;
   bool absent = false;
-  if (getSnapPath(path, true, &snap_path, &snap_ino, &absent) != 0) return absent ? 0 : 2;
+  if (getSnapPath(path, true, &target.snapPath, &snap_ino, &absent) != 0) return absent ? 0 : 2;
   if (int code = openTarget(target, snap_ino); code != 0) return code;
   return restoreAll(target, phase);
 }

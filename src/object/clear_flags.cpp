@@ -129,7 +129,7 @@ int retryClearing(const std::string &path, const std::string &other, const std::
   int bare = 0;  // EPERM although the object carried no flag: something else may be the reason
   for (int left = kMostRetries;; --left) {
     if (step() == 0) return 0;
-    const int err = errno;
+    const int err = errno != 0 ? errno : EIO;
     if ((err != EROFS && err != EPERM) || left == 0 || bare > kMostBare) {
       errno = err;
       return err;

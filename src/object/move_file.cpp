@@ -39,7 +39,7 @@ Step moveAway(const std::string &path, uint64_t ino, const std::string &to, bool
                err);
       return failedStep(3, err);
     }
-    const std::string bucket = workPath(bucketDir(ino));
+    const std::string bucket = bucketDir(ino);
     if (const int made = makeWorkDirectory(bucket)) {
       traceLog("moveFile: create %s failed, ino %lld err %d.\n", bucket.c_str(), number, made);
       return failedStep(2, made);
@@ -71,7 +71,7 @@ Step arriveAgain(const std::string &path, uint64_t ino, int32_t phase) {
 }
 
 Step listPending(uint64_t ino) {
-  const std::string list = workPath(kRegPendingMvList), location = workPath(tempLocation(ino));
+  const std::string list = workPath(kRegPendingMvList), location = tempLocation(ino);
   const long long number = static_cast<long long>(ino);
   bool opened = false;
   const int err = appendSideRecord(list, kRegPendingMvList, ino, location, kOpMoveFile,
@@ -88,7 +88,7 @@ Step moveBack(const std::string &path, uint64_t ino, int32_t phase) {
   std::string destination;
   if (!readDestination(ino, &destination)) {
     const int err = errno;
-    const std::string file = workPath(destinationFile(ino));
+    const std::string file = destinationFile(ino);
     const long long number = static_cast<long long>(ino);
     if (err == ENODATA) {
       traceLog("moveFile: failed to get move path for inode %lld from %s, err %d\n", number,
@@ -103,6 +103,8 @@ Step moveBack(const std::string &path, uint64_t ino, int32_t phase) {
   });
   if (err == 0) return arrive(path, destination, phase);
   if (err == EEXIST && phase == kPhaseMoveBack) return listPending(ino);
+  // A repeated record can be in the list twice, and another worker be the first.
+  if (err == ENOENT && !exists(path)) return arriveAgain(path, ino, phase);
   traceLog("moveFile: move %s to %s failed, phase %d pass %d err %d.\n", path.c_str(),
            destination.c_str(), phase, settings.pass, err);
   return failedStep(7, err);
@@ -129,10 +131,11 @@ int moveFile(const std::string &path, uint64_t ino, int32_t phase, std::string *
   } else if (step && away) {
     if (phase == 2 && settings.pass > 1) return 0;
     const bool aside = newPath != nullptr && deleteClone;
-    const std::string to = workPath(aside ? cloneDeleteLocation(ino) : tempLocation(ino));
+    const std::string to = aside ? cloneDeleteLocation(ino) : tempLocation(ino);
     bool vanished = false;
+    if (newPath != nullptr) *newPath = to;
     step = to.empty() ? failedStep(3, ENAMETOOLONG) : moveAway(path, ino, to, &vanished);
-    if (step && newPath != nullptr && !vanished) *newPath = to;
+    if (vanished && newPath != nullptr) newPath->clear();
   } else if (step) {
     step = moveBack(path, ino, phase);
   }

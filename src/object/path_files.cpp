@@ -14,7 +14,7 @@ constexpr int kOpenAttempts = 2;  // without the bucket directory, then with it
 
 // Opens the destination file of `ino`, empty. Null and errno, with the code of the step.
 std::unique_ptr<WorkFile> createDestination(const std::string &path, uint64_t ino, int *code) {
-  const std::string file = workPath(destinationFile(ino));
+  const std::string file = destinationFile(ino);
   const long long number = static_cast<long long>(ino);
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
     std::unique_ptr<WorkFile> stream = WorkFile::open(file, WorkFile::Mode::kTruncate);
@@ -22,7 +22,7 @@ std::unique_ptr<WorkFile> createDestination(const std::string &path, uint64_t in
       if (stream) return stream;
       break;
     }
-    const std::string bucket = workPath(bucketDir(ino));
+    const std::string bucket = bucketDir(ino);
     if (const int err = makeWorkDirectory(bucket)) {
       traceLog("fetchFile: fetch %s ino %lld, create dir %s failed, err %d.\n", path.c_str(), number,
                bucket.c_str(), err);
@@ -65,7 +65,7 @@ int fetchFile(const std::string &path, uint64_t ino) {
 }
 
 bool readDestination(uint64_t ino, std::string *destination) {
-  const std::string file = workPath(destinationFile(ino));
+  const std::string file = destinationFile(ino);
   if (file.empty()) {
     errno = ENAMETOOLONG;
     return false;
@@ -86,7 +86,7 @@ int getOrigPathBeforeRename(const std::string &path, std::string *result, uint64
   if (empty) {
     traceLog("getOrigPathBeforeRename: invalid origPath\n");
   } else {
-    const std::string file = workPath(destinationFile(ino));
+    const std::string file = destinationFile(ino);
     traceLog("getOrigPathBeforeRename: cannot open dest file %s\n", file.c_str());
   }
   traceLog("getOrigPathBeforeRename: rc %d, path %s, code %d, error %d\n", -1, path.c_str(),

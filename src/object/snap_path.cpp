@@ -64,7 +64,7 @@ void traceUnresolved(const char *routine, Resolve result, uint64_t ino, int err)
   if (result == Resolve::kEmptyFile) {
     traceLog("%s: failed to get dir path for dirIno %lld, err %d\n", routine, number, err);
   } else if (result == Resolve::kNoFile) {
-    const std::string file = workPath(destinationFile(ino));
+    const std::string file = destinationFile(ino);
     traceLog("%s: open dest path file failed, dirIno %lld %s err %d\n", routine, number, file.c_str(),
              err);
   }

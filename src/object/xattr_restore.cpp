@@ -87,7 +87,7 @@ int restoreXAttr(uint64_t ino, kest_ifile_t *snapInode, const std::string *path)
   traceLog("restoreXAttr: ino %lld\n", static_cast<long long>(ino));
   const int code = restore(ino, snapInode, path);
   if (code == 0) return 0;
-  const int err = errno;
+  const int err = errno != 0 ? errno : EIO;
   traceLog("restoreXAttr: ino %lld, path %s, rc %d, code %d, err %d\n", static_cast<long long>(ino),
            path != nullptr ? path->c_str() : "NULL", err, code, err);
   errno = err;

@@ -113,10 +113,11 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
     if (walk.addRange(offset, length, hole, false) != 0) return fail(-1, 15);
     offset += length;
   }
-  // What the active file lost at its end: all of it, as the snapshot has it. The block in which the active
-  // file ended holds zeros up to its end now; where the snapshot has a hole, only the whole block can become
-  // one again.
-  for (int64_t offset = active_size - active_size % kBlock; offset < snap_size;) {
+  // What the active file lost at its end: all of it, as the snapshot has it. The block in which the
+  // active file ended holds zeros up to its end now; where the snapshot has a hole, only the whole
+  // block can become one again.
+  const int64_t tail = active_size < snap_size ? active_size - active_size % kBlock : snap_size;
+  for (int64_t offset = tail; offset < snap_size;) {
     int hole = 0;
     int64_t length = kest_ireadx(snap.get(), handles.iscanFromP, nullptr, 0, &offset, snap_size, &hole);
     if (length < 0) return fail(-1, 16);

@@ -66,12 +66,17 @@ class Update {
       return fail(31);
     }
     std::vector<std::string> files;
+    errno = 0;
     while (const dirent *entry = readdir(dir)) {
       if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) {
         files.push_back(dir_path + "/" + entry->d_name);
       }
+      errno = 0;
     }
+    const int read_error = errno;
     closedir(dir);
+    errno = read_error;
+    if (read_error != 0) return fail(31);
     int total = 0;
     for (const std::string &file : files) {
       if (int rc = readCheckpointFile(file, &total)) return rc;

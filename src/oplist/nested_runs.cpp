@@ -50,7 +50,14 @@ bool listedDepths(const std::string &set, std::vector<int> *depths) {
 // pass.
 int runList(const std::string &set, const std::string &list, uint64_t ino, bool isDelDir, int code) {
   struct stat st;
-  if (stat(list.c_str(), &st) != 0) return 0;
+  if (stat(list.c_str(), &st) != 0) {
+    const int err = errno;
+    if (err == ENOENT) return 0;
+    traceLog("restoreDelNewDir: ino %lld, DelDir %d, rc %d, code %d, error %d\n",
+             static_cast<long long>(ino), isDelDir, err, code, err);
+    errno = err;
+    return err;
+  }
   const std::string prefix = "/usr/qtx/kest/bin/ktapplypolicy " + shellWord(settings.deviceP) + " -P " +
                              shellWord(set + "/policy");
   const std::string command = prefix + " -g " + shellWord(set) + " -r " + shellWord(list) +

@@ -120,7 +120,7 @@ int doWorkUnit(const std::string &listPath, int32_t callerPid) {
     traceLog("cannot open opList file. path %s, err %d\n", listPath.c_str(), err);
     return stop(err, kNoBatchFile, err);
   }
-  const std::string checkpoint_path = workPath(checkpointFile(callerPid, hostName(), getpid()));
+  const std::string checkpoint_path = checkpointFile(callerPid, hostName(), getpid());
   Descriptor checkpoint(
       open(checkpoint_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!checkpoint) return stop(kNoCheckpointFile, errno);
