@@ -14,6 +14,7 @@
 #include "driver/final_dir_move.h"
 #include "driver/memory_budget.h"
 #include "driver/phases.h"
+#include "driver/preparation.h"
 #include "object/attr_restore.h"
 #include "object/object_stat.h"
 #include "oplist/main_lists.h"
@@ -81,7 +82,6 @@ int closePassLists() {
 }
 
 int runPass() {
-  scan.itemCnt = 0;
   ++settings.pass;
   if (const int rc = scanPass()) return rc;
   userMessage(Message::kConstruct, formatTimeStamp());
@@ -182,6 +182,7 @@ int endRun(int rc, bool cleanupFlag, int *err) {
       closeTraceLog();
     }
   }
+  if (settings.pass == 0) putBackRootFlags();
   if (rc == 0 && *err == 0) rc = restoreRoot();
   return rc;
 }

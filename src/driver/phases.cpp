@@ -168,9 +168,10 @@ int runLatePhases() {
 int settleDirectories() {
   const PhaseRun run{kPhaseDirs, kDirLast, Message::kMovePendingFailed};
   const std::string fresh = workPath(kDirNew), last = workPath(kDirLast);
-  for (int round = 0; round < kSettleRounds; ++round) {
+  for (int round = 0;; ++round) {
     struct stat st;
     if (statPath(fresh, &st) != 0) return errno == ENOENT ? 0 : failPhase(run, errno);
+    if (round == kSettleRounds) break;
     if (const int error = takeDirRecords(fresh, last)) return failPhase(run, error);
     if (const int rc = runIfListed(run, std::nullopt, true)) return rc;
   }

@@ -11,7 +11,9 @@
 #include "cfgmgr/messages.h"
 #include "driver/fileset_services.h"
 #include "driver/self_check.h"
-#include "object/clear_flags.h"
+#include "object/control_request.h"
+#include "object/descriptor.h"
+#include "object/object_stat.h"
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
@@ -46,10 +48,21 @@ bool runsInsideFileset() {
   return handles.rootPath != current.get() && liesIn(current.get(), handles.rootPath);
 }
 
+// What the root directory carried before the run cleared it.
+InodeFlags rootFlags;
+
+// An immutable root takes no work directory, an append-only one does not give it up again. 0 or an
+// errno.
+int clearRootFlags() {
+  Descriptor root(openObject(handles.rootPath));
+  if (!root || getInodeFlags(root.get(), &rootFlags) != 0) return errorNumber();
+  if (!rootFlags.immutable && !rootFlags.appendOnly) return 0;
+  return clearInodeFlags(root.get()) == 0 ? 0 : errorNumber();
+}
+
 // 0 or an errno.
 int makeTopDirectory() {
-  // An immutable root takes no work directory, an append-only one does not give it up again.
-  if (clearObjectFlags(handles.rootPath) < 0) return errorNumber();
+  if (const int rc = clearRootFlags()) return rc;
   const int pid = static_cast<int>(getpid());
   for (int number = pid; number < pid + kOtherNumbers; ++number) {
     std::string path = handles.rootPath;
@@ -66,6 +79,11 @@ int makeTopDirectory() {
 
 // Checks and steps of the master alone. False: nothing may have been left behind.
 bool prepareMaster(int *rc) {
+  if (settings.threads < 1 || settings.maxFiles < 1) {
+    userMessage(Message::kNumberTooSmall);
+    *rc = EINVAL;
+    return false;
+  }
   if (runsInsideFileset()) {
     userMessage(Message::kInsideFileset);
     *rc = -1;
@@ -78,6 +96,7 @@ bool prepareMaster(int *rc) {
   }
   if ((*rc = makeTopDirectory()) != 0) {
     userMessage(Message::kNoWorkDir, strerror(*rc));
+    putBackRootFlags();
     return false;
   }
   return true;
@@ -123,6 +142,13 @@ bool openScans(int *rc) {
 }
 
 }  // namespace
+
+void putBackRootFlags() {
+  Descriptor root(openObject(handles.rootPath));
+  if (!root) return;
+  if (rootFlags.immutable) setImmutableFlag(root.get(), true);
+  if (rootFlags.appendOnly) setAppendOnlyFlag(root.get(), true);
+}
 
 Prepared prepareRun(int *rc) {
   const bool master = settings.phase == kPhaseMaster;

@@ -9,5 +9,9 @@ enum class Prepared { kReady, kRelease, kEnd };
 // message.
 Prepared prepareRun(int *rc);
 
+// For a run that ends before it changed anything: the flags of the root directory, which stood in the way of the
+// work directory, as they were.
+void putBackRootFlags();
+
 // Closes scans and frees handles, as far as they were obtained.
 void releaseHandles();

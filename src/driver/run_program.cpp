@@ -52,8 +52,10 @@ int runProgram(int argc, char **argv) {
     case RunMode::kRun:
       break;
   }
-  signal(SIGCHLD,
-         SIG_DFL);  // a parent that ignores it would keep the exit statuses of commands from us
+  // Who stops reading the messages must not stop the restore half-way; commands inherit this.
+  signal(SIGPIPE, SIG_IGN);
+  // A parent that ignores it would keep the exit statuses of commands from us.
+  signal(SIGCHLD, SIG_DFL);
 
   const bool master = settings.phase == kPhaseMaster;
   int rc = 0, err = 0;

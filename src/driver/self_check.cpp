@@ -1,11 +1,13 @@
 #include "driver/self_check.h"
 
 #include <dlfcn.h>
+#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -51,9 +53,10 @@ int selfCheck() {
   }
   if (const int error = checkFileOfRun(settings.exe)) return error;
   Dl_info library;
-  if (dladdr(reinterpret_cast<void *>(&kest_iopen64), &library) != 0 && library.dli_fname &&
-      library.dli_fname[0] == '/')
-    if (const int error = checkFileOfRun(library.dli_fname)) return error;
+  if (dladdr(reinterpret_cast<void *>(&kest_iopen64), &library) != 0 && library.dli_fname) {
+    const std::unique_ptr<char, decltype(&free)> path(realpath(library.dli_fname, nullptr), free);
+    if (const int error = checkFileOfRun(path ? path.get() : library.dli_fname)) return error;
+  }
   if (kest_is_writable(handles.oldFsP) == 1) userMessage(Message::kWritableSnapshot, settings.snapOldP);
   return 0;
 }
