@@ -45,7 +45,9 @@ TEST(CommandLine, Modes) {
       {{"LIST", "batch", "-p", "4", "-d", "dev", "-t", "/w"}, RunMode::kRun},
       {{"LIST", "batch", "-p", "3", "-d", "dev", "-t", "/w"}, RunMode::kUsage},
       {{"LIST", "batch", "-d", "dev", "-j", "f", "-o", "s"}, RunMode::kUsage},  // a worker has a phase
-      {{"list", "-j", "f", "-o", "s"}, RunMode::kRun},                          // a device of that name
+      {{"LIST", "b", "-p", "3", "-d", "dev", "-j", "f", "-o", "s"},
+       RunMode::kUsage},                                // nor a work directory
+      {{"list", "-j", "f", "-o", "s"}, RunMode::kRun},  // a device of that name
       {{"/dev", "-j", "f", "-o", "s", "-p", "1"}, RunMode::kUsage},
       {{"/dev", "-j", "f", "-o", "s", "-p", "2"}, RunMode::kUsage},
       {{"/dev", "-j", "f", "-o", "s", "-p", "-3"}, RunMode::kUsage},
@@ -58,6 +60,12 @@ TEST(CommandLine, Modes) {
   };
   for (const auto &test : cases)
     EXPECT_EQ(read(test.arguments), test.mode) << testing::PrintToString(test.arguments);
+}
+
+TEST(CommandLine, WorkersOptionsMeanNothingToTheMaster) {
+  ASSERT_EQ(read({"/dev", "-j", "f", "-o", "s", "-s", "5", "-t", "/w"}), RunMode::kRun);
+  EXPECT_EQ(settings.pass, 0);
+  EXPECT_EQ(settings.shareDir, "");
 }
 
 TEST(CommandLine, OptionsApplyInOrder) {
