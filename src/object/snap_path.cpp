@@ -154,7 +154,10 @@ int getSnapPath(const std::string &path, bool useWorkDir, std::string *result, u
   struct stat st;
   if (statPath(*result, &st) != 0) {
     const int err = errno;
-    if (absent != nullptr) *absent = err == ENOENT || err == ENOTDIR;
+    // The snapshot may have a link to anywhere where the active path has a directory.
+    if (absent != nullptr) {
+      *absent = err == ENOENT || err == ENOTDIR || err == ELOOP || err == ENAMETOOLONG;
+    }
     return snapPathFailed(path, 3, err);
   }
   *snapIno = moved_ino != 0 ? moved_ino : st.st_ino;
