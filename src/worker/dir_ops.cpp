@@ -21,6 +21,7 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "worker/work_unit.h"
 
 namespace {
 
@@ -32,10 +33,10 @@ int finish(const char *routine, const std::string &path, uint64_t ino, const Ste
   return step.rc;
 }
 
-// The workers of a nested run have recorded their own reason; the exit status stands for it here.
+// The workers of a nested run have recorded their own reason; its exit status stands for it here.
 Step runLists(uint64_t ino, bool deleted, int code) {
   errno = 0;
-  const int rc = restoreDelNewDir(ino, deleted);
+  const int rc = restoreDelNewDir(ino, deleted, performListHere);
   if (rc == 0) return {};
   return failedStep(code, errno != 0 ? errno : rc > 0 ? rc : EIO, rc);
 }

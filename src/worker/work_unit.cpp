@@ -134,3 +134,33 @@ int doWorkUnit(const std::string &listPath, int32_t callerPid) {
     if (int rc = performLine(text.get(), listPath, done, checkpoint.get()); rc != 0) return rc;
   }
 }
+
+int performListHere(const std::string &listPath) {
+  std::string text;
+  if (!readWholeFile(listPath, &text)) return errno;
+  const int32_t phase = settings.phase;
+  const bool topDir = settings.topDir;
+  settings.phase = kPhaseMain;
+  settings.topDir = false;
+  int rc = 0;
+  for (size_t position = 0; rc == 0 && position < text.size();) {
+    ListRecordFields record;
+    OpString op;
+    if (!parseListRecord(text, &position, &record) || !parseOpString(record.opString, &op)) {
+      traceLog("Invalid record %zu in %s\n", position, listPath.c_str());
+      rc = errno = EINVAL;
+      break;
+    }
+    errno = 0;
+    const BatchLine line{record.ino, std::string(record.opString), std::string(record.path)};
+    rc = perform(line, op);
+    if (rc == 0) continue;
+    const int err = errno != 0 ? errno : rc > 0 ? rc : EIO;
+    traceLog("doWorkUnit error: %s inodeNum %lld opCode %d\n", line.path.c_str(),
+             static_cast<long long>(line.ino), op.opCode);
+    errno = err;
+  }
+  settings.phase = phase;
+  settings.topDir = topDir;
+  return rc;
+}
