@@ -64,10 +64,16 @@ int openPassLists() {
   return openList(cpDeltaP, kOpListDelta, copies);
 }
 
+// Walks and moves give -1 and the reason in errno: a full file system must be known by it.
+int withReason(int rc, int error) {
+  return rc < 0 && error > 0 ? error : rc;
+}
+
 int walkNames() {
   int rc = traverseCommonDir(handles.rootPath, handles.rootIno);
   if (rc == 0 && settings.pass > 1) rc = walkMovedDirs();
   if (rc == 0) return 0;
+  rc = withReason(rc, errno);
   userMessage(Message::kConstructFailed);
   dumpDiffTable();
   return rc;
@@ -108,7 +114,9 @@ int moveDirectories() {
   closeWorkFile(dirMvfP, "dirMv", &rc);
   if (rc != 0) return rc;
   rc = doFinalDirMove();
-  if (rc != 0) userMessage(Message::kMoveDirsFailed);
+  if (rc == 0) return 0;
+  rc = withReason(rc, errno);
+  userMessage(Message::kMoveDirsFailed);
   return rc;
 }
 

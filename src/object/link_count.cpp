@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "run/fatal_error.h"
 #include "run/run_handles.h"
 #include "run/trace_log.h"
 
@@ -11,6 +12,8 @@ uint32_t linksIn(kest_iscan_t *scan_of, uint64_t ino) {
   const kest_iattr64_t *attr = nullptr;
   if (int rc = kest_stat_inode64(scan_of, ino, ino + 1, &attr); rc != 0) {
     traceLog("checkActiveLink return error, rc %d, errno %d\n", rc, errno);
+    // Its names would be restored as if each were a file of its own: the run must not end well.
+    setFatalError(errno);
     return 0;
   }
   if (attr == nullptr || isDirectory(attr->ia_mode) || attr->ia_nlink < 2) return 0;

@@ -28,6 +28,7 @@ const char kUsage[] =
     "  --max-workers N    KT_MAX_WORKERS of the restore\n"
     "  --passes N,N...    DIFF_ITEM_LIMIT, one of them at random (for a program that knows it)\n"
     "  --kill-before      first kill one or two restores at random moments\n"
+    "  --lose-workers     kill workers at random calls, up to three times a run\n"
     "  --program PATH     the restore program\n"
     "  --timeout N        seconds for one restore (60)\n"
     "  --shrink           reduce failing histories to few operations\n"
@@ -57,12 +58,12 @@ std::vector<int> numbers(const char *text) {
 // False where the command line is wrong.
 bool readOptions(int argc, char **argv, Settings *settings, Campaign *campaign) {
   const option options[] = {
-      {"profile", 1, nullptr, 'p'},     {"seed", 1, nullptr, 's'},    {"count", 1, nullptr, 'c'},
-      {"seconds", 1, nullptr, 't'},     {"stop", 1, nullptr, 'S'},    {"workers", 1, nullptr, 'm'},
-      {"max-workers", 1, nullptr, 'M'}, {"passes", 1, nullptr, 'P'},  {"kill-before", 0, nullptr, 'K'},
-      {"program", 1, nullptr, 'e'},     {"timeout", 1, nullptr, 'T'}, {"shrink", 0, nullptr, 'r'},
-      {"replay", 1, nullptr, 'R'},      {"keep", 0, nullptr, 'k'},    {"verbose", 0, nullptr, 'v'},
-      {nullptr, 0, nullptr, 0}};
+      {"profile", 1, nullptr, 'p'},      {"seed", 1, nullptr, 's'},    {"count", 1, nullptr, 'c'},
+      {"seconds", 1, nullptr, 't'},      {"stop", 1, nullptr, 'S'},    {"workers", 1, nullptr, 'm'},
+      {"max-workers", 1, nullptr, 'M'},  {"passes", 1, nullptr, 'P'},  {"kill-before", 0, nullptr, 'K'},
+      {"lose-workers", 0, nullptr, 'L'}, {"program", 1, nullptr, 'e'}, {"timeout", 1, nullptr, 'T'},
+      {"shrink", 0, nullptr, 'r'},       {"replay", 1, nullptr, 'R'},  {"keep", 0, nullptr, 'k'},
+      {"verbose", 0, nullptr, 'v'},      {nullptr, 0, nullptr, 0}};
   for (int letter; (letter = getopt_long(argc, argv, "", options, nullptr)) >= 0;) {
     switch (letter) {
       case 'p':
@@ -91,6 +92,9 @@ bool readOptions(int argc, char **argv, Settings *settings, Campaign *campaign) 
         break;
       case 'K':
         settings->killBefore = true;
+        break;
+      case 'L':
+        settings->loseWorkers = true;
         break;
       case 'e':
         settings->program = optarg;
@@ -172,12 +176,14 @@ int runSeeds(Runner &runner, const Settings &settings, const Campaign &campaign)
       settings.profile.c_str(), static_cast<unsigned long long>(campaign.seed),
       static_cast<unsigned long long>(campaign.seed + done - 1),
       static_cast<size_t>(done) - failed.size(), failed.size(), took, restoring);
+  if (settings.loseWorkers) printf("workers lost: %u\n", runner.workersLost());
   if (!failed.empty()) {
     printf("failed seeds:");
     for (uint64_t seed : failed) printf(" %llu", static_cast<unsigned long long>(seed));
     printf("\n");
   }
-  return failed.empty() && done > 0 ? 0 : 1;
+  const bool idle = settings.loseWorkers && runner.workersLost() == 0;
+  return failed.empty() && done > 0 && !idle ? 0 : 1;
 }
 
 }  // namespace

@@ -4,15 +4,20 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
 #include <set>
 
 #include "histories/generator.h"
 #include "histories/random.h"
+#include "support/fault_plan.h"
 #include "support/survival.h"
 #include "support/tree_fingerprint.h"
 
 namespace histories {
 
+using testsupport::Fault;
+using testsupport::FaultAction;
+using testsupport::FaultPlan;
 using testsupport::LoopBtrfs;
 using testsupport::RunOptions;
 using testsupport::RunResult;
@@ -27,6 +32,32 @@ constexpr int kMostTries = 600;              // of a shrinking
 // "mtime", "left over", "remade": lines of one kind count as the same failure.
 std::string kindOf(const std::string &line) {
   return line.substr(0, std::min(line.find(" of "), line.find(": ")));
+}
+
+// A run that starts its engine four times at most survives three losses, wherever they are.
+Fault lostWorkers(Random &random) {
+  static const std::vector<std::string> calls{"*",
+                                              "kest_unlink",
+                                              "kest_rename_noreplace",
+                                              "kest_open_file",
+                                              "kest_iwritex",
+                                              "kest_mkdir",
+                                              "kest_rmdir",
+                                              "kest_link",
+                                              "kest_symlink",
+                                              "kest_fset_times",
+                                              "kest_fputacl",
+                                              "kest_iputattrsx",
+                                              "kest_truncate",
+                                              "kest_fcntl"};
+  Fault fault;
+  fault.call = random.pick(calls);
+  fault.action = random.chance(50) ? FaultAction::kKillBefore : FaultAction::kKillAfter;
+  fault.where = testsupport::kAnyWorker;
+  fault.nth = random.between(1, fault.call == "*" ? 120 : 6);
+  fault.step = random.between(1, fault.call == "*" ? 60 : 5);
+  fault.times = static_cast<uint32_t>(random.between(1, 3));
+  return fault;
 }
 
 }  // namespace
@@ -108,8 +139,17 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
       testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, further, killed);
     }
   }
+  std::optional<FaultPlan> losses;
+  if (settings_.loseWorkers) {
+    losses.emplace(lostWorkers(random));
+    for (auto &variable : losses->environment()) options.environment.push_back(std::move(variable));
+  }
   RunResult result = testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, further, options);
   outcome->runText = result.describe();
+  if (losses) {
+    workersLost_ += losses->struck();
+    outcome->runText += losses->describe();
+  }
   outcome->restoreSeconds = result.seconds;
 
   std::vector<std::string> problems;
@@ -121,7 +161,8 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
   if (settings_.keep) reading.excludePrefixes = {"RestoreTemp"};
   TreePrint after = testsupport::fingerprint(fs_->path(fileset), reading);
   for (std::string &line : testsupport::compare(want, after)) problems.push_back(std::move(line));
-  for (std::string &line : testsupport::remadeOrTouched(want, before, after, !settings_.killBefore))
+  const bool timesToo = !settings_.killBefore && !settings_.loseWorkers;
+  for (std::string &line : testsupport::remadeOrTouched(want, before, after, timesToo))
     problems.push_back(std::move(line));
   TreePrint wantAgain = testsupport::fingerprint(fs_->path(snapshot));
   for (std::string &line : testsupport::compare(want, wantAgain))
@@ -134,7 +175,7 @@ bool Runner::failsAlike(const History &history, uint64_t seed, const std::vector
   std::set<std::string> kinds;
   for (const std::string &line : problems) kinds.insert(kindOf(line));
   // What depends on the order of workers or the moment of a kill need not fail every time.
-  int tries = settings_.killBefore ? 4 : seed % 2 ? 2 : 1;
+  int tries = settings_.killBefore || settings_.loseWorkers ? 4 : seed % 2 ? 2 : 1;
   for (; tries > 0; --tries) {
     Outcome one = replay(history, seed);
     if (std::any_of(one.problems.begin(), one.problems.end(),

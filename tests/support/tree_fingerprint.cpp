@@ -150,10 +150,10 @@ class Reader {
   }
 
   static void readTarget(int fd, const std::string &path, ObjectPrint *object) {
-    char target[PATH_MAX + 1];
-    ssize_t length = readlinkat(fd, "", target, sizeof target);
+    object->target.resize(PATH_MAX + 1);  // not on the stack: this walk recurses through deep trees
+    ssize_t length = readlinkat(fd, "", object->target.data(), object->target.size());
     if (length < 0) failWithErrno("readlink " + path);
-    object->target.assign(target, static_cast<size_t>(length));
+    object->target.resize(static_cast<size_t>(length));
     object->size = object->target.size();
   }
 

@@ -1,0 +1,124 @@
+// A call of the file-system library fails once: the run ends with 1 and says why, the next run ends
+// well, and nothing is lost. Never 0 with a difference.
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <set>
+
+#include "faults/faults_fixture.h"
+
+using namespace faults;
+
+namespace {
+
+std::string mounts() {
+  std::ifstream in("/proc/self/mountinfo");
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+// FAULTS_THOROUGH=1: every call in every phase, at several moments; else every call once.
+bool thorough() {
+  const char *value = getenv("FAULTS_THOROUGH");
+  return value && *value == '1';
+}
+// FAULTS_CALL=kest_link: this one alone, at every moment.
+std::string onlyCall() {
+  const char *value = getenv("FAULTS_CALL");
+  return value ? value : "";
+}
+
+enum class Outcome {
+  kFails,      // exit status 1
+  kRetried,    // in a worker that has not yet begun: it counts as lost
+  kEither,     // some of its callers do without an answer
+  kCannotFail  // answers yes or no
+};
+
+Outcome outcomeOf(const std::string &call, int where) {
+  static const std::set<std::string> preparation{
+      "kest_get_fset_snaphandle_by_name", "kest_get_fssnapid_from_fssnaphandle",
+      "kest_get_pathname_from_fssnaphandle", "kest_statfs64", "kest_open_inodescan64"};
+  static const std::set<std::string> either{"kest_is_writable",  // of the snapshot: a warning alone
+                                            "kest_lstat",  // what cannot be looked at counts as taken
+                                            "kest_fcntl", "kest_path_descriptor",
+                                            "kest_open_path"};  // clone attributes; nothing is a clone
+  if (call == "kest_same_file" || call == "kest_is_quota_file") return Outcome::kCannotFail;
+  if (where != kMaster && preparation.count(call)) return Outcome::kRetried;
+  return either.count(call) ? Outcome::kEither : Outcome::kFails;
+}
+
+class FailingCalls : public Faults {
+ protected:
+  void expectFailureAndRepair(const Fault &fault, Outcome outcome = Outcome::kFails) {
+    SCOPED_TRACE(fault.words());
+    prepare();
+    const std::string mountsBefore = mounts();
+    RunResult result = restoreWith(fault);
+    EXPECT_EQ(mounts(), mountsBefore);
+    const bool mayPass = outcome == Outcome::kEither && result.exitStatus == 0;
+    if (outcome == Outcome::kRetried || mayPass) {
+      expectEqual(result);
+      EXPECT_EQ(retriesTold(result), outcome == Outcome::kRetried ? 1 : 0) << what();
+      return;
+    }
+    EXPECT_EQ(result.exitStatus, 1) << (equalsSnapshot() ? "equal\n" : "NOT EQUAL\n") << what();
+    EXPECT_TRUE(hasMessage(result)) << what();
+    expectRepairedByNextRun();
+  }
+};
+
+TEST_F(FailingCalls, EachCall) {
+  std::map<std::string, std::vector<std::pair<int, uint32_t>>> places;
+  for (const auto &[place, count] : calls()) places[place.first].emplace_back(place.second, count);
+  EXPECT_GE(places.size(), 36u) << "the history does not need the whole library any more";
+  size_t turn = 0;
+  for (const auto &[call, phases] : places) {
+    ++turn;
+    if (!onlyCall().empty() && onlyCall() != call) continue;
+    for (size_t i = 0; i < phases.size(); ++i) {
+      const auto [where, count] = phases[i];
+      const Outcome outcome = outcomeOf(call, where);
+      if (outcome == Outcome::kCannotFail) continue;
+      std::set<uint64_t> moments;
+      if (!onlyCall().empty()) {
+        for (uint64_t n = 1; n <= count; ++n) moments.insert(n);
+      } else if (thorough()) {
+        moments = {1, 1 + count / 3, 1 + count * 2 / 3};
+      } else if (i == turn % phases.size()) {
+        moments = {1 + turn * 7 % (1 + count / 2)};
+      }
+      for (uint64_t nth : moments)
+        expectFailureAndRepair({.call = call, .error = EIO, .where = where, .nth = nth}, outcome);
+    }
+  }
+}
+
+// A failure that brings no reason is one all the same: a batch that it stops is not done.
+TEST_F(FailingCalls, FailureWithoutAnErrorNumber) {
+  const std::pair<const char *, int> cases[] = {{"kest_unlink", kMain},       {"kest_iwritex", kMain},
+                                                {"kest_fset_times", kDirs},   {"kest_link", kLinks},
+                                                {"kest_rename_noreplace", 4}, {"kest_next_inode64", 0}};
+  for (const auto &[call, where] : cases)
+    expectFailureAndRepair({.call = call, .error = 0, .where = where, .nth = 2});
+}
+
+TEST_F(FailingCalls, NoSpace) {
+  const std::pair<const char *, int> cases[] = {
+      {"kest_iwritex", kMain},  {"kest_open_file", kCreate}, {"kest_iwritex", kData},
+      {"kest_mkdir", kMain},    {"kest_link", kLinks},       {"kest_rename_noreplace", kMaster},
+      {"kest_symlink", kMaster}};
+  for (const auto &[call, where] : cases) {
+    const Fault fault{.call = call, .error = ENOSPC, .where = where, .nth = 1};
+    SCOPED_TRACE(fault.words());
+    prepare();
+    RunResult result = restoreWith(fault);
+    EXPECT_EQ(result.exitStatus, 1) << what();
+    EXPECT_NE(result.err.find("There is not enough free inode or disk space in the restoring fileset."),
+              std::string::npos)
+        << what();
+    expectRepairedByNextRun();
+  }
+}
+
+}  // namespace

@@ -1,0 +1,124 @@
+// A worker, the policy engine or the master is killed at a chosen call.
+#include "faults/faults_fixture.h"
+
+using namespace faults;
+
+namespace {
+
+class LostProcesses : public Faults {
+ protected:
+  // The run notices, repeats what was not done, and ends equal.
+  void expectRetried(const Fault &fault, unsigned items = 0) {
+    SCOPED_TRACE(fault.words());
+    prepare();
+    RunResult result = restoreWith(fault, items);
+    EXPECT_EQ(retriesTold(result), 1) << what();
+    expectEqual(result);
+  }
+};
+
+struct Place {
+  int phase;
+  const char *call;
+  uint64_t nth;
+};
+
+TEST_F(LostProcesses, WorkerInTheMiddleOfAStep) {
+  const Place places[] = {{kMain, "kest_unlink", 1},     {kMain, "kest_rename_noreplace", 3},
+                          {kMain, "kest_iwritex", 2},    {kMain, "kest_fset_times", 1},
+                          {kMain, "kest_iputattrsx", 4}, {kMain, "kest_mkdir", 2},
+                          {kMain, "kest_rmdir", 1},      {kCreate, "kest_open_file", 2},
+                          {kCreate, "kest_symlink", 1},  {kCreate, "kest_mknod", 1},
+                          {kCreate, "kest_truncate", 1}, {kData, "kest_iwritex", 1},
+                          {kData, "kest_fset_times", 1}, {kDirs, "kest_fset_times", 3},
+                          {kDirs, "kest_fcntl", 9},      {kLinks, "kest_open_file", 1},
+                          {kLinks, "kest_link", 1},      {kLinks, "kest_fset_times", 1},
+                          {kMoveBack, "kest_fcntl", 4}};
+  FaultAction action = FaultAction::kKillBefore;
+  for (const Place &place : places) {
+    expectRetried({.call = place.call, .action = action, .where = place.phase, .nth = place.nth});
+    action = action == FaultAction::kKillBefore ? FaultAction::kKillAfter : FaultAction::kKillBefore;
+  }
+}
+
+// The object is home and its record no longer finds it where it waited: its attributes still come.
+TEST_F(LostProcesses, WorkerBetweenRenameAndAttributes) {
+  for (uint64_t nth = 1; nth <= calls().at({"kest_rename_noreplace", kMoveBack}); ++nth)
+    expectRetried({.call = "kest_rename_noreplace",
+                   .action = FaultAction::kKillAfter,
+                   .where = kMoveBack,
+                   .nth = nth});
+}
+
+// The same where the place was taken at first: in a run of several passes by an object of a later one.
+TEST_F(LostProcesses, WorkerBetweenRenameAndAttributesOfAPendingMove) {
+  for (FaultAction action : {FaultAction::kKillBefore, FaultAction::kKillAfter})
+    for (unsigned items : {1, 3})
+      expectRetried({.call = "kest_rename_noreplace", .action = action, .where = kPending}, items);
+}
+
+// The records of two names of one inode look alike: that one is done says nothing of the other.
+TEST_F(LostProcesses, WorkerBetweenTwoNamesOfOneInode) {
+  for (uint64_t nth = 1; nth <= calls().at({"kest_unlink", kMain}); ++nth)
+    expectRetried(
+        {.call = "kest_unlink", .action = FaultAction::kKillBefore, .where = kMain, .nth = nth});
+}
+
+TEST_F(LostProcesses, WorkerThatDiesEveryTimeIsGivenUp) {
+  const Place places[] = {{kMain, "kest_iwritex", 2},
+                          {kMoveBack, "kest_rename_noreplace", 2},
+                          {kData, "*", 3},
+                          {kDirs, "kest_fputacl", 1},
+                          {kLinks, "kest_link", 1}};
+  for (const Place &place : places) {
+    const Fault fault{.call = place.call,
+                      .action = FaultAction::kKillBefore,
+                      .where = place.phase,
+                      .nth = place.nth,
+                      .times = 0};
+    SCOPED_TRACE(fault.words());
+    prepare();
+    RunResult result = restoreWith(fault);
+    EXPECT_EQ(result.exitStatus, 1) << what();
+    EXPECT_EQ(retriesTold(result), 3) << what();
+    expectRepairedByNextRun();
+  }
+}
+
+TEST_F(LostProcesses, EngineOnceIsRetried) {
+  const Place places[] = {{kMain, "kest_iwritex", 1},
+                          {kMoveBack, "kest_rename_noreplace", 2},
+                          {kCreate, "kest_open_file", 3}};
+  for (const Place &place : places)
+    expectRetried({.call = place.call,
+                   .action = FaultAction::kKillEngine,
+                   .where = place.phase,
+                   .nth = place.nth});
+}
+
+TEST_F(LostProcesses, EngineEveryTimeIsAFailure) {
+  prepare();
+  RunResult result = restoreWith(
+      {.call = "kest_statfs64", .action = FaultAction::kKillEngine, .where = kMoveBack, .times = 0});
+  EXPECT_EQ(result.exitStatus, 1) << what();
+  EXPECT_EQ(retriesTold(result), 3) << what();
+  expectRepairedByNextRun();
+}
+
+TEST_F(LostProcesses, MasterThenTheSameCommand) {
+  const Place places[] = {{kMaster, "kest_rename_noreplace", 2},
+                          {kMaster, "kest_rename_noreplace", 7},
+                          {kMaster, "kest_symlink", 1},
+                          {kMaster, "kest_fputacl", 4}};
+  for (const Place &place : places) {
+    const Fault fault{
+        .call = place.call, .action = FaultAction::kKillAfter, .where = place.phase, .nth = place.nth};
+    SCOPED_TRACE(fault.words());
+    prepare();
+    RunResult result = restoreWith(fault);
+    EXPECT_EQ(result.signal, 9) << what();
+    expectRepairedByNextRun();
+  }
+}
+
+}  // namespace

@@ -1,0 +1,209 @@
+// How a run starts: what it refuses before anything is touched, and where its work directory goes.
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "scenario/restore_fixture.h"
+
+using namespace scenario;
+using testsupport::compare;
+using testsupport::fingerprint;
+using testsupport::joined;
+
+namespace {
+
+const char kCommands[] = "/usr/qtx/kest/bin";
+
+// Where libkest.so lies that the program under test loads.
+std::string libraryPath() {
+  testsupport::runCommand(std::string("ldd ") + testsupport::kRestoreProgram +
+                          " | sed -n 's/.*libkest[^ ]* => \\([^ ]*\\) .*/\\1/p' > /mnt/library");
+  std::string path = TreeBuilder("/mnt").read("library");
+  path.erase(path.find_last_not_of('\n') + 1);
+  std::filesystem::remove("/mnt/library");
+  return path;
+}
+
+class Start : public RestoreFixture {
+ protected:
+  void SetUp() override {
+    RestoreFixture::SetUp();
+    tree().file("f", "text");
+    library_ = libraryPath();
+    ASSERT_FALSE(library_.empty()) << "the program loads no libkest";
+  }
+  void TearDown() override {
+    if (bound_) umount2(kCommands, MNT_DETACH);
+    RestoreFixture::TearDown();
+  }
+
+  // A whole installation of what is under test, in the fileset.
+  void install() {
+    namespace stdfs = std::filesystem;
+    stdfs::copy(kCommands, root() + "/bin", stdfs::copy_options::recursive);
+    tree().dir("lib");
+    stdfs::copy_file(library_, inside());
+  }
+  std::string inside() const {  // of the fileset: the library's name there
+    return root() + "/lib/" + std::filesystem::path(library_).filename().string();
+  }
+  void bindCommands() {
+    ASSERT_EQ(mount((root() + "/bin").c_str(), kCommands, nullptr, MS_BIND, nullptr), 0);
+    bound_ = true;
+  }
+  void unbindCommands() {
+    bound_ = false;
+    ASSERT_EQ(umount(kCommands), 0);
+  }
+
+  // exit 1, the text that names the file, and not even a time stamp changed.
+  void expectRefused(const std::string &file, const RunOptions &running) {
+    TreePrint before = fingerprint(root());
+    RunResult result = restore("snap", {}, running);
+    EXPECT_EQ(result.exitStatus, 1) << result.describe();
+    EXPECT_NE(result.err.find(file), std::string::npos) << file << " is not named\n" << result.err;
+    TreePrint after = fingerprint(root());
+    EXPECT_EQ(joined(compare(before, after)), "");
+    for (const auto &[path, object] : before.objects) {
+      const testsupport::ObjectPrint &now = after.objects[path];
+      EXPECT_TRUE(object.inode == now.inode && object.ctime.tv_sec == now.ctime.tv_sec &&
+                  object.ctime.tv_nsec == now.ctime.tv_nsec)
+          << path << " was touched";
+    }
+  }
+  RunOptions withLibraryInside() const {
+    RunOptions running;
+    running.environment = {{"LD_LIBRARY_PATH", root() + "/lib"}};
+    return running;
+  }
+
+  std::string library_;
+  bool bound_ = false;
+};
+
+TEST_F(Start, WhatWouldRemoveTheProgramItselfIsRefused) {
+  takeSnapshot();
+  install();
+  RunOptions running;
+  running.program = root() + "/bin/fsetrestore";
+  expectRefused(running.program, running);
+  expectRefused(inside(), withLibraryInside());
+
+  std::filesystem::copy_file(running.program, "/mnt/elsewhere");
+  running.program = "/mnt/elsewhere";
+  bindCommands();
+  expectRefused(std::string(kCommands) + "/kt", running);
+  unbindCommands();
+  std::filesystem::remove("/mnt/elsewhere");
+  expectRestored();  // with a program that lies elsewhere
+}
+
+TEST_F(Start, ProgramThatTheSnapshotHoldsTooCanRunFromTheFileset) {
+  install();
+  takeSnapshot();
+  tree().remove("f");
+  RunOptions running = withLibraryInside();
+  running.program = root() + "/bin/fsetrestore";
+  RunResult result = restore("snap", {}, running);
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  EXPECT_EQ(joined(compare(fingerprint(fs().path(snapshotName())), fingerprint(root()))), "");
+
+  // Upgraded since: another file of the same name.
+  tree().rename("bin/fsetrestore", "bin/old");
+  std::filesystem::copy_file(root() + "/bin/old", root() + "/bin/fsetrestore");
+  expectRefused(running.program, running);
+}
+
+TEST_F(Start, TakenNamesOfTheWorkDirectoryArePassedOver) {
+  constexpr int kTaken = 400;
+  takeSnapshot();
+  // Processes are numbered in a row: the run's number is among these.
+  pid_t next = fork();
+  if (next == 0) _exit(0);
+  ASSERT_GT(next, 0);
+  ASSERT_EQ(waitpid(next, nullptr, 0), next);
+  for (int number = next; number < next + kTaken; ++number) {
+    std::string name = "RestoreTemp" + std::to_string(number);
+    if (number % 2) {
+      tree().file(name, "a user's file");
+    } else {
+      tree().dirs(name + "/of/a user");
+      tree().file(name + "/opList", "no list");
+    }
+  }
+  RunResult result = restore("snap", {"-k"});
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  const std::string free = "RestoreTemp" + std::to_string(next + kTaken);
+  EXPECT_EQ(tree().names(""), (std::vector<std::string>{free, "f"})) << result.describe();
+  expectRestored();
+}
+
+TEST_F(Start, LongListOfNodesIsAUsageError) {
+  takeSnapshot();
+  tree().remove("f");
+  RunResult result = restore("snap", {"-N", std::string(1024, 'n')});
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_EQ(result.err.rfind("Usage ", 0), 0u) << result.err;
+  result = restore("snap", {"-N", std::string(1023, 'n')});
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_EQ(result.err.find("Usage "), std::string::npos) << "read, and refused as another machine";
+}
+
+constexpr char kCloneAttr[] = "trusted.kest.CLONE";
+
+class Clones : public RestoreTable {};
+
+TEST_P(Clones, ThatWouldHaveToBeRestoredEndTheRun) {
+  const std::string attribute(16, '\1');
+  for (const char *name : {"d/clone", "d/unchanged"}) {
+    tree().dirs("d");
+    tree().big(name, 50000, 3);
+    tree().setXattr(name, kCloneAttr, attribute);
+  }
+  takeSnapshot();
+  GetParam().change(tree());
+  testsupport::TreePrint before = fingerprint(root());
+  RunResult result = restore();
+  EXPECT_EQ(result.exitStatus, 1) << result.describe();
+  EXPECT_NE(result.err.find("it is a file clone"), std::string::npos) << result.err;
+  testsupport::TreePrint after = fingerprint(root());
+  for (const auto &[path, object] : before.objects)
+    if (object.xattrs.count(kCloneAttr)) {
+      ASSERT_TRUE(after.objects.count(path)) << path << "\n" << result.describe();
+      EXPECT_EQ(after.objects[path].inode, object.inode);
+      EXPECT_EQ(after.objects[path].dataHash, object.dataHash);
+      EXPECT_EQ(after.objects[path].xattrs, object.xattrs);
+      EXPECT_EQ(after.objects[path].mode, object.mode);
+    }
+}
+
+const HistoryCase kCloneCases[] = {
+    {"Changed", nullptr, [](TreeBuilder &t) { t.write("d/clone", 100, "changed"); }},
+    {"Deleted", nullptr, [](TreeBuilder &t) { t.remove("d/clone"); }},
+    {"DeletedWithItsDirectory", nullptr,
+     [](TreeBuilder &t) {
+       t.rename("d/unchanged", "unchanged");
+       t.removeTree("d");
+     }},
+    {"MadeSince", nullptr,
+     [](TreeBuilder &t) {
+       t.big("d/new", 5000, 4);
+       t.setXattr("d/new", kCloneAttr, std::string(16, '\2'));
+     }},
+};
+INSTANTIATE_TEST_SUITE_P(All, Clones, ::testing::ValuesIn(kCloneCases), caseName);
+
+TEST_F(Start, UnchangedCloneDoesNotDisturb) {
+  tree().file("clone", "data");
+  tree().setXattr("clone", kCloneAttr, std::string(16, '\1'));
+  tree().dirs("d");
+  takeSnapshot();
+  tree().write("f", 0, "else");
+  tree().file("d/new");
+  expectRestored();
+}
+
+}  // namespace
