@@ -123,7 +123,7 @@ kest_direntx64_t toRecord(const DirEntryItem &entry) {
   return record;
 }
 
-int listDirectory(OpenInode *file, const HiddenEntries &hidden, bool all_generations,
+int listDirectory(OpenInode *file, const HiddenEntries &hidden,
                   std::vector<kest_direntx64_t> *entries) {
   int fd = file->readFd();
   if (fd < 0) return fd;
@@ -138,7 +138,7 @@ int listDirectory(OpenInode *file, const HiddenEntries &hidden, bool all_generat
   for (kest_direntx64_t &record : raw) {
     if (!isDots(record.d_name)) {
       if (hidden.hidesName(file->if_inode, record.d_name)) continue;
-      if (record.d_type == DT_DIR || all_generations) {
+      if (record.d_type == DT_DIR) {
         rc = resolver.resolve(&record);
         if (rc < 0) return rc;
         if (rc == 0) continue;
@@ -171,7 +171,7 @@ int kest_ireaddir64(kest_ifile_t *dir, const kest_direntx64_t **entry) {
     if (!file->listed) {
       const kest_fssnap_handle &handle = *file->handle;
       uint64_t snapshot = handle.isSnapshot() ? handle.subvol_id : currentSnapshot(handle);
-      int rc = listDirectory(file, HiddenEntries(handle, snapshot), false, &file->entries);
+      int rc = listDirectory(file, HiddenEntries(handle, snapshot), &file->entries);
       if (rc < 0) return rc;
       file->listed = true;
     }

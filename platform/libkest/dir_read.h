@@ -9,10 +9,9 @@
 
 namespace kest {
 
-// The whole live directory, hidden entries left out; generations of directories only, or of everything
-// where `all_generations`. 0 or -errno.
-int listDirectory(OpenInode *file, const HiddenEntries &hidden, bool all_generations,
-                  std::vector<kest_direntx64_t> *entries);
+// The whole live directory, hidden entries left out; generations of directories only: nothing else is
+// looked up. 0 or -errno.
+int listDirectory(OpenInode *file, const HiddenEntries &hidden, std::vector<kest_direntx64_t> *entries);
 
 // A record for an entry that was read from a tree.
 kest_direntx64_t toRecord(const DirEntryItem &entry);

@@ -145,7 +145,7 @@ int listChangedEntries(OpenInode *file, const TreeDiff &diff, uint64_t snapshot_
   const kest_fssnap_handle &handle = *file->handle;
   HiddenEntries hidden(handle, snapshot_id);
   std::vector<kest_direntx64_t> active;
-  int rc = listDirectory(file, hidden, true, &active);
+  int rc = listDirectory(file, hidden, &active);
   if (rc < 0) return rc;
   std::erase_if(active, [](const kest_direntx64_t &record) {
     return strcmp(record.d_name, ".") == 0 || strcmp(record.d_name, "..") == 0;
@@ -159,6 +159,13 @@ int listChangedEntries(OpenInode *file, const TreeDiff &diff, uint64_t snapshot_
 
   auto less = [](const kest_direntx64_t &a, const kest_direntx64_t &b) {
     return strcmp(a.d_name, b.d_name) < 0;
+  };
+  // An inode whose name came or changed is in the difference, which knows its generation.
+  auto takeActive = [&](kest_direntx64_t record) {
+    const DiffInode *inode =
+        (record.d_flags & KEST_DF_JUNCTION) != 0 ? nullptr : diff.find(record.d_ino);
+    if (inode != nullptr && inode->alive) record.d_gen = inode->item.generation;
+    file->changed.push_back(record);
   };
   auto takeSnapshot = [&](const DirEntryItem &entry) {
     kest_direntx64_t record = toRecord(entry);
@@ -179,7 +186,7 @@ int listChangedEntries(OpenInode *file, const TreeDiff &diff, uint64_t snapshot_
                 : then == entries.end() ? -1
                                         : strcmp(now->d_name, then->name.c_str());
     if (order < 0) {
-      file->changed.push_back(*now++);
+      takeActive(*now++);
     } else if (order > 0) {
       rc = takeSnapshot(*then++);
     } else {
@@ -190,7 +197,7 @@ int listChangedEntries(OpenInode *file, const TreeDiff &diff, uint64_t snapshot_
         same = child == nullptr || !child->replaced;
       }
       if (!same) {
-        file->changed.push_back(*now);
+        takeActive(*now);
         rc = takeSnapshot(*then);
       }
       ++now;
