@@ -88,8 +88,8 @@ int describeClone(int parent, const CloneAttribute &of_parent, int clone, CloneA
   Uuid parent_fs, clone_fs;
   int rc = fileSystemIdOf(parent, &parent_fs);
   if (rc == 0) rc = fileSystemIdOf(clone, &clone_fs);
+  if (rc == -ENOTTY || (rc == 0 && parent_fs != clone_fs)) return -EXDEV;
   if (rc != 0) return rc;
-  if (parent_fs != clone_fs) return -EXDEV;
   uint64_t parent_tree, clone_tree;
   rc = subvolumeIdOf(parent, &parent_tree);
   if (rc == 0) rc = subvolumeIdOf(clone, &clone_tree);
