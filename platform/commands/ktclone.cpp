@@ -11,9 +11,10 @@ namespace {
 constexpr char kUsage[] =
     "Usage: ktclone snap FILE\n"
     "       ktclone copy PARENT FILE\n"
-    "snap  makes the file FILE a clone parent: a read-only file that clones can be made of. Its names "
-    "can\n"
-    "      still be removed, moved and linked; writing to it takes 'chattr -i'.\n"
+    "snap  makes the file FILE a clone parent: a read-only file (immutable flag) that clones can be "
+    "made\n"
+    "      of. To change, remove or move it by hand, clear the flag with 'chattr -i'; snap sets it "
+    "again.\n"
     "copy  makes FILE, a new file, a clone of the clone parent PARENT: a file of its own with the "
     "parent's\n"
     "      data, which takes no space until it is changed, for it shares the parent's blocks. It "
