@@ -22,7 +22,8 @@ struct ClonePrint {
   // A name in this tree of the clone parent that the number leads to; "snapshot <id> inode <n>"; empty
   // where there is none.
   std::string parentPath;
-  BlockRanges shared;  // with the parent at parentPath, in the same places
+  bool parentFits = false;  // its depth is one less, or it lives in a snapshot
+  BlockRanges shared;       // with the parent at parentPath, in the same places
   std::vector<std::pair<uint64_t, uint64_t>>
       blocks;  // physical place of each 4 KiB block, recorded only
 };
@@ -31,6 +32,11 @@ struct ClonePrint {
 std::optional<ClonePrint> readClone(const std::string &clone, const std::string &cloneSnap);
 // Where each block of the file behind the descriptor lies: [offset, place], preallocation left out.
 std::vector<std::pair<uint64_t, uint64_t>> physicalBlocks(int fd, const std::string &path);
+// What of [0, size) is preallocated: for a file that came by it through a reflink the kernel answers a
+// search for the next hole as if there were none.
+BlockRanges preallocated(int fd, uint64_t size, const std::string &path);
+// The parts of `from` that are not in `less`.
+BlockRanges missingIn(const BlockRanges &from, const BlockRanges &less);
 
 // Fills parentPath and shared of every clone of the tree.
 void connectClones(TreePrint *tree);

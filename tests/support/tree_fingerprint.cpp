@@ -192,6 +192,8 @@ class Reader {
       }
       at = to;
     }
+    const bool noHole = object->data.size() == 1 && object->data[0].second == object->size;
+    if (noHole) object->data = missingIn(object->data, preallocated(fd, object->size, path));
   }
 
   void noteGroups() {
