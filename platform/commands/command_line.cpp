@@ -1,6 +1,7 @@
 #include "commands/command_line.h"
 
 #include <getopt.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -8,7 +9,8 @@
 
 namespace kest {
 
-bool CommandLine::parse(int argc, char **argv, const std::string &letters, size_t words, int *status) {
+bool CommandLine::parse(int argc, char **argv, const std::string &letters, size_t words, int *status,
+                        size_t most_words) {
   static const struct option kLong[] = {{"help", no_argument, nullptr, 'h'}, {}};
   std::string all = ":h" + letters;
   opterr = 0;
@@ -27,7 +29,7 @@ bool CommandLine::parse(int argc, char **argv, const std::string &letters, size_
     options_[static_cast<char>(letter)] = optarg ? optarg : "";
   }
   words_.assign(argv + optind, argv + argc);
-  if (words_.size() == words) return true;
+  if (words_.size() >= words && words_.size() <= std::max(words, most_words)) return true;
   *status = usageError(words_.size() < words ? "too few arguments" : "too many arguments");
   return false;
 }

@@ -12,14 +12,16 @@ class CommandLine {
   // `usage` begins with "Usage: <name> ".
   CommandLine(const char *name, const char *usage) : name_(name), usage_(usage) {}
 
-  // Reads options of these getopt `letters` and exactly `words` words. True to go on; else the command
-  // ends with *status: 0 after --help (usage on standard output), 1 after a mistake (message and usage
-  // on standard error).
-  bool parse(int argc, char **argv, const std::string &letters, size_t words, int *status);
+  // Reads options of these getopt `letters` and `words` words, or up to `most_words` if that is more.
+  // True to go on; else the command ends with *status: 0 after --help (usage on standard output), 1
+  // after a mistake (message and usage on standard error).
+  bool parse(int argc, char **argv, const std::string &letters, size_t words, int *status,
+             size_t most_words = 0);
 
   bool has(char letter) const { return options_.count(letter) != 0; }
   // Value of an option; "" without it.
   std::string option(char letter) const;
+  size_t words() const { return words_.size(); }
   const std::string &word(size_t at) const { return words_[at]; }
 
   // Message and usage on standard error. 1.

@@ -238,12 +238,58 @@ int kest_fcntl(int fd, void *request);
 
 /* ---- clones --------------------------------------------------------------------------------- */
 
-/* Not available yet: all three fail with ENOTSUP. Clone attributes are read by kest_fcntl. */
-/* Turns a file into a read-only clone parent. */
+/* A clone parent is a read-only regular file whose blocks its clones share; a clone can be a parent in
+ * turn. The relation is held in two attributes of the file system's own, which attribute blobs neither
+ * carry nor remove and the difference compares: CLONE (16 bytes: parent inode number, big-endian; byte 12
+ * flags 0x80 parent, 0x40 the parent lives in a snapshot; bytes 14, 15 depth, big-endian, 0 for a file that
+ * is no clone itself) and CLONESNAP (8 bytes; bytes 4 to 7 snapshot id, big-endian).
+ * A parent carries the immutable flag: writing and truncation give EROFS, attribute changes EPERM, until
+ * the flag is cleared. Its names may come and go all the same: kest_unlink, kest_rename_noreplace and
+ * kest_link lift the flag for the step. */
+
+/* Turns a regular file into a clone parent, keeping access and modification time and, if it is a clone, its
+ * parent and depth. A parent that lost its immutable flag gets it again (0). `snap_path` is unused (NULL).
+ * -1: EROFS it is one already, its flags forbid it or its tree is read-only, EINVAL no regular file, EBUSY
+ * somebody, the caller included, has it open for writing, errno. */
 int kest_clone_snap(const char *path, const char *snap_path);
-/* Creates `path` as a clone of the clone parent `parent_path`. */
+
+/* Creates `path` (mode 0600, caller's owner) as a clone of the clone parent `parent_path`, sharing all its
+ * blocks, at the depth below. It appears whole or not at all. The parent may lie in a subvolume related to
+ * that of `path` (a snapshot of it, say), which the clone then names. -1: EEXIST, EINVAL the parent is none,
+ * EROFS the flags of the directory forbid it, EXDEV another file system or an unrelated subvolume, EOVERFLOW
+ * too deep, errno. */
 int kest_clone_copy(const char *parent_path, const char *path);
-/* Block-map call; code 86 fills the extent cache behind an open inode. */
+
+/* The clone attributes of an open inode: 1 and both (the second zeroed where there is none; each may be NULL),
+ * 0 it is neither clone nor parent (also where an attribute is too short to be one), -1 errno. */
+int kest_iclone_attr(kest_ifile_t *file, uint8_t clone[16], uint8_t clone_snap[8]);
+
+/* Sets the parent's inode number in the attribute of a clone of the active fileset; access and modification
+ * time and the flags are kept. -1: EINVAL no clone, errno. */
+int kest_iset_clone_parent(kest_ifile_t *file, uint64_t parent);
+
+/* Shares bytes of `from` (any tree of the same file system) with `to` at the same offset: no data moves, holes
+ * and preallocation included; `to` grows where the range ends behind it. Offset and end are multiples of 4096,
+ * or the end is the end of `from` and `to` is no longer. File capabilities are kept, the modification time is
+ * not. 0, also for no bytes; -1: EINVAL it cannot be shared (a part of a block, a no-copy-on-write file against
+ * an ordinary one, another file system), which calls for a copy, EROFS the flags forbid it, errno. */
+int kest_ishare(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t len);
+
+#define KEST_BLOCK_MAP 86
+#define KEST_BLOCK_MAP_EXTENTS 128
+typedef struct kest_block_map {
+  int64_t bm_start, bm_end; /* in: the range asked for; out: the part that the extents cover, which ends at
+                               bm_end, at the end of the file or where the table was full */
+  uint32_t bm_count;
+  uint32_t bm_pad;
+  struct {
+    uint64_t ex_hole; /* not 0: a hole, or preallocated */
+    int64_t ex_start, ex_end;
+  } bm_extents[KEST_BLOCK_MAP_EXTENTS]; /* adjoining, in order */
+} kest_block_map_t;
+/* Fills `record`, a kest_block_map_t, with what lies where in the regular file `fd` (open for reading).
+ * `code` is KEST_BLOCK_MAP, `argument` unused (NULL). 0, with no extents where the range begins at or behind
+ * the end of the file; -1: EINVAL, errno. */
 int kxfattr(int fd, int code, void *record, void *argument);
 
 /* ---- path calls ----------------------------------------------------------------------------- */

@@ -131,18 +131,6 @@ int makeHole(int fd, int64_t offset, int64_t end) {
   return 0;
 }
 
-// Writing costs a file its capabilities. They are put back behind every write, for a worker may die
-// before it closes the file. 0 or -errno.
-int saveCapability(OpenInode *file) {
-  if (file->capability_known) return 0;
-  std::string value;
-  int rc = readXattr(file->path_fd.get(), kCapability, &value);
-  if (rc < 0 && rc != -ENODATA && rc != -EOPNOTSUPP) return rc;
-  if (rc == 0) file->capability = std::move(value);
-  file->capability_known = true;
-  return 0;
-}
-
 int64_t writeOrPunch(OpenInode *file, const void *buf, int64_t len, int64_t offset, bool hole,
                      int *error) {
   int fd = file->writeFd();
@@ -156,10 +144,8 @@ int64_t writeOrPunch(OpenInode *file, const void *buf, int64_t len, int64_t offs
   } else {
     done = writeFully(fd, buf, len, offset, error);
   }
-  if (file->capability) {
-    rc = writeXattr(file->path_fd.get(), kCapability, *file->capability);
-    if (rc < 0) return rc;
-  }
+  rc = putBackCapability(file);
+  if (rc < 0) return rc;
   // What was known to differ goes on differing by its extents; anything else has to be compared again.
   ChangedRanges &known = file->changed_ranges;
   auto covers = [&](const ExtentRange &range) {
@@ -201,6 +187,20 @@ int openNumber(kest_fssnap_handle *handle, uint64_t ino, std::unique_ptr<OpenIno
   file->created = toTime(status.stx_btime);
   *opened = std::move(file);
   return 0;
+}
+
+int saveCapability(OpenInode *file) {
+  if (file->capability_known) return 0;
+  std::string value;
+  int rc = readXattr(file->path_fd.get(), kCapability, &value);
+  if (rc < 0 && rc != -ENODATA && rc != -EOPNOTSUPP) return rc;
+  if (rc == 0) file->capability = std::move(value);
+  file->capability_known = true;
+  return 0;
+}
+
+int putBackCapability(const OpenInode *file) {
+  return file->capability ? writeXattr(file->path_fd.get(), kCapability, *file->capability) : 0;
 }
 
 int statByNumber(kest_fssnap_handle *handle, uint64_t ino, kest_iattr64_t *attr) {

@@ -17,4 +17,9 @@ int openNumber(kest_fssnap_handle *handle, uint64_t ino, std::unique_ptr<OpenIno
 // Attributes as they are now. 0; -ENOENT, -errno.
 int statByNumber(kest_fssnap_handle *handle, uint64_t ino, kest_iattr64_t *attr);
 
+// Writing to a file and sharing with it cost it its capabilities. The one is called before the first
+// such step, the other behind every one, for a worker may die before it closes the file. 0 or -errno.
+int saveCapability(OpenInode *file);
+int putBackCapability(const OpenInode *file);
+
 }  // namespace kest

@@ -27,38 +27,6 @@ constexpr char kCapability[] = "security.capability";
 constexpr mode_t kModeBits = 07777;
 constexpr int kCreateAttempts = 100;
 
-// What could have refused a call with EPERM.
-struct Suspect {
-  int dir_fd;
-  const char *name;  // "" the directory itself
-  bool append_only_refuses;
-};
-
-Suspect object(const Place &place) {
-  return {place.dir.get(), place.leaf.c_str(), true};
-}
-Suspect givingDirectory(const Place &place) {
-  return {place.dir.get(), "", true};
-}
-// An append-only directory takes new entries.
-Suspect takingDirectory(const Place &place) {
-  return {place.dir.get(), "", false};
-}
-
-// Result of a system call: 0, or -errno with EPERM turned into EROFS where a suspect's flags forbid it.
-int outcome(int result, std::initializer_list<Suspect> suspects) {
-  if (result == 0) return 0;
-  int err = errno;
-  if (err != EPERM) return -err;
-  for (const Suspect &suspect : suspects) {
-    Protection protection;
-    if (readProtection(suspect.dir_fd, suspect.name, &protection) == 0 &&
-        (protection.immutable || (protection.append_only && suspect.append_only_refuses)))
-      return -EROFS;
-  }
-  return -EPERM;
-}
-
 // Remembers the file capability of an object over a step in which the kernel drops it.
 class KeptCapability {
  public:
@@ -84,26 +52,7 @@ class KeptCapability {
   std::string value_;
 };
 
-// Gives an object exactly `mode` after a step in which the kernel made something else of it (umask,
-// inherited ACL or group bit, change of owner).
-int setExactMode(int fd, mode_t mode) {
-  struct stat st;
-  if (fstat(fd, &st) != 0) return -errno;
-  if (((st.st_mode ^ mode) & kModeBits) == 0) return 0;
-  return chmod(FdPath(fd).get(), mode & kModeBits) == 0 ? 0 : -errno;
-}
-
-// Opens the object itself with O_PATH, so that a device or FIFO is not opened for real. With a slash
-// after its name the kernel would follow a link even so: it is asked for a directory instead.
-int openObject(const Place &place, UniqueFd *fd, struct stat *st) {
-  size_t end = place.leaf.find_last_not_of('/') + 1;
-  int directory = end < place.leaf.size() ? O_DIRECTORY : 0;
-  fd->reset(openat(place.dir.get(), place.leaf.substr(0, end).c_str(),
-                   O_PATH | O_NOFOLLOW | O_CLOEXEC | directory));
-  return *fd && fstat(fd->get(), st) == 0 ? 0 : -errno;
-}
-
-int setExactMode(const Place &place, mode_t type, mode_t mode) {
+int setModeOfNew(const Place &place, mode_t type, mode_t mode) {
   UniqueFd fd;
   struct stat st;
   if (int rc = openObject(place, &fd, &st); rc != 0) return rc;
@@ -219,25 +168,6 @@ int openDirectory(std::string_view path, UniqueFd *dir) {
   return 0;
 }
 
-// Runs `body`(place) for one path, with the C interface's result.
-template <typename Body>
-int onPath(kest_fssnap_handle *active, const char *path, Body body) {
-  return cCall([&] {
-    Place place;
-    int rc = locate(active, path, &place);
-    return rc == 0 ? body(place) : rc;
-  });
-}
-
-template <typename Body>
-int onTwoPaths(kest_fssnap_handle *active, const char *from, const char *to, Body body) {
-  return onPath(active, from, [&](const Place &source) {
-    Place target;
-    int rc = locate(active, to, &target);
-    return rc == 0 ? body(source, target) : rc;
-  });
-}
-
 }  // namespace
 
 int locate(kest_fssnap_handle *, const char *path, Place *place) {
@@ -252,6 +182,36 @@ int locate(kest_fssnap_handle *, const char *path, Place *place) {
   return openDirectory(std::string_view(path, end == 0 ? 1 : start), &place->dir);
 }
 
+int outcome(int result, std::initializer_list<Suspect> suspects) {
+  if (result == 0) return 0;
+  int err = errno;
+  if (err != EPERM) return -err;
+  return std::any_of(suspects.begin(), suspects.end(), flagsForbid) ? -EROFS : -EPERM;
+}
+
+bool flagsForbid(const Suspect &suspect) {
+  Protection protection;
+  return readProtection(suspect.dir_fd, suspect.name, &protection) == 0 &&
+         (protection.immutable || (protection.append_only && suspect.append_only_refuses));
+}
+
+int openObject(const Place &place, UniqueFd *fd, struct stat *st) {
+  size_t end = place.leaf.find_last_not_of('/') + 1;
+  // With a slash after its name the kernel would follow a link even so: a directory is asked for
+  // instead.
+  int directory = end < place.leaf.size() ? O_DIRECTORY : 0;
+  fd->reset(openat(place.dir.get(), place.leaf.substr(0, end).c_str(),
+                   O_PATH | O_NOFOLLOW | O_CLOEXEC | directory));
+  return *fd && fstat(fd->get(), st) == 0 ? 0 : -errno;
+}
+
+int setExactMode(int fd, mode_t mode) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return -errno;
+  if (((st.st_mode ^ mode) & kModeBits) == 0) return 0;
+  return chmod(FdPath(fd).get(), mode & kModeBits) == 0 ? 0 : -errno;
+}
+
 int isNestedSubvolume(const Place &place) {
   struct stat parent, st;
   if (fstatat(place.dir.get(), place.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
@@ -264,23 +224,8 @@ int isNestedSubvolume(const Place &place) {
 
 using namespace kest;
 
-extern "C" int kest_unlink(kest_fssnap_handle_t *active, const char *path) {
-  return onPath(active, path, [](const Place &place) {
-    return outcome(unlinkat(place.dir.get(), place.leaf.c_str(), 0),
-                   {object(place), givingDirectory(place)});
-  });
-}
-
 extern "C" int kest_rmdir(kest_fssnap_handle_t *active, const char *path) {
   return onPath(active, path, removeDirectory);
-}
-
-extern "C" int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to) {
-  return onTwoPaths(active, from, to, [](const Place &source, const Place &target) {
-    return outcome(renameat2(source.dir.get(), source.leaf.c_str(), target.dir.get(),
-                             target.leaf.c_str(), RENAME_NOREPLACE),
-                   {object(source), givingDirectory(source), takingDirectory(target)});
-  });
 }
 
 extern "C" int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size) {
@@ -295,7 +240,7 @@ extern "C" int kest_mkdir(kest_fssnap_handle_t *active, const char *path, mode_t
   return onPath(active, path, [=](const Place &place) {
     int rc = outcome(mkdirat(place.dir.get(), place.leaf.c_str(), mode & kModeBits),
                      {takingDirectory(place)});
-    return rc == 0 ? setExactMode(place, S_IFDIR, mode) : rc;
+    return rc == 0 ? setModeOfNew(place, S_IFDIR, mode) : rc;
   });
 }
 
@@ -304,7 +249,7 @@ extern "C" int kest_mknod(kest_fssnap_handle_t *active, const char *path, mode_t
     int rc =
         outcome(mknodat(place.dir.get(), place.leaf.c_str(), mode, device), {takingDirectory(place)});
     mode_t type = (mode & S_IFMT) != 0 ? mode & S_IFMT : S_IFREG;
-    return rc == 0 ? setExactMode(place, type, mode) : rc;
+    return rc == 0 ? setModeOfNew(place, type, mode) : rc;
   });
 }
 
@@ -312,14 +257,6 @@ extern "C" int kest_symlink(kest_fssnap_handle_t *active, const char *target, co
   return onPath(active, path, [=](const Place &place) {
     if (target == nullptr) return -EINVAL;
     return outcome(symlinkat(target, place.dir.get(), place.leaf.c_str()), {takingDirectory(place)});
-  });
-}
-
-extern "C" int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to) {
-  return onTwoPaths(active, from, to, [](const Place &source, const Place &target) {
-    return outcome(
-        linkat(source.dir.get(), source.leaf.c_str(), target.dir.get(), target.leaf.c_str(), 0),
-        {object(source), takingDirectory(target)});
   });
 }
 

@@ -1,10 +1,14 @@
 // Path calls on a fileset with the file system's own error numbers; kest.h has their contracts.
 #pragma once
 
+#include <initializer_list>
 #include <string>
+
+#include <sys/stat.h>
 
 #include "btrfs/unique_fd.h"
 #include "kest.h"
+#include "libkest/c_call.h"
 
 namespace kest {
 
@@ -19,7 +23,55 @@ struct Place {
 // path given to a path call is followed. 0 or -errno as the system call itself would have answered.
 int locate(kest_fssnap_handle *active, const char *path, Place *place);
 
+// Opens the object itself with O_PATH, so that a device or FIFO is not opened for real. 0 or -errno.
+int openObject(const Place &place, UniqueFd *fd, struct stat *st);
+
+// Gives an object exactly the twelve bits of `mode` after a step in which the kernel made something
+// else of them (umask, inherited ACL or group bit, change of owner). 0 or -errno.
+int setExactMode(int fd, mode_t mode);
+
+// What could have refused a call with EPERM.
+struct Suspect {
+  int dir_fd;
+  const char *name;  // "" the directory itself
+  bool append_only_refuses;
+};
+bool flagsForbid(const Suspect &suspect);
+
+inline Suspect object(const Place &place) {
+  return {place.dir.get(), place.leaf.c_str(), true};
+}
+inline Suspect givingDirectory(const Place &place) {
+  return {place.dir.get(), "", true};
+}
+// An append-only directory takes new entries.
+inline Suspect takingDirectory(const Place &place) {
+  return {place.dir.get(), "", false};
+}
+
+// Result of a system call: 0, or -errno with EPERM turned into EROFS where a suspect's flags forbid it.
+int outcome(int result, std::initializer_list<Suspect> suspects);
+
 // Whether `leaf` is a nested subvolume. 1, 0 or -errno.
 int isNestedSubvolume(const Place &place);
+
+// Runs `body`(place) for one path, with the C interface's result.
+template <typename Body>
+int onPath(kest_fssnap_handle *active, const char *path, Body body) {
+  return cCall([&] {
+    Place place;
+    int rc = locate(active, path, &place);
+    return rc == 0 ? body(place) : rc;
+  });
+}
+
+template <typename Body>
+int onTwoPaths(kest_fssnap_handle *active, const char *from, const char *to, Body body) {
+  return onPath(active, from, [&](const Place &source) {
+    Place target;
+    int rc = locate(active, to, &target);
+    return rc == 0 ? body(source, target) : rc;
+  });
+}
 
 }  // namespace kest

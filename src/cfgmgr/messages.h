@@ -71,6 +71,7 @@ enum class Message : int {
   kWritableSnapshot,
   kCommandTooLong,
   kCloneListTooDeep,
+  kCloneParentGone,
   kDirsUnsettled,
   kRootAttrFailed,
   kKeptAside,
@@ -164,6 +165,10 @@ inline constexpr MessageText kMessages[] = {
     {Message::kCommandTooLong, 0, 0,
      "The command line would be longer than %d bytes and is not run: %s\n"},
     {Message::kCloneListTooDeep, 0, 0, "Clones nested deeper than %d levels cannot be restored: %s\n"},
+    {Message::kCloneParentGone, 0, 0,
+     "The clone parent of %s is not to be had: it lived in the snapshot with the id %lld. The file is "
+     "restored "
+     "without it.\n"},
     {Message::kDirsUnsettled, 0, 0, "Directory attributes did not settle in %d rounds.\n"},
     {Message::kRootAttrFailed, 0, 0,
      "Failed to restore the attributes of the fileset root %s. err %d\n"},

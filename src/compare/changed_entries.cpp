@@ -6,12 +6,12 @@
 #include "compare/common_dir.h"
 #include "compare/deleted_walk.h"
 #include "compare/dir_entry.h"
+#include "compare/missing_link.h"
 #include "compare/moved_object.h"
 #include "object/junction.h"
 #include "object/object_stat.h"
 #include "object/path_files.h"
 #include "oplist/dir_lists.h"
-#include "oplist/link_list.h"
 #include "oplist/main_lists.h"
 #include "oplist/move_back_lists.h"
 #include "record/aggregate.h"
@@ -65,8 +65,11 @@ class ChangedEntries {
       return 0;
     }
     if (!isDirEntry(entry) && isHardLinked(entry.d_ino)) {
-      int rc = listLink(dir_.path, entry.d_ino);
-      return rc == 0 ? 0 : fail(rc, 22);
+      bool also_deleted = false;
+      if (int rc = listMissingLink(dir_.path, entry.d_ino, &also_deleted)) return fail(rc, 22);
+      if (!also_deleted) return 0;
+      int rc = ListRecord(dir_.path, entry.d_ino, kOpRestoreDelFile, 0);
+      return rc == 0 ? 0 : fail(rc, 51);
     }
     int kind = kKindSame;
     if (in_range) {

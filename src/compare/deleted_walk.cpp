@@ -3,10 +3,10 @@
 #include <cerrno>
 
 #include "compare/dir_entry.h"
+#include "compare/missing_link.h"
 #include "compare/moved_object.h"
 #include "object/junction.h"
 #include "oplist/dir_lists.h"
-#include "oplist/link_list.h"
 #include "record/aggregate.h"
 #include "run/path.h"
 #include "run/run_handles.h"
@@ -61,8 +61,9 @@ class DeletedWalk {
       const DiffItem *item = findItem(entry.d_ino);
       if (!item) return inconsistent(entry.d_ino);
       if (!isDirEntry(entry) && isHardLinked(entry.d_ino)) {
-        int rc = listLink(path_, entry.d_ino);
-        return rc == 0 ? 0 : fail(rc, 51);
+        bool also_deleted = false;
+        if (int rc = listMissingLink(path_, entry.d_ino, &also_deleted)) return fail(rc, 51);
+        return also_deleted ? deletedObject(entry.d_ino) : 0;
       }
       lives_on = item->type & (kDiffChanged | kDiffMoved);
     } else {
@@ -74,11 +75,12 @@ class DeletedWalk {
       int rc = fetchMovedObject(path_, entry);
       return rc == 0 ? 0 : failTraced(rc, 9, "record FETCH failed", entry.d_ino);
     }
-    if (!isDirEntry(entry)) {
-      int rc = DirListRecord(rootIno_, path_, entry.d_ino, kOpRestoreDelFile, 0, true);
-      return rc == 0 ? 0 : failTraced(rc, 6, "record COPY failed", entry.d_ino);
-    }
-    return subdirectory(entry.d_ino);
+    return isDirEntry(entry) ? subdirectory(entry.d_ino) : deletedObject(entry.d_ino);
+  }
+
+  int deletedObject(uint64_t ino) {
+    int rc = DirListRecord(rootIno_, path_, ino, kOpRestoreDelFile, 0, true);
+    return rc == 0 ? 0 : failTraced(rc, 6, "record COPY failed", ino);
   }
 
   int subdirectory(uint64_t ino) {

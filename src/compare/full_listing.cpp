@@ -4,6 +4,7 @@
 #include "compare/common_dir.h"
 #include "compare/common_walk.h"
 #include "compare/dir_entry.h"
+#include "compare/missing_link.h"
 #include "compare/moved_object.h"
 #include "compare/new_walk.h"
 #include "object/junction.h"
@@ -17,6 +18,7 @@
 #include "run/settings.h"
 #include "run/trace_log.h"
 #include "scan/diff_table.h"
+#include "scan/same_file.h"
 #include "scan/scan_pass.h"
 
 namespace {
@@ -59,7 +61,28 @@ class FullListing {
     // Without an item the object is unchanged or belongs to another pass, however many names it has.
     DiffItem *item = inPassRange(entry.d_ino) ? findItem(entry.d_ino) : nullptr;
     if (!item) return 0;
+    if (item->type & kDiffNew && dir_.newNames.count(entry.d_name) == 0 && mustBeRemade(entry.d_ino))
+      return remakeFile(entry.d_ino);
     return isHardLinked(entry.d_ino) ? hardLinked(entry, *item) : singleName(entry.d_ino, *item);
+  }
+
+  // The snapshot's own name of a file that has to be made anew.
+  int remakeFile(uint64_t ino) {
+    if (int rc = ListRecord(dir_.path, ino, kOpDeleteFile, 0)) return fail(rc, 73);
+    bool listed = true;
+    if (isHardLinked(ino)) {
+      if (int rc = listMissingLink(dir_.path, ino, &listed)) return fail(rc, 72);
+    }
+    if (listed) {
+      if (int rc = ListRecord(dir_.path, ino, kOpRestoreDelFile, 0)) return fail(rc, 51);
+    }
+    // Removing and making the entry changes the times of a directory that may be as it was.
+    if (dirListed_ || dir_.ino == handles.rootIno) return 0;
+    dirListed_ = true;
+    std::string directory = dir_.path;
+    cutPath(directory);
+    int rc = ListRecord(directory, dir_.ino, kOpRestoreDiffFile, 0);
+    return rc == 0 ? 0 : fail(rc, 9);
   }
 
   int directory(uint64_t ino) {
@@ -165,6 +188,7 @@ class FullListing {
   }
 
   CommonDir &dir_;
+  bool dirListed_ = false;  // for its own attributes, because of an entry that is made anew
 };
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "cfgmgr/messages.h"
 #include "driver/clone_depths.h"
+#include "driver/clone_survivors.h"
 #include "driver/dir_records.h"
 #include "object/object_stat.h"
 #include "oplist/move_back_lists.h"
@@ -161,6 +162,8 @@ int runLatePhases() {
   if (const int rc = runCloneLists(kPhaseClones, CloneLists::kRestore, Message::kRestoreClones,
                                    Message::kRestoreClonesFailed))
     return rc;
+  if (followNewParents() != 0)
+    return failPhase({kPhaseClones, "clone", Message::kRestoreClonesFailed}, errno);
   return runIfListed({kPhaseLinks, kLinkIno, Message::kRestoreLinksFailed},
                      StartMessage(Message::kRestoreLinks));
 }

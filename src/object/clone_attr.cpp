@@ -35,12 +35,6 @@ size_t padded(size_t length) {
   return (length + 7) & ~size_t{7};
 }
 
-uint64_t bigEndian(const uint8_t *bytes, int count) {
-  uint64_t value = 0;
-  for (int i = 0; i < count; ++i) value = value << 8 | bytes[i];
-  return value;
-}
-
 int failed(const std::string &path, int code, int rc, int err) {
   traceLog("getCloneXattr: path %s, rc %d, code %d, err %d, errno %d\n", path.c_str(), 0, code, rc,
            err);
@@ -65,18 +59,6 @@ int readCloneSnap(const std::string &path, int fd, CloneSnapAttr *snap) {
 }
 
 }  // namespace
-
-uint64_t CloneAttr::parentIno() const {
-  return bigEndian(bytes.data(), 8);
-}
-
-uint16_t CloneAttr::depth() const {
-  return static_cast<uint16_t>(bigEndian(bytes.data() + 14, 2));
-}
-
-uint32_t CloneSnapAttr::snapId() const {
-  return static_cast<uint32_t>(bigEndian(bytes.data() + 4, 4));
-}
 
 int getFileAttribute(int fd, const std::string &name, std::vector<uint8_t> *value) {
   static std::vector<char> buffer(kFirstBuffer);

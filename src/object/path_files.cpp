@@ -3,28 +3,34 @@
 #include <fcntl.h>
 #include <unistd.h>
 #include <cerrno>
+#include <charconv>
+#include <string_view>
 
+#include "object/object_stat.h"
+#include "run/run_handles.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
+#include "scan/clone_state.h"
 
 namespace {
 
 constexpr int kOpenAttempts = 2;  // without the bucket directory, then with it
 
-// Opens the destination file of `ino`, empty. Null and errno, with the code of the step.
-std::unique_ptr<WorkFile> createDestination(const std::string &path, uint64_t ino, int *code) {
-  const std::string file = destinationFile(ino);
+// Opens `file` in the bucket of `ino`. Null and errno, with the code of the step.
+std::unique_ptr<WorkFile> openBucketFile(const char *routine, const std::string &file,
+                                         WorkFile::Mode mode, const std::string &path, uint64_t ino,
+                                         int *code) {
   const long long number = static_cast<long long>(ino);
   for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
-    std::unique_ptr<WorkFile> stream = WorkFile::open(file, WorkFile::Mode::kTruncate);
+    std::unique_ptr<WorkFile> stream = WorkFile::open(file, mode);
     if (stream || errno != ENOENT) {
       if (stream) return stream;
       break;
     }
     const std::string bucket = bucketDir(ino);
     if (const int err = makeWorkDirectory(bucket)) {
-      traceLog("fetchFile: fetch %s ino %lld, create dir %s failed, err %d.\n", path.c_str(), number,
+      traceLog("%s: fetch %s ino %lld, create dir %s failed, err %d.\n", routine, path.c_str(), number,
                bucket.c_str(), err);
       *code = 1;
       errno = err;
@@ -32,17 +38,30 @@ std::unique_ptr<WorkFile> createDestination(const std::string &path, uint64_t in
     }
   }
   const int err = errno;
-  traceLog("fetchFile: create path file for %s failed, ino %lld err %d\n", path.c_str(), number, err);
+  traceLog("%s: create path file for %s failed, ino %lld err %d\n", routine, path.c_str(), number, err);
   *code = 2;
   errno = err;
   return nullptr;
+}
+
+bool isLivingParent(uint64_t ino) {
+  Inode file = openInode(handles.activeFsP, ino);
+  CloneAttr attr;
+  return file && isClone(file.get(), &attr, nullptr) && attr.isParent();
+}
+
+int parentNotRecorded(const std::string &path, uint64_t ino, int rc, int err) {
+  traceLog("recordCloneParentIno: path %s, ino %lld\n", path.c_str(), static_cast<long long>(ino));
+  errno = err;
+  return rc;
 }
 
 }  // namespace
 
 int fetchFile(const std::string &path, uint64_t ino) {
   int code = 0, rc = 0;
-  std::unique_ptr<WorkFile> stream = createDestination(path, ino, &code);
+  std::unique_ptr<WorkFile> stream =
+      openBucketFile("fetchFile", destinationFile(ino), WorkFile::Mode::kTruncate, path, ino, &code);
   if (!stream) {
     rc = errno;
   } else {
@@ -93,4 +112,43 @@ int getOrigPathBeforeRename(const std::string &path, std::string *result, uint64
            empty ? 2 : 1, err);
   errno = err;
   return -1;
+}
+
+int recordCloneParentIno(const std::string &path, uint64_t ino) {
+  struct stat st;
+  if (statPath(path, &st) != 0) return parentNotRecorded(path, ino, -1, errno);
+  if (!isRegular(st.st_mode)) return 0;
+  if (!isLivingParent(st.st_ino)) {
+    traceLog("recordCloneParentIno: %s isn't a clone parent\n", path.c_str());
+    errno = EINVAL;
+    return -1;
+  }
+  int code = 0, rc = 0;
+  std::unique_ptr<WorkFile> stream = openBucketFile("recordCloneParentIno", newParentFile(ino),
+                                                    WorkFile::Mode::kShared, path, ino, &code);
+  if (!stream) return parentNotRecorded(path, ino, errno, errno);
+  if (stream->append(std::to_string(st.st_ino) + "\n") != 0) rc = errno;
+  int close_rc = 0;
+  closeWorkFile(stream, newParentFile(ino), &close_rc);
+  if (rc == 0 && close_rc != 0) rc = errno != 0 ? errno : EIO;
+  return rc == 0 ? 0 : parentNotRecorded(path, ino, rc, rc);
+}
+
+bool readNewParent(uint64_t ino, uint64_t *now) {
+  std::string text;
+  if (!readWholeFile(newParentFile(ino), &text)) return false;
+  std::string_view rest = text;
+  // A line without its end was cut off.
+  for (size_t end = rest.rfind('\n'); end != std::string_view::npos; end = rest.rfind('\n')) {
+    rest = rest.substr(0, end);
+    const size_t start = rest.rfind('\n');
+    const std::string_view line = start == std::string_view::npos ? rest : rest.substr(start + 1);
+    uint64_t number = 0;
+    const auto [stop, error] = std::from_chars(line.data(), line.data() + line.size(), number);
+    if (error == std::errc() && stop == line.data() + line.size() && isLivingParent(number)) {
+      *now = number;
+      return true;
+    }
+  }
+  return false;
 }

@@ -14,3 +14,11 @@ int getOrigPathBeforeRename(const std::string &path, std::string *result, uint64
 
 // The contents of the destination file of `ino`: false and errno when there is none or it is empty.
 bool readDestination(uint64_t ino, std::string *destination);
+
+// Appends the inode number of the clone parent at `path` to the new-parent file of `ino`, its number in
+// the snapshot. 0, or -1 or an errno after a trace line; -1 where the file is no clone parent.
+int recordCloneParentIno(const std::string &path, uint64_t ino);
+
+// The number that the clone parent `ino` of the snapshot has now: the last recorded one that is a
+// living clone parent. False when there is none.
+bool readNewParent(uint64_t ino, uint64_t *now);

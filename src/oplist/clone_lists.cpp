@@ -1,29 +1,38 @@
 #include "oplist/clone_lists.h"
 
-#include <unistd.h>
 #include <cerrno>
-#include <cstdint>
-#include <cstdio>
-#include <vector>
+#include <unordered_set>
 
-#include "object/clone_attr.h"
+#include "record/side_list.h"
 #include "run/trace_log.h"
+#include "run/work_dir.h"
 
-bool carriesCloneAttr(kest_ifile_t *file) {
-  int fd = kest_path_descriptor(file);
-  if (fd < 0) return false;
-  std::vector<uint8_t> value;
-  int present = getFileAttribute(fd, "CLONE", &value);
-  close(fd);
-  return present == 1;
+namespace {
+std::unordered_set<uint64_t> listed;
 }
 
-int listClone(const std::string &path, bool del) {
-  traceLog("listClone: path %s, del %d: clones cannot be restored\n", path.c_str(), del);
-  fprintf(
-      stderr,
-      "Cannot restore %s: it is a file clone or a clone parent, which this version does not restore.\n",
-      path.c_str());
-  errno = ENOTSUP;
-  return -1;
+bool firstCloneListing(uint64_t ino) {
+  return listed.insert(ino).second;
+}
+
+void resetCloneIndex() {
+  listed.clear();
+}
+
+int listClone(const std::string &path, bool del, const CloneAttr &attr) {
+  const int depth = attr.depth();
+  const long long parent = static_cast<long long>(attr.parentIno());
+  traceLog("listClone: path %s , realPath %s, fileSnapPath %s, ino %lld, depth %d del %d\n",
+           path.c_str(), "", del ? path.c_str() : "", parent, depth, del);
+  const std::string list = del ? cloneDeleteList(depth) : cloneList(depth);
+  bool opened = false;
+  const int err = appendSideRecord(list, list, attr.parentIno(), path,
+                                   del ? kOpDeleteFile : kOpCloneFile, aggregates.regPend, &opened);
+  if (err == 0) return 0;
+  if (!opened) traceLog("listClone: open %s failed, ino %lld, err %d\n", list.c_str(), parent, err);
+  const int code = !opened ? 3 : del ? 4 : 5;
+  traceLog("listClone: path %s, ino %lld, rc %d, code %d, err %d\n", path.c_str(), parent, err, code,
+           err);
+  errno = err;
+  return err;
 }

@@ -1,15 +1,17 @@
-// Clone lists. Restoring clones is not built yet: a clone that would have to be restored or deleted
-// ends the run with a message, before anything was done to it.
+// The lists of clones by depth: to be deleted, and to be made again. Master, and workers for deletions.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
-#include "kest.h"
+#include "scan/clone_state.h"
 
-// True when the open inode is a clone or a clone parent. Asked by inode, since a path may name another
-// object in the snapshot.
-bool carriesCloneAttr(kest_ifile_t *file);
+// Appends the op 7 record (`del`) or op 10 record of a clone or clone parent to the list of its depth;
+// the inode of the record is the parent's. `path`: where it will be found when the list is run; of an
+// op 10 record it is resolved then, when everything has its place. `attr`: of the active file (`del`)
+// or of the snapshot's. 0, or an errno after a trace line.
+int listClone(const std::string &path, bool del, const CloneAttr &attr);
 
-// -1 and errno ENOTSUP, after a message on standard error that names the file. `del`: the active file
-// was to be deleted, else restored by cloning.
-int listClone(const std::string &path, bool del);
+// True the first time that it is asked for an inode in this process.
+bool firstCloneListing(uint64_t ino);
+void resetCloneIndex();

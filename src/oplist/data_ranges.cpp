@@ -4,6 +4,7 @@
 #include <cerrno>
 
 #include "object/clear_flags.h"
+#include "object/clone_origin.h"
 #include "oplist/clone_lists.h"
 #include "oplist/main_lists.h"
 #include "record/aggregate.h"
@@ -21,8 +22,9 @@ constexpr int64_t kBlock = 4096;  // bytes; holes are made of whole blocks
 // aggregate of its own, so that many workers can share a large file.
 class DataWalk {
  public:
-  DataWalk(WorkFile &list, const std::string &path, uint64_t ino, OpCode op)
-      : list_(list), path_(path), ino_(ino), op_(op) {}
+  // `clone`: the records say that the file is a clone or a clone parent, whose data is shared.
+  DataWalk(WorkFile &list, const std::string &path, uint64_t ino, OpCode op, bool clone = false)
+      : list_(list), path_(path), ino_(ino), op_(op), clone_(clone) {}
 
   bool empty() const { return first_; }
 
@@ -45,7 +47,7 @@ class DataWalk {
       counter.startAggregate();
     }
     first_ = false;
-    std::string op = formatOpString(op_, offset, static_cast<uint64_t>(length), hole, 0);
+    std::string op = formatOpString(op_, offset, static_cast<uint64_t>(length), hole, clone_);
     if (writeListRecord(list_, counter.iAgg, ino_, path_, op) != 0) return -1;
     reportOpCount(false);
     return 0;
@@ -56,6 +58,7 @@ class DataWalk {
   const std::string &path_;
   uint64_t ino_;
   OpCode op_;
+  bool clone_;
   bool first_ = true;
 };
 
@@ -89,12 +92,11 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
     errno = saved;
     return fail(-1, 11);
   }
-  DataWalk walk(*writer.list, path, ino, kOpRestoreDiffFile);
+  // A file of another clone state never comes here, it is made anew: the active file carries what the
+  // snapshot's does.
+  DataWalk walk(*writer.list, path, ino, kOpRestoreDiffFile, isClone(snap.get(), nullptr, nullptr));
   if (!isRegular(snap->if_mode)) {
     return walk.addRecord(0, 0, 0) == 0 ? ListResult{} : fail(errno, 2);
-  }
-  if (carriesCloneAttr(active.get()) || carriesCloneAttr(snap.get())) {
-    return fail(listClone(path, true), 41);
   }
 
   const int64_t snap_size = static_cast<int64_t>(snap->if_size);
@@ -144,19 +146,25 @@ ListResult listDeletedFile(const RangeWriter &writer, const std::string &path, u
     errno = saved;
     return fail(-1, 17);
   }
-  if (isRegular(snap->if_mode) && carriesCloneAttr(snap.get())) {
-    int rc = listClone(path, false);
-    int saved = errno;
-    traceLog("%s: failed to listClone %s\n", writer.name, path.c_str());
-    errno = saved;
-    return fail(rc, 31);
+  CloneAttr attr;
+  CloneSnapAttr attr_snap;
+  const bool clone = isClone(snap.get(), &attr, &attr_snap);
+  if (clone) {
+    const bool from_data = restoredFromData(path, attr, attr_snap);
+    if (int rc = !from_data || attr.isParent() ? listClone(path, false, attr) : 0) {
+      const int saved = errno;
+      traceLog("%s: failed to listClone %s\n", writer.name, path.c_str());
+      errno = saved;
+      return fail(rc, 31);
+    }
+    if (!from_data) return {};
   }
   DataWalk creation(*cpListP, path, ino, kOpRestoreDelFile);
   if (creation.addRecord(0, 0, 0) != 0) return fail(-1, writer.creationCode);
   if (!isRegular(snap->if_mode)) return {};
 
   const int64_t size = static_cast<int64_t>(snap->if_size);
-  DataWalk walk(*cpDeltaP, path, ino, kOpRestoreDelFile);
+  DataWalk walk(*cpDeltaP, path, ino, kOpRestoreDelFile, clone);
   for (int64_t offset = 0; offset < size;) {
     int hole = 0;
     int64_t length = kest_ireadx(snap.get(), handles.iscanFromP, nullptr, 0, &offset, size, &hole);

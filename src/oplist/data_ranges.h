@@ -24,5 +24,6 @@ struct ListResult {
 // its attributes.
 ListResult listChangedFile(const RangeWriter &writer, const std::string &path, uint64_t ino);
 
-// Op 1: the creation record in opList.copy and the data ranges in opList.copy.delta.
+// Op 1: the creation record in opList.copy and the data ranges in opList.copy.delta; of a clone whose
+// parent is to be had the record of its depth's clone list instead, of any other parent both.
 ListResult listDeletedFile(const RangeWriter &writer, const std::string &path, uint64_t ino);

@@ -4,6 +4,7 @@
 
 #include "run/run_handles.h"
 #include "run/trace_log.h"
+#include "scan/clone_state.h"
 
 namespace {
 
@@ -22,5 +23,13 @@ int checkFile(uint64_t ino) {
   if (!active) return errno == ENOENT ? kKindDeleted : failed(ino, 1);
   Inode snap = openInode(handles.oldFsP, ino);
   if (!snap) return errno == ENOENT ? kKindOther : failed(ino, 2);
-  return kest_same_file(active.get(), snap.get()) == 1 ? kKindSame : kKindOther;
+  if (kest_same_file(active.get(), snap.get()) != 1) return kKindOther;
+  return sameCloneKind(active.get(), snap.get()) ? kKindSame : kKindOther;
+}
+
+bool mustBeRemade(uint64_t ino) {
+  Inode active = openInode(handles.activeFsP, ino);
+  Inode snap = active ? openInode(handles.oldFsP, ino) : Inode();
+  return snap && kest_same_file(active.get(), snap.get()) == 1 &&
+         !sameCloneKind(active.get(), snap.get());
 }

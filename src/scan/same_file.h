@@ -9,5 +9,11 @@ enum FileKind : int {
   kKindDeleted = 8,  // absent from the active fileset
 };
 
-// A FileKind, or -1 with errno after a trace line. Whole generations and creation times are compared.
+// A FileKind, or -1 with errno after a trace line. Whole generations and creation times are compared. A
+// file that became a clone parent, or is no clone any more, is not the snapshot's file either:
+// mustBeRemade.
 int checkFile(uint64_t ino);
+
+// True when the inode is the same in both trees, but nothing turns its clone state back into the
+// snapshot's, so that it counts as another file.
+bool mustBeRemade(uint64_t ino);

@@ -12,6 +12,8 @@
 
 namespace {
 
+constexpr int64_t kBlock = 4096;  // bytes; what can be shared
+
 struct Step {
   int rc = 0;
   int code = 0;
@@ -62,6 +64,19 @@ Step copyPieces(kest_ifile_t *from, kest_ifile_t *to, const int64_t offset, cons
   return {};
 }
 
+// Shares whole blocks around the range, which ends no later than the snapshot's file. False: it has to
+// be copied.
+bool sharePiece(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t length, Step *step) {
+  const int64_t size = static_cast<int64_t>(from->if_size);
+  const int64_t start = offset - offset % kBlock;
+  const int64_t end = std::min((offset + length + kBlock - 1) / kBlock * kBlock, size);
+  if (end <= start) return false;
+  if (kest_ishare(from, to, start, end - start) == 0) return true;
+  if (errno == EINVAL) return false;
+  *step = failed(8);
+  return true;
+}
+
 }  // namespace
 
 int copyToActiveFile(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t length,
@@ -74,9 +89,9 @@ int copyToActiveFile(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64
              holeFound != nullptr ? *holeFound : -1, clone, getpid());
   }
   const bool hole = holeFound != nullptr && *holeFound != 0;
-  const Step step = length < 0 ? Step{EINVAL, 1}
-                    : hole     ? writeHole(to, offset, length)
-                               : copyPieces(from, to, offset, length);
+  Step step = length < 0 ? Step{EINVAL, 1} : Step{};
+  if (step.rc == 0 && !(clone && sharePiece(from, to, offset, length, &step)))
+    step = hole ? writeHole(to, offset, length) : copyPieces(from, to, offset, length);
   if (step.rc == 0) return 0;
   traceLog("copyToActiveFile: offset %lld len %lld holeFound %d clone %d\n", at, bytes,
            holeFound != nullptr ? *holeFound : 0, clone);

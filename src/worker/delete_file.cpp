@@ -10,6 +10,7 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "run/work_dir.h"
 
 namespace {
 
@@ -24,16 +25,19 @@ int failed(const std::string &path, uint64_t ino, int rc, int code, int err) {
 }
 
 // A clone is only moved aside; the clone delete list says when it goes. It is listed first, so that a
-// clone that cannot be listed stays where it is.
-int setCloneAside(const std::string &path, uint64_t ino) {
-  std::string new_path;
-  if (int rc = listClone(path, true); rc != 0) {
+// lost worker leaves nothing aside that nobody removes. *taken: another name of the clone waits there
+// already.
+int setCloneAside(const std::string &path, uint64_t ino, const CloneAttr &attr, bool *taken) {
+  std::string new_path = cloneDeleteLocation(ino);
+  if (int rc = listClone(new_path, true, attr); rc != 0) {
     const int err = errno;
     traceLog("deleteFile: cannot list file %s into clone delete list.\n", path.c_str());
     return failed(path, ino, rc, 1, err);
   }
-  if (int rc = moveFile(path, ino, kPhaseMain, &new_path, true); rc != 0)
-    return failed(path, ino, rc, 2, errno);
+  if (int rc = moveFile(path, ino, kPhaseMain, &new_path, true); rc != 0) {
+    *taken = errno == EEXIST;
+    return *taken ? 0 : failed(path, ino, rc, 2, errno);
+  }
   return 0;
 }
 
@@ -41,8 +45,11 @@ int setCloneAside(const std::string &path, uint64_t ino) {
 
 int deleteFile(const std::string &path, uint64_t ino) {
   CloneAttr attr;
-  if (getCloneXattr(path, &attr, nullptr) != 0 && settings.phase == kPhaseMain)
-    return setCloneAside(path, ino);
+  if (settings.phase == kPhaseMain && getCloneXattr(path, &attr, nullptr) != 0) {
+    bool taken = false;
+    const int rc = setCloneAside(path, ino, attr, &taken);
+    if (!taken) return rc;
+  }
 
   for (int waits = 0;;) {
     bool clearing_failed = false;

@@ -8,7 +8,6 @@
 
 #include "object/attr_restore.h"
 #include "object/clear_flags.h"
-#include "object/clone_attr.h"
 #include "object/descriptor.h"
 #include "object/new_dir_list.h"
 #include "object/object_stat.h"
@@ -18,6 +17,8 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "scan/clone_state.h"
+#include "scan/same_file.h"
 #include "worker/data_copy.h"
 
 namespace {
@@ -26,6 +27,7 @@ struct Range {
   int64_t offset;
   int64_t length;
   int32_t holeFound;
+  bool clone;  // the file is a clone or a clone parent
 };
 
 // Making one object of the snapshot again at a path of the active fileset.
@@ -46,6 +48,7 @@ class DeletedFile {
   Step restoreAttributes();
   Step sizeFile(const struct stat &st);
   Step create(const struct stat &st);
+  bool lives();
   Step copyData(const struct stat &st, const Range &range);
   int64_t snapSize() const { return static_cast<int64_t>(snap_->if_size); }
 
@@ -135,14 +138,16 @@ Step DeletedFile::create(const struct stat &st) {
     traceLog("restoreDelFile: cannot get snap path %s\n", path_.c_str());
     return failedStep(8, err);
   }
-  CloneAttr clone;
-  const bool cloned = getCloneXattr(snap_path, &clone, nullptr) != 0;
-  const bool first_parent = cloned && clone.isParent() && clone.depth() == 0;
-  if (!first_parent) {
-    if (Step step = restoreXAttrs(); !step) return step;
-  }
+  if (Step step = restoreXAttrs(); !step) return step;
   if (Step step = sizeFile(st); !step) return step;
   return snapSize() == 0 ? restoreAttributes() : Step{};
+}
+
+// A clone with several names is listed for the first that was missing; while the inode is there, its
+// names are linked to it later.
+bool DeletedFile::lives() {
+  kest_iattr64_t attr;
+  return kest_istat(snap_.get(), &attr) == 0 && attr.ia_nlink > 1 && checkFile(ino_) == kKindSame;
 }
 
 Step DeletedFile::copyData(const struct stat &st, const Range &range) {
@@ -155,7 +160,7 @@ Step DeletedFile::copyData(const struct stat &st, const Range &range) {
         if (!active) active = openInode(handles.activeFsP, st.st_ino, 1);
         if (!active) return -1;
         return copyToActiveFile(snap_.get(), active.get(), range.offset, length, &range.holeFound,
-                                false) == 0
+                                range.clone) == 0
                    ? 0
                    : -1;
       },
@@ -175,6 +180,7 @@ Step DeletedFile::restore(const Range &range) {
     if (step) step = restoreXAttrs();
     return step ? restoreAttributes() : step;
   }
+  if (settings.phase != kPhaseLinks && isClone(snap_.get(), nullptr, nullptr) && lives()) return {};
   Descriptor fd;
   if (const int err = makeRegular(&fd)) return createFailed("open", err);
   struct stat st;
@@ -193,13 +199,12 @@ Step DeletedFile::restore(const Range &range) {
 }
 
 // Copies one range of a file that survived.
-Step copyBack(const std::string &path, uint64_t ino, kest_ifile_t *snap, const Range &range,
-              bool clone) {
+Step copyBack(const std::string &path, uint64_t ino, kest_ifile_t *snap, const Range &range) {
   Inode active = openInode(handles.activeFsP, ino);
   if (!active) return failedStep(3, errno, errno);
   const int err = retryClearing(path, "", [&] {
-    return copyToActiveFile(snap, active.get(), range.offset, range.length, &range.holeFound, clone) ==
-                   0
+    return copyToActiveFile(snap, active.get(), range.offset, range.length, &range.holeFound,
+                            range.clone) == 0
                ? 0
                : -1;
   });
@@ -218,7 +223,7 @@ Step attributesOfSurvivor(const std::string &path, uint64_t ino) {
   return rc == 0 ? Step{} : failedStep(91, errno, rc);
 }
 
-Step restoreSurvivor(const std::string &path, uint64_t ino, const Range &range, bool clone) {
+Step restoreSurvivor(const std::string &path, uint64_t ino, const Range &range) {
   Inode snap = openInode(handles.oldFsP, ino);
   if (!snap) return failedStep(1, errno, errno);
   if (!settings.noXAttr) {
@@ -229,7 +234,7 @@ Step restoreSurvivor(const std::string &path, uint64_t ino, const Range &range, 
     return rc == 0 ? Step{} : failedStep(21, errno, rc);
   }
   if (isRegular(snap->if_mode)) {
-    if (Step step = copyBack(path, ino, snap.get(), range, clone); !step) return step;
+    if (Step step = copyBack(path, ino, snap.get(), range); !step) return step;
   }
   return attributesOfSurvivor(path, ino);
 }
@@ -237,11 +242,11 @@ Step restoreSurvivor(const std::string &path, uint64_t ino, const Range &range, 
 }  // namespace
 
 int restoreDelFile(const std::string &path, uint64_t ino, int64_t offset, uint64_t length,
-                   int32_t holeFound, int32_t) {
+                   int32_t holeFound, int32_t clone) {
   Inode snap = openInode(handles.oldFsP, ino);
   Step step = snap ? Step{} : failedStep(1, errno, errno);
   if (snap) {
-    const Range range{offset, static_cast<int64_t>(length), holeFound};
+    const Range range{offset, static_cast<int64_t>(length), holeFound, clone != 0};
     step = DeletedFile(path, ino, std::move(snap)).restore(range);
   }
   if (step) return 0;
@@ -253,8 +258,8 @@ int restoreDelFile(const std::string &path, uint64_t ino, int64_t offset, uint64
 
 int restoreDiffFile(const std::string &path, uint64_t ino, int64_t offset, uint64_t length,
                     int32_t holeFound, int32_t clone) {
-  const Range range{offset, static_cast<int64_t>(length), holeFound};
-  const Step step = restoreSurvivor(path, ino, range, clone != 0);
+  const Range range{offset, static_cast<int64_t>(length), holeFound, clone != 0};
+  const Step step = restoreSurvivor(path, ino, range);
   if (step) return 0;
   traceLog("restoreDiffFile:ino %lld failed, path %s, pass %d, code %d, rc %d, err %d\n",
            static_cast<long long>(ino), path.c_str(), settings.pass, step.code, step.rc, step.err);

@@ -1,29 +1,22 @@
 #include "worker/link_file.h"
 
 #include <cerrno>
-#include <charconv>
+#include <vector>
 
 #include "object/attr_restore.h"
 #include "object/clear_flags.h"
+#include "object/clone_origin.h"
 #include "object/object_stat.h"
 #include "object/step.h"
-#include "record/batch_line.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
-#include "run/shell_command.h"
 #include "run/trace_log.h"
 #include "scan/same_file.h"
 #include "worker/delete_file.h"
 #include "worker/file_restore.h"
+#include "worker/inode_paths.h"
 
 namespace {
-
-bool takeNumber(std::string_view &line, uint64_t *value) {
-  const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), *value);
-  if (error != std::errc() || end == line.data() + line.size() || *end != ' ') return false;
-  line.remove_prefix(static_cast<size_t>(end - line.data()) + 1);
-  return true;
-}
 
 struct Name {
   std::string path;  // active path
@@ -44,6 +37,7 @@ class LinkGroup {
   Step restoreName(Name &name);
   Step linkName(Name &name);
   int lookAt(Name &name);
+  bool madeAsClone(const Name &name) const;
 
   uint64_t ino_;
   kest_ifile_t *snap_;
@@ -71,8 +65,9 @@ Step LinkGroup::collectNames(const std::vector<std::string> &snap_paths) {
   return {};
 }
 
-// The inode itself, where a name of it has survived; else a file that an interrupted run of this record
-// has left at one of the names, restored once more.
+// The inode itself, where a name of it has survived; else a clone or clone parent that has just been
+// made at one of the names, as it is, or a file that an interrupted run of this record has left there,
+// restored once more.
 Step LinkGroup::chooseTarget() {
   for (Name &name : names_) {
     if (!name.exists || name.st.st_ino != ino_) continue;
@@ -83,14 +78,23 @@ Step LinkGroup::chooseTarget() {
   }
   if (target_ != nullptr) return {};
   for (Name &name : names_) {
-    if (name.exists && isRegular(name.st.st_mode) && isRegular(snap_->if_mode))
-      return restoreName(name);
+    if (!name.exists || !isRegular(name.st.st_mode) || !isRegular(snap_->if_mode)) continue;
+    if (!madeAsClone(name)) return restoreName(name);
+    target_ = &name;
+    break;
   }
   return {};
 }
 
+bool LinkGroup::madeAsClone(const Name &name) const {
+  CloneAttr attr;
+  CloneSnapAttr attr_snap;
+  return isClone(snap_, &attr, &attr_snap) &&
+         (attr.isParent() || !restoredFromData(name.path, attr, attr_snap));
+}
+
 Step LinkGroup::restoreName(Name &name) {
-  int rc = restoreDelFile(name.path, ino_, 0, snap_->if_size, 0, 0);
+  int rc = restoreDelFile(name.path, ino_, 0, snap_->if_size, 0, isClone(snap_, nullptr, nullptr));
   if (rc == 0 && lookAt(name) != 0) rc = -1;
   if (rc != 0) {
     const int err = errno;
@@ -134,18 +138,17 @@ Step LinkGroup::restoreAll() {
 }
 
 Step lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::string> *paths) {
-  const std::string command = "/usr/qtx/kest/bin/kxfindinode -i " + std::to_string(ino) + " -- " +
-                              shellWord(handles.snapRootPath) + " 2>/dev/null";
-  std::string output;
-  int status = 0;
-  if (runCommandOutput(command, &output, &status) != 0 || status != 0) {
-    const int err = status != 0 ? EIO : errno;
-    traceLog("getParentPath: cannot find parent path, ino %lld\n", static_cast<long long>(ino));
-    return failedStep(3, err);
+  bool started = false;
+  if (findInodePaths(ino, handles.snapRootPath, paths, &started) != 0) {
+    const int err = errno;
+    traceLog(started ? "linkFile: cannot get hard link path, ino %lld\n"
+                     : "getParentPath: cannot find parent path, ino %lld\n",
+             static_cast<long long>(ino));
+    return failedStep(started ? 4 : 3, err);
   }
   kest_iattr64_t attr;
   if (kest_istat(snap, &attr) != 0) return failedStep(4, errno);
-  if (!parseInodePaths(output, ino, paths) || static_cast<int64_t>(paths->size()) < attr.ia_nlink) {
+  if (static_cast<int64_t>(paths->size()) < attr.ia_nlink) {
     traceLog("linkFile: cannot get hard link path, ino %lld\n", static_cast<long long>(ino));
     return failedStep(4, EIO);
   }
@@ -171,21 +174,6 @@ Step restoreLinks(uint64_t ino) {
 }
 
 }  // namespace
-
-bool parseInodePaths(std::string_view output, uint64_t ino, std::vector<std::string> *paths) {
-  paths->clear();
-  while (!output.empty()) {
-    const size_t end = output.find('\n');
-    if (end == std::string_view::npos) return false;
-    std::string_view line = output.substr(0, end);
-    output.remove_prefix(end + 1);
-    uint64_t number = 0, generation = 0;
-    if (!takeNumber(line, &number) || !takeNumber(line, &generation) || number != ino || line.empty())
-      return false;
-    paths->push_back(decodeBatchPath(line));
-  }
-  return true;
-}
 
 int linkFile(const std::string &path, uint64_t ino) {
   const Step step = restoreLinks(ino);

@@ -216,9 +216,41 @@ TEST_F(Commands, UnlinkedFilesetsAreKept) {
   EXPECT_EQ(run("btrfs property get '/mnt/top/.unlinked/258-read only' ro").out, "ro=true\n");
 }
 
+TEST_F(Commands, ClonesByHand) {
+  std::ofstream("/mnt/home/parent") << std::string(100000, 'p');
+  ASSERT_EQ(command("ktclone snap /mnt/home/parent", true).out, "");
+  subvolume("snapshot -r 'my home' snaps/s");
+  EXPECT_EQ(command("ktclone copy /mnt/home/parent /mnt/home/clone", true).out, "");
+  EXPECT_EQ(command("ktclone copy /mnt/top/snaps/s/parent '/mnt/home2/from snapshot'", true).out, "");
+  for (const std::string name : {"clone", "from snapshot"}) {
+    EXPECT_EQ(run("cmp /mnt/home/parent " + quoted("/mnt/home/" + name), true).out, "");
+    std::string usage = run("cd /mnt/home && sync && btrfs filesystem du --raw -s " + quoted(name)).out;
+    long long total = -1, exclusive = -1;
+    EXPECT_EQ(sscanf(usage.substr(usage.find('\n') + 1).c_str(), "%lld %lld", &total, &exclusive), 2)
+        << usage;
+    EXPECT_GE(total, 100000);
+    EXPECT_EQ(exclusive, 0);
+  }
+  auto problem = [](const std::string &arguments) {
+    Result result = command("ktclone " + arguments, true);
+    EXPECT_EQ(result.status, 1);
+    return result.out;
+  };
+  EXPECT_EQ(problem("snap /mnt/home/parent"),
+            "ktclone: /mnt/home/parent: is a clone parent already, or cannot be changed\n");
+  EXPECT_EQ(problem("copy /mnt/home/clone /mnt/home/x"),
+            "ktclone: /mnt/home/x: /mnt/home/clone is no clone parent, or cannot share its blocks\n");
+  EXPECT_EQ(problem("copy /mnt/home/parent /mnt/home/clone"),
+            "ktclone: /mnt/home/clone: File exists\n");
+  EXPECT_EQ(problem("snap /mnt/home"), "ktclone: /mnt/home: no regular file\n");
+  for (std::string wrong : {"snap a b", "copy a", "cut a b"})
+    EXPECT_NE(problem(wrong).find("Usage: ktclone"), std::string::npos) << wrong;
+  EXPECT_FALSE(fs::exists("/mnt/home/x"));
+}
+
 TEST(CommandLines, HelpAndMistakes) {
   for (std::string name :
-       {"ktfsctl", "ktlsfileset", "ktlssnapshot", "ktunlinkfileset", "kxfindinode"}) {
+       {"ktfsctl", "ktlsfileset", "ktlssnapshot", "ktunlinkfileset", "kxfindinode", "ktclone"}) {
     Result help = command(name + " --help 2>/dev/null");
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.out.substr(0, 7 + name.size()), "Usage: " + name);

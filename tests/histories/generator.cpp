@@ -1,6 +1,7 @@
 #include "histories/generator.h"
 
 #include <sys/stat.h>
+#include <sys/xattr.h>
 
 #include <algorithm>
 #include <functional>
@@ -12,28 +13,29 @@ using testsupport::TreeBuilder;
 // How often each kind of change comes, relative to each other.
 struct Generator::Weights {
   unsigned create, remove, removeTree, replaceKind, rename, exchange, parentChild, ring, link, takeIn,
-      data, attribute, time, flag, replaceFile;
+      data, attribute, time, flag, replaceFile, clone;
   const char
       *kinds;  // of new objects: d directory, f file, l symbolic link, p FIFO, s socket, c device
 };
 
 const std::vector<std::pair<std::string, Generator::Weights>> &Generator::table() {
   static const std::vector<std::pair<std::string, Weights>> kTable = {
-      //        cre rem tree rpl ren exc p-c rin lnk tak dat att tim flg rpf
-      {"data", {4, 3, 0, 0, 0, 0, 0, 0, 0, 0, 70, 3, 5, 0, 15, "dfffffff"}},
-      {"attrs", {3, 2, 0, 0, 0, 0, 0, 0, 0, 0, 4, 70, 10, 12, 2, "ddffffllps"}},
-      {"trees", {30, 12, 18, 16, 0, 0, 0, 0, 0, 0, 10, 8, 3, 0, 6, "dddfffflpsc"}},
-      {"names", {12, 6, 5, 3, 32, 8, 4, 5, 0, 5, 8, 5, 2, 0, 2, "dddfffflp"}},
-      {"links", {10, 8, 4, 3, 18, 4, 1, 3, 30, 4, 8, 4, 2, 0, 3, "dddfffflpsc"}},
-      {"flags", {10, 6, 4, 3, 12, 3, 2, 2, 4, 3, 12, 8, 3, 26, 2, "dddffffffl"}},
-      {"all", {12, 7, 6, 4, 22, 6, 3, 4, 7, 4, 12, 10, 3, 6, 3, "dddfffflpsc"}},
+      //        cre rem tree rpl ren exc p-c rin lnk tak dat att tim flg rpf cln
+      {"data", {4, 3, 0, 0, 0, 0, 0, 0, 0, 0, 70, 3, 5, 0, 15, 0, "dfffffff"}},
+      {"attrs", {3, 2, 0, 0, 0, 0, 0, 0, 0, 0, 4, 70, 10, 12, 2, 0, "ddffffllps"}},
+      {"trees", {30, 12, 18, 16, 0, 0, 0, 0, 0, 0, 10, 8, 3, 0, 6, 0, "dddfffflpsc"}},
+      {"names", {12, 6, 5, 3, 32, 8, 4, 5, 0, 5, 8, 5, 2, 0, 2, 0, "dddfffflp"}},
+      {"links", {10, 8, 4, 3, 18, 4, 1, 3, 30, 4, 8, 4, 2, 0, 3, 0, "dddfffflpsc"}},
+      {"flags", {10, 6, 4, 3, 12, 3, 2, 2, 4, 3, 12, 8, 3, 26, 2, 0, "dddffffffl"}},
+      {"all", {12, 7, 6, 4, 22, 6, 3, 4, 7, 4, 12, 10, 3, 6, 3, 0, "dddfffflpsc"}},
+      {"clones", {10, 9, 5, 2, 14, 5, 2, 2, 7, 3, 12, 5, 2, 4, 3, 45, "ddffffffl"}},
   };
   return kTable;
 }
 
 const std::vector<std::string> &profiles() {
   static const std::vector<std::string> kNames = {"data",  "attrs", "trees", "names",
-                                                  "links", "flags", "all"};
+                                                  "links", "flags", "all",   "clones"};
   return kNames;
 }
 
@@ -94,6 +96,7 @@ void Generator::look() {
   dirs_.assign(1, "");
   files_.clear();
   others_.clear();
+  parents_.clear();
   std::function<void(const std::string &)> walk = [&](const std::string &dir) {
     for (const std::string &name : tree_->names(dir)) {
       std::string path = join(dir, name);
@@ -101,6 +104,12 @@ void Generator::look() {
       if (lstat((tree_->root() + "/" + path).c_str(), &st) != 0) continue;
       paths_.push_back(path);
       if (S_ISREG(st.st_mode)) files_.push_back(path);
+      char clone[16];
+      if (weights_.clone && S_ISREG(st.st_mode) &&
+          lgetxattr((tree_->root() + "/" + path).c_str(), "trusted.kest.CLONE", clone, sizeof clone) ==
+              sizeof clone &&
+          clone[12] & 0x80)
+        parents_.push_back(path);
       if (!S_ISDIR(st.st_mode)) {
         others_.push_back(path);
         continue;
@@ -111,7 +120,8 @@ void Generator::look() {
   };
   walk("");
   // The walk meets "a", "a/b", "a-b"; look-ups want them by bytes.
-  for (auto *list : {&paths_, &dirs_, &files_, &others_}) std::sort(list->begin(), list->end());
+  for (auto *list : {&paths_, &dirs_, &files_, &others_, &parents_})
+    std::sort(list->begin(), list->end());
 }
 
 std::string Generator::freshName() {
@@ -307,6 +317,38 @@ void Generator::newTreeThatTakesIn() {
   }
 }
 
+void Generator::changeClones() {
+  const uint64_t r = random_.below(100);
+  if (r < 30 || parents_.empty()) {
+    if (!files_.empty()) perform({Verb::kCloneParent, random_.pick(files_), "", 0, 0, 0});
+    return;
+  }
+  const std::string parent = random_.pick(parents_);
+  if (r < 70) {
+    const std::string clone = random_.chance(75) ? freshPath() : anyPath();
+    perform({Verb::kClone, parent, clone, 0, 0, 0});
+    if (random_.chance(40)) changeData(clone);
+    if (random_.chance(40)) perform({Verb::kCloneParent, clone, "", 0, 0, 0});
+    return;
+  }
+  perform({Verb::kImmutable, parent, "", 0, 0, 0});
+  if (r < 82)
+    perform({Verb::kRemove, parent, "", 0, 0, 0});
+  else if (r < 90)
+    perform({Verb::kRename, parent, anyPath(), 0, 0, 0});
+  else if (r < 95)
+    perform({Verb::kLink, parent, anyPath(), 0, 0, 0});
+  else
+    changeData(parent);
+  if (random_.chance(60)) perform({Verb::kImmutable, parent, "", 1, 0, 0});
+}
+
+void Generator::unlockParents() {
+  look();
+  for (const std::string &parent : parents_)
+    if (random_.chance(50)) perform({Verb::kImmutable, parent, "", 0, 0, 0});
+}
+
 void Generator::replaceKind(const std::string &path) {
   perform({Verb::kRemoveTree, path, "", 0, 0, 0});
   char kind = anyKind();
@@ -370,6 +412,7 @@ void Generator::oneChange() {
          perform({Verb::kRemove, file, "", 0, 0, 0});
          create(file, 'f');
        }},
+      {w.clone, [&] { changeClones(); }},
   };
   unsigned total = 0;
   for (const Choice &choice : choices) total += choice.weight;
@@ -390,6 +433,10 @@ std::vector<Operation> Generator::buildInitial(TreeBuilder &tree) {
     if (weights_.link && random_.chance(25) && !others_.empty())
       perform({Verb::kLink, random_.pick(others_), freshPath(), 0, 0, 0});
     if (random_.chance(25) && !paths_.empty()) changeAttribute(random_.pick(paths_));
+    if (weights_.clone && random_.chance(70)) {
+      look();
+      changeClones();
+    }
     if (weights_.data > 20 && random_.chance(30) && !files_.empty()) changeData(random_.pick(files_));
   }
   look();
@@ -414,6 +461,7 @@ std::vector<Operation> Generator::change(TreeBuilder &tree) {
         perform({Verb::kImmutable, path, "", 0, 0, 0});
         perform({Verb::kAppendOnly, path, "", 0, 0, 0});
       }
+  if (weights_.clone && random_.chance(40)) unlockParents();
   for (uint64_t i = 0, n = random_.between(3, 25); i < n; ++i) oneChange();
   return done;
 }

@@ -18,7 +18,8 @@ namespace histories {
 // names  renames, swaps, rings, parent and child exchanged, into new, moved and deleted directories
 // links  hard links of everything but directories, added, removed, moved; with renames
 // flags  immutable and append-only set or cleared, among changes of every kind
-// all    everything
+// clones clone parents, clones and clones of clones made, changed, renamed, linked, removed; all else
+// too all    everything but clones
 bool isProfile(const std::string &name);
 const std::vector<std::string> &profiles();
 
@@ -50,6 +51,8 @@ class Generator {
   void exchangeParentAndChild();
   void ring();
   void newTreeThatTakesIn();
+  void changeClones();
+  void unlockParents();  // so that what follows can remove, rename and change them
   void replaceKind(const std::string &path);
   void oneChange();
 
@@ -58,6 +61,7 @@ class Generator {
   testsupport::TreeBuilder *tree_ = nullptr;
   std::vector<Operation> *done_ = nullptr;
   std::vector<std::string> paths_, dirs_, files_, others_;  // sorted; others_: all but directories
+  std::vector<std::string> parents_;                        // clone parents
   std::vector<std::string> snapshotPaths_;
   unsigned counter_ = 0;
   unsigned flagPercent_ = 0;

@@ -19,7 +19,7 @@ namespace {
 
 const char kUsage[] =
     "usage: histories [options]\n"
-    "  --profile NAME     data, attrs, trees, names, links, flags or all (default)\n"
+    "  --profile NAME     data, attrs, trees, names, links, flags, clones or all (default)\n"
     "  --seed N           the first seed (1)\n"
     "  --count N          how many histories (100)\n"
     "  --seconds N        stop after this time, however many are left\n"

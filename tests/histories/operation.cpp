@@ -83,6 +83,9 @@ const VerbEntry kVerbs[] = {
      [](TreeBuilder &t, const Operation &o) { t.appendOnly(o.path, o.a); }},
     {Verb::kNoCow, "nocow", [](TreeBuilder &t, const Operation &o) { t.noCow(o.path, o.a); }},
     {Verb::kCompress, "compress", [](TreeBuilder &t, const Operation &o) { t.compress(o.path, o.a); }},
+    {Verb::kCloneParent, "clone-parent",
+     [](TreeBuilder &t, const Operation &o) { t.cloneParent(o.path); }},
+    {Verb::kClone, "clone", [](TreeBuilder &t, const Operation &o) { t.clone(o.path, o.other); }},
     {Verb::kCommit, "commit",
      [](TreeBuilder &t, const Operation &) {
        testsupport::Descriptor fd(open(t.root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

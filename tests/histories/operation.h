@@ -38,6 +38,8 @@ enum class Verb {
   kAppendOnly,   // path, a: on
   kNoCow,        // path, a: on
   kCompress,     // path, a: on
+  kCloneParent,  // path
+  kClone,        // path: parent, other: new file
   kCommit,       // syncfs
 };
 

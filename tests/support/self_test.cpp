@@ -234,6 +234,47 @@ TEST_F(SelfTest, NestedSubvolumesAndExclusions) {
   EXPECT_EQ(fingerprint(t.root(), {{}, true}).objects.count("d/nested"), 0u);
 }
 
+TEST(Fingerprint, SeesWhatIsNoLongerTheSameClone) {
+  const struct {
+    const char *expected;
+    std::function<void(TreeBuilder &)> change;
+  } cases[] = {
+      {"clone state of c: want clone, depth 1, of p, have none",
+       [](TreeBuilder &t) { t.removeXattr("c", "trusted.kest.CLONE"); }},
+      {"clone state of c: want clone, depth 1, of p, have clone, depth 1, of q",
+       [](TreeBuilder &t) {
+         t.remove("c");
+         t.clone("q", "c");
+       }},
+      {"clone state of c: want clone, depth 1, of p, have clone, depth 1, of other",
+       [](TreeBuilder &t) {
+         t.immutable("p", false);
+         t.rename("p", "other");
+         t.reflink("other", "p");
+       }},
+      {"clone state of c: want clone, depth 1, of p, have parent, depth 1, of p",
+       [](TreeBuilder &t) { t.cloneParent("c"); }},
+      {"unshared: c from p in [8192,12288)", [](TreeBuilder &t) { t.pattern("c", 8192, 4096, 1); }},
+  };
+  LoopBtrfs fs("clones");
+  int number = 0;
+  for (const auto &one : cases) {
+    const std::string name = "f" + std::to_string(++number);
+    fs.createSubvolume(name);
+    TreeBuilder t(fs.path(name));
+    t.big("p", 40960, 1);
+    t.reflink("p", "q");
+    t.cloneParent("p");
+    t.cloneParent("q");
+    t.clone("p", "c");
+    TreePrint want = fingerprint(fs.snapshot(name, name + "-snap"));
+    EXPECT_EQ(joined(compare(want, fingerprint(t.root()))), "");
+    one.change(t);
+    const std::string lines = joined(compare(want, fingerprint(t.root())));
+    EXPECT_NE(lines.find(one.expected), std::string::npos) << one.expected << "\n" << lines;
+  }
+}
+
 TEST(RunProgram, CapturesAndReports) {
   RunOptions options;
   options.program = "/bin/sh";

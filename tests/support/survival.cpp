@@ -34,6 +34,15 @@ struct Place {
   }
 };
 
+// 0: an ordinary file.
+unsigned cloneKind(const ObjectPrint &object) {
+  return object.clone ? 1 + object.clone->parent + 2 * object.clone->depth : 0;
+}
+
+uint64_t parentOf(const ObjectPrint &object) {
+  return object.clone && object.clone->depth ? object.clone->parentInode : 0;
+}
+
 class Survivors {
  public:
   explicit Survivors(const TreePrint &before) {
@@ -43,10 +52,18 @@ class Survivors {
     }
   }
 
+  // The same file, whose clone state nothing turns back: it became a parent, or lost its attributes.
+  bool isRemade(const ObjectPrint &object) const {
+    auto found = byInode_.find(object.inode);
+    return found != byInode_.end() && sameObject(object, *found->second) &&
+           cloneKind(object) != cloneKind(*found->second);
+  }
+
   bool mustSurvive(const TreePrint &snapshot, const std::string &path,
                    const ObjectPrint &object) const {
     auto found = byInode_.find(object.inode);
-    if (found == byInode_.end() || !sameObject(object, *found->second)) return false;
+    if (found == byInode_.end() || !sameObject(object, *found->second) || isRemade(object))
+      return false;
     if (S_ISDIR(object.mode) || (object.links == 1 && found->second->links == 1)) return true;
     if (object.group.empty()) return stayed(path, object);
     return std::any_of(object.group.begin(), object.group.end(), [&](const std::string &name) {
@@ -69,6 +86,9 @@ std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePr
                                          const TreePrint &after, bool timesToo) {
   std::vector<std::string> lines;
   Survivors survivors(before);
+  std::set<ino_t> parted;  // folders in which a file is made anew at its own name
+  for (const auto &[path, object] : snapshot.objects)
+    if (survivors.isRemade(object)) parted.insert(object.parent);
   for (const auto &[path, object] : snapshot.objects) {
     auto now = after.objects.find(path);
     if (now == after.objects.end() || object.nested || path.empty()) continue;
@@ -79,6 +99,8 @@ std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePr
     }
     auto then = before.objects.find(path);
     if (!timesToo || then == before.objects.end() || !sameObject(object, then->second)) continue;
+    // Given the number that its parent has now.
+    if (parentOf(then->second) != parentOf(now->second) || parted.count(object.inode)) continue;
     if ((object.flags & (FS_IMMUTABLE_FL | FS_APPEND_FL)) ||
         !sameTime(object.ctime, then->second.ctime))
       continue;

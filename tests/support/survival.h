@@ -10,10 +10,10 @@ namespace testsupport {
 
 // Lines about objects that were made anew or touched without need. An object that exists in the
 // snapshot and in the tree before the restore must keep its inode number at its snapshot path; excepted
-// are hard-linked inodes none of whose snapshot names stayed in its directory. What had not changed
-// since the snapshot must not be touched: it keeps its change time. excepted are flagged objects, whose
-// flags may have to be cleared for a while. timesToo false: leave change times out (after interrupted
-// runs).
+// are hard-linked inodes none of whose snapshot names stayed in its directory, and files that became
+// clone parents. What had not changed since the snapshot must not be touched: it keeps its change time.
+// excepted are flagged objects, whose flags may have to be cleared for a while. timesToo false: leave
+// change times out (after interrupted runs).
 std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePrint &before,
                                          const TreePrint &after, bool timesToo);
 

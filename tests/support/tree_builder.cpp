@@ -3,18 +3,23 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <spawn.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <stdexcept>
 
 namespace testsupport {
 namespace {
+
+constexpr char kCloneCommand[] = "/usr/qtx/kest/bin/ktclone";
 
 uint64_t mix(uint64_t x) {
   x += 0x9e3779b97f4a7c15ull;
@@ -43,6 +48,25 @@ void writePattern(int fd, uint64_t offset, uint64_t length, uint64_t seed, const
 template <typename T>
 void appendRaw(std::string *out, T value) {
   out->append(reinterpret_cast<const char *>(&value), sizeof value);
+}
+
+void runClone(const std::vector<std::string> &words) {
+  std::vector<const char *> arguments{kCloneCommand};
+  for (const std::string &word : words) arguments.push_back(word.c_str());
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+  pid_t pid = 0;
+  const int err = posix_spawn(&pid, kCloneCommand, &actions, nullptr,
+                              const_cast<char *const *>(arguments.data()), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (err != 0) throw std::runtime_error(std::string("cannot start ") + kCloneCommand);
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  errno = EINVAL;
+  if (status != 0) failWithErrno("ktclone " + words[0] + " " + words.back());
 }
 
 std::vector<std::string> listNames(int dirFd, const std::string &path) {
@@ -242,6 +266,18 @@ void TreeBuilder::reflink(const std::string &from, const std::string &path) {
   file(path);
   if (ioctl(open(path, O_WRONLY).get(), FICLONE, open(from, O_RDONLY).get()) != 0)
     failWithErrno("reflink " + path);
+}
+
+void TreeBuilder::cloneParent(const std::string &path) {
+  runClone({"snap", root_ + "/" + path});
+}
+
+void TreeBuilder::clone(const std::string &parent, const std::string &path) {
+  cloneOf(root_ + "/" + parent, path);
+}
+
+void TreeBuilder::cloneOf(const std::string &parentPath, const std::string &path) {
+  runClone({"copy", parentPath, root_ + "/" + path});
 }
 
 void TreeBuilder::rename(const std::string &from, const std::string &to) {

@@ -59,6 +59,11 @@ class TreeBuilder {
   void writeMapped(const std::string &path, uint64_t offset, std::string_view bytes);  // not flushed
   void reflink(const std::string &from, const std::string &path);  // a new file that shares all blocks
 
+  // Clones, made by the file system's own command.
+  void cloneParent(const std::string &path);                             // ktclone snap
+  void clone(const std::string &parent, const std::string &path);        // ktclone copy
+  void cloneOf(const std::string &parentPath, const std::string &path);  // the same, of any path
+
   // Names.
   void rename(const std::string &from, const std::string &to);  // replaces, as rename(2) does
   void exchange(const std::string &one, const std::string &other);

@@ -65,6 +65,7 @@ class Reader {
     if (!top.valid()) failWithErrno("open " + tree_.root);
     readObject(top.get(), "", 0);
     noteGroups();
+    connectClones(&tree_);
     return std::move(tree_);
   }
 
@@ -108,6 +109,7 @@ class Reader {
     if (!isDir) {
       object.size = sx.stx_size;
       readData(opened.get(), path, &object);
+      if (object.clone) object.clone->blocks = physicalBlocks(opened.get(), path);
     }
     tree_.objects.emplace(path, std::move(object));
     if (isDir) readEntries(opened.get(), path, inode);
@@ -147,6 +149,11 @@ class Reader {
       if (got < 0) failWithErrno(std::string("get ") + name + " of " + path);
       object->xattrs[name] = value.substr(0, static_cast<size_t>(got));
     }
+    auto clone = object->xattrs.find("trusted.kest.CLONE");
+    if (clone == object->xattrs.end()) return;
+    object->clone = readClone(clone->second, object->xattrs["trusted.kest.CLONESNAP"]);
+    object->xattrs.erase("trusted.kest.CLONE");
+    object->xattrs.erase("trusted.kest.CLONESNAP");
   }
 
   static void readTarget(int fd, const std::string &path, ObjectPrint *object) {
@@ -185,6 +192,8 @@ class Reader {
       }
       at = to;
     }
+    const bool noHole = object->data.size() == 1 && object->data[0].second == object->size;
+    if (noHole) object->data = missingIn(object->data, preallocated(fd, object->size, path));
   }
 
   void noteGroups() {
@@ -363,6 +372,7 @@ std::vector<std::string> compare(const TreePrint &want, const TreePrint &have) {
   for (const auto &[path, object] : have.objects)
     if (!want.objects.count(path))
       comparison.lines.push_back("left over: " + shown(path) + " (" + kindName(object.mode) + ")");
+  for (std::string &line : compareClones(want, have)) comparison.lines.push_back(std::move(line));
   return std::move(comparison.lines);
 }
 

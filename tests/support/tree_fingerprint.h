@@ -4,9 +4,9 @@
 // Compared: names, types, modes (07777), owner, group, size, data, hole map (4 KiB blocks, preallocated
 // counts as hole), link targets, device numbers, all extended attributes (ACLs included), modification
 // times in nanoseconds, the flags immutable, append-only, no copy-on-write and (no) compression, the
-// groups of hard links and link counts.
-// Not compared: inode numbers, change, creation and access times; they are recorded for tests that
-// demand that an object survived or was left alone.
+// groups of hard links and link counts, and clones: parents, depths, whose clone a file is, shared
+// blocks. Not compared: inode numbers, change, creation and access times; they are recorded for tests
+// that demand that an object survived or was left alone.
 #pragma once
 
 #include <sys/types.h>
@@ -14,9 +14,12 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "support/clone_print.h"
 
 namespace testsupport {
 
@@ -31,7 +34,8 @@ struct ObjectPrint {
   uint64_t dataHash = 0;  // of the contents, whatever is hole and what is zeros
   std::vector<std::pair<uint64_t, uint64_t>> data;  // [start, end) that is not hole, merged
   std::string target;                               // of a symbolic link
-  std::map<std::string, std::string> xattrs;
+  std::map<std::string, std::string> xattrs;        // but the clone attributes
+  std::optional<ClonePrint> clone;
   unsigned flags = 0;              // the FS_*_FL bits compared; files, directories
   std::vector<std::string> group;  // sorted names of a file with several, else empty
   bool nested = false;             // a nested subvolume, or the stub of one; not entered

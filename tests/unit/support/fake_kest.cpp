@@ -289,6 +289,25 @@ int kest_fcntl(int fd, void *request) {
   return 0;
 }
 
+// From the same table: both trees have the same clones.
+int kest_iclone_attr(kest_ifile_t *file, uint8_t clone[16], uint8_t clone_snap[8]) {
+  if (int err = faultAt("iclone_attr", fake(file)->path)) return fail(err);
+  const auto found = fakeKest.attributes.find("kest.CLONE");
+  if (found == fakeKest.attributes.end()) return 0;
+  if (clone != nullptr) std::copy_n(found->second.begin(), 16, clone);
+  const auto snap = fakeKest.attributes.find("kest.CLONESNAP");
+  if (clone_snap != nullptr && snap != fakeKest.attributes.end())
+    std::copy_n(snap->second.begin(), 8, clone_snap);
+  return 1;
+}
+
+int kest_ishare(kest_ifile_t *, kest_ifile_t *, int64_t offset, int64_t len) {
+  const std::string range = std::to_string(offset) + "+" + std::to_string(len);
+  fakeKest.calls.push_back("ishare " + range);
+  if (int err = faultAt("ishare", range)) return fail(err);
+  return 0;
+}
+
 int kest_lstat(kest_fssnap_handle_t *, const char *path, struct stat *st) {
   if (int err = faultAt("lstat", path)) return fail(err);
   if (lstat(path, st) != 0) return -1;

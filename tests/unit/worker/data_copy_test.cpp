@@ -61,4 +61,28 @@ TEST_F(DataCopy, WhatIsNotCopiedWholeFails) {
   EXPECT_EQ(copy(0, 1500, 1), EIO);
 }
 
+TEST_F(DataCopy, ClonesShareWholeBlocksAndAreCopiedOnlyWhereThatIsRefused) {
+  makeFile(active("large"), std::string(10000, 'x'));
+  Inode large = openInode(handles.activeFsP, inoOf(active("large")));
+  const auto share = [&](int64_t offset, int64_t length, int32_t hole) {
+    fakeKest.calls.clear();
+    return copyToActiveFile(large.get(), large.get(), offset, length, &hole, true);
+  };
+  EXPECT_EQ(share(5000, 100, 0), 0);
+  EXPECT_EQ(fakeKest.calls, std::vector<std::string>{"ishare 4096+4096"});
+  EXPECT_EQ(share(4096, 4096, 1), 0);
+  EXPECT_EQ(fakeKest.calls, std::vector<std::string>{"ishare 4096+4096"});
+  EXPECT_EQ(share(8192, 1808, 0), 0);
+  EXPECT_EQ(fakeKest.calls, std::vector<std::string>{"ishare 8192+1808"});
+  int err = EINVAL;
+  fakeKest.fault = [&](const std::string &call, const std::string &) {
+    return call == "ishare" ? err : 0;
+  };
+  EXPECT_EQ(share(0, 900, 0), 0);
+  EXPECT_EQ(fakeKest.count("iwritex"), 1u);
+  err = ENOSPC;
+  EXPECT_EQ(share(0, 900, 0), ENOSPC);
+  EXPECT_EQ(fakeKest.count("iwritex"), 0u);
+}
+
 }  // namespace

@@ -1,0 +1,13 @@
+#include "compare/missing_link.h"
+
+#include "oplist/clone_lists.h"
+#include "oplist/link_list.h"
+#include "run/run_handles.h"
+
+int listMissingLink(const std::string &path, uint64_t ino, bool *alsoDeleted) {
+  *alsoDeleted = false;
+  if (int rc = listLink(path, ino)) return rc;
+  Inode snap = openInode(handles.oldFsP, ino);
+  *alsoDeleted = snap && isClone(snap.get(), nullptr, nullptr) && firstCloneListing(ino);
+  return 0;
+}

@@ -1,0 +1,46 @@
+#include "scan/clone_state.h"
+
+#include <sys/stat.h>
+#include <cerrno>
+
+#include "run/trace_log.h"
+
+namespace {
+
+uint64_t bigEndian(const uint8_t *bytes, int count) {
+  uint64_t value = 0;
+  for (int i = 0; i < count; ++i) value = value << 8 | bytes[i];
+  return value;
+}
+
+}  // namespace
+
+uint64_t CloneAttr::parentIno() const {
+  return bigEndian(bytes.data(), 8);
+}
+
+uint16_t CloneAttr::depth() const {
+  return static_cast<uint16_t>(bigEndian(bytes.data() + 14, 2));
+}
+
+uint32_t CloneSnapAttr::snapId() const {
+  return static_cast<uint32_t>(bigEndian(bytes.data() + 4, 4));
+}
+
+bool isClone(kest_ifile_t *file, CloneAttr *attr, CloneSnapAttr *snap) {
+  if (!S_ISREG(file->if_mode)) return false;
+  const int rc = kest_iclone_attr(file, attr != nullptr ? attr->bytes.data() : nullptr,
+                                  snap != nullptr ? snap->bytes.data() : nullptr);
+  if (rc < 0) {
+    traceLog("isClone: get clone attr failed, ino %lld, errno %d\n",
+             static_cast<long long>(file->if_inode), errno);
+  }
+  return rc == 1;
+}
+
+bool sameCloneKind(kest_ifile_t *one, kest_ifile_t *other) {
+  CloneAttr a, b;
+  const bool first = isClone(one, &a, nullptr), second = isClone(other, &b, nullptr);
+  if (first != second) return false;
+  return !first || (a.isParent() == b.isParent() && a.depth() == b.depth());
+}

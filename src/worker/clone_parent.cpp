@@ -1,0 +1,87 @@
+#include "worker/clone_parent.h"
+
+#include <cerrno>
+#include <map>
+#include <vector>
+
+#include "object/clone_origin.h"
+#include "object/path_files.h"
+#include "object/step.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/trace_log.h"
+#include "scan/same_file.h"
+#include "worker/inode_paths.h"
+
+namespace {
+
+struct SearchTree {
+  kest_fssnap_handle_t *handle = nullptr;
+  std::string root;
+};
+
+Step chooseTree(uint32_t snapId, SearchTree *tree) {
+  if (snapId == 0) {
+    if (handles.rootPath.empty()) return failedStep(5, ENOENT);
+    *tree = {handles.activeFsP, handles.rootPath};
+    return {};
+  }
+  tree->handle = otherSnapshot(snapId);
+  if (tree->handle == nullptr) {
+    const int err = errno;
+    traceLog("getParentPath: cannot get parent snapshot handle, deviceP %s, filesetP %s, snapId %u\n",
+             settings.deviceP.c_str(), settings.filesetP.c_str(), snapId);
+    return failedStep(2, err);
+  }
+  const char *root = kest_get_pathname_from_fssnaphandle(tree->handle);
+  if (root == nullptr) return failedStep(4, errno);
+  tree->root = root;
+  return {};
+}
+
+bool stillThere(const std::string &path, kest_fssnap_handle_t *handle, uint64_t ino) {
+  struct stat st;
+  return kest_lstat(handle, path.c_str(), &st) == 0 && st.st_ino == ino;
+}
+
+Step lookUp(uint64_t ino, uint32_t snapId, const SearchTree &tree, std::string *path) {
+  static std::map<std::pair<uint32_t, uint64_t>, std::string> known;
+  std::string &place = known[{snapId, ino}];
+  if (!place.empty() && stillThere(place, tree.handle, ino)) {
+    *path = place;
+    return {};
+  }
+  std::vector<std::string> paths;
+  bool started = false;
+  if (findInodePaths(ino, tree.root, &paths, &started) != 0) {
+    const int err = errno;
+    traceLog(started ? "getParentPath: cannot get parent path, ino %lld\n"
+                     : "getParentPath: cannot find parent path, ino %lld\n",
+             static_cast<long long>(ino));
+    return failedStep(started ? 6 : 5, err);
+  }
+  *path = place = paths.front();
+  return {};
+}
+
+Step find(uint64_t parent, uint32_t snapId, std::string *path) {
+  SearchTree tree;
+  if (Step step = chooseTree(snapId, &tree); !step) return step;
+  uint64_t now = parent;
+  if (snapId == 0 && !readNewParent(parent, &now) && checkFile(parent) != kKindSame) {
+    traceLog("getParentPath: cannot get parent path, ino %lld\n", static_cast<long long>(parent));
+    return failedStep(6, ENOENT);
+  }
+  return lookUp(now, snapId, tree, path);
+}
+
+}  // namespace
+
+int getParentPath(uint64_t parent, uint32_t snapId, std::string *path) {
+  const Step step = find(parent, snapId, path);
+  if (step) return 0;
+  traceLog("getParentPath: ino %lld, snapId %d, rc %d, code %d, err %d\n",
+           static_cast<long long>(parent), static_cast<int>(snapId), step.rc, step.code, step.err);
+  errno = step.err;
+  return step.rc;
+}

@@ -1,0 +1,197 @@
+#include "support/clone_print.h"
+
+#include <linux/fiemap.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <vector>
+
+#include "support/descriptor.h"
+#include "support/tree_fingerprint.h"
+
+namespace testsupport {
+namespace {
+
+constexpr uint64_t kBlock = 4096;
+
+uint64_t bigEndian(const std::string &bytes, size_t at, size_t count) {
+  uint64_t value = 0;
+  for (size_t i = 0; i < count; ++i) value = value << 8 | static_cast<unsigned char>(bytes[at + i]);
+  return value;
+}
+
+std::string text(const std::optional<ClonePrint> &clone) {
+  if (!clone) return "none";
+  std::string line = clone->parent ? "parent" : "clone";
+  line += ", depth " + std::to_string(clone->depth);
+  if (clone->depth)
+    line += ", of " + (clone->parentPath.empty() ? "nothing" : shown(clone->parentPath));
+  return line;
+}
+
+class Judge {
+ public:
+  Judge(const TreePrint &want, const TreePrint &have) : want_(want), have_(have) {}
+
+  std::vector<std::string> lines() {
+    for (const auto &[path, object] : want_.objects) {
+      auto other = have_.objects.find(path);
+      if (other != have_.objects.end() && S_ISREG(object.mode) && S_ISREG(other->second.mode))
+        judge(path, object, other->second);
+    }
+    return std::move(lines_);
+  }
+
+ private:
+  const ObjectPrint *parentIn(const TreePrint &tree, const ClonePrint &clone) const {
+    auto found = tree.objects.find(clone.parentPath);
+    return clone.parentPath.empty() || found == tree.objects.end() ? nullptr : &found->second;
+  }
+
+  // True when every ancestor up to a parent of depth 0 is there.
+  bool unbroken(const ClonePrint &clone) const {
+    if (clone.depth == 0) return true;
+    if (!clone.parentFits) return false;
+    const ObjectPrint *parent = parentIn(want_, clone);
+    return parent == nullptr || (parent->clone && unbroken(*parent->clone));
+  }
+
+  void judge(const std::string &path, const ObjectPrint &want, const ObjectPrint &have) {
+    const auto differ = [&] {
+      lines_.push_back("clone state of " + shown(path) + ": want " + text(want.clone) + ", have " +
+                       text(have.clone));
+    };
+    const bool survived = want.inode == have.inode && want.birth.tv_sec == have.birth.tv_sec &&
+                          want.birth.tv_nsec == have.birth.tv_nsec;
+    if (want.clone && want.clone->depth && !want.clone->parentFits && !survived) {
+      const bool right =
+          want.clone->parent ? have.clone && have.clone->parent && have.clone->depth == 0 : !have.clone;
+      if (!right) differ();
+      return;
+    }
+    if (want.clone.has_value() != have.clone.has_value()) return differ();
+    if (!want.clone) return;
+    unsigned depth = want.clone->depth;
+    if (!survived && !unbroken(*want.clone)) {
+      const ObjectPrint *parent = parentIn(have_, *have.clone);
+      depth = parent && parent->clone ? parent->clone->depth + 1 : 0;
+    }
+    if (want.clone->parent != have.clone->parent || have.clone->depth != depth ||
+        want.clone->parentPath != have.clone->parentPath)
+      return differ();
+    for (auto [start, end] : missingIn(want.clone->shared, have.clone->shared)) {
+      lines_.push_back("unshared: " + shown(path) + " from " + shown(want.clone->parentPath) + " in [" +
+                       std::to_string(start) + "," + std::to_string(end) + ")");
+      break;
+    }
+  }
+
+  const TreePrint &want_, &have_;
+  std::vector<std::string> lines_;
+};
+
+std::vector<fiemap_extent> extentsOf(int fd, uint32_t flags, const std::string &path) {
+  constexpr unsigned kExtents = 64;
+  std::vector<fiemap_extent> extents;
+  std::vector<uint64_t> room((sizeof(fiemap) + kExtents * sizeof(fiemap_extent)) / sizeof(uint64_t) +
+                             1);
+  auto *map = reinterpret_cast<fiemap *>(room.data());
+  for (uint64_t at = 0;;) {
+    std::fill(room.begin(), room.end(), 0);
+    map->fm_start = at;
+    map->fm_length = ~at;
+    map->fm_flags = flags;
+    map->fm_extent_count = kExtents;
+    if (ioctl(fd, FS_IOC_FIEMAP, map) != 0) failWithErrno("map " + path);
+    if (map->fm_mapped_extents == 0) return extents;
+    extents.insert(extents.end(), map->fm_extents, map->fm_extents + map->fm_mapped_extents);
+    if (extents.back().fe_flags & FIEMAP_EXTENT_LAST) return extents;
+    at = extents.back().fe_logical + extents.back().fe_length;
+  }
+}
+
+}  // namespace
+
+std::optional<ClonePrint> readClone(const std::string &clone, const std::string &cloneSnap) {
+  if (clone.size() < 16) return std::nullopt;
+  ClonePrint print;
+  const auto flags = static_cast<unsigned char>(clone[12]);
+  print.parent = flags & 0x80;
+  print.parentInode = bigEndian(clone, 0, 8);
+  print.depth = static_cast<unsigned>(bigEndian(clone, 14, 2));
+  if (flags & 0x40) {
+    print.parentFits = true;
+    print.parentPath = "snapshot " +
+                       (cloneSnap.size() < 8 ? "?" : std::to_string(bigEndian(cloneSnap, 4, 4))) +
+                       " inode " + std::to_string(print.parentInode);
+  }
+  return print;
+}
+
+BlockRanges missingIn(const BlockRanges &from, const BlockRanges &less) {
+  BlockRanges missing;
+  for (auto [start, end] : from) {
+    for (const auto &[a, b] : less) {
+      if (b <= start || a >= end) continue;
+      if (a > start) missing.emplace_back(start, a);
+      start = std::max(start, b);
+    }
+    if (start < end) missing.emplace_back(start, end);
+  }
+  return missing;
+}
+
+std::vector<std::pair<uint64_t, uint64_t>> physicalBlocks(int fd, const std::string &path) {
+  std::vector<std::pair<uint64_t, uint64_t>> blocks;
+  for (const fiemap_extent &extent : extentsOf(fd, FIEMAP_FLAG_SYNC, path)) {
+    if (extent.fe_flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_UNWRITTEN)) continue;
+    for (uint64_t offset = 0; offset < extent.fe_length; offset += kBlock) {
+      // Of a compressed extent only the whole has a place.
+      const uint64_t inside = extent.fe_flags & FIEMAP_EXTENT_ENCODED ? 0 : offset;
+      blocks.emplace_back(extent.fe_logical + offset, extent.fe_physical + inside);
+    }
+  }
+  return blocks;
+}
+
+BlockRanges preallocated(int fd, uint64_t size, const std::string &path) {
+  BlockRanges ranges;
+  for (const fiemap_extent &extent : extentsOf(fd, 0, path))
+    if (extent.fe_flags & FIEMAP_EXTENT_UNWRITTEN && extent.fe_logical < size)
+      ranges.emplace_back(extent.fe_logical, extent.fe_logical + extent.fe_length);
+  return ranges;
+}
+
+void connectClones(TreePrint *tree) {
+  std::map<uint64_t, const std::string *> parents;
+  for (const auto &[path, object] : tree->objects)
+    if (object.clone && object.clone->parent) parents.emplace(object.inode, &path);
+  for (auto &[path, object] : tree->objects) {
+    if (!object.clone || object.clone->depth == 0 || !object.clone->parentPath.empty()) continue;
+    auto found = parents.find(object.clone->parentInode);
+    if (found == parents.end()) continue;
+    const ClonePrint &parent = *tree->objects.at(*found->second).clone;
+    object.clone->parentFits = parent.depth + 1 == object.clone->depth;
+    object.clone->parentPath = *found->second;
+    const std::map<uint64_t, uint64_t> there(parent.blocks.begin(), parent.blocks.end());
+    BlockRanges &shared = object.clone->shared;
+    for (const auto &[offset, place] : object.clone->blocks) {
+      auto same = there.find(offset);
+      if (same == there.end() || same->second != place) continue;
+      if (!shared.empty() && shared.back().second == offset)
+        shared.back().second += kBlock;
+      else
+        shared.emplace_back(offset, offset + kBlock);
+    }
+  }
+}
+
+std::vector<std::string> compareClones(const TreePrint &want, const TreePrint &have) {
+  return Judge(want, have).lines();
+}
+
+}  // namespace testsupport
