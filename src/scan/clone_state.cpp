@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <cerrno>
 
+#include "run/fatal_error.h"
 #include "run/trace_log.h"
 
 namespace {
@@ -34,6 +35,8 @@ bool isClone(kest_ifile_t *file, CloneAttr *attr, CloneSnapAttr *snap) {
   if (rc < 0) {
     traceLog("isClone: get clone attr failed, ino %lld, errno %d\n",
              static_cast<long long>(file->if_inode), errno);
+    // A clone would be restored as an ordinary file: the run must not end well.
+    setFatalError(errno);
   }
   return rc == 1;
 }

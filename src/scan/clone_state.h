@@ -25,7 +25,8 @@ struct CloneSnapAttr {
 };
 
 // True for a clone or clone parent, with its attributes (either may be null). False for every other
-// type, and, after a trace line, where they cannot be read.
+// type, and where they cannot be read: that is traced and recorded as a fatal error, so the run ends
+// with 1.
 bool isClone(kest_ifile_t *file, CloneAttr *attr, CloneSnapAttr *snap);
 
 // True when both open inodes are the same kind of file to the clone system: neither clone nor parent,

@@ -154,48 +154,6 @@ TEST_F(Start, LongListOfNodesIsAUsageError) {
 
 constexpr char kCloneAttr[] = "trusted.kest.CLONE";
 
-class Clones : public RestoreTable {};
-
-TEST_P(Clones, ThatWouldHaveToBeRestoredEndTheRun) {
-  const std::string attribute(16, '\1');
-  for (const char *name : {"d/clone", "d/unchanged"}) {
-    tree().dirs("d");
-    tree().big(name, 50000, 3);
-    tree().setXattr(name, kCloneAttr, attribute);
-  }
-  takeSnapshot();
-  GetParam().change(tree());
-  testsupport::TreePrint before = fingerprint(root());
-  RunResult result = restore();
-  EXPECT_EQ(result.exitStatus, 1) << result.describe();
-  EXPECT_NE(result.err.find("it is a file clone"), std::string::npos) << result.err;
-  testsupport::TreePrint after = fingerprint(root());
-  for (const auto &[path, object] : before.objects)
-    if (object.xattrs.count(kCloneAttr)) {
-      ASSERT_TRUE(after.objects.count(path)) << path << "\n" << result.describe();
-      EXPECT_EQ(after.objects[path].inode, object.inode);
-      EXPECT_EQ(after.objects[path].dataHash, object.dataHash);
-      EXPECT_EQ(after.objects[path].xattrs, object.xattrs);
-      EXPECT_EQ(after.objects[path].mode, object.mode);
-    }
-}
-
-const HistoryCase kCloneCases[] = {
-    {"Changed", nullptr, [](TreeBuilder &t) { t.write("d/clone", 100, "changed"); }},
-    {"Deleted", nullptr, [](TreeBuilder &t) { t.remove("d/clone"); }},
-    {"DeletedWithItsDirectory", nullptr,
-     [](TreeBuilder &t) {
-       t.rename("d/unchanged", "unchanged");
-       t.removeTree("d");
-     }},
-    {"MadeSince", nullptr,
-     [](TreeBuilder &t) {
-       t.big("d/new", 5000, 4);
-       t.setXattr("d/new", kCloneAttr, std::string(16, '\2'));
-     }},
-};
-INSTANTIATE_TEST_SUITE_P(All, Clones, ::testing::ValuesIn(kCloneCases), caseName);
-
 TEST_F(Start, UnchangedCloneDoesNotDisturb) {
   tree().file("clone", "data");
   tree().setXattr("clone", kCloneAttr, std::string(16, '\1'));
