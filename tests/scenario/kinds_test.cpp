@@ -35,6 +35,25 @@ const HistoryCase kCases[] = {
        t.remove("x");
        populatedDir(t, "x");
      }},
+    // A changed file of the snapshot waits below the directory: its path in the snapshot leads through
+    // a link.
+    {"SymlinksThatLeadNowhereToDirectoriesWithOldFiles",
+     [](TreeBuilder &t) {
+       t.symlink(std::string(3000, 'n'), "long");
+       t.symlink("loop", "loop");
+       t.file("a", "text");
+       t.file("b", "text");
+     },
+     [](TreeBuilder &t) {
+       for (const char *name : {"long", "loop"}) {
+         t.remove(name);
+         t.dir(name);
+       }
+       t.write("a", 0, "TEXT");
+       t.write("b", 0, "TEXT");
+       t.rename("a", "long/a");
+       t.rename("b", "loop/b");
+     }},
     {"DirectoryToSymlinkThatLeadsOut", [](TreeBuilder &t) { populatedDir(t, "x"); },
      [](TreeBuilder &t) {
        t.removeTree("x");

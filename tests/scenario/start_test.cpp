@@ -1,4 +1,5 @@
 // How a run starts: what it refuses before anything is touched, and where its work directory goes.
+#include <linux/fs.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -153,6 +154,43 @@ TEST_F(Start, LongListOfNodesIsAUsageError) {
 }
 
 constexpr char kCloneAttr[] = "trusted.kest.CLONE";
+
+TEST_F(Start, RootKeepsItsFlagWhenTheRunEndsBeforeTheFirstPass) {
+  takeSnapshot();
+  tree().write("f", 0, "TEXT");
+  tree().immutable("");
+  auto expectUntouched = [&](const RunResult &result) {
+    EXPECT_EQ(result.exitStatus, 1) << result.describe();
+    EXPECT_EQ(fingerprint(root()).objects[""].flags & FS_IMMUTABLE_FL, unsigned{FS_IMMUTABLE_FL});
+    EXPECT_EQ(tree().read("f"), "TEXT");
+  };
+  for (const char *option : {"-m", "-B", "-b"}) expectUntouched(restore("snap", {option, "0"}));
+  // A file system that cannot be committed.
+  const std::string control = std::string(kCommands) + "/ktfsctl";
+  ASSERT_EQ(mount("/bin/false", control.c_str(), nullptr, MS_BIND, nullptr), 0);
+  RunResult result = restore();
+  ASSERT_EQ(umount(control.c_str()), 0);
+  expectUntouched(result);
+  EXPECT_NE(result.err.find("Failed to sync the fileset."), std::string::npos) << result.err;
+  expectRestored();
+}
+
+TEST_F(Start, NobodyNeedsToReadTheMessages) {
+  takeSnapshot();
+  tree().remove("f");
+  testsupport::runCommand(std::string(testsupport::kRestoreProgram) + " " + fs().mountPoint() + " -j " +
+                          fileset() + " -o " + snapshotName() + " 2>&1 | true");
+  EXPECT_EQ(joined(compare(fingerprint(fs().path(snapshotName())), fingerprint(root()))), "");
+}
+
+TEST_F(Start, FilesNamedLikeQuotaFilesAreOrdinary) {
+  for (const char *name : {"user.quota", "group.quota", "fileset.quota"}) tree().file(name, "old");
+  takeSnapshot();
+  tree().write("user.quota", 0, "new");
+  tree().remove("group.quota");
+  tree().rename("fileset.quota", "g");
+  expectRestored();
+}
 
 TEST_F(Start, UnchangedCloneDoesNotDisturb) {
   tree().file("clone", "data");
