@@ -226,7 +226,7 @@ int kest_putacl(const char *path, int flags, const void *buf);
  * on btrfs and are ignored. `flags`: bit 0 access, bit 1 modification. Links are not followed. */
 int kest_set_times_path(const char *path, int flags, const kest_timestruc64_t times[4]);
 
-/* Control request on an open descriptor. `request`: header of four int32 (total length, version 1,
+/* Control request on a descriptor, O_PATH included. `request`: header of four int32 (total length, version 1,
  * error offset 0, reserved 0), then directives of 24 bytes: int32 length, int32 type, int32 value,
  * int32 fourth, 8 bytes 0. Types: 5000/5001 set/get immutable, 5004/5005 set/get append-only; get
  * fills the value with 0 or 1. Type 6001 (read an attribute) has a layout of its own: int32 length,
