@@ -61,8 +61,11 @@ class FullListing {
     // Without an item the object is unchanged or belongs to another pass, however many names it has.
     DiffItem *item = inPassRange(entry.d_ino) ? findItem(entry.d_ino) : nullptr;
     if (!item) return 0;
-    if (item->type & kDiffNew && dir_.newNames.count(entry.d_name) == 0 && mustBeRemade(entry.d_ino))
-      return remakeFile(entry.d_ino);
+    if (item->type & kDiffNew && dir_.newNames.count(entry.d_name) == 0) {
+      const int remake = mustBeRemade(entry.d_ino);
+      if (remake < 0) return fail(-1, 6);
+      if (remake) return remakeFile(entry.d_ino);
+    }
     return isHardLinked(entry.d_ino) ? hardLinked(entry, *item) : singleName(entry.d_ino, *item);
   }
 

@@ -21,6 +21,7 @@
 #include "run/settings.h"
 #include "run/shell_command.h"
 #include "run/trace_log.h"
+#include "run/work_dir.h"
 
 namespace {
 
@@ -128,8 +129,18 @@ int findAside(const std::string &work_dir, std::vector<Aside> *found) {
   return errno;
 }
 
+// The deletion of a clone was decided before it was moved aside: it goes, and its space with it. 0 or
+// an errno.
+int removeClone(const std::string &path) {
+  const int error =
+      retryClearing(path, "", [&] { return kest_unlink(handles.activeFsP, path.c_str()); });
+  traceLog("cleanup: removed %s, err %d\n", path.c_str(), error);
+  return error;
+}
+
 // 0 or an errno.
 int putBack(const Aside &aside) {
+  if (aside.path == cloneDeleteLocation(aside.ino)) return removeClone(aside.path);
   std::string destination;
   if (!readDestination(aside.ino, &destination)) return errno ? errno : EIO;
   const int error = retryClearing(aside.path, destination, [&] {

@@ -80,12 +80,16 @@ int restoreImmutable(kest_ifile_t *snap, kest_ifile_t *active) {
 int followParent(uint64_t ino, const NewParents &parents) {
   Inode snap = openInode(handles.oldFsP, ino);
   CloneAttr attr;
-  if (!snap || !isClone(snap.get(), &attr, nullptr) || attr.depth() == 0 || attr.parentInSnapshot())
-    return 0;
+  if (!snap) return errno == ENOENT ? 0 : -1;
+  if (!isClone(snap.get(), &attr, nullptr) || attr.depth() == 0 || attr.parentInSnapshot()) return 0;
   const auto parent = parents.find(attr.parentIno());
-  if (parent == parents.end() || checkFile(ino) != kKindSame) return 0;
+  if (parent == parents.end()) return 0;
+  const int kind = checkFile(ino);
+  if (kind < 0) return -1;
+  if (kind != kKindSame) return 0;
   Inode active = openInode(handles.activeFsP, ino);
-  if (!active || !isClone(active.get(), &attr, nullptr) || attr.parentIno() == parent->second) return 0;
+  if (!active) return -1;
+  if (!isClone(active.get(), &attr, nullptr) || attr.parentIno() == parent->second) return 0;
   traceLog("clone %lld: the parent %lld is %lld now\n", static_cast<long long>(ino),
            static_cast<long long>(parent->first), static_cast<long long>(parent->second));
   if (kest_iset_clone_parent(active.get(), parent->second) != 0) return -1;

@@ -94,6 +94,8 @@ int runPass() {
   if (const int rc = openPassLists()) return rc;
   if (const int rc = walkNames()) return rc;
   if (const int rc = closePassLists()) return rc;
+  // The lists hold wrong records where something could not be read.
+  if (const int marker = getFatalError()) return marker;
   reportOpCount(true);
   if (settings.Verb) dumpDiffTable();
   traceLog("main: clean diff table for pass %d\n", settings.pass);

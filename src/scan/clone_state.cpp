@@ -28,22 +28,35 @@ uint32_t CloneSnapAttr::snapId() const {
   return static_cast<uint32_t>(bigEndian(bytes.data() + 4, 4));
 }
 
-bool isClone(kest_ifile_t *file, CloneAttr *attr, CloneSnapAttr *snap) {
-  if (!S_ISREG(file->if_mode)) return false;
+namespace {
+
+// 1, 0, or -1 and errno.
+int readClone(kest_ifile_t *file, CloneAttr *attr, CloneSnapAttr *snap) {
+  if (!S_ISREG(file->if_mode)) return 0;
   const int rc = kest_iclone_attr(file, attr != nullptr ? attr->bytes.data() : nullptr,
                                   snap != nullptr ? snap->bytes.data() : nullptr);
   if (rc < 0) {
+    const int err = errno;
     traceLog("isClone: get clone attr failed, ino %lld, errno %d\n",
-             static_cast<long long>(file->if_inode), errno);
+             static_cast<long long>(file->if_inode), err);
     // A clone would be restored as an ordinary file: the run must not end well.
-    setFatalError(errno);
+    setFatalError(err);
+    errno = err;
   }
-  return rc == 1;
+  return rc;
 }
 
-bool sameCloneKind(kest_ifile_t *one, kest_ifile_t *other) {
+}  // namespace
+
+bool isClone(kest_ifile_t *file, CloneAttr *attr, CloneSnapAttr *snap) {
+  return readClone(file, attr, snap) == 1;
+}
+
+int sameCloneKind(kest_ifile_t *one, kest_ifile_t *other) {
   CloneAttr a, b;
-  const bool first = isClone(one, &a, nullptr), second = isClone(other, &b, nullptr);
-  if (first != second) return false;
-  return !first || (a.isParent() == b.isParent() && a.depth() == b.depth());
+  const int first = readClone(one, &a, nullptr);
+  const int second = first < 0 ? first : readClone(other, &b, nullptr);
+  if (second < 0) return -1;
+  if (first != second) return 0;
+  return first == 0 || (a.isParent() == b.isParent() && a.depth() == b.depth());
 }

@@ -29,7 +29,7 @@ struct CloneSnapAttr {
 // with 1.
 bool isClone(kest_ifile_t *file, CloneAttr *attr, CloneSnapAttr *snap);
 
-// True when both open inodes are the same kind of file to the clone system: neither clone nor parent,
+// Whether both open inodes are the same kind of file to the clone system: neither clone nor parent,
 // or both of one depth and both parents or both not. Nothing but making it anew turns one into the
-// other.
-bool sameCloneKind(kest_ifile_t *one, kest_ifile_t *other);
+// other. 1 or 0; -1 and errno where either cannot be read, recorded as isClone does.
+int sameCloneKind(kest_ifile_t *one, kest_ifile_t *other);

@@ -24,12 +24,17 @@ int checkFile(uint64_t ino) {
   Inode snap = openInode(handles.oldFsP, ino);
   if (!snap) return errno == ENOENT ? kKindOther : failed(ino, 2);
   if (kest_same_file(active.get(), snap.get()) != 1) return kKindOther;
-  return sameCloneKind(active.get(), snap.get()) ? kKindSame : kKindOther;
+  const int same = sameCloneKind(active.get(), snap.get());
+  if (same < 0) return failed(ino, 3);
+  return same ? kKindSame : kKindOther;
 }
 
-bool mustBeRemade(uint64_t ino) {
+int mustBeRemade(uint64_t ino) {
   Inode active = openInode(handles.activeFsP, ino);
-  Inode snap = active ? openInode(handles.oldFsP, ino) : Inode();
-  return snap && kest_same_file(active.get(), snap.get()) == 1 &&
-         !sameCloneKind(active.get(), snap.get());
+  if (!active) return errno == ENOENT ? 0 : failed(ino, 1);
+  Inode snap = openInode(handles.oldFsP, ino);
+  if (!snap) return errno == ENOENT ? 0 : failed(ino, 2);
+  if (kest_same_file(active.get(), snap.get()) != 1) return 0;
+  const int same = sameCloneKind(active.get(), snap.get());
+  return same < 0 ? failed(ino, 3) : !same;
 }

@@ -14,6 +14,6 @@ enum FileKind : int {
 // mustBeRemade.
 int checkFile(uint64_t ino);
 
-// True when the inode is the same in both trees, but nothing turns its clone state back into the
-// snapshot's, so that it counts as another file.
-bool mustBeRemade(uint64_t ino);
+// 1 when the inode is the same in both trees, but nothing turns its clone state back into the
+// snapshot's, so that it counts as another file; 0; -1 with errno after a trace line.
+int mustBeRemade(uint64_t ino);

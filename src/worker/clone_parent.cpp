@@ -9,6 +9,7 @@
 #include "object/step.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/snapshot_table.h"
 #include "run/trace_log.h"
 #include "scan/same_file.h"
 #include "worker/inode_paths.h"
@@ -26,11 +27,17 @@ Step chooseTree(uint32_t snapId, SearchTree *tree) {
     *tree = {handles.activeFsP, handles.rootPath};
     return {};
   }
+  const SnapshotTable &snapshots = snapshotTable();
+  const auto snapshot = snapshots.find(snapId);
+  if (snapshot == snapshots.end()) {
+    traceLog("getParentPath: cannot find parent snapshot, snapId %u\n", snapId);
+    return failedStep(1, ENOENT);
+  }
   tree->handle = otherSnapshot(snapId);
   if (tree->handle == nullptr) {
     const int err = errno;
-    traceLog("getParentPath: cannot get parent snapshot handle, deviceP %s, filesetP %s, snapId %u\n",
-             settings.deviceP.c_str(), settings.filesetP.c_str(), snapId);
+    traceLog("getParentPath: cannot get parent snapshot handle, deviceP %s, filesetP %s, snapName %s\n",
+             settings.deviceP.c_str(), settings.filesetP.c_str(), snapshot->second.c_str());
     return failedStep(2, err);
   }
   const char *root = kest_get_pathname_from_fssnaphandle(tree->handle);

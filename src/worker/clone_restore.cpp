@@ -150,7 +150,9 @@ Step CloneRestore::restore() {
   kest_iattr64_t stat;
   if (kest_istat(snap_.get(), &stat) != 0) return failedStep(11, errno);
   // The other names of an inode that lives are linked later, to itself.
-  if (stat.ia_nlink > 1 && checkFile(snapIno_) == kKindSame) return {};
+  const int kind = stat.ia_nlink > 1 ? checkFile(snapIno_) : kKindOther;
+  if (kind < 0) return failedStep(11, errno);
+  if (kind == kKindSame) return {};
   if (Step step = lookAt(&existed_); !step) return step;
   if (!isClone(snap_.get(), &attr_, &attrSnap_)) return existed_ ? Step{} : failedStep(0, EINVAL);
 

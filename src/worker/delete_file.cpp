@@ -31,7 +31,7 @@ int setCloneAside(const std::string &path, uint64_t ino, const CloneAttr &attr, 
   std::string new_path = cloneDeleteLocation(ino);
   if (int rc = listClone(new_path, true, attr); rc != 0) {
     const int err = errno;
-    traceLog("deleteFile: cannot list file %s into clone delete list.\n", path.c_str());
+    traceLog("deleteFile: cannot list file %s into clone delete list.\n", new_path.c_str());
     return failed(path, ino, rc, 1, err);
   }
   if (int rc = moveFile(path, ino, kPhaseMain, &new_path, true); rc != 0) {

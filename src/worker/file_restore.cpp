@@ -48,7 +48,7 @@ class DeletedFile {
   Step restoreAttributes();
   Step sizeFile(const struct stat &st);
   Step create(const struct stat &st);
-  bool lives();
+  Step lookIfAlive(bool *lives);
   Step copyData(const struct stat &st, const Range &range);
   int64_t snapSize() const { return static_cast<int64_t>(snap_->if_size); }
 
@@ -145,9 +145,12 @@ Step DeletedFile::create(const struct stat &st) {
 
 // A clone with several names is listed for the first that was missing; while the inode is there, its
 // names are linked to it later.
-bool DeletedFile::lives() {
+Step DeletedFile::lookIfAlive(bool *lives) {
   kest_iattr64_t attr;
-  return kest_istat(snap_.get(), &attr) == 0 && attr.ia_nlink > 1 && checkFile(ino_) == kKindSame;
+  if (kest_istat(snap_.get(), &attr) != 0) return failedStep(12, errno);
+  const int kind = attr.ia_nlink > 1 ? checkFile(ino_) : kKindOther;
+  *lives = kind == kKindSame;
+  return kind < 0 ? failedStep(12, errno) : Step{};
 }
 
 Step DeletedFile::copyData(const struct stat &st, const Range &range) {
@@ -180,7 +183,10 @@ Step DeletedFile::restore(const Range &range) {
     if (step) step = restoreXAttrs();
     return step ? restoreAttributes() : step;
   }
-  if (settings.phase != kPhaseLinks && isClone(snap_.get(), nullptr, nullptr) && lives()) return {};
+  if (settings.phase != kPhaseLinks && isClone(snap_.get(), nullptr, nullptr)) {
+    bool lives = false;
+    if (Step step = lookIfAlive(&lives); !step || lives) return step;
+  }
   Descriptor fd;
   if (const int err = makeRegular(&fd)) return createFailed("open", err);
   struct stat st;

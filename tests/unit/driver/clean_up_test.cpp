@@ -139,6 +139,23 @@ TEST_F(CleanUp, ForceKeepsWhatHasNoFreePlace) {
   EXPECT_EQ(fs::file_size(root + "/taken"), 5u);
 }
 
+TEST_F(CleanUp, ForceRemovesClonesThatWaitForTheirDeletion) {
+  std::ofstream(root + "/parent") << "data";
+  ASSERT_EQ(kest_clone_snap((root + "/parent").c_str(), nullptr), 0);
+  struct stat st;
+  ASSERT_EQ(lstat((root + "/parent").c_str(), &st), 0);
+  ASSERT_EQ(makeWorkDirectory(bucketDir(st.st_ino)), 0);
+  const std::string waiting = cloneDeleteLocation(st.st_ino);
+  ASSERT_EQ(kest_rename_noreplace(handles.activeFsP, (root + "/parent").c_str(), waiting.c_str()), 0);
+  int rc = 0;
+  run(false, &rc);
+  EXPECT_EQ(rc, -1);
+  EXPECT_TRUE(fs::exists(waiting));
+  EXPECT_EQ(run(true, &rc), "");
+  EXPECT_EQ(rc, 0);
+  EXPECT_FALSE(fs::exists(settings.shareDir));
+}
+
 TEST_F(CleanUp, NestedFilesetsAreNotEntered) {
   const std::string nested = btrfs.createSubvolume("home/RestoreTemp47/nested");
   std::ofstream(nested + "/data") << "keep";
