@@ -76,6 +76,10 @@ enum class Message : int {
   kRootAttrFailed,
   kKeptAside,
   kWorkDirKept,
+  kAlreadyRunning,
+  kNoRunLock,
+  kStopped,
+  kStoppedBefore,
   kCount
 };
 
@@ -176,6 +180,17 @@ inline constexpr MessageText kMessages[] = {
     {Message::kWorkDirKept, 0, 0,
      "The work directory %s stays: it holds %lld objects of the fileset. The same command finishes the "
      "restore.\n"},
+    {Message::kAlreadyRunning, 0, 0,
+     "Another restore of the fileset %s is running, or processes of one have not ended yet. Nothing "
+     "was "
+     "changed.\n"},
+    {Message::kNoRunLock, 0, 0, "Cannot lock the fileset %s: %s. Nothing was changed.\n"},
+    {Message::kStopped, 0, 0,
+     "Stopped by a signal (%s). The fileset %s is partly restored, and the work directory %s stays: it "
+     "can "
+     "hold objects of the fileset. The same command finishes the restore.\n"},
+    {Message::kStoppedBefore, 0, 0,
+     "Stopped by a signal (%s). Nothing of the fileset %s was restored yet.\n"},
 };
 
 namespace message_check {

@@ -18,6 +18,7 @@
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 #include "scan/diff_table.h"
@@ -35,6 +36,7 @@ class ChangedEntries {
     if (!open_dir) return fail(errno, 2);
     int64_t count = 0;
     for (;;) {
+      if (stopSignal() != 0) return fail(errno = EINTR, 3);
       const kest_direntx64_t *entry = nullptr;
       if (kest_ireaddirx64(open_dir.get(), handles.iscanP, &entry) != 0) return fail(errno, 3);
       if (!entry) return 0;

@@ -11,6 +11,7 @@
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 #include "scan/diff_table.h"
 #include "scan/same_file.h"
@@ -30,6 +31,7 @@ class DeletedWalk {
     if (!dir) return fail(errno, 2);
     aggregates.main.iAgg = 1;
     for (;;) {
+      if (stopSignal() != 0) return fail(errno = EINTR, 3);
       const kest_direntx64_t *entry = nullptr;
       if (kest_ireaddir64(dir.get(), &entry) != 0) return fail(errno, 3);
       if (!entry) return 0;

@@ -16,6 +16,7 @@
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 #include "scan/diff_table.h"
 #include "scan/same_file.h"
@@ -31,6 +32,7 @@ class FullListing {
     Inode open_dir = openInode(handles.activeFsP, dir_.ino);
     if (!open_dir) return fail(errno, 2);
     for (;;) {
+      if (stopSignal() != 0) return fail(errno = EINTR, 7);
       const kest_direntx64_t *entry = nullptr;
       if (kest_ireaddir64(open_dir.get(), &entry) != 0) return fail(errno, 7);
       if (!entry) return 0;

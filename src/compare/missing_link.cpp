@@ -8,6 +8,7 @@ int listMissingLink(const std::string &path, uint64_t ino, bool *alsoDeleted) {
   *alsoDeleted = false;
   if (int rc = listLink(path, ino)) return rc;
   Inode snap = openInode(handles.oldFsP, ino);
-  *alsoDeleted = snap && isClone(snap.get(), nullptr, nullptr) && firstCloneListing(ino);
+  if (!snap) return -1;
+  *alsoDeleted = isClone(snap.get(), nullptr, nullptr) && firstCloneListing(ino);
   return 0;
 }

@@ -12,6 +12,7 @@
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 #include "scan/diff_table.h"
 #include "scan/same_file.h"
@@ -35,6 +36,7 @@ class NewWalk {
       return fail(errno, 1);
     }
     for (;;) {
+      if (stopSignal() != 0) return fail(errno = EINTR, 2);
       const kest_direntx64_t *entry = nullptr;
       if (kest_ireaddir64(dir.get(), &entry) != 0) return fail(errno, 2);
       if (!entry) return 0;

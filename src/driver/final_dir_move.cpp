@@ -8,6 +8,7 @@
 
 #include "object/move_file.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
@@ -21,6 +22,7 @@ int doFinalDirMove() {
   }
   std::string_view rest = text;
   while (!rest.empty()) {
+    if (stopSignal() != 0) return EINTR;
     const std::string line(rest.substr(0, rest.find('\n')));
     rest.remove_prefix(std::min(rest.size(), line.size() + 1));
     uint64_t ino = 0;

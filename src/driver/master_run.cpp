@@ -23,6 +23,7 @@
 #include "run/progress.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
@@ -165,6 +166,8 @@ int restoreFileset(int argc, char **argv, bool *cleanupFlag) {
 }
 
 int endRun(int rc, bool cleanupFlag, int *err) {
+  const char *stopped = rc != 0 && stopSignal() != 0 ? strsignal(stopSignal()) : nullptr;
+  ignoreStopSignals();
   // A worker that recorded an error is a failure, whatever its engine run said.
   const int marker = isFull(rc) ? rc : getFatalError();
   if (rc == 0) rc = marker;
@@ -175,10 +178,11 @@ int endRun(int rc, bool cleanupFlag, int *err) {
     userMessage(Message::kPathTooLong);
     cleanupFlag = force = true;
   }
+  if (stopped && settings.pass == 0) cleanupFlag = true;
   if (isFull(rc) || isFull(marker)) {
     userMessage(Message::kNoSpace);
     cleanupFlag = force = true;
-  } else if (rc != 0 && !cleanupFlag) {
+  } else if (rc != 0 && !cleanupFlag && !stopped) {
     dumpErrorLog();
   }
   struct stat st;
@@ -191,6 +195,11 @@ int endRun(int rc, bool cleanupFlag, int *err) {
     } else {
       closeTraceLog();
     }
+  }
+  if (stopped && settings.pass == 0) {
+    userMessage(Message::kStoppedBefore, stopped, settings.filesetP);
+  } else if (stopped) {
+    userMessage(Message::kStopped, stopped, settings.filesetP, settings.shareDir);
   }
   if (settings.pass == 0) putBackRootFlags();
   if (rc == 0 && *err == 0) rc = restoreRoot();

@@ -10,6 +10,7 @@
 
 #include "cfgmgr/messages.h"
 #include "driver/fileset_services.h"
+#include "driver/run_lock.h"
 #include "driver/self_check.h"
 #include "object/control_request.h"
 #include "object/descriptor.h"
@@ -17,6 +18,7 @@
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "scan/scan_pass.h"
 
 namespace {
@@ -89,9 +91,14 @@ bool prepareMaster(int *rc) {
     *rc = -1;
     return false;
   }
-  if ((*rc = selfCheck()) != 0) return false;
+  if ((*rc = lockFileset()) != 0 || (*rc = selfCheck()) != 0) return false;
   if ((*rc = checkFilesetType()) != 0) {
     userMessage(Message::kRemoteCaching);
+    return false;
+  }
+  if (stopSignal() != 0) {
+    *rc = EINTR;
+    userMessage(Message::kStoppedBefore, strsignal(stopSignal()), settings.filesetP);
     return false;
   }
   if ((*rc = makeTopDirectory()) != 0) {

@@ -12,6 +12,7 @@
 #include "oplist/main_lists.h"
 #include "oplist/move_back_lists.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 #include "run/work_file.h"
 #include "scan/diff_table.h"
@@ -58,6 +59,7 @@ int runProgram(int argc, char **argv) {
   signal(SIGCHLD, SIG_DFL);
 
   const bool master = settings.phase == kPhaseMaster;
+  if (master) catchStopSignals();
   int rc = 0, err = 0;
   const Prepared prepared = prepareRun(&rc);
   if (prepared == Prepared::kReady && !master) rc = runWorker();

@@ -14,6 +14,7 @@
 #include "run/fatal_error.h"
 #include "run/settings.h"
 #include "run/shell_command.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 
@@ -68,13 +69,15 @@ int executePolicy(const std::string &pcCmd, const std::string &exeOpt, const std
   for (int retries = 0;;) {
     if (int rc = writePolicyFile(settings.exe, options, policyPath)) return stop(rc, 0, rc);
     int status = 0;
-    if (runCommand(pcCmd, &status) != 0) {
+    if (runCommand("exec " + pcCmd, &status) != 0) {
       int err = errno;
+      if (stopSignal() != 0) return stop(EINTR, 0, EINTR);
       fprintf(stderr, "fork: %s\n", strerror(err));
       return stop(err != 0 ? err : EAGAIN, 0, err);
     }
     traceLog("executePolicy: master: child rc %d\n", status);
     if (status == 0) return removeCheckpoints();
+    if (stopSignal() != 0) return stop(EINTR, 0, EINTR);
     if (getFatalError() != 0 || retries == kMaxRetries) return stop(status, 0, 0);
     if (updateOpList(opListPath, getpid()) != 0) traceLog("executePolicy: cannot update opList\n");
     ++retries;

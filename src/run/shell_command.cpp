@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+
+#include "run/stop_signal.h"
 
 namespace {
 
@@ -16,31 +18,96 @@ bool plainCharacter(char c) {
   return std::string_view("_-./,:@%+=").find(c) != std::string_view::npos;
 }
 
-// Starts "sh -c command", its standard output on `output` unless that is -1. 0 or an errno.
-int startShell(const std::string &command, int output, pid_t *pid) {
-  posix_spawnattr_t attributes;
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_init(&attributes);
-  posix_spawn_file_actions_init(&actions);
+int inherited = -1;
+
+// Makes orphans below this process its children. Not where it has children already, from before its
+// program was started: it would have to wait for theirs as well.
+bool adoptOrphans() {
+  static const bool adopts = [] {
+    siginfo_t info;
+    return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) != 0 && errno == ECHILD &&
+           prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
+  }();
+  return adopts;
+}
+
+struct Start {
+  char *const *arguments;
+  int output;
+  pid_t parent;
+  volatile int failure;
+};
+
+// In the child, which shares the parent's memory until the shell is there: system calls only. Returns
+// with the reason why there is none.
+int becomeShell(const Start &start) {
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return errno;
+  if (getppid() != start.parent) _exit(127);  // it died before the kernel knew of our wish
+  if (start.output >= 0 && dup2(start.output, STDOUT_FILENO) < 0) return errno;
+  if (inherited >= 0 && fcntl(inherited, F_SETFD, 0) != 0) return errno;
+  // Caught signals must not call the parent's handlers in this half-way state.
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action;
+    if (sigaction(number, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+      signal(number, SIG_DFL);
+  }
   sigset_t none;
   sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-  if (output >= 0) posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+  if (sigprocmask(SIG_SETMASK, &none, nullptr) != 0) return errno;
+  execve("/bin/sh", start.arguments, environ);
+  return errno;
+}
+
+// A copy of the process would have to copy the page tables of the whole difference table.
+__attribute__((noinline)) pid_t forkShell(Start &start) {
+  const pid_t pid = vfork();
+  if (pid == 0) {
+    start.failure = becomeShell(start);
+    _exit(127);
+  }
+  return pid;
+}
+
+// Starts "sh -c command", its standard output on `output` unless that is -1. 0 or an errno.
+int startShell(const std::string &command, int output, pid_t *pid) {
   std::string sh = "sh", option = "-c", text = command;
-  char *arguments[] = {sh.data(), option.data(), text.data(), nullptr};
-  const int failure = posix_spawn(pid, "/bin/sh", &actions, &attributes, arguments, environ);
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
+  char *const arguments[] = {sh.data(), option.data(), text.data(), nullptr};
+  Start start{arguments, output, getpid(), 0};
+  adoptOrphans();
+  // A signal to end comes before the start, which it prevents, or after it, when it is sent on.
+  sigset_t all, before;
+  sigfillset(&all);
+  sigprocmask(SIG_SETMASK, &all, &before);
+  int failure = 0;
+  if (!mayStartCommands()) {
+    failure = EINTR;
+  } else if ((*pid = forkShell(start)) < 0) {
+    failure = errno;
+  } else if ((failure = start.failure) != 0) {
+    while (waitpid(*pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  } else {
+    setCommandToStop(*pid);
+  }
+  sigprocmask(SIG_SETMASK, &before, nullptr);
   return failure;
 }
 
 int waitForShell(pid_t pid, int *status) {
-  int raw = 0;
-  while (waitpid(pid, &raw, 0) < 0)
-    if (errno != EINTR) return -1;
+  // Until it is reaped its number is its own: no signal must be sent to it afterwards.
+  siginfo_t info;
+  int raw = 0, failure = 0;
+  while (failure == 0 && waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) != 0)
+    if (errno != EINTR) failure = errno;
+  setCommandToStop(0);
+  while (failure == 0 && waitpid(pid, &raw, 0) < 0)
+    if (errno != EINTR) failure = errno;
+  while (adoptOrphans() && (waitpid(-1, nullptr, 0) > 0 || errno == EINTR)) {
+  }
   *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
-  return 0;
+  if (failure == 0) return 0;
+  errno = failure;
+  return -1;
 }
 
 }  // namespace
@@ -58,6 +125,10 @@ std::string shellWord(std::string_view word) {
     }
   }
   return quoted + "'";
+}
+
+void inheritInCommands(int fd) {
+  inherited = fd;
 }
 
 int runCommand(const std::string &command, int *status) {

@@ -5,6 +5,7 @@
 #include "cfgmgr/messages.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 #include "scan/diff_table.h"
 #include "scan/same_file.h"
@@ -52,6 +53,7 @@ void setRange() {
 int scanPass() {
   scan.itemCnt = 0;
   for (;;) {
+    if (stopSignal() != 0) return errno = EINTR;
     const kest_iattr64_t *attr = nullptr;
     if (int rc = kest_next_inode64(handles.iscanP, scan.maxIno, &attr); rc != 0) {
       const int err = errno;

@@ -16,7 +16,7 @@ class PolicyRun : public WorkArea {
     put(list_, formatListRecord(0, 300, "/fs/a", formatOpString(kOpDeleteFile)));
   }
   // A command that notes each run and ends with `exit`.
-  std::string engine(const std::string &exit) { return "echo run >> " + settings.shareDir + "/runs; " + exit; }
+  std::string engine(const std::string &exit) { return "sh -c 'echo run >> " + settings.shareDir + "/runs; " + exit + "'"; }
   size_t runs() {
     const std::string text = get(settings.shareDir + "/runs");
     return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));

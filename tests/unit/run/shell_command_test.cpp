@@ -1,7 +1,9 @@
 #include "run/shell_command.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 namespace {
 
@@ -32,6 +34,23 @@ TEST(RunCommand, ReportsHowTheShellEnded) {
     ASSERT_EQ(runCommand(test.command, &status), 0) << test.command;
     EXPECT_EQ(status, test.status) << test.command;
   }
+}
+
+TEST(RunCommand, WhatAKilledShellLeavesIsAwaited) {
+  std::string output;
+  int status = -1, ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+  inheritInCommands(ends[1]);
+  const std::string to = std::to_string(ends[1]);
+  ASSERT_EQ(runCommand("sh -c 'sleep 0.2; echo done >&" + to + "' & kill -9 $$", &status), 0);
+  inheritInCommands(-1);
+  EXPECT_EQ(status, 128 + 9);
+  char text[8] = "";
+  EXPECT_EQ(read(ends[0], text, sizeof text), 5) << "the orphan is still at work";
+  ASSERT_EQ(runCommandOutput("ls /proc/self/fd/" + to + " 2>&1", &output, &status), 0);
+  EXPECT_NE(status, 0) << output;
+  close(ends[0]);
+  close(ends[1]);
 }
 
 TEST(RunCommand, OutputIsReadWholeAndSignalsAreUnblocked) {

@@ -1,0 +1,44 @@
+#include "driver/run_lock.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "cfgmgr/messages.h"
+#include "object/descriptor.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/shell_command.h"
+
+namespace {
+
+// Above those that shells redirect by their numbers, should this process have been started without
+// them.
+constexpr int kLeastDescriptor = 3;
+
+// A descriptor with the lock, or -1 and errno.
+int takeLock() {
+  const Descriptor root(open(handles.rootPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!root || flock(root.get(), LOCK_EX | LOCK_NB) != 0) return -1;
+  return fcntl(root.get(), F_DUPFD_CLOEXEC, kLeastDescriptor);  // shares the lock
+}
+
+}  // namespace
+
+int lockFileset() {
+  const int lock = takeLock();
+  if (lock >= 0) {
+    inheritInCommands(lock);  // open as long as we live
+    return 0;
+  }
+  const int error = errno ? errno : EIO;
+  if (error == EWOULDBLOCK) {
+    userMessage(Message::kAlreadyRunning, settings.filesetP);
+  } else {
+    userMessage(Message::kNoRunLock, settings.filesetP, strerror(error));
+  }
+  return error;
+}

@@ -1,0 +1,324 @@
+// A run's processes are killed or stopped from outside at moments all over a restore, and a second run
+// is started beside a living one.
+//
+// KILLS=500 in the environment: so many kills instead of the few of the suite.
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <sstream>
+
+#include "faults/faults_fixture.h"
+
+using namespace faults;
+
+namespace {
+
+std::string readAll(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+struct Process {
+  pid_t pid, parent;
+  std::string name;
+};
+
+// The test is process 1 of its namespace: all others that live are the run's.
+std::vector<Process> living() {
+  std::vector<Process> found;
+  DIR *proc = opendir("/proc");
+  while (const dirent *entry = readdir(proc)) {
+    const pid_t pid = atoi(entry->d_name);
+    char state = 'Z', name[32] = "";
+    int number = 0, parent = 0;
+    const std::string stat = pid > 1 ? readAll("/proc/" + std::to_string(pid) + "/stat") : "";
+    unsigned flags = 0;
+    sscanf(stat.c_str(), "%d (%31[^)]) %c %d %*d %*d %*d %*d %u", &number, name, &state, &parent,
+           &flags);
+    // One that exits has closed its files and will do nothing more, but is no zombie yet.
+    constexpr unsigned kExiting = 4;
+    if (state != 'Z' && state != 'X' && !(flags & kExiting)) found.push_back({pid, parent, name});
+  }
+  closedir(proc);
+  return found;
+}
+
+bool waitUntil(const std::function<bool()> &condition, double seconds) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    usleep(100);
+  }
+  return true;
+}
+
+// A restore that goes on while the test looks at it. Its workers take two records each, so that there
+// are many.
+class Running {
+ public:
+  Running(const std::string &device, const std::string &fileset, const std::string &snapshot,
+          int ignored = 0)
+      : said_("/mnt/said") {
+    pid_ = fork();
+    if (pid_ != 0) return;
+    setsid();
+    if (ignored) signal(ignored, SIG_IGN);
+    const int out = open(said_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
+    if (out < 0 || dup2(out, 1) < 0 || dup2(out, 2) < 0 || chdir("/") != 0) _exit(126);
+    execl(testsupport::kRestoreProgram, "fsetrestore", device.c_str(), "-j", fileset.c_str(), "-o",
+          snapshot.c_str(), "-m", "3", "-B", "2", nullptr);
+    _exit(127);
+  }
+  ~Running() {
+    for (const Process &process : living()) kill(process.pid, SIGKILL);
+    while (waitpid(-1, nullptr, 0) > 0) {
+    }
+  }
+
+  pid_t pid() const { return pid_; }
+  bool ended() {
+    if (!reaped_) reaped_ = waitpid(pid_, &status_, WNOHANG) == pid_;
+    return reaped_;
+  }
+  int exitStatus() const { return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1; }
+  int signalNumber() const { return WIFSIGNALED(status_) ? WTERMSIG(status_) : 0; }
+  std::string said() const { return readAll(said_); }
+
+  // The master, its engine, or a worker of it that is at work; 0: there is none.
+  pid_t find(const std::string &role) const {
+    pid_t engine = 0;
+    const std::vector<Process> all = living();
+    if (role == "master") return pid_;
+    for (const Process &process : all)
+      if (process.parent == pid_ && process.name == "ktapplypolicy") engine = process.pid;
+    if (role == "engine" || engine == 0) return engine;
+    for (const Process &process : all)
+      if (process.parent == engine && process.name == "fsetrestore") return process.pid;
+    return 0;
+  }
+
+ private:
+  std::string said_;
+  pid_t pid_ = 0;
+  int status_ = 0;
+  bool reaped_ = false;
+};
+
+// A stage of a run, and a text of its trace log with which it begins.
+struct Stage {
+  const char *name, *begins;
+  bool masterAlone;
+};
+
+const Stage kStages[] = {
+    {"walks", "traverseCommonDir", true},   {"main", "start, phase 3", false},
+    {"move back", "start, phase 4", false}, {"create", "start, phase 51", false},
+    {"data", "start, phase 52", false},     {"directory move", "doFinalDirMove: moving", true},
+    {"links", "start, phase 8", false},     {"directories", "start, phase 6", false},
+    {"clean-up", "Clean up.", true}};
+
+class Kills : public Faults {
+ protected:
+  std::unique_ptr<Running> start(int ignored = 0) {
+    return std::make_unique<Running>(fs().mountPoint(), fileset(), snapshotName(), ignored);
+  }
+
+  std::vector<std::string> workDirs() {
+    std::vector<std::string> found;
+    DIR *dir = opendir(root().c_str());
+    while (const dirent *entry = readdir(dir))
+      if (strncmp(entry->d_name, "RestoreTemp", 11) == 0) found.push_back(root() + "/" + entry->d_name);
+    closedir(dir);
+    return found;
+  }
+
+  // Waits until the stage has begun. False when the run was faster.
+  bool reach(Running &run, const Stage &stage) {
+    return waitUntil(
+               [&] {
+                 if (run.ended()) return true;
+                 if (strcmp(stage.name, "clean-up") == 0)
+                   return run.said().find(stage.begins) != std::string::npos;
+                 const std::vector<std::string> dirs = workDirs();
+                 return !dirs.empty() &&
+                        readAll(dirs[0] + "/ErrorLog").find(stage.begins) != std::string::npos;
+               },
+               20) &&
+           !run.ended();
+  }
+
+  bool lockIsFree() {
+    const int dir = open(root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const bool free = flock(dir, LOCK_EX | LOCK_NB) == 0;
+    close(dir);
+    return free;
+  }
+
+  // The lock goes with the last process, and that goes soon.
+  void expectDead(Running &run) {
+    EXPECT_TRUE(waitUntil([&] { return run.ended() && lockIsFree(); }, 3)) << "the lock is still held";
+    std::string left;
+    for (const Process &process : living())
+      left += process.name + " " + readAll("/proc/" + std::to_string(process.pid) + "/stat");
+    EXPECT_EQ(left, "") << "after the lock was free";
+  }
+};
+
+TEST_F(Kills, ThenTheSameCommand) {
+  const char *wanted = getenv("KILLS");
+  const int most = wanted ? atoi(wanted) : 56;
+  ASSERT_GT(most, 0);
+  const char *roles[] = {"master", "engine", "worker"};
+  std::map<std::string, int> kills, retried;
+  std::minstd_rand random(static_cast<unsigned>(most));
+  int missed = 0;
+  for (int done = 0; done < most && missed <= most;) {
+    const int turn = done + missed;
+    const Stage &stage = kStages[turn % static_cast<int>(std::size(kStages))];
+    const std::string role =
+        stage.masterAlone ? "master" : roles[turn / static_cast<int>(std::size(kStages)) % 3];
+    SCOPED_TRACE(std::string(stage.name) + ", " + role + ", turn " + std::to_string(turn));
+    prepare();
+    auto run = start();
+    bool killed = false;
+    if (reach(*run, stage)) {
+      usleep(static_cast<useconds_t>(random() % 6000));
+      const pid_t victim = run->ended() ? 0 : run->find(role);
+      killed = victim > 1 && kill(victim, SIGKILL) == 0;
+    }
+    if (killed && role == "master") expectDead(*run);
+    // Else the master goes on and does what its engine or worker did not.
+    ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 30)) << run->said();
+    if (role == "master") killed = run->signalNumber() == SIGKILL;
+    if (killed && role != "master") {
+      EXPECT_EQ(run->exitStatus(), 0) << run->said();
+      retried[stage.name] += run->said().find("retry again") != std::string::npos;
+    }
+    expectDead(*run);
+    EXPECT_TRUE(run->exitStatus() != 0 || equalsSnapshot()) << run->said();
+    expectRepairedByNextRun();
+    EXPECT_TRUE(workDirs().empty());
+    if (killed) {
+      ++kills[std::string(stage.name) + ", " + role];
+      ++done;
+    } else {
+      ++missed;
+    }
+    if (HasFailure()) return;
+  }
+  int sum = 0;
+  for (const Stage &stage : kStages) {
+    int of_stage = 0, engines = 0;
+    for (const char *role : roles) {
+      const int count = kills[std::string(stage.name) + ", " + role];
+      of_stage += count;
+      engines += strcmp(role, "master") != 0 ? count : 0;
+      if (count) printf("%5d  %s, %s\n", count, stage.name, role);
+    }
+    if (engines)
+      printf("       of them %d that the run itself made good by a retry\n", retried[stage.name]);
+    EXPECT_GT(of_stage, 0) << stage.name;
+    sum += of_stage;
+  }
+  printf("%5d kills, each at most 6 ms after the stage began; %d came too late\n", sum, missed);
+  EXPECT_EQ(sum, most);
+}
+
+TEST_F(Kills, ASecondRunIsRefused) {
+  prepare();
+  const std::string other = "/mnt/other";
+  testsupport::runCommand("mkdir -p " + other + " && mount -t btrfs $(findmnt -no SOURCE " +
+                          fs().mountPoint() + ") " + other);
+  auto first = start();
+  ASSERT_TRUE(reach(*first, kStages[1]));
+  for (int round = 0; round < 3; ++round)  // also what was being started meanwhile
+    for (const Process &process : living()) kill(process.pid, SIGSTOP);
+  bool engine = false;
+  for (const Process &process : living()) {
+    bool holds = false;
+    const std::string fds = "/proc/" + std::to_string(process.pid) + "/fd";
+    DIR *dir = opendir(fds.c_str());
+    while (const dirent *entry = readdir(dir)) {
+      char target[4096] = "";
+      if (readlink((fds + "/" + entry->d_name).c_str(), target, sizeof target - 1) > 0)
+        holds = holds || root() == target;
+    }
+    closedir(dir);
+    EXPECT_TRUE(holds) << process.name << " does not hold the lock";
+    engine = engine || process.name == "ktapplypolicy";
+  }
+  EXPECT_TRUE(engine);
+
+  const testsupport::TreePrint before = testsupport::fingerprint(root());
+  for (const std::string &device : {fs().mountPoint(), other}) {
+    const RunResult second = testsupport::runRestore(device, fileset(), snapshotName());
+    EXPECT_EQ(second.exitStatus, 1) << second.describe();
+    EXPECT_LT(second.seconds, 1);
+    EXPECT_NE(second.err.find("Another restore of the fileset " + fileset() + " is running"),
+              std::string::npos)
+        << second.describe();
+  }
+  EXPECT_EQ(testsupport::joined(compare(before, testsupport::fingerprint(root()))), "");
+  EXPECT_EQ(workDirs().size(), 1u);
+
+  for (const Process &process : living()) kill(process.pid, SIGCONT);
+  ASSERT_TRUE(waitUntil([&] { return first->ended(); }, 30));
+  EXPECT_EQ(first->exitStatus(), 0) << first->said();
+  expectDead(*first);
+  testsupport::runCommand("umount " + other);
+  expectRepairedByNextRun();
+}
+
+TEST_F(Kills, SignalsEndTheRunAndSayWhatIsLeft) {
+  const Stage *stages[] = {&kStages[0], &kStages[1], &kStages[4], &kStages[7]};
+  int stopped = 0;
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const Stage *stage : stages) {
+      SCOPED_TRACE(std::string(strsignal(number)) + ", " + stage->name);
+      prepare();
+      auto run = start();
+      ASSERT_TRUE(reach(*run, *stage));
+      kill(run->pid(), number);
+      ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 3)) << run->said();
+      expectDead(*run);
+      const std::string said = run->said();
+      if (run->exitStatus() != 0) {  // 0: it was at its end
+        ++stopped;
+        EXPECT_EQ(run->exitStatus(), 1);
+        EXPECT_NE(said.find("Stopped by a signal (" + std::string(strsignal(number)) +
+                            "). The fileset " + fileset() + " is partly restored"),
+                  std::string::npos)
+            << said;
+        ASSERT_EQ(workDirs().size(), 1u);
+        EXPECT_NE(said.find(workDirs()[0] + " stays"), std::string::npos) << said;
+        EXPECT_EQ(said.find("retry again"), std::string::npos) << said;
+      }
+      expectRepairedByNextRun();
+    }
+  }
+  EXPECT_GE(stopped, 9);
+}
+
+TEST_F(Kills, IgnoredHangUpStaysIgnored) {
+  prepare();
+  auto run = start(SIGHUP);
+  ASSERT_TRUE(reach(*run, kStages[1]));
+  kill(run->pid(), SIGHUP);
+  ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 30));
+  EXPECT_EQ(run->exitStatus(), 0) << run->said();
+  expectRepairedByNextRun();
+}
+
+}  // namespace
