@@ -196,6 +196,9 @@ TEST_F(Kills, ThenTheSameCommand) {
     if (reach(*run, stage)) {
       usleep(static_cast<useconds_t>(random() % 6000));
       const pid_t victim = run->ended() ? 0 : run->find(role);
+      // One that never ends by itself shows who takes it along.
+      const pid_t stopped = role == "worker" || random() % 2 ? 0 : run->find("worker");
+      if (stopped > 1) kill(stopped, SIGSTOP);
       killed = victim > 1 && kill(victim, SIGKILL) == 0;
     }
     if (killed && role == "master") expectDead(*run);
@@ -309,6 +312,24 @@ TEST_F(Kills, SignalsEndTheRunAndSayWhatIsLeft) {
     }
   }
   EXPECT_GE(stopped, 9);
+}
+
+// What the workers have not begun stays undone: the signal does not wait for the end of a phase.
+TEST_F(Kills, SignalsEndALongPhaseAtOnce) {
+  constexpr int kFiles = 1500;
+  prepare();
+  for (int i = 0; i < kFiles; ++i) tree().file("new" + std::to_string(i));
+  auto run = start();
+  ASSERT_TRUE(reach(*run, kStages[1]));
+  kill(run->pid(), SIGTERM);
+  ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 3)) << run->said();
+  EXPECT_EQ(run->exitStatus(), 1);
+  expectDead(*run);
+  int left = 0;
+  for (int i = 0; i < kFiles; ++i)
+    left += access((root() + "/new" + std::to_string(i)).c_str(), F_OK) == 0;
+  EXPECT_GT(left, 0);
+  expectRepairedByNextRun();
 }
 
 TEST_F(Kills, IgnoredHangUpStaysIgnored) {
