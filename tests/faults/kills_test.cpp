@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -312,6 +313,23 @@ TEST_F(Kills, SignalsEndTheRunAndSayWhatIsLeft) {
     }
   }
   EXPECT_GE(stopped, 9);
+}
+
+TEST_F(Kills, WorkDirectoryIsRootsAlone) {
+  prepare();
+  auto run = start();
+  ASSERT_TRUE(reach(*run, kStages[1]));
+  kill(run->pid(), SIGKILL);
+  expectDead(*run);
+  ASSERT_EQ(workDirs().size(), 1u);
+  struct stat st;
+  ASSERT_EQ(stat(workDirs()[0].c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+  EXPECT_EQ(st.st_uid, 0u);
+  // As any other user.
+  testsupport::runCommand("chmod 755 " + root() + " && ! setpriv --reuid=1234 --clear-groups ls " +
+                          workDirs()[0] + " 2>&1");
+  expectRepairedByNextRun();
 }
 
 // What the workers have not begun stays undone: the signal does not wait for the end of a phase.
