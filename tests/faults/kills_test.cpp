@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -196,6 +197,9 @@ TEST_F(Kills, ThenTheSameCommand) {
     if (reach(*run, stage)) {
       usleep(static_cast<useconds_t>(random() % 6000));
       const pid_t victim = run->ended() ? 0 : run->find(role);
+      // One that never ends by itself shows who takes it along.
+      const pid_t stopped = role == "worker" || random() % 2 ? 0 : run->find("worker");
+      if (stopped > 1) kill(stopped, SIGSTOP);
       killed = victim > 1 && kill(victim, SIGKILL) == 0;
     }
     if (killed && role == "master") expectDead(*run);
@@ -309,6 +313,41 @@ TEST_F(Kills, SignalsEndTheRunAndSayWhatIsLeft) {
     }
   }
   EXPECT_GE(stopped, 9);
+}
+
+TEST_F(Kills, WorkDirectoryIsRootsAlone) {
+  prepare();
+  auto run = start();
+  ASSERT_TRUE(reach(*run, kStages[1]));
+  kill(run->pid(), SIGKILL);
+  expectDead(*run);
+  ASSERT_EQ(workDirs().size(), 1u);
+  struct stat st;
+  ASSERT_EQ(stat(workDirs()[0].c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+  EXPECT_EQ(st.st_uid, 0u);
+  // As any other user.
+  testsupport::runCommand("chmod 755 " + root() + " && ! setpriv --reuid=1234 --clear-groups ls " +
+                          workDirs()[0] + " 2>&1");
+  expectRepairedByNextRun();
+}
+
+// What the workers have not begun stays undone: the signal does not wait for the end of a phase.
+TEST_F(Kills, SignalsEndALongPhaseAtOnce) {
+  constexpr int kFiles = 1500;
+  prepare();
+  for (int i = 0; i < kFiles; ++i) tree().file("new" + std::to_string(i));
+  auto run = start();
+  ASSERT_TRUE(reach(*run, kStages[1]));
+  kill(run->pid(), SIGTERM);
+  ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 3)) << run->said();
+  EXPECT_EQ(run->exitStatus(), 1);
+  expectDead(*run);
+  int left = 0;
+  for (int i = 0; i < kFiles; ++i)
+    left += access((root() + "/new" + std::to_string(i)).c_str(), F_OK) == 0;
+  EXPECT_GT(left, 0);
+  expectRepairedByNextRun();
 }
 
 TEST_F(Kills, IgnoredHangUpStaysIgnored) {
