@@ -11,10 +11,6 @@ namespace {
 std::unordered_set<uint64_t> recorded;
 }
 
-void resetLinkIndex() {
-  recorded.clear();
-}
-
 int listLink(const std::string &path, uint64_t ino) {
   const long long number = static_cast<long long>(ino);
   if (recorded.count(ino) != 0) {

@@ -7,6 +7,3 @@
 // Records the inode once, by number, under the first name met; 0 when it is recorded (now or before),
 // -1.
 int listLink(const std::string &path, uint64_t ino);
-
-// Forgets the index of recorded inodes (a new run in the same process: tests).
-void resetLinkIndex();
