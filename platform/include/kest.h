@@ -158,6 +158,13 @@ int kest_iclose(kest_ifile_t *file);
  * type are equal; 0 otherwise. */
 int kest_same_file(const kest_ifile_t *a, const kest_ifile_t *b);
 
+/* Calls each(arg, path) for every path of inode `ino` below the handle's root, of any length, without
+ * leading slash ("" the root itself), in the order of the directories' inode numbers. Snapshot: from its
+ * tree. Active: what the committed tree holds and the kernel's look-up confirms. -2 as soon as `each`
+ * returns non-zero; 0; -1: ENOENT no such inode, or none with such a path, errno. */
+int kest_inode_names(kest_fssnap_handle_t *handle, uint64_t ino,
+                     int (*each)(void *arg, const char *path), void *arg);
+
 /* Attributes of an open inode as they are now. -1: errno. */
 int kest_istat(const kest_ifile_t *file, kest_iattr64_t *attr);
 

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -341,6 +342,45 @@ TEST_F(PathCalls, PathsOfAnyLength) {
   EXPECT_EQ(0, kest_rmdir(active_, at(deep).c_str()));
   EXPECT_FAILS(ENAMETOOLONG, kest_unlink(active_, at(std::string(256, 'n')).c_str()));
   EXPECT_FAILS(ENAMETOOLONG, kest_unlink(active_, at(std::string(9000, 'n') + "/x").c_str()));
+}
+
+TEST_F(PathCalls, NamesOfAnInodeInSnapshotAndFileset) {
+  std::string deep;
+  for (int i = 0; i < 30; i++) deep += std::string(200, 'd') + "/";
+  tree_->dirs(deep);
+  tree_->file("one");
+  tree_->link("one", deep + "a\nb");
+  tree_->link("one", deep + "gone");
+  const uint64_t ino = statOf(at("one")).st_ino;
+  fs_->snapshot("data", "names");
+  std::unique_ptr<kest_fssnap_handle_t, void (*)(kest_fssnap_handle_t *)> snap(
+      kest_get_fset_snaphandle_by_name(fs_->mountPoint().c_str(), "data", "names"),
+      kest_free_fssnaphandle);
+  ASSERT_TRUE(snap) << kest_error_text();
+  tree_->remove(deep + "gone");  // must not be found, committed or not
+  tree_->rename(deep.substr(0, 200), "moved");
+
+  using Paths = std::set<std::string>;
+  const auto namesOf = [&](kest_fssnap_handle_t *handle) {
+    Paths paths;
+    auto add = [](void *to, const char *path) {
+      return static_cast<Paths *>(to)->insert(path).second ? 0 : 1;
+    };
+    EXPECT_EQ(0, kest_inode_names(handle, ino, add, &paths));
+    return paths;
+  };
+  const std::string top = at("").substr(root_.size() + 1), rest = deep.substr(201);
+  EXPECT_EQ(namesOf(snap.get()), (Paths{top + "one", top + deep + "a\nb", top + deep + "gone"}));
+  EXPECT_EQ(namesOf(active_), (Paths{top + "one", top + "moved/" + rest + "a\nb"}));
+
+  int calls = 0;
+  auto stop = [](void *count, const char *) { return ++*static_cast<int *>(count); };
+  EXPECT_EQ(-2, kest_inode_names(snap.get(), ino, stop, &calls));
+  EXPECT_EQ(1, calls);
+  for (uint64_t none : {uint64_t{0}, uint64_t{999999}, UINT64_MAX}) {
+    EXPECT_EQ(-1, kest_inode_names(active_, none, stop, &calls));
+    EXPECT_EQ(ENOENT, errno);
+  }
 }
 
 }  // namespace
