@@ -155,11 +155,11 @@ int listNested(int fd, uint64_t parent_id, uint64_t dir, std::vector<Subvolume> 
   return forEachRootItem(fd, {parent_id, BTRFS_ROOT_REF_KEY, 0},
                          {parent_id, BTRFS_ROOT_REF_KEY, UINT64_MAX}, [&](const TreeItem &item) {
                            RootRef ref;
-                           if (!decodeRootRef(item, &ref) || ref.dir != dir) return;
+                           if (!decodeRootRef(item, &ref) || (dir != 0 && ref.dir != dir)) return;
                            Subvolume &one = nested->emplace_back();
                            one.id = item.key.offset;
                            one.parent_id = parent_id;
-                           one.dir = dir;
+                           one.dir = ref.dir;
                            one.name = std::move(ref.name);
                          });
 }

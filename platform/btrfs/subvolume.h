@@ -47,7 +47,7 @@ class SubvolumeTable {
 
 // Where subvolume `id` is linked inside subvolume `parent_id`: 1, 0 when it is not, -errno.
 int findRootRef(int fd, uint64_t parent_id, uint64_t id, uint64_t *dir, std::string *name);
-// Every subvolume that is linked in directory `dir` of subvolume `parent_id`. 0 or -errno.
+// Every subvolume that is linked in directory `dir` (0: in any) of subvolume `parent_id`. 0 or -errno.
 int listNested(int fd, uint64_t parent_id, uint64_t dir, std::vector<Subvolume> *nested);
 
 // Id of the subvolume that `fd` (not O_PATH) lies in. 0 or -errno.

@@ -56,6 +56,36 @@ bool forEachDirItem(const TreeItem &item, Visit visit) {
   return true;
 }
 
+// Parents and names of an INODE_REF or INODE_EXTREF.
+template <typename Visit>
+bool forEachName(const TreeItem &item, Visit visit) {
+  const uint8_t *at = item.data;
+  size_t left = item.size;
+  while (left > 0) {
+    uint64_t parent = item.key.offset;
+    size_t head_size, name_size;
+    if (item.key.type == BTRFS_INODE_REF_KEY) {
+      btrfs_inode_ref head;
+      head_size = sizeof head;
+      if (left < head_size) return false;
+      memcpy(&head, at, head_size);
+      name_size = le16toh(head.name_len);
+    } else {
+      btrfs_inode_extref head;
+      head_size = sizeof head;
+      if (left < head_size) return false;
+      memcpy(&head, at, head_size);
+      name_size = le16toh(head.name_len);
+      parent = le64toh(head.parent_objectid);
+    }
+    if (left < head_size + name_size) return false;
+    visit(parent, std::string_view(reinterpret_cast<const char *>(at + head_size), name_size));
+    at += head_size + name_size;
+    left -= head_size + name_size;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool decodeInode(const TreeItem &item, InodeItem *inode) {
@@ -125,37 +155,31 @@ int readInode(TreeReader &tree, uint64_t ino, InodeItem *inode) {
   return decodeInode(*item, inode) ? 1 : -EUCLEAN;
 }
 
+int visitNames(TreeReader &tree, uint64_t ino, const NameRefVisitor &visit) {
+  return forEachItem(tree, ino, BTRFS_INODE_REF_KEY, BTRFS_INODE_EXTREF_KEY,
+                     [&](const TreeItem &item) { return forEachName(item, visit); });
+}
+
+int visitNamesIn(TreeReader &tree, uint64_t ino, uint64_t dir, const NameRefVisitor &visit) {
+  const TreeKey key{ino, BTRFS_INODE_REF_KEY, dir};
+  const TreeItem *item;
+  int rc = tree.at(key, &item);
+  if (rc <= 0) return rc;
+  if (item->key == key && !forEachName(*item, visit)) return -EUCLEAN;
+  // Names for which that item has no room.
+  return forEachItem(tree, ino, BTRFS_INODE_EXTREF_KEY, BTRFS_INODE_EXTREF_KEY,
+                     [&](const TreeItem &one) {
+                       return forEachName(one, [&](uint64_t parent, std::string_view name) {
+                         if (parent == dir) visit(parent, name);
+                       });
+                     });
+}
+
 int readNames(TreeReader &tree, uint64_t ino, std::vector<NameRef> *names) {
   names->clear();
-  int rc =
-      forEachItem(tree, ino, BTRFS_INODE_REF_KEY, BTRFS_INODE_EXTREF_KEY, [&](const TreeItem &item) {
-        const uint8_t *at = item.data;
-        size_t left = item.size;
-        while (left > 0) {
-          uint64_t parent = item.key.offset;
-          size_t head_size, name_size;
-          if (item.key.type == BTRFS_INODE_REF_KEY) {
-            btrfs_inode_ref head;
-            head_size = sizeof head;
-            if (left < head_size) return false;
-            memcpy(&head, at, head_size);
-            name_size = le16toh(head.name_len);
-          } else {
-            btrfs_inode_extref head;
-            head_size = sizeof head;
-            if (left < head_size) return false;
-            memcpy(&head, at, head_size);
-            name_size = le16toh(head.name_len);
-            parent = le64toh(head.parent_objectid);
-          }
-          if (left < head_size + name_size) return false;
-          names->push_back(
-              {parent, std::string(reinterpret_cast<const char *>(at + head_size), name_size)});
-          at += head_size + name_size;
-          left -= head_size + name_size;
-        }
-        return true;
-      });
+  int rc = visitNames(tree, ino, [&](uint64_t parent, std::string_view name) {
+    names->push_back({parent, std::string(name)});
+  });
   std::sort(names->begin(), names->end());
   return rc;
 }
@@ -171,6 +195,18 @@ int readXattrs(TreeReader &tree, uint64_t ino, std::vector<XattrItem> *xattrs) {
       });
   std::sort(xattrs->begin(), xattrs->end());
   return rc;
+}
+
+int hasXattr(TreeReader &tree, uint64_t ino, std::string_view name) {
+  const TreeKey key{ino, BTRFS_XATTR_ITEM_KEY, nameHash(name)};
+  const TreeItem *item;
+  int rc = tree.at(key, &item);
+  if (rc <= 0) return rc;
+  bool found = false;
+  if (item->key == key && !forEachDirItem(*item, [&](const btrfs_dir_item &, std::string_view one,
+                                                     std::string_view) { found |= one == name; }))
+    return -EUCLEAN;
+  return found;
 }
 
 int findEntry(TreeReader &tree, uint64_t dir, std::string_view name, DirEntryItem *entry) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -44,6 +45,7 @@ struct NameRef {
   std::string name;
   auto operator<=>(const NameRef &) const = default;
 };
+using NameRefVisitor = std::function<void(uint64_t parent, std::string_view name)>;
 
 struct XattrItem {
   std::string name, value;
@@ -71,8 +73,14 @@ bool decodeExtent(const TreeItem &item, ExtentItem *extent);
 int readInode(TreeReader &tree, uint64_t ino, InodeItem *inode);
 // Every name of the inode, sorted.
 int readNames(TreeReader &tree, uint64_t ino, std::vector<NameRef> *names);
+// The same, one after the other in any order; `tree` must not be read meanwhile.
+int visitNames(TreeReader &tree, uint64_t ino, const NameRefVisitor &visit);
+// The names that the inode has in directory `dir`, one after the other.
+int visitNamesIn(TreeReader &tree, uint64_t ino, uint64_t dir, const NameRefVisitor &visit);
 // Every extended attribute of the inode, ACLs and btrfs properties included, sorted.
 int readXattrs(TreeReader &tree, uint64_t ino, std::vector<XattrItem> *xattrs);
+// Whether the inode has the extended attribute `name`.
+int hasXattr(TreeReader &tree, uint64_t ino, std::string_view name);
 // The entry `name` of directory `dir`, by its hash; `index` is not set.
 int findEntry(TreeReader &tree, uint64_t dir, std::string_view name, DirEntryItem *entry);
 // The next entry of directory `dir` with an index of at least `index`.

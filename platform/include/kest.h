@@ -135,10 +135,28 @@ void kest_close_inodescan(kest_iscan_t *scan);
  * the end. An inode is in a difference when identity (generation and creation time), ctime or
  * sequence differ between the trees, or only one tree has it; one whose every restorable property
  * (size, mode, owner, links, names, mtime, flags, xattrs, extents) is equal all the same is left
- * out. A deleted inode comes with ia_nlink 0 and the snapshot's other attributes. The root directory
+ * out. A deleted inode (or one deleted since the difference was computed) comes with ia_nlink 0 and the
+ * snapshot's other attributes, if that has it. The root directory
  * (256) may be among them. What is not yet committed is not seen: commit first (ktfsctl).
  * -1: errno. */
 int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t **attr);
+
+/* What the difference scan knows of an inode, as it was when the difference was computed (at the first
+ * question): 0 where it is not in the difference, else KEST_DI_* bits, one of the first two among them.
+ * Costs no look at the file system. -1: errno. */
+#define KEST_DI_ACTIVE 0x1   /* the fileset has an inode of this number, with a name */
+#define KEST_DI_SNAPSHOT 0x2 /* so has the snapshot */
+#define KEST_DI_REPLACED 0x4 /* both have, but it is not the same file (kest_same_file) */
+#define KEST_DI_DIR 0x8      /* a directory: the fileset's, or the snapshot's where only that has one */
+#define KEST_DI_LINKED 0x10  /* no directory, and with several names in either tree */
+#define KEST_DI_ENTRIES 0x20 /* a directory of both, with entries that only one of them has */
+#define KEST_DI_CLONE 0x40   /* a regular file of both, with clone attributes in either tree */
+int kest_idifference(kest_iscan_t *scan, uint64_t ino);
+
+/* Where a walk over the active fileset has to go: 1 when the active inode itself, or anything below it,
+ * is in the difference, or a junction lies below it, as it was when the difference was computed; else 0.
+ * -1: errno. */
+int kest_leads_to_change(kest_iscan_t *scan, uint64_t ino);
 
 /* 0 and the attributes of the first inode of the scan in [ino, term_ino), or NULL when it holds none
  * (difference scan: unchanged or deleted). Full scan: attributes read at the time of the call. */
@@ -206,9 +224,16 @@ int kest_ireaddir64(kest_ifile_t *dir, const kest_direntx64_t **entry);
 
 /* Next entry by (name, inode, generation) that only one of the two directories of this inode number
  * holds, across a difference scan; `dir` is the active one. Entries of the snapshot carry
- * KEST_DT_SNAP; a name that now means another object comes twice. A directory that is not in the
- * difference costs nothing. */
+ * KEST_DT_SNAP; a name that now means another object comes twice. Entries come by name. What the two
+ * trees tell is checked against the live directory when the listing is taken: what is gone by then, and
+ * what has come back, is left out. A directory whose entries are equal costs nothing. */
 int kest_ireaddirx64(kest_ifile_t *dir, kest_iscan_t *scan, const kest_direntx64_t **entry);
+
+/* Like kest_ireaddir64, but only the entries of the active directory that matter to a walk: inodes of the
+ * difference, directories that lead to one (kest_leads_to_change), and junctions; by inode number, the
+ * junctions first. An entry that by now means another inode, or is gone, is left out. Costs what there
+ * is to return, whatever the size of the directory. */
+int kest_ireaddirc64(kest_ifile_t *dir, kest_iscan_t *scan, const kest_direntx64_t **entry);
 
 /* ---- attributes ----------------------------------------------------------------------------- */
 

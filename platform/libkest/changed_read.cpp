@@ -84,7 +84,7 @@ int64_t nextChanged(OpenInode *file, kest_iscan *scan, int64_t *offset, int64_t 
   const TreeDiff *diff;
   int rc = scan->diff(&diff);
   if (rc < 0) return rc;
-  if (diff->find(file->if_inode) == nullptr) return 0;
+  if (diff->find(file->if_inode).state == 0) return 0;
   uint64_t from = *offset, to = term > 0 ? static_cast<uint64_t>(term) : UINT64_MAX;
   ChangedRanges &known = file->changed_ranges;
   if (known.scan != scan || from < known.from || to != known.to || from == 0) {

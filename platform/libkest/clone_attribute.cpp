@@ -11,7 +11,6 @@
 namespace kest {
 namespace {
 
-constexpr char kClone[] = "trusted.kest.CLONE";
 constexpr char kCloneSnap[] = "trusted.kest.CLONESNAP";
 
 // 1 and the first bytes of the attribute; 0 absent or too short; -errno.
@@ -57,7 +56,7 @@ void CloneAttribute::setDepth(unsigned depth) {
 
 int readCloneAttribute(int fd, CloneAttribute *attribute) {
   *attribute = {};
-  int rc = readFirst(fd, kClone, &attribute->clone);
+  int rc = readFirst(fd, kCloneAttribute, &attribute->clone);
   if (rc <= 0 || !attribute->namesSnapshot()) return rc;
   return readFirst(fd, kCloneSnap, &attribute->clone_snap);
 }
@@ -67,7 +66,7 @@ int writeCloneAttribute(int fd, const CloneAttribute &attribute) {
   if (attribute.namesSnapshot()) {
     if (int rc = writeAll(fd, kCloneSnap, attribute.clone_snap); rc != 0) return rc;
   }
-  return writeAll(fd, kClone, attribute.clone);
+  return writeAll(fd, kCloneAttribute, attribute.clone);
 }
 
 }  // namespace kest

@@ -6,6 +6,8 @@
 
 namespace kest {
 
+inline constexpr char kCloneAttribute[] = "trusted.kest.CLONE";
+
 struct CloneAttribute {
   std::array<uint8_t, 16> clone{};
   std::array<uint8_t, 8> clone_snap{};  // all 0 where the parent lives in no snapshot

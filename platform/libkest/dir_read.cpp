@@ -8,9 +8,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "btrfs/file_handle.h"
-#include "btrfs/subvolume.h"
 #include "libkest/c_call.h"
+#include "libkest/entry_check.h"
 #include "libkest/entry_diff.h"
 #include "libkest/inode_scan.h"
 
@@ -19,7 +18,6 @@ namespace kest {
 namespace {
 
 constexpr size_t kBatch = 256 * 1024;
-constexpr uint64_t kStub = 2;  // inode number of a subvolume's stub in a snapshot
 
 void setName(kest_direntx64_t *record, std::string_view name) {
   size_t size = std::min(name.size(), sizeof record->d_name - 1);
@@ -31,8 +29,9 @@ bool isDots(const char *name) {
   return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
-// Names, numbers and types as the kernel lists them.
-int readRaw(int fd, std::vector<kest_direntx64_t> *entries) {
+// Calls visit(record) with names, numbers and types as the kernel lists them. 0 or -errno.
+template <typename Visit>
+int readRaw(int fd, Visit visit) {
   auto buffer = std::make_unique_for_overwrite<char[]>(kBatch);
   if (lseek(fd, 0, SEEK_SET) < 0) return -errno;
   for (;;) {
@@ -42,70 +41,18 @@ int readRaw(int fd, std::vector<kest_direntx64_t> *entries) {
     if (n == 0) return 0;
     for (ssize_t at = 0; at < n;) {
       const auto *raw = reinterpret_cast<const dirent64 *>(buffer.get() + at);
-      kest_direntx64_t &record = entries->emplace_back();
-      record = {};
+      kest_direntx64_t record;
       record.d_ino = raw->d_ino;
+      record.d_gen = 0;
       record.d_type = raw->d_type;
+      record.d_pad = 0;
+      record.d_flags = 0;
       setName(&record, raw->d_name);
+      int rc = visit(record);
+      if (rc < 0) return rc;
       at += raw->d_reclen;
     }
   }
-}
-
-// Fills in generations, and marks nested subvolumes: the kernel lists them by their subvolume id, which
-// may also be an inode number, but a handle tells what they are.
-class EntryResolver {
- public:
-  EntryResolver(const OpenInode &file, int fd) : file_(file), fd_(fd) {}
-
-  int begin() { return addressOf(fd_, "", &self_); }
-
-  // 1; 0 when the entry is gone by now; -errno.
-  int resolve(kest_direntx64_t *record) {
-    InodeAddress address;
-    int rc = addressOf(fd_, record->d_name, &address);
-    if (rc == -ENOENT) return 0;
-    if (rc == -EXDEV || (rc == 0 && address.mount_id != self_.mount_id))
-      return resolveBelowMount(record);
-    if (rc < 0) return rc;
-    if (address.subvol_id != self_.subvol_id || address.ino == kStub)
-      record->d_flags |= KEST_DF_JUNCTION;
-    else
-      record->d_gen = address.generation;
-    return 1;
-  }
-
- private:
-  // Something is mounted on the entry, and a lookup by name ends there.
-  int resolveBelowMount(kest_direntx64_t *record) {
-    if (!nested_known_) {
-      int rc = listNested(fd_, self_.subvol_id, file_.if_inode, &nested_);
-      if (rc < 0) return rc;
-      nested_known_ = true;
-    }
-    for (const Subvolume &one : nested_) {
-      if (one.name == record->d_name) {
-        record->d_flags |= KEST_DF_JUNCTION;
-        return 1;
-      }
-    }
-    UniqueFd fd(openByInode(fd_, self_.subvol_id, record->d_ino, 0, O_PATH));
-    if (!fd) return 1;
-    InodeAddress address;
-    if (addressOf(fd.get(), "", &address) == 0) record->d_gen = address.generation;
-    return 1;
-  }
-
-  const OpenInode &file_;
-  int fd_;
-  InodeAddress self_;
-  std::vector<Subvolume> nested_;
-  bool nested_known_ = false;
-};
-
-int nextOf(std::vector<kest_direntx64_t> &entries, size_t *next, const kest_direntx64_t **entry) {
-  *entry = *next < entries.size() ? &entries[(*next)++] : nullptr;
-  return 0;
 }
 
 bool isDirectory(const kest_ifile_t *dir) {
@@ -123,37 +70,29 @@ kest_direntx64_t toRecord(const DirEntryItem &entry) {
   return record;
 }
 
-int listDirectory(OpenInode *file, const HiddenEntries &hidden,
-                  std::vector<kest_direntx64_t> *entries) {
+int listDirectory(OpenInode *file, const HiddenEntries &hidden, bool dots, EntryList *entries) {
   int fd = file->readFd();
   if (fd < 0) return fd;
-  std::vector<kest_direntx64_t> raw;
-  int rc = readRaw(fd, &raw);
-  if (rc < 0) return rc;
-  EntryResolver resolver(*file, fd);
-  rc = resolver.begin();
-  if (rc < 0) return rc;
+  EntryCheck check(*file);
   entries->clear();
-  entries->reserve(raw.size());
-  for (kest_direntx64_t &record : raw) {
-    if (!isDots(record.d_name)) {
-      if (hidden.hidesName(file->if_inode, record.d_name)) continue;
-      if (record.d_type == DT_DIR) {
-        rc = resolver.resolve(&record);
-        if (rc < 0) return rc;
-        if (rc == 0) continue;
-      }
-      if ((record.d_flags & KEST_DF_JUNCTION) != 0) {
-        rc = hidden.hidesSubvolume(file->if_inode, record.d_name, record.d_ino);
-        if (rc < 0) return rc;
-        if (rc > 0) continue;
-      }
-    } else if (record.d_name[1] == 0) {
-      record.d_gen = file->if_generation;
+  return readRaw(fd, [&](kest_direntx64_t &record) {
+    if (isDots(record.d_name)) {
+      if (record.d_name[1] == 0) record.d_gen = file->if_generation;
+      if (dots) entries->add(record);
+      return 0;
     }
-    entries->push_back(record);
-  }
-  return 0;
+    if (hidden.hidesName(file->if_inode, record.d_name)) return 0;
+    if (record.d_type == DT_DIR) {
+      int there = check.resolve(&record);
+      if (there <= 0) return there;
+    }
+    if ((record.d_flags & KEST_DF_JUNCTION) != 0) {
+      int hides = hidden.hidesSubvolume(file->if_inode, record.d_name, record.d_ino);
+      if (hides != 0) return std::min(hides, 0);
+    }
+    entries->add(record);
+    return 0;
+  });
 }
 
 }  // namespace kest
@@ -171,11 +110,12 @@ int kest_ireaddir64(kest_ifile_t *dir, const kest_direntx64_t **entry) {
     if (!file->listed) {
       const kest_fssnap_handle &handle = *file->handle;
       uint64_t snapshot = handle.isSnapshot() ? handle.subvol_id : currentSnapshot(handle);
-      int rc = listDirectory(file, HiddenEntries(handle, snapshot), &file->entries);
+      int rc = listDirectory(file, HiddenEntries(handle, snapshot), true, &file->entries);
       if (rc < 0) return rc;
       file->listed = true;
     }
-    return nextOf(file->entries, &file->next_entry, entry);
+    *entry = file->entries.next();
+    return 0;
   });
 }
 
@@ -193,7 +133,8 @@ int kest_ireaddirx64(kest_ifile_t *dir, kest_iscan_t *scan, const kest_direntx64
       if (rc < 0) return rc;
       file->compared = true;
     }
-    return nextOf(file->changed, &file->next_changed, entry);
+    *entry = file->changed.next();
+    return 0;
   });
 }
 

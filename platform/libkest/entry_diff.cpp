@@ -1,5 +1,6 @@
 #include "libkest/entry_diff.h"
 
+#include <endian.h>
 #include <linux/btrfs_tree.h>
 #include <algorithm>
 #include <cerrno>
@@ -7,6 +8,7 @@
 #include <tuple>
 
 #include "libkest/dir_read.h"
+#include "libkest/entry_check.h"
 #include "libkest/tree_diff.h"
 
 namespace kest {
@@ -95,21 +97,19 @@ int dropHidden(const HiddenEntries &hidden, uint64_t dir, std::vector<DirEntryIt
   return 0;
 }
 
-int listSnapshotDirectory(TreeReader &tree, uint64_t dir, const HiddenEntries &hidden,
-                          std::vector<DirEntryItem> *entries) {
-  IndexCursor cursor(tree, dir);
-  int rc;
-  while ((rc = cursor.next()) == 0 && cursor.item() != nullptr) {
-    rc = cursor.take(entries);
-    if (rc < 0) break;
-  }
-  return rc < 0 ? rc : dropHidden(hidden, dir, entries);
+// Whether two items, equal in every byte, may mean different inodes: two relatives with histories of
+// their own can give one number, name and place to different files, behind the line only.
+bool mayDiffer(const TreeItem &item, uint64_t line) {
+  btrfs_dir_item head;
+  if (item.size < sizeof head) return true;
+  memcpy(&head, item.data, sizeof head);
+  return le64toh(head.transid) > line;
 }
 
 }  // namespace
 
-int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, const HiddenEntries &hidden,
-                    EntryDifference *difference) {
+int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, uint64_t line,
+                    const HiddenEntries &hidden, EntryDifference *difference) {
   // Both sides keep their entries in the order in which they were made, so that most of them meet their
   // counterpart without a name being looked at.
   IndexCursor now(active, dir), then(snapshot, dir);
@@ -118,7 +118,7 @@ int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, cons
   while (rc == 0 && (now.item() != nullptr || then.item() != nullptr)) {
     const TreeItem *a = now.item(), *b = then.item();
     if (a != nullptr && b != nullptr && a->key.offset == b->key.offset) {
-      if (a->size != b->size || memcmp(a->data, b->data, a->size) != 0) {
+      if (a->size != b->size || memcmp(a->data, b->data, a->size) != 0 || mayDiffer(*a, line)) {
         rc = now.take(&difference->active);
         if (rc == 0) rc = then.take(&difference->snapshot);
       }
@@ -140,69 +140,46 @@ int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, cons
 
 int listChangedEntries(OpenInode *file, const TreeDiff &diff, uint64_t snapshot_id) {
   file->changed.clear();
-  const DiffInode *own = diff.find(file->if_inode);
-  if (own == nullptr || !own->alive) return 0;
+  const uint64_t dir = file->if_inode;
+  const DiffInode own = diff.find(dir);
+  if (!own.alive()) return 0;
   const kest_fssnap_handle &handle = *file->handle;
   HiddenEntries hidden(handle, snapshot_id);
-  std::vector<kest_direntx64_t> active;
-  int rc = listDirectory(file, hidden, &active);
+  // A directory that only the fileset has is new as a whole.
+  if (!own.inSnapshot() || own.replaced()) return listDirectory(file, hidden, false, &file->changed);
+  if ((own.state & KEST_DI_ENTRIES) == 0) return 0;
+  TreeReader active(handle.root.get(), handle.subvol_id), snapshot(handle.root.get(), snapshot_id);
+  EntryDifference difference;
+  int rc = diffDirectories(active, snapshot, dir, diff.line(), hidden, &difference);
   if (rc < 0) return rc;
-  std::erase_if(active, [](const kest_direntx64_t &record) {
-    return strcmp(record.d_name, ".") == 0 || strcmp(record.d_name, "..") == 0;
-  });
-  TreeReader snapshot(handle.root.get(), snapshot_id);
-  std::vector<DirEntryItem> entries;
-  if (own->in_snapshot && !own->replaced) {
-    rc = listSnapshotDirectory(snapshot, file->if_inode, hidden, &entries);
-    if (rc < 0) return rc;
-  }
+  EntryCheck check(*file);
 
-  auto less = [](const kest_direntx64_t &a, const kest_direntx64_t &b) {
-    return strcmp(a.d_name, b.d_name) < 0;
-  };
-  // An inode whose name came or changed is in the difference, which knows its generation.
-  auto takeActive = [&](kest_direntx64_t record) {
-    const DiffInode *inode =
-        (record.d_flags & KEST_DF_JUNCTION) != 0 ? nullptr : diff.find(record.d_ino);
-    if (inode != nullptr && inode->alive) record.d_gen = inode->item.generation;
-    file->changed.push_back(record);
+  auto takeActive = [&](const DirEntryItem &entry) {
+    kest_direntx64_t record = toRecord(entry);
+    int there = check.stillMeans(&record);
+    if (there > 0) file->changed.add(record);
+    return std::min(there, 0);
   };
   auto takeSnapshot = [&](const DirEntryItem &entry) {
     kest_direntx64_t record = toRecord(entry);
+    int there = check.stillMeans(&record);
+    if (there < 0 || (there > 0 && (entry.subvolume || !diff.find(entry.target).replaced())))
+      return std::min(there, 0);
     record.d_type |= KEST_DT_SNAP;
     InodeItem item;
     int found = entry.subvolume ? 0 : readInode(snapshot, entry.target, &item);
-    if (found > 0) record.d_gen = item.generation;
-    file->changed.push_back(record);
+    record.d_gen = found > 0 ? item.generation : 0;
+    file->changed.add(record);
     return std::min(found, 0);
   };
-  std::sort(active.begin(), active.end(), less);
-  std::sort(entries.begin(), entries.end(),
-            [](const DirEntryItem &a, const DirEntryItem &b) { return a.name < b.name; });
-  auto now = active.begin();
-  auto then = entries.begin();
-  while (rc == 0 && (now != active.end() || then != entries.end())) {
-    int order = now == active.end()     ? 1
-                : then == entries.end() ? -1
-                                        : strcmp(now->d_name, then->name.c_str());
-    if (order < 0) {
-      takeActive(*now++);
-    } else if (order > 0) {
+  auto now = difference.active.begin();
+  auto then = difference.snapshot.begin();
+  while (rc == 0 && (now != difference.active.end() || then != difference.snapshot.end())) {
+    if (then == difference.snapshot.end() ||
+        (now != difference.active.end() && now->name <= then->name))
+      rc = takeActive(*now++);
+    else
       rc = takeSnapshot(*then++);
-    } else {
-      bool junction = (now->d_flags & KEST_DF_JUNCTION) != 0;
-      bool same = now->d_ino == then->target && junction == then->subvolume;
-      if (same && !junction) {
-        const DiffInode *child = diff.find(now->d_ino);
-        same = child == nullptr || !child->replaced;
-      }
-      if (!same) {
-        takeActive(*now);
-        rc = takeSnapshot(*then);
-      }
-      ++now;
-      ++then;
-    }
   }
   return rc;
 }

@@ -17,12 +17,14 @@ struct EntryDifference {
   std::vector<DirEntryItem> active, snapshot;  // by name
 };
 
-// Compares directory `dir` of both trees by their items, hidden entries left out. 0 or -errno.
-int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, const HiddenEntries &hidden,
-                    EntryDifference *difference);
+// Compares directory `dir` of both trees by their items, hidden entries left out. `line`: the last
+// transaction that both trees have in common. 0 or -errno.
+int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, uint64_t line,
+                    const HiddenEntries &hidden, EntryDifference *difference);
 
-// Compares the live directory with the snapshot's and fills file->changed. `diff` decides whether there
-// is anything to compare, and tells reused inode numbers. 0 or -errno.
+// Compares the directory with the snapshot's, drops what the live one contradicts, and fills
+// file->changed. `diff` decides whether there is anything to compare, and tells reused inode numbers.
+// 0 or -errno.
 int listChangedEntries(OpenInode *file, const TreeDiff &diff, uint64_t snapshot_id);
 
 }  // namespace kest

@@ -19,13 +19,25 @@ kest_timestruc64_t toTime(const TreeTime &time) {
   return {time.sec, time.nsec};
 }
 
-// Fills scan->attr from the tree. 0 or -errno.
-int answer(kest_iscan *scan, uint64_t ino, const InodeItem &item) {
+// Fills scan->attr from the tree that `item` is of. 0 or -errno.
+int answer(kest_iscan *scan, TreeReader &tree, uint64_t ino, const InodeItem &item) {
   std::vector<XattrItem> xattrs;
-  int rc = readXattrs(scan->tree, ino, &xattrs);
+  int rc = readXattrs(tree, ino, &xattrs);
   if (rc < 0) return rc;
   fillAttributes(ino, item, xattrs, &scan->attr);
   return 0;
+}
+
+// The attributes of an inode of the difference. 0 or -errno.
+int answerDifferent(kest_iscan *scan, const DiffInode &one) {
+  InodeItem item;
+  int rc = one.alive() ? readInode(scan->tree, one.ino, &item) : 0;
+  if (rc > 0) return answer(scan, scan->tree, one.ino, item);
+  if (rc == 0 && one.inSnapshot()) rc = readInode(*scan->then, one.ino, &item);
+  if (rc < 0) return rc;
+  rc = answer(scan, *scan->then, one.ino, item);
+  scan->attr.ia_nlink = 0;
+  return rc;
 }
 
 // Finds the first inode of the handle's tree in [from, to] that has a name. 1, 0 or -errno.
@@ -49,34 +61,22 @@ int nextInode(kest_iscan *scan, uint64_t end_ino, const kest_iattr64_t **attr) {
   *attr = nullptr;
   if (scan->next_ino > end_ino) return 0;
   uint64_t ino;
-  InodeItem item;
-  bool alive = true;
+  int rc;
   if (scan->difference) {
     const TreeDiff *diff;
-    int rc = scan->diff(&diff);
+    rc = scan->diff(&diff);
     if (rc < 0) return rc;
-    auto one = std::lower_bound(diff->inodes().begin(), diff->inodes().end(), scan->next_ino,
-                                [](const DiffInode &d, uint64_t key) { return d.ino < key; });
-    if (one == diff->inodes().end() || one->ino > end_ino) return 0;
-    ino = one->ino;
-    item = one->item;
-    alive = one->alive;
+    const DiffInode one = diff->firstFrom(scan->next_ino);
+    if (one.ino == 0 || one.ino > end_ino) return 0;
+    ino = one.ino;
+    rc = answerDifferent(scan, one);
   } else {
-    int rc = nextInTree(scan, scan->next_ino, end_ino, &ino, &item);
+    InodeItem item;
+    rc = nextInTree(scan, scan->next_ino, end_ino, &ino, &item);
     if (rc <= 0) return rc;
+    rc = answer(scan, scan->tree, ino, item);
   }
-  if (alive) {
-    int rc = answer(scan, ino, item);
-    if (rc < 0) return rc;
-  } else {
-    fillAttributes(ino, item, {}, &scan->attr);
-    TreeReader snapshot(scan->handle->root.get(), scan->snapshot_id);
-    std::vector<XattrItem> xattrs;
-    int rc = readXattrs(snapshot, ino, &xattrs);
-    if (rc < 0) return rc;
-    fillAttributes(ino, item, xattrs, &scan->attr);
-    scan->attr.ia_nlink = 0;
-  }
+  if (rc < 0) return rc;
   scan->next_ino = ino + 1;
   *attr = &scan->attr;
   return 0;
@@ -86,11 +86,10 @@ int statInDifference(kest_iscan *scan, uint64_t ino, uint64_t term_ino, const ke
   const TreeDiff *diff;
   int rc = scan->diff(&diff);
   if (rc < 0) return rc;
-  auto one = std::lower_bound(diff->inodes().begin(), diff->inodes().end(), ino,
-                              [](const DiffInode &d, uint64_t key) { return d.ino < key; });
-  while (one != diff->inodes().end() && one->ino < term_ino && !one->alive) ++one;
-  if (one == diff->inodes().end() || one->ino >= term_ino) return 0;
-  rc = answer(scan, one->ino, one->item);
+  DiffInode one = diff->firstFrom(ino);
+  while (one.ino != 0 && one.ino < term_ino && !one.alive()) one = diff->firstFrom(one.ino + 1);
+  if (one.ino == 0 || one.ino >= term_ino) return 0;
+  rc = answerDifferent(scan, one);
   if (rc == 0) *attr = &scan->attr;
   return rc;
 }
@@ -112,7 +111,8 @@ int statInTree(kest_iscan *scan, uint64_t ino, uint64_t term_ino, const kest_iat
     }
     int rc = nextInTree(scan, ino, term_ino - 1, &ino, &item);
     if (rc <= 0) return rc;
-    rc = scan->frozen ? answer(scan, ino, item) : statByNumber(scan->handle, ino, &scan->attr);
+    rc = scan->frozen ? answer(scan, scan->tree, ino, item)
+                      : statByNumber(scan->handle, ino, &scan->attr);
     if (rc == 0) *attr = &scan->attr;
     if (rc != -ENOENT) return rc;
     ++ino;
@@ -133,6 +133,7 @@ int openScan(kest_fssnap_handle *handle, const kest_snapid_t *prev, uint64_t *ma
                    (handle->top_path.empty() ? "/" : handle->top_path));
     if (rc < 0) return rc;
     rememberSnapshot(*handle, *prev, scan->line);
+    scan->then.emplace(handle->root.get(), *prev);
   }
   if (max_ino != nullptr) {
     int rc = largestInode(handle->root.get(), handle->subvol_id, max_ino);
@@ -210,6 +211,24 @@ int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t
   return cCall([&] {
     if (scan == nullptr || attr == nullptr) return -EINVAL;
     return nextInode(scan, end_ino, attr);
+  });
+}
+
+int kest_idifference(kest_iscan_t *scan, uint64_t ino) {
+  return cCall([&] {
+    if (scan == nullptr || !scan->difference) return -EINVAL;
+    const TreeDiff *diff;
+    int rc = scan->diff(&diff);
+    return rc < 0 ? rc : static_cast<int>(diff->find(ino).state);
+  });
+}
+
+int kest_leads_to_change(kest_iscan_t *scan, uint64_t ino) {
+  return cCall([&] {
+    if (scan == nullptr || !scan->difference) return -EINVAL;
+    const TreeDiff *diff;
+    int rc = scan->diff(&diff);
+    return rc < 0 ? rc : diff->find(ino).alive() || diff->leads(ino);
   });
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "btrfs/tree_items.h"
@@ -16,13 +17,15 @@ struct kest_iscan {
   uint64_t next_ino = kest::kFirstInode;
   kest_iattr64_t attr{};  // the record last returned
 
-  explicit kest_iscan(kest_fssnap_handle *h) : handle(h), tree(h->root.get(), h->subvol_id) {}
+  explicit kest_iscan(kest_fssnap_handle *h)
+      : handle(h), tree(h->root.get(), h->subvol_id), names(h->root.get(), h->subvol_id) {}
 
   // The difference, computed at the first call. 0 or -errno.
   int diff(const kest::TreeDiff **result);
 
-  kest::TreeReader tree;  // of the handle
-  int frozen = -1;        // the tree cannot change; -1: not yet asked
+  kest::TreeReader tree, names;          // of the handle
+  std::optional<kest::TreeReader> then;  // of the snapshot, in a difference
+  int frozen = -1;                       // the tree cannot change; -1: not yet asked
 
  private:
   std::unique_ptr<kest::TreeDiff> diff_;

@@ -34,10 +34,12 @@ int isRelated(const kest_fssnap_handle &handle, uint64_t id) {
   SubvolumeTable table;
   int rc = table.load(handle.root.get());
   if (rc < 0) return rc;
-  bool answer = table.related(handle.fileset_id, id, nullptr);
+  // All at once: where one snapshot stands inside the fileset, there are others.
   std::lock_guard lock(mutex);
-  related[key] = answer;
-  return answer;
+  for (const Subvolume &one : table.all())
+    related[std::make_tuple(handle.fsid, handle.fileset_id, one.id)] =
+        table.related(handle.fileset_id, one.id, nullptr);
+  return related[key];
 }
 
 }  // namespace

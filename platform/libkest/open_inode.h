@@ -9,7 +9,9 @@
 
 #include "btrfs/unique_fd.h"
 #include "kest.h"
+#include "libkest/entry_list.h"
 #include "libkest/extent_diff.h"
+#include "libkest/lead_listing.h"
 
 namespace kest {
 
@@ -27,11 +29,10 @@ struct OpenInode : kest_ifile {
   UniqueFd write_fd;                     // opened at the first write
   kest_timestruc64_t created{};          // creation time
   bool listed = false;                   // directories: entries hold the listing
-  std::vector<kest_direntx64_t> entries;
-  size_t next_entry = 0;
+  EntryList entries;
   bool compared = false;  // directories: changed holds the changed entries
-  std::vector<kest_direntx64_t> changed;
-  size_t next_changed = 0;
+  EntryList changed;
+  std::unique_ptr<LeadListing> leads;  // directories: what leads to a change, once asked for
   ChangedRanges changed_ranges;
   bool capability_known = false;
   std::optional<std::string> capability;  // security.capability before the first write

@@ -8,6 +8,7 @@
 #include <cerrno>
 
 #include "btrfs/subvolume.h"
+#include "libkest/clone_attribute.h"
 #include "libkest/entry_diff.h"
 #include "libkest/extent_diff.h"
 
@@ -23,7 +24,51 @@ constexpr uint64_t kPrivateFlags = kHasPreallocated | kRootItemInit;
 
 constexpr int64_t kClockMargin = 2;  // seconds
 
+constexpr size_t kPendingMost = 64 * 1024;
+
+bool severalNames(const InodeItem *item) {
+  return item != nullptr && !S_ISDIR(item->mode) && item->nlink > 1;
+}
+
 }  // namespace
+
+// The inodes of one tree that were written after the line, by number.
+class TouchedInodes {
+ public:
+  TouchedInodes(int fd, uint64_t tree_id, uint64_t line) : fd_(fd), tree_id_(tree_id), line_(line) {}
+
+  // 0 or -errno; afterwards ino() is the next one, or 0.
+  int next() {
+    for (;;) {
+      for (; position_ < batch_.items().size(); ++position_) {
+        const TreeItem &item = batch_.items()[position_];
+        if (item.key.type != BTRFS_INODE_ITEM_KEY) continue;
+        if (!decodeInode(item, &item_)) return -EUCLEAN;
+        // A block that was written comes with all its inodes.
+        if (item_.transid <= line_) continue;
+        ino_ = item.key.objectid;
+        ++position_;
+        return 0;
+      }
+      if (!batch_.items().empty()) from_ = batch_.items().back().key.next();
+      ino_ = 0;
+      position_ = 0;
+      int rc = batch_.read(fd_, tree_id_, from_, {kLastInode, 255, UINT64_MAX}, line_ + 1, kScanBytes);
+      if (rc < 0 || batch_.items().empty()) return rc;
+    }
+  }
+  uint64_t ino() const { return ino_; }
+  const InodeItem &item() const { return item_; }
+
+ private:
+  int fd_;
+  uint64_t tree_id_, line_;
+  TreeBatch batch_;
+  size_t position_ = 0;
+  TreeKey from_{kFirstInode, 0, 0};
+  uint64_t ino_ = 0;
+  InodeItem item_;
+};
 
 int sameProperties(TreeReader &active, TreeReader &snapshot, uint64_t ino, const InodeItem &now,
                    const InodeItem &then) {
@@ -53,34 +98,41 @@ TreeDiff::TreeDiff(const kest_fssnap_handle &handle, uint64_t snapshot_id, uint6
       hidden_(handle, snapshot_id),
       active_{TreeReader(handle.root.get(), handle.subvol_id),
               TreeReader(handle.root.get(), handle.subvol_id),
-              TreeReader(handle.root.get(), handle.subvol_id),
-              {}},
-      snapshot_{TreeReader(handle.root.get(), snapshot_id),
-                TreeReader(handle.root.get(), snapshot_id),
-                TreeReader(handle.root.get(), snapshot_id),
-                {}} {}
+              TreeReader(handle.root.get(), handle.subvol_id)},
+      snapshot_{TreeReader(handle.root.get(), snapshot_id), TreeReader(handle.root.get(), snapshot_id),
+                TreeReader(handle.root.get(), snapshot_id)} {}
 
 int TreeDiff::compute() {
   // Delayed updates and unwritten data are in no tree yet.
   if (syncfs(handle_.root.get()) < 0) return -errno;
   int rc = findLineTime();
-  if (rc == 0) rc = readTouched(&active_);
-  if (rc == 0) rc = readTouched(&snapshot_);
+  if (rc == 0) rc = findHidden();
   if (rc == 0) rc = visitTouched();
   if (rc == 0) rc = visitPending();
-  if (rc == 0) rc = dropHiddenFolders();
-  std::sort(inodes_.begin(), inodes_.end(),
-            [](const DiffInode &a, const DiffInode &b) { return a.ino < b.ino; });
-  visited_.clear();
-  active_.touched = {};
-  snapshot_.touched = {};
+  if (rc < 0) return rc;
+  inodes_ = found_.finish();
+  rc = findJunctions();
+  if (rc == 0) rc = climb();
+  not_shown_.clear();
+  for (Side *side : {&active_, &snapshot_})
+    for (TreeReader *reader : {&side->inodes, &side->properties, &side->entries}) reader->forget();
   return rc;
 }
 
-const DiffInode *TreeDiff::find(uint64_t ino) const {
-  auto at = std::lower_bound(inodes_.begin(), inodes_.end(), ino,
-                             [](const DiffInode &one, uint64_t key) { return one.ino < key; });
-  return at != inodes_.end() && at->ino == ino ? &*at : nullptr;
+DiffInode TreeDiff::firstFrom(uint64_t ino) const {
+  NumberPair found;
+  if (!inodes_.from({ino, 0}).next(&found)) return {};
+  return {found.first, static_cast<unsigned>(found.second)};
+}
+
+DiffInode TreeDiff::find(uint64_t ino) const {
+  const DiffInode first = firstFrom(ino);
+  return first.ino == ino ? first : DiffInode{};
+}
+
+bool TreeDiff::leads(uint64_t dir) const {
+  NumberPair found;
+  return leadsFrom(dir).next(&found) && found.first == dir;
 }
 
 // The subvolume whose creation drew the line knows when that was. Without it (deleted since) every
@@ -94,138 +146,8 @@ int TreeDiff::findLineTime() {
   return 0;
 }
 
-// An inode that was written after the line, for an access time, say, but did not change. Equal times
-// alone do not tell: two changes within one tick of the clock leave the same ctime, and the second may
-// leave the sequence alone. So they count only where the last change was clearly before the line.
-bool TreeDiff::untouched(const InodeItem &now, const InodeItem &then) const {
-  return now.ctime == then.ctime && now.sequence == then.sequence &&
-         now.ctime.sec < line_time_ - kClockMargin;
-}
-
-int TreeDiff::readTouched(Side *side) {
-  TreeBatch batch;
-  TreeKey from{kFirstInode, 0, 0};
-  const TreeKey to{kLastInode, 255, UINT64_MAX};
-  for (;;) {
-    int rc = batch.read(handle_.root.get(), side->inodes.treeId(), from, to, line_ + 1, kScanBytes);
-    if (rc < 0) return rc;
-    if (batch.items().empty()) return 0;
-    for (const TreeItem &item : batch.items()) {
-      if (item.key.type != BTRFS_INODE_ITEM_KEY) continue;
-      Found found{item.key.objectid, {}};
-      if (!decodeInode(item, &found.item)) return -EUCLEAN;
-      // A block that was written comes with all its inodes.
-      if (found.item.transid > line_) side->touched.push_back(found);
-    }
-    from = batch.items().back().key.next();
-  }
-}
-
-// Goes through both lists of touched inodes as one.
-int TreeDiff::visitTouched() {
-  auto now = active_.touched.begin(), then = snapshot_.touched.begin();
-  while (now != active_.touched.end() || then != snapshot_.touched.end()) {
-    bool from_active =
-        now != active_.touched.end() && (then == snapshot_.touched.end() || now->ino <= then->ino);
-    bool from_snapshot =
-        then != snapshot_.touched.end() && (now == active_.touched.end() || then->ino <= now->ino);
-    uint64_t ino = from_active ? now->ino : then->ino;
-    const InodeItem *active = from_active ? &now->item : nullptr;
-    const InodeItem *snapshot = from_snapshot ? &then->item : nullptr;
-    InodeItem other;
-    int rc = 1;
-    if (active == nullptr) {
-      rc = readInode(active_.inodes, ino, &other);
-      if (rc > 0) active = &other;
-    } else if (snapshot == nullptr) {
-      rc = readInode(snapshot_.inodes, ino, &other);
-      if (rc > 0) snapshot = &other;
-    }
-    if (rc < 0) return rc;
-    visited_.insert(ino);
-    rc = visit(ino, active, snapshot);
-    if (rc < 0) return rc;
-    if (from_active) ++now;
-    if (from_snapshot) ++then;
-  }
-  return 0;
-}
-
-// Decides about one inode, and puts those aside that it makes suspect. 0 or -errno.
-int TreeDiff::visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot) {
-  // Unlinked but still open somewhere: gone.
-  if (active != nullptr && active->nlink == 0) active = nullptr;
-  if (snapshot != nullptr && snapshot->nlink == 0) snapshot = nullptr;
-  if (active == nullptr && snapshot == nullptr) return 0;
-
-  DiffInode one;
-  one.ino = ino;
-  one.alive = active != nullptr;
-  one.in_snapshot = snapshot != nullptr;
-  one.item = one.alive ? *active : *snapshot;
-  if (active != nullptr && snapshot != nullptr && sameIdentity(*active, *snapshot)) {
-    if (untouched(*active, *snapshot)) return 0;
-    EntryDifference entries;
-    int rc = 0;
-    if (S_ISDIR(active->mode))
-      rc = diffDirectories(active_.entries, snapshot_.entries, ino, hidden_, &entries);
-    if (rc < 0) return rc;
-    for (const DirEntryItem &entry : entries.snapshot)
-      if (!entry.subvolume) pending_.push_back(entry.target);
-    for (const DirEntryItem &entry : entries.active)
-      if (!entry.subvolume) pending_.push_back(entry.target);
-    if (entries.active.empty() && entries.snapshot.empty()) {
-      rc = sameProperties(active_.properties, snapshot_.properties, ino, *active, *snapshot);
-      if (rc != 0) return std::min(rc, 0);
-    }
-  } else {
-    one.replaced = active != nullptr && snapshot != nullptr;
-    int rc = 0;
-    if (snapshot != nullptr && S_ISDIR(snapshot->mode)) rc = visitChildren(&snapshot_, ino);
-    // What only the fileset has was made after the line, and was found there, unless the snapshot has a
-    // history of its own in which it was deleted.
-    if (rc == 0 && active != nullptr && S_ISDIR(active->mode) && !snapshot_.touched.empty())
-      rc = visitChildren(&active_, ino);
-    if (rc < 0) return rc;
-  }
-  inodes_.push_back(one);
-  return 0;
-}
-
-int TreeDiff::visitChildren(Side *side, uint64_t dir) {
-  DirEntryItem entry;
-  for (uint64_t index = 0;; index = entry.index + 1) {
-    int rc = nextEntry(side->entries, dir, index, &entry);
-    if (rc <= 0) return rc;
-    if (!entry.subvolume) pending_.push_back(entry.target);
-    if (entry.index == UINT64_MAX) return 0;
-  }
-}
-
-int TreeDiff::visitPending() {
-  while (!pending_.empty()) {
-    // In order, so that neighbours are read together.
-    std::vector<uint64_t> these;
-    these.swap(pending_);
-    std::sort(these.begin(), these.end());
-    for (uint64_t ino : these) {
-      if (!visited_.insert(ino).second) continue;
-      InodeItem active, snapshot;
-      int found_active = readInode(active_.inodes, ino, &active);
-      int found_snapshot = found_active < 0 ? 0 : readInode(snapshot_.inodes, ino, &snapshot);
-      if (found_active < 0 || found_snapshot < 0) return std::min(found_active, found_snapshot);
-      int rc =
-          visit(ino, found_active > 0 ? &active : nullptr, found_snapshot > 0 ? &snapshot : nullptr);
-      if (rc < 0) return rc;
-    }
-  }
-  return 0;
-}
-
 // Folders that are hidden as a whole may be ordinary directories with ordinary files in them.
-int TreeDiff::dropHiddenFolders() {
-  if (inodes_.empty()) return 0;
-  std::unordered_set<uint64_t> below;
+int TreeDiff::findHidden() {
   for (Side *side : {&active_, &snapshot_}) {
     for (const char *name : {".snapshots", ".unlinked"}) {
       if (!hidden_.hidesName(kFirstInode, name)) continue;
@@ -233,21 +155,17 @@ int TreeDiff::dropHiddenFolders() {
       int rc = findEntry(side->inodes, kFirstInode, name, &entry);
       if (rc < 0) return rc;
       if (rc == 0 || entry.subvolume) continue;
-      rc = collectBelow(side, entry.target, &below);
+      rc = collectBelow(side, entry.target);
       if (rc < 0) return rc;
     }
   }
-  // A file with several names may be known elsewhere, too.
-  std::erase_if(inodes_, [&](const DiffInode &one) {
-    return below.contains(one.ino) && (S_ISDIR(one.item.mode) || one.item.nlink == 1);
-  });
   return 0;
 }
 
-int TreeDiff::collectBelow(Side *side, uint64_t dir, std::unordered_set<uint64_t> *inodes) {
+int TreeDiff::collectBelow(Side *side, uint64_t dir) {
   // A tree's directories have one name each: nothing is met twice.
   std::vector<uint64_t> folders{dir};
-  inodes->insert(dir);
+  not_shown_.insert(dir);
   while (!folders.empty()) {
     uint64_t folder = folders.back();
     folders.pop_back();
@@ -257,10 +175,202 @@ int TreeDiff::collectBelow(Side *side, uint64_t dir, std::unordered_set<uint64_t
       if (rc < 0) return rc;
       if (rc == 0) break;
       if (entry.subvolume) continue;
-      inodes->insert(entry.target);
+      not_shown_.insert(entry.target);
       if (entry.type == DT_DIR) folders.push_back(entry.target);
     }
   }
+  return 0;
+}
+
+// An inode that was written after the line, for an access time, say, but did not change. Equal times
+// alone do not tell: two changes within one tick of the clock leave the same ctime, and the second may
+// leave the sequence alone. So they count only where the last change was clearly before the line.
+bool TreeDiff::untouched(const InodeItem &now, const InodeItem &then) const {
+  return now.ctime == then.ctime && now.sequence == then.sequence &&
+         now.ctime.sec < line_time_ - kClockMargin;
+}
+
+// Goes through the touched inodes of both trees as one.
+int TreeDiff::visitTouched() {
+  TouchedInodes now(handle_.root.get(), active_.inodes.treeId(), line_);
+  TouchedInodes then(handle_.root.get(), snapshot_.inodes.treeId(), line_);
+  int rc = now.next();
+  if (rc == 0) rc = then.next();
+  snapshot_changed_ = then.ino() != 0;
+  while (rc == 0 && (now.ino() != 0 || then.ino() != 0)) {
+    const bool from_active = now.ino() != 0 && (then.ino() == 0 || now.ino() <= then.ino());
+    const bool from_snapshot = then.ino() != 0 && (now.ino() == 0 || then.ino() <= now.ino());
+    const uint64_t ino = from_active ? now.ino() : then.ino();
+    const InodeItem *active = from_active ? &now.item() : nullptr;
+    const InodeItem *snapshot = from_snapshot ? &then.item() : nullptr;
+    InodeItem other;
+    if (active == nullptr || snapshot == nullptr) {
+      rc = readInode(active == nullptr ? active_.inodes : snapshot_.inodes, ino, &other);
+      if (rc < 0) return rc;
+      if (rc > 0) (active == nullptr ? active : snapshot) = &other;
+    }
+    rc = visit(ino, active, snapshot);
+    if (rc == 0 && from_active) rc = now.next();
+    if (rc == 0 && from_snapshot) rc = then.next();
+  }
+  return rc;
+}
+
+// Decides about one inode, and puts those aside that it makes suspect. 0 or -errno.
+int TreeDiff::visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot) {
+  // Unlinked but still open somewhere: gone.
+  if (active != nullptr && active->nlink == 0) active = nullptr;
+  if (snapshot != nullptr && snapshot->nlink == 0) snapshot = nullptr;
+  if (active == nullptr && snapshot == nullptr) return 0;
+
+  unsigned state =
+      (active != nullptr ? KEST_DI_ACTIVE : 0) | (snapshot != nullptr ? KEST_DI_SNAPSHOT : 0);
+  if (S_ISDIR((active != nullptr ? active : snapshot)->mode)) state |= KEST_DI_DIR;
+  if (severalNames(active) || severalNames(snapshot)) state |= KEST_DI_LINKED;
+  if (active != nullptr && snapshot != nullptr && sameIdentity(*active, *snapshot)) {
+    if (untouched(*active, *snapshot)) return 0;
+    int rc = compareSame(ino, *active, *snapshot, &state);
+    if (rc <= 0) return rc;
+  } else {
+    if (active != nullptr && snapshot != nullptr) state |= KEST_DI_REPLACED;
+    int rc = 0;
+    if (snapshot != nullptr && S_ISDIR(snapshot->mode)) rc = visitChildren(&snapshot_, ino);
+    // What only the fileset has was made after the line, and was found there, unless the snapshot has a
+    // history of its own in which it was deleted.
+    if (rc == 0 && active != nullptr && S_ISDIR(active->mode) && snapshot_changed_)
+      rc = visitChildren(&active_, ino);
+    if (rc < 0) return rc;
+  }
+  return record(ino, state);
+}
+
+// 1 when the inode, the same in both trees, differs in anything that can be restored; 0, -errno.
+int TreeDiff::compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot,
+                          unsigned *state) {
+  EntryDifference entries;
+  int rc = 0;
+  if (S_ISDIR(active.mode))
+    rc = diffDirectories(active_.entries, snapshot_.entries, ino, line_, hidden_, &entries);
+  for (const std::vector<DirEntryItem> *side : {&entries.snapshot, &entries.active})
+    for (const DirEntryItem &entry : *side)
+      if (rc == 0) rc = addPending(entry);
+  if (rc < 0) return rc;
+  if (!entries.active.empty() || !entries.snapshot.empty()) {
+    *state |= KEST_DI_ENTRIES;
+    return 1;
+  }
+  rc = sameProperties(active_.properties, snapshot_.properties, ino, active, snapshot);
+  if (rc != 0) return std::min(rc, 0);
+  if (!S_ISREG(active.mode)) return 1;
+  rc = hasXattr(active_.properties, ino, kCloneAttribute);
+  if (rc == 0) rc = hasXattr(snapshot_.properties, ino, kCloneAttribute);
+  if (rc > 0) *state |= KEST_DI_CLONE;
+  return rc < 0 ? rc : 1;
+}
+
+int TreeDiff::visitChildren(Side *side, uint64_t dir) {
+  DirEntryItem entry;
+  for (uint64_t index = 0;; index = entry.index + 1) {
+    int rc = nextEntry(side->entries, dir, index, &entry);
+    if (rc <= 0) return rc;
+    rc = addPending(entry);
+    if (rc < 0 || entry.index == UINT64_MAX) return rc;
+  }
+}
+
+// Only directories make others pending: the rest is visited as soon as there is much of it.
+int TreeDiff::addPending(const DirEntryItem &entry) {
+  if (entry.subvolume) return 0;
+  std::vector<uint64_t> &list = entry.type == DT_DIR ? folders_ : pending_;
+  list.push_back(entry.target);
+  return pending_.size() < kPendingMost ? 0 : visitThese(&pending_);
+}
+
+// In order, so that neighbours are read together; empties the list.
+int TreeDiff::visitThese(std::vector<uint64_t> *inodes) {
+  std::vector<uint64_t> these;
+  these.swap(*inodes);
+  std::sort(these.begin(), these.end());
+  these.erase(std::unique(these.begin(), these.end()), these.end());
+  for (uint64_t ino : these) {
+    InodeItem active, snapshot;
+    int found_active = readInode(active_.inodes, ino, &active);
+    int found_snapshot = found_active < 0 ? 0 : readInode(snapshot_.inodes, ino, &snapshot);
+    if (found_active < 0 || found_snapshot < 0) return std::min(found_active, found_snapshot);
+    // Visited already.
+    if (found_active > 0 && active.transid > line_) continue;
+    if (found_snapshot > 0 && snapshot.transid > line_) continue;
+    int rc = visit(ino, found_active > 0 ? &active : nullptr, found_snapshot > 0 ? &snapshot : nullptr);
+    if (rc < 0) return rc;
+  }
+  return 0;
+}
+
+int TreeDiff::visitPending() {
+  int rc = 0;
+  while (rc == 0 && !folders_.empty()) rc = visitThese(&folders_);
+  if (rc == 0) rc = visitThese(&pending_);
+  folders_ = {};
+  pending_ = {};
+  return rc;
+}
+
+int TreeDiff::record(uint64_t ino, unsigned state) {
+  // A file with several names may be known elsewhere, too.
+  if ((state & KEST_DI_LINKED) == 0 && not_shown_.contains(ino)) return 0;
+  found_.add({ino, state});
+  return (state & KEST_DI_ACTIVE) != 0 ? addLeadsTo(ino) : 0;
+}
+
+int TreeDiff::addLeadsTo(uint64_t ino) {
+  int rc = visitNames(active_.properties, ino, [&](uint64_t parent, std::string_view) {
+    if (parent != ino && !not_shown_.contains(parent)) ways_.add({parent, ino});
+  });
+  return std::min(rc, 0);
+}
+
+int TreeDiff::findJunctions() {
+  std::vector<Subvolume> nested;
+  int rc = listNested(handle_.root.get(), handle_.subvol_id, 0, &nested);
+  if (rc < 0) return rc;
+  for (const Subvolume &one : nested) {
+    rc = not_shown_.contains(one.dir) ? 1 : hidden_.hidesSubvolume(one.dir, one.name, one.id);
+    if (rc < 0) return rc;
+    if (rc > 0) continue;
+    junctions_.push_back({one.dir, one.id, one.name});
+    ways_.add({one.dir, 0});
+  }
+  std::sort(junctions_.begin(), junctions_.end(),
+            [](const NestedSubvolume &a, const NestedSubvolume &b) { return a.dir < b.dir; });
+  return 0;
+}
+
+// Completes the ways from the root down to what was found, by going up from there.
+int TreeDiff::climb() {
+  PairSorter all;
+  std::vector<uint64_t> climbed;  // directories, by number
+  for (;;) {
+    SortedPairs latest = ways_.finish();
+    std::vector<uint64_t> step;
+    NumberPair way;
+    for (SortedPairs::Cursor cursor = latest.begin(); cursor.next(&way);) {
+      // From an inode of the difference the way up is known.
+      if (way.first == kFirstInode || (!step.empty() && step.back() == way.first) ||
+          find(way.first).alive() || std::binary_search(climbed.begin(), climbed.end(), way.first))
+        continue;
+      step.push_back(way.first);
+    }
+    all.add(std::move(latest));
+    if (step.empty()) break;
+    for (uint64_t dir : step) {
+      int rc = addLeadsTo(dir);
+      if (rc < 0) return rc;
+    }
+    const auto before = static_cast<ptrdiff_t>(climbed.size());
+    climbed.insert(climbed.end(), step.begin(), step.end());
+    std::inplace_merge(climbed.begin(), climbed.begin() + before, climbed.end());
+  }
+  leads_ = all.finish();
   return 0;
 }
 

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <set>
@@ -208,6 +209,65 @@ TEST_F(Difference, ListsChangedEntries) {
   EXPECT_EQ(2, seen);
 }
 
+TEST_F(Difference, LeadsToChangesAndJunctionsAlone) {
+  for (const char *dir : {"quiet/q", "way/down/far", "moved/in", "links", "flags", "holds/junction"})
+    tree_.dirs(dir);
+  for (const char *file : {"quiet/q/f", "way/down/far/f", "way/down/far/g", "moved/in/f", "links/f"})
+    tree_.file(file, "text");
+  // More names in one directory than one item holds.
+  const auto linkName = [](int i) { return "links/" + std::string(120, 'n') + std::to_string(i); };
+  for (int i = 0; i < 300; ++i) tree_.link("links/f", linkName(i));
+  tree_.link("links/f", "way/link");
+  tree_.dirs(".snapshots/1");
+  tree_.file(".snapshots/1/info", "text");
+  snapshot();
+  tree_.append("way/down/far/f", "!");
+  tree_.rename("moved", "quiet/moved");
+  tree_.append("links/f", "!");
+  tree_.chmod("flags", 0700);
+  tree_.append(".snapshots/1/info", "!");
+  fs_.createSubvolume("data/holds/junction/nested");
+  Scan scan = openDifference(active_, snapshot_);
+  const auto leads = [&](const std::string &dir) {
+    return leadingEntries(active_, scan, tree_.inode(dir));
+  };
+  const std::string nested = leads("holds/junction");
+  EXPECT_EQ("nested=", nested.substr(0, 7)) << nested;
+  EXPECT_EQ("quiet way links flags holds", leads("."));
+  EXPECT_EQ("moved", leads("quiet"));
+  EXPECT_EQ("down link", leads("way"));
+  EXPECT_EQ("f", leads("way/down/far"));
+  EXPECT_EQ("", leads("quiet/moved"));
+  EXPECT_EQ("", leads("flags"));
+  const std::string links = leads("links");
+  for (int i = 0; i < 300; ++i)
+    ASSERT_NE(std::string::npos, (links + " ").find(linkName(i).substr(6) + " ")) << i;
+  EXPECT_EQ(300, std::count(links.begin(), links.end(), ' '));
+  for (const char *dir :
+       {"quiet", "quiet/moved", "way", "way/down/far", "flags", "holds", "holds/junction"})
+    EXPECT_EQ(1, kest_leads_to_change(scan.get(), tree_.inode(dir))) << dir;
+  for (const char *dir :
+       {"quiet/q", "quiet/moved/in", "way/down/far/g", ".snapshots", ".snapshots/1/info"})
+    EXPECT_EQ(0, kest_leads_to_change(scan.get(), tree_.inode(dir))) << dir;
+  const auto known = [&](const char *path) { return kest_idifference(scan.get(), tree_.inode(path)); };
+  const int both = KEST_DI_ACTIVE | KEST_DI_SNAPSHOT;
+  EXPECT_EQ(both | KEST_DI_LINKED, known("links/f"));
+  EXPECT_EQ(both, known("way/down/far/f"));
+  EXPECT_EQ(both | KEST_DI_DIR, known("flags"));
+  EXPECT_EQ(both | KEST_DI_DIR | KEST_DI_ENTRIES, known("quiet"));
+  EXPECT_EQ(0, known("way"));
+
+  // A listing that is under way sees what has been done since.
+  Inode far = openInode(active_, tree_.inode("way/down/far"));
+  const ino_t gone = tree_.inode("way/down/far/f");
+  tree_.rename("way/down/far/f", "elsewhere");
+  tree_.file("way/down/far/f");
+  const kest_direntx64_t *entry;
+  ASSERT_EQ(0, kest_ireaddirc64(far.get(), scan.get(), &entry));
+  EXPECT_EQ(nullptr, entry);
+  EXPECT_EQ(1, kest_leads_to_change(scan.get(), gone));
+}
+
 TEST_F(Difference, TellsReusedNumbersApart) {
   tree_.file("stays");
   tree_.dirs("last");
@@ -257,6 +317,8 @@ TEST_F(Difference, UnitesBothTreesAfterARollback) {
   snapshot_ = openHandle(fs_.mountPoint(), "rolled", "second");
   // "own" may have the number of "later": then one number stands for two files.
   ASSERT_EQ(later, tree_.inode("own"));
+  EXPECT_EQ(KEST_DI_ACTIVE | KEST_DI_SNAPSHOT | KEST_DI_REPLACED,
+            kest_idifference(openDifference(active_, snapshot_).get(), later));
   expect(".");
   expect("base");
   expect("dir");

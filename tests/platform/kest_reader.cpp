@@ -28,6 +28,20 @@ std::string ranges(kest_ifile_t *file, kest_iscan_t *scan, int64_t term) {
   return text;
 }
 
+template <typename Call>
+std::string entriesBy(Call call, const char *name, const Handle &active, const Scan &scan,
+                      uint64_t ino) {
+  Inode dir = openInode(active, ino);
+  std::string text;
+  const kest_direntx64_t *entry;
+  int rc;
+  while ((rc = call(dir.get(), scan.get(), &entry)) == 0 && entry != nullptr)
+    add(&text, std::string(entry->d_name) + ((entry->d_type & KEST_DT_SNAP) ? "@snap" : "") +
+                   ((entry->d_flags & KEST_DF_JUNCTION) ? "=" + std::to_string(entry->d_ino) : ""));
+  if (rc < 0) fail(name);
+  return text;
+}
+
 }  // namespace
 
 Handle openHandle(const std::string &device, const std::string &fileset, const char *snapshot) {
@@ -67,15 +81,11 @@ std::string inodesOf(const Scan &scan) {
 }
 
 std::string changedEntries(const Handle &active, const Scan &scan, uint64_t ino) {
-  Inode dir = openInode(active, ino);
-  std::string text;
-  const kest_direntx64_t *entry;
-  int rc;
-  while ((rc = kest_ireaddirx64(dir.get(), scan.get(), &entry)) == 0 && entry != nullptr)
-    add(&text, std::string(entry->d_name) + ((entry->d_type & KEST_DT_SNAP) ? "@snap" : "") +
-                   ((entry->d_flags & KEST_DF_JUNCTION) ? "=" + std::to_string(entry->d_ino) : ""));
-  if (rc < 0) fail("kest_ireaddirx64");
-  return text;
+  return entriesBy(kest_ireaddirx64, "kest_ireaddirx64", active, scan, ino);
+}
+
+std::string leadingEntries(const Handle &active, const Scan &scan, uint64_t ino) {
+  return entriesBy(kest_ireaddirc64, "kest_ireaddirc64", active, scan, ino);
 }
 
 std::string listing(const Handle &handle, uint64_t ino) {

@@ -34,6 +34,8 @@ Inode openInode(const Handle &handle, uint64_t ino);
 std::string inodesOf(const Scan &scan);
 // Changed entries as "name" (active) and "name@snap", in the order they come.
 std::string changedEntries(const Handle &active, const Scan &scan, uint64_t ino);
+// The same of those that matter to a walk.
+std::string leadingEntries(const Handle &active, const Scan &scan, uint64_t ino);
 // Names of the listing, sorted, without the dots; junctions as "name=id".
 std::string listing(const Handle &handle, uint64_t ino);
 // Changed ranges as "offset+length", holes of the snapshot as "offset+length(hole)".

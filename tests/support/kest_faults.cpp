@@ -175,6 +175,8 @@ WRAP(kest_iscan_t *, kest_open_inodescan64, (Handle h, const kest_snapid_t *prev
 WRAP(int, kest_next_inode64, (kest_iscan_t * s, uint64_t end, const kest_iattr64_t **a), s, end, a)
 WRAP(int, kest_stat_inode64, (kest_iscan_t * s, uint64_t i, uint64_t t, const kest_iattr64_t **a), s, i,
      t, a)
+WRAP(int, kest_idifference, (kest_iscan_t * s, uint64_t i), s, i)
+WRAP(int, kest_leads_to_change, (kest_iscan_t * s, uint64_t i), s, i)
 WRAP(kest_ifile_t *, kest_iopen64, (Handle h, uint64_t i, int f, const void *a, const char *l), h, i, f,
      a, l)
 WRAP(int, kest_same_file, (const kest_ifile_t *a, const kest_ifile_t *b), a, b)
@@ -188,6 +190,7 @@ WRAP(int64_t, kest_iwritex, (kest_ifile_t * f, const void *b, int64_t l, int64_t
      h)
 WRAP(int, kest_ireaddir64, (kest_ifile_t * d, const kest_direntx64_t **e), d, e)
 WRAP(int, kest_ireaddirx64, (kest_ifile_t * d, kest_iscan_t *s, const kest_direntx64_t **e), d, s, e)
+WRAP(int, kest_ireaddirc64, (kest_ifile_t * d, kest_iscan_t *s, const kest_direntx64_t **e), d, s, e)
 WRAP(int, kest_igetattrsx, (kest_ifile_t * f, int g, void *b, int s, int *n), f, g, b, s, n)
 WRAP(int, kest_iputattrsx, (kest_ifile_t * f, int g, const void *b, const char *p), f, g, b, p)
 WRAP(int, kest_clone_snap, (const char *p, const char *s), p, s)
