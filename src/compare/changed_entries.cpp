@@ -9,6 +9,7 @@
 #include "compare/missing_link.h"
 #include "compare/moved_object.h"
 #include "object/junction.h"
+#include "object/link_count.h"
 #include "object/object_stat.h"
 #include "object/path_files.h"
 #include "oplist/dir_lists.h"
@@ -32,13 +33,11 @@ class ChangedEntries {
   explicit ChangedEntries(CommonDir &dir) : dir_(dir) {}
 
   int read() {
-    Inode open_dir = openInode(handles.activeFsP, dir_.ino);
-    if (!open_dir) return fail(errno, 2);
     int64_t count = 0;
     for (;;) {
       if (stopSignal() != 0) return fail(errno = EINTR, 3);
       const kest_direntx64_t *entry = nullptr;
-      if (kest_ireaddirx64(open_dir.get(), handles.iscanP, &entry) != 0) return fail(errno, 3);
+      if (kest_ireaddirx64(dir_.active.get(), handles.iscanP, &entry) != 0) return fail(errno, 3);
       if (!entry) return 0;
       if (++count % 1000 == 0 && settings.phase == kPhaseMaster) {
         userMessage(Message::kEntriesProcessed, formatTimeStamp(), count);
@@ -78,7 +77,7 @@ class ChangedEntries {
       const DiffItem *item = findItem(entry.d_ino);
       if (item && item->type & (kDiffDeleted | kDiffNew)) kind = kKindDeleted;
     } else {
-      kind = checkFile(entry.d_ino);
+      kind = checkScanned(entry.d_ino);
       if (kind < 0) {
         traceLog("traverseCommonDir: checkFile failed: %lld\n", static_cast<long long>(entry.d_ino));
         return fail(-1, 4);
@@ -144,7 +143,7 @@ class ChangedEntries {
       if (!isDirEntry(entry)) dir_.newNames.insert(entry.d_name);
       return 0;
     }
-    int kind = checkFile(entry.d_ino);
+    int kind = checkScanned(entry.d_ino);
     if (kind < 0) {
       traceLog("traverseCommonDir: checkFile failed, %lld\n", static_cast<long long>(entry.d_ino));
       return fail(-1, 6);

@@ -7,22 +7,56 @@
 #include "object/object_stat.h"
 #include "oplist/main_lists.h"
 #include "oplist/move_back_lists.h"
+#include "run/settings.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 #include "scan/diff_table.h"
 #include "scan/same_file.h"
 #include "scan/scan_pass.h"
 
-int traverseCommonDir(const std::string &path, uint64_t ino) {
-  traceLog("traverseCommonDir: Path %s, ino %lld\n", path.c_str(), static_cast<long long>(ino));
-  CommonDir dir{path, ino, {}, 0};
+WalkCount walkCount;
+
+namespace {
+
+void tracePassedOver() {
+  traceLog(
+      "traverseCommonDir: pass %d, %lld directories, %lld entries lead to changes, others passed "
+      "over\n",
+      settings.pass, walkCount.directories, walkCount.entries);
+  walkCount = {};
+}
+
+int readBoth(CommonDir &dir) {
+  dir.active = openInode(handles.activeFsP, dir.ino);
+  if (!dir.active) {
+    dir.code = 2;
+    return errno;
+  }
+  ++walkCount.directories;
   int rc = readChangedEntries(dir);
-  if (rc == 0) rc = readFullListing(dir);
+  return rc == 0 ? readLeadingEntries(dir) : rc;
+}
+
+}  // namespace
+
+int traverseCommonDir(const std::string &path, uint64_t ino) {
+  CommonDir dir{path, ino, {}, {}, 0};
+  int rc = kest_leads_to_change(handles.iscanP, ino);
+  if (rc == 0) return 0;
+  if (rc > 0) {
+    traceLog("traverseCommonDir: Path %s, ino %lld\n", path.c_str(), static_cast<long long>(ino));
+    rc = readBoth(dir);
+  } else {
+    dir.code = 2;
+    rc = errno;
+  }
   if (rc != 0) {
     int err = errno;
     traceLog("traverseCommonDir: path %s, ino %lld, rc %d, code %d, error %d\n", path.c_str(),
              static_cast<long long>(ino), rc, dir.code, err);
     errno = err;
+  } else if (ino == handles.rootIno) {
+    tracePassedOver();
   }
   return rc;
 }
@@ -43,5 +77,6 @@ int walkMovedDirs() {
     }
     if (int rc = traverseCommonDir(waiting, ino)) return rc;
   }
+  tracePassedOver();
   return 0;
 }

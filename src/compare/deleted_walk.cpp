@@ -6,6 +6,7 @@
 #include "compare/missing_link.h"
 #include "compare/moved_object.h"
 #include "object/junction.h"
+#include "object/link_count.h"
 #include "oplist/dir_lists.h"
 #include "record/aggregate.h"
 #include "run/path.h"
@@ -69,7 +70,7 @@ class DeletedWalk {
       }
       lives_on = item->type & (kDiffChanged | kDiffMoved);
     } else {
-      const int kind = checkFile(entry.d_ino);
+      const int kind = checkScanned(entry.d_ino);
       if (kind < 0) return fail(errno, 8);
       lives_on = kind == kKindSame;
     }

@@ -23,6 +23,3 @@ bool isDotEntry(std::string_view name);
 
 // True for a quota file of the file system in the fileset's root directory: never restored.
 bool isQuotaFile(const std::string &directory, const char *name);
-
-// True when a non-directory has two or more links in the snapshot or in the active fileset.
-bool isHardLinked(uint64_t ino);

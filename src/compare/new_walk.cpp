@@ -5,6 +5,7 @@
 #include "compare/dir_entry.h"
 #include "compare/moved_object.h"
 #include "object/junction.h"
+#include "object/link_count.h"
 #include "oplist/dir_lists.h"
 #include "oplist/link_list.h"
 #include "oplist/move_back_lists.h"
@@ -71,7 +72,7 @@ class NewWalk {
     if (in_range) {
       is_new = item && item->type & kDiffNew;
     } else {
-      const int kind = checkFile(entry.d_ino);
+      const int kind = checkScanned(entry.d_ino);
       if (kind < 0) return fail(errno, 2);
       if (kind == kKindDeleted) return 0;  // gone since the listing was taken
       is_new = kind == kKindOther;

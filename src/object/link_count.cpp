@@ -8,24 +8,22 @@
 
 namespace {
 
-uint32_t linksIn(kest_iscan_t *scan_of, uint64_t ino) {
-  const kest_iattr64_t *attr = nullptr;
-  if (int rc = kest_stat_inode64(scan_of, ino, ino + 1, &attr); rc != 0) {
-    traceLog("checkActiveLink return error, rc %d, errno %d\n", rc, errno);
-    // Its names would be restored as if each were a file of its own: the run must not end well.
-    setFatalError(errno);
-    return 0;
-  }
-  if (attr == nullptr || isDirectory(attr->ia_mode) || attr->ia_nlink < 2) return 0;
-  return static_cast<uint32_t>(attr->ia_nlink);
+bool failed(const char *call, int rc) {
+  traceLog("%s return error, rc %d, errno %d\n", call, rc, errno);
+  // Its names would be restored as if each were a file of its own: the run must not end well.
+  setFatalError(errno);
+  return false;
 }
 
 }  // namespace
 
-uint32_t checkActiveLink(uint64_t ino) {
-  return linksIn(handles.iscanP, ino);
-}
-
-uint32_t checkSnapLink(uint64_t ino) {
-  return linksIn(handles.iscanFromP, ino);
+bool isHardLinked(uint64_t ino) {
+  const int known = kest_idifference(handles.iscanP, ino);
+  if (known < 0) return failed("checkActiveLink", known);
+  if (known > 0) return known & KEST_DI_LINKED;
+  // An inode that did not change has its names in the snapshot.
+  const kest_iattr64_t *attr = nullptr;
+  if (int rc = kest_stat_inode64(handles.iscanFromP, ino, ino + 1, &attr); rc != 0)
+    return failed("checkSnapLink", rc);
+  return attr != nullptr && !isDirectory(attr->ia_mode) && attr->ia_nlink > 1;
 }

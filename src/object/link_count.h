@@ -1,10 +1,9 @@
-// Link-count probes.
+// Hard links.
 #pragma once
 
 #include <cstdint>
 
-// The link count of the inode in the active fileset, or in the snapshot, when it is two or more and the
-// inode no directory; else 0, also on every error, which is traced and recorded as fatal, and where the scan
-// holds no attributes: an inode that did not change is in the snapshot's scan alone.
-uint32_t checkActiveLink(uint64_t ino);
-uint32_t checkSnapLink(uint64_t ino);
+// True when a non-directory has two or more names in the snapshot, or had them in the active fileset
+// when the difference was computed. False also on every error, which is traced and recorded as fatal.
+// Master only.
+bool isHardLinked(uint64_t ino);

@@ -1,8 +1,11 @@
 #include "scan/diff_table.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <memory>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "run/trace_log.h"
 #include "run/work_dir.h"
@@ -12,8 +15,27 @@ int32_t addCount = 0, freeCount = 0;
 
 namespace {
 
+static_assert(sizeof(DiffItem) == 24);
 constexpr uint64_t kBuckets = 512000;
 DiffItem **buckets = nullptr;
+
+// Items come from slabs: one at a time would take a third more than the 24 bytes that are budgeted.
+constexpr size_t kSlabItems = 16 * 1024;
+struct SlabFree {
+  void operator()(DiffItem *slab) const { ::operator delete(slab); }
+};
+std::vector<std::unique_ptr<DiffItem, SlabFree>> slabs;
+size_t slabUsed = kSlabItems;  // items of the last one
+
+DiffItem *newItem() {
+  if (slabUsed == kSlabItems) {
+    void *memory = ::operator new(kSlabItems * sizeof(DiffItem), std::nothrow);
+    if (memory == nullptr) return nullptr;
+    slabs.emplace_back(static_cast<DiffItem *>(memory));
+    slabUsed = 0;
+  }
+  return slabs.back().get() + slabUsed++;
+}
 
 DiffItem **bucketOf(uint64_t ino) {
   return &buckets[ino % kBuckets];
@@ -38,8 +60,9 @@ bool haveDiffTable() {
 
 int addItem(uint64_t ino, uint64_t, uint8_t type) {
   if (buckets == nullptr) return -1;
-  DiffItem *item = new (std::nothrow) DiffItem{ino, nullptr, type};
+  DiffItem *item = newItem();
   if (item == nullptr) return -1;
+  *item = {ino, nullptr, type};
   DiffItem **link = bucketOf(ino);
   while (*link != nullptr) link = &(*link)->next;
   *link = item;
@@ -56,13 +79,10 @@ DiffItem *findItem(uint64_t ino) {
 
 void cleanDiffTable() {
   if (buckets == nullptr) return;
-  for (uint64_t i = 0; i < kBuckets; ++i) {
-    while (DiffItem *item = buckets[i]) {
-      buckets[i] = item->next;
-      delete item;
-      ++freeCount;
-    }
-  }
+  std::fill_n(buckets, kBuckets, nullptr);
+  if (!slabs.empty()) freeCount += static_cast<int32_t>((slabs.size() - 1) * kSlabItems + slabUsed);
+  slabs.clear();
+  slabUsed = kSlabItems;
 }
 
 void dumpDiffTable() {

@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "run/run_handles.h"
+#include "run/settings.h"
 #include "run/trace_log.h"
 #include "scan/clone_state.h"
 
@@ -16,7 +17,25 @@ int failed(uint64_t ino, int code) {
   return -1;
 }
 
+constexpr int kUnknown = -2;
+
+// What the difference knows in the first pass: a FileKind, -1 with errno, or kUnknown where the inodes
+// themselves must be asked.
+int knownKind(uint64_t ino) {
+  if (settings.pass != 1) return kUnknown;
+  const int known = kest_idifference(handles.iscanP, ino);
+  if (known < 0) return failed(ino, 4);
+  if (known == 0 || known & KEST_DI_CLONE) return kUnknown;
+  if (!(known & KEST_DI_ACTIVE)) return kKindDeleted;
+  return known & KEST_DI_SNAPSHOT && !(known & KEST_DI_REPLACED) ? kKindSame : kKindOther;
+}
+
 }  // namespace
+
+int checkScanned(uint64_t ino) {
+  const int known = knownKind(ino);
+  return known == kUnknown ? checkFile(ino) : known;
+}
 
 int checkFile(uint64_t ino) {
   Inode active = openInode(handles.activeFsP, ino);
@@ -30,6 +49,7 @@ int checkFile(uint64_t ino) {
 }
 
 int mustBeRemade(uint64_t ino) {
+  if (const int known = knownKind(ino); known != kUnknown) return known < 0 ? -1 : 0;
   Inode active = openInode(handles.activeFsP, ino);
   if (!active) return errno == ENOENT ? 0 : failed(ino, 1);
   Inode snap = openInode(handles.oldFsP, ino);

@@ -14,6 +14,10 @@ enum FileKind : int {
 // mustBeRemade.
 int checkFile(uint64_t ino);
 
+// The same for the scan and the walks: in the first pass, before the run has changed anything, it is
+// what the difference knows, and nothing is opened. Master only.
+int checkScanned(uint64_t ino);
+
 // 1 when the inode is the same in both trees, but nothing turns its clone state back into the
-// snapshot's, so that it counts as another file; 0; -1 with errno after a trace line.
+// snapshot's, so that it counts as another file; 0; -1 with errno after a trace line. As checkScanned.
 int mustBeRemade(uint64_t ino);

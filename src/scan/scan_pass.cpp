@@ -21,7 +21,7 @@ long long number(uint64_t value) {
 }
 
 int recordInode(const kest_iattr64_t &attr) {
-  const int kind = checkFile(attr.ia_inode);
+  const int kind = checkScanned(attr.ia_inode);
   if (kind < 0) return -1;
   const auto flag = static_cast<uint8_t>(kind == kKindSame ? int{kDiffChanged} : kind);
   if (addItem(attr.ia_inode, attr.ia_generation, flag) != 0) {

@@ -51,10 +51,11 @@ RunResult RestoreFixture::restore(const std::string &which, const std::vector<st
   return testsupport::runRestore(fs_->mountPoint(), fileset_, snapshotName(which), all, running);
 }
 
-void RestoreFixture::expectRestored(const std::string &which, const std::vector<std::string> &options) {
+void RestoreFixture::expectRestored(const std::string &which, const std::vector<std::string> &options,
+                                    const RunOptions &running) {
   const std::string snapshotPath = fs_->path(snapshotName(which));
   TreePrint want = fingerprint(snapshotPath), before = fingerprint(root());
-  RunResult result = restore(which, options);
+  RunResult result = restore(which, options, running);
   EXPECT_FALSE(result.timedOut);
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_EQ(result.processesLeft, 0);

@@ -49,7 +49,8 @@ class RestoreFixture : public ::testing::Test {
   // both trees equal, the snapshot unchanged, no work directory and no process left, survivors kept.
   RunResult restore(const std::string &which = "snap", const std::vector<std::string> &options = {},
                     const RunOptions &running = {});
-  void expectRestored(const std::string &which = "snap", const std::vector<std::string> &options = {});
+  void expectRestored(const std::string &which = "snap", const std::vector<std::string> &options = {},
+                      const RunOptions &running = {});
   // The whole of a table's row. Trees that equal their snapshot before the restore are an error.
   void runCase(const HistoryCase &history);
 

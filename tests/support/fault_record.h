@@ -13,6 +13,9 @@ namespace testsupport {
 inline constexpr const char *kFaultPlanVariable = "KEST_FAULT";
 inline constexpr const char *kFaultRecordVariable = "KEST_FAULT_RECORD";
 
+// Not a call of the restore's: how often the library searches the trees.
+inline constexpr const char *kTreeSearch = "tree search";
+
 struct FaultRecord {
   static constexpr uint32_t kMostNoted = 8, kCalls = 64, kPhases = 64;
 
@@ -24,7 +27,7 @@ struct FaultRecord {
     int32_t phase;  // 0: the master
     char call[40];
   } noted[kMostNoted];  // the first ones
-  // Every call of the run, whatever the plan names; phase 0 is the master.
+  // Every call of the run, whatever the plan names, and tree searches; phase 0 is the master.
   struct Made {
     char call[40];
     std::atomic<uint32_t> inPhase[kPhases];

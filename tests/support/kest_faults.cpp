@@ -2,11 +2,14 @@
 // calls fail, or kills the process that makes it, as the plan in the environment says (fault_plan.h).
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/btrfs.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -158,6 +161,18 @@ auto around(const char *name, Real *real, Arguments... arguments) {
     static auto *const real = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name)); \
     return around<__COUNTER__>(#name, real, __VA_ARGS__);                                 \
   }
+
+// Counted only: how much of the trees the library reads.
+extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
+  static auto *const real = reinterpret_cast<decltype(&ioctl)>(dlsym(RTLD_NEXT, "ioctl"));
+  va_list arguments;
+  va_start(arguments, request);
+  void *argument = va_arg(arguments, void *);
+  va_end(arguments);
+  if (request == BTRFS_IOC_TREE_SEARCH_V2 && plan().record)
+    plan().count(__COUNTER__, testsupport::kTreeSearch);
+  return real(fd, request, argument);
+}
 
 using Handle = kest_fssnap_handle_t *;
 

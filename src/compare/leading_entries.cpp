@@ -8,6 +8,7 @@
 #include "compare/moved_object.h"
 #include "compare/new_walk.h"
 #include "object/junction.h"
+#include "object/link_count.h"
 #include "oplist/dir_lists.h"
 #include "oplist/link_list.h"
 #include "oplist/main_lists.h"
@@ -24,19 +25,18 @@
 
 namespace {
 
-class FullListing {
+class LeadingEntries {
  public:
-  explicit FullListing(CommonDir &dir) : dir_(dir) {}
+  explicit LeadingEntries(CommonDir &dir) : dir_(dir) {}
 
   int read() {
-    Inode open_dir = openInode(handles.activeFsP, dir_.ino);
-    if (!open_dir) return fail(errno, 2);
     for (;;) {
       if (stopSignal() != 0) return fail(errno = EINTR, 7);
       const kest_direntx64_t *entry = nullptr;
-      if (kest_ireaddir64(open_dir.get(), &entry) != 0) return fail(errno, 7);
+      if (kest_ireaddirc64(dir_.active.get(), handles.iscanP, &entry) != 0) return fail(errno, 7);
       if (!entry) return 0;
-      if (isDotEntry(entry->d_name) || isQuotaFile(dir_.path, entry->d_name)) continue;
+      if (isQuotaFile(dir_.path, entry->d_name)) continue;
+      ++walkCount.entries;
       traceLog("traverseCommonDir:[2] d_name %s, d_ino %lld, d_type 0x%X, d_flag 0x%X\n", entry->d_name,
                static_cast<long long>(entry->d_ino), entry->d_type, entry->d_flags);
       if (int rc = handle(*entry)) return rc;
@@ -198,6 +198,6 @@ class FullListing {
 
 }  // namespace
 
-int readFullListing(CommonDir &dir) {
-  return FullListing(dir).read();
+int readLeadingEntries(CommonDir &dir) {
+  return LeadingEntries(dir).read();
 }

@@ -1,0 +1,83 @@
+// What a restore costs must follow from what changed, not from what is there: calls are counted, not
+// seconds.
+#include <map>
+#include <string>
+
+#include "scenario/restore_fixture.h"
+#include "support/fault_plan.h"
+
+namespace {
+
+using scenario::RestoreFixture;
+using Counts = std::map<std::pair<std::string, int>, uint32_t>;
+
+constexpr int kMaster = testsupport::kMaster;
+
+class Cost : public RestoreFixture {
+ protected:
+  // Restores a tree with 500 files and `more` that nothing happens to, and counts what that takes.
+  Counts countsWith(int more, void (*change)(TreeBuilder &)) {
+    TearDown();
+    SetUp();
+    for (int dir = 0; dir < 10; ++dir) {
+      tree().dirs(name("busy", dir) + "/below");
+      for (int file = 0; file < 50; ++file) tree().file(name("busy", dir) + name("/f", file), "text");
+    }
+    tree().file("linked");
+    tree().link("linked", "busy0/linked");
+    tree().dirs("wide");
+    tree().file("wide/changed", "text");
+    for (int i = 0; i < more; ++i) {
+      if (i % 100 == 0) tree().dirs("quiet/" + name("d", i / 100) + "/below");
+      tree().file(i % 2 == 0 ? "wide/" + name("f", i) : "quiet/" + name("d", i / 100) + name("/f", i));
+      if (i % 50 == 0) tree().link("wide/" + name("f", i), "quiet/" + name("l", i));
+    }
+    takeSnapshot();
+    change(tree());
+    testsupport::FaultPlan plan(testsupport::Fault{.call = "none"});
+    testsupport::RunOptions options;
+    options.environment = plan.environment();
+    expectRestored("snap", {}, options);
+    return plan.made();
+  }
+
+  static std::string name(const char *stem, int number) { return stem + std::to_string(number); }
+
+  static void expectSame(Counts small, Counts large) {
+    // Blocks end elsewhere in a larger tree, so that a few searches more or less come of that alone.
+    const auto searches = std::make_pair(std::string(testsupport::kTreeSearch), kMaster);
+    EXPECT_LE(large[searches], small[searches] + small[searches] / 4 + 20);
+    for (const Counts &counts : {small, large})
+      for (const auto &[call, count] : counts)
+        if (call.second == kMaster && call != searches)
+          EXPECT_EQ(small[call], large[call]) << call.first;
+  }
+};
+
+TEST_F(Cost, FiftyChangesAmongFiveHundredAndTwentyThousand) {
+  const auto change = [](TreeBuilder &t) {
+    for (int dir = 0; dir < 10; ++dir) {
+      const std::string busy = name("busy", dir);
+      t.append(busy + "/f1", "changed");
+      t.rename(busy + "/f2", busy + "/below/f2");
+      t.remove(busy + "/f3");
+      t.file(busy + "/new");
+      t.chmod(busy + "/below", 0700);
+    }
+    t.append("wide/changed", "changed");
+    t.append("linked", "changed");
+  };
+  Counts small = countsWith(0, change);
+  expectSame(small, countsWith(20000, change));
+  // In one pass nothing is asked of an inode that the difference does not know already.
+  EXPECT_LE((small[{"kest_iopen64", kMaster}]), 120u);
+}
+
+TEST_F(Cost, NothingToDo) {
+  const auto change = [](TreeBuilder &t) { t.file("new"); };
+  Counts small = countsWith(0, change), large = countsWith(20000, change);
+  expectSame(small, large);
+  EXPECT_LE((large[{std::string(testsupport::kTreeSearch), kMaster}]), 60u);
+}
+
+}  // namespace
