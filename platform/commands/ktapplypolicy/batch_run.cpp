@@ -15,7 +15,7 @@ namespace kest {
 namespace {
 
 // How often slots that other engines hold are looked at: long against the look, short against a worker.
-constexpr int kSlotPollMs = 5;
+constexpr int kSlotPollMs = 1;
 constexpr std::chrono::seconds kPatience(2);
 
 void complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -181,7 +181,7 @@ bool BatchRun::start(WorkerCommand command, WorkerSlots::Slot slot, std::unique_
 void BatchRun::wait(bool for_slot) {
   struct pollfd polled[2] = {{signals_->fd(), POLLIN, 0},
                              {outer_gone_ ? -1 : slots_->outerEngine(), POLLIN, 0}};
-  int timeout = for_slot ? kSlotPollMs : -1;
+  int timeout = for_slot && slots_->othersHoldSlots() ? kSlotPollMs : -1;
   if (poll(polled, 2, timeout) < 0 && errno != EINTR) {
     complain("poll: %s", strerror(errno));
     outcome_.own_error = errno;

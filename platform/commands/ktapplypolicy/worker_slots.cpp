@@ -133,6 +133,10 @@ void WorkerSlots::release(Slot slot) {
   }
 }
 
+bool WorkerSlots::othersHoldSlots() const {
+  return (nested_ && !lent_in_use_) || std::find(held_.begin(), held_.end(), false) != held_.end();
+}
+
 std::string WorkerSlots::environment(Slot slot) const {
   return std::to_string(getpid()) + ":" + std::to_string(area_.get()) + ":" +
          std::to_string(slot.index) + ":" + std::to_string(slot.depth);

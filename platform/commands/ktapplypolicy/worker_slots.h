@@ -50,6 +50,9 @@ class WorkerSlots {
   // Value of KT_WORKER_SLOT for the worker that runs on `slot`.
   std::string environment(Slot slot) const;
 
+  // True when a slot that this engine does not hold exists: another engine can give it back.
+  bool othersHoldSlots() const;
+
   size_t budget() const { return held_.size(); }
   // Process descriptor of the engine that this run is nested in; -1 for the outermost.
   int outerEngine() const { return outer_.get(); }

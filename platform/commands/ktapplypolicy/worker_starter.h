@@ -7,6 +7,8 @@
 #include <signal.h>
 #include <sys/types.h>
 
+#include "btrfs/unique_fd.h"
+
 namespace kest {
 
 // One program start: argv and the variables that are set on top of this process's environment.
@@ -34,6 +36,7 @@ class LocalStarter : public WorkerStarter {
 
  private:
   sigset_t mask_;
+  UniqueFd input_;
 };
 
 // True when every node of the comma-separated list is this machine: "all", "localhost" or its host
