@@ -17,6 +17,7 @@
 #include "driver/preparation.h"
 #include "object/attr_restore.h"
 #include "object/object_stat.h"
+#include "oplist/dir_lists.h"
 #include "oplist/main_lists.h"
 #include "oplist/move_back_lists.h"
 #include "run/fatal_error.h"
@@ -85,6 +86,7 @@ int closePassLists() {
   closeWorkFile(opListP, "opList", &rc);
   closeWorkFile(cpListP, "cpList", &rc);
   closeWorkFile(cpDeltaP, "cpDelta", &rc);
+  closeDirLists(&rc);
   return rc;
 }
 

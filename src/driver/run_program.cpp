@@ -9,6 +9,7 @@
 #include "driver/command_line.h"
 #include "driver/master_run.h"
 #include "driver/preparation.h"
+#include "oplist/dir_lists.h"
 #include "oplist/main_lists.h"
 #include "oplist/move_back_lists.h"
 #include "run/settings.h"
@@ -24,6 +25,7 @@ void releaseLists(int *rc) {
   closeWorkFile(opListP, "opList", rc);
   closeWorkFile(cpListP, "cpList", rc);
   closeWorkFile(cpDeltaP, "cpDelta", rc);
+  closeDirLists(rc);
   closeWorkFile(regMvfP, "regMv", rc);
   closeWorkFile(dirMvfP, "dirMv", rc);
 }

@@ -1,6 +1,10 @@
 #include "oplist/dir_lists.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <memory>
+#include <utility>
+#include <vector>
 
 #include "oplist/data_ranges.h"
 #include "record/aggregate.h"
@@ -14,17 +18,39 @@ int32_t dirDepth = 0;
 
 namespace {
 
-// Opens a list of the set for appending, making the set's directory for its first list.
-std::unique_ptr<WorkFile> openSetList(const std::string &list_path, uint64_t rootIno, bool isDelDir) {
-  std::unique_ptr<WorkFile> list = WorkFile::open(list_path, WorkFile::Mode::kShared);
+// A list of a set: of one depth, its records or its moves.
+struct ListName {
+  uint64_t rootIno;
+  int32_t depth;
+  bool isDelDir, moves;
+
+  bool operator==(const ListName &) const = default;
+  std::string path() const {
+    return moves ? dirSetMoveList(rootIno, isDelDir, depth) : dirSetList(rootIno, isDelDir, depth);
+  }
+};
+
+struct OpenList {
+  ListName name;
+  std::unique_ptr<WorkFile> file;
+};
+
+// The lists written to last, the latest first. A walk goes up and down a few of them.
+constexpr size_t kOpenLists = 32;
+std::vector<OpenList> openLists;
+
+// Opens a list of a set for appending, making the set's directory for its first list.
+std::unique_ptr<WorkFile> openSetList(const ListName &name) {
+  const std::string list_path = name.path();
+  std::unique_ptr<WorkFile> list = WorkFile::open(list_path, WorkFile::Mode::kKeep);
   std::string failed = list_path;
   if (!list && errno == ENOENT) {
-    std::string set = dirSet(rootIno, isDelDir);
+    std::string set = dirSet(name.rootIno, name.isDelDir);
     if (int err = makeWorkDirectory(set)) {
       failed = set;
       errno = err;
     } else {
-      list = WorkFile::open(list_path, WorkFile::Mode::kShared);
+      list = WorkFile::open(list_path, WorkFile::Mode::kKeep);
     }
   }
   if (!list) {
@@ -35,6 +61,28 @@ std::unique_ptr<WorkFile> openSetList(const std::string &list_path, uint64_t roo
   return list;
 }
 
+// The open list, or null and errno.
+WorkFile *setList(const ListName &name) {
+  auto found = std::find_if(openLists.begin(), openLists.end(),
+                            [&name](const OpenList &list) { return list.name == name; });
+  if (found == openLists.end()) {
+    if (openLists.size() == kOpenLists) {
+      int rc = 0;
+      closeWorkFile(openLists.back().file, openLists.back().name.path(), &rc);
+      openLists.pop_back();
+      if (rc != 0) {
+        errno = rc;
+        return nullptr;
+      }
+    }
+    std::unique_ptr<WorkFile> file = openSetList(name);
+    if (!file) return nullptr;
+    found = openLists.insert(openLists.end(), {name, std::move(file)});
+  }
+  std::rotate(openLists.begin(), found, found + 1);
+  return openLists.front().file.get();
+}
+
 ListResult addPlainRecord(WorkFile &list, const std::string &path, uint64_t ino, OpCode op, int code) {
   aggregates.main.countRecord(settings.unitSize);
   if (writeListRecord(list, aggregates.main.iAgg, ino, path, formatOpString(op)) != 0)
@@ -43,37 +91,25 @@ ListResult addPlainRecord(WorkFile &list, const std::string &path, uint64_t ino,
   return {};
 }
 
-ListResult listMove(uint64_t rootIno, const std::string &path, uint64_t ino, bool isDelDir) {
-  std::unique_ptr<WorkFile> list =
-      openSetList(dirSetMoveList(rootIno, isDelDir, dirDepth), rootIno, isDelDir);
-  if (!list) return {errno, 51};
-  ListResult result = addPlainRecord(*list, path, ino, kOpMoveFile, 52);
-  closeWorkFile(list, "dir.move", &result.rc);
-  return result;
-}
-
 ListResult listOne(uint64_t rootIno, const std::string &path, uint64_t ino, OpCode opCode,
                    bool isDelDir) {
-  std::unique_ptr<WorkFile> list =
-      openSetList(dirSetList(rootIno, isDelDir, dirDepth), rootIno, isDelDir);
-  if (!list) return {errno, 1};
-  const RangeWriter writer{"DirListRecord", list.get(), 151, 15};
-  ListResult result;
+  const bool moves = opCode == kOpMoveFile;
+  WorkFile *list = nullptr;
+  if (opCode != kOpRestoreDelFile) {
+    list = setList({rootIno, dirDepth, isDelDir, moves});
+    if (!list) return {errno, moves ? 51 : 1};
+  }
+  const RangeWriter writer{"DirListRecord", list, 151, 15};
   switch (opCode) {
     case kOpMoveFile:
-      result = listMove(rootIno, path, ino, isDelDir);
-      break;
+      return addPlainRecord(*list, path, ino, opCode, 52);
     case kOpRestoreDiffFile:
-      result = listChangedFile(writer, path, ino);
-      break;
+      return listChangedFile(writer, path, ino);
     case kOpRestoreDelFile:
-      result = listDeletedFile(writer, path, ino);
-      break;
+      return listDeletedFile(writer, path, ino);
     default:
-      result = addPlainRecord(*list, path, ino, opCode, 2);
+      return addPlainRecord(*list, path, ino, opCode, 2);
   }
-  closeWorkFile(list, "DirListRecord", &result.rc);
-  return result;
 }
 
 }  // namespace
@@ -95,4 +131,9 @@ int DirListRecord(uint64_t rootIno, const std::string &path, uint64_t ino, OpCod
     errno = err;
   }
   return result.rc;
+}
+
+void closeDirLists(int *rc) {
+  for (OpenList &list : openLists) closeWorkFile(list.file, list.name.path(), rc);
+  openLists.clear();
 }

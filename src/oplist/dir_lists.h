@@ -14,3 +14,7 @@ extern int32_t dirDepth;
 // errno.
 int DirListRecord(uint64_t rootIno, const std::string &path, uint64_t ino, OpCode opCode, int nextOps,
                   bool isDelDir);
+
+// Writes out what DirListRecord keeps in memory and closes its lists; before any of them is read. A
+// failure goes to *rc unless there is one already.
+void closeDirLists(int *rc);

@@ -1,19 +1,19 @@
 #include "oplist/link_list.h"
 
 #include <cerrno>
-#include <unordered_set>
 
 #include "record/side_list.h"
+#include "run/number_set.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 
 namespace {
-std::unordered_set<uint64_t> recorded;
+NumberSet recorded;
 }
 
 int listLink(const std::string &path, uint64_t ino) {
   const long long number = static_cast<long long>(ino);
-  if (recorded.count(ino) != 0) {
+  if (recorded.contains(ino)) {
     traceLog("listLink: ino %lld is record, skip it.\n", number);
     return 0;
   }

@@ -1,19 +1,18 @@
 #include "oplist/list_update.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <string_view>
-#include <unordered_map>
-#include <unordered_set>
-#include <utility>
 #include <vector>
 
+#include "oplist/checkpoint_files.h"
+#include "oplist/done_records.h"
 #include "record/checkpoint.h"
 #include "record/record_format.h"
+#include "run/file_reader.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
@@ -21,14 +20,9 @@
 
 namespace {
 
-// A performed record as checkpoints name it.
-using Record = std::pair<uint64_t, std::string>;
-struct RecordHash {
-  size_t operator()(const Record &record) const {
-    return std::hash<uint64_t>()(record.first) * 31 + std::hash<std::string>()(record.second);
-  }
-};
-using RecordSet = std::unordered_set<Record, RecordHash>;
+// No line of a checkpoint file is longer, and none is shorter.
+constexpr size_t kCheckpointLineMax = 16384;
+constexpr size_t kCheckpointLineMin = 12;
 
 class Update {
  public:
@@ -36,10 +30,11 @@ class Update {
 
   int run() {
     traceLog("updateOpList: origOpList %s\n", list_.c_str());
-    if (!readWholeFile(list_, &text_)) return fail(1);
+    if (!reader_.open(list_)) return fail(1);
     std::unique_ptr<WorkFile> temp = WorkFile::open(temp_, WorkFile::Mode::kTruncate);
     if (!temp) return fail(2);
     if (int rc = readCheckpoints()) return rc;
+    if (int rc = countAlike()) return rc;
     if (int rc = writePending(*temp)) return rc;
     int rc = 0;
     closeWorkFile(temp, temp_, &rc);
@@ -56,97 +51,109 @@ class Update {
   }
 
   int readCheckpoints() {
-    const std::string dir_path = workPath(kCheckpointDir);
-    const std::string prefix = checkpointPrefix(pid_);
-    DIR *dir = opendir(dir_path.c_str());
-    if (!dir) {
-      int err = errno;
-      traceLog("couldn't open checkpoint dir %s\n", dir_path.c_str());
-      errno = err;
-      return fail(31);
-    }
     std::vector<std::string> files;
-    errno = 0;
-    while (const dirent *entry = readdir(dir)) {
-      if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) {
-        files.push_back(dir_path + "/" + entry->d_name);
-      }
-      errno = 0;
+    if ((errno = findCheckpointFiles(pid_, &files)) != 0) return fail(31);
+    uint64_t bytes = 0;
+    for (const std::string &file : files) {
+      struct stat st;
+      if (stat(file.c_str(), &st) != 0) return fail(4);
+      bytes += static_cast<uint64_t>(st.st_size);
     }
-    const int read_error = errno;
-    closedir(dir);
-    errno = read_error;
-    if (read_error != 0) return fail(31);
+    done_.reserve(bytes / kCheckpointLineMin);
     int total = 0;
     for (const std::string &file : files) {
       if (int rc = readCheckpointFile(file, &total)) return rc;
     }
     traceLog("updateOpList: add %d ino from to list.\n", total);
-    if (settings.Verb) {
-      int index = 0;
-      for (const Record &record : done_) {
-        traceLog("updateOpList: [%d] ino %lld opString %s\n", index++,
-                 static_cast<long long>(record.first), record.second.c_str());
-      }
-    }
+    done_.sort();
+    if (!settings.Verb) return 0;
+    int index = 0;
+    done_.visit([&index](const RecordKey &key) {
+      const std::string op =
+          formatOpString(key.opCode, key.offset, key.length, key.holeFound, key.clone);
+      traceLog("updateOpList: [%d] ino %lld opString %s\n", index++, static_cast<long long>(key.ino),
+               op.c_str());
+    });
     return 0;
   }
 
   int readCheckpointFile(const std::string &file, int *total) {
     traceLog("UpdateOpList: find a checkpoint file %s\n", file.c_str());
-    std::string text;
-    if (!readWholeFile(file, &text)) return fail(4);
-    int count = 0;
-    for (size_t start = 0; start < text.size();) {
-      size_t end = text.find('\n', start);
-      if (end == std::string::npos) end = text.size();
-      std::string_view line(text.data() + start, end - start);
-      uint64_t ino = 0;
-      std::string_view op;
-      if (!parseCheckpointLine(line, &ino, &op)) {
-        traceLog("UpdateOpList: Invalid record %d in %s, buffer %s\n", count, file.c_str(),
-                 std::string(line).c_str());
-        errno = EINVAL;
-        return fail(5);
+    FileReader reader;
+    if (!reader.open(file)) return fail(4);
+    for (int count = 0;; ++count) {
+      std::string_view text;
+      if (!reader.peek(kCheckpointLineMax, &text)) return fail(4);
+      if (text.empty()) {
+        traceLog("updateOpList: add %d ino to list from %s\n", count, file.c_str());
+        *total += count;
+        return 0;
       }
-      done_.emplace(ino, op);
-      if (settings.Verb) {
-        traceLog("UpdateOpList: add ino %lld, opString %s to job list.\n", static_cast<long long>(ino),
-                 std::string(op).c_str());
-      }
-      ++count;
-      start = end + 1;
+      const std::string line(text.substr(0, std::min(text.find('\n'), kCheckpointLineMax)));
+      reader.skip(std::min(line.size() + 1, text.size()));
+      if (int rc = addCheckpoint(line, count, file)) return rc;
     }
-    traceLog("updateOpList: add %d ino to list from %s\n", count, file.c_str());
-    *total += count;
+  }
+
+  int addCheckpoint(const std::string &line, int count, const std::string &file) {
+    uint64_t ino = 0;
+    std::string_view op;
+    RecordKey key;
+    if (line.size() >= kCheckpointLineMax || !parseCheckpointLine(line, &ino, &op) ||
+        !makeRecordKey(ino, op, &key)) {
+      traceLog("UpdateOpList: Invalid record %d in %s, buffer %s\n", count, file.c_str(), line.c_str());
+      errno = EINVAL;
+      return fail(5);
+    }
+    done_.add(key);
+    if (settings.Verb) {
+      traceLog("UpdateOpList: add ino %lld, opString %s to job list.\n", static_cast<long long>(ino),
+               std::string(op).c_str());
+    }
     return 0;
   }
 
-  int invalidRecord(size_t position) {
+  // The next record of the list and its key: 1, 0 at the end, -1 after a failure.
+  int nextRecord(ListRecordFields *record, RecordKey *key) {
+    const int got = readListRecord(reader_, record);
+    if (got == 0) return 0;
+    if (got > 0 && makeRecordKey(record->ino, record->opString, key)) return 1;
+    const int err = got > 0 ? EINVAL : errno;
+    std::string_view text;
+    if (got > 0) {
+      text = record->whole;
+    } else if (!reader_.peek(1, &text)) {
+      text = {};
+    }
     traceLog("updateOpList:Invalid record %d in %s, buffer %s\n", 0, list_.c_str(),
-             text_.substr(position, 256).c_str());
-    errno = EINVAL;
-    return fail(6);
+             std::string(text.substr(0, 256)).c_str());
+    errno = err;
+    fail(6);
+    return -1;
+  }
+
+  // Two records may look alike to a checkpoint (two names of one inode): done is then not known of
+  // either, and both are performed again.
+  int countAlike() {
+    ListRecordFields record;
+    RecordKey key;
+    int got;
+    while ((got = nextRecord(&record, &key)) > 0) done_.count(key);
+    return got;
   }
 
   int writePending(WorkFile &temp) {
-    // Two records may look alike to a checkpoint (two names of one inode): done is then not known of
-    // either, and both are performed again.
-    std::unordered_map<Record, int, RecordHash> alike;
+    reader_.seek(0);
     ListRecordFields record;
-    for (size_t position = 0; position < text_.size();) {
-      if (!parseListRecord(text_, &position, &record)) return invalidRecord(position);
-      ++alike[{record.ino, std::string(record.opString)}];
-    }
-    for (size_t position = 0; position < text_.size();) {
-      if (!parseListRecord(text_, &position, &record)) return invalidRecord(position);
-      Record key{record.ino, std::string(record.opString)};
-      if (done_.count(key) != 0 && alike[key] == 1) continue;
+    RecordKey key;
+    int got;
+    while ((got = nextRecord(&record, &key)) > 0) {
+      if (done_.isDone(key)) continue;
       traceLog("updateOpList: pending job, ino %lld, opString %s\n", static_cast<long long>(record.ino),
-               key.second.c_str());
+               std::string(record.opString).c_str());
       if (temp.append(record.whole) != 0) return fail(6);
     }
-    return 0;
+    return got;
   }
 
   int exchange() {
@@ -174,8 +181,8 @@ class Update {
 
   const std::string list_, temp_;
   const int32_t pid_;
-  std::string text_;
-  RecordSet done_;
+  FileReader reader_;
+  DoneRecords done_;
 };
 
 }  // namespace

@@ -1,14 +1,14 @@
 #include "oplist/policy_run.h"
 
-#include <dirent.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <vector>
 
 #include "cfgmgr/messages.h"
+#include "oplist/checkpoint_files.h"
 #include "oplist/list_update.h"
 #include "oplist/policy_file.h"
 #include "run/fatal_error.h"
@@ -23,10 +23,6 @@ namespace {
 constexpr int kMaxRetries = 3;
 constexpr size_t kOptionsMax = 2048;  // bytes, terminator included
 
-struct DirCloser {
-  void operator()(DIR *dir) const { closedir(dir); }
-};
-
 int stop(int rc, int code, int err) {
   traceLog("executePolicy: rc %d, code %d, err %d\n", rc, code, err);
   errno = err;
@@ -35,24 +31,10 @@ int stop(int rc, int code, int err) {
 
 // Removes the checkpoint files of this process; 0 when all are gone.
 int removeCheckpoints() {
-  const std::string prefix = checkpointPrefix(getpid());
-  if (settings.Verb) traceLog("executePolicy: filePrefix %s\n", prefix.c_str());
-  const std::string dir_path = workPath(kCheckpointDir);
-  std::unique_ptr<DIR, DirCloser> dir(opendir(dir_path.c_str()));
-  if (!dir) {
-    int err = errno;
-    traceLog("couldn't open checkpoint dir %s\n", dir_path.c_str());
-    return stop(-1, 31, err);
-  }
+  const int32_t pid = getpid();
+  if (settings.Verb) traceLog("executePolicy: filePrefix %s\n", checkpointPrefix(pid).c_str());
   std::vector<std::string> files;
-  errno = 0;
-  while (const dirent *entry = readdir(dir.get())) {
-    if (strncmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) {
-      files.push_back(dir_path + "/" + entry->d_name);
-    }
-    errno = 0;
-  }
-  if (errno != 0) return stop(-1, 31, errno);
+  if (const int err = findCheckpointFiles(pid, &files)) return stop(-1, 31, err);
   for (const std::string &file : files) {
     traceLog("executePolicy: delete checkpoint file %s\n", file.c_str());
     if (remove(file.c_str()) != 0) return stop(-1, 32, errno);
@@ -64,6 +46,11 @@ int removeCheckpoints() {
 
 int executePolicy(const std::string &pcCmd, const std::string &exeOpt, const std::string &policyPath,
                   const std::string &opListPath) {
+  struct stat list;
+  if (stat(opListPath.c_str(), &list) == 0 && list.st_size == 0) {
+    traceLog("executePolicy: list %s is empty\n", opListPath.c_str());
+    return 0;
+  }
   const std::string options = exeOpt + " -c " + std::to_string(getpid());
   if (options.size() >= kOptionsMax) return stop(E2BIG, 0, E2BIG);
   for (int retries = 0;;) {

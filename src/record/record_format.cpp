@@ -85,3 +85,16 @@ bool parseListRecord(std::string_view text, size_t *position, ListRecordFields *
   *out = fields;
   return true;
 }
+
+int readListRecord(FileReader &list, ListRecordFields *out) {
+  std::string_view text;
+  if (!list.peek(kListRecordMax, &text)) return -1;
+  if (text.empty()) return 0;
+  size_t length = 0;
+  if (!parseListRecord(text.substr(0, kListRecordMax), &length, out)) {
+    errno = EINVAL;
+    return -1;
+  }
+  list.skip(length);
+  return 1;
+}

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "record/op_code.h"
+#include "run/file_reader.h"
 #include "run/work_file.h"
 
 struct OpString {
@@ -41,3 +42,9 @@ struct ListRecordFields {
 // Reads the record at *position of `text` by its lengths and moves *position behind its newline.
 // False, with *position unchanged, where no whole record stands.
 bool parseListRecord(std::string_view text, size_t *position, ListRecordFields *out);
+
+constexpr size_t kListRecordMax = 16384;  // bytes; a longer one is damaged
+
+// Reads the record that follows in `list`: 1; 0 at the end; -1 and errno, EINVAL where no whole record
+// stands. Its texts are valid until the next call.
+int readListRecord(FileReader &list, ListRecordFields *out);

@@ -48,6 +48,12 @@ TEST_F(PolicyRun, SuccessRemovesTheCheckpointsOfThisProcessAlone) {
   EXPECT_TRUE(exists(other));
 }
 
+TEST_F(PolicyRun, EmptyListStartsNothing) {
+  put(list_, "");
+  EXPECT_EQ(executePolicy(engine("exit 9"), "-p 3", "", list_), 0);
+  EXPECT_EQ(runs(), 0u);
+}
+
 TEST_F(PolicyRun, FailureIsRetriedThreeTimesOverWhatIsLeft) {
   put(list_, get(list_) + formatListRecord(0, 301, "/fs/b", formatOpString(kOpDeleteFile)));
   put(checkpointFile(getpid(), "host", 1), "12c 7,0,0,0,0\n");

@@ -11,6 +11,7 @@
 #include <regex>
 
 #include "run/fatal_error.h"
+#include "run/number_set.h"
 #include "run/path.h"
 #include "run/progress.h"
 #include "run/settings.h"
@@ -224,6 +225,20 @@ TEST(SnapshotTable, IsReadBehindTheHeader) {
   EXPECT_EQ(table.at(301), "with blank\\");
   EXPECT_EQ(table.at(1999), "n999");
   EXPECT_TRUE(parseSnapshotList("s1 300 Valid a b c d e home\n").empty());
+}
+
+TEST(NumberSet, HoldsWhatWasInserted) {
+  NumberSet set;
+  EXPECT_FALSE(set.contains(0));
+  // Neighbours, and numbers that differ in their highest bits alone.
+  const auto number = [](uint64_t i) { return i % 2 == 0 ? i : i << 44; };
+  for (uint64_t i = 0; i < 20000; ++i) {
+    ASSERT_FALSE(set.contains(number(i))) << i;
+    ASSERT_TRUE(set.insert(number(i))) << i;
+    ASSERT_FALSE(set.insert(number(i / 2))) << i;
+  }
+  for (uint64_t i = 0; i < 20000; ++i) ASSERT_TRUE(set.contains(number(i))) << i;
+  EXPECT_FALSE(set.contains(20000));
 }
 
 }  // namespace
