@@ -61,7 +61,9 @@ int nextConversion(const char **at, char type[4]) {
 }  // namespace
 
 void initMessages() {
-  setlocale(LC_ALL, "");
+  // What texts need; each of the other categories would be a file more to open at every start.
+  setlocale(LC_CTYPE, "");
+  setlocale(LC_MESSAGES, "");
   CatHandle = catopen("kest.cat", 0);
   setlinebuf(stdout);
   setlinebuf(stderr);

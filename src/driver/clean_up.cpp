@@ -185,7 +185,7 @@ int cleanup(const std::string &workDir, bool force) {
   if (!dir || fstat(dirfd(dir.get()), &st) != 0) return failStep(path, 0, errno, 0, errno);
   if (const int rc = removeBelow(dir, path, st.st_dev)) return rc;
   int status = 0;
-  if (runCommand("rm -rf " + shellWord(workDir), &status) != 0)
+  if (runCommand("exec rm -rf " + shellWord(workDir), &status) != 0)
     return failStep(path, st.st_ino, errno, 0, errno);
   return status;
 }

@@ -37,8 +37,8 @@ int fileSystemControl(const std::string &command, Message cannot_start) {
 }  // namespace
 
 int checkFilesetType() {
-  const std::string command = "/usr/qtx/kest/bin/ktlsfileset " + shellWord(settings.deviceP) + " " +
-                              shellWord(settings.filesetP) + " -Y 2>/dev/null";
+  const std::string command = "exec /usr/qtx/kest/bin/ktlsfileset " + shellWord(settings.deviceP) +
+                              " " + shellWord(settings.filesetP) + " -Y 2>/dev/null";
   std::string output;
   int status = 0;
   if (!fits(command) || runCommandOutput(command, &output, &status) != 0) {
@@ -59,9 +59,9 @@ int checkFilesetType() {
 }
 
 int listSnapshots() {
-  const std::string command = "/usr/qtx/kest/bin/ktlssnapshot " + shellWord(settings.deviceP) + " -j " +
-                              shellWord(settings.filesetP) + " > " + shellWord(workPath(kSnapList)) +
-                              " 2>/dev/null";
+  const std::string command = "exec /usr/qtx/kest/bin/ktlssnapshot " + shellWord(settings.deviceP) +
+                              " -j " + shellWord(settings.filesetP) + " > " +
+                              shellWord(workPath(kSnapList)) + " 2>/dev/null";
   int status = 0;
   if (!fits(command) || runCommand(command, &status) != 0 || status != 0) {
     traceLog("Cannot list all snapshots in %s\n", settings.deviceP.c_str());
@@ -74,9 +74,10 @@ int syncFileset() {
   if (setenv("PWD", "/", 1) != 0 || chdir("/") != 0) return errno;
   const std::string device = shellWord(settings.deviceP);
   const int rc =
-      fileSystemControl("cd /;/usr/qtx/kest/bin/ktfsctl " + device + " suspend > /dev/null 2>&1",
+      fileSystemControl("cd /;exec /usr/qtx/kest/bin/ktfsctl " + device + " suspend > /dev/null 2>&1",
                         Message::kNoSuspendProcess);
   if (rc != 0) return rc;
-  return fileSystemControl("cd /; /usr/qtx/kest/bin/ktfsctl " + device + " resume > /dev/null 2>&1",
-                           Message::kNoResumeProcess);
+  return fileSystemControl(
+      "cd /; exec /usr/qtx/kest/bin/ktfsctl " + device + " resume > /dev/null 2>&1",
+      Message::kNoResumeProcess);
 }

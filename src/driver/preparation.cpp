@@ -139,7 +139,9 @@ bool openScans(int *rc) {
     userMessage(Message::kNoSnapScan, strerror(*rc));
     return false;
   }
-  handles.iscanP = kest_open_inodescan64(handles.activeFsP, &snap_id, &scan.maxIno);
+  // Looking for the largest number takes longer than all else here; workers scan nothing.
+  uint64_t *max_ino = settings.phase == kPhaseMaster ? &scan.maxIno : nullptr;
+  handles.iscanP = kest_open_inodescan64(handles.activeFsP, &snap_id, max_ino);
   if (!handles.iscanP) {
     *rc = errorNumber();
     userMessage(Message::kNoDiffScan, strerror(*rc));

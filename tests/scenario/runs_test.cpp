@@ -2,8 +2,10 @@
 #include <sys/mount.h>
 
 #include <filesystem>
+#include <map>
 
 #include "scenario/restore_fixture.h"
+#include "support/fault_plan.h"
 
 using namespace scenario;
 using testsupport::compare;
@@ -53,6 +55,29 @@ TEST_F(Runs, TwoInARow) {
   expectRestored();  // which touches nothing that the first one put right
   wreck(tree());
   expectRestored();
+}
+
+// A worker for a hundred changed files, and none where nothing is listed.
+TEST_F(Runs, NoMoreWorkersThanTheChangeNeeds) {
+  for (int i = 0; i < 5; ++i) tree().dirs("d" + std::to_string(i));
+  for (int i = 0; i < 250; ++i)
+    tree().file("d" + std::to_string(i % 5) + "/f" + std::to_string(i), "text");
+  takeSnapshot();
+  for (int i = 0; i < 250; ++i)
+    tree().chmod("d" + std::to_string(i % 5) + "/f" + std::to_string(i), 0600);
+  testsupport::Fault none;
+  none.times = 1;
+  none.nth = UINT64_MAX;
+  testsupport::FaultPlan counter(none);
+  RunOptions running;
+  running.environment = counter.environment();
+  restore("snap", {}, running);
+  std::map<int, uint32_t> workers;  // by phase; each opens two handles
+  for (const auto &[call, times] : counter.made())
+    if (call.first == "kest_get_fset_snaphandle_by_name") workers[call.second] = times / 2;
+  EXPECT_LE(workers[3], 3u);
+  workers.erase(3);
+  EXPECT_EQ(workers, (std::map<int, uint32_t>{{0, 1}})) << "master alone";
 }
 
 TEST_F(Runs, OlderThenNewerSnapshot) {
