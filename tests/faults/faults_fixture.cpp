@@ -155,6 +155,10 @@ bool Faults::equalsSnapshot() {
   return compare(want_, fingerprint(root())).empty();
 }
 
+bool Faults::isAsBefore() {
+  return compare(before_, fingerprint(root())).empty();
+}
+
 const std::map<std::pair<std::string, int>, uint32_t> &Faults::calls() {
   static std::map<std::pair<std::string, int>, uint32_t> counts;
   if (!counts.empty()) return counts;

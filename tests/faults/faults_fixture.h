@@ -2,9 +2,11 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <utility>
 
+#include "faults/running_restore.h"
 #include "scenario/restore_fixture.h"
 #include "support/fault_plan.h"
 
@@ -27,6 +29,10 @@ class Faults : public scenario::RestoreFixture {
   // test's messages until the next call.
   // `items`: the program of several passes, with as many differing inodes in each.
   RunResult restoreWith(const Fault &fault, unsigned items = 0);
+  // Begins a restore to the snapshot of prepare().
+  std::unique_ptr<Running> start(int ignored = 0) {
+    return std::make_unique<Running>(fs().mountPoint(), fileset(), snapshotName(), ignored);
+  }
   // exit status 0, tree and snapshot equal, nothing left, every survivor kept.
   void expectEqual(const RunResult &result);
   // The same command again, without a fault, ends well.
@@ -36,6 +42,7 @@ class Faults : public scenario::RestoreFixture {
   // How often the run told that it starts the engine again.
   static int retriesTold(const RunResult &result);
   bool equalsSnapshot();
+  bool isAsBefore();  // as prepare() left it
   const std::string &what() const { return what_; }
 
   // How often the history's restore makes each call, by call and phase (measured once).

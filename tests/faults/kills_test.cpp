@@ -10,13 +10,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <functional>
 #include <random>
-#include <sstream>
 
 #include "faults/faults_fixture.h"
 
@@ -24,142 +20,8 @@ using namespace faults;
 
 namespace {
 
-std::string readAll(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-struct Process {
-  pid_t pid, parent;
-  std::string name;
-};
-
-// The test is process 1 of its namespace: all others that live are the run's.
-std::vector<Process> living() {
-  std::vector<Process> found;
-  DIR *proc = opendir("/proc");
-  while (const dirent *entry = readdir(proc)) {
-    const pid_t pid = atoi(entry->d_name);
-    char state = 'Z', name[32] = "";
-    int number = 0, parent = 0;
-    const std::string stat = pid > 1 ? readAll("/proc/" + std::to_string(pid) + "/stat") : "";
-    unsigned flags = 0;
-    sscanf(stat.c_str(), "%d (%31[^)]) %c %d %*d %*d %*d %*d %u", &number, name, &state, &parent,
-           &flags);
-    // One that exits has closed its files and will do nothing more, but is no zombie yet.
-    constexpr unsigned kExiting = 4;
-    if (state != 'Z' && state != 'X' && !(flags & kExiting)) found.push_back({pid, parent, name});
-  }
-  closedir(proc);
-  return found;
-}
-
-bool waitUntil(const std::function<bool()> &condition, double seconds) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    usleep(100);
-  }
-  return true;
-}
-
-// A restore that goes on while the test looks at it. Its workers take two records each, so that there
-// are many.
-class Running {
- public:
-  Running(const std::string &device, const std::string &fileset, const std::string &snapshot,
-          int ignored = 0)
-      : said_("/mnt/said") {
-    pid_ = fork();
-    if (pid_ != 0) return;
-    setsid();
-    if (ignored) signal(ignored, SIG_IGN);
-    const int out = open(said_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, 0600);
-    if (out < 0 || dup2(out, 1) < 0 || dup2(out, 2) < 0 || chdir("/") != 0) _exit(126);
-    execl(testsupport::kRestoreProgram, "fsetrestore", device.c_str(), "-j", fileset.c_str(), "-o",
-          snapshot.c_str(), "-m", "3", "-B", "2", nullptr);
-    _exit(127);
-  }
-  ~Running() {
-    for (const Process &process : living()) kill(process.pid, SIGKILL);
-    while (waitpid(-1, nullptr, 0) > 0) {
-    }
-  }
-
-  pid_t pid() const { return pid_; }
-  bool ended() {
-    if (!reaped_) reaped_ = waitpid(pid_, &status_, WNOHANG) == pid_;
-    return reaped_;
-  }
-  int exitStatus() const { return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1; }
-  int signalNumber() const { return WIFSIGNALED(status_) ? WTERMSIG(status_) : 0; }
-  std::string said() const { return readAll(said_); }
-
-  // The master, its engine, or a worker of it that is at work; 0: there is none.
-  pid_t find(const std::string &role) const {
-    pid_t engine = 0;
-    const std::vector<Process> all = living();
-    if (role == "master") return pid_;
-    for (const Process &process : all)
-      if (process.parent == pid_ && process.name == "ktapplypolicy") engine = process.pid;
-    if (role == "engine" || engine == 0) return engine;
-    for (const Process &process : all)
-      if (process.parent == engine && process.name == "fsetrestore") return process.pid;
-    return 0;
-  }
-
- private:
-  std::string said_;
-  pid_t pid_ = 0;
-  int status_ = 0;
-  bool reaped_ = false;
-};
-
-// A stage of a run, and a text of its trace log with which it begins.
-struct Stage {
-  const char *name, *begins;
-  bool masterAlone;
-};
-
-const Stage kStages[] = {
-    {"walks", "traverseCommonDir", true},   {"main", "start, phase 3", false},
-    {"move back", "start, phase 4", false}, {"create", "start, phase 51", false},
-    {"data", "start, phase 52", false},     {"directory move", "doFinalDirMove: moving", true},
-    {"links", "start, phase 8", false},     {"directories", "start, phase 6", false},
-    {"clean-up", "Clean up.", true}};
-
 class Kills : public Faults {
  protected:
-  std::unique_ptr<Running> start(int ignored = 0) {
-    return std::make_unique<Running>(fs().mountPoint(), fileset(), snapshotName(), ignored);
-  }
-
-  std::vector<std::string> workDirs() {
-    std::vector<std::string> found;
-    DIR *dir = opendir(root().c_str());
-    while (const dirent *entry = readdir(dir))
-      if (strncmp(entry->d_name, "RestoreTemp", 11) == 0) found.push_back(root() + "/" + entry->d_name);
-    closedir(dir);
-    return found;
-  }
-
-  // Waits until the stage has begun. False when the run was faster.
-  bool reach(Running &run, const Stage &stage) {
-    return waitUntil(
-               [&] {
-                 if (run.ended()) return true;
-                 if (strcmp(stage.name, "clean-up") == 0)
-                   return run.said().find(stage.begins) != std::string::npos;
-                 const std::vector<std::string> dirs = workDirs();
-                 return !dirs.empty() &&
-                        readAll(dirs[0] + "/ErrorLog").find(stage.begins) != std::string::npos;
-               },
-               20) &&
-           !run.ended();
-  }
-
   bool lockIsFree() {
     const int dir = open(root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     const bool free = flock(dir, LOCK_EX | LOCK_NB) == 0;
@@ -171,7 +33,7 @@ class Kills : public Faults {
   void expectDead(Running &run) {
     EXPECT_TRUE(waitUntil([&] { return run.ended() && lockIsFree(); }, 3)) << "the lock is still held";
     std::string left;
-    for (const Process &process : living())
+    for (const Process &process : run.living())
       left += process.name + " " + readAll("/proc/" + std::to_string(process.pid) + "/stat");
     EXPECT_EQ(left, "") << "after the lock was free";
   }
@@ -194,7 +56,7 @@ TEST_F(Kills, ThenTheSameCommand) {
     prepare();
     auto run = start();
     bool killed = false;
-    if (reach(*run, stage)) {
+    if (reach(*run, root(), stage)) {
       usleep(static_cast<useconds_t>(random() % 6000));
       const pid_t victim = run->ended() ? 0 : run->find(role);
       // One that never ends by itself shows who takes it along.
@@ -213,7 +75,7 @@ TEST_F(Kills, ThenTheSameCommand) {
     expectDead(*run);
     EXPECT_TRUE(run->exitStatus() != 0 || equalsSnapshot()) << run->said();
     expectRepairedByNextRun();
-    EXPECT_TRUE(workDirs().empty());
+    EXPECT_TRUE(workDirs(root()).empty());
     if (killed) {
       ++kills[std::string(stage.name) + ", " + role];
       ++done;
@@ -246,11 +108,11 @@ TEST_F(Kills, ASecondRunIsRefused) {
   testsupport::runCommand("mkdir -p " + other + " && mount -t btrfs $(findmnt -no SOURCE " +
                           fs().mountPoint() + ") " + other);
   auto first = start();
-  ASSERT_TRUE(reach(*first, kStages[1]));
+  ASSERT_TRUE(reach(*first, root(), kStages[1]));
   for (int round = 0; round < 3; ++round)  // also what was being started meanwhile
-    for (const Process &process : living()) kill(process.pid, SIGSTOP);
+    for (const Process &process : first->living()) kill(process.pid, SIGSTOP);
   bool engine = false;
-  for (const Process &process : living()) {
+  for (const Process &process : first->living()) {
     bool holds = false;
     const std::string fds = "/proc/" + std::to_string(process.pid) + "/fd";
     DIR *dir = opendir(fds.c_str());
@@ -275,9 +137,9 @@ TEST_F(Kills, ASecondRunIsRefused) {
         << second.describe();
   }
   EXPECT_EQ(testsupport::joined(compare(before, testsupport::fingerprint(root()))), "");
-  EXPECT_EQ(workDirs().size(), 1u);
+  EXPECT_EQ(workDirs(root()).size(), 1u);
 
-  for (const Process &process : living()) kill(process.pid, SIGCONT);
+  for (const Process &process : first->living()) kill(process.pid, SIGCONT);
   ASSERT_TRUE(waitUntil([&] { return first->ended(); }, 30));
   EXPECT_EQ(first->exitStatus(), 0) << first->said();
   expectDead(*first);
@@ -293,7 +155,7 @@ TEST_F(Kills, SignalsEndTheRunAndSayWhatIsLeft) {
       SCOPED_TRACE(std::string(strsignal(number)) + ", " + stage->name);
       prepare();
       auto run = start();
-      ASSERT_TRUE(reach(*run, *stage));
+      ASSERT_TRUE(reach(*run, root(), *stage));
       kill(run->pid(), number);
       ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 3)) << run->said();
       expectDead(*run);
@@ -305,8 +167,8 @@ TEST_F(Kills, SignalsEndTheRunAndSayWhatIsLeft) {
                             "). The fileset " + fileset() + " is partly restored"),
                   std::string::npos)
             << said;
-        ASSERT_EQ(workDirs().size(), 1u);
-        EXPECT_NE(said.find(workDirs()[0] + " stays"), std::string::npos) << said;
+        ASSERT_EQ(workDirs(root()).size(), 1u);
+        EXPECT_NE(said.find(workDirs(root())[0] + " stays"), std::string::npos) << said;
         EXPECT_EQ(said.find("retry again"), std::string::npos) << said;
       }
       expectRepairedByNextRun();
@@ -318,17 +180,17 @@ TEST_F(Kills, SignalsEndTheRunAndSayWhatIsLeft) {
 TEST_F(Kills, WorkDirectoryIsRootsAlone) {
   prepare();
   auto run = start();
-  ASSERT_TRUE(reach(*run, kStages[1]));
+  ASSERT_TRUE(reach(*run, root(), kStages[1]));
   kill(run->pid(), SIGKILL);
   expectDead(*run);
-  ASSERT_EQ(workDirs().size(), 1u);
+  ASSERT_EQ(workDirs(root()).size(), 1u);
   struct stat st;
-  ASSERT_EQ(stat(workDirs()[0].c_str(), &st), 0);
+  ASSERT_EQ(stat(workDirs(root())[0].c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0700u);
   EXPECT_EQ(st.st_uid, 0u);
   // As any other user.
   testsupport::runCommand("chmod 755 " + root() + " && ! setpriv --reuid=1234 --clear-groups ls " +
-                          workDirs()[0] + " 2>&1");
+                          workDirs(root())[0] + " 2>&1");
   expectRepairedByNextRun();
 }
 
@@ -338,7 +200,7 @@ TEST_F(Kills, SignalsEndALongPhaseAtOnce) {
   prepare();
   for (int i = 0; i < kFiles; ++i) tree().file("new" + std::to_string(i));
   auto run = start();
-  ASSERT_TRUE(reach(*run, kStages[1]));
+  ASSERT_TRUE(reach(*run, root(), kStages[1]));
   kill(run->pid(), SIGTERM);
   ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 3)) << run->said();
   EXPECT_EQ(run->exitStatus(), 1);
@@ -353,7 +215,7 @@ TEST_F(Kills, SignalsEndALongPhaseAtOnce) {
 TEST_F(Kills, IgnoredHangUpStaysIgnored) {
   prepare();
   auto run = start(SIGHUP);
-  ASSERT_TRUE(reach(*run, kStages[1]));
+  ASSERT_TRUE(reach(*run, root(), kStages[1]));
   kill(run->pid(), SIGHUP);
   ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 30));
   EXPECT_EQ(run->exitStatus(), 0) << run->said();

@@ -32,8 +32,13 @@ void RestoreFixture::TearDown() {
   fs_->destroySubvolume(fileset_);
 }
 
-void RestoreFixture::remount(const std::string &options) {
+void RestoreFixture::detach() {
   tree_.reset();
+  fs_->unmount();
+}
+
+void RestoreFixture::remount(const std::string &options) {
+  detach();
   fs_->remount(options);
   tree_.emplace(root());
 }

@@ -43,7 +43,8 @@ class RestoreFixture : public ::testing::Test {
   // The name of a snapshot of this test's fileset.
   std::string snapshotName(const std::string &which = "snap") const { return fileset_ + "-" + which; }
 
-  void remount(const std::string &options = "");  // also lets go of tree()'s root
+  void detach();                                  // unmounts; tree() lets go of its root
+  void remount(const std::string &options = "");  // also where it is not mounted
   void takeSnapshot(const std::string &which = "snap");
   // Restores with -m 4 and the given options. Where the snapshot is `which`, expects exit status 0,
   // both trees equal, the snapshot unchanged, no work directory and no process left, survivors kept.
