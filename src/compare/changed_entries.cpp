@@ -120,6 +120,7 @@ class ChangedEntries {
       return 0;
     }
     const bool taken = statPath(own_path, &st) == 0;
+    if (!taken && errno != ENOENT) return fail(errno, 4);
     if (!taken && scan.finalPass) return 0;
     *target = tempLocation(ino);
     if (int rc = ListDirMoveBack(ino)) return fail(rc, 411);

@@ -70,7 +70,12 @@ int walkMovedDirs() {
     const int kind = checkFile(ino);
     if (kind < 0) return -1;
     struct stat st;
-    if (kind != kKindSame || statPath(waiting, &st) != 0 || st.st_ino != ino) continue;
+    if (kind != kKindSame) continue;
+    if (statPath(waiting, &st) != 0) {
+      if (errno == ENOENT) continue;
+      return -1;
+    }
+    if (st.st_ino != ino) continue;
     const DiffItem *item = inPassRange(ino) ? findItem(ino) : nullptr;
     if (item && item->type & kDiffChanged) {
       if (int rc = ListRecord(waiting, ino, kOpRestoreDiffFile, 0)) return rc;

@@ -1,6 +1,7 @@
 #include "compare/moved_object.h"
 
 #include <sys/stat.h>
+#include <cerrno>
 
 #include "compare/common_walk.h"
 #include "compare/dir_entry.h"
@@ -18,7 +19,7 @@ int fetchMovedObject(const std::string &path, const kest_direntx64_t &entry) {
   if (isDirEntry(entry) || !inPassRange(entry.d_ino)) return 0;
   const std::string waiting = tempLocation(entry.d_ino);
   struct stat st;
-  if (statPath(waiting, &st) != 0) return 0;
+  if (statPath(waiting, &st) != 0) return errno == ENOENT ? 0 : errno;
   const DiffItem *item = findItem(entry.d_ino);
   if (item && item->type & kDiffChanged) {
     if (int rc = ListRecord(waiting, entry.d_ino, kOpRestoreDiffFile, 0)) return rc;

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "cfgmgr/messages.h"
+#include "oplist/clone_lists.h"
 #include "run/settings.h"
 #include "run/work_dir.h"
 
@@ -33,7 +34,7 @@ int depthOf(std::string_view name, std::string_view prefix) {
 int listedCloneDepths(CloneLists kind, std::vector<int> *depths) {
   const bool del = kind == CloneLists::kDelete;
   const std::string_view prefix = del ? "clone.del." : "clone.";
-  const int deepest = del ? 1001 : 1000;
+  const int deepest = del ? kDeepestDeleted : kDeepestRestored;
   depths->clear();
   const std::unique_ptr<DIR, DirCloser> dir(opendir(settings.shareDir.c_str()));
   if (!dir) return errno;

@@ -50,7 +50,10 @@ int readBucket(const std::string &bucket, NewParents *parents) {
   if (!dir) return errno;
   for (errno = 0; const dirent *entry = readdir(dir.get()); errno = 0) {
     uint64_t then = 0, now = 0;
-    if (parseNewParentName(entry->d_name, &then) && readNewParent(then, &now)) (*parents)[then] = now;
+    if (!parseNewParentName(entry->d_name, &then)) continue;
+    const int recorded = readNewParent(then, &now);
+    if (recorded < 0) return errno;
+    if (recorded > 0) (*parents)[then] = now;
   }
   return errno;
 }

@@ -65,6 +65,7 @@ int listSnapshots() {
   int status = 0;
   if (!fits(command) || runCommand(command, &status) != 0 || status != 0) {
     traceLog("Cannot list all snapshots in %s\n", settings.deviceP.c_str());
+    unlink(workPath(kSnapList).c_str());  // half a list would hide the others
     return 0;
   }
   return 1;

@@ -36,11 +36,14 @@ Found clearOne(const std::string &path, struct stat *st, int *code) {
   return clearInodeFlags(fd.get()) == 0 ? Found::kFlagged : Found::kFailed;
 }
 
-bool snapshotHas(uint64_t ino) {
+// 1 when the snapshot has the directory `ino`, 0, or -1 and errno.
+int snapshotHas(uint64_t ino) {
   Inode snap = openInode(handles.oldFsP, ino);
-  if (!snap || !isDirectory(snap->if_mode)) return false;
+  if (!snap) return errno == ENOENT ? 0 : -1;
+  if (!isDirectory(snap->if_mode)) return 0;
   Inode active = openInode(handles.activeFsP, ino);
-  return active && kest_same_file(active.get(), snap.get()) == 1;
+  if (!active) return errno == ENOENT ? 0 : -1;
+  return kest_same_file(active.get(), snap.get()) == 1;
 }
 
 bool directoriesStand() {
@@ -52,14 +55,16 @@ bool directoriesStand() {
 // directory that only the active fileset had is left once the directories stand; one that was made
 // again has another number then.
 int listOwedFlags(const std::string &path, uint64_t ino) {
-  if (snapshotHas(ino)) return listNewDir(path, ino);
+  const int has = snapshotHas(ino);
+  if (has != 0) return has < 0 ? -1 : listNewDir(path, ino);
   if (!directoriesStand()) return 0;
   std::string snap_path;
   uint64_t snap_ino = 0;
   bool absent = false;
   if (getSnapPath(path, true, &snap_path, &snap_ino, &absent) != 0) return absent ? 0 : -1;
   Inode snap = openInode(handles.oldFsP, snap_ino);
-  return snap && isDirectory(snap->if_mode) ? listNewDir(path, snap_ino) : 0;
+  if (!snap) return errno == ENOENT ? 0 : -1;
+  return isDirectory(snap->if_mode) ? listNewDir(path, snap_ino) : 0;
 }
 
 // The work directory and its buckets carry no flags, and nothing above them stands in the way.

@@ -22,7 +22,7 @@ kest_fssnap_handle_t *openSnapshot(uint32_t id) {
   const SnapshotTable &table = snapshotTable();
   const auto found = table.find(id);
   if (found == table.end()) {
-    errno = ENOENT;
+    errno = table.empty() ? EIO : ENOENT;  // the run's own snapshot is in every table
     return nullptr;
   }
   const auto open = [](const std::string &name) {
@@ -31,7 +31,6 @@ kest_fssnap_handle_t *openSnapshot(uint32_t id) {
   };
   kest_fssnap_handle_t *handle = open(found->second);
   const int err = errno;
-  errno = err;
   if (handle == nullptr) return nullptr;
   // Directories are judged by the snapshot that was named last: that is the run's own again.
   kest_fssnap_handle_t *own = open(settings.snapOldP);
@@ -63,17 +62,19 @@ bool isParentOfDepth(kest_fssnap_handle_t *tree, uint64_t ino, int depth) {
 }  // namespace
 
 kest_fssnap_handle_t *otherSnapshot(uint32_t id) {
-  static std::map<uint32_t, SnapshotHandle> open;
-  const auto known = open.find(id);
-  if (known != open.end()) {
-    if (!known->second) errno = ENOENT;
-    return known->second.get();
+  struct Opened {
+    SnapshotHandle handle;
+    int err = 0;  // why there is none
+  };
+  static std::map<uint32_t, Opened> open;
+  auto known = open.find(id);
+  if (known == open.end()) {
+    SnapshotHandle handle(openSnapshot(id));
+    const int err = handle ? 0 : errno;
+    known = open.emplace(id, Opened{std::move(handle), err}).first;
   }
-  kest_fssnap_handle_t *handle = openSnapshot(id);
-  const int err = errno;
-  open[id].reset(handle);
-  errno = err;
-  return handle;
+  if (known->second.err != 0) errno = known->second.err;
+  return known->second.handle.get();
 }
 
 bool restoredFromData(const std::string &path, const CloneAttr &attr, const CloneSnapAttr &snap) {

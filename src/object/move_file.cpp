@@ -65,9 +65,13 @@ Step arrive(const std::string &path, const std::string &destination, int32_t pha
 Step arriveAgain(const std::string &path, uint64_t ino, int32_t phase) {
   std::string destination;
   struct stat st;
-  if (!readDestination(ino, &destination)) return {};
-  if (statPath(destination, &st) != 0 || st.st_ino != ino || checkFile(ino) != kKindSame) return {};
-  return arrive(path, destination, phase);
+  if (!readDestination(ino, &destination)) return errno == ENOENT ? Step{} : failedStep(4, errno);
+  if (statPath(destination, &st) != 0)
+    return errno == ENOENT || errno == ENOTDIR ? Step{} : failedStep(7, errno);
+  if (st.st_ino != ino) return {};
+  const int kind = checkFile(ino);
+  if (kind < 0) return failedStep(7, errno);
+  return kind == kKindSame ? arrive(path, destination, phase) : Step{};
 }
 
 Step listPending(uint64_t ino) {

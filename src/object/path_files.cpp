@@ -44,10 +44,12 @@ std::unique_ptr<WorkFile> openBucketFile(const char *routine, const std::string 
   return nullptr;
 }
 
-bool isLivingParent(uint64_t ino) {
+// 1, 0, or -1 and errno.
+int isLivingParent(uint64_t ino) {
   Inode file = openInode(handles.activeFsP, ino);
+  if (!file) return errno == ENOENT ? 0 : -1;
   CloneAttr attr;
-  return file && isClone(file.get(), &attr, nullptr) && attr.isParent();
+  return isClone(file.get(), &attr, nullptr) && attr.isParent();
 }
 
 int parentNotRecorded(const std::string &path, uint64_t ino, int rc, int err) {
@@ -118,9 +120,9 @@ int recordCloneParentIno(const std::string &path, uint64_t ino) {
   struct stat st;
   if (statPath(path, &st) != 0) return parentNotRecorded(path, ino, -1, errno);
   if (!isRegular(st.st_mode)) return 0;
-  if (!isLivingParent(st.st_ino)) {
+  if (const int parent = isLivingParent(st.st_ino); parent != 1) {
+    if (parent == 0) errno = EINVAL;
     traceLog("recordCloneParentIno: %s isn't a clone parent\n", path.c_str());
-    errno = EINVAL;
     return -1;
   }
   int code = 0, rc = 0;
@@ -134,9 +136,9 @@ int recordCloneParentIno(const std::string &path, uint64_t ino) {
   return rc == 0 ? 0 : parentNotRecorded(path, ino, rc, rc);
 }
 
-bool readNewParent(uint64_t ino, uint64_t *now) {
+int readNewParent(uint64_t ino, uint64_t *now) {
   std::string text;
-  if (!readWholeFile(newParentFile(ino), &text)) return false;
+  if (!readWholeFile(newParentFile(ino), &text)) return errno == ENOENT ? 0 : -1;
   std::string_view rest = text;
   // A line without its end was cut off.
   for (size_t end = rest.rfind('\n'); end != std::string_view::npos; end = rest.rfind('\n')) {
@@ -145,10 +147,11 @@ bool readNewParent(uint64_t ino, uint64_t *now) {
     const std::string_view line = start == std::string_view::npos ? rest : rest.substr(start + 1);
     uint64_t number = 0;
     const auto [stop, error] = std::from_chars(line.data(), line.data() + line.size(), number);
-    if (error == std::errc() && stop == line.data() + line.size() && isLivingParent(number)) {
-      *now = number;
-      return true;
-    }
+    if (error != std::errc() || stop != line.data() + line.size()) continue;
+    const int parent = isLivingParent(number);
+    if (parent == 0) continue;
+    *now = number;
+    return parent;
   }
-  return false;
+  return 0;
 }

@@ -20,5 +20,5 @@ bool readDestination(uint64_t ino, std::string *destination);
 int recordCloneParentIno(const std::string &path, uint64_t ino);
 
 // The number that the clone parent `ino` of the snapshot has now: the last recorded one that is a
-// living clone parent. False when there is none.
-bool readNewParent(uint64_t ino, uint64_t *now);
+// living clone parent. 1; 0 when there is none; -1 and errno when that cannot be told.
+int readNewParent(uint64_t ino, uint64_t *now);

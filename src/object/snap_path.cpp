@@ -71,11 +71,11 @@ void traceUnresolved(const char *routine, Resolve result, uint64_t ino, int err)
 }
 
 // While the walks run, an object whose name is new belongs where its destination file says. Later it
-// has been moved, and its path tells.
-bool hasNewName(const std::string &path, uint64_t *ino) {
-  if (settings.phase >= kPhaseMain || !haveDiffTable()) return false;
+// has been moved, and its path tells. 1, 0, or -1 and errno.
+int hasNewName(const std::string &path, uint64_t *ino) {
+  if (settings.phase >= kPhaseMain || !haveDiffTable()) return 0;
   struct stat st;
-  if (statPath(path, &st) != 0) return false;
+  if (statPath(path, &st) != 0) return errno == ENOENT || errno == ENOTDIR ? 0 : -1;
   const DiffItem *item = findItem(st.st_ino);
   *ino = st.st_ino;
   return item != nullptr && (item->type & kDiffMoved);
@@ -115,7 +115,9 @@ int getRealPath(const std::string &path, std::string *result) {
     traceLog("getRealPath: realPath %s\n", result->c_str());
     return 0;
   }
-  if (hasNewName(path, &ino)) {
+  const int renamed = hasNewName(path, &ino);
+  if (renamed < 0) return realPathFailed(path, -1, 4, errno);
+  if (renamed > 0) {
     if (int rc = getOrigPathBeforeRename(path, result, ino); rc != 0)
       return realPathFailed(path, rc, 4, errno);
     return 0;
@@ -146,8 +148,9 @@ int getSnapPath(const std::string &path, bool useWorkDir, std::string *result, u
       traceUnresolved("getSnapPath", resolved, place.ino, err);
       return snapPathFailed(path, resolved == Resolve::kEmptyFile ? 22 : 21, err);
     }
-  } else if (hasNewName(path, &ino)) {
-    if (getOrigPathBeforeRename(path, &real, ino) != 0) return snapPathFailed(path, 23, errno);
+  } else if (const int renamed = hasNewName(path, &ino); renamed != 0) {
+    if (renamed < 0 || getOrigPathBeforeRename(path, &real, ino) != 0)
+      return snapPathFailed(path, 23, errno);
   }
   if (!real.starts_with(handles.rootPath)) return snapPathFailed(path, 24, EINVAL);
   *result = handles.snapRootPath + "/" + real.substr(handles.rootPath.size());

@@ -1,8 +1,10 @@
 #include "oplist/clone_lists.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <unordered_set>
 
+#include "cfgmgr/messages.h"
 #include "record/side_list.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
@@ -20,7 +22,12 @@ void resetCloneIndex() {
 }
 
 int listClone(const std::string &path, bool del, const CloneAttr &attr) {
-  const int depth = attr.depth();
+  // Clones that are deeper than any list go with the deepest: the order of deletions is courtesy.
+  const int depth = del ? std::min<int>(attr.depth(), kDeepestDeleted) : attr.depth();
+  if (depth > kDeepestRestored && !del) {
+    userMessage(Message::kCloneListTooDeep, kDeepestRestored, path);
+    return errno = EINVAL;
+  }
   const long long parent = static_cast<long long>(attr.parentIno());
   traceLog("listClone: path %s , realPath %s, fileSnapPath %s, ino %lld, depth %d del %d\n",
            path.c_str(), "", del ? path.c_str() : "", parent, depth, del);

@@ -12,5 +12,5 @@ using SnapshotTable = std::map<int64_t, std::string>;
 // six words and the fileset. Escapes in names (a backslash and three octal digits) are undone.
 SnapshotTable parseSnapshotList(std::string_view text);
 
-// The table of this run, read at the first question; empty, after a trace line, when there is none.
+// The table of this run, read at the first question; empty, after a trace line, when it could not be listed.
 const SnapshotTable &snapshotTable();

@@ -75,9 +75,12 @@ Step find(uint64_t parent, uint32_t snapId, std::string *path) {
   SearchTree tree;
   if (Step step = chooseTree(snapId, &tree); !step) return step;
   uint64_t now = parent;
-  if (snapId == 0 && !readNewParent(parent, &now) && checkFile(parent) != kKindSame) {
+  const int recorded = snapId == 0 ? readNewParent(parent, &now) : 1;
+  const int kind = recorded == 0 ? checkFile(parent) : kKindSame;
+  if (recorded < 0 || kind != kKindSame) {
+    const int err = recorded < 0 || kind < 0 ? errno : ENOENT;
     traceLog("getParentPath: cannot get parent path, ino %lld\n", static_cast<long long>(parent));
-    return failedStep(6, ENOENT);
+    return failedStep(6, err);
   }
   return lookUp(now, snapId, tree, path);
 }

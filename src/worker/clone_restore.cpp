@@ -101,6 +101,9 @@ Step CloneRestore::makeFromParent() {
   }
   bool exists = false;
   Step step = lookAt(&exists);
+  // What took the name meanwhile must be a clone that another worker makes.
+  bool unfinished = true;
+  if (step && exists && err == EEXIST) step = lookAtLeftover(&unfinished);
   if (step && exists) return restoreXAttrs();
   traceLog("cloneFile: cannot get new ino of path %s, err %d\n", path_.c_str(),
            step ? ENOENT : step.err);
