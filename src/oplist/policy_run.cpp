@@ -65,7 +65,8 @@ int executePolicy(const std::string &pcCmd, const std::string &exeOpt, const std
     traceLog("executePolicy: master: child rc %d\n", status);
     if (status == 0) return removeCheckpoints();
     if (stopSignal() != 0) return stop(EINTR, 0, EINTR);
-    if (getFatalError() != 0 || retries == kMaxRetries) return stop(status, 0, 0);
+    // Where no marker can be written any more, the status alone tells.
+    if (getFatalError() != 0 || status == ENOSPC || retries == kMaxRetries) return stop(status, 0, 0);
     if (updateOpList(opListPath, getpid()) != 0) traceLog("executePolicy: cannot update opList\n");
     ++retries;
     userMessage(Message::kEngineRetry, retries);

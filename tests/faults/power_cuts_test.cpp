@@ -23,8 +23,8 @@ namespace {
 constexpr int kCutsOfOneRun = 27;
 constexpr char kBefore[] = "/mnt/before.image";
 
-// Commits the file system and flushes single files now and then, as others on a machine do: without that
-// the disk would stay as it was when the run began.
+// Commits the file system and flushes single files now and then, as others on a machine do: without
+// that the disk would stay as it was when the run began.
 class Syncing {
  public:
   Syncing(std::string mount, std::string root, unsigned seed)
@@ -101,12 +101,12 @@ TEST_F(PowerCuts, ThenTheSameCommand) {
     runCommand("cp --sparse=always " + fs().image() + " " + kBefore);
     WriteRecorder disk(kBefore, "/mnt/recorder");
     const std::vector<Begin> begins = record(disk, seed);
-    ASSERT_GE(begins.size(), std::size(kStages)) << "too few stages were seen";
     // The recording itself: nothing of the run is there before it, all of it at its end.
     cut(disk, 0, [] { return true; });
     EXPECT_TRUE(isAsBefore());
     cut(disk, begins.back().record, [] { return true; });
     EXPECT_TRUE(equalsSnapshot());
+    ASSERT_GE(begins.size(), std::size(kStages)) << "too few stages were seen";
 
     std::minstd_rand random(seed);
     for (int i = 0; i < kCutsOfOneRun && done < most; ++i, ++done) {
@@ -125,7 +125,8 @@ TEST_F(PowerCuts, ThenTheSameCommand) {
     }
     cut(disk, 0, [] { return true; });
     printf("recorded: %llu writes and flushes, %llu of them flushes\n",
-           static_cast<unsigned long long>(disk.count()), static_cast<unsigned long long>(disk.flushes()));
+           static_cast<unsigned long long>(disk.count()),
+           static_cast<unsigned long long>(disk.flushes()));
   }
   unlink(kBefore);
   for (const auto &[stage, count] : counts)

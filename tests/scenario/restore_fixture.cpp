@@ -13,7 +13,10 @@ std::unique_ptr<LoopBtrfs> RestoreFixture::fs_;
 int RestoreFixture::number_ = 0;
 
 void RestoreFixture::SetUpTestSuite() {
-  fs_ = std::make_unique<LoopBtrfs>("scenario", 1ull << 30);
+  makeFileSystem(1ull << 30);
+}
+void RestoreFixture::makeFileSystem(uint64_t bytes, const std::string &options) {
+  fs_ = std::make_unique<LoopBtrfs>("scenario", bytes, options);
 }
 void RestoreFixture::TearDownTestSuite() {
   fs_.reset();

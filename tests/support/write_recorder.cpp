@@ -172,8 +172,10 @@ WriteRecorder::WriteRecorder(const std::string &image, const std::string &folder
   Descriptor disk = openFile(copy_, O_RDWR);
   Descriptor log = openFile(log_, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
   Descriptor fuse = openFile("/dev/fuse", O_RDWR);
-  const std::string options = "fd=" + std::to_string(fuse.get()) + ",rootmode=40000,user_id=0,group_id=0";
-  if (mount("recorder", folder.c_str(), "fuse", 0, options.c_str()) != 0) failWithErrno("mount " + folder);
+  const std::string options =
+      "fd=" + std::to_string(fuse.get()) + ",rootmode=40000,user_id=0,group_id=0";
+  if (mount("recorder", folder.c_str(), "fuse", 0, options.c_str()) != 0)
+    failWithErrno("mount " + folder);
   server_ = fork();
   if (server_ < 0) failWithErrno("fork");
   if (server_ != 0) return;

@@ -1,6 +1,6 @@
-// write_recorder.h: a disk that remembers. One file in a file system served by a process of the test's own; a
-// loop device over it passes on what a file system writes and flushes, in order, so that the disk can be built
-// as a power cut would have left it.
+// write_recorder.h: a disk that remembers. One file in a file system served by a process of the test's
+// own; a loop device over it passes on what a file system writes and flushes, in order, so that the
+// disk can be built as a power cut would have left it.
 #pragma once
 
 #include <sys/types.h>
@@ -28,9 +28,9 @@ class WriteRecorder {
   // Ends the service. Nothing may have the device open.
   void stop();
 
-  // Makes `image`, which must be what the constructor saw, the disk after a cut behind `records` of them: all
-  // writes up to the last flush among these, and of those after it the blocks of 4 KiB that `survives` picks.
-  // After stop().
+  // Makes `image`, which must be what the constructor saw, the disk after a cut behind `records` of
+  // them: all writes up to the last flush among these, and of those after it the blocks of 4 KiB that
+  // `survives` picks. After stop().
   void cut(const std::string &image, uint64_t records, const std::function<bool()> &survives) const;
 
  private:

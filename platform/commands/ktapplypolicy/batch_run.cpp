@@ -238,6 +238,7 @@ void BatchRun::ended(Worker &worker, int status) {
     complain("%s (process %d) was killed by signal %d", what.c_str(), worker.pid, WTERMSIG(status));
   } else {
     complain("%s (process %d) ended with status %d", what.c_str(), worker.pid, WEXITSTATUS(status));
+    outcome_.full = outcome_.full || isFull(WEXITSTATUS(status));
   }
 }
 

@@ -1,6 +1,7 @@
 // One run: batches to workers, and their end.
 #pragma once
 
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -17,11 +18,16 @@
 
 namespace kest {
 
+inline bool isFull(int error) {
+  return error == ENOSPC || error == EDQUOT;
+}
+
 struct RunOutcome {
   uint64_t records = 0;  // handed to workers
   uint64_t batches = 0;
   uint64_t failed = 0;  // workers that failed, died or could not be started
   int own_error = 0;    // errno of the engine's own list or files, 0 when they were all right
+  bool full = false;    // a worker ended with the error number of a full file system or quota
   bool stopped = false;
 
   bool good() const { return failed == 0 && own_error == 0 && !stopped; }

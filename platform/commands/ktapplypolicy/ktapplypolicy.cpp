@@ -68,7 +68,7 @@ int applyPolicy(const Options &options) {
          static_cast<unsigned long long>(outcome.records),
          static_cast<unsigned long long>(outcome.batches),
          static_cast<unsigned long long>(outcome.failed), outcome.good() ? "" : ", run not completed");
-  if (outcome.own_error == ENOSPC || outcome.own_error == EDQUOT) return kNoSpace;
+  if (outcome.full || isFull(outcome.own_error)) return kNoSpace;
   return outcome.good() ? 0 : kFailed;
 }
 

@@ -19,7 +19,8 @@ const char *const kUsage =
     "  -h, --help    this text\n"
     "KT_MAX_WORKERS in the environment limits the workers of this run and all runs nested in it\n"
     "(twice the number of processors, at least 4).\n"
-    "Exit status: 0 every worker ended with 0; 28 no space for batch files; 1 anything else.\n";
+    "Exit status: 0 every worker ended with 0; 28 no space, for batch files or a worker; 1 anything "
+    "else.\n";
 
 namespace {
 
