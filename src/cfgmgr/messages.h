@@ -80,6 +80,7 @@ enum class Message : int {
   kNoRunLock,
   kStopped,
   kStoppedBefore,
+  kObjectFailed,
   kCount
 };
 
@@ -191,6 +192,7 @@ inline constexpr MessageText kMessages[] = {
      "hold objects of the fileset. The same command finishes the restore.\n"},
     {Message::kStoppedBefore, 0, 0,
      "Stopped by a signal (%s). Nothing of the fileset %s was restored yet.\n"},
+    {Message::kObjectFailed, 0, 0, "Cannot restore %s: %s.\n"},
 };
 
 namespace message_check {

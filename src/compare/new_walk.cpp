@@ -32,9 +32,8 @@ class NewWalk {
   int read() {
     Inode dir = openInode(handles.activeFsP, ino_);
     if (!dir) {
-      // Dealt with in an earlier pass.
-      if (errno == ENOENT && static_cast<int64_t>(ino_) < scan.scannedInoLow) return 0;
-      return fail(errno, 1);
+      // Dealt with in an earlier pass, or removed by its owner meanwhile.
+      return errno == ENOENT ? 0 : fail(errno, 1);
     }
     for (;;) {
       if (stopSignal() != 0) return fail(errno = EINTR, 2);

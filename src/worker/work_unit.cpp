@@ -8,6 +8,7 @@
 #include <memory>
 #include <string_view>
 
+#include "cfgmgr/messages.h"
 #include "object/descriptor.h"
 #include "object/move_file.h"
 #include "record/batch_line.h"
@@ -24,6 +25,7 @@
 #include "worker/dir_ops.h"
 #include "worker/file_restore.h"
 #include "worker/link_file.h"
+#include "worker/unfinished.h"
 
 namespace {
 
@@ -86,6 +88,12 @@ int stop(int code, int err) {
   return stop(-1, code, err);
 }
 
+void operationFailed(const BatchLine &line, const OpString &op, int err) {
+  traceLog("doWorkUnit error: %s inodeNum %lld opCode %d\n", line.path.c_str(),
+           static_cast<long long>(line.ino), op.opCode);
+  userMessage(Message::kObjectFailed, line.path, strerror(err != 0 ? err : EIO));
+}
+
 // Performs one record and checkpoints it; 0, or what the batch ends with.
 int performLine(const char *text, const std::string &listPath, int done, int checkpoint_fd) {
   BatchLine line;
@@ -101,10 +109,12 @@ int performLine(const char *text, const std::string &listPath, int done, int che
   errno = 0;
   if (int rc = perform(line, op); rc != 0) {
     const int err = errno != 0 ? errno : rc > 0 ? rc : 0;
-    traceLog("doWorkUnit error: %s inodeNum %lld opCode %d\n", line.path.c_str(),
-             static_cast<long long>(line.ino), op.opCode);
-    return stop(kOperationFailed, err);
+    operationFailed(line, op, err);
+    const int result = stop(kOperationFailed, err);
+    markUnfinished(line.path, op);
+    return result;
   }
+  markIfOthersFailed(line.path, op);
   // Without its line a repeated run would not know that this record is done.
   if (writeAll(checkpoint_fd, formatCheckpointLine(line.ino, line.opString)) != 0)
     return stop(kNoCheckpointFile, errno);
@@ -156,8 +166,8 @@ int performListHere(const std::string &listPath) {
     rc = perform(line, op);
     if (rc == 0) continue;
     const int err = errno != 0 ? errno : rc > 0 ? rc : EIO;
-    traceLog("doWorkUnit error: %s inodeNum %lld opCode %d\n", line.path.c_str(),
-             static_cast<long long>(line.ino), op.opCode);
+    operationFailed(line, op, err);
+    markUnfinished(line.path, op);
     errno = err;
   }
   settings.phase = phase;

@@ -92,13 +92,14 @@ void change(TreeBuilder &t) {
 
 }  // namespace
 
-void Faults::prepare() {
+void Faults::prepare(void (*further)(TreeBuilder &)) {
   if (used_) {
     TearDown();
     SetUp();
   }
   used_ = true;
   build(tree());
+  if (further) further(tree());
   takeSnapshot();
   change(tree());
   want_ = fingerprint(fs().path(snapshotName()));

@@ -24,7 +24,8 @@ inline constexpr int kMain = 3, kMoveBack = 4, kPending = 5, kDirs = 6, kLinks =
 class Faults : public scenario::RestoreFixture {
  protected:
   // A fresh fileset with the history below. May be called several times in a test.
-  void prepare();
+  // `further`: more that the snapshot holds.
+  void prepare(void (*further)(testsupport::TreeBuilder &) = nullptr);
   // Restores with a fault; the fault has to strike, or the test fails. What the run prints goes to the
   // test's messages until the next call.
   // `items`: the program of several passes, with as many differing inodes in each.
