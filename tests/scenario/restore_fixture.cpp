@@ -16,6 +16,7 @@ void RestoreFixture::SetUpTestSuite() {
   makeFileSystem(1ull << 30);
 }
 void RestoreFixture::makeFileSystem(uint64_t bytes, const std::string &options) {
+  fs_.reset();
   fs_ = std::make_unique<LoopBtrfs>("scenario", bytes, options);
 }
 void RestoreFixture::TearDownTestSuite() {

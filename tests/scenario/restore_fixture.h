@@ -32,7 +32,7 @@ struct HistoryCase {
 class RestoreFixture : public ::testing::Test {
  protected:
   static void SetUpTestSuite();
-  // For suites with a SetUpTestSuite of their own.
+  // For suites and tests that want one of their own.
   static void makeFileSystem(uint64_t bytes, const std::string &options = "");
   static void TearDownTestSuite();
   void SetUp() override;
