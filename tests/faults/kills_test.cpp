@@ -15,6 +15,7 @@
 #include <random>
 
 #include "faults/faults_fixture.h"
+#include "support/survival.h"
 
 using namespace faults;
 
@@ -100,6 +101,32 @@ TEST_F(Kills, ThenTheSameCommand) {
   }
   printf("%5d kills, each at most 6 ms after the stage began; %d came too late\n", sum, missed);
   EXPECT_EQ(sum, most);
+}
+
+// Two dead runs left their work directories. A restore to another snapshot, the one of the state before
+// them, then one to theirs: what waits in the work directories is moved, not made again, and none of
+// their links, lists and destinations counts.
+TEST_F(Kills, LeftOversOfSeveralRuns) {
+  for (const int stage : {0, 1, 5}) {
+    SCOPED_TRACE(kStages[stage].name);
+    prepare();
+    takeSnapshot("later");
+    for (int dead = 0; dead < 2; ++dead) {
+      auto run = start();
+      ASSERT_TRUE(reach(*run, root(), kStages[stage])) << run->said();
+      kill(run->pid(), SIGKILL);
+      expectDead(*run);
+    }
+    const testsupport::TreePrint want = testsupport::fingerprint(fs().path(snapshotName("later")));
+    const testsupport::TreePrint left = testsupport::fingerprint(root());
+    EXPECT_GE(workDirs(root()).size(), 1u);
+    const RunResult result = restore("later");
+    EXPECT_EQ(result.exitStatus, 0) << result.describe();
+    const testsupport::TreePrint after = testsupport::fingerprint(root());
+    EXPECT_EQ(testsupport::joined(compare(want, after)), "") << result.describe();
+    EXPECT_EQ(testsupport::joined(remadeOrTouched(want, left, after, false)), "") << result.describe();
+    expectRepairedByNextRun();
+  }
 }
 
 TEST_F(Kills, ASecondRunIsRefused) {
