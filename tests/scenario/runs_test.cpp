@@ -76,6 +76,10 @@ TEST_F(Runs, NoMoreWorkersThanTheChangeNeeds) {
   for (const auto &[call, times] : counter.made())
     if (call.first == "kest_get_fset_snaphandle_by_name") workers[call.second] = times / 2;
   EXPECT_LE(workers[3], 3u);
+  // The master, four queries with their shells, the engine with its shell and its question, the
+  // workers, and the removal with its shell.
+  EXPECT_LE((counter.made()[{testsupport::kProgramStart, 0}]), 1 + 4 * 2 + 3 + workers[3] + 2);
+  EXPECT_GT((counter.made()[{testsupport::kProgramStart, 0}]), workers[3]);
   workers.erase(3);
   EXPECT_EQ(workers, (std::map<int, uint32_t>{{0, 1}})) << "master alone";
 }

@@ -16,6 +16,9 @@ inline constexpr const char *kFaultRecordVariable = "KEST_FAULT_RECORD";
 // Not a call of the restore's: how often the library searches the trees.
 inline constexpr const char *kTreeSearch = "tree search";
 
+// Not a call either: programs started, shells and commands included.
+inline constexpr const char *kProgramStart = "program start";
+
 struct FaultRecord {
   static constexpr uint32_t kMostNoted = 8, kCalls = 64, kPhases = 64;
 

@@ -35,6 +35,24 @@ std::string commandLine() {
   return text;
 }
 
+// The record of the run; null where there is none.
+FaultRecord *mapRecord() {
+  const char *file = getenv(testsupport::kFaultRecordVariable);
+  if (!file) return nullptr;
+  int fd = open(file, O_RDWR | O_CLOEXEC);
+  void *there = mmap(nullptr, sizeof(FaultRecord), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  if (fd < 0 || there == MAP_FAILED) {
+    fprintf(stderr, "kest_faults: no record %s: %s\n", file, strerror(errno));
+    _exit(99);
+  }
+  close(fd);
+  return static_cast<FaultRecord *>(there);
+}
+
+void count(FaultRecord::Made &made, int phase, const char *which) {
+  if (++made.inPhase[phase] == 1) snprintf(made.call, sizeof made.call, "%s", which);
+}
+
 struct Plan {
   char call[40] = "";
   char action[16] = "";
@@ -45,10 +63,7 @@ struct Plan {
   FaultRecord *record = nullptr;  // null: nothing ever happens
 
   Plan();
-  void count(unsigned index, const char *which) {
-    FaultRecord::Made &made = record->made[index];
-    if (++made.inPhase[phase] == 1) snprintf(made.call, sizeof made.call, "%s", which);
-  }
+  void count(unsigned index, const char *which) { ::count(record->made[index], phase, which); }
   bool names(const char *which) const {
     if ((strcmp(call, "*") != 0 && strcmp(call, which) != 0)) return false;
     return where == -1 || (where == -2 ? phase != 0 : where == phase);
@@ -58,8 +73,7 @@ struct Plan {
 
 Plan::Plan() {
   const char *words = getenv(testsupport::kFaultPlanVariable);
-  const char *file = getenv(testsupport::kFaultRecordVariable);
-  if (!words || !file) return;
+  if (!words || !getenv(testsupport::kFaultRecordVariable)) return;
   // The commands of the file system use the library as well; theirs are not the restore's calls.
   const std::string line = commandLine();
   const std::string program = line.substr(0, line.find('\0'));
@@ -72,14 +86,7 @@ Plan::Plan() {
     fprintf(stderr, "kest_faults: no plan: %s\n", words);
     _exit(99);
   }
-  int fd = open(file, O_RDWR | O_CLOEXEC);
-  void *there = mmap(nullptr, sizeof(FaultRecord), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  if (fd < 0 || there == MAP_FAILED) {
-    fprintf(stderr, "kest_faults: no record %s: %s\n", file, strerror(errno));
-    _exit(99);
-  }
-  close(fd);
-  record = static_cast<FaultRecord *>(there);
+  record = mapRecord();
 }
 
 bool Plan::strikes(const char *which) {
@@ -161,6 +168,14 @@ auto around(const char *name, Real *real, Arguments... arguments) {
     static auto *const real = reinterpret_cast<decltype(&name)>(dlsym(RTLD_NEXT, #name)); \
     return around<__COUNTER__>(#name, real, __VA_ARGS__);                                 \
   }
+
+// Counted only: programs started.
+__attribute__((constructor)) static void countStart() {
+  FaultRecord *const record = mapRecord();
+  if (!record) return;
+  count(record->made[__COUNTER__], 0, testsupport::kProgramStart);
+  munmap(record, sizeof *record);
+}
 
 // Counted only: how much of the trees the library reads.
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
