@@ -13,17 +13,22 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <sstream>
+#include <string_view>
 
 namespace kest {
 
 namespace {
 
+bool isOctal(char c) {
+  return c >= '0' && c <= '7';
+}
+
 // Blanks, newlines and backslashes come as octal numbers.
 std::string unescape(const std::string &text) {
   std::string plain;
   for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '\\' && i + 3 < text.size() && text[i + 1] >= '0' && text[i + 1] <= '3') {
+    if (text[i] == '\\' && i + 3 < text.size() && isOctal(text[i + 1]) && isOctal(text[i + 2]) &&
+        isOctal(text[i + 3])) {
       plain +=
           static_cast<char>((text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 + (text[i + 3] - '0'));
       i += 3;
@@ -32,20 +37,6 @@ std::string unescape(const std::string &text) {
     }
   }
   return plain;
-}
-
-bool parseMount(const std::string &line, Mount *mount) {
-  std::istringstream in(line);
-  std::string parent, device, root, point, options, word, type;
-  if (!(in >> mount->id >> parent >> device >> root >> point >> options)) return false;
-  while (in >> word && word != "-") {
-  }
-  if (!(in >> type) || type != "btrfs") return false;
-  if (sscanf(device.c_str(), "%u:%u", &mount->major_no, &mount->minor_no) != 2) return false;
-  mount->root = unescape(root).substr(1);
-  mount->point = unescape(point);
-  mount->read_only = options == "ro" || options.compare(0, 3, "ro,") == 0;
-  return true;
 }
 
 bool onBtrfs(int fd) {
@@ -103,18 +94,46 @@ int findByBlockDevice(dev_t rdev, const std::vector<Mount> &all, MountedFileSyst
 
 }  // namespace
 
+bool parseMount(std::string_view line, Mount *mount) {
+  // Blanks alone divide: names come with every other white space that the kernel does not write as a
+  // number.
+  const auto next = [&line] {
+    const std::string word(line.substr(0, line.find(' ')));
+    line.remove_prefix(std::min(line.size(), word.size() + 1));
+    return word;
+  };
+  const auto number = [](const std::string &word, int *value) {
+    return sscanf(word.c_str(), "%d", value) == 1;
+  };
+  const std::string id = next(), parent = next(), device = next(), root = next(), point = next(),
+                    options = next();
+  if (!number(id, &mount->id) || !number(parent, &mount->parent_id) || root.empty() || point.empty() ||
+      sscanf(device.c_str(), "%u:%u", &mount->major_no, &mount->minor_no) != 2)
+    return false;
+  for (std::string word = next(); word != "-"; word = next())
+    if (line.empty()) return false;
+  mount->btrfs = next() == "btrfs";
+  mount->root = unescape(root);
+  if (mount->root.starts_with('/')) mount->root.erase(0, 1);
+  mount->point = unescape(point);
+  mount->read_only = options == "ro" || options.starts_with("ro,");
+  return true;
+}
+
 int readMounts(std::vector<Mount> *mounts) {
   mounts->clear();
   std::unique_ptr<FILE, int (*)(FILE *)> file(fopen("/proc/self/mountinfo", "re"), fclose);
   if (file == nullptr) return -errno;
   char *line = nullptr;
   size_t size = 0;
-  while (getline(&line, &size, file.get()) > 0) {
+  bool understood = true;
+  while (understood && getline(&line, &size, file.get()) > 0) {
     Mount mount;
-    if (parseMount(line, &mount)) mounts->push_back(std::move(mount));
+    understood = parseMount(line, &mount);
+    if (understood) mounts->push_back(std::move(mount));
   }
   free(line);
-  return ferror(file.get()) ? -EIO : 0;
+  return ferror(file.get()) || !understood ? -EIO : 0;
 }
 
 int findFileSystem(const std::string &device, MountedFileSystem *fs) {
@@ -125,6 +144,7 @@ int findFileSystem(const std::string &device, MountedFileSystem *fs) {
   std::vector<Mount> all;
   int rc = readMounts(&all);
   if (rc < 0) return rc;
+  std::erase_if(all, [](const Mount &one) { return !one.btrfs; });
   if (S_ISBLK(status.stx_mode)) {
     rc = findByBlockDevice(makedev(status.stx_rdev_major, status.stx_rdev_minor), all, fs);
   } else {

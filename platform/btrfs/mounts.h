@@ -1,8 +1,9 @@
-// Mounted btrfs file systems.
+// What is mounted, and the btrfs file systems among it.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "btrfs/subvolume.h"
@@ -11,9 +12,10 @@
 namespace kest {
 
 struct Mount {
-  int id = 0;
+  int id = 0, parent_id = 0;  // parent: the mount that it stands on
+  bool btrfs = false;
   unsigned major_no = 0, minor_no = 0;  // of the superblock
-  std::string root;                     // path below the top of the file system, no leading slash
+  std::string root;                     // path below the top of its file system, no leading slash
   std::string point;                    // mount point
   bool read_only = false;
 };
@@ -25,7 +27,9 @@ struct MountedFileSystem {
   std::vector<Mount> mounts;  // preferred one first: the mount that the argument named
 };
 
-// Every btrfs mount of this namespace. 0 or -errno.
+// A line of /proc/self/mountinfo.
+bool parseMount(std::string_view line, Mount *mount);
+// Every mount of this namespace. 0 or -errno.
 int readMounts(std::vector<Mount> *mounts);
 
 // The file system of `device`: any path on it, or one of its block devices. 0; -ENODEV when it is no

@@ -13,6 +13,9 @@ namespace kest {
 
 namespace {
 
+constexpr uint64_t kLongestFile = INT64_MAX;
+constexpr size_t kLongestName = 255;
+
 TreeTime decodeTime(const btrfs_timespec &time) {
   return {static_cast<int64_t>(le64toh(time.sec)), le32toh(time.nsec)};
 }
@@ -86,6 +89,12 @@ bool forEachName(const TreeItem &item, Visit visit) {
   return true;
 }
 
+// What a directory can hold: a name that is none would lead out of it, or to another entry.
+bool isEntryName(std::string_view name) {
+  return !name.empty() && name.size() <= kLongestName && name != "." && name != ".." &&
+         name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
 }  // namespace
 
 bool decodeInode(const TreeItem &item, InodeItem *inode) {
@@ -110,7 +119,9 @@ bool decodeInode(const TreeItem &item, InodeItem *inode) {
 }
 
 bool decodeDirEntries(const TreeItem &item, std::vector<DirEntryItem> *entries) {
-  return forEachDirItem(item, [&](const btrfs_dir_item &head, std::string_view name, std::string_view) {
+  bool named = true;
+  auto add = [&](const btrfs_dir_item &head, std::string_view name, std::string_view) {
+    named = named && isEntryName(name);
     DirEntryItem &entry = entries->emplace_back();
     entry.index = item.key.offset;
     entry.target = le64toh(head.location.objectid);
@@ -118,7 +129,8 @@ bool decodeDirEntries(const TreeItem &item, std::vector<DirEntryItem> *entries) 
     entry.type = direntType(head.type);
     entry.transid = le64toh(head.transid);
     entry.name = name;
-  });
+  };
+  return forEachDirItem(item, add) && named;
 }
 
 bool decodeExtent(const TreeItem &item, ExtentItem *extent) {
@@ -133,12 +145,14 @@ bool decodeExtent(const TreeItem &item, ExtentItem *extent) {
   if (raw.type == BTRFS_FILE_EXTENT_INLINE) {
     extent->is_inline = true;
     extent->length = le64toh(raw.ram_bytes);
+    if (extent->length > kLongestFile) return false;
     extent->inline_data.assign(reinterpret_cast<const char *>(item.data) + kInlineHead,
                                item.size - kInlineHead);
     return true;
   }
   if (item.size < sizeof raw) return false;
   extent->length = le64toh(raw.num_bytes);
+  if (extent->start > kLongestFile || extent->length > kLongestFile - extent->start) return false;
   extent->disk = le64toh(raw.disk_bytenr);
   extent->shift = le64toh(raw.offset) - item.key.offset;
   // A hole's offset field is not to be relied on; preallocated space reads as zeros.

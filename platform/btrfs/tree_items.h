@@ -63,7 +63,8 @@ struct ExtentItem {
   std::string inline_data;  // raw, maybe compressed
 };
 
-// The decoders return false for an item too short to be what its key says.
+// The decoders return false for an item that cannot be what its key says: too short, a name that no
+// directory can hold, a range beyond the largest file.
 bool decodeInode(const TreeItem &item, InodeItem *inode);
 // DIR_INDEX, or one element of a DIR_ITEM (several names can share one hash).
 bool decodeDirEntries(const TreeItem &item, std::vector<DirEntryItem> *entries);

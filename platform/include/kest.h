@@ -121,6 +121,10 @@ int kest_is_quota_file(const kest_fssnap_handle_t *handle, const char *path, con
 int kest_file_survives(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
                        const char *path);
 
+/* 1 and the first node of the comma-separated list that is not this machine ("all", "localhost", its host
+ * name with or without the domain), cut to `size` bytes; 0 when all of them are. */
+int kest_other_node(const char *nodes, char *node, size_t size);
+
 /* ---- inode scans ---------------------------------------------------------------------------- */
 
 /* Opens a scan of the handle's inodes; costs microseconds, nothing is read before the first question.

@@ -55,39 +55,16 @@ int readAclBuffer(int fd, int flags, void *buf) {
   memcpy(&capacity, buf, sizeof capacity);
   AclState state;
   if (int rc = readAcl(fd, &state); rc != 0) return rc;
-  Header header{};
-  header.type = 1;
-  header.magic = kMagic;
-  header.mode = state.mode;
-  header.access_length = static_cast<uint32_t>(state.access.size());
-  header.default_length = static_cast<uint32_t>(state.inherited.size());
-  header.length = static_cast<int32_t>(sizeof header + state.access.size() + state.inherited.size());
-  if (capacity < header.length) {
-    memcpy(buf, &header.length, sizeof header.length);
-    return -ENOSPC;
-  }
-  char *at = static_cast<char *>(buf);
-  memcpy(at, &header, sizeof header);
-  memcpy(at + sizeof header, state.access.data(), state.access.size());
-  memcpy(at + sizeof header + state.access.size(), state.inherited.data(), state.inherited.size());
-  return 0;
+  const std::string text = encodeAcl(state);
+  const auto needed = static_cast<int32_t>(text.size());
+  const bool fits = capacity >= needed;
+  memcpy(buf, text.data(), fits ? text.size() : sizeof needed);
+  return fits ? 0 : -ENOSPC;
 }
 
 int writeAclBuffer(int fd, int flags, const void *buf) {
-  if (buf == nullptr || flags != 0) return -EINVAL;
-  Header header;
-  memcpy(&header.length, buf, sizeof header.length);
-  if (header.length < static_cast<int32_t>(sizeof header)) return -EINVAL;
-  memcpy(&header, buf, sizeof header);
-  uint64_t room = static_cast<uint64_t>(header.length) - sizeof header;
-  if (header.magic != kMagic || (header.mode & ~kModeBits) != 0 ||
-      uint64_t{header.access_length} + header.default_length > room)
-    return -EINVAL;
-  const char *at = static_cast<const char *>(buf) + sizeof header;
   AclState state;
-  state.mode = header.mode;
-  state.access.assign(at, header.access_length);
-  state.inherited.assign(at + header.access_length, header.default_length);
+  if (buf == nullptr || flags != 0 || !decodeAcl(buf, &state)) return -EINVAL;
   return writeAcl(fd, state);
 }
 
@@ -98,6 +75,35 @@ int openObject(const char *path, UniqueFd *fd) {
 }
 
 }  // namespace
+
+std::string encodeAcl(const AclState &state) {
+  Header header{};
+  header.type = 1;
+  header.magic = kMagic;
+  header.mode = state.mode;
+  header.access_length = static_cast<uint32_t>(state.access.size());
+  header.default_length = static_cast<uint32_t>(state.inherited.size());
+  header.length = static_cast<int32_t>(sizeof header + state.access.size() + state.inherited.size());
+  std::string text(sizeof header, '\0');
+  memcpy(text.data(), &header, sizeof header);
+  return text + state.access + state.inherited;
+}
+
+bool decodeAcl(const void *buf, AclState *state) {
+  Header header;
+  memcpy(&header.length, buf, sizeof header.length);
+  if (header.length < static_cast<int32_t>(sizeof header)) return false;
+  memcpy(&header, buf, sizeof header);
+  uint64_t room = static_cast<uint64_t>(header.length) - sizeof header;
+  if (header.magic != kMagic || (header.mode & ~kModeBits) != 0 ||
+      uint64_t{header.access_length} + header.default_length > room)
+    return false;
+  const char *at = static_cast<const char *>(buf) + sizeof header;
+  state->mode = header.mode;
+  state->access.assign(at, header.access_length);
+  state->inherited.assign(at + header.access_length, header.default_length);
+  return true;
+}
 
 int readAcl(int fd, AclState *state) {
   struct stat st;

@@ -20,4 +20,9 @@ int readAcl(int fd, AclState *state);
 // default ACL is for directories only. 0; -EPERM immutable or append-only; -errno.
 int writeAcl(int fd, const AclState &state);
 
+// The state as kest_getacl gives it. decodeAcl reads as many bytes as `buf` says it is long; false for
+// what is none.
+std::string encodeAcl(const AclState &state);
+bool decodeAcl(const void *buf, AclState *state);
+
 }  // namespace kest

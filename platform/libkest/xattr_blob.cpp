@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
 
 #include <linux/fs.h>
 #include <sys/stat.h>
@@ -17,30 +16,7 @@
 namespace kest {
 namespace {
 
-constexpr char kCompression[] = "btrfs.compression";
-constexpr char kMagic[8] = {'K', 'E', 'S', 'T', 'A', 'T', 'T', 'R'};
-constexpr uint32_t kVersion = 1;
 constexpr unsigned kCompressionFlags = FS_COMPR_FL | FS_NOCOMP_FL;
-
-struct BlobHeader {
-  char magic[8];
-  uint32_t version;
-  uint32_t length;
-  uint32_t flags;
-  uint32_t count;
-};
-
-struct EntryHeader {
-  uint32_t name_length;
-  uint32_t value_length;
-};
-
-struct Attributes {
-  std::map<std::string, std::string, std::less<>> xattrs;
-  unsigned flags = 0;  // without the compression flags where the property is there: it implies them
-
-  bool empty() const { return xattrs.empty() && flags == 0; }
-};
 
 bool hasStorageFlags(const OpenInode &file) {
   return S_ISREG(file.if_mode) || S_ISDIR(file.if_mode);
@@ -58,7 +34,7 @@ int listAttributes(const OpenInode &file, std::vector<std::string> *names) {
   return 0;
 }
 
-int readAttributes(OpenInode *file, Attributes *out) {
+int readAttributes(OpenInode *file, BlobAttributes *out) {
   std::vector<std::string> names;
   int fd = file->path_fd.get();
   if (int rc = listAttributes(*file, &names); rc != 0) return rc;
@@ -74,67 +50,17 @@ int readAttributes(OpenInode *file, Attributes *out) {
   int real_fd = file->readFd();
   if (real_fd < 0) return real_fd;
   if (int rc = readStorageFlags(real_fd, &out->flags); rc != 0) return rc;
-  if (out->xattrs.contains(kCompression)) out->flags &= ~kCompressionFlags;
+  if (out->xattrs.contains(kCompressionProperty)) out->flags &= ~kCompressionFlags;
   return 0;
 }
 
-template <typename Record>
-void append(std::string *blob, const Record &record) {
-  blob->append(reinterpret_cast<const char *>(&record), sizeof record);
-}
-
-template <typename Record>
-bool take(std::string_view *rest, Record *record) {
-  if (rest->size() < sizeof *record) return false;
-  memcpy(record, rest->data(), sizeof *record);
-  rest->remove_prefix(sizeof *record);
-  return true;
-}
-
-std::string encode(const Attributes &attributes) {
-  BlobHeader header{};
-  memcpy(header.magic, kMagic, sizeof kMagic);
-  header.version = kVersion;
-  header.flags = attributes.flags;
-  header.count = static_cast<uint32_t>(attributes.xattrs.size());
-  std::string blob;
-  append(&blob, header);
-  for (const auto &[name, value] : attributes.xattrs) {
-    append(&blob, EntryHeader{static_cast<uint32_t>(name.size()), static_cast<uint32_t>(value.size())});
-    blob += name;
-    blob += value;
-  }
-  header.length = static_cast<uint32_t>(blob.size());
-  memcpy(blob.data(), &header, sizeof header);
-  return blob;
-}
-
-bool decode(std::string_view blob, Attributes *out) {
-  BlobHeader header;
-  if (!take(&blob, &header) || memcmp(header.magic, kMagic, sizeof kMagic) != 0 ||
-      header.version != kVersion || (header.flags & ~kStorageFlags) != 0)
-    return false;
-  for (uint32_t i = 0; i < header.count; i++) {
-    EntryHeader entry;
-    if (!take(&blob, &entry) || entry.name_length > blob.size() ||
-        entry.value_length > blob.size() - entry.name_length)
-      return false;
-    std::string name(blob.substr(0, entry.name_length));
-    if (!travelsInBlob(name) || name.find('\0') != std::string::npos) return false;
-    out->xattrs.emplace(std::move(name), blob.substr(entry.name_length, entry.value_length));
-    blob.remove_prefix(entry.name_length + entry.value_length);
-  }
-  out->flags = header.flags;
-  return blob.empty();
-}
-
-bool sameValue(const Attributes &attributes, const std::string &name, const std::string &value) {
+bool sameValue(const BlobAttributes &attributes, const std::string &name, const std::string &value) {
   auto found = attributes.xattrs.find(name);
   return found != attributes.xattrs.end() && found->second == value;
 }
 
 // The state that the kernel can bring the object into, of what the blob asks for.
-int adjustToPossible(OpenInode *file, const Attributes &now, Attributes *wanted) {
+int adjustToPossible(OpenInode *file, const BlobAttributes &now, BlobAttributes *wanted) {
   if (S_ISREG(file->if_mode)) {
     struct stat st;
     if (fstat(file->path_fd.get(), &st) != 0) return -errno;
@@ -147,28 +73,28 @@ int adjustToPossible(OpenInode *file, const Attributes &now, Attributes *wanted)
   }
   if (wanted->flags & FS_NOCOW_FL) {
     wanted->flags &= ~FS_COMPR_FL;
-    wanted->xattrs.erase(kCompression);
-  } else if ((wanted->flags & FS_COMPR_FL) && now.xattrs.contains(kCompression)) {
+    wanted->xattrs.erase(kCompressionProperty);
+  } else if ((wanted->flags & FS_COMPR_FL) && now.xattrs.contains(kCompressionProperty)) {
     // The kernel sets the flag only together with the property: what it made of it last time stays.
-    wanted->xattrs.emplace(kCompression, now.xattrs.find(kCompression)->second);
+    wanted->xattrs.emplace(kCompressionProperty, now.xattrs.find(kCompressionProperty)->second);
     wanted->flags &= ~FS_COMPR_FL;
   }
   return 0;
 }
 
 // Storage flags and compression property, which the kernel changes together.
-int applyStorage(OpenInode *file, const Attributes &now, const Attributes &wanted) {
-  auto property = wanted.xattrs.find(kCompression);
-  bool has_property = now.xattrs.contains(kCompression);
+int applyStorage(OpenInode *file, const BlobAttributes &now, const BlobAttributes &wanted) {
+  auto property = wanted.xattrs.find(kCompressionProperty);
+  bool has_property = now.xattrs.contains(kCompressionProperty);
   bool wants_property = property != wanted.xattrs.end();
   if (now.flags == wanted.flags && has_property == wants_property &&
-      (!wants_property || sameValue(now, kCompression, property->second)))
+      (!wants_property || sameValue(now, kCompressionProperty, property->second)))
     return 0;
 
   int fd = file->path_fd.get();
   if (has_property && !wants_property) {
     // Refused on an immutable object, unlike the change of flags below, so it goes first.
-    if (int rc = removeXattr(fd, kCompression); rc != 0) return rc;
+    if (int rc = removeXattr(fd, kCompressionProperty); rc != 0) return rc;
   }
   if (now.flags != wanted.flags) {
     int real_fd = file->readFd();
@@ -180,15 +106,10 @@ int applyStorage(OpenInode *file, const Attributes &now, const Attributes &wante
       if (int rc = writeStorageFlags(real_fd, wanted.flags); rc != 0) return rc;
     }
   }
-  return wants_property ? writeXattr(fd, kCompression, property->second) : 0;
+  return wants_property ? writeXattr(fd, kCompressionProperty, property->second) : 0;
 }
 
 }  // namespace
-
-bool travelsInBlob(std::string_view name) {
-  if (name.starts_with("trusted.")) return !name.starts_with("trusted.kest.");
-  return name.starts_with("user.") || name.starts_with("security.") || name == kCompression;
-}
 
 bool carriesBlob(mode_t mode, uint64_t item_flags, const std::vector<std::string> &names) {
   return storageFlagsOfItem(mode, item_flags) != 0 ||
@@ -196,26 +117,26 @@ bool carriesBlob(mode_t mode, uint64_t item_flags, const std::vector<std::string
 }
 
 int readBlob(OpenInode *file, std::string *blob) {
-  Attributes attributes;
+  BlobAttributes attributes;
   if (int rc = readAttributes(file, &attributes); rc != 0) return rc;
   blob->clear();
-  if (!attributes.empty()) *blob = encode(attributes);
+  if (!attributes.empty()) *blob = encodeBlob(attributes);
   return 0;
 }
 
 int writeBlob(OpenInode *file, std::string_view blob) {
-  Attributes now, wanted;
-  if (!blob.empty() && !decode(blob, &wanted)) return -EINVAL;
+  BlobAttributes now, wanted;
+  if (!blob.empty() && !decodeBlob(blob, &wanted)) return -EINVAL;
   if (int rc = readAttributes(file, &now); rc != 0) return rc;
   if (int rc = adjustToPossible(file, now, &wanted); rc != 0) return rc;
 
   int fd = file->path_fd.get();
   for (const auto &[name, value] : wanted.xattrs) {
-    if (name == kCompression || sameValue(now, name, value)) continue;
+    if (name == kCompressionProperty || sameValue(now, name, value)) continue;
     if (int rc = writeXattr(fd, name.c_str(), value); rc != 0) return rc;
   }
   for (const auto &[name, value] : now.xattrs) {
-    if (name == kCompression || wanted.xattrs.contains(name)) continue;
+    if (name == kCompressionProperty || wanted.xattrs.contains(name)) continue;
     if (int rc = removeXattr(fd, name.c_str()); rc != 0) return rc;
   }
   return applyStorage(file, now, wanted);
@@ -243,10 +164,8 @@ extern "C" int kest_iputattrsx(kest_ifile_t *file, int, const void *buf, const c
     if (file == nullptr || file->if_kind != KEST_IFILE_KIND) return -EINVAL;
     std::string_view blob;
     if (buf != nullptr) {
-      BlobHeader header;
-      memcpy(&header, buf, sizeof header);
-      if (memcmp(header.magic, kMagic, sizeof kMagic) != 0) return -EINVAL;
-      blob = std::string_view(static_cast<const char *>(buf), header.length);
+      blob = blobAt(buf);
+      if (blob.empty()) return -EINVAL;
     }
     return writeBlob(openInode(file), blob);
   });

@@ -1,9 +1,4 @@
-// The extended attributes of an inode as one self-describing byte string.
-//
-// Layout, host byte order: header {char magic[8] "KESTATTR", u32 version 1, u32 total length, u32
-// storage flags (FS_IOC_GETFLAGS bits), u32 number of attributes}, then the attributes in the order of
-// their names, each {u32 name length, u32 value length, name, value}. Equal attributes give equal
-// bytes. A blob lives as long as a restore step; it is never stored.
+// Reading and setting the extended attributes of an inode as one byte string.
 #pragma once
 
 #include <cstdint>
@@ -13,13 +8,10 @@
 
 #include <sys/types.h>
 
+#include "libkest/blob_format.h"
 #include "libkest/open_inode.h"
 
 namespace kest {
-
-// Whether an extended attribute of this name travels in the blob: user.*, trusted.* but trusted.kest.*,
-// security.*, and the compression property. ACLs travel by kest_getacl.
-bool travelsInBlob(std::string_view name);
 
 // Whether the blob of an inode would hold anything: `names` of its XATTR_ITEMs, `item_flags` of its
 // inode item. This is what ia_xattr must say.

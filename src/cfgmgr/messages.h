@@ -81,6 +81,7 @@ enum class Message : int {
   kStopped,
   kStoppedBefore,
   kObjectFailed,
+  kOtherNode,
   kCount
 };
 
@@ -193,6 +194,8 @@ inline constexpr MessageText kMessages[] = {
     {Message::kStoppedBefore, 0, 0,
      "Stopped by a signal (%s). Nothing of the fileset %s was restored yet.\n"},
     {Message::kObjectFailed, 0, 0, "Cannot restore %s: %s.\n"},
+    {Message::kOtherNode, 0, 0,
+     "The node \"%s\" is not this machine: the file system is local. Nothing was changed.\n"},
 };
 
 namespace message_check {

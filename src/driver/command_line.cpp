@@ -159,7 +159,7 @@ RunMode readCommandLine(int argc, char **argv) {
     if (!applyOption(option, optarg)) return usage(argv[0]);
   }
 
-  const bool known_phase = settings.phase == kPhaseMaster ? !worker : settings.phase > 2;
+  const bool known_phase = worker ? settings.phase > 2 : settings.phase == kPhaseMaster;
   if (!known_phase) return usage(argv[0]);
   if ((settings.snapOldP.empty() || settings.filesetP.empty()) && settings.phase != kPhaseMoveBack)
     return usage(argv[0]);

@@ -24,6 +24,11 @@ bool fits(const std::string &command) {
   return false;
 }
 
+// The fileset's name for a command line, where a first "-" would make it an option.
+std::string filesetWord() {
+  return shellWord(settings.filesetP.starts_with('-') ? "/" + settings.filesetP : settings.filesetP);
+}
+
 int fileSystemControl(const std::string &command, Message cannot_start) {
   if (!fits(command)) return E2BIG;
   int status = 0;
@@ -36,26 +41,31 @@ int fileSystemControl(const std::string &command, Message cannot_start) {
 
 }  // namespace
 
+bool isLocalFileset(std::string_view listing) {
+  constexpr int kColonsBefore = 18;
+  size_t at = listing.find('\n');  // behind the header line
+  if (at == std::string_view::npos) return false;
+  std::string_view data = listing.substr(at + 1);
+  data = data.substr(0, data.find('\n'));
+  at = 0;
+  for (int colons = 0; colons < kColonsBefore; ++colons) {
+    at = data.find(':', at);
+    if (at == std::string_view::npos) return false;
+    ++at;
+  }
+  return at < data.size() && data[at] == '-';
+}
+
 int checkFilesetType() {
   const std::string command = "exec /usr/qtx/kest/bin/ktlsfileset " + shellWord(settings.deviceP) +
-                              " " + shellWord(settings.filesetP) + " -Y 2>/dev/null";
+                              " " + filesetWord() + " -Y 2>/dev/null";
   std::string output;
   int status = 0;
   if (!fits(command) || runCommandOutput(command, &output, &status) != 0) {
     userMessage(Message::kFilesetCheckFailed, settings.filesetP);
     return -1;
   }
-  size_t at = output.find('\n');  // behind the header line
-  if (at == std::string::npos) return 1;
-  const size_t end = output.find('\n', ++at);
-  const std::string data = output.substr(at, end == std::string::npos ? end : end - at);
-  at = 0;
-  for (int colons = 0; colons < 18; ++colons) {
-    at = data.find(':', at);
-    if (at == std::string::npos) return 1;
-    ++at;
-  }
-  return at < data.size() && data[at] == '-' ? 0 : 1;
+  return isLocalFileset(output) ? 0 : 1;
 }
 
 int listSnapshots() {

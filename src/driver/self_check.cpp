@@ -36,6 +36,11 @@ int checkFileOfRun(const std::string &path) {
 }  // namespace
 
 int selfCheck() {
+  char other[256];
+  if (kest_other_node(settings.nodeSpec.c_str(), other, sizeof other) != 0) {
+    userMessage(Message::kOtherNode, other);
+    return EINVAL;
+  }
   if (kest_is_writable(handles.activeFsP) == 0) {
     userMessage(Message::kReadOnlyFileset, settings.filesetP);
     return EROFS;

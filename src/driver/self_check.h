@@ -2,6 +2,6 @@
 #pragma once
 
 // The program, its library and the commands of the file system must be there and outlive the restore;
-// the fileset must be writable. A writable snapshot is only warned about. 0, or an errno after a
-// message.
+// the fileset must be writable; every node must be this machine. A writable snapshot is only warned
+// about. 0, or an errno after a message.
 int selfCheck();

@@ -9,12 +9,12 @@
 #include <cstdlib>
 #include <numeric>
 
+#include "btrfs/local_nodes.h"
 #include "commands/ktapplypolicy/batch_file.h"
 #include "commands/ktapplypolicy/batcher.h"
 #include "commands/ktapplypolicy/policy_file.h"
 #include "commands/ktapplypolicy/record_list.h"
 #include "commands/ktapplypolicy/worker_slots.h"
-#include "commands/ktapplypolicy/worker_starter.h"
 
 namespace kest {
 namespace {

@@ -142,15 +142,32 @@ TEST_F(Start, TakenNamesOfTheWorkDirectoryArePassedOver) {
   expectRestored();
 }
 
-TEST_F(Start, LongListOfNodesIsAUsageError) {
+TEST_F(Start, OtherNodesAreRefusedAtOnceAndLongListsAreAUsageError) {
   takeSnapshot();
   tree().remove("f");
   RunResult result = restore("snap", {"-N", std::string(1024, 'n')});
   EXPECT_EQ(result.exitStatus, 1);
   EXPECT_EQ(result.err.rfind("Usage ", 0), 0u) << result.err;
-  result = restore("snap", {"-N", std::string(1023, 'n')});
-  EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_EQ(result.err.find("Usage "), std::string::npos) << "read, and refused as another machine";
+  for (const std::string &nodes : {std::string(1023, 'n'), std::string("localhost,other")}) {
+    result = restore("snap", {"-N", nodes});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_EQ(result.err.rfind("The node \"" + nodes.substr(nodes.find(',') + 1, 5), 0), 0u)
+        << result.err;
+    EXPECT_EQ(tree().names(""), std::vector<std::string>{});
+  }
+}
+
+TEST_F(Start, NamesThatLookLikeOptions) {
+  const std::string root = fs().createSubvolume("-x");
+  TreeBuilder builder(root);
+  builder.file("-v", "text");
+  fs().snapshot("-x", "-q");
+  builder.append("-v", "more");
+  const RunResult result = testsupport::runRestore(fs().mountPoint(), "-x", "-q", {});
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  EXPECT_EQ(builder.read("-v"), "text");
+  fs().destroySubvolume("-q");
+  fs().destroySubvolume("-x");
 }
 
 constexpr char kCloneAttr[] = "trusted.kest.CLONE";

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "btrfs/local_nodes.h"
 #include "commands/ktapplypolicy/batch_run.h"
 #include "commands/ktapplypolicy/options.h"
 

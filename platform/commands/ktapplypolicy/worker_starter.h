@@ -39,8 +39,4 @@ class LocalStarter : public WorkerStarter {
   UniqueFd input_;
 };
 
-// True when every node of the comma-separated list is this machine: "all", "localhost" or its host
-// name, with or without the domain. Else *foreign is the first that is not.
-bool nodesAreLocal(const std::string &nodes, std::string *foreign);
-
 }  // namespace kest

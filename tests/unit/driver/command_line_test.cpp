@@ -51,6 +51,7 @@ TEST(CommandLine, Modes) {
       {{"/dev", "-j", "f", "-o", "s", "-p", "1"}, RunMode::kUsage},
       {{"/dev", "-j", "f", "-o", "s", "-p", "2"}, RunMode::kUsage},
       {{"/dev", "-j", "f", "-o", "s", "-p", "-3"}, RunMode::kUsage},
+      {{"/dev", "-j", "f", "-o", "s", "-t", "/w", "-p", "4"}, RunMode::kUsage},  // no batch
       {{"/dev", "-Z", "-j", "f", "-o", "s"}, RunMode::kUsage},  // reading ends at the unknown letter
       {{"/dev", "-j", "f", "-o", "s", "-Z"}, RunMode::kRun},
       {{"/dev", "-j", "f", "-o", "s", "-m"}, RunMode::kRun},
