@@ -125,6 +125,13 @@ int kest_file_survives(const kest_fssnap_handle_t *active, const kest_fssnap_han
  * name with or without the domain), cut to `size` bytes; 0 when all of them are. */
 int kest_other_node(const char *nodes, char *node, size_t size);
 
+/* For a restore that is about to begin, `scan` a difference scan of both: 1 and the mount point (cut to
+ * `size` bytes) of something mounted on a directory or file of the fileset, or of the snapshot, that the
+ * restore would have to enter, change, rename or remove; 0 when nothing is. Mounts on what stays as it
+ * is, and below directories that are only renamed, are in nobody's way. -1: errno. */
+int kest_mount_in_the_way(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
+                          kest_iscan_t *scan, char *point, size_t size);
+
 /* ---- inode scans ---------------------------------------------------------------------------- */
 
 /* Opens a scan of the handle's inodes; costs microseconds, nothing is read before the first question.

@@ -81,6 +81,8 @@ enum class Message : int {
   kStopped,
   kStoppedBefore,
   kObjectFailed,
+  kMountInTheWay,
+  kMountsUnknown,
   kOtherNode,
   kCount
 };
@@ -194,6 +196,11 @@ inline constexpr MessageText kMessages[] = {
     {Message::kStoppedBefore, 0, 0,
      "Stopped by a signal (%s). Nothing of the fileset %s was restored yet.\n"},
     {Message::kObjectFailed, 0, 0, "Cannot restore %s: %s.\n"},
+    {Message::kMountInTheWay, 0, 0,
+     "Something is mounted on %s, and the restore would have to change, move or remove what it covers. "
+     "Nothing was restored. Unmount it and start again.\n"},
+    {Message::kMountsUnknown, 0, 0,
+     "Cannot tell what is mounted inside the fileset %s: %s. Nothing was restored.\n"},
     {Message::kOtherNode, 0, 0,
      "The node \"%s\" is not this machine: the file system is local. Nothing was changed.\n"},
 };

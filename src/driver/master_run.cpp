@@ -15,6 +15,7 @@
 #include "driver/memory_budget.h"
 #include "driver/phases.h"
 #include "driver/preparation.h"
+#include "driver/self_check.h"
 #include "object/attr_restore.h"
 #include "object/object_stat.h"
 #include "oplist/dir_lists.h"
@@ -154,6 +155,10 @@ int restoreFileset(int argc, char **argv, bool *cleanupFlag) {
     return rc;
   }
   userMessage(Message::kScan, formatTimeStamp());
+  if (const int rc = mountCheck()) {
+    *cleanupFlag = true;
+    return rc;
+  }
   scan.scannedInoHigh = 0;
   scan.scannedCount = 0;
   while (!scan.finalPass)

@@ -65,3 +65,17 @@ int selfCheck() {
   if (kest_is_writable(handles.oldFsP) == 1) userMessage(Message::kWritableSnapshot, settings.snapOldP);
   return 0;
 }
+
+int mountCheck() {
+  char point[kPathMax];
+  const int found =
+      kest_mount_in_the_way(handles.activeFsP, handles.oldFsP, handles.iscanP, point, sizeof point);
+  if (found == 0) return 0;
+  if (found < 0) {
+    const int error = errno;
+    userMessage(Message::kMountsUnknown, settings.filesetP, strerror(error));
+    return error;
+  }
+  userMessage(Message::kMountInTheWay, point);
+  return EBUSY;
+}

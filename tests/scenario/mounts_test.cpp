@@ -1,0 +1,158 @@
+// Mounts inside the fileset: never entered, changed or covered; what the restore would have to do to
+// them is found before it begins.
+#include <sys/mount.h>
+
+#include <filesystem>
+
+#include "scenario/restore_fixture.h"
+
+using namespace scenario;
+using testsupport::compare;
+using testsupport::fingerprint;
+using testsupport::joined;
+
+namespace {
+
+void build(TreeBuilder &tree) {
+  tree.dirs("same/below");
+  tree.dirs("same/other");
+  tree.file("same/below/f", "text");
+  tree.file("same/file", "text");
+  tree.dirs("old/inner");
+  tree.file("gone", "text");
+}
+
+class MountsBase : public RestoreFixture {
+ protected:
+  void TearDown() override {
+    unmount();
+    RestoreFixture::TearDown();
+  }
+  // A memory file system with a file on a directory; on a file, another file.
+  void mountOn(const std::string &point) {
+    if (std::filesystem::is_directory(point)) {
+      ASSERT_EQ(mount("none", point.c_str(), "tmpfs", 0, nullptr), 0) << point;
+      TreeBuilder(point).file("mounted", "theirs");
+    } else {
+      TreeBuilder("/mnt").file("mounted" + std::to_string(++files_), "theirs");
+      const std::string file = "/mnt/mounted" + std::to_string(files_);
+      ASSERT_EQ(mount(file.c_str(), point.c_str(), nullptr, MS_BIND, nullptr), 0) << point;
+    }
+    points_.push_back(point);
+  }
+  // Where it is by now, with what was in it.
+  void expectMounted(const std::string &point) {
+    const bool directory = std::filesystem::is_directory(point);
+    const std::filesystem::path path = directory ? point + "/mounted" : point;
+    EXPECT_EQ(TreeBuilder(path.parent_path()).read(path.filename()), "theirs") << point;
+    if (!directory) return;
+    EXPECT_EQ(TreeBuilder(point).names(""), std::vector<std::string>{"mounted"});
+  }
+  void unmount() {
+    for (; !points_.empty(); points_.pop_back())
+      EXPECT_EQ(umount2(points_.back().c_str(), MNT_DETACH), 0);
+  }
+
+  std::vector<std::string> points_;
+
+ private:
+  static inline int files_ = 0;
+};
+
+using Mounts = MountsBase;
+
+TEST_F(Mounts, WhatStandsOnUnchangedThingsStays) {
+  build(tree());
+  fs().createSubvolume(fileset() + "/nested");
+  takeSnapshot();
+  tree().rename("old", "renamed");
+  tree().file("same/other/new", "text");
+  tree().remove("gone");
+  for (const char *point : {"same/below", "same/file", "renamed/inner", "nested"})
+    ASSERT_NO_FATAL_FAILURE(mountOn(root() + "/" + point));
+  const RunResult result = restore();
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  points_[2] = root() + "/old/inner";  // it went home with its directory
+  for (const std::string &point : points_) expectMounted(point);
+  unmount();
+  EXPECT_EQ(joined(compare(fingerprint(fs().path(snapshotName()), {{}, true}),
+                           fingerprint(root(), {{}, true}))),
+            "");
+  fs().destroySubvolume(fileset() + "/nested");
+}
+
+struct InTheWay {
+  const char *name;
+  void (*change)(TreeBuilder &);
+  const char *point;
+};
+void PrintTo(const InTheWay &one, std::ostream *out) {
+  *out << one.name;
+}
+
+class MountsInTheWay : public MountsBase, public ::testing::WithParamInterface<InTheWay> {};
+
+TEST_P(MountsInTheWay, EndTheRunBeforeItChangesAnything) {
+  build(tree());
+  takeSnapshot();
+  GetParam().change(tree());
+  TreePrint before = fingerprint(root());
+  // Also where the fileset is seen through another mount than the run's.
+  std::filesystem::create_directory("/mnt/view");
+  ASSERT_EQ(mount(root().c_str(), "/mnt/view", nullptr, MS_BIND, nullptr), 0);
+  for (const std::string &view : {root(), std::string("/mnt/view")}) {
+    const std::string point = view + "/" + GetParam().point;
+    ASSERT_NO_FATAL_FAILURE(mountOn(point));
+    const RunResult result = restore();
+    EXPECT_EQ(result.exitStatus, 1) << result.describe();
+    EXPECT_NE(result.err.find("mounted on " + point + ","), std::string::npos) << result.err;
+    expectMounted(point);
+    unmount();
+    TreePrint after = fingerprint(root());
+    before.objects[""] = after.objects[""];  // its times: the work directory came and went
+    EXPECT_EQ(joined(compare(before, after)), "");
+  }
+  EXPECT_EQ(umount("/mnt/view"), 0);
+  expectRestored();
+}
+
+const InTheWay kInTheWay[] = {
+    {"ChangesBelow", [](TreeBuilder &t) { t.append("same/below/f", "more"); }, "same/below"},
+    {"ChangedItself", [](TreeBuilder &t) { t.chmod("same/below", 0700); }, "same/below"},
+    {"ChangesFarBelow", [](TreeBuilder &t) { t.append("same/below/f", "more"); }, "same"},
+    {"Deleted", [](TreeBuilder &t) { t.remove("same/below/f"); }, "same/below"},
+    {"New", [](TreeBuilder &t) { t.dir("new"); }, "new"},
+    {"InANewTree", [](TreeBuilder &t) { t.dirs("new/tree/deep"); }, "new/tree/deep"},
+    {"Renamed", [](TreeBuilder &t) { t.rename("old/inner", "old/renamed"); }, "old/renamed"},
+    {"MovedIntoANewTree",
+     [](TreeBuilder &t) {
+       t.dirs("new/tree");
+       t.rename("old", "new/tree/old");
+     },
+     "new/tree"},
+    {"ChangedFile", [](TreeBuilder &t) { t.append("same/file", "more"); }, "same/file"},
+    {"NestedFileset",
+     [](TreeBuilder &t) { testsupport::runCommand("btrfs -q subvolume create " + t.root() + "/sub"); },
+     "sub"},
+};
+INSTANTIATE_TEST_SUITE_P(All, MountsInTheWay, ::testing::ValuesIn(kInTheWay),
+                         [](const auto &one) { return std::string(one.param.name); });
+
+TEST_F(Mounts, InTheSnapshot) {
+  build(tree());
+  takeSnapshot();
+  tree().append("same/below/f", "more");
+  const std::string snapshot = fs().path(snapshotName());
+  ASSERT_NO_FATAL_FAILURE(mountOn(snapshot + "/same/below"));
+  RunResult result = restore();
+  EXPECT_EQ(result.exitStatus, 1) << result.describe();
+  EXPECT_EQ(tree().read("same/below/f"), "textmore");
+  unmount();
+  ASSERT_NO_FATAL_FAILURE(mountOn(snapshot + "/same/other"));
+  result = restore();
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  unmount();
+  expectRestored();
+}
+
+}  // namespace
