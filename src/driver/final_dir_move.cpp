@@ -24,10 +24,11 @@ int doFinalDirMove() {
   while (!rest.empty()) {
     if (stopSignal() != 0) return EINTR;
     const std::string line(rest.substr(0, rest.find('\n')));
+    const bool ended = line.size() < rest.size();
     rest.remove_prefix(std::min(rest.size(), line.size() + 1));
     uint64_t ino = 0;
     const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), ino);
-    if (error != std::errc() || end != line.data() + line.size()) {
+    if (error != std::errc() || end != line.data() + line.size() || !ended) {
       traceLog("doFinalDirMove: invalid line %s\n", line.c_str());
       return EIO;
     }

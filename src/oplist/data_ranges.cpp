@@ -66,6 +66,15 @@ ListResult fail(int rc, int code) {
   return {rc != 0 ? rc : -1, code};
 }
 
+// The next range of all of a file, data or hole. Its length; -1 and errno, also where the file ends
+// before `end`: what is not listed would be missing.
+int64_t nextOfAll(kest_ifile_t *file, int64_t *offset, int64_t end, int *hole) {
+  const int64_t length = kest_ireadx(file, handles.iscanFromP, nullptr, 0, offset, end, hole);
+  if (length != 0) return length;
+  errno = EIO;
+  return -1;
+}
+
 int truncateActive(const RangeWriter &writer, const std::string &path, int64_t from, int64_t to,
                    int *code) {
   bool clearing_failed = false;
@@ -121,9 +130,8 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
   const int64_t tail = active_size < snap_size ? active_size - active_size % kBlock : snap_size;
   for (int64_t offset = tail; offset < snap_size;) {
     int hole = 0;
-    int64_t length = kest_ireadx(snap.get(), handles.iscanFromP, nullptr, 0, &offset, snap_size, &hole);
+    int64_t length = nextOfAll(snap.get(), &offset, snap_size, &hole);
     if (length < 0) return fail(-1, 16);
-    if (length == 0) break;
     if (!hole && offset < active_size) {
       length -= std::min(length, active_size - offset);
       offset = active_size;
@@ -167,9 +175,8 @@ ListResult listDeletedFile(const RangeWriter &writer, const std::string &path, u
   DataWalk walk(*cpDeltaP, path, ino, kOpRestoreDelFile, clone);
   for (int64_t offset = 0; offset < size;) {
     int hole = 0;
-    int64_t length = kest_ireadx(snap.get(), handles.iscanFromP, nullptr, 0, &offset, size, &hole);
+    const int64_t length = nextOfAll(snap.get(), &offset, size, &hole);
     if (length < 0) return fail(-1, writer.dataCode);
-    if (length == 0) break;
     if (walk.addRange(offset, length, hole, hole != 0) != 0) return fail(-1, writer.dataCode);
     offset += length;
   }

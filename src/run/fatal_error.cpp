@@ -12,23 +12,35 @@
 #include "run/work_dir.h"
 #include "run/work_file.h"
 
+namespace {
+int unsaved = 0;
+}
+
 int setFatalError(int code) {
   const std::string path = workPath(kFatalError);
-  const std::string line = std::to_string(code == 0 ? EIO : code) + "\n";
+  if (code == 0) code = EIO;
+  const std::string line = std::to_string(code) + "\n";
   const int fd = path.empty()
                      ? -1
                      : open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) {
+    unsaved = code;
     traceLog("!!Cannot create fatal error file %s\n", path.c_str());
     return -1;
   }
   const bool written = writeAll(fd, line) == 0;
   if (close(fd) == 0 && written) return 0;
+  unsaved = code;
   traceLog("!!Cannot write fatal error file %s\n", path.c_str());
   return -1;
 }
 
+int unsavedFatalError() {
+  return unsaved;
+}
+
 int getFatalError() {
+  if (unsaved != 0) return unsaved;
   const std::string path = workPath(kFatalError);
   std::string text;
   if (path.empty() || !readWholeFile(path, &text)) {

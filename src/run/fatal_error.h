@@ -7,5 +7,9 @@
 // batch is never a success.
 int setFatalError(int code);
 
+// What this process could not write into the marker, so that its own exit status must tell; 0 in
+// general.
+int unsavedFatalError();
+
 // 0 without a marker, the first recorded number, -1 when there is a marker without one.
 int getFatalError();

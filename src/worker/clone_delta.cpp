@@ -63,8 +63,8 @@ int copyDifferences(kest_ifile_t *from, kest_ifile_t *to, int64_t size) {
     int hole = 0;
     errno = 0;
     const int64_t length = readExtent(from, handles.iscanFromP, nullptr, 0, &offset, size, &hole);
-    if (length < 0) return -1;
-    if (length == 0) break;
+    if (length == 0) errno = EIO;  // it ends before its size
+    if (length <= 0) return -1;
     const int rc = hole ? (kest_iwritex(to, nullptr, length, offset, 1) == length ? 0 : -1)
                         : copyDifferingBlocks(from, to, offset, length);
     if (rc != 0) return -1;

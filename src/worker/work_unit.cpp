@@ -97,7 +97,8 @@ void operationFailed(const BatchLine &line, const OpString &op, int err) {
 // Performs one record and checkpoints it; 0, or what the batch ends with.
 int performLine(const char *text, const std::string &listPath, int done, int checkpoint_fd) {
   BatchLine line;
-  if (!parseBatchLine(text, &line)) {
+  // Without its end a path may be cut, and mean something else.
+  if (strchr(text, '\n') == nullptr || !parseBatchLine(text, &line)) {
     traceLog("Invalid record %d in %s\n", done, listPath.c_str());
     return stop(kBadRecord, EINVAL);
   }
@@ -114,6 +115,7 @@ int performLine(const char *text, const std::string &listPath, int done, int che
     markUnfinished(line.path, op);
     return result;
   }
+  if (unsavedFatalError() != 0) return stop(kOperationFailed, unsavedFatalError());
   markIfOthersFailed(line.path, op);
   // Without its line a repeated run would not know that this record is done.
   if (writeAll(checkpoint_fd, formatCheckpointLine(line.ino, line.opString)) != 0)

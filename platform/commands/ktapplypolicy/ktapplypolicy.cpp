@@ -27,14 +27,14 @@ int checkDirectory(const std::string &path) {
 }
 
 // Reads the whole list once: a damaged one must not be executed half.
-bool checkList(const Options &options, RecordList *list, std::string *problem) {
+bool checkList(const Options &options, RecordList *list, uint64_t *records, std::string *problem) {
   int rc = list->open(options.list);
   if (rc < 0) {
     *problem = options.list + ": " + strerror(-rc);
     return false;
   }
   ListRecord record;
-  while ((rc = list->next(&record)) > 0) {
+  for (*records = 0; (rc = list->next(&record)) > 0; ++*records) {
   }
   if (rc < 0) *problem = "list " + options.list + ": " + list->problem();
   list->rewind();
@@ -55,7 +55,8 @@ int applyPolicy(const Options &options) {
   int rc = checkDirectory(options.directory);
   if (rc < 0) return fail(options.directory + ": " + strerror(-rc));
   RecordList list;
-  if (!checkList(options, &list, &problem)) return fail(problem);
+  uint64_t records = 0;
+  if (!checkList(options, &list, &records, &problem)) return fail(problem);
 
   WorkerSlots slots;
   if (!slots.open(&problem)) return fail(problem);
@@ -70,6 +71,9 @@ int applyPolicy(const Options &options) {
          static_cast<unsigned long long>(outcome.batches),
          static_cast<unsigned long long>(outcome.failed), outcome.good() ? "" : ", run not completed");
   if (outcome.full || isFull(outcome.own_error)) return kNoSpace;
+  if (outcome.good() && outcome.records != records)
+    return fail("of " + std::to_string(records) + " records " + std::to_string(outcome.records) +
+                " were handed out");
   return outcome.good() ? 0 : kFailed;
 }
 

@@ -137,8 +137,11 @@ TEST_F(WorkDir, FatalErrorMarker) {
   EXPECT_EQ(setFatalError(0), 0);
   EXPECT_EQ(getFatalError(), EIO);
   settings.shareDir += "/gone";
+  EXPECT_EQ(unsavedFatalError(), 0);
   EXPECT_EQ(setFatalError(1), -1);
   cutPath(settings.shareDir);
+  EXPECT_EQ(unsavedFatalError(), 1);
+  EXPECT_EQ(getFatalError(), 1);
 }
 
 TEST_F(WorkDir, ProgressEveryThousandInTheMaster) {

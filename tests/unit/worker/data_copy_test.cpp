@@ -2,8 +2,11 @@
 
 #include <cerrno>
 
+#include "oplist/main_lists.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/work_dir.h"
+#include "run/work_file.h"
 #include "unit/support/fake_kest.h"
 
 namespace {
@@ -35,6 +38,20 @@ TEST_F(DataCopy, CopiesBlockByBlock) {
                                       "iwritex 1500+1000", "ireadx 2500", "iwritex 2500+300"}));
   EXPECT_EQ(copy(500, 0), 0);
   EXPECT_TRUE(fakeKest.calls.empty());
+}
+
+TEST_F(DataCopy, FileThatEndsBeforeItsSizeIsNotListed) {
+  const std::string path = active("g");
+  makeFile(snap("g"), std::string(1000, 'x'));
+  cpListP = WorkFile::open(workPath(kOpListCopy), WorkFile::Mode::kTruncate);
+  cpDeltaP = WorkFile::open(workPath(kOpListDelta), WorkFile::Mode::kTruncate);
+  fakeKest.reads = {500, 500};
+  EXPECT_EQ(ListRecord(path, inoOf(snap("g")), kOpRestoreDelFile, 0), 0);
+  fakeKest.reads = {500, 0};
+  EXPECT_NE(ListRecord(path, inoOf(snap("g")), kOpRestoreDelFile, 0), 0);
+  EXPECT_EQ(errno, EIO);
+  cpListP.reset();
+  cpDeltaP.reset();
 }
 
 TEST_F(DataCopy, HolesAreOneWriteOrFoundWhileReading) {

@@ -61,6 +61,10 @@ TEST_F(WorkUnit, FirstFailureEndsTheBatch) {
     EXPECT_NE(marker().substr(0, 2), "0\n");
     EXPECT_TRUE(exists("e"));
   }
+  // A path that may have been cut off is not used.
+  const std::string cut = deletion(302, "c d");
+  EXPECT_EQ(run(cut.substr(0, cut.size() - 1)), EINVAL);
+  EXPECT_TRUE(exists("c d"));
 }
 
 TEST_F(WorkUnit, ResultAndMarkerAreTheErrorOfTheFailingStep) {
