@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <tuple>
 
 #include "faults/faults_fixture.h"
 #include "support/descriptor.h"
@@ -83,7 +84,8 @@ TEST_F(ReadErrors, OfDataFailTheRunWithTheName) {
     struct stat now, then;
     ASSERT_EQ(lstat((root() + "/" + name).c_str(), &now), 0);
     ASSERT_EQ(lstat((fs().path(snapshotName()) + "/" + name).c_str(), &then), 0);
-    EXPECT_NE(now.st_mtime, then.st_mtime);
+    EXPECT_NE(std::tie(now.st_mtim.tv_sec, now.st_mtim.tv_nsec),
+              std::tie(then.st_mtim.tv_sec, then.st_mtim.tv_nsec));
     // The same command fails again, and ends well once the block can be read.
     EXPECT_EQ(copyingRestore().exitStatus, 1);
     mend();

@@ -110,13 +110,14 @@ std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePr
   return lines;
 }
 
+// The coarse clock lags: until it has passed a fine time, a change can be given that fine time again.
 void awaitClockTick() {
   timespec start, now;
-  clock_gettime(CLOCK_REALTIME_COARSE, &start);
+  clock_gettime(CLOCK_REALTIME, &start);
   do {
     usleep(500);
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
-  } while (sameTime(start, now));
+  } while (std::tie(now.tv_sec, now.tv_nsec) <= std::tie(start.tv_sec, start.tv_nsec));
 }
 
 }  // namespace testsupport
