@@ -72,10 +72,11 @@ TEST_F(FailingCalls, EachCall) {
   std::map<std::string, std::vector<std::pair<int, uint32_t>>> places;
   for (const auto &[place, count] : calls()) places[place.first].emplace_back(place.second, count);
   EXPECT_GE(places.size(), 36u) << "the history does not need the whole library any more";
-  size_t turn = 0;
+  size_t turn = 0, sum = 0;
   for (const auto &[call, phases] : places) {
     ++turn;
     if (!onlyCall().empty() && onlyCall() != call) continue;
+    size_t injected = 0;
     for (size_t i = 0; i < phases.size(); ++i) {
       const auto [where, count] = phases[i];
       const Outcome outcome = outcomeOf(call, where);
@@ -90,8 +91,12 @@ TEST_F(FailingCalls, EachCall) {
       }
       for (uint64_t nth : moments)
         expectFailureAndRepair({.call = call, .error = EIO, .where = where, .nth = nth}, outcome);
+      injected += moments.size();
     }
+    printf("%5zu  %s\n", injected, call.c_str());
+    sum += injected;
   }
+  printf("%5zu errors injected\n", sum);
 }
 
 // A failure that brings no reason is one all the same: a batch that it stops is not done.

@@ -9,6 +9,8 @@
 #include "driver/clone_depths.h"
 #include "driver/dir_records.h"
 #include "driver/final_dir_move.h"
+#include "object/clone_origin.h"
+#include "oplist/clone_lists.h"
 #include "record/record_format.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -49,6 +51,29 @@ TEST_F(WorkLists, CloneDepthsInTheirOrder) {
   settings.shareDir += "/gone";
   EXPECT_EQ(listedCloneDepths(CloneLists::kRestore, &depths), ENOENT);
   settings.shareDir.resize(settings.shareDir.size() - 5);
+}
+
+TEST_F(WorkLists, ClonesDeeperThanAnyListGoWithTheDeepestAndAreNotMade) {
+  CloneAttr attr;
+  attr.bytes[14] = 4;  // depth 1024
+  EXPECT_EQ(listClone("/m/old", true, attr), 0);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(listClone("/m/new", false, attr), EINVAL);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("/m/new"), std::string::npos);
+  std::vector<int> depths;
+  EXPECT_EQ(listedCloneDepths(CloneLists::kDelete, &depths), 0);
+  EXPECT_EQ(depths, std::vector<int>{1001});
+  EXPECT_EQ(listedCloneDepths(CloneLists::kRestore, &depths), 0);
+  EXPECT_TRUE(depths.empty());
+}
+
+// Without the list nobody knows whether the snapshot is there: no answer is not "gone".
+TEST_F(WorkLists, SnapshotsThatCouldNotBeListedAreNotMissing) {
+  for (int asked = 0; asked < 2; ++asked) {
+    errno = 0;
+    EXPECT_EQ(otherSnapshot(7), nullptr);
+    EXPECT_EQ(errno, EIO);
+  }
 }
 
 TEST_F(WorkLists, DirRecordsOnceEach) {
