@@ -89,19 +89,20 @@ class Update {
         *total += count;
         return 0;
       }
-      const std::string line(text.substr(0, std::min(text.find('\n'), kCheckpointLineMax)));
+      const std::string_view line(text.substr(0, std::min(text.find('\n'), kCheckpointLineMax)));
       reader.skip(std::min(line.size() + 1, text.size()));
       if (int rc = addCheckpoint(line, count, file)) return rc;
     }
   }
 
-  int addCheckpoint(const std::string &line, int count, const std::string &file) {
+  int addCheckpoint(std::string_view line, int count, const std::string &file) {
     uint64_t ino = 0;
     std::string_view op;
     RecordKey key;
     if (line.size() >= kCheckpointLineMax || !parseCheckpointLine(line, &ino, &op) ||
         !makeRecordKey(ino, op, &key)) {
-      traceLog("UpdateOpList: Invalid record %d in %s, buffer %s\n", count, file.c_str(), line.c_str());
+      traceLog("UpdateOpList: Invalid record %d in %s, buffer %s\n", count, file.c_str(),
+               std::string(line).c_str());
       errno = EINVAL;
       return fail(5);
     }
