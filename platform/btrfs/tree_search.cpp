@@ -11,7 +11,7 @@ namespace kest {
 
 namespace {
 
-constexpr size_t kSmallest = 1024;  // an inode with its names, as a rule
+constexpr size_t kSmallest = 1024;
 constexpr size_t kLargest = 256 * 1024;
 constexpr TreeKey kMaxKey{kLastInode, 255, UINT64_MAX};
 
@@ -77,7 +77,7 @@ void TreeReader::forget() {
 int TreeReader::fetch(const TreeKey &key) {
   // Skipping a dozen inodes takes as long as one more search.
   bool onwards = valid_ && key >= end_ && key.objectid - end_.objectid < 12;
-  want_bytes_ = onwards ? std::min(want_bytes_ * 4, kLargest) : kSmallest;
+  want_bytes_ = onwards ? std::min(want_bytes_ * 4, kLargest) : first_bytes_;
   valid_ = false;
   int rc = batch_.read(fd_, tree_id_, key, kMaxKey, 0, want_bytes_);
   if (rc < 0) return rc;

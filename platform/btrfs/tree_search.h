@@ -53,7 +53,10 @@ class TreeBatch {
 // are read together and kept: the closer the questions, the more of them.
 class TreeReader {
  public:
-  TreeReader(int fd, uint64_t tree_id) : fd_(fd), tree_id_(tree_id) {}
+  // `first_bytes`: how much is read for a question that is not close to the last one; the default holds an
+  // inode with its names.
+  TreeReader(int fd, uint64_t tree_id, size_t first_bytes = 1024)
+      : fd_(fd), tree_id_(tree_id), first_bytes_(first_bytes) {}
   uint64_t treeId() const { return tree_id_; }
   int fd() const { return fd_; }
 
@@ -67,6 +70,7 @@ class TreeReader {
 
   int fd_;
   uint64_t tree_id_;
+  size_t first_bytes_;
   TreeBatch batch_;
   TreeKey from_, end_;  // the batch holds every item in [from_, end_)
   bool valid_ = false;

@@ -148,7 +148,8 @@ int listChangedEntries(OpenInode *file, const TreeDiff &diff, uint64_t snapshot_
   // A directory that only the fileset has is new as a whole.
   if (!own.inSnapshot() || own.replaced()) return listDirectory(file, hidden, false, &file->changed);
   if ((own.state & KEST_DI_ENTRIES) == 0) return 0;
-  TreeReader active(handle.root.get(), handle.subvol_id), snapshot(handle.root.get(), snapshot_id);
+  const int fs = handle.root.get();
+  TreeReader active(fs, handle.subvol_id, kDirectoryBytes), snapshot(fs, snapshot_id, kDirectoryBytes);
   EntryDifference difference;
   int rc = diffDirectories(active, snapshot, dir, diff.line(), hidden, &difference);
   if (rc < 0) return rc;

@@ -96,11 +96,8 @@ TreeDiff::TreeDiff(const kest_fssnap_handle &handle, uint64_t snapshot_id, uint6
     : handle_(handle),
       line_(line),
       hidden_(handle, snapshot_id),
-      active_{TreeReader(handle.root.get(), handle.subvol_id),
-              TreeReader(handle.root.get(), handle.subvol_id),
-              TreeReader(handle.root.get(), handle.subvol_id)},
-      snapshot_{TreeReader(handle.root.get(), snapshot_id), TreeReader(handle.root.get(), snapshot_id),
-                TreeReader(handle.root.get(), snapshot_id)} {}
+      active_(handle.root.get(), handle.subvol_id),
+      snapshot_(handle.root.get(), snapshot_id) {}
 
 int TreeDiff::compute() {
   // Delayed updates and unwritten data are in no tree yet.
@@ -263,7 +260,7 @@ int TreeDiff::compareSame(uint64_t ino, const InodeItem &active, const InodeItem
   if (rc != 0) return std::min(rc, 0);
   if (!S_ISREG(active.mode)) return 1;
   rc = hasXattr(active_.properties, ino, kCloneAttribute);
-  if (rc == 0) rc = hasXattr(snapshot_.properties, ino, kCloneAttribute);
+  if (rc == 0) rc = hasXattr(snapshot_.inodes, ino, kCloneAttribute);
   if (rc > 0) *state |= KEST_DI_CLONE;
   return rc < 0 ? rc : 1;
 }

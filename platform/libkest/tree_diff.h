@@ -51,6 +51,8 @@ class TreeDiff {
  private:
   // Readers apart, so that one does not drive out the other's neighbours.
   struct Side {
+    Side(int fd, uint64_t tree)
+        : inodes(fd, tree), properties(fd, tree), entries(fd, tree, kDirectoryBytes) {}
     TreeReader inodes, properties, entries;
   };
 
