@@ -32,6 +32,7 @@ class SortedPairs {
 
   bool empty() const { return count_ == 0; }
   size_t size() const { return count_; }
+  size_t memory() const { return bytes_.capacity() + blocks_.capacity() * sizeof(Block); }  // bytes
   // Begins with the first pair that is not below `pair`.
   Cursor from(const NumberPair &pair) const;
   Cursor begin() const { return from({}); }
