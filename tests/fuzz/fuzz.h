@@ -22,6 +22,9 @@ const Target *findTarget(std::string_view name);
 // The pieces of an input that stands for several texts: divided by NUL.
 std::vector<std::string> pieces(std::string_view input);
 
+// A folder of this process's own, removed at its end.
+const std::string &scratchFolder();
+
 void listRecord(std::string_view input);
 void opString(std::string_view input);
 void batchLine(std::string_view input);

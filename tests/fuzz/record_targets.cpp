@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "commands/ktapplypolicy/batch_file.h"
 #include "commands/ktapplypolicy/batcher.h"
@@ -12,6 +14,8 @@
 #include "record/batch_line.h"
 #include "record/checkpoint.h"
 #include "record/record_format.h"
+#include "run/file_reader.h"
+#include "run/work_file.h"
 
 namespace fuzz {
 
@@ -45,6 +49,30 @@ void readAsFile(std::string_view text, const std::vector<kest::ListRecord> &expe
   FUZZ_CHECK(list.next(&record) == (whole ? 0 : -1));
 }
 
+// The list update reads the list as a stream, and finds the same, whatever the size of its reads.
+void readAsStream(std::string_view text) {
+  const std::string file = scratchFolder() + "/list";
+  std::unique_ptr<WorkFile> out = WorkFile::open(file, WorkFile::Mode::kTruncate);
+  FUZZ_CHECK(out && out->append(text) == 0 && out->close() == 0);
+  FileReader list(64);
+  FUZZ_CHECK(list.open(file));
+  for (size_t position = 0;;) {
+    ListRecordFields there, here;
+    const int rc = readListRecord(list, &there);
+    if (position == text.size()) {
+      FUZZ_CHECK(rc == 0);
+      return;
+    }
+    if (!::parseListRecord(text, &position, &here) || here.whole.size() > kListRecordMax) {
+      FUZZ_CHECK(rc == -1 && errno == EINVAL);
+      return;
+    }
+    FUZZ_CHECK(rc == 1 && there.whole == here.whole && there.ino == here.ino &&
+               there.path == here.path && there.opString == here.opString);
+    FUZZ_CHECK(list.position() == position);
+  }
+}
+
 }  // namespace
 
 void listRecord(std::string_view input) {
@@ -63,6 +91,8 @@ void listRecord(std::string_view input) {
     at += used;
   }
   readAsFile(input, engine, at == input.size());
+
+  readAsStream(input);
 
   // The master reads no record that the engine reads otherwise.
   size_t position = 0, number = 0;

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 
 #include "fuzz/fuzz.h"
 
@@ -42,6 +43,18 @@ const Target *findTarget(std::string_view name) {
   for (const Target &one : targets())
     if (name == one.name) return &one;
   return nullptr;
+}
+
+const std::string &scratchFolder() {
+  static struct Folder {
+    Folder() {
+      char name[] = "/tmp/fuzz-XXXXXX";
+      if (mkdtemp(name)) path = name;
+    }
+    ~Folder() { std::filesystem::remove_all(path); }
+    std::string path;
+  } folder;
+  return folder.path;
 }
 
 std::vector<std::string> pieces(std::string_view input) {

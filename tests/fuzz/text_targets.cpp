@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 
 #include "btrfs/mounts.h"
 #include "cfgmgr/catalogue.h"
@@ -58,19 +57,6 @@ struct Arguments {
   std::vector<std::string> words;
   std::vector<char *> argv;
 };
-
-// A folder of this process's own, removed at its end.
-const std::string &scratchFolder() {
-  static struct Folder {
-    Folder() {
-      char name[] = "/tmp/fuzz-XXXXXX";
-      if (mkdtemp(name)) path = name;
-    }
-    ~Folder() { std::filesystem::remove_all(path); }
-    std::string path;
-  } folder;
-  return folder.path;
-}
 
 }  // namespace
 
