@@ -84,6 +84,11 @@ enum class Message : int {
   kMountInTheWay,
   kMountsUnknown,
   kOtherNode,
+  // fsetcompare.
+  kCompareUsage,
+  kCannotCompare,
+  kCompareBrokeOff,
+  kOutputLost,
   kCount
 };
 
@@ -203,6 +208,10 @@ inline constexpr MessageText kMessages[] = {
      "Cannot tell what is mounted inside the fileset %s: %s. Nothing was restored.\n"},
     {Message::kOtherNode, 0, 0,
      "The node \"%s\" is not this machine: the file system is local. Nothing was changed.\n"},
+    {Message::kCompareUsage, 0, 0, "Usage: %s Device -j FileSet -o SnapShot [--full]\n"},
+    {Message::kCannotCompare, 0, 0, "Cannot compare %s: %s\n"},
+    {Message::kCompareBrokeOff, 0, 0, "The comparison broke off: %s\n"},
+    {Message::kOutputLost, 0, 0, "Not every difference could be printed: %s\n"},
 };
 
 namespace message_check {

@@ -29,6 +29,7 @@ const char kUsage[] =
     "  --passes N,N...    DIFF_ITEM_LIMIT, one of them at random (for a program that knows it)\n"
     "  --kill-before      first kill one or two restores at random moments\n"
     "  --lose-workers     kill workers at random calls, up to three times a run\n"
+    "  --compare          fsetcompare must find a difference exactly where the trees differ\n"
     "  --program PATH     the restore program\n"
     "  --timeout N        seconds for one restore (60)\n"
     "  --shrink           reduce failing histories to few operations\n"
@@ -63,7 +64,7 @@ bool readOptions(int argc, char **argv, Settings *settings, Campaign *campaign) 
       {"max-workers", 1, nullptr, 'M'},  {"passes", 1, nullptr, 'P'},  {"kill-before", 0, nullptr, 'K'},
       {"lose-workers", 0, nullptr, 'L'}, {"program", 1, nullptr, 'e'}, {"timeout", 1, nullptr, 'T'},
       {"shrink", 0, nullptr, 'r'},       {"replay", 1, nullptr, 'R'},  {"keep", 0, nullptr, 'k'},
-      {"verbose", 0, nullptr, 'v'},      {nullptr, 0, nullptr, 0}};
+      {"verbose", 0, nullptr, 'v'},      {"compare", 0, nullptr, 'C'}, {nullptr, 0, nullptr, 0}};
   for (int letter; (letter = getopt_long(argc, argv, "", options, nullptr)) >= 0;) {
     switch (letter) {
       case 'p':
@@ -95,6 +96,9 @@ bool readOptions(int argc, char **argv, Settings *settings, Campaign *campaign) 
         break;
       case 'L':
         settings->loseWorkers = true;
+        break;
+      case 'C':
+        settings->compare = true;
         break;
       case 'e':
         settings->program = optarg;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 
+#include "histories/compare_check.h"
 #include "histories/generator.h"
 #include "histories/random.h"
 #include "support/fault_plan.h"
@@ -132,6 +133,14 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
 
   TreePrint want = testsupport::fingerprint(fs_->path(snapshot));
   TreePrint before = testsupport::fingerprint(fs_->path(fileset));
+  std::vector<std::string> problems;
+  const auto crossCheck = [&](const char *when, const TreePrint &now) {
+    if (!settings_.compare) return;
+    for (std::string &line :
+         checkCompare(fs_->mountPoint(), fileset, snapshot, when, compare(want, now)))
+      problems.push_back(std::move(line));
+  };
+  crossCheck("before the restore", before);
   if (settings_.killBefore) {
     RunOptions killed = options;
     for (uint64_t n = random.between(1, 2); n > 0; --n) {
@@ -152,7 +161,6 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
   }
   outcome->restoreSeconds = result.seconds;
 
-  std::vector<std::string> problems;
   if (result.timedOut) problems.push_back("timed out");
   if (result.exitStatus != 0) problems.push_back("exit status: " + std::to_string(result.exitStatus));
   if (result.processesLeft)
@@ -161,6 +169,7 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
   if (settings_.keep) reading.excludePrefixes = {"RestoreTemp"};
   TreePrint after = testsupport::fingerprint(fs_->path(fileset), reading);
   for (std::string &line : testsupport::compare(want, after)) problems.push_back(std::move(line));
+  crossCheck("afterwards", after);
   const bool timesToo = !settings_.killBefore && !settings_.loseWorkers;
   for (std::string &line : testsupport::remadeOrTouched(want, before, after, timesToo))
     problems.push_back(std::move(line));

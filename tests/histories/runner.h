@@ -21,6 +21,7 @@ struct Settings {
   std::vector<int> passes;   // one of these at random as DIFF_ITEM_LIMIT; empty: unset
   bool killBefore = false;   // kill one or two restores at random moments first
   bool loseWorkers = false;  // kill workers at random calls to the library, three times a run at most
+  bool compare = false;      // ask fsetcompare before and after the restore, too
   bool keep = false;         // restore with -k; copy the work directory of a failure to /tmp
   bool verbose = false;
   double timeoutSeconds = 60;

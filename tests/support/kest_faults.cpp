@@ -77,7 +77,8 @@ Plan::Plan() {
   // The commands of the file system use the library as well; theirs are not the restore's calls.
   const std::string line = commandLine();
   const std::string program = line.substr(0, line.find('\0'));
-  if (program.substr(program.rfind('/') + 1).rfind("fsetrestore", 0) != 0) return;
+  const std::string called = program.substr(program.rfind('/') + 1);
+  if (called.rfind("fsetrestore", 0) != 0 && called != "fsetcompare") return;
   for (size_t at = 0; at < line.size(); at = line.find('\0', at) + 1)
     if (line.compare(at, 3, std::string("-p\0", 3)) == 0) phase = atoi(line.c_str() + at + 3);
   if (phase < 0 || phase >= static_cast<int>(FaultRecord::kPhases)) phase = FaultRecord::kPhases - 1;
