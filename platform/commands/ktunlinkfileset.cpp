@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "btrfs/beneath.h"
 #include "btrfs/file_handle.h"
 #include "btrfs/mounts.h"
 #include "btrfs/subvolume.h"
@@ -23,7 +24,9 @@ constexpr char kUsage[] =
     "Usage: ktunlinkfileset DEVICE -J PATH\n"
     "Moves the nested subvolume at PATH to .unlinked/<id>-<name> at the top of the file system of "
     "DEVICE\n"
-    "and prints that name. Nothing is deleted. The top of the file system need not be mounted.\n";
+    "and prints that name. Nothing is deleted. The top of the file system need not be mounted. No "
+    "symbolic\n"
+    "link may stand in PATH.\n";
 
 constexpr char kKept[] = ".unlinked";
 
@@ -42,11 +45,12 @@ bool findNested(const std::string &path, Nested *nested, std::string *problem) {
   std::string directory = slash == std::string::npos ? "." : full.substr(0, slash + 1);
   *problem = path + " is not a nested subvolume";
   if (nested->name.empty() || nested->name == "." || nested->name == "..") return false;
-  nested->parent.reset(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   InodeAddress address;
   uint64_t outside = 0;
   struct stat st;
-  int rc = nested->parent ? addressOf(nested->parent.get(), nested->name.c_str(), &address) : -errno;
+  // Links on the way are somebody's who wants another one unlinked.
+  int rc = openWithoutLinks(directory, &nested->parent);
+  if (rc == 0) rc = addressOf(nested->parent.get(), nested->name.c_str(), &address);
   if (rc == 0 && address.ino != kFirstInode) return false;
   if (rc == 0) rc = subvolumeIdOf(nested->parent.get(), &outside);
   if (rc == 0 && fstat(nested->parent.get(), &st) < 0) rc = -errno;

@@ -303,6 +303,11 @@ int kest_clone_snap(const char *path, const char *snap_path);
  * too deep, errno. */
 int kest_clone_copy(const char *parent_path, const char *path);
 
+/* The same for open inodes; `path` lies in the fileset `active` and is resolved like those of the path
+ * calls. */
+int kest_iclone_snap(kest_ifile_t *file);
+int kest_iclone_copy(kest_ifile_t *parent, kest_fssnap_handle_t *active, const char *path);
+
 /* The clone attributes of an open inode: 1 and both (the second zeroed where there is none; each may be NULL),
  * 0 it is neither clone nor parent (also where an attribute is too short to be one), -1 errno. */
 int kest_iclone_attr(kest_ifile_t *file, uint8_t clone[16], uint8_t clone_snap[8]);
@@ -336,28 +341,40 @@ typedef struct kest_block_map {
 int kxfattr(int fd, int code, void *record, void *argument);
 
 /* ---- path calls ----------------------------------------------------------------------------- */
-/* The plain system call, 0 (or a descriptor) or -1 errno, with two differences: where the kernel
- * answers EPERM and the flags of the object or its parent directory are the reason, errno is EROFS;
- * and a nested subvolume is never removed (rmdir of a junction: EPERM). `active` is the fileset that
- * the path lies in. The final component is never followed. */
-int kest_unlink(kest_fssnap_handle_t *active, const char *path);
-int kest_rmdir(kest_fssnap_handle_t *active, const char *path);
+/* The plain system call, 0 (or a descriptor) or -1 errno, with these differences:
+ * - `active` is the fileset that the path lies in. The path begins with the path of its root directory
+ *   (kest_get_pathname_from_fssnaphandle) and is resolved beneath that directory, which the handle holds
+ *   open: ELOOP where a symbolic link stands on the way, EXDEV where the path leads elsewhere, over a mount
+ *   or into another subvolume. The final component is never followed.
+ * - `ino`, where it is not 0, is the inode that is meant: ESTALE where the path names another one.
+ * - Where the kernel answers EPERM and the flags of the object or its parent directory are the reason,
+ *   errno is EROFS.
+ * - A nested subvolume is never removed (rmdir of a junction: EPERM). */
+int kest_unlink(kest_fssnap_handle_t *active, const char *path, uint64_t ino);
+int kest_rmdir(kest_fssnap_handle_t *active, const char *path, uint64_t ino);
 /* EEXIST where `to` exists. */
-int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to);
+int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to, uint64_t ino);
 /* Keeps file capabilities. */
-int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size);
+int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size, uint64_t ino);
 /* open(2) with `flags` (O_CREAT or none added to O_CLOEXEC | O_NOFOLLOW) and `mode`; the umask does
- * not apply. Returns a descriptor. */
+ * not apply. With O_CREAT: EEXIST also where something stands there that is no regular file. Returns a
+ * descriptor. */
 int kest_open_file(kest_fssnap_handle_t *active, const char *path, int flags, mode_t mode);
+/* Both: ESTALE where the new object was exchanged before its mode was set. */
 int kest_mkdir(kest_fssnap_handle_t *active, const char *path, mode_t mode);
 int kest_mknod(kest_fssnap_handle_t *active, const char *path, mode_t mode, dev_t device);
 int kest_symlink(kest_fssnap_handle_t *active, const char *target, const char *path);
-int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to);
+int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to, uint64_t ino);
 /* Keeps set-user-id, set-group-id and file capabilities. EPERM stays EPERM. */
 int kest_lchown(kest_fssnap_handle_t *active, const char *path, uint64_t uid, uint64_t gid);
 
+/* From now on paths below `path` are resolved beneath the directory `fd` of the fileset (duplicated),
+ * whatever stands at `path`: where users can write to the directory that it lies in, they can exchange it.
+ * One at a time. -1: EXDEV `fd` is no directory of the fileset, errno. */
+int kest_anchor(kest_fssnap_handle_t *active, const char *path, int fd);
+
 /* ---- paths and descriptors ------------------------------------------------------------------ */
-/* As above, for paths of any length (a path below 4096 bytes in the fileset can be longer through a
+/* Resolved like those above, of any length (a path below 4096 bytes in the fileset can be longer through a
  * snapshot or a temporary location). `handle`: the fileset or snapshot that the path lies in. */
 /* O_PATH descriptor, close-on-exec, of the object at `path`; its final component is not followed. */
 int kest_open_path(kest_fssnap_handle_t *handle, const char *path);

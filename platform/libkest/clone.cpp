@@ -36,15 +36,12 @@ int refuseWriters(int fd) {
   return 0;
 }
 
-int makeParent(const Place &place) {
-  UniqueFd object_fd;
-  struct stat st;
-  if (int rc = openObject(place, &object_fd, &st); rc != 0) return rc;
-  if (!S_ISREG(st.st_mode)) return -EINVAL;
+int makeParent(int object_fd, mode_t mode) {
+  if (!S_ISREG(mode)) return -EINVAL;
   Protection protection;
-  if (int rc = readProtection(object_fd.get(), "", &protection); rc != 0) return rc;
+  if (int rc = readProtection(object_fd, "", &protection); rc != 0) return rc;
   if (protection.any()) return -EROFS;
-  int fd = reopen(object_fd.get(), O_RDONLY | O_NONBLOCK | O_NOATIME);
+  int fd = reopen(object_fd, O_RDONLY | O_NONBLOCK | O_NOATIME);
   if (fd < 0) return fd;
   UniqueFd file(fd);
   if (int rc = refuseWriters(fd); rc != 0) return rc;
@@ -63,15 +60,12 @@ int makeParent(const Place &place) {
 }
 
 // Opens a clone parent for reading. 0; -EINVAL it is none; -errno.
-int openParent(const Place &place, UniqueFd *file, CloneAttribute *attribute) {
-  UniqueFd object_fd;
-  struct stat st;
-  if (int rc = openObject(place, &object_fd, &st); rc != 0) return rc;
-  if (!S_ISREG(st.st_mode)) return -EINVAL;
-  int rc = readCloneAttribute(object_fd.get(), attribute);
+int openParent(int object_fd, mode_t mode, UniqueFd *file, CloneAttribute *attribute) {
+  if (!S_ISREG(mode)) return -EINVAL;
+  int rc = readCloneAttribute(object_fd, attribute);
   if (rc < 0) return rc;
   if (rc == 0 || !attribute->isParent()) return -EINVAL;
-  int fd = reopen(object_fd.get(), O_RDONLY | O_NONBLOCK | O_NOATIME);
+  int fd = reopen(object_fd, O_RDONLY | O_NONBLOCK | O_NOATIME);
   if (fd < 0) return fd;
   file->reset(fd);
   return 0;
@@ -113,10 +107,10 @@ int matchCopyOnWrite(int parent, int clone) {
   return rc == 0 && (wanted & FS_NOCOW_FL) != 0 ? writeStorageFlags(clone, FS_NOCOW_FL) : rc;
 }
 
-int makeClone(const Place &parent_place, const Place &place) {
+int makeClone(int parent_fd, mode_t parent_mode, const Place &place) {
   UniqueFd parent;
   CloneAttribute of_parent, attribute;
-  if (int rc = openParent(parent_place, &parent, &of_parent); rc != 0) return rc;
+  if (int rc = openParent(parent_fd, parent_mode, &parent, &of_parent); rc != 0) return rc;
   struct stat st;
   if (fstatat(place.dir.get(), place.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) return -EEXIST;
   if (errno != ENOENT) return -errno;
@@ -167,11 +161,35 @@ int setParentNumber(OpenInode *file, uint64_t parent) {
 using namespace kest;
 
 extern "C" int kest_clone_snap(const char *path, const char *) {
-  return onPath(nullptr, path, makeParent);
+  return onPath(nullptr, path, [](const Place &place) {
+    UniqueFd fd;
+    struct stat st;
+    int rc = openObject(place, &fd, &st);
+    return rc == 0 ? makeParent(fd.get(), st.st_mode) : rc;
+  });
 }
 
 extern "C" int kest_clone_copy(const char *parent_path, const char *path) {
-  return onTwoPaths(nullptr, parent_path, path, makeClone);
+  return onTwoPaths(nullptr, parent_path, path, [](const Place &parent, const Place &place) {
+    UniqueFd fd;
+    struct stat st;
+    int rc = openObject(parent, &fd, &st);
+    return rc == 0 ? makeClone(fd.get(), st.st_mode, place) : rc;
+  });
+}
+
+extern "C" int kest_iclone_snap(kest_ifile_t *file) {
+  return cCall([=] {
+    if (file == nullptr || file->if_kind != KEST_IFILE_KIND) return -EINVAL;
+    return makeParent(openInode(file)->path_fd.get(), file->if_mode);
+  });
+}
+
+extern "C" int kest_iclone_copy(kest_ifile_t *parent, kest_fssnap_handle_t *active, const char *path) {
+  return onPath(active, path, [=](const Place &place) {
+    if (parent == nullptr || parent->if_kind != KEST_IFILE_KIND) return -EINVAL;
+    return makeClone(openInode(parent)->path_fd.get(), parent->if_mode, place);
+  });
 }
 
 extern "C" int kest_iclone_attr(kest_ifile_t *file, uint8_t clone[16], uint8_t clone_snap[8]) {

@@ -1,5 +1,6 @@
 #include "libkest/fileset_handle.h"
 
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <algorithm>
 #include <cerrno>
@@ -148,6 +149,9 @@ int openHandle(const char *device, const char *fileset_name, const char *snapsho
             ": mount it, or one that it stands in, with -o subvolid=" + std::to_string(target->id));
   if (fd < 0) return fd;
   handle->root.reset(fd);
+  struct stat root;
+  if (fstat(fd, &root) < 0) return -errno;
+  handle->device = root.st_dev;
   if (handle->path.empty()) handle->path = "/";
   if (target != fileset) {
     uint64_t line = 0;

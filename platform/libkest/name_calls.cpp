@@ -61,15 +61,18 @@ int changeNames(const Place &named, std::initializer_list<Suspect> directories, 
 
 using namespace kest;
 
-extern "C" int kest_unlink(kest_fssnap_handle_t *active, const char *path) {
-  return onPath(active, path, [](const Place &place) {
+extern "C" int kest_unlink(kest_fssnap_handle_t *active, const char *path, uint64_t ino) {
+  return onPath(active, path, [=](const Place &place) {
+    if (int rc = expectInode(place, ino); rc != 0) return rc;
     return changeNames(place, {givingDirectory(place)},
                        [&] { return unlinkat(place.dir.get(), place.leaf.c_str(), 0); });
   });
 }
 
-extern "C" int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to) {
-  return onTwoPaths(active, from, to, [](const Place &source, const Place &target) {
+extern "C" int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to,
+                                     uint64_t ino) {
+  return onTwoPaths(active, from, to, [=](const Place &source, const Place &target) {
+    if (int rc = expectInode(source, ino); rc != 0) return rc;
     return changeNames(source, {givingDirectory(source), takingDirectory(target)}, [&] {
       return renameat2(source.dir.get(), source.leaf.c_str(), target.dir.get(), target.leaf.c_str(),
                        RENAME_NOREPLACE);
@@ -77,10 +80,14 @@ extern "C" int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *f
   });
 }
 
-extern "C" int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to) {
-  return onTwoPaths(active, from, to, [](const Place &source, const Place &target) {
+extern "C" int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to, uint64_t ino) {
+  return onTwoPaths(active, from, to, [=](const Place &source, const Place &target) {
+    UniqueFd fd;
+    struct stat st;
+    if (int rc = openObject(source, &fd, &st); rc != 0) return rc;
+    if (ino != 0 && st.st_ino != ino) return -ESTALE;
     return changeNames(source, {takingDirectory(target)}, [&] {
-      return linkat(source.dir.get(), source.leaf.c_str(), target.dir.get(), target.leaf.c_str(), 0);
+      return linkat(fd.get(), "", target.dir.get(), target.leaf.c_str(), AT_EMPTY_PATH);
     });
   });
 }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstring>
 #include <initializer_list>
 #include <string_view>
@@ -13,10 +12,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "btrfs/beneath.h"
 #include "btrfs/fd_path.h"
 #include "btrfs/inode_flags.h"
 #include "btrfs/xattr.h"
 #include "libkest/c_call.h"
+#include "libkest/fileset_handle.h"
 #include "libkest/open_inode.h"
 
 namespace kest {
@@ -52,12 +53,26 @@ class KeptCapability {
   std::string value_;
 };
 
-int setModeOfNew(const Place &place, mode_t type, mode_t mode) {
+// Users can rename what they own between the making of an object and this look at it.
+int setModeOfNew(const Place &place, mode_t type, mode_t mode, dev_t device = 0) {
   UniqueFd fd;
   struct stat st;
   if (int rc = openObject(place, &fd, &st); rc != 0) return rc;
-  if ((st.st_mode & S_IFMT) != type) return -EBUSY;  // replaced by another process
+  const bool fresh = st.st_uid == geteuid() && st.st_nlink == 1 && st.st_size == 0;
+  if ((st.st_mode & S_IFMT) != type || st.st_rdev != device || !fresh) return -ESTALE;
   return setExactMode(fd.get(), mode);
+}
+
+// Opening a device can do something, a FIFO wait: what is there is looked at first.
+int openExisting(const Place &place, int flags, UniqueFd *fd) {
+  UniqueFd found;
+  struct stat st;
+  if (int rc = openObject(place, &found, &st); rc != 0) return rc;
+  if (S_ISLNK(st.st_mode)) return -ELOOP;
+  if (S_ISDIR(st.st_mode)) return -EISDIR;
+  if (!S_ISREG(st.st_mode)) return -EEXIST;
+  fd->reset(open(FdPath(found.get()).get(), flags & ~O_NOFOLLOW));
+  return *fd ? 0 : outcome(-1, {Suspect{found.get(), "", true}});
 }
 
 // open(2) for a caller that must know whether it made the file. O_CREAT alone would not tell.
@@ -68,14 +83,11 @@ int openOrCreate(const Place &place, int flags, mode_t mode, UniqueFd *fd, bool 
     if (*fd) return 0;
     if (errno != EEXIST || (flags & O_EXCL)) return outcome(-1, {takingDirectory(place)});
     *created = false;
-    fd->reset(openat(place.dir.get(), place.leaf.c_str(), flags & ~O_CREAT));
-    if (*fd) break;
-    if (errno != ENOENT) return outcome(-1, {object(place)});
+    const int rc = openExisting(place, flags & ~O_CREAT, fd);
+    if (rc == 0) break;
+    if (rc != -ENOENT) return rc;
   }
-  if (!*fd) return -ENOENT;
-  struct stat st;
-  if (fstat(fd->get(), &st) != 0) return -errno;
-  return S_ISDIR(st.st_mode) ? -EISDIR : 0;
+  return *fd ? 0 : -ENOENT;
 }
 
 int openFile(const Place &place, int flags, mode_t mode) {
@@ -95,10 +107,11 @@ int openFile(const Place &place, int flags, mode_t mode) {
   return fd.release();
 }
 
-int truncateFile(const Place &place, int64_t size) {
+int truncateFile(const Place &place, int64_t size, uint64_t ino) {
   UniqueFd object_fd;
   struct stat st;
   if (int rc = openObject(place, &object_fd, &st); rc != 0) return rc;
+  if (ino != 0 && st.st_ino != ino) return -ESTALE;
   if (S_ISLNK(st.st_mode)) return -ELOOP;
   if (S_ISDIR(st.st_mode)) return -EISDIR;
   if (!S_ISREG(st.st_mode)) return -EINVAL;
@@ -134,7 +147,8 @@ int changeOwner(int fd, uint64_t uid, uint64_t gid) {
   return capability.putBack();
 }
 
-int removeDirectory(const Place &place) {
+int removeDirectory(const Place &place, uint64_t ino) {
+  if (int rc = expectInode(place, ino); rc != 0) return rc;
   int nested = isNestedSubvolume(place);
   if (nested < 0) return nested;
   if (nested > 0) return -EPERM;  // the kernel would destroy an empty one
@@ -142,44 +156,64 @@ int removeDirectory(const Place &place) {
                  {object(place), givingDirectory(place)});
 }
 
-// Opens a directory by a path of any length ("": the working directory): what is longer than the kernel
-// takes at once is walked in pieces that end at a slash.
-int openDirectory(std::string_view path, UniqueFd *dir) {
-  constexpr size_t kPieceSize = PATH_MAX - 1;
-  if (path.empty()) path = "./";
-  int from = AT_FDCWD;
-  UniqueFd next;
-  while (!path.empty()) {
-    size_t length = path.size();
-    if (length > kPieceSize) {
-      size_t slash = path.rfind('/', kPieceSize - 1);
-      if (slash == std::string_view::npos) return -ENAMETOOLONG;
-      length = slash + 1;
-    }
-    next.reset(
-        openat(from, std::string(path.substr(0, length)).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!next) return -errno;
-    *dir = std::move(next);
-    from = dir->get();
-    path.remove_prefix(length);
-    // A piece that began with a slash would start at the root again.
-    path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
+// Where the resolution of `path` starts, and what of it is left.
+struct Start {
+  int fd;
+  std::string_view rest;
+};
+
+// The part of `path` behind the directory `dir`; false where it does not lie below that.
+bool stripDirectory(std::string_view path, std::string_view dir, std::string_view *rest) {
+  if (!path.starts_with(dir)) return false;
+  *rest = path.substr(dir.size());
+  if (!rest->empty() && rest->front() != '/' && !dir.ends_with('/')) return false;
+  rest->remove_prefix(std::min(rest->find_first_not_of('/'), rest->size()));
+  return true;
+}
+
+// 0 or -EXDEV.
+int startOf(const kest_fssnap_handle &handle, std::string_view path, Start *start) {
+  if (handle.anchor && stripDirectory(path, handle.anchor_path, &start->rest) && !start->rest.empty()) {
+    start->fd = handle.anchor.get();
+    return 0;
   }
-  return 0;
+  start->fd = handle.root.get();
+  return stripDirectory(path, handle.path, &start->rest) ? 0 : -EXDEV;
+}
+
+// RESOLVE_NO_XDEV stops at mounts, but not at nested subvolumes.
+int refuseOtherTree(int dir, const kest_fssnap_handle &handle) {
+  struct stat st;
+  if (fstat(dir, &st) != 0) return -errno;
+  return st.st_dev == handle.device ? 0 : -EXDEV;
 }
 
 }  // namespace
 
-int locate(kest_fssnap_handle *, const char *path, Place *place) {
+int locate(kest_fssnap_handle *handle, const char *path, Place *place) {
   if (path == nullptr) return -EINVAL;
   if (*path == '\0') return -ENOENT;
-  size_t end = strlen(path);
-  while (end > 0 && path[end - 1] == '/') end--;
-  size_t start = end;
-  while (start > 0 && path[start - 1] != '/') start--;
-  // "/" alone has no last component: the call then answers for the directory itself.
-  place->leaf = end == 0 ? "." : path + start;
-  return openDirectory(std::string_view(path, end == 0 ? 1 : start), &place->dir);
+  Start start{AT_FDCWD, path};
+  if (handle != nullptr) {
+    if (int rc = startOf(*handle, path, &start); rc != 0) return rc;
+  }
+  const std::string_view rest = start.rest;
+  const size_t end = rest.find_last_not_of('/') + 1;
+  const size_t slash = end == 0 ? std::string_view::npos : rest.rfind('/', end - 1);
+  const size_t leaf = slash == std::string_view::npos ? 0 : slash + 1;
+  // The directory itself has no last component here: the call then answers for ".".
+  place->leaf = end == 0 ? "." : std::string(rest.substr(leaf));
+  if (handle == nullptr) return openBeneath(start.fd, rest.substr(0, end == 0 ? 1 : leaf), &place->dir);
+  if (rest.substr(leaf, end - leaf) == "..") return -EXDEV;
+  if (int rc = openBeneath(start.fd, rest.substr(0, leaf), &place->dir); rc != 0) return rc;
+  return refuseOtherTree(place->dir.get(), *handle);
+}
+
+int expectInode(const Place &place, uint64_t ino) {
+  if (ino == 0) return 0;
+  struct stat st;
+  if (fstatat(place.dir.get(), place.leaf.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
+  return st.st_ino == ino ? 0 : -ESTALE;
 }
 
 int outcome(int result, std::initializer_list<Suspect> suspects) {
@@ -224,12 +258,13 @@ int isNestedSubvolume(const Place &place) {
 
 using namespace kest;
 
-extern "C" int kest_rmdir(kest_fssnap_handle_t *active, const char *path) {
-  return onPath(active, path, removeDirectory);
+extern "C" int kest_rmdir(kest_fssnap_handle_t *active, const char *path, uint64_t ino) {
+  return onPath(active, path, [=](const Place &place) { return removeDirectory(place, ino); });
 }
 
-extern "C" int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size) {
-  return onPath(active, path, [=](const Place &place) { return truncateFile(place, size); });
+extern "C" int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size,
+                             uint64_t ino) {
+  return onPath(active, path, [=](const Place &place) { return truncateFile(place, size, ino); });
 }
 
 extern "C" int kest_open_file(kest_fssnap_handle_t *active, const char *path, int flags, mode_t mode) {
@@ -249,7 +284,7 @@ extern "C" int kest_mknod(kest_fssnap_handle_t *active, const char *path, mode_t
     int rc =
         outcome(mknodat(place.dir.get(), place.leaf.c_str(), mode, device), {takingDirectory(place)});
     mode_t type = (mode & S_IFMT) != 0 ? mode & S_IFMT : S_IFREG;
-    return rc == 0 ? setModeOfNew(place, type, mode) : rc;
+    return rc == 0 ? setModeOfNew(place, type, mode, S_ISCHR(type) || S_ISBLK(type) ? device : 0) : rc;
   });
 }
 
@@ -294,5 +329,17 @@ extern "C" int kest_path_descriptor(const kest_ifile_t *file) {
     if (file == nullptr || file->if_kind != KEST_IFILE_KIND) return -EINVAL;
     int fd = fcntl(openInode(file)->path_fd.get(), F_DUPFD_CLOEXEC, 0);
     return fd >= 0 ? fd : -errno;
+  });
+}
+
+extern "C" int kest_anchor(kest_fssnap_handle_t *active, const char *path, int fd) {
+  return cCall([=] {
+    if (active == nullptr || path == nullptr) return -EINVAL;
+    UniqueFd anchor(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+    if (!anchor) return -errno;
+    if (int rc = refuseOtherTree(anchor.get(), *active); rc != 0) return rc;
+    active->anchor = std::move(anchor);
+    active->anchor_path = path;
+    return 0;
   });
 }

@@ -19,9 +19,16 @@ struct Place {
   std::string leaf;  // with the slashes that followed it
 };
 
-// Resolves all of `path`, which may be of any length, but its last component. The only place in which a
-// path given to a path call is followed. 0 or -errno as the system call itself would have answered.
-int locate(kest_fssnap_handle *active, const char *path, Place *place);
+// Resolves all of `path`, which may be of any length, but its last component: beneath the root
+// directory of the handle, through no link and into no other tree. The only place in which a path given
+// to a path call is followed. 0, -EXDEV outside, -ELOOP at a link, or -errno as the system call itself
+// would have answered. `handle` null: anywhere, as the system does.
+int locate(kest_fssnap_handle *handle, const char *path, Place *place);
+
+// 0 when the last component is inode `ino` or that is 0; -ESTALE when it is another, -errno. Whoever
+// can still exchange it afterwards has the right to write to the directory, and could do himself
+// whatever is done to the name.
+int expectInode(const Place &place, uint64_t ino);
 
 // Opens the object itself with O_PATH, so that a device or FIFO is not opened for real. 0 or -errno.
 int openObject(const Place &place, UniqueFd *fd, struct stat *st);

@@ -76,6 +76,8 @@ enum class Message : int {
   kRootAttrFailed,
   kKeptAside,
   kWorkDirKept,
+  kForeignWorkDir,
+  kReplaced,
   kAlreadyRunning,
   kNoRunLock,
   kStopped,
@@ -189,6 +191,13 @@ inline constexpr MessageText kMessages[] = {
     {Message::kWorkDirKept, 0, 0,
      "The work directory %s stays: it holds %lld objects of the fileset. The same command finishes the "
      "restore.\n"},
+    {Message::kForeignWorkDir, 0, 0,
+     "%s is not the work directory of this run, or not the owner's alone to write: nothing in it is "
+     "used.\n"},
+    {Message::kReplaced, 0, 0,
+     "Something else stands at %s than a moment ago: somebody is at work in the fileset. It was left "
+     "as "
+     "it is.\n"},
     {Message::kAlreadyRunning, 0, 0,
      "Another restore of the fileset %s is running, or processes of one have not ended yet. Nothing "
      "was "

@@ -1,6 +1,5 @@
 #include "driver/clean_up.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -9,28 +8,23 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdint>
-#include <memory>
 #include <string_view>
 #include <vector>
 
 #include "cfgmgr/messages.h"
 #include "object/clear_flags.h"
 #include "object/path_files.h"
+#include "object/temp_place.h"
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
-#include "run/shell_command.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 
 namespace {
 
 constexpr size_t kNamedAside = 20;  // objects left behind that messages name one by one
-
-struct DirCloser {
-  void operator()(DIR *dir) const { closedir(dir); }
-};
-using Dir = std::unique_ptr<DIR, DirCloser>;
 
 int failStep(const std::string &path, uint64_t ino, int rc, int code, int error) {
   userMessage(Message::kCleanUpStep, path, ino, rc, code, error);
@@ -72,7 +66,7 @@ bool isMoveRecord(const std::string &dir_path, std::string_view name, const stru
   return !S_ISLNK(st.st_mode) || (parseTempName(name, &ino) && st.st_ino == ino);
 }
 
-// Removes the files below `path`; directories stay for the final command.
+// Removes what is below `path`.
 int removeBelow(const Dir &dir, std::string &path, dev_t device) {
   const int fd = dirfd(dir.get());
   while (const dirent *entry = nextEntry(dir)) {
@@ -92,9 +86,9 @@ int removeBelow(const Dir &dir, std::string &path, dev_t device) {
       const Dir child = openDirectory(fd, entry->d_name);
       if (!child) return failStep(path, st.st_ino, errno, 0, errno);
       rc = removeBelow(child, path, device);
-    } else if ((S_ISREG(st.st_mode) || S_ISLNK(st.st_mode)) && unlinkat(fd, entry->d_name, 0) != 0) {
-      rc = errno;
     }
+    const int flags = S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0;
+    if (rc == 0 && unlinkat(fd, entry->d_name, flags) != 0) rc = errno;
     if (rc != 0) return failStep(path, st.st_ino, rc, 2, rc > 0 ? rc : 0);
   }
   if (errno != 0) return failStep(path, 0, errno, 0, errno);
@@ -109,7 +103,7 @@ struct Aside {
 
 // Every object of the fileset in the MOVE_ directories. 0 or an errno.
 int findAside(const std::string &work_dir, std::vector<Aside> *found) {
-  const Dir top = openDirectory(AT_FDCWD, work_dir.c_str());
+  const Dir top = openWorkList(work_dir);
   if (!top) return errno;
   while (const dirent *entry = nextEntry(top)) {
     if (!std::string_view(entry->d_name).starts_with("MOVE_")) continue;
@@ -133,7 +127,7 @@ int findAside(const std::string &work_dir, std::vector<Aside> *found) {
 // an errno.
 int removeClone(const std::string &path) {
   const int error =
-      retryClearing(path, "", [&] { return kest_unlink(handles.activeFsP, path.c_str()); });
+      retryClearing(path, "", [&] { return kest_unlink(handles.activeFsP, path.c_str(), 0); });
   traceLog("cleanup: removed %s, err %d\n", path.c_str(), error);
   return error;
 }
@@ -144,7 +138,8 @@ int putBack(const Aside &aside) {
   std::string destination;
   if (!readDestination(aside.ino, &destination)) return errno ? errno : EIO;
   const int error = retryClearing(aside.path, destination, [&] {
-    return kest_rename_noreplace(handles.activeFsP, aside.path.c_str(), destination.c_str());
+    return kest_rename_noreplace(handles.activeFsP, aside.path.c_str(), linkFree(destination).c_str(),
+                                 0);
   });
   traceLog("cleanup: put back %s as %s, err %d\n", aside.path.c_str(), destination.c_str(), error);
   return error;
@@ -180,12 +175,11 @@ int cleanup(const std::string &workDir, bool force) {
   if (force) {
     if (const int rc = putAllBack(workDir)) return rc;
   }
-  const Dir dir = openDirectory(AT_FDCWD, workDir.c_str());
+  const Dir dir = openWorkList(workDir);
   struct stat st;
   if (!dir || fstat(dirfd(dir.get()), &st) != 0) return failStep(path, 0, errno, 0, errno);
   if (const int rc = removeBelow(dir, path, st.st_dev)) return rc;
-  int status = 0;
-  if (runCommand("exec rm -rf " + shellWord(workDir), &status) != 0)
+  if (kest_rmdir(handles.activeFsP, workDir.c_str(), st.st_ino) != 0)
     return failStep(path, st.st_ino, errno, 0, errno);
-  return status;
+  return 0;
 }

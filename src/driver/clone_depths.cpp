@@ -1,24 +1,18 @@
 #include "driver/clone_depths.h"
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <memory>
 #include <string>
 #include <string_view>
 
 #include "cfgmgr/messages.h"
 #include "oplist/clone_lists.h"
 #include "run/settings.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 
 namespace {
-
-struct DirCloser {
-  void operator()(DIR *dir) const { closedir(dir); }
-};
 
 // The <d> of "<prefix><d>"; -1 for every other name.
 int depthOf(std::string_view name, std::string_view prefix) {
@@ -36,7 +30,7 @@ int listedCloneDepths(CloneLists kind, std::vector<int> *depths) {
   const std::string_view prefix = del ? "clone.del." : "clone.";
   const int deepest = del ? kDeepestDeleted : kDeepestRestored;
   depths->clear();
-  const std::unique_ptr<DIR, DirCloser> dir(opendir(settings.shareDir.c_str()));
+  const Dir dir = openWorkList(settings.shareDir);
   if (!dir) return errno;
   for (;;) {
     errno = 0;

@@ -1,6 +1,5 @@
 #include "driver/clone_survivors.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -17,6 +16,7 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "scan/clone_state.h"
 #include "scan/same_file.h"
 #include "scan/scan_pass.h"
@@ -26,11 +26,6 @@ namespace {
 using NewParents = std::unordered_map<uint64_t, uint64_t>;  // number in the snapshot to number now
 
 constexpr std::string_view kNewParentSuffix = ".clone.newParent";
-
-struct DirCloser {
-  void operator()(DIR *dir) const { closedir(dir); }
-};
-using Dir = std::unique_ptr<DIR, DirCloser>;
 
 struct ScanCloser {
   void operator()(kest_iscan_t *scan_of) const { kest_close_inodescan(scan_of); }
@@ -46,7 +41,7 @@ bool parseNewParentName(std::string_view name, uint64_t *ino) {
 
 // 0 or an errno.
 int readBucket(const std::string &bucket, NewParents *parents) {
-  const Dir dir(opendir(bucket.c_str()));
+  const Dir dir = openWorkList(bucket);
   if (!dir) return errno;
   for (errno = 0; const dirent *entry = readdir(dir.get()); errno = 0) {
     uint64_t then = 0, now = 0;
@@ -60,7 +55,7 @@ int readBucket(const std::string &bucket, NewParents *parents) {
 
 // 0 or an errno.
 int readNewParents(NewParents *parents) {
-  const Dir dir(opendir(settings.shareDir.c_str()));
+  const Dir dir = openWorkList(settings.shareDir);
   if (!dir) return errno;
   for (errno = 0; const dirent *entry = readdir(dir.get()); errno = 0) {
     if (!std::string_view(entry->d_name).starts_with("MOVE_")) continue;

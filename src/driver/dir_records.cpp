@@ -1,7 +1,5 @@
 #include "driver/dir_records.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <functional>
@@ -12,6 +10,7 @@
 
 #include "record/record_format.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_file.h"
 
 namespace {
@@ -98,6 +97,6 @@ int takeDirRecords(const std::string &from, const std::string &to) {
   if (const int err = forEachRecord(from, take)) return err;
   int rc = 0;
   closeWorkFile(list, to, &rc);
-  if (rc == 0 && unlink(from.c_str()) != 0) rc = errno;
+  if (rc == 0 && unlinkWorkFile(from) != 0) rc = errno;
   return rc;
 }

@@ -11,7 +11,9 @@
 #include "run/settings.h"
 #include "run/shell_command.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
+#include "run/work_file.h"
 
 namespace {
 
@@ -70,15 +72,17 @@ int checkFilesetType() {
 
 int listSnapshots() {
   const std::string command = "exec /usr/qtx/kest/bin/ktlssnapshot " + shellWord(settings.deviceP) +
-                              " -j " + shellWord(settings.filesetP) + " > " +
-                              shellWord(workPath(kSnapList)) + " 2>/dev/null";
+                              " -j " + shellWord(settings.filesetP) + " 2>/dev/null";
+  std::string output;
   int status = 0;
-  if (!fits(command) || runCommand(command, &status) != 0 || status != 0) {
-    traceLog("Cannot list all snapshots in %s\n", settings.deviceP.c_str());
-    unlink(workPath(kSnapList).c_str());  // half a list would hide the others
-    return 0;
+  bool listed = fits(command) && runCommandOutput(command, &output, &status) == 0 && status == 0;
+  if (listed) {
+    std::unique_ptr<WorkFile> list = WorkFile::open(workPath(kSnapList), WorkFile::Mode::kTruncate);
+    listed = list && list->append(output) == 0 && list->close() == 0;
+    if (!listed) unlinkWorkFile(workPath(kSnapList));  // half a list would hide the others
   }
-  return 1;
+  if (!listed) traceLog("Cannot list all snapshots in %s\n", settings.deviceP.c_str());
+  return listed;
 }
 
 int syncFileset() {

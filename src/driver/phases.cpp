@@ -1,7 +1,6 @@
 #include "driver/phases.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <optional>
@@ -16,6 +15,7 @@
 #include "run/settings.h"
 #include "run/shell_command.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
 
@@ -84,7 +84,7 @@ int runIfListed(const PhaseRun &run, std::optional<StartMessage> start, bool rem
   if (statPath(path, &st) != 0) return errno == ENOENT ? 0 : failPhase(run, errno);
   if (start) userMessage(*start, formatTimeStamp());
   if (const int rc = runPhase(run)) return rc;
-  if (remove_after && unlink(path.c_str()) != 0) return failPhase(run, errno);
+  if (remove_after && unlinkWorkFile(path) != 0) return failPhase(run, errno);
   if (ran) *ran = true;
   return 0;
 }
@@ -100,7 +100,7 @@ int runCloneLists(Phase phase, CloneLists kind, CheckedMessage<std::string, int>
     userMessage(start, formatTimeStamp(), depth);
     const PhaseRun run{phase, path.substr(path.rfind('/') + 1), failure};
     if (const int rc = runPhase(run)) return rc;
-    if (kind == CloneLists::kDelete && unlink(path.c_str()) != 0) return failPhase(run, errno);
+    if (kind == CloneLists::kDelete && unlinkWorkFile(path) != 0) return failPhase(run, errno);
   }
   return 0;
 }

@@ -19,6 +19,7 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/stop_signal.h"
+#include "run/work_access.h"
 #include "scan/scan_pass.h"
 
 namespace {
@@ -62,9 +63,29 @@ int clearRootFlags() {
   return clearInodeFlags(root.get()) == 0 ? 0 : errorNumber();
 }
 
+// From here on the work directory is a descriptor, whatever its path comes to mean. 0 or an errno.
+int holdWorkDirectory() {
+  if (const int error = openWorkDirectory()) return error;
+  const int fd = workDirectoryDescriptor();
+  return kest_anchor(handles.activeFsP, settings.shareDir.c_str(), fd) == 0 ? 0 : errorNumber();
+}
+
+// What was made a moment ago is empty; a left-over of an earlier run that somebody put there is not.
+int holdNewWorkDirectory() {
+  if (const int error = holdWorkDirectory()) return error;
+  const Dir dir = openWorkList(settings.shareDir);
+  errno = 0;
+  while (const dirent *entry = dir ? readdir(dir.get()) : nullptr)
+    if (entry->d_name[0] != '.') return EEXIST;
+  if (errno != 0) return errno;
+  tellWorkDirectory();
+  return 0;
+}
+
 // 0 or an errno.
 int makeTopDirectory() {
   if (const int rc = clearRootFlags()) return rc;
+  forgetToldDirectory();
   const int pid = static_cast<int>(getpid());
   for (int number = pid; number < pid + kOtherNumbers; ++number) {
     std::string path = handles.rootPath;
@@ -72,7 +93,7 @@ int makeTopDirectory() {
       return ENAMETOOLONG;
     if (kest_mkdir(handles.activeFsP, path.c_str(), kWorkDirTopMode) == 0) {
       settings.shareDir = path;
-      return 0;
+      return holdNewWorkDirectory();
     }
     if (errno != EEXIST) return errorNumber();
   }
@@ -173,8 +194,10 @@ Prepared prepareRun(int *rc) {
   handles.rootPath = root;
   handles.snapRootPath = snap_root;
   if (master && !prepareMaster(rc)) return Prepared::kRelease;
+  const bool told = !master && !settings.shareDir.empty();  // a comparison has no work directory
+  if (told && (*rc = holdWorkDirectory()) != 0) return Prepared::kEnd;
   struct stat st;
-  if (stat(handles.rootPath.c_str(), &st) != 0) {
+  if (statPath(handles.rootPath, &st) != 0) {
     *rc = errorNumber();
     userMessage(Message::kNoRootInode, settings.filesetP);
     return Prepared::kEnd;

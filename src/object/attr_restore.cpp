@@ -8,6 +8,7 @@
 #include "object/clear_flags.h"
 #include "object/control_request.h"
 #include "object/descriptor.h"
+#include "object/identity.h"
 #include "object/object_stat.h"
 #include "object/snap_path.h"
 #include "object/xattr_restore.h"
@@ -126,6 +127,10 @@ int openTarget(Target &target, uint64_t snap_ino) {
   if (!target.snap || kest_istat(target.snap.get(), &target.attr) != 0) return 6;
   if ((target.st.st_mode & S_IFMT) != (target.attr.ia_mode & S_IFMT)) {
     errno = EINVAL;
+    return 6;
+  }
+  if (!mayBecome(target.st, snap_ino, target.attr)) {
+    errno = ESTALE;
     return 6;
   }
   target.snapFd = Descriptor(kest_path_descriptor(target.snap.get()));

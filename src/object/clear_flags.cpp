@@ -12,6 +12,7 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "run/work_dir.h"
 
 namespace {
 

@@ -6,6 +6,7 @@
 
 #include "cfgmgr/messages.h"
 #include "object/object_stat.h"
+#include "object/temp_place.h"
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
@@ -62,7 +63,7 @@ int checkJunction(const std::string &path, const kest_direntx64_t *entry) {
 int unlinkJunction(const std::string &path) {
   traceLog("unlinkJunction: unlink fileset in junction %s\n", path.c_str());
   const std::string command = "/usr/qtx/kest/bin/ktunlinkfileset " + shellWord(settings.deviceP) +
-                              " -J " + shellWord(path) + " 2>/dev/null";
+                              " -J " + shellWord(linkFree(path)) + " 2>/dev/null";
   if (command.size() >= kCommandMax) {
     userMessage(Message::kCommandTooLong, static_cast<int>(kCommandMax), command);
     return unlinkFailed(path, ENAMETOOLONG);

@@ -7,6 +7,7 @@
 #include "object/object_stat.h"
 #include "object/path_files.h"
 #include "object/step.h"
+#include "object/temp_place.h"
 #include "record/side_list.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
@@ -25,7 +26,9 @@ bool exists(const std::string &path) {
 
 Step moveAway(const std::string &path, uint64_t ino, const std::string &to, bool *vanished) {
   const long long number = static_cast<long long>(ino);
-  const auto move = [&] { return kest_rename_noreplace(handles.activeFsP, path.c_str(), to.c_str()); };
+  const auto move = [&] {
+    return kest_rename_noreplace(handles.activeFsP, linkFree(path).c_str(), to.c_str(), ino);
+  };
   for (int attempt = 0;; ++attempt) {
     const int err = retryClearing(path, "", move);
     if (err == 0) return {};
@@ -88,6 +91,8 @@ Step listPending(uint64_t ino) {
   return failedStep(6, err, err);
 }
 
+// What stands at a temporary location may be a directory made anew, with another number; nobody else
+// can put anything there.
 Step moveBack(const std::string &path, uint64_t ino, int32_t phase) {
   std::string destination;
   if (!readDestination(ino, &destination)) {
@@ -103,7 +108,7 @@ Step moveBack(const std::string &path, uint64_t ino, int32_t phase) {
     return failedStep(4, err);
   }
   const int err = retryClearing(path, destination, [&] {
-    return kest_rename_noreplace(handles.activeFsP, path.c_str(), destination.c_str());
+    return kest_rename_noreplace(handles.activeFsP, path.c_str(), linkFree(destination).c_str(), 0);
   });
   if (err == 0) return arrive(path, destination, phase);
   if (err == EEXIST && phase == kPhaseMoveBack) return listPending(ino);

@@ -5,6 +5,7 @@
 #include <climits>
 
 #include "object/descriptor.h"
+#include "object/temp_place.h"
 #include "run/path.h"
 #include "run/run_handles.h"
 
@@ -20,11 +21,13 @@ kest_fssnap_handle_t *handleOf(const std::string &path) {
 }  // namespace
 
 int statPath(const std::string &path, struct stat *st) {
-  return kest_lstat(handleOf(path), path.c_str(), st);
+  const std::string now = linkFree(path);
+  return kest_lstat(handleOf(now), now.c_str(), st);
 }
 
 int openObject(const std::string &path) {
-  return kest_open_path(handleOf(path), path.c_str());
+  const std::string now = linkFree(path);
+  return kest_open_path(handleOf(now), now.c_str());
 }
 
 int readLinkTarget(const std::string &path, std::string *target) {

@@ -1,11 +1,11 @@
 #include "object/snap_path.h"
 
 #include <cerrno>
-#include <charconv>
 #include <string_view>
 
 #include "object/object_stat.h"
 #include "object/path_files.h"
+#include "object/temp_place.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -16,25 +16,6 @@ namespace {
 
 // Objects can wait inside objects that wait; more levels than a path has components are no such thing.
 constexpr int kMostLevels = 4096;
-
-struct TempPlace {
-  uint64_t ino = 0;         // of the moved object
-  std::string_view inside;  // path below it; empty: the object itself
-};
-
-// Takes a path in the work directory apart; false when it lies in no temporary location.
-bool parseTempPlace(std::string_view path, TempPlace *place) {
-  size_t at = path.find("MOVE_", settings.shareDir.size());
-  if (at == std::string_view::npos) return false;
-  at = path.find('_', at + 5);
-  if (at == std::string_view::npos) return false;
-  path.remove_prefix(at + 1);
-  place->ino = 0;
-  std::from_chars(path.data(), path.data() + path.size(), place->ino);
-  const size_t slash = path.find('/');
-  place->inside = slash == std::string_view::npos ? std::string_view() : path.substr(slash + 1);
-  return true;
-}
 
 enum class Resolve { kDone, kNoPlace, kNoFile, kEmptyFile };
 
@@ -94,11 +75,6 @@ int snapPathFailed(const std::string &path, int code, int err) {
 }
 
 }  // namespace
-
-bool inWorkDir(const std::string &path) {
-  const std::string &dir = settings.shareDir;
-  return !dir.empty() && path.size() > dir.size() && path[dir.size()] == '/' && path.starts_with(dir);
-}
 
 int getRealPath(const std::string &path, std::string *result) {
   uint64_t ino = 0;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "object/clear_flags.h"
+#include "object/identity.h"
 #include "object/object_stat.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -65,6 +66,10 @@ int restore(uint64_t ino, kest_ifile_t *snapInode, const std::string *path) {
   if (path != nullptr) {
     struct stat st;
     if (statPath(*path, &st) != 0) return 3;
+    if (!mayBecome(st, ino, attr)) {
+      errno = ESTALE;
+      return 3;
+    }
     target_ino = st.st_ino;
   }
   Inode target = openInode(handles.activeFsP, target_ino);

@@ -1,23 +1,16 @@
 #include "oplist/checkpoint_files.h"
 
-#include <dirent.h>
 #include <cerrno>
 #include <cstring>
-#include <memory>
 
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
-
-namespace {
-struct DirCloser {
-  void operator()(DIR *dir) const { closedir(dir); }
-};
-}  // namespace
 
 int findCheckpointFiles(int32_t pid, std::vector<std::string> *paths) {
   const std::string prefix = checkpointPrefix(pid);
   const std::string dir_path = workPath(kCheckpointDir);
-  const std::unique_ptr<DIR, DirCloser> dir(opendir(dir_path.c_str()));
+  const Dir dir = openWorkList(dir_path);
   if (!dir) {
     const int err = errno;
     traceLog("couldn't open checkpoint dir %s\n", dir_path.c_str());

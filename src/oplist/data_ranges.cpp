@@ -5,6 +5,7 @@
 
 #include "object/clear_flags.h"
 #include "object/clone_origin.h"
+#include "object/temp_place.h"
 #include "oplist/clone_lists.h"
 #include "oplist/main_lists.h"
 #include "record/aggregate.h"
@@ -75,11 +76,12 @@ int64_t nextOfAll(kest_ifile_t *file, int64_t *offset, int64_t end, int *hole) {
   return -1;
 }
 
-int truncateActive(const RangeWriter &writer, const std::string &path, int64_t from, int64_t to,
-                   int *code) {
+int truncateActive(const RangeWriter &writer, const std::string &path, uint64_t ino, int64_t from,
+                   int64_t to, int *code) {
   bool clearing_failed = false;
   int err = retryClearing(
-      path, "", [&] { return kest_truncate(handles.activeFsP, path.c_str(), to); }, &clearing_failed);
+      path, "", [&] { return kest_truncate(handles.activeFsP, linkFree(path).c_str(), to, ino); },
+      &clearing_failed);
   if (err != 0) {
     *code = clearing_failed ? 141 : 14;
     errno = err;
@@ -112,7 +114,7 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
   const int64_t active_size = static_cast<int64_t>(active->if_size);
   if (snap_size != active_size) {
     int code = 0;
-    if (truncateActive(writer, path, active_size, snap_size, &code) != 0) return fail(-1, code);
+    if (truncateActive(writer, path, ino, active_size, snap_size, &code) != 0) return fail(-1, code);
   }
 
   const int64_t common = std::min(snap_size, active_size);

@@ -15,6 +15,7 @@
 #include "run/file_reader.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
 
@@ -56,7 +57,7 @@ class Update {
     uint64_t bytes = 0;
     for (const std::string &file : files) {
       struct stat st;
-      if (stat(file.c_str(), &st) != 0) return fail(4);
+      if (statWorkFile(file, &st) != 0) return fail(4);
       bytes += static_cast<uint64_t>(st.st_size);
     }
     done_.reserve(bytes / kCheckpointLineMin);
@@ -160,18 +161,18 @@ class Update {
   int exchange() {
     const std::string saved = list_ + ".orig";
     struct stat st;
-    if (lstat(saved.c_str(), &st) != 0 && errno == ENOENT) {
-      if (rename(list_.c_str(), saved.c_str()) != 0) {
+    if (statWorkFile(saved, &st) != 0 && errno == ENOENT) {
+      if (renameWorkFile(list_, saved) != 0) {
         int err = errno;
         traceLog("updateOpList: Cannot rename orig opList from %s to %s\n", list_.c_str(),
                  saved.c_str());
         errno = err;
         return fail(7);
       }
-    } else if (int rc = remove(list_.c_str())) {
+    } else if (int rc = unlinkWorkFile(list_)) {
       return fail(8, rc);
     }
-    if (rename(temp_.c_str(), list_.c_str()) != 0) {
+    if (renameWorkFile(temp_, list_) != 0) {
       int err = errno;
       traceLog("updateOpList: Cannot rename tmp opList from %s to %s\n", temp_.c_str(), list_.c_str());
       errno = err;

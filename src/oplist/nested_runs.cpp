@@ -1,8 +1,6 @@
 #include "oplist/nested_runs.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
@@ -18,6 +16,7 @@
 #include "run/settings.h"
 #include "run/shell_command.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
 
@@ -31,10 +30,10 @@ constexpr off_t kSmallList = 1024 * 1024;  // bytes
 
 // The depths that have a list or a move list, from the names in the set's directory. False and errno.
 bool listedDepths(const std::string &set, std::vector<int> *depths) {
-  DIR *dir = opendir(set.c_str());
+  Dir dir = openWorkList(set);
   if (!dir) return false;
   errno = 0;
-  while (const dirent *entry = readdir(dir)) {
+  while (const dirent *entry = readdir(dir.get())) {
     const char *name_end = entry->d_name + strlen(entry->d_name);
     int depth = 0;
     auto [end, error] = std::from_chars(entry->d_name, name_end, depth);
@@ -43,7 +42,7 @@ bool listedDepths(const std::string &set, std::vector<int> *depths) {
     errno = 0;
   }
   int err = errno;
-  closedir(dir);
+  dir.reset();
   errno = err;
   std::sort(depths->begin(), depths->end());
   depths->erase(std::unique(depths->begin(), depths->end()), depths->end());
@@ -98,12 +97,12 @@ int runList(const std::string &set, const std::string &list, uint64_t ino, bool 
             const ListRunner &here) {
   struct stat st;
   int rc = 0;
-  if (stat(list.c_str(), &st) != 0) {
+  if (statWorkFile(list, &st) != 0) {
     if (errno == ENOENT) return 0;
     rc = errno;
   } else {
     if (st.st_size != 0) rc = isSmall(list, st.st_size) ? here(list) : runEngine(set, list);
-    if (rc == 0 && unlink(list.c_str()) != 0) rc = errno;
+    if (rc == 0 && unlinkWorkFile(list) != 0) rc = errno;
   }
   if (rc != 0) {
     const int err = errno;
@@ -119,7 +118,7 @@ int runList(const std::string &set, const std::string &list, uint64_t ino, bool 
 int restoreDelNewDir(uint64_t ino, bool isDelDir, const ListRunner &here) {
   const std::string set = dirSet(ino, isDelDir);
   struct stat st;
-  if (stat(set.c_str(), &st) != 0 && errno == ENOENT) {
+  if (statWorkFile(set, &st) != 0 && errno == ENOENT) {
     traceLog("restoreDelNewDir: no files need to handle for ino %lld\n", static_cast<long long>(ino));
     return 0;
   }
@@ -137,6 +136,6 @@ int restoreDelNewDir(uint64_t ino, bool isDelDir, const ListRunner &here) {
     if (int rc = runList(set, dirSetList(ino, isDelDir, depth), ino, isDelDir, 1, here)) return rc;
     if (int rc = runList(set, dirSetMoveList(ino, isDelDir, depth), ino, isDelDir, 2, here)) return rc;
   }
-  unlink((set + "/policy").c_str());
+  unlinkWorkFile(set + "/policy");
   return 0;
 }

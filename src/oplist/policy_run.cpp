@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -12,10 +13,12 @@
 #include "oplist/list_update.h"
 #include "oplist/policy_file.h"
 #include "run/fatal_error.h"
+#include "run/path.h"
 #include "run/settings.h"
 #include "run/shell_command.h"
 #include "run/stop_signal.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 
 namespace {
@@ -37,9 +40,24 @@ int removeCheckpoints() {
   if (const int err = findCheckpointFiles(pid, &files)) return stop(-1, 31, err);
   for (const std::string &file : files) {
     traceLog("executePolicy: delete checkpoint file %s\n", file.c_str());
-    if (remove(file.c_str()) != 0) return stop(-1, 32, errno);
+    if (unlinkWorkFile(file) != 0) return stop(-1, 32, errno);
   }
   return 0;
+}
+
+// The engine takes policy, list and batch files from this directory and from no other that comes to
+// stand in its place. 0 or an errno.
+int tellEngineDirectory(const std::string &policy) {
+  struct stat st;
+  std::string path = policy.empty() ? workPath(kPolicy) : policy;
+  cutPath(path);
+  if (path == settings.shareDir) {
+    if (const int err = openWorkDirectory()) return err;
+    if (fstat(workDirectoryDescriptor(), &st) != 0) return errno;
+  } else if (statWorkFile(path, &st) != 0) {
+    return errno;
+  }
+  return setenv("KT_DIRECTORY", directoryIdentity(st).c_str(), 1) == 0 ? 0 : errno;
 }
 
 }  // namespace
@@ -47,12 +65,13 @@ int removeCheckpoints() {
 int executePolicy(const std::string &pcCmd, const std::string &exeOpt, const std::string &policyPath,
                   const std::string &opListPath) {
   struct stat list;
-  if (stat(opListPath.c_str(), &list) == 0 && list.st_size == 0) {
+  if (statWorkFile(opListPath, &list) == 0 && list.st_size == 0) {
     traceLog("executePolicy: list %s is empty\n", opListPath.c_str());
     return 0;
   }
   const std::string options = exeOpt + " -c " + std::to_string(getpid());
   if (options.size() >= kOptionsMax) return stop(E2BIG, 0, E2BIG);
+  if (int rc = tellEngineDirectory(policyPath)) return stop(rc, 0, rc);
   for (int retries = 0;;) {
     if (int rc = writePolicyFile(settings.exe, options, policyPath)) return stop(rc, 0, rc);
     int status = 0;

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
 
@@ -20,9 +21,7 @@ int setFatalError(int code) {
   const std::string path = workPath(kFatalError);
   if (code == 0) code = EIO;
   const std::string line = std::to_string(code) + "\n";
-  const int fd = path.empty()
-                     ? -1
-                     : open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+  const int fd = openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND);
   if (fd < 0) {
     unsaved = code;
     traceLog("!!Cannot create fatal error file %s\n", path.c_str());

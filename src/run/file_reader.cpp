@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "run/work_access.h"
+
 FileReader::~FileReader() {
   close();
 }
@@ -19,7 +21,7 @@ void FileReader::close() {
 
 bool FileReader::open(const std::string &path) {
   close();
-  fd_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  fd_ = openWorkFile(path, O_RDONLY);
   seek(0);
   return fd_ >= 0;
 }

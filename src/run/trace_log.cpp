@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "run/settings.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
 
@@ -24,7 +25,7 @@ int logDescriptor() {
   if (settings.shareDir.empty()) return -1;
   const std::string path = workPath(kErrorLog);
   if (path.empty()) return -1;
-  log_fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
+  log_fd = openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND);
   log_dir = settings.shareDir;
   return log_fd;
 }
@@ -91,7 +92,7 @@ void traceLog(const char *format, ...) {
 
 void dumpErrorLog() {
   if (!settings.Debug || settings.path2long || settings.shareDir.empty()) return;
-  const int fd = open(workPath(kErrorLog).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  const int fd = openWorkFile(workPath(kErrorLog), O_RDONLY);
   if (fd < 0) return;
   puts("---------------------");
   char piece[65536];

@@ -1,10 +1,10 @@
 #include "run/work_dir.h"
 
-#include <sys/stat.h>
 #include <cerrno>
 
 #include "run/path.h"
 #include "run/settings.h"
+#include "run/work_access.h"
 
 namespace {
 std::string number(uint64_t ino) {
@@ -25,8 +25,13 @@ std::string workPath(std::string_view name) {
   return path;
 }
 
+bool inWorkDir(std::string_view path) {
+  const std::string &dir = settings.shareDir;
+  return !dir.empty() && path.size() > dir.size() && path[dir.size()] == '/' && path.starts_with(dir);
+}
+
 int makeWorkDirectory(const std::string &path) {
-  if (mkdir(path.c_str(), kWorkDirMode) == 0 || errno == EEXIST) return 0;
+  if (makeWorkSubdirectory(path, kWorkDirMode) == 0 || errno == EEXIST) return 0;
   return errno;
 }
 

@@ -26,6 +26,9 @@ constexpr int kWorkDirMode = 0x755;  // hexadecimal, as the lists of older runs 
 // whole path already is returned as it is.
 std::string workPath(std::string_view name);
 
+// True when the path lies below the work directory.
+bool inWorkDir(std::string_view path);
+
 // Creates a directory of the work directory with kWorkDirMode; one that exists counts as created.
 // 0 or an errno.
 int makeWorkDirectory(const std::string &path);

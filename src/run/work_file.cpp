@@ -8,6 +8,7 @@
 
 #include "cfgmgr/messages.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 
 namespace {
 constexpr size_t kBufferBytes = 256 * 1024;
@@ -30,13 +31,9 @@ int writeAll(int fd, std::string_view text) {
 }
 
 std::unique_ptr<WorkFile> WorkFile::open(const std::string &path, Mode mode) {
-  if (path.empty()) {
-    errno = ENAMETOOLONG;
-    return nullptr;
-  }
-  int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
+  int flags = O_WRONLY | O_CREAT | O_APPEND;
   if (mode == Mode::kTruncate) flags |= O_TRUNC;
-  const int fd = ::open(path.c_str(), flags, 0600);
+  const int fd = openWorkFile(path, flags);
   if (fd < 0) return nullptr;
   return std::unique_ptr<WorkFile>(new WorkFile(fd, mode != Mode::kShared));
 }
@@ -100,7 +97,7 @@ void closeWorkFile(std::unique_ptr<WorkFile> &stream, const std::string &name, i
 
 bool readWholeFile(const std::string &path, std::string *text) {
   text->clear();
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  const int fd = openWorkFile(path, O_RDONLY);
   if (fd < 0) return false;
   char piece[65536];
   for (;;) {

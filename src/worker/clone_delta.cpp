@@ -7,6 +7,7 @@
 
 #include "object/clear_flags.h"
 #include "object/step.h"
+#include "object/temp_place.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -80,7 +81,7 @@ Step restore(const std::string &path, kest_ifile_t *snap, uint64_t ino) {
   if (size < static_cast<int64_t>(active->if_size)) {
     bool clearing_failed = false;
     const int err = retryClearing(
-        path, "", [&] { return kest_truncate(handles.activeFsP, path.c_str(), size); },
+        path, "", [&] { return kest_truncate(handles.activeFsP, linkFree(path).c_str(), size, ino); },
         &clearing_failed);
     if (err != 0) return failedStep(clearing_failed ? 5 : 4, err);
   }

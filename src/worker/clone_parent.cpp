@@ -71,7 +71,7 @@ Step lookUp(uint64_t ino, uint32_t snapId, const SearchTree &tree, std::string *
   return {};
 }
 
-Step find(uint64_t parent, uint32_t snapId, std::string *path) {
+Step find(uint64_t parent, uint32_t snapId, std::string *path, Inode *file) {
   SearchTree tree;
   if (Step step = chooseTree(snapId, &tree); !step) return step;
   uint64_t now = parent;
@@ -82,13 +82,15 @@ Step find(uint64_t parent, uint32_t snapId, std::string *path) {
     traceLog("getParentPath: cannot get parent path, ino %lld\n", static_cast<long long>(parent));
     return failedStep(6, err);
   }
-  return lookUp(now, snapId, tree, path);
+  if (Step step = lookUp(now, snapId, tree, path); !step) return step;
+  *file = openInode(tree.handle, now);
+  return *file ? Step{} : failedStep(6, errno);
 }
 
 }  // namespace
 
-int getParentPath(uint64_t parent, uint32_t snapId, std::string *path) {
-  const Step step = find(parent, snapId, path);
+int getParentPath(uint64_t parent, uint32_t snapId, std::string *path, Inode *file) {
+  const Step step = find(parent, snapId, path, file);
   if (step) return 0;
   traceLog("getParentPath: ino %lld, snapId %d, rc %d, code %d, err %d\n",
            static_cast<long long>(parent), static_cast<int>(snapId), step.rc, step.code, step.err);

@@ -6,6 +6,7 @@
 #include "object/attr_restore.h"
 #include "object/clear_flags.h"
 #include "object/clone_origin.h"
+#include "object/identity.h"
 #include "object/object_stat.h"
 #include "object/path_files.h"
 #include "object/snap_path.h"
@@ -47,6 +48,7 @@ class CloneRestore {
   Inode snap_;
   CloneAttr attr_;
   CloneSnapAttr attrSnap_;
+  kest_iattr64_t stat_{};  // of the snapshot's inode
   struct stat st_ {};
   bool existed_ = false;
 };
@@ -65,7 +67,8 @@ int CloneRestore::waitFor(const char *name, const Call &call) {
 
 Step CloneRestore::lookAt(bool *exists) {
   *exists = statPath(path_, &st_) == 0;
-  return *exists || errno == ENOENT ? Step{} : failedStep(41, errno);
+  if (!*exists) return errno == ENOENT ? Step{} : failedStep(41, errno);
+  return mayBecome(st_, snapIno_, stat_) ? Step{} : failedStep(41, ESTALE);
 }
 
 Step CloneRestore::restoreXAttrs() {
@@ -85,15 +88,17 @@ Step CloneRestore::lookAtLeftover(bool *unfinished) {
 
 Step CloneRestore::makeFromParent() {
   std::string parent_path;
+  Inode parent;
   const uint32_t snap_id = attr_.parentInSnapshot() ? attrSnap_.snapId() : 0;
-  if (int rc = getParentPath(attr_.parentIno(), snap_id, &parent_path); rc != 0) {
+  if (int rc = getParentPath(attr_.parentIno(), snap_id, &parent_path, &parent); rc != 0) {
     const int err = errno;
     traceLog("cloneFile: cannot get parent path, path %s, ino %lld\n", path_.c_str(),
              static_cast<long long>(recordIno_));
     return failedStep(3, err, rc);
   }
-  const int err =
-      waitFor("kest_clone_copy", [&] { return kest_clone_copy(parent_path.c_str(), path_.c_str()); });
+  const int err = waitFor("kest_clone_copy", [&] {
+    return kest_iclone_copy(parent.get(), handles.activeFsP, path_.c_str());
+  });
   if (err != 0 && err != EEXIST) {
     traceLog("cloneFile: cannot clone file, fileSnapPathP %s, parent path %s, path %s, err %d\n",
              snapPath_.c_str(), parent_path.c_str(), path_.c_str(), err);
@@ -127,7 +132,9 @@ Step CloneRestore::becomeParent() {
     return active && isClone(active.get(), &attr, nullptr) && attr.isParent();
   };
   if (!isParent()) {
-    const int err = waitFor("kest_clone_snap", [&] { return kest_clone_snap(path_.c_str(), nullptr); });
+    Inode active = openInode(handles.activeFsP, st_.st_ino);
+    if (!active) return failedStep(6, errno);
+    const int err = waitFor("kest_clone_snap", [&] { return kest_iclone_snap(active.get()); });
     if (err != 0 && !(err == EROFS && isParent())) {
       traceLog("cloneFile: cannot snap a parent file, path %s, depth %d, err %d\n", path_.c_str(),
                attr_.depth(), err);
@@ -150,10 +157,9 @@ Step CloneRestore::restore() {
   }
   snap_ = openInode(handles.oldFsP, snapIno_);
   if (!snap_) return failedStep(11, errno);
-  kest_iattr64_t stat;
-  if (kest_istat(snap_.get(), &stat) != 0) return failedStep(11, errno);
+  if (kest_istat(snap_.get(), &stat_) != 0) return failedStep(11, errno);
   // The other names of an inode that lives are linked later, to itself.
-  const int kind = stat.ia_nlink > 1 ? checkFile(snapIno_) : kKindOther;
+  const int kind = stat_.ia_nlink > 1 ? checkFile(snapIno_) : kKindOther;
   if (kind < 0) return failedStep(11, errno);
   if (kind == kKindSame) return {};
   if (Step step = lookAt(&existed_); !step) return step;

@@ -6,6 +6,7 @@
 #include "object/clear_flags.h"
 #include "object/clone_attr.h"
 #include "object/move_file.h"
+#include "object/temp_place.h"
 #include "oplist/clone_lists.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
@@ -51,10 +52,13 @@ int deleteFile(const std::string &path, uint64_t ino) {
     if (!taken) return rc;
   }
 
+  // The record of a clone that was set aside carries another number.
+  const uint64_t expected = settings.phase == kPhaseCloneDelete ? 0 : ino;
   for (int waits = 0;;) {
     bool clearing_failed = false;
     const int err = retryClearing(
-        path, "", [&] { return kest_unlink(handles.activeFsP, path.c_str()); }, &clearing_failed);
+        path, "", [&] { return kest_unlink(handles.activeFsP, linkFree(path).c_str(), expected); },
+        &clearing_failed);
     if (err == 0 || err == ENOENT) return 0;
     if (err != EBUSY || clearing_failed || waits == kMostWaits) {
       traceLog("deleteFile: unlink %s, ino %lld, rc %d, error %d\n", path.c_str(),

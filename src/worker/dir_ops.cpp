@@ -1,11 +1,9 @@
 #include "worker/dir_ops.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
 #include "object/attr_restore.h"
 #include "object/clear_flags.h"
@@ -15,12 +13,15 @@
 #include "object/object_stat.h"
 #include "object/snap_path.h"
 #include "object/step.h"
+#include "object/temp_place.h"
 #include "object/xattr_restore.h"
 #include "oplist/nested_runs.h"
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
+#include "run/work_dir.h"
 #include "worker/work_unit.h"
 
 namespace {
@@ -55,7 +56,7 @@ int settledPath(const std::string &path, std::string *real) {
 
 int makeDirectory(const std::string &path, uint32_t mode) {
   const int err = retryClearing(
-      path, "", [&] { return kest_mkdir(handles.activeFsP, path.c_str(), mode & 07777); });
+      path, "", [&] { return kest_mkdir(handles.activeFsP, linkFree(path).c_str(), mode & 07777); });
   if (err == 0) return 0;
   struct stat st;
   if (err == EEXIST && statPath(path, &st) == 0 && S_ISDIR(st.st_mode)) return 0;
@@ -89,17 +90,13 @@ Step make(const std::string &path, uint64_t ino) {
   return settings.topDir ? runLists(ino, true, 0) : Step{};
 }
 
-struct DirCloser {
-  void operator()(DIR *dir) const { closedir(dir); }
-};
-
 // True when the directory has no entry at all; false also when it cannot be read.
 bool reallyEmpty(const kest_ifile_t *dir) {
   Descriptor named(kest_path_descriptor(dir));
   if (!named) return false;
   const std::string path = "/proc/self/fd/" + std::to_string(named.get());
   const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  std::unique_ptr<DIR, DirCloser> stream(fd < 0 ? nullptr : fdopendir(fd));
+  const Dir stream(fd < 0 ? nullptr : fdopendir(fd));
   if (!stream) return false;
   while (const dirent *entry = readdir(stream.get())) {
     if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) return false;
@@ -125,8 +122,9 @@ bool holdsOnlyHidden(uint64_t ino) {
   }
 }
 
-int removeDirectory(const std::string &path) {
-  return retryClearing(path, "", [&] { return kest_rmdir(handles.activeFsP, path.c_str()); });
+int removeDirectory(const std::string &path, uint64_t ino) {
+  return retryClearing(path, "",
+                       [&] { return kest_rmdir(handles.activeFsP, linkFree(path).c_str(), ino); });
 }
 
 Step removeFailed(const std::string &path, int err) {
@@ -139,7 +137,7 @@ Step removeJunction(const std::string &path, int err) {
   if (unlinkJunction(path) != 0) return failedStep(31, errno);
   struct stat st;
   if (statPath(path, &st) != 0 && errno == ENOENT) return {};
-  err = removeDirectory(path);
+  err = removeDirectory(path, 0);  // the stub of the nested fileset
   return err == 0 || err == ENOENT ? Step{} : removeFailed(path, err);
 }
 
@@ -156,7 +154,7 @@ Step remove(const std::string &path, uint64_t ino) {
     if (!step) return step;
   }
   if (st.st_ino != ino) return {};
-  const int err = removeDirectory(path);
+  const int err = removeDirectory(path, ino);
   if (err == 0 || err == ENOENT) return {};
   if (err == EPERM) return removeJunction(path, err);
   if (err == ENOTEMPTY && holdsOnlyHidden(ino)) {

@@ -9,10 +9,12 @@
 #include "object/attr_restore.h"
 #include "object/clear_flags.h"
 #include "object/descriptor.h"
+#include "object/identity.h"
 #include "object/new_dir_list.h"
 #include "object/object_stat.h"
 #include "object/snap_path.h"
 #include "object/step.h"
+#include "object/temp_place.h"
 #include "object/xattr_restore.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
@@ -67,7 +69,8 @@ int DeletedFile::makeRegular(Descriptor *fd) {
   // Never waits for the other end of a FIFO that took the name.
   const int flags = O_RDONLY | O_NONBLOCK | (phaseMakes() ? O_CREAT : 0);
   return retryClearing(path_, "", [&] {
-    *fd = Descriptor(kest_open_file(handles.activeFsP, path_.c_str(), flags, snap_->if_mode & 07777));
+    *fd = Descriptor(
+        kest_open_file(handles.activeFsP, linkFree(path_).c_str(), flags, snap_->if_mode & 07777));
     return *fd ? 0 : -1;
   });
 }
@@ -80,8 +83,9 @@ Step DeletedFile::makeLink() {
   if (length < 0) return failedStep(11, errno);
   const std::string target(buffer.data(), static_cast<size_t>(length));
   traceLog("restoreDelFile:symlink, lnbuf %s, path %s\n", target.c_str(), path_.c_str());
-  const int err = retryClearing(
-      path_, "", [&] { return kest_symlink(handles.activeFsP, target.c_str(), path_.c_str()); });
+  const int err = retryClearing(path_, "", [&] {
+    return kest_symlink(handles.activeFsP, target.c_str(), linkFree(path_).c_str());
+  });
   std::string there;
   if (err == EEXIST && readLinkTarget(path_, &there) == 0 && there == target) return {};
   return err == 0 ? Step{} : createFailed("symlink", err);
@@ -101,7 +105,7 @@ Step DeletedFile::makeSpecial() {
            static_cast<unsigned long>(attr.ia_rdev), static_cast<unsigned long>(mode),
            static_cast<unsigned long long>(device), path_.c_str());
   const int err = retryClearing(
-      path_, "", [&] { return kest_mknod(handles.activeFsP, path_.c_str(), mode, device); });
+      path_, "", [&] { return kest_mknod(handles.activeFsP, linkFree(path_).c_str(), mode, device); });
   struct stat st;
   if (err == EEXIST && statPath(path_, &st) == 0 && (st.st_mode & S_IFMT) == (mode & S_IFMT) &&
       st.st_rdev == device)
@@ -124,7 +128,8 @@ Step DeletedFile::sizeFile(const struct stat &st) {
   if (st.st_size == snapSize()) return {};
   bool clearing_failed = false;
   const int err = retryClearing(
-      path_, "", [&] { return kest_truncate(handles.activeFsP, path_.c_str(), snapSize()); },
+      path_, "",
+      [&] { return kest_truncate(handles.activeFsP, linkFree(path_).c_str(), snapSize(), st.st_ino); },
       &clearing_failed);
   return err == 0 ? Step{} : failedStep(clearing_failed ? 7 : 4, err);
 }
@@ -191,7 +196,7 @@ Step DeletedFile::restore(const Range &range) {
   if (const int err = makeRegular(&fd)) return createFailed("open", err);
   struct stat st;
   if (fstat(fd.get(), &st) != 0) return failedStep(5, errno);
-  if (!S_ISREG(st.st_mode)) return failedStep(5, EEXIST);
+  if (!isMadeFor(st, snap_.get())) return failedStep(5, ESTALE);
   if (settings.phase == kPhaseCreate) return create(st);
   if (settings.phase == kPhaseLinks) {
     // Some of what comes with them is taken by an empty file only.

@@ -108,8 +108,9 @@ Step LinkGroup::restoreName(Name &name) {
 
 Step LinkGroup::linkName(Name &name) {
   const std::string &from = target_->path;
-  const int err = retryClearing(
-      name.path, from, [&] { return kest_link(handles.activeFsP, from.c_str(), name.path.c_str()); });
+  const int err = retryClearing(name.path, from, [&] {
+    return kest_link(handles.activeFsP, from.c_str(), name.path.c_str(), target_->st.st_ino);
+  });
   if (err == 0) return {};
   traceLog("linkFile: link %s to %s failed.\n", from.c_str(), name.path.c_str());
   return failedStep(7, err);
@@ -127,7 +128,7 @@ Step LinkGroup::restoreAll() {
         traceLog("linkFile: a directory stands at %s\n", name.path.c_str());
         return failedStep(5, EISDIR);
       }
-      if (int rc = deleteFile(name.path, ino_); rc != 0) return failedStep(5, errno, rc);
+      if (int rc = deleteFile(name.path, name.st.st_ino); rc != 0) return failedStep(5, errno, rc);
     }
     const Step step = target_ != nullptr ? linkName(name) : restoreName(name);
     if (!step) return step;

@@ -18,6 +18,7 @@
 #include "run/fatal_error.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
 #include "worker/clone_restore.h"
@@ -88,10 +89,15 @@ int stop(int code, int err) {
   return stop(-1, code, err);
 }
 
+// A step that met another object than the listed one, or a link on the way, tells whose work that may be.
 void operationFailed(const BatchLine &line, const OpString &op, int err) {
   traceLog("doWorkUnit error: %s inodeNum %lld opCode %d\n", line.path.c_str(),
            static_cast<long long>(line.ino), op.opCode);
-  userMessage(Message::kObjectFailed, line.path, strerror(err != 0 ? err : EIO));
+  if (err == ESTALE || err == ELOOP || err == EXDEV) {
+    userMessage(Message::kReplaced, line.path);
+  } else {
+    userMessage(Message::kObjectFailed, line.path, strerror(err != 0 ? err : EIO));
+  }
 }
 
 // Performs one record and checkpoints it; 0, or what the batch ends with.
@@ -112,11 +118,11 @@ int performLine(const char *text, const std::string &listPath, int done, int che
     const int err = errno != 0 ? errno : rc > 0 ? rc : 0;
     operationFailed(line, op, err);
     const int result = stop(kOperationFailed, err);
-    markUnfinished(line.path, op);
+    markUnfinished(line.path, line.ino, op);
     return result;
   }
   if (unsavedFatalError() != 0) return stop(kOperationFailed, unsavedFatalError());
-  markIfOthersFailed(line.path, op);
+  markIfOthersFailed(line.path, line.ino, op);
   // Without its line a repeated run would not know that this record is done.
   if (writeAll(checkpoint_fd, formatCheckpointLine(line.ino, line.opString)) != 0)
     return stop(kNoCheckpointFile, errno);
@@ -126,15 +132,15 @@ int performLine(const char *text, const std::string &listPath, int done, int che
 }  // namespace
 
 int doWorkUnit(const std::string &listPath, int32_t callerPid) {
-  std::unique_ptr<FILE, FileCloser> batch(fopen(listPath.c_str(), "re"));
+  const int batch_fd = openWorkFile(listPath, O_RDONLY);
+  std::unique_ptr<FILE, FileCloser> batch(batch_fd < 0 ? nullptr : fdopen(batch_fd, "r"));
   if (!batch) {
     const int err = errno;
     traceLog("cannot open opList file. path %s, err %d\n", listPath.c_str(), err);
     return stop(err, kNoBatchFile, err);
   }
   const std::string checkpoint_path = checkpointFile(callerPid, hostName(), getpid());
-  Descriptor checkpoint(
-      open(checkpoint_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600));
+  Descriptor checkpoint(openWorkFile(checkpoint_path, O_WRONLY | O_CREAT | O_APPEND));
   if (!checkpoint) return stop(kNoCheckpointFile, errno);
 
   auto text = std::make_unique<char[]>(kBatchLineMax);
@@ -169,7 +175,7 @@ int performListHere(const std::string &listPath) {
     if (rc == 0) continue;
     const int err = errno != 0 ? errno : rc > 0 ? rc : EIO;
     operationFailed(line, op, err);
-    markUnfinished(line.path, op);
+    markUnfinished(line.path, line.ino, op);
     errno = err;
   }
   settings.phase = phase;

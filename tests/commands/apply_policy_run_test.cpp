@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
@@ -104,6 +105,29 @@ class PolicyRun : public ::testing::Test {
   fs::path top_;
 };
 
+TEST_F(PolicyRun, OnlyItsOwnDirectory) {
+  const std::string good = command("a", "keep " + (top_ / "out").string(), 3, ""),
+                    g = (top_ / "g").string();
+  struct stat st;
+  ASSERT_EQ(stat(g.c_str(), &st), 0);
+  const std::string identity = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+  EXPECT_EQ(shell("KT_DIRECTORY=" + identity + " " + good), 0) << said();
+  EXPECT_EQ(shell("KT_DIRECTORY=" + identity + "0 " + good), 1);
+  EXPECT_EQ(shell("chmod g+w " + g + "; " + good), 1);
+  EXPECT_EQ(shell("chmod g-w " + g + "; chown 1234 " + g + "; " + good), 1);
+  EXPECT_EQ(shell("chown 0 " + g + "; mv " + g + " " + g + "2; ln -s g2 " + g + "; " + good), 1);
+  EXPECT_EQ(shell("rm " + g + "; mv " + g + "2 " + g + "; " + good), 0) << said();
+  for (const char *file : {"a.policy", "a.list"}) {
+    const std::string path = (top_ / file).string();
+    EXPECT_EQ(shell("chmod o+w " + path + "; " + good), 1) << file;
+    EXPECT_EQ(shell("chmod o-w " + path + "; mv " + path + " " + path + ".2; ln -s " + path + ".2 " +
+                    path + "; " + good),
+              1)
+        << file;
+    EXPECT_EQ(shell("rm " + path + "; mv " + path + ".2 " + path + "; " + good), 0) << said();
+  }
+}
+
 TEST_F(PolicyRun, EveryRecordOnceAndNoneAppendedDuringTheRun) {
   std::string line = command("a",
                              "append " + (top_ / "out").string() + " " + (top_ / "a.list").string() +
@@ -182,7 +206,7 @@ TEST_F(PolicyRun, FailingWorkerFailsTheRun) {
 TEST_F(PolicyRun, NoSpaceForBatchFiles) {
   std::string full = (top_ / "full").string();
   fs::create_directory(full);
-  ASSERT_EQ(mount("none", full.c_str(), "tmpfs", 0, "size=4k"), 0);
+  ASSERT_EQ(mount("none", full.c_str(), "tmpfs", 0, "size=4k,mode=755"), 0);
   std::string keep = command("a", "keep " + (top_ / "out").string(), 1000, "-g " + full + " -B 500");
   EXPECT_EQ(shell(keep), 28) << said();
   EXPECT_TRUE(fs::is_empty(full));

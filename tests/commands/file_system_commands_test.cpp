@@ -188,6 +188,7 @@ TEST_F(Commands, UnlinkedFilesetsAreKept) {
     std::ofstream("/mnt/home/" + name + "/keep") << "data of " + name;
   }
   fs::create_directory("/mnt/home/directory");
+  fs::create_symlink(".", "/mnt/home/link");
   ASSERT_EQ(run("btrfs property set '/mnt/home/read only' ro true && "
                 "mkdir -p /mnt/top/.unlinked/256-plain /mnt/top/.unlinked/257-plain")
                 .status,
@@ -197,7 +198,7 @@ TEST_F(Commands, UnlinkedFilesetsAreKept) {
     return command("ktunlinkfileset /mnt/home -J " + quoted(path) + " 2>/dev/null");
   };
   for (std::string wrong : {"/mnt/home/directory", "/mnt/home", "/mnt/home/", "/mnt/home/none", "/mnt",
-                            "/mnt/home/plain/..", "/"}) {
+                            "/mnt/home/plain/..", "/", "/mnt/home/link/plain"}) {
     EXPECT_EQ(unlinkAt(wrong).status, 1) << wrong;
   }
   EXPECT_EQ(command("ktunlinkfileset /mnt -J /mnt/home/plain", true).status, 1);

@@ -79,10 +79,10 @@ TEST_F(LostClones, WorkerThatDeletesThem) {
 }
 
 TEST_F(LostClones, WorkerThatMakesThem) {
-  expectEachRetried("kest_clone_copy", kClones, 5);
+  expectEachRetried("kest_iclone_copy", kClones, 5);
   expectEachRetried("kest_ishare", kClones, 5);
   expectEachRetried("kest_iputattrsx", kClones, 5);
-  expectEachRetried("kest_clone_snap", kClones, 2);
+  expectEachRetried("kest_iclone_snap", kClones, 2);
   expectEachRetried("kest_fset_times", kClones, 5);
 }
 

@@ -127,9 +127,11 @@ void policyRoad(std::string_view input) {
   for (const std::string &part : parts) options += shellWord(part) + " ";
   const std::string file = scratchFolder() + "/policy";
   FUZZ_CHECK(writePolicyFile("/x" + parts[0], options, file) == 0);
+  kest::RunDirectory folder;
+  FUZZ_CHECK(folder.open(scratchFolder()) == 0);
   kest::ScriptRule rule;
   std::string problem;
-  FUZZ_CHECK(kest::readPolicyFile(file, &rule, &problem) || input.size() > 100000);
+  FUZZ_CHECK(kest::readPolicyFile(folder, file, &rule, &problem) || input.size() > 100000);
   FUZZ_CHECK(rule.exec == "/x" + parts[0] && rule.options == parts);
 }
 

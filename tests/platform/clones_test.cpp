@@ -151,7 +151,7 @@ TEST_F(Clones, AParentIsReadOnlyAndKeepsItsTimes) {
 
   tree_->file("other", data);
   EXPECT_FAILS(EROFS, snap("p"));
-  EXPECT_FAILS(EROFS, kest_truncate(active_.get(), at("p").c_str(), 1));
+  EXPECT_FAILS(EROFS, kest_truncate(active_.get(), at("p").c_str(), 1, 0));
   EXPECT_FAILS(EROFS, kest_open_file(active_.get(), at("p").c_str(), O_WRONLY, 0));
   EXPECT_FAILS(EROFS, kest_iwritex(before.get(), "x", 1, 0, 0));
   EXPECT_FAILS(EROFS, kest_iwritex(open("p").get(), nullptr, 4096, 0, 1));
@@ -306,23 +306,23 @@ TEST_F(Clones, NamesOfAParentComeAndGo) {
   parent("two");
   std::string times = timesOf(at("two"));
   kest_fssnap_handle_t *active = active_.get();
-  EXPECT_EQ(0, kest_unlink(active, at("one").c_str())) << strerror(errno);
+  EXPECT_EQ(0, kest_unlink(active, at("one").c_str(), 0)) << strerror(errno);
   EXPECT_FALSE(tree_->exists("one"));
 
-  EXPECT_EQ(0, kest_link(active, at("two").c_str(), at("second").c_str())) << strerror(errno);
+  EXPECT_EQ(0, kest_link(active, at("two").c_str(), at("second").c_str(), 0)) << strerror(errno);
   EXPECT_TRUE(immutable("two"));
-  EXPECT_EQ(0, kest_rename_noreplace(active, at("two").c_str(), at("moved").c_str()))
+  EXPECT_EQ(0, kest_rename_noreplace(active, at("two").c_str(), at("moved").c_str(), 0))
       << strerror(errno);
   EXPECT_TRUE(immutable("moved"));
-  EXPECT_EQ(0, kest_unlink(active, at("second").c_str())) << strerror(errno);
+  EXPECT_EQ(0, kest_unlink(active, at("second").c_str(), 0)) << strerror(errno);
   EXPECT_TRUE(immutable("moved"));
   EXPECT_EQ(cloneBytes(0, "80", 0), attribute("moved"));
   EXPECT_EQ(times, timesOf(at("moved")));
 
   tree_->file("taken", "data");
-  EXPECT_FAILS(EEXIST, kest_rename_noreplace(active, at("moved").c_str(), at("taken").c_str()));
-  EXPECT_FAILS(EEXIST, kest_link(active, at("moved").c_str(), at("taken").c_str()));
-  EXPECT_FAILS(ENOENT, kest_rename_noreplace(active, at("moved").c_str(), at("none/x").c_str()));
+  EXPECT_FAILS(EEXIST, kest_rename_noreplace(active, at("moved").c_str(), at("taken").c_str(), 0));
+  EXPECT_FAILS(EEXIST, kest_link(active, at("moved").c_str(), at("taken").c_str(), 0));
+  EXPECT_FAILS(ENOENT, kest_rename_noreplace(active, at("moved").c_str(), at("none/x").c_str(), 0));
   EXPECT_TRUE(immutable("moved"));
 
   // The flags of directories and of ordinary files forbid what they always did.
@@ -332,33 +332,33 @@ TEST_F(Clones, NamesOfAParentComeAndGo) {
   struct stat before = statOf(at("dir/p"));
   for (bool append : {false, true}) {
     append ? tree_->appendOnly("dir") : tree_->immutable("dir");
-    EXPECT_FAILS(EROFS, kest_unlink(active, at("dir/p").c_str()));
-    EXPECT_FAILS(EROFS, kest_rename_noreplace(active, at("dir/p").c_str(), at("x").c_str()));
+    EXPECT_FAILS(EROFS, kest_unlink(active, at("dir/p").c_str(), 0));
+    EXPECT_FAILS(EROFS, kest_rename_noreplace(active, at("dir/p").c_str(), at("x").c_str(), 0));
     if (!append) {
-      EXPECT_FAILS(EROFS, kest_link(active, at("moved").c_str(), at("dir/x").c_str()));
+      EXPECT_FAILS(EROFS, kest_link(active, at("moved").c_str(), at("dir/x").c_str(), 0));
     }
     append ? tree_->appendOnly("dir", false) : tree_->immutable("dir", false);
   }
   struct stat after = statOf(at("dir/p"));
   EXPECT_EQ(before.st_ctim.tv_sec, after.st_ctim.tv_sec);
   EXPECT_EQ(before.st_ctim.tv_nsec, after.st_ctim.tv_nsec) << "its flag was lifted for nothing";
-  EXPECT_FAILS(EROFS, kest_unlink(active, at("taken").c_str()));
+  EXPECT_FAILS(EROFS, kest_unlink(active, at("taken").c_str(), 0));
   tree_->immutable("dir/p", false);
   tree_->appendOnly("dir/p");  // of a parent, too, it says more than being one
-  EXPECT_FAILS(EROFS, kest_unlink(active, at("dir/p").c_str()));
+  EXPECT_FAILS(EROFS, kest_unlink(active, at("dir/p").c_str(), 0));
 }
 
 TEST_F(Clones, SeveralWorkersAtTheNamesOfOneParent) {
   parent("p");
   constexpr int kNames = 300, kWorkers = 4;
   for (int i = 0; i < kNames * kWorkers; i++)
-    ASSERT_EQ(0, kest_link(active_.get(), at("p").c_str(), at("name" + std::to_string(i)).c_str()));
+    ASSERT_EQ(0, kest_link(active_.get(), at("p").c_str(), at("name" + std::to_string(i)).c_str(), 0));
   std::vector<int> failures(kWorkers);
   std::vector<std::thread> workers;
   for (int worker = 0; worker < kWorkers; worker++) {
     workers.emplace_back([&, worker] {
       for (int i = worker; i < kNames * kWorkers; i += kWorkers)
-        failures[worker] += kest_unlink(active_.get(), at("name" + std::to_string(i)).c_str()) != 0;
+        failures[worker] += kest_unlink(active_.get(), at("name" + std::to_string(i)).c_str(), 0) != 0;
     });
   }
   for (std::thread &worker : workers) worker.join();
@@ -427,7 +427,7 @@ TEST_F(Clones, TheNumberOfTheParentCanBeSet) {
   EXPECT_TRUE(immutable("immutable"));
   EXPECT_TRUE(immutable("parent"));
   EXPECT_FALSE(immutable("append"));
-  EXPECT_FAILS(EROFS, kest_truncate(active_.get(), at("append").c_str(), 0));
+  EXPECT_FAILS(EROFS, kest_truncate(active_.get(), at("append").c_str(), 0, 0));
   tree_->file("none", "data");
   EXPECT_FAILS(EINVAL, kest_iset_clone_parent(open("none").get(), 300));
   EXPECT_FAILS(EINVAL, kest_iset_clone_parent(open("p").get(), 300));  // no clone itself
@@ -524,8 +524,8 @@ TEST_F(Clones, TheDifferenceComparesTheCloneAttributes) {
   EXPECT_EQ("", difference());
   ASSERT_EQ(0, snap("later"));
   EXPECT_EQ(std::to_string(tree_->inode("later")), difference());
-  ASSERT_EQ(0, kest_link(active_.get(), at("p").c_str(), at("q").c_str()));
-  ASSERT_EQ(0, kest_unlink(active_.get(), at("q").c_str()));
+  ASSERT_EQ(0, kest_link(active_.get(), at("p").c_str(), at("q").c_str(), 0));
+  ASSERT_EQ(0, kest_unlink(active_.get(), at("q").c_str(), 0));
   // p is what it was, unlike the directory's time.
   EXPECT_EQ("256 " + std::to_string(tree_->inode("later")), difference());
 }

@@ -85,13 +85,15 @@ int closeOpened(int fd) {
 std::vector<FlagCase> flagCases() {
   using Handle = kest_fssnap_handle_t *;
   using Path = const std::string &;
-  auto unlinkFile = [](Handle h, Path d) { return kest_unlink(h, (d + "/from/file").c_str()); };
-  auto unlinkFifo = [](Handle h, Path d) { return kest_unlink(h, (d + "/from/fifo").c_str()); };
-  auto rmdirSub = [](Handle h, Path d) { return kest_rmdir(h, (d + "/from/sub").c_str()); };
+  auto unlinkFile = [](Handle h, Path d) { return kest_unlink(h, (d + "/from/file").c_str(), 0); };
+  auto unlinkFifo = [](Handle h, Path d) { return kest_unlink(h, (d + "/from/fifo").c_str(), 0); };
+  auto rmdirSub = [](Handle h, Path d) { return kest_rmdir(h, (d + "/from/sub").c_str(), 0); };
   auto rename = [](Handle h, Path d) {
-    return kest_rename_noreplace(h, (d + "/from/file").c_str(), (d + "/to/new").c_str());
+    return kest_rename_noreplace(h, (d + "/from/file").c_str(), (d + "/to/new").c_str(), 0);
   };
-  auto truncateFile = [](Handle h, Path d) { return kest_truncate(h, (d + "/from/file").c_str(), 1); };
+  auto truncateFile = [](Handle h, Path d) {
+    return kest_truncate(h, (d + "/from/file").c_str(), 1, 0);
+  };
   auto create = [](Handle h, Path d) {
     return closeOpened(kest_open_file(h, (d + "/to/new").c_str(), O_CREAT | O_RDWR, 0600));
   };
@@ -104,7 +106,7 @@ std::vector<FlagCase> flagCases() {
   };
   auto makeLink = [](Handle h, Path d) { return kest_symlink(h, "x", (d + "/to/new").c_str()); };
   auto hardLink = [](Handle h, Path d) {
-    return kest_link(h, (d + "/from/file").c_str(), (d + "/to/new").c_str());
+    return kest_link(h, (d + "/from/file").c_str(), (d + "/to/new").c_str(), 0);
   };
   auto owner = [](Handle h, Path d) { return kest_lchown(h, (d + "/from/file").c_str(), 7, 8); };
   auto times = [](Handle, Path d) {
@@ -187,40 +189,108 @@ TEST_F(PathCalls, OtherErrorsAreThoseOfTheKernel) {
   tree_->file("dir/file", "data");
   tree_->file("other", "data");
   tree_->fifo("fifo");
-  EXPECT_FAILS(ENOENT, kest_unlink(active_, at("none").c_str()));
-  EXPECT_FAILS(ENOENT, kest_unlink(active_, at("none/none").c_str()));
-  EXPECT_FAILS(ENOTDIR, kest_unlink(active_, at("other/none").c_str()));
-  EXPECT_FAILS(ENOTDIR, kest_unlink(active_, at("other/").c_str()));
-  EXPECT_FAILS(EISDIR, kest_unlink(active_, at("dir").c_str()));
-  EXPECT_FAILS(ENOTEMPTY, kest_rmdir(active_, at("dir").c_str()));
-  EXPECT_FAILS(ENOTDIR, kest_rmdir(active_, at("other").c_str()));
-  EXPECT_FAILS(EEXIST, kest_rename_noreplace(active_, at("other").c_str(), at("dir/file").c_str()));
+  EXPECT_FAILS(ENOENT, kest_unlink(active_, at("none").c_str(), 0));
+  EXPECT_FAILS(ENOENT, kest_unlink(active_, at("none/none").c_str(), 0));
+  EXPECT_FAILS(ENOTDIR, kest_unlink(active_, at("other/none").c_str(), 0));
+  EXPECT_FAILS(ENOTDIR, kest_unlink(active_, at("other/").c_str(), 0));
+  EXPECT_FAILS(EISDIR, kest_unlink(active_, at("dir").c_str(), 0));
+  EXPECT_FAILS(ENOTEMPTY, kest_rmdir(active_, at("dir").c_str(), 0));
+  EXPECT_FAILS(ENOTDIR, kest_rmdir(active_, at("other").c_str(), 0));
+  EXPECT_FAILS(EEXIST, kest_rename_noreplace(active_, at("other").c_str(), at("dir/file").c_str(), 0));
   EXPECT_FAILS(EEXIST, kest_mkdir(active_, at("dir").c_str(), 0700));
-  EXPECT_FAILS(EINVAL, kest_truncate(active_, at("fifo").c_str(), 0));
-  EXPECT_FAILS(EISDIR, kest_truncate(active_, at("dir").c_str(), 0));
+  EXPECT_FAILS(EINVAL, kest_truncate(active_, at("fifo").c_str(), 0, 0));
+  EXPECT_FAILS(EISDIR, kest_truncate(active_, at("dir").c_str(), 0, 0));
   EXPECT_FAILS(EISDIR, kest_open_file(active_, at("dir").c_str(), O_CREAT | O_RDONLY, 0600));
+  EXPECT_FAILS(EEXIST, kest_open_file(active_, at("fifo").c_str(), O_CREAT | O_RDONLY, 0600));  // waits
   EXPECT_FAILS(EEXIST, kest_open_file(active_, at("other").c_str(), O_CREAT | O_EXCL | O_RDWR, 0600));
-  EXPECT_FAILS(EPERM, kest_link(active_, at("dir").c_str(), at("dir2").c_str()));
-  EXPECT_FAILS(ENOENT, kest_unlink(active_, ""));
+  EXPECT_FAILS(EPERM, kest_link(active_, at("dir").c_str(), at("dir2").c_str(), 0));
+  EXPECT_FAILS(ENOENT, kest_unlink(active_, "", 0));
   EXPECT_FAILS(EINVAL, kest_lchown(active_, at("other").c_str(), UINT32_MAX, 0));
   EXPECT_EQ("data", tree_->read("other"));
 
   std::string snapshot = fs_->snapshot("data", "snapshot-of-errors");
   std::string inside = snapshot + "/" + "OtherErrorsAreThoseOfTheKernel";
-  EXPECT_FAILS(EROFS, kest_unlink(active_, (inside + "/other").c_str()));
-  EXPECT_FAILS(EROFS, kest_truncate(active_, (inside + "/other").c_str(), 1));
+  kest_fssnap_handle_t *snap =
+      kest_get_fset_snaphandle_by_name(fs_->mountPoint().c_str(), "data", "snapshot-of-errors");
+  ASSERT_NE(nullptr, snap) << kest_error_text();
+  EXPECT_FAILS(EROFS, kest_unlink(snap, (inside + "/other").c_str(), 0));
+  EXPECT_FAILS(EROFS, kest_truncate(snap, (inside + "/other").c_str(), 1, 0));
+  kest_free_fssnaphandle(snap);
+}
+
+TEST_F(PathCalls, NothingLeadsOutOfTheFileset) {
+  for (const char *dir : {"dir", "mounted", "held", "stand-in"}) tree_->dir(dir);
+  tree_->file("dir/file");
+  tree_->file("held/mine");
+  tree_->file("stand-in/planted");
+  tree_->symlink("dir", "link");
+  const std::string nested = fs_->createSubvolume("data/NothingLeadsOutOfTheFileset/nested");
+  testsupport::runCommand("touch /mnt/outside " + nested + "/file && mount -t tmpfs none " +
+                          at("mounted") + " && touch " + at("mounted/file"));
+  struct stat st;
+  EXPECT_EQ(0, kest_lstat(active_, at("dir/file").c_str(), &st));
+  EXPECT_EQ(0, kest_lstat(active_, root_.c_str(), &st));
+  EXPECT_EQ(256u, st.st_ino);
+  const std::pair<std::string, int> elsewhere[] = {
+      {at("link/file"), ELOOP},  {at("mounted/file"), EXDEV},
+      {nested + "/file", EXDEV}, {root_ + "/../data/x", EXDEV},
+      {root_ + "/..", EXDEV},    {"/mnt/outside", EXDEV},
+      {root_ + "2/file", EXDEV}, {at("dir/../../../x"), EXDEV},
+      {"relative", EXDEV},       {at("dir/.." + std::string(5000, '/') + "../../x"), EXDEV}};
+  for (const auto &[path, error] : elsewhere) {
+    SCOPED_TRACE(path.substr(0, 200));
+    EXPECT_FAILS(error, kest_lstat(active_, path.c_str(), &st));
+    EXPECT_FAILS(error, kest_unlink(active_, path.c_str(), 0));
+    EXPECT_FAILS(error, kest_mkdir(active_, path.c_str(), 0700));
+    EXPECT_FAILS(error, kest_rename_noreplace(active_, at("dir/file").c_str(), path.c_str(), 0));
+  }
+  testsupport::runCommand("umount " + at("mounted") + " && rm /mnt/outside");
+
+  // What lies below an anchor is found there, whatever has its name.
+  const int held = open(at("held").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  const int foreign = open("/mnt", O_PATH | O_DIRECTORY | O_CLOEXEC);
+  EXPECT_FAILS(EXDEV, kest_anchor(active_, at("held").c_str(), foreign));
+  ASSERT_EQ(0, kest_anchor(active_, at("held").c_str(), held));
+  tree_->exchange("held", "stand-in");
+  EXPECT_EQ(0, kest_lstat(active_, at("held/mine").c_str(), &st));
+  EXPECT_FAILS(ENOENT, kest_lstat(active_, at("held/planted").c_str(), &st));
+  EXPECT_EQ(0, kest_mkdir(active_, at("held/new").c_str(), 0700));
+  EXPECT_TRUE(tree_->exists("stand-in/new"));
+  close(held);
+  close(foreign);
+}
+
+TEST_F(PathCalls, AnotherInodeThanTheOneThatIsMeant) {
+  tree_->file("file", "data");
+  tree_->file("other", "other");
+  tree_->dir("dir");
+  const ino_t file = tree_->inode("file"), other = tree_->inode("other"), dir = tree_->inode("dir");
+  const std::string path = at("file"), to = at("to");
+  EXPECT_FAILS(ESTALE, kest_unlink(active_, path.c_str(), other));
+  EXPECT_FAILS(ESTALE, kest_rmdir(active_, at("dir").c_str(), other));
+  EXPECT_FAILS(ESTALE, kest_truncate(active_, path.c_str(), 0, other));
+  EXPECT_FAILS(ESTALE, kest_link(active_, path.c_str(), to.c_str(), other));
+  EXPECT_FAILS(ESTALE, kest_rename_noreplace(active_, path.c_str(), to.c_str(), other));
+  EXPECT_FAILS(ENOENT, kest_unlink(active_, to.c_str(), other));
+  EXPECT_EQ("data", tree_->read("file"));
+  EXPECT_EQ(0, kest_truncate(active_, path.c_str(), 2, file));
+  EXPECT_EQ(0, kest_link(active_, path.c_str(), to.c_str(), file));
+  EXPECT_EQ(0, kest_unlink(active_, to.c_str(), file));
+  EXPECT_EQ(0, kest_rename_noreplace(active_, path.c_str(), to.c_str(), file));
+  EXPECT_EQ(0, kest_rmdir(active_, at("dir").c_str(), dir));
 }
 
 TEST_F(PathCalls, ANestedSubvolumeIsNeverRemoved) {
   tree_->dir("dir");
   std::string nested = fs_->createSubvolume("data/ANestedSubvolumeIsNeverRemoved/dir/nested");
-  EXPECT_FAILS(EPERM, kest_rmdir(active_, nested.c_str()));
-  EXPECT_FAILS(EPERM, kest_rmdir(active_, (nested + "/").c_str()));
+  EXPECT_FAILS(EPERM, kest_rmdir(active_, nested.c_str(), 0));
+  EXPECT_FAILS(EPERM, kest_rmdir(active_, (nested + "/").c_str(), 0));
   EXPECT_EQ(256u, statOf(nested).st_ino);
   // The same tree after a move: a subvolume can be renamed, and is still not removed.
-  ASSERT_EQ(0, kest_rename_noreplace(active_, nested.c_str(), at("moved").c_str())) << strerror(errno);
-  EXPECT_FAILS(EPERM, kest_rmdir(active_, at("moved").c_str()));
-  EXPECT_EQ(0, kest_rmdir(active_, at("dir/").c_str()));
+  ASSERT_EQ(0, kest_rename_noreplace(active_, nested.c_str(), at("moved").c_str(), 0))
+      << strerror(errno);
+  EXPECT_FAILS(EPERM, kest_rmdir(active_, at("moved").c_str(), 0));
+  EXPECT_EQ(0, kest_rmdir(active_, at("dir/").c_str(), 0));
 }
 
 TEST_F(PathCalls, TheLastComponentIsNotFollowed) {
@@ -229,7 +299,7 @@ TEST_F(PathCalls, TheLastComponentIsNotFollowed) {
   tree_->symlink("target", "link");
   tree_->symlink("dir", "dirlink");
   tree_->symlink("nowhere", "dangling");
-  EXPECT_FAILS(ELOOP, kest_truncate(active_, at("link").c_str(), 0));
+  EXPECT_FAILS(ELOOP, kest_truncate(active_, at("link").c_str(), 0, 0));
   EXPECT_FAILS(ELOOP, kest_open_file(active_, at("link").c_str(), O_RDWR | O_TRUNC, 0));
   EXPECT_FAILS(ELOOP, kest_open_file(active_, at("dangling").c_str(), O_CREAT | O_RDWR, 0600));
   EXPECT_FALSE(tree_->exists("nowhere"));
@@ -238,9 +308,9 @@ TEST_F(PathCalls, TheLastComponentIsNotFollowed) {
   EXPECT_EQ(7u, statOf(at("link")).st_uid);
   EXPECT_EQ(0u, statOf(at("target")).st_uid);
   EXPECT_EQ(0u, statOf(at("dir")).st_uid);
-  EXPECT_EQ(0, kest_link(active_, at("link").c_str(), at("link2").c_str()));
+  EXPECT_EQ(0, kest_link(active_, at("link").c_str(), at("link2").c_str(), 0));
   EXPECT_TRUE(S_ISLNK(statOf(at("link2")).st_mode));
-  EXPECT_EQ(0, kest_unlink(active_, at("link").c_str()));
+  EXPECT_EQ(0, kest_unlink(active_, at("link").c_str(), 0));
   EXPECT_EQ("data", tree_->read("target"));
 }
 
@@ -286,7 +356,7 @@ TEST_F(PathCalls, OwnerChangeAndTruncationKeepSpecialBitsAndCapabilities) {
 
   std::string file = at("file");
   EXPECT_EQ(0, kest_lchown(active_, file.c_str(), 7, 8));
-  EXPECT_EQ(0, kest_truncate(active_, file.c_str(), 4));
+  EXPECT_EQ(0, kest_truncate(active_, file.c_str(), 4, 0));
   struct stat st = statOf(file);
   EXPECT_EQ(7u, st.st_uid);
   EXPECT_EQ(8u, st.st_gid);
@@ -337,11 +407,11 @@ TEST_F(PathCalls, PathsOfAnyLength) {
   struct stat st;
   ASSERT_EQ(0, kest_lstat(active_, file.c_str(), &st)) << strerror(errno);
   EXPECT_EQ(mode_t{S_IFREG | 0640}, st.st_mode);
-  EXPECT_EQ(0, kest_rename_noreplace(active_, file.c_str(), moved.c_str()));
+  EXPECT_EQ(0, kest_rename_noreplace(active_, file.c_str(), moved.c_str(), 0));
   EXPECT_EQ(st.st_ino, statOf(moved).st_ino);
-  EXPECT_EQ(0, kest_rmdir(active_, at(deep).c_str()));
-  EXPECT_FAILS(ENAMETOOLONG, kest_unlink(active_, at(std::string(256, 'n')).c_str()));
-  EXPECT_FAILS(ENAMETOOLONG, kest_unlink(active_, at(std::string(9000, 'n') + "/x").c_str()));
+  EXPECT_EQ(0, kest_rmdir(active_, at(deep).c_str(), 0));
+  EXPECT_FAILS(ENAMETOOLONG, kest_unlink(active_, at(std::string(256, 'n')).c_str(), 0));
+  EXPECT_FAILS(ENAMETOOLONG, kest_unlink(active_, at(std::string(9000, 'n') + "/x").c_str(), 0));
 }
 
 TEST_F(PathCalls, NamesOfAnInodeInSnapshotAndFileset) {

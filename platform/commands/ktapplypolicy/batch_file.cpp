@@ -43,32 +43,36 @@ std::string formatBatchLine(const ListRecord &record) {
   return line;
 }
 
-BatchFile::BatchFile(BatchFile &&other) noexcept : path_(std::exchange(other.path_, {})) {}
+BatchFile::BatchFile(BatchFile &&other) noexcept
+    : path_(std::exchange(other.path_, {})), directory_(other.directory_) {}
 
 BatchFile &BatchFile::operator=(BatchFile &&other) noexcept {
   std::swap(path_, other.path_);
+  std::swap(directory_, other.directory_);
   return *this;
 }
 
 BatchFile::~BatchFile() {
   if (path_.empty()) return;
   int saved = errno;
-  unlink(path_.c_str());
+  directory_->remove(path_);
   errno = saved;
 }
 
-int BatchFile::create(const std::string &directory, uint64_t number, const Batch &batch) {
+int BatchFile::create(const RunDirectory &directory, uint64_t number, const Batch &batch) {
   std::string base =
-      directory + "/ktapplypolicy." + std::to_string(getpid()) + "." + std::to_string(number);
-  UniqueFd fd;
+      directory.path() + "/ktapplypolicy." + std::to_string(getpid()) + "." + std::to_string(number);
+  int opened = -EEXIST;
   std::string name = base;
   for (int attempt = 1; attempt <= kNameTries; attempt++) {
-    fd.reset(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (fd || errno != EEXIST) break;
+    opened = directory.openFile(name, O_WRONLY | O_CREAT | O_EXCL);
+    if (opened != -EEXIST) break;
     name = base + "." + std::to_string(attempt);
   }
-  if (!fd) return -errno;
+  if (opened < 0) return opened;
+  UniqueFd fd(opened);
   path_ = name;
+  directory_ = &directory;
   std::string text;
   for (const ListRecord &record : batch) text += formatBatchLine(record);
   int rc = writeAll(fd.get(), text);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "commands/ktapplypolicy/batcher.h"
+#include "commands/ktapplypolicy/run_directory.h"
 
 namespace kest {
 
@@ -22,13 +23,14 @@ class BatchFile {
   ~BatchFile();
 
   // Writes `directory`/ktapplypolicy.<pid>.<number>, readable by this user only, never over or through
-  // an existing name. 0 or -errno; after a failure no file is left.
-  int create(const std::string &directory, uint64_t number, const Batch &batch);
+  // an existing name. 0 or -errno; after a failure no file is left. `directory` outlives this.
+  int create(const RunDirectory &directory, uint64_t number, const Batch &batch);
 
   const std::string &path() const { return path_; }
 
  private:
   std::string path_;  // empty: no file
+  const RunDirectory *directory_ = nullptr;
 };
 
 }  // namespace kest

@@ -117,7 +117,7 @@ bool BatchRun::probe() {
     if (!mayStart()) return false;
   }
   WorkerCommand command;
-  command.argv = {settings_.script.exec, "TEST", settings_.directory};
+  command.argv = {settings_.script.exec, "TEST", settings_.directory->path()};
   start(std::move(command), slot, std::make_unique<Worker>());
   while (!allGone()) wait(false);
   return outcome_.good();
@@ -139,9 +139,10 @@ RunOutcome BatchRun::run(RecordList *list) {
     if (room && slots_->tryAcquire(&slot)) {
       auto worker = std::make_unique<Worker>();
       worker->number = outcome_.batches + 1;
-      int rc = worker->file.create(settings_.directory, worker->number, batch);
+      int rc = worker->file.create(*settings_.directory, worker->number, batch);
       if (rc < 0) {
-        complain("cannot write a batch file in %s: %s", settings_.directory.c_str(), strerror(-rc));
+        complain("cannot write a batch file in %s: %s", settings_.directory->path().c_str(),
+                 strerror(-rc));
         outcome_.own_error = -rc;
         slots_->release(slot);
         break;

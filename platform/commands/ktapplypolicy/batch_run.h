@@ -58,8 +58,8 @@ class BatchRun {
  public:
   struct Settings {
     ScriptRule script;
-    std::string directory;  // for batch files
-    size_t max_workers;     // at a time, of this run
+    const RunDirectory *directory;  // for batch files
+    size_t max_workers;             // at a time, of this run
     size_t batch_size;
   };
 

@@ -1,6 +1,5 @@
 // Executes a list of records through an external script, in parallel.
 
-#include <sys/stat.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -20,15 +19,10 @@ int fail(const std::string &text) {
   return kFailed;
 }
 
-int checkDirectory(const std::string &path) {
-  struct stat st;
-  if (stat(path.c_str(), &st) < 0) return -errno;
-  return S_ISDIR(st.st_mode) ? 0 : -ENOTDIR;
-}
-
 // Reads the whole list once: a damaged one must not be executed half.
-bool checkList(const Options &options, RecordList *list, uint64_t *records, std::string *problem) {
-  int rc = list->open(options.list);
+bool checkList(const Options &options, const RunDirectory &directory, RecordList *list,
+               uint64_t *records, std::string *problem) {
+  int rc = list->open(options.list, directory);
   if (rc < 0) {
     *problem = options.list + ": " + strerror(-rc);
     return false;
@@ -48,21 +42,22 @@ int applyPolicy(const Options &options) {
     return fail("node \"" + foreign + "\" is not this machine: this file system is local, workers on " +
                 "other nodes need a clustered one");
   }
+  RunDirectory directory;
+  int rc = directory.open(options.directory);
+  if (rc < 0) return fail(options.directory + ": " + strerror(-rc));
   ScriptRule script;
-  if (!readPolicyFile(options.policy, &script, &problem)) {
+  if (!readPolicyFile(directory, options.policy, &script, &problem)) {
     return fail("policy " + options.policy + ": " + problem);
   }
-  int rc = checkDirectory(options.directory);
-  if (rc < 0) return fail(options.directory + ": " + strerror(-rc));
   RecordList list;
   uint64_t records = 0;
-  if (!checkList(options, &list, &records, &problem)) return fail(problem);
+  if (!checkList(options, directory, &list, &records, &problem)) return fail(problem);
 
   WorkerSlots slots;
   if (!slots.open(&problem)) return fail(problem);
   RunSignals signals;
   LocalStarter starter(signals.workerMask());
-  BatchRun run({script, options.directory, options.max_workers, options.batch_size}, &slots, &starter,
+  BatchRun run({script, &directory, options.max_workers, options.batch_size}, &slots, &starter,
                &signals);
   if (!run.probe()) return fail(script.exec + " TEST failed, nothing was started");
   RunOutcome outcome = run.run(&list);

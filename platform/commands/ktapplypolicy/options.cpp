@@ -19,6 +19,8 @@ const char *const kUsage =
     "  -h, --help    this text\n"
     "KT_MAX_WORKERS in the environment limits the workers of this run and all runs nested in it\n"
     "(twice the number of processors, at least 4).\n"
+    "KT_DIRECTORY, <device>:<inode>, is what DIRECTORY has to be; in any case it is the caller's, and\n"
+    "nobody else may write to it.\n"
     "Exit status: 0 every worker ended with 0; 28 no space, for batch files or a worker; 1 anything "
     "else.\n";
 

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -175,8 +176,11 @@ bool splitWords(std::string_view text, std::vector<std::string> *words, std::str
   return true;
 }
 
-bool readPolicyFile(const std::string &path, ScriptRule *rule, std::string *problem) {
-  UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+bool readPolicyFile(const RunDirectory &directory, const std::string &path, ScriptRule *rule,
+                    std::string *problem) {
+  const int opened = directory.openFile(path, O_RDONLY);
+  errno = -std::min(opened, 0);
+  UniqueFd fd(opened);
   std::string text;
   char part[8192];
   ssize_t got = -1;

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "commands/ktapplypolicy/run_directory.h"
+
 namespace kest {
 
 // What an EXTERNAL LIST rule says. The program is started as EXEC LIST <batch file> OPTIONS...
@@ -24,6 +26,7 @@ bool parsePolicy(std::string_view text, ScriptRule *rule, std::string *problem);
 bool splitWords(std::string_view text, std::vector<std::string> *words, std::string *problem);
 
 // Reads `path` and parses it.
-bool readPolicyFile(const std::string &path, ScriptRule *rule, std::string *problem);
+bool readPolicyFile(const RunDirectory &directory, const std::string &path, ScriptRule *rule,
+                    std::string *problem);
 
 }  // namespace kest

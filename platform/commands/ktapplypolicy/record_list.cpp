@@ -124,9 +124,10 @@ size_t parseListRecord(std::string_view data, ListRecord *record, std::string *p
   return 0;
 }
 
-int RecordList::open(const std::string &path) {
-  fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd_) return -errno;
+int RecordList::open(const std::string &path, const RunDirectory &directory) {
+  const int fd = directory.openFile(path, O_RDONLY);
+  if (fd < 0) return fd;
+  fd_.reset(fd);
   struct stat st;
   if (fstat(fd_.get(), &st) < 0) return -errno;
   if (!S_ISREG(st.st_mode)) return S_ISDIR(st.st_mode) ? -EISDIR : -EINVAL;

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "btrfs/unique_fd.h"
+#include "commands/ktapplypolicy/run_directory.h"
 
 namespace kest {
 
@@ -37,7 +38,7 @@ size_t parseListRecord(std::string_view data, ListRecord *record, std::string *p
 class RecordList {
  public:
   // 0 or -errno.
-  int open(const std::string &path);
+  int open(const std::string &path, const RunDirectory &directory = {});
 
   // 1 and the next record; 0 at the end; -1 when the list cannot be read on: problem() says why and
   // at which byte.

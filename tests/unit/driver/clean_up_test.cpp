@@ -13,6 +13,7 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 #include "support/loop_btrfs.h"
 
@@ -40,6 +41,7 @@ class CleanUp : public testing::Test {
   }
   void TearDown() override {
     closeTraceLog();
+    closeWorkDirectory();
     if (handles.oldFsP) kest_free_fssnaphandle(handles.oldFsP);
     if (handles.activeFsP) kest_free_fssnaphandle(handles.activeFsP);
     handles = {};
@@ -146,7 +148,8 @@ TEST_F(CleanUp, ForceRemovesClonesThatWaitForTheirDeletion) {
   ASSERT_EQ(lstat((root + "/parent").c_str(), &st), 0);
   ASSERT_EQ(makeWorkDirectory(bucketDir(st.st_ino)), 0);
   const std::string waiting = cloneDeleteLocation(st.st_ino);
-  ASSERT_EQ(kest_rename_noreplace(handles.activeFsP, (root + "/parent").c_str(), waiting.c_str()), 0);
+  ASSERT_EQ(kest_rename_noreplace(handles.activeFsP, (root + "/parent").c_str(), waiting.c_str(), 0),
+            0);
   int rc = 0;
   run(false, &rc);
   EXPECT_EQ(rc, -1);

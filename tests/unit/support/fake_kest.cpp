@@ -329,17 +329,17 @@ int kest_path_descriptor(const kest_ifile_t *file) {
   return open(fake(file)->path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC);
 }
 
-int kest_unlink(kest_fssnap_handle_t *, const char *path) {
+int kest_unlink(kest_fssnap_handle_t *, const char *path, uint64_t) {
   const int err = refusal("unlink", path, {path, parentOf(path)});
   return err ? fail(err) : unlink(path);
 }
 
-int kest_rmdir(kest_fssnap_handle_t *, const char *path) {
+int kest_rmdir(kest_fssnap_handle_t *, const char *path, uint64_t) {
   const int err = refusal("rmdir", path, {path, parentOf(path)});
   return err ? fail(err) : rmdir(path);
 }
 
-int kest_rename_noreplace(kest_fssnap_handle_t *, const char *from, const char *to) {
+int kest_rename_noreplace(kest_fssnap_handle_t *, const char *from, const char *to, uint64_t) {
   const int err = refusal("rename", from, {from, parentOf(from), parentOf(to)});
   return err ? fail(err) : renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
 }
