@@ -323,6 +323,9 @@ int kest_iset_clone_parent(kest_ifile_t *file, uint64_t parent);
  * an ordinary one, another file system), which calls for a copy, EROFS the flags forbid it, errno. */
 int kest_ishare(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t len);
 
+/* Whether that can be done with whole blocks of the two, as the committed trees say: 1, 0, -1 errno. */
+int kest_ishareable(kest_ifile_t *from, kest_ifile_t *to);
+
 #define KEST_BLOCK_MAP 86
 #define KEST_BLOCK_MAP_EXTENTS 128
 typedef struct kest_block_map {

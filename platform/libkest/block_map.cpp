@@ -9,8 +9,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "btrfs/inode_flags.h"
+#include "btrfs/tree_items.h"
 #include "kest.h"
 #include "libkest/c_call.h"
+#include "libkest/fileset_handle.h"
 #include "libkest/inode_io.h"
 
 namespace kest {
@@ -71,6 +74,24 @@ int share(OpenInode *from, OpenInode *to, int64_t offset, int64_t len) {
   }
 }
 
+// 1 and the flags that say how the inode's data is kept; 0 no such inode; -errno.
+int readStorageOf(const OpenInode *file, uint64_t *kind) {
+  TreeReader tree(file->handle->root.get(), file->handle->subvol_id);
+  InodeItem inode;
+  int rc = readInode(tree, file->if_inode, &inode);
+  *kind = inode.flags & kItemSharingKind;
+  return rc;
+}
+
+int shareable(const OpenInode *from, const OpenInode *to) {
+  if (!S_ISREG(from->if_mode) || !S_ISREG(to->if_mode)) return 0;
+  uint64_t one = 0, other = 0;
+  int rc = readStorageOf(from, &one);
+  if (rc > 0) rc = readStorageOf(to, &other);
+  if (rc == 0) return -ENOENT;
+  return rc < 0 ? rc : one == other;
+}
+
 bool isOpen(const kest_ifile_t *file) {
   return file != nullptr && file->if_kind == KEST_IFILE_KIND;
 }
@@ -84,6 +105,11 @@ extern "C" int kest_ishare(kest_ifile_t *from, kest_ifile_t *to, int64_t offset,
   return cCall([&] {
     return isOpen(from) && isOpen(to) ? share(openInode(from), openInode(to), offset, len) : -EINVAL;
   });
+}
+
+extern "C" int kest_ishareable(kest_ifile_t *from, kest_ifile_t *to) {
+  return cCall(
+      [&] { return isOpen(from) && isOpen(to) ? shareable(openInode(from), openInode(to)) : -EINVAL; });
 }
 
 extern "C" int kxfattr(int fd, int code, void *record, void *) {

@@ -19,48 +19,104 @@ namespace {
 
 constexpr int64_t kBlock = 4096;  // bytes; holes are made of whole blocks
 
-// Writes the records of one data walk. The first joins the current aggregate; every later one starts an
+// Equal data between two ranges is shared along with them where it is no longer than this, in bytes:
+// that is cheaper than one more record.
+constexpr int64_t kNearby = 65536;
+
+struct DataRange {
+  int64_t offset = 0;
+  int64_t length = 0;
+  bool hole = false;
+
+  int64_t end() const { return offset + length; }
+};
+
+// Writes the records of one data walk. A range whose blocks are shared costs the same whatever its
+// length, so it is one record among others; one that has to be copied is cut into frames, each an
 // aggregate of its own, so that many workers can share a large file.
 class DataWalk {
  public:
-  // `clone`: the records say that the file is a clone or a clone parent, whose data is shared.
-  DataWalk(WorkFile &list, const std::string &path, uint64_t ino, OpCode op, bool clone = false)
-      : list_(list), path_(path), ino_(ino), op_(op), clone_(clone) {}
+  // `snap` and `active` are the file in both trees. `clone`: the records say that it is a clone or a
+  // clone parent.
+  DataWalk(WorkFile &list, const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, OpCode op,
+           bool clone = false)
+      : list_(list),
+        path_(path),
+        snap_(snap),
+        active_(active),
+        ino_(snap->if_inode),
+        op_(op),
+        clone_(clone) {}
 
-  bool empty() const { return first_; }
+  // Lists a range that begins at or behind the end of the one before. 0 or -1 and errno.
+  int addRange(const DataRange &range) {
+    if (range.length <= 0) return 0;
+    if (waiting_.length > 0 && range.offset - waiting_.end() <= kNearby) {
+      waiting_.hole = waiting_.hole && range.hole && range.offset == waiting_.end();
+      waiting_.length = range.end() - waiting_.offset;
+      return 0;
+    }
+    if (writeWaiting() != 0) return -1;
+    waiting_ = range;
+    return 0;
+  }
 
-  // Lists [offset, offset + length), cut into frames unless `whole`. 0 or -1 and errno.
-  int addRange(int64_t offset, int64_t length, int hole, bool whole) {
-    while (length > 0) {
-      int64_t piece = whole ? length : std::min<int64_t>(length, settings.frameSize);
-      if (addRecord(offset, piece, hole) != 0) return -1;
-      offset += piece;
-      length -= piece;
+  // One record for the whole file, whatever its size.
+  int addWhole(int64_t size) { return addRecord({0, size, false}, false); }
+
+  // Writes what addRange has kept back. To be called last.
+  int writeWaiting() {
+    DataRange range = waiting_;
+    waiting_ = {};
+    if (range.length == 0) return 0;
+    if (range.hole || range.length <= settings.frameSize / settings.unitSize)
+      return addRecord(range, false);
+    const int shared = canShare();
+    if (shared < 0) return -1;
+    if (shared > 0) return addRecord(range, false);
+    for (int64_t left = range.length; left > 0; range.offset += range.length, left -= range.length) {
+      range.length = std::min<int64_t>(left, settings.frameSize);
+      if (addRecord(range, written_) != 0) return -1;
     }
     return 0;
   }
 
-  int addRecord(int64_t offset, int64_t length, int hole) {
+  // writeWaiting, and a record without a range where there was none: it restores the attributes.
+  int finish() {
+    if (writeWaiting() != 0) return -1;
+    return written_ ? 0 : addWhole(0);
+  }
+
+ private:
+  int canShare() {
+    if (shared_ < 0) shared_ = active_ != nullptr ? kest_ishareable(snap_, active_) : 0;
+    return shared_;
+  }
+
+  int addRecord(const DataRange &range, bool own_aggregate) {
     AggregateCounter &counter = aggregates.main;
-    if (first_) {
-      counter.countRecord(settings.unitSize);
-    } else {
+    if (own_aggregate) {
       counter.startAggregate();
+    } else {
+      counter.countRecord(settings.unitSize);
     }
-    first_ = false;
-    std::string op = formatOpString(op_, offset, static_cast<uint64_t>(length), hole, clone_);
+    written_ = true;
+    const std::string op =
+        formatOpString(op_, range.offset, static_cast<uint64_t>(range.length), range.hole, clone_);
     if (writeListRecord(list_, counter.iAgg, ino_, path_, op) != 0) return -1;
     reportOpCount(false);
     return 0;
   }
 
- private:
   WorkFile &list_;
   const std::string &path_;
+  kest_ifile_t *snap_, *active_;
   uint64_t ino_;
   OpCode op_;
   bool clone_;
-  bool first_ = true;
+  DataRange waiting_;
+  bool written_ = false;
+  int shared_ = -1;  // not asked yet
 };
 
 ListResult fail(int rc, int code) {
@@ -105,10 +161,9 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
   }
   // A file of another clone state never comes here, it is made anew: the active file carries what the
   // snapshot's does.
-  DataWalk walk(*writer.list, path, ino, kOpRestoreDiffFile, isClone(snap.get(), nullptr, nullptr));
-  if (!isRegular(snap->if_mode)) {
-    return walk.addRecord(0, 0, 0) == 0 ? ListResult{} : fail(errno, 2);
-  }
+  DataWalk walk(*writer.list, path, snap.get(), active.get(), kOpRestoreDiffFile,
+                isClone(snap.get(), nullptr, nullptr));
+  if (!isRegular(snap->if_mode)) return walk.finish() == 0 ? ListResult{} : fail(errno, 2);
 
   const int64_t snap_size = static_cast<int64_t>(snap->if_size);
   const int64_t active_size = static_cast<int64_t>(active->if_size);
@@ -123,7 +178,7 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
     int64_t length = kest_ireadx(active.get(), handles.iscanP, nullptr, 0, &offset, common, &hole);
     if (length < 0) return fail(-1, 15);
     if (length == 0) break;
-    if (walk.addRange(offset, length, hole, false) != 0) return fail(-1, 15);
+    if (walk.addRange({offset, length, hole != 0}) != 0) return fail(-1, 15);
     offset += length;
   }
   // What the active file lost at its end: all of it, as the snapshot has it. The block in which the
@@ -139,12 +194,11 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
       offset = active_size;
       if (length == 0) continue;
     }
-    if (walk.addRange(offset, length, hole, hole != 0) != 0) return fail(-1, 16);
+    if (walk.addRange({offset, length, hole != 0}) != 0) return fail(-1, 16);
     offset += length;
   }
   // Attributes alone changed, or all data went: without a record nothing would restore them.
-  if (walk.empty() && walk.addRecord(0, 0, 0) != 0) return fail(errno, 2);
-  return {};
+  return walk.finish() == 0 ? ListResult{} : fail(errno, 2);
 }
 
 ListResult listDeletedFile(const RangeWriter &writer, const std::string &path, uint64_t ino) {
@@ -169,18 +223,21 @@ ListResult listDeletedFile(const RangeWriter &writer, const std::string &path, u
     }
     if (!from_data) return {};
   }
-  DataWalk creation(*cpListP, path, ino, kOpRestoreDelFile);
-  if (creation.addRecord(0, 0, 0) != 0) return fail(-1, writer.creationCode);
-  if (!isRegular(snap->if_mode)) return {};
+  // The file that is made gets the snapshot's storage flags, so that it can share all blocks at once;
+  // without extended attributes it gets those of its directory.
+  const int64_t size = isRegular(snap->if_mode) ? static_cast<int64_t>(snap->if_size) : 0;
+  const bool at_once = size > 0 && !settings.noXAttr;
+  DataWalk creation(*cpListP, path, snap.get(), nullptr, kOpRestoreDelFile, at_once && clone);
+  if (creation.addWhole(at_once ? size : 0) != 0) return fail(-1, writer.creationCode);
+  if (at_once) return {};
 
-  const int64_t size = static_cast<int64_t>(snap->if_size);
-  DataWalk walk(*cpDeltaP, path, ino, kOpRestoreDelFile, clone);
+  DataWalk walk(*cpDeltaP, path, snap.get(), nullptr, kOpRestoreDelFile, clone);
   for (int64_t offset = 0; offset < size;) {
     int hole = 0;
     const int64_t length = nextOfAll(snap.get(), &offset, size, &hole);
     if (length < 0) return fail(-1, writer.dataCode);
-    if (walk.addRange(offset, length, hole, hole != 0) != 0) return fail(-1, writer.dataCode);
+    if (walk.addRange({offset, length, hole != 0}) != 0) return fail(-1, writer.dataCode);
     offset += length;
   }
-  return {};
+  return walk.writeWaiting() == 0 ? ListResult{} : fail(-1, writer.dataCode);
 }

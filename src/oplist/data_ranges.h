@@ -20,10 +20,11 @@ struct ListResult {
 };
 
 // Op 2: cuts or extends the active file at `path` to the snapshot's size, then lists the ranges in
-// which it differs; an object without a differing range gets one record without a range, which restores
-// its attributes.
+// which it differs, with what little lies between neighbours; an object without a differing range gets
+// one record without a range, which restores its attributes.
 ListResult listChangedFile(const RangeWriter &writer, const std::string &path, uint64_t ino);
 
-// Op 1: the creation record in opList.copy and the data ranges in opList.copy.delta; of a clone whose
-// parent is to be had the record of its depth's clone list instead, of any other parent both.
+// Op 1: the creation record in opList.copy, with all data as its range; without extended attributes
+// (-x) the data ranges in opList.copy.delta instead. Of a clone whose parent is to be had the record of
+// its depth's clone list, of any other parent both.
 ListResult listDeletedFile(const RangeWriter &writer, const std::string &path, uint64_t ino);

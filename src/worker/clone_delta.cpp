@@ -58,9 +58,9 @@ int copyDifferingBlocks(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, in
   return 0;
 }
 
-// Every range of the snapshot's clone, its holes as holes. 0 or -1 and errno.
-int copyDifferences(kest_ifile_t *from, kest_ifile_t *to, int64_t size) {
-  for (int64_t offset = 0; offset < size;) {
+// Every range of the snapshot's clone from `offset` on, its holes as holes. 0 or -1 and errno.
+int copyDifferences(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t size) {
+  while (offset < size) {
     int hole = 0;
     errno = 0;
     const int64_t length = readExtent(from, handles.iscanFromP, nullptr, 0, &offset, size, &hole);
@@ -86,10 +86,12 @@ Step restore(const std::string &path, kest_ifile_t *snap, uint64_t ino) {
     if (err != 0) return failedStep(clearing_failed ? 5 : 4, err);
   }
   if (size == 0) return {};
-  int err = retryClearing(path, "", [&] { return kest_ishare(snap, active.get(), 0, size); });
-  if (err == EINVAL) {
-    err = retryClearing(path, "", [&] { return copyDifferences(snap, active.get(), size); });
-  }
+  const int err = retryClearing(path, "", [&] {
+    int64_t offset = 0, length = size;
+    errno = shareRange(snap, active.get(), &offset, &length);
+    return errno != 0 || (length > 0 && copyDifferences(snap, active.get(), offset, size) != 0) ? -1
+                                                                                                : 0;
+  });
   return err == 0 ? Step{} : failedStep(6, err);
 }
 

@@ -59,13 +59,12 @@ Step lookUp(uint64_t ino, uint32_t snapId, const SearchTree &tree, std::string *
     return {};
   }
   std::vector<std::string> paths;
-  bool started = false;
-  if (findInodePaths(ino, tree.root, &paths, &started) != 0) {
+  if (findInodePaths(tree.handle, ino, tree.root, &paths) != 0) {
     const int err = errno;
-    traceLog(started ? "getParentPath: cannot get parent path, ino %lld\n"
-                     : "getParentPath: cannot find parent path, ino %lld\n",
+    traceLog(err == ENOENT ? "getParentPath: cannot get parent path, ino %lld\n"
+                           : "getParentPath: cannot find parent path, ino %lld\n",
              static_cast<long long>(ino));
-    return failedStep(started ? 6 : 5, err);
+    return failedStep(err == ENOENT ? 6 : 5, err);
   }
   *path = place = paths.front();
   return {};

@@ -64,20 +64,35 @@ Step copyPieces(kest_ifile_t *from, kest_ifile_t *to, const int64_t offset, cons
   return {};
 }
 
-// Shares whole blocks around the range, which ends no later than the snapshot's file. False: it has to
-// be copied.
-bool sharePiece(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t length, Step *step) {
-  const int64_t size = static_cast<int64_t>(from->if_size);
-  const int64_t start = offset - offset % kBlock;
-  const int64_t end = std::min((offset + length + kBlock - 1) / kBlock * kBlock, size);
-  if (end <= start) return false;
-  if (kest_ishare(from, to, start, end - start) == 0) return true;
-  if (errno == EINVAL) return false;
-  *step = failed(8);
-  return true;
+// 0 or an errno.
+int share(kest_ifile_t *from, kest_ifile_t *to, int64_t start, int64_t end) {
+  errno = 0;
+  if (kest_ishare(from, to, start, end - start) == 0) return 0;
+  return errno != 0 ? errno : EIO;
 }
 
 }  // namespace
+
+int shareRange(kest_ifile_t *from, kest_ifile_t *to, int64_t *offset, int64_t *length) {
+  const int64_t size = static_cast<int64_t>(from->if_size), stop = *offset + *length;
+  if (*length <= 0 || stop > size) return 0;
+  const int64_t start = *offset - *offset % kBlock, whole = stop - stop % kBlock;
+  const int64_t end = whole == stop ? stop : std::min(whole + kBlock, size);
+  int err = share(from, to, start, end);
+  if (err == 0) {
+    *length = 0;
+    return 0;
+  }
+  // A block that ends in the middle can be shared only where the active file ends there as well.
+  if (err == EINVAL && end % kBlock != 0 && whole > start) {
+    err = share(from, to, start, whole);
+    if (err == 0) {
+      *offset = whole;
+      *length = stop - whole;
+    }
+  }
+  return err == EINVAL ? 0 : err;
+}
 
 int copyToActiveFile(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t length,
                      const int32_t *holeFound, bool clone) {
@@ -90,7 +105,10 @@ int copyToActiveFile(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64
   }
   const bool hole = holeFound != nullptr && *holeFound != 0;
   Step step = length < 0 ? Step{EINVAL, 1} : Step{};
-  if (step.rc == 0 && !(clone && sharePiece(from, to, offset, length, &step)))
+  if (step.rc == 0) {
+    if (const int err = shareRange(from, to, &offset, &length)) step = {err, 8};
+  }
+  if (step.rc == 0 && length > 0)
     step = hole ? writeHole(to, offset, length) : copyPieces(from, to, offset, length);
   if (step.rc == 0) return 0;
   traceLog("copyToActiveFile: offset %lld len %lld holeFound %d clone %d\n", at, bytes,

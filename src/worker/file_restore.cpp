@@ -49,7 +49,7 @@ class DeletedFile {
   Step restoreXAttrs();
   Step restoreAttributes();
   Step sizeFile(const struct stat &st);
-  Step create(const struct stat &st);
+  Step create(const struct stat &st, const Range &range);
   Step lookIfAlive(bool *lives);
   Step copyData(const struct stat &st, const Range &range);
   int64_t snapSize() const { return static_cast<int64_t>(snap_->if_size); }
@@ -134,8 +134,9 @@ Step DeletedFile::sizeFile(const struct stat &st) {
   return err == 0 ? Step{} : failedStep(clearing_failed ? 7 : 4, err);
 }
 
-// Phase 51: the file and its size; data follows in the next phase, unless there is none.
-Step DeletedFile::create(const struct stat &st) {
+// Phase 51: the file, and its data where the record has all of it; else its size: data follows in the
+// next phase, unless there is none.
+Step DeletedFile::create(const struct stat &st, const Range &range) {
   std::string snap_path;
   uint64_t snap_ino = 0;
   if (getSnapPath(path_, true, &snap_path, &snap_ino) != 0) {
@@ -144,8 +145,13 @@ Step DeletedFile::create(const struct stat &st) {
     return failedStep(8, err);
   }
   if (Step step = restoreXAttrs(); !step) return step;
-  if (Step step = sizeFile(st); !step) return step;
-  return snapSize() == 0 ? restoreAttributes() : Step{};
+  // The data makes a shorter file long enough.
+  if (range.length == 0 || st.st_size > snapSize()) {
+    if (Step step = sizeFile(st); !step) return step;
+  }
+  if (range.length == 0) return snapSize() == 0 ? restoreAttributes() : Step{};
+  const Step step = copyData(st, range);
+  return step ? restoreAttributes() : step;
 }
 
 // A clone with several names is listed for the first that was missing; while the inode is there, its
@@ -197,7 +203,7 @@ Step DeletedFile::restore(const Range &range) {
   struct stat st;
   if (fstat(fd.get(), &st) != 0) return failedStep(5, errno);
   if (!isMadeFor(st, snap_.get())) return failedStep(5, ESTALE);
-  if (settings.phase == kPhaseCreate) return create(st);
+  if (settings.phase == kPhaseCreate) return create(st, range);
   if (settings.phase == kPhaseLinks) {
     // Some of what comes with them is taken by an empty file only.
     if (Step step = restoreXAttrs(); !step) return step;

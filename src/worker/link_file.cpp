@@ -29,7 +29,7 @@ class LinkGroup {
  public:
   LinkGroup(uint64_t ino, kest_ifile_t *snap) : ino_(ino), snap_(snap) {}
 
-  Step collectNames(const std::vector<std::string> &snap_paths);
+  Step collectNames(const std::vector<std::string> &paths);
   Step restoreAll();
 
  private:
@@ -50,14 +50,10 @@ int LinkGroup::lookAt(Name &name) {
   return name.exists || errno == ENOENT ? 0 : -1;
 }
 
-Step LinkGroup::collectNames(const std::vector<std::string> &snap_paths) {
-  const std::string &root = handles.rootPath, &snap_root = handles.snapRootPath;
-  for (const std::string &snap_path : snap_paths) {
-    if (!snap_path.starts_with(snap_root)) return failedStep(4, EINVAL);
-    std::string rest = snap_path.substr(snap_root.size());
-    rest.erase(0, rest.find_first_not_of('/'));
+Step LinkGroup::collectNames(const std::vector<std::string> &paths) {
+  for (const std::string &path : paths) {
     Name name;
-    name.path = root + (root.ends_with('/') ? "" : "/") + rest;
+    name.path = path;
     traceLog("linkFile: filePath %s\n", name.path.c_str());
     if (lookAt(name) != 0) return failedStep(4, errno);
     names_.push_back(std::move(name));
@@ -138,14 +134,14 @@ Step LinkGroup::restoreAll() {
   return rc == 0 ? Step{} : failedStep(8, errno, rc);
 }
 
+// The names that the inode has in the snapshot, as paths of the active fileset.
 Step lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::string> *paths) {
-  bool started = false;
-  if (findInodePaths(ino, handles.snapRootPath, paths, &started) != 0) {
+  if (findInodePaths(handles.oldFsP, ino, handles.rootPath, paths) != 0) {
     const int err = errno;
-    traceLog(started ? "linkFile: cannot get hard link path, ino %lld\n"
-                     : "getParentPath: cannot find parent path, ino %lld\n",
+    traceLog(err == ENOENT ? "linkFile: cannot get hard link path, ino %lld\n"
+                           : "getParentPath: cannot find parent path, ino %lld\n",
              static_cast<long long>(ino));
-    return failedStep(started ? 4 : 3, err);
+    return failedStep(err == ENOENT ? 4 : 3, err);
   }
   kest_iattr64_t attr;
   if (kest_istat(snap, &attr) != 0) return failedStep(4, errno);

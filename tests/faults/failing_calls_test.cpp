@@ -101,7 +101,7 @@ TEST_F(FailingCalls, EachCall) {
 
 // A failure that brings no reason is one all the same: a batch that it stops is not done.
 TEST_F(FailingCalls, FailureWithoutAnErrorNumber) {
-  const std::pair<const char *, int> cases[] = {{"kest_unlink", kMain},       {"kest_iwritex", kMain},
+  const std::pair<const char *, int> cases[] = {{"kest_unlink", kMain},       {"kest_ishare", kMain},
                                                 {"kest_fset_times", kDirs},   {"kest_link", kLinks},
                                                 {"kest_rename_noreplace", 4}, {"kest_next_inode64", 0}};
   for (const auto &[call, where] : cases)
@@ -110,7 +110,7 @@ TEST_F(FailingCalls, FailureWithoutAnErrorNumber) {
 
 TEST_F(FailingCalls, NoSpace) {
   const std::pair<const char *, int> cases[] = {
-      {"kest_iwritex", kMain},  {"kest_open_file", kCreate}, {"kest_iwritex", kData},
+      {"kest_ishare", kMain},   {"kest_open_file", kCreate}, {"kest_ishare", kCreate},
       {"kest_mkdir", kMain},    {"kest_link", kLinks},       {"kest_rename_noreplace", kMaster},
       {"kest_symlink", kMaster}};
   for (const auto &[call, where] : cases) {

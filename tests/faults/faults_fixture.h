@@ -18,8 +18,7 @@ using testsupport::FaultAction;
 using testsupport::kAnyWorker;
 using testsupport::kMaster;
 
-inline constexpr int kMain = 3, kMoveBack = 4, kPending = 5, kDirs = 6, kLinks = 8, kCreate = 51,
-                     kData = 52;
+inline constexpr int kMain = 3, kMoveBack = 4, kPending = 5, kDirs = 6, kLinks = 8, kCreate = 51;
 
 class Faults : public scenario::RestoreFixture {
  protected:

@@ -24,16 +24,15 @@ struct Place {
 };
 
 TEST_F(LostProcesses, WorkerInTheMiddleOfAStep) {
-  const Place places[] = {{kMain, "kest_unlink", 1},     {kMain, "kest_rename_noreplace", 3},
-                          {kMain, "kest_iwritex", 2},    {kMain, "kest_fset_times", 1},
-                          {kMain, "kest_iputattrsx", 4}, {kMain, "kest_mkdir", 2},
-                          {kMain, "kest_rmdir", 1},      {kCreate, "kest_open_file", 2},
-                          {kCreate, "kest_symlink", 1},  {kCreate, "kest_mknod", 1},
-                          {kCreate, "kest_truncate", 1}, {kData, "kest_iwritex", 1},
-                          {kData, "kest_fset_times", 1}, {kDirs, "kest_fset_times", 3},
-                          {kDirs, "kest_fcntl", 9},      {kLinks, "kest_open_file", 1},
-                          {kLinks, "kest_link", 1},      {kLinks, "kest_fset_times", 1},
-                          {kMoveBack, "kest_fcntl", 4}};
+  const Place places[] = {{kMain, "kest_unlink", 1},      {kMain, "kest_rename_noreplace", 3},
+                          {kMain, "kest_ishare", 2},      {kMain, "kest_fset_times", 1},
+                          {kMain, "kest_iputattrsx", 4},  {kMain, "kest_mkdir", 2},
+                          {kMain, "kest_rmdir", 1},       {kCreate, "kest_open_file", 2},
+                          {kCreate, "kest_symlink", 1},   {kCreate, "kest_mknod", 1},
+                          {kCreate, "kest_ishare", 1},    {kCreate, "kest_fset_times", 1},
+                          {kDirs, "kest_fset_times", 3},  {kDirs, "kest_fcntl", 9},
+                          {kLinks, "kest_open_file", 1},  {kLinks, "kest_link", 1},
+                          {kLinks, "kest_fset_times", 1}, {kMoveBack, "kest_fcntl", 4}};
   FaultAction action = FaultAction::kKillBefore;
   for (const Place &place : places) {
     expectRetried({.call = place.call, .action = action, .where = place.phase, .nth = place.nth});
@@ -65,9 +64,9 @@ TEST_F(LostProcesses, WorkerBetweenTwoNamesOfOneInode) {
 }
 
 TEST_F(LostProcesses, WorkerThatDiesEveryTimeIsGivenUp) {
-  const Place places[] = {{kMain, "kest_iwritex", 2},
+  const Place places[] = {{kMain, "kest_ishare", 2},
                           {kMoveBack, "kest_rename_noreplace", 2},
-                          {kData, "*", 3},
+                          {kCreate, "*", 3},
                           {kDirs, "kest_fputacl", 1},
                           {kLinks, "kest_link", 1}};
   for (const Place &place : places) {
@@ -86,7 +85,7 @@ TEST_F(LostProcesses, WorkerThatDiesEveryTimeIsGivenUp) {
 }
 
 TEST_F(LostProcesses, EngineOnceIsRetried) {
-  const Place places[] = {{kMain, "kest_iwritex", 1},
+  const Place places[] = {{kMain, "kest_ishare", 1},
                           {kMoveBack, "kest_rename_noreplace", 2},
                           {kCreate, "kest_open_file", 3}};
   for (const Place &place : places)

@@ -24,12 +24,14 @@ struct Stage {
   bool masterAlone;
 };
 
-inline constexpr Stage kStages[] = {
-    {"walks", "traverseCommonDir", true},   {"main", "start, phase 3", false},
-    {"move back", "start, phase 4", false}, {"create", "start, phase 51", false},
-    {"data", "start, phase 52", false},     {"directory move", "doFinalDirMove: moving", true},
-    {"links", "start, phase 8", false},     {"directories", "start, phase 6", false},
-    {"clean-up", "Clean up.", true}};
+inline constexpr Stage kStages[] = {{"walks", "traverseCommonDir", true},
+                                    {"main", "start, phase 3", false},
+                                    {"move back", "start, phase 4", false},
+                                    {"create", "start, phase 51", false},
+                                    {"directory move", "doFinalDirMove: moving", true},
+                                    {"links", "start, phase 8", false},
+                                    {"directories", "start, phase 6", false},
+                                    {"clean-up", "Clean up.", true}};
 
 // A run in a session of its own. Its workers take two records each, so that there are many.
 class Running {

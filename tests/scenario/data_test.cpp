@@ -1,4 +1,8 @@
 // Contents of files: ranges, holes, sizes, and how the blocks are stored.
+#include <sys/statvfs.h>
+
+#include <fstream>
+
 #include "scenario/restore_fixture.h"
 
 using namespace scenario;
@@ -188,6 +192,86 @@ TEST_F(CompressedMount, ChangedShrunkAndDeletedFiles) {
   t.remove("deleted");
   expectRestored();
   remount();
+}
+
+using Batches = RestoreFixture;
+TEST_F(Batches, RangesFillThem) {
+  TreeBuilder &t = tree();
+  t.big("large", 30 * kMiB, 39);
+  for (int i = 0; i < 90; ++i) t.big("small" + std::to_string(i), 20000, 40);
+  takeSnapshot();
+  for (uint64_t at = 0; at < 30 * kMiB; at += 300000) {
+    t.pattern("large", at, 1000, 41);
+    t.pattern("large", at + 30000, 1000, 41);  // near: one record for both
+  }
+  for (int i = 0; i < 90; ++i) {
+    t.pattern("small" + std::to_string(i), 0, 100, 41);
+    t.pattern("small" + std::to_string(i), 15000, 100, 41);
+  }
+  RunResult result = restore();
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  EXPECT_NE(result.out.find("195 records in 2 batches, 0 failed"), std::string::npos) << result.out;
+}
+
+// Bytes written so far to the device that holds the fileset.
+uint64_t bytesWritten(const std::string &mount_point) {
+  std::ifstream mounts("/proc/self/mounts");
+  std::string device, point, rest;
+  while (mounts >> device >> point && std::getline(mounts, rest) && point != mount_point) {
+  }
+  std::ifstream figures("/sys/block" + device.substr(device.rfind('/')) + "/stat");
+  uint64_t sectors = 0;
+  for (int field = 0; field < 7; ++field) figures >> sectors;
+  EXPECT_TRUE(figures) << device;
+  return sectors * 512;
+}
+
+uint64_t spaceLeft(const std::string &mount_point) {
+  struct statvfs figures {};
+  EXPECT_EQ(statvfs(mount_point.c_str(), &figures), 0);
+  return figures.f_bavail * figures.f_bsize;
+}
+
+// What is shared takes no space and is not written.
+using NearlyFull = RestoreFixture;
+TEST_F(NearlyFull, BigFilesAreSharedAndNotCopied) {
+  TreeBuilder &t = tree();
+  t.big("changed", 40 * kMiB, 32);
+  t.big("deleted", 40 * kMiB + 5, 33);
+  t.dir("tree");
+  t.big("tree/renamed", 10 * kMiB, 34);
+  takeSnapshot();
+  t.pattern("changed", 0, 40 * kMiB, 35);
+  t.remove("deleted");
+  t.truncate("tree/renamed", 100);
+  t.rename("tree/renamed", "elsewhere");
+  TreeBuilder others(fs().createSubvolume("others"));
+  for (int i = 0; spaceLeft(fs().mountPoint()) > 12 * kMiB; ++i) {
+    others.big("filler" + std::to_string(i), 2 * kMiB, 36);
+    fs().commit();
+  }
+
+  const uint64_t before = bytesWritten(fs().mountPoint());
+  expectRestored();
+  fs().commit();
+  EXPECT_LT(bytesWritten(fs().mountPoint()) - before, 8 * kMiB);
+  fs().destroySubvolume("others");
+}
+
+// A file that has become one without copy-on-write keeps that while it has data, so nothing can be
+// shared.
+using OtherStorage = RestoreFixture;
+TEST_F(OtherStorage, IsCopiedInFrames) {
+  TreeBuilder &t = tree();
+  t.big("f", 40 * kMiB, 37);
+  const auto wanted = t.read("f");
+  takeSnapshot();
+  t.truncate("f", 0);
+  t.noCow("f");
+  t.pattern("f", 0, 39 * kMiB + 77, 38);
+  const RunResult result = restore();
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  EXPECT_TRUE(t.read("f") == wanted);
 }
 
 }  // namespace

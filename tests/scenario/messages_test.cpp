@@ -208,12 +208,15 @@ TEST_F(Messages, QuietRestoresAllTheSame) {
 TEST_F(Messages, WithoutExtendedAttributes) {
   tree().file("f", "before");
   tree().setXattr("f", "user.a", "before");
+  tree().sparse("deleted", 1 << 20, {0, 1 << 19});
   takeSnapshot();
+  tree().remove("deleted");
   tree().write("f", 0, "after!");
   tree().setXattr("f", "user.a", "after");
   RunResult result = restore("snap", {"-x"});
   EXPECT_EQ(result.exitStatus, 0) << result.describe();
   EXPECT_EQ(tree().read("f"), "before");
+  EXPECT_EQ(tree().read("deleted"), TreeBuilder(fs().path(snapshotName())).read("deleted"));
   auto print = testsupport::fingerprint(root());
   EXPECT_EQ(print.objects.at("f").xattrs.at("user.a"), "after");
 }

@@ -313,6 +313,14 @@ int kest_ishare(kest_ifile_t *, kest_ifile_t *, int64_t offset, int64_t len) {
   return 0;
 }
 
+int kest_ishareable(kest_ifile_t *, kest_ifile_t *) {
+  return 1;
+}
+
+int kest_inode_names(kest_fssnap_handle_t *, uint64_t ino, int (*)(void *, const char *), void *) {
+  return fail(faultAt("inode_names", std::to_string(ino)));
+}
+
 int kest_lstat(kest_fssnap_handle_t *, const char *path, struct stat *st) {
   if (int err = faultAt("lstat", path)) return fail(err);
   if (lstat(path, st) != 0) return -1;

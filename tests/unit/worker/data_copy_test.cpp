@@ -78,28 +78,50 @@ TEST_F(DataCopy, WhatIsNotCopiedWholeFails) {
   EXPECT_EQ(copy(0, 1500, 1), EIO);
 }
 
-TEST_F(DataCopy, ClonesShareWholeBlocksAndAreCopiedOnlyWhereThatIsRefused) {
+TEST_F(DataCopy, WholeBlocksAreSharedAndTheRestIsCopied) {
   makeFile(active("large"), std::string(10000, 'x'));
   Inode large = openInode(handles.activeFsP, inoOf(active("large")));
-  const auto share = [&](int64_t offset, int64_t length, int32_t hole) {
-    fakeKest.calls.clear();
-    return copyToActiveFile(large.get(), large.get(), offset, length, &hole, true);
-  };
-  EXPECT_EQ(share(5000, 100, 0), 0);
-  EXPECT_EQ(fakeKest.calls, std::vector<std::string>{"ishare 4096+4096"});
-  EXPECT_EQ(share(4096, 4096, 1), 0);
-  EXPECT_EQ(fakeKest.calls, std::vector<std::string>{"ishare 4096+4096"});
-  EXPECT_EQ(share(8192, 1808, 0), 0);
-  EXPECT_EQ(fakeKest.calls, std::vector<std::string>{"ishare 8192+1808"});
+  std::string refused;  // the range that cannot be shared
   int err = EINVAL;
-  fakeKest.fault = [&](const std::string &call, const std::string &) {
-    return call == "ishare" ? err : 0;
+  fakeKest.fault = [&](const std::string &call, const std::string &range) {
+    return call == "ishare" && (refused == "all" || refused == range) ? err : 0;
   };
-  EXPECT_EQ(share(0, 900, 0), 0);
-  EXPECT_EQ(fakeKest.count("iwritex"), 1u);
-  err = ENOSPC;
-  EXPECT_EQ(share(0, 900, 0), ENOSPC);
-  EXPECT_EQ(fakeKest.count("iwritex"), 0u);
+  using Calls = std::vector<std::string>;
+  const struct {
+    int64_t offset, length;
+    int32_t hole;
+    std::string refused;
+    Calls calls;
+  } cases[] = {
+      {5000, 100, 0, "", {"ishare 4096+4096"}},
+      {4096, 4096, 1, "", {"ishare 4096+4096"}},
+      {8192, 1808, 0, "", {"ishare 8192+1808"}},
+      {0,
+       10000,
+       0,
+       "0+10000",
+       {"ishare 0+10000", "ishare 0+8192", "ireadx 8192", "iwritex 8192+1000", "ireadx 9192",
+        "iwritex 9192+808"}},
+      {0, 10000, 1, "0+10000", {"ishare 0+10000", "ishare 0+8192", "punch 8192+1808"}},
+      {100, 900, 0, "all", {"ishare 0+4096", "ireadx 100", "iwritex 100+900"}},
+      {4096, 4096, 1, "all", {"ishare 4096+4096", "punch 4096+4096"}},
+  };
+  const auto bring = [&](int64_t offset, int64_t length, int32_t hole) {
+    fakeKest.calls.clear();
+    return copyToActiveFile(large.get(), large.get(), offset, length, &hole, false);
+  };
+  for (const auto &one : cases) {
+    refused = one.refused;
+    EXPECT_EQ(bring(one.offset, one.length, one.hole), 0);
+    EXPECT_EQ(fakeKest.calls, one.calls);
+  }
+  refused = "all";
+  for (int reason : {ENOSPC, EIO}) {
+    err = reason;
+    EXPECT_EQ(bring(0, 900, 0), reason);
+    EXPECT_EQ(errno, reason);
+    EXPECT_EQ(fakeKest.calls, Calls{"ishare 0+4096"});
+  }
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include "unit/support/fake_kest.h"
 #include "worker/delete_file.h"
 #include "worker/dir_ops.h"
-#include "worker/inode_paths.h"
 #include "worker/link_file.h"
 
 namespace {
@@ -99,19 +98,9 @@ TEST_F(Operations, RefusedRemovalWithoutAJunctionIsAFailure) {
   EXPECT_NE(traces().find("code 4, error 1\n"), std::string::npos);
 }
 
-TEST_F(Operations, PathLookupIsReadByItsFields) {
-  std::vector<std::string> paths;
-  ASSERT_TRUE(parseInodePaths("300 7 /s/a b\n300 7 /s/x\\ny\\tz\\\\ \n", 300, &paths));
-  EXPECT_EQ(paths, (std::vector<std::string>{"/s/a b", "/s/x\ny\tz\\ "}));
-  ASSERT_TRUE(parseInodePaths("", 300, &paths));
-  EXPECT_TRUE(paths.empty());
-  for (const char *text : {"300 7 /s/a", "300 7 /s/a\n300 7 /s", "300 7\n", "300 7 \n", "x 7 /s/a\n",
-                           "\n", "301 7 /s/a\n", "300 /s/a\n"})
-    EXPECT_FALSE(parseInodePaths(text, 300, &paths)) << text;
-}
-
 TEST_F(Operations, LinksFailWhenTheLookupDoes) {
-  makeFile(snap("f"));  // no lookup command stands at its place here
+  makeFile(snap("f"));
+  failCall("inode_names", EIO, 1);
   EXPECT_NE(linkFile(active("f"), inoOf(snap("f"))), 0);
   EXPECT_EQ(errno, EIO);
   EXPECT_FALSE(exists(active("f")));
