@@ -27,7 +27,7 @@ struct HandleBuffer {
 
 }  // namespace
 
-int openByInode(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generation, int flags) {
+int openEvenNameless(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generation, int flags) {
   if (ino < kFirstInode || ino > kLastInode) return -ENOENT;
   HandleBuffer buffer;
   RawHandle raw{ino, subvol_id, generation};
@@ -38,8 +38,13 @@ int openByInode(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generat
   do fd = open_by_handle_at(mount_fd, buffer.get(), flags | O_CLOEXEC);
   while (fd < 0 && errno == EINTR);
   if (fd < 0) return errno == ESTALE ? -ENOENT : -errno;
+  return fd;
+}
+
+int openByInode(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generation, int flags) {
+  int fd = openEvenNameless(mount_fd, subvol_id, ino, generation, flags);
+  if (fd < 0) return fd;
   UniqueFd owner(fd);
-  // An unlinked inode that somebody still holds open opens all the same.
   struct stat status;
   if (fstat(fd, &status) < 0) return -errno;
   if (status.st_nlink == 0) return -ENOENT;

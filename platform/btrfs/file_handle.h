@@ -13,6 +13,10 @@ namespace kest {
 // -ENOENT.
 int openByInode(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generation, int flags);
 
+// The same, except that an unlinked inode that somebody still holds open opens as well: for callers
+// that look at the number of links themselves.
+int openEvenNameless(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generation, int flags);
+
 // Reopens an O_PATH descriptor of a file or directory for real, through /proc/self/fd. The
 // descriptor, or -errno.
 int reopen(int path_fd, int flags);

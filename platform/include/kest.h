@@ -382,7 +382,7 @@ int kest_anchor(kest_fssnap_handle_t *active, const char *path, int fd);
 /* O_PATH descriptor, close-on-exec, of the object at `path`; its final component is not followed. */
 int kest_open_path(kest_fssnap_handle_t *handle, const char *path);
 int kest_lstat(kest_fssnap_handle_t *handle, const char *path, struct stat *st);
-/* O_PATH descriptor, close-on-exec, of an open inode. */
+/* Descriptor, close-on-exec, of an open inode: for what an O_PATH descriptor is good for. */
 int kest_path_descriptor(const kest_ifile_t *file);
 /* The calls of the same names without f, on any descriptor, O_PATH included. */
 int kest_fgetacl(int fd, int flags, void *buf);

@@ -91,7 +91,9 @@ int readAttribute(int fd, char *at) {
   return 0;
 }
 
-int setProtection(int fd, const struct stat &st, Protection wanted) {
+int setProtection(int fd, Protection wanted) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return -errno;
   // Others have no flags to set, and a flags request on a device would reach its driver.
   if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) return 0;
   int rc = writeProtection(fd, wanted);
@@ -100,18 +102,26 @@ int setProtection(int fd, const struct stat &st, Protection wanted) {
   return real ? writeProtection(real.get(), wanted) : -errno;
 }
 
-int runFlagDirective(int fd, const struct stat &st, char *at) {
+// What the object carries, once a directive of the request has asked.
+struct KnownProtection {
+  bool known = false;
+  Protection now;
+};
+
+int runFlagDirective(int fd, char *at, KnownProtection *protection) {
   FlagDirective directive;
   memcpy(&directive, at, sizeof directive);
-  Protection protection;
-  if (int rc = readProtection(fd, "", &protection); rc != 0) return rc;
-  Protection wanted = protection;
+  if (!protection->known) {
+    if (int rc = readProtection(fd, "", &protection->now); rc != 0) return rc;
+    protection->known = true;
+  }
+  Protection wanted = protection->now;
   switch (directive.type) {
     case kGetImmutable:
-      directive.value = protection.immutable;
+      directive.value = wanted.immutable;
       break;
     case kGetAppendOnly:
-      directive.value = protection.append_only;
+      directive.value = wanted.append_only;
       break;
     case kSetImmutable:
       wanted.immutable = directive.value != 0;
@@ -120,7 +130,10 @@ int runFlagDirective(int fd, const struct stat &st, char *at) {
       wanted.append_only = directive.value != 0;
       break;
   }
-  if (wanted != protection) return setProtection(fd, st, wanted);
+  if (wanted != protection->now) {
+    protection->known = false;
+    return setProtection(fd, wanted);
+  }
   memcpy(at, &directive, sizeof directive);
   return 0;
 }
@@ -175,11 +188,10 @@ extern "C" int kest_fcntl(int fd, void *request) {
     if (request == nullptr) return -EINVAL;
     std::vector<Directive> directives;
     if (int rc = parseRequest(static_cast<char *>(request), &directives); rc != 0) return rc;
-    struct stat st;
-    if (fstat(fd, &st) != 0) return -errno;
+    KnownProtection protection;
     for (const Directive &directive : directives) {
       int rc = directive.type == kReadAttribute ? readAttribute(fd, directive.at)
-                                                : runFlagDirective(fd, st, directive.at);
+                                                : runFlagDirective(fd, directive.at, &protection);
       if (rc != 0) return rc;
     }
     return 0;

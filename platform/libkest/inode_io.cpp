@@ -36,6 +36,23 @@ int statNow(const OpenInode *file, struct statx *status) {
   return statx(file->path_fd.get(), "", AT_EMPTY_PATH, kMask, status) < 0 ? -errno : 0;
 }
 
+// 0 or -errno. An inode of a snapshot is asked once: nothing changes there.
+int carriesBlobNow(OpenInode *file, mode_t mode, uint32_t *answer) {
+  if (!file->carries_blob || !file->handle->isSnapshot()) {
+    unsigned flags = 0;
+    if (S_ISREG(mode) || S_ISDIR(mode)) {
+      int fd = file->readFd();
+      if (fd < 0) return fd;
+      if (int rc = readStorageFlags(fd, &flags); rc < 0) return rc;
+    }
+    std::vector<std::string> names;
+    if (int rc = listXattrs(file->anyFd(), &names); rc < 0) return rc;
+    file->carries_blob = flags != 0 || std::any_of(names.begin(), names.end(), travelsInBlob);
+  }
+  *answer = *file->carries_blob ? 1 : 0;
+  return 0;
+}
+
 int readAttributes(OpenInode *file, kest_iattr64_t *attr) {
   struct statx status;
   int rc = statNow(file, &status);
@@ -53,20 +70,7 @@ int readAttributes(OpenInode *file, kest_iattr64_t *attr) {
   attr->ia_mtime = toTime(status.stx_mtime);
   attr->ia_ctime = toTime(status.stx_ctime);
   attr->ia_createtime = toTime(status.stx_btime);
-  std::vector<std::string> names;
-  rc = listXattrs(file->path_fd.get(), &names);
-  if (rc < 0) return rc;
-  bool carries = std::any_of(names.begin(), names.end(), travelsInBlob);
-  if (!carries && (S_ISREG(status.stx_mode) || S_ISDIR(status.stx_mode))) {
-    int fd = file->readFd();
-    if (fd < 0) return fd;
-    unsigned flags;
-    rc = readStorageFlags(fd, &flags);
-    if (rc < 0) return rc;
-    carries = flags != 0;
-  }
-  attr->ia_xattr = carries ? 1 : 0;
-  return 0;
+  return carriesBlobNow(file, status.stx_mode, &attr->ia_xattr);
 }
 
 // Reads until `size` bytes or the end. Bytes read or -errno.
@@ -166,7 +170,7 @@ uint32_t packDevice(unsigned major_no, unsigned minor_no) {
 }
 
 int openNumber(kest_fssnap_handle *handle, uint64_t ino, std::unique_ptr<OpenInode> *opened) {
-  int fd = openByInode(handle->root.get(), handle->subvol_id, ino, 0, O_PATH);
+  int fd = openEvenNameless(handle->root.get(), handle->subvol_id, ino, 0, O_PATH);
   if (fd < 0) return fd;
   auto file = std::make_unique<OpenInode>();
   file->path_fd.reset(fd);
@@ -192,7 +196,7 @@ int openNumber(kest_fssnap_handle *handle, uint64_t ino, std::unique_ptr<OpenIno
 int saveCapability(OpenInode *file) {
   if (file->capability_known) return 0;
   std::string value;
-  int rc = readXattr(file->path_fd.get(), kCapability, &value);
+  int rc = readXattr(file->anyFd(), kCapability, &value);
   if (rc < 0 && rc != -ENODATA && rc != -EOPNOTSUPP) return rc;
   if (rc == 0) file->capability = std::move(value);
   file->capability_known = true;

@@ -34,9 +34,12 @@ struct OpenInode : kest_ifile {
   EntryList changed;
   std::unique_ptr<LeadListing> leads;  // directories: what leads to a change, once asked for
   ChangedRanges changed_ranges;
+  std::optional<bool> carries_blob;  // whether the attribute blob was not empty when it was last asked
   bool capability_known = false;
   std::optional<std::string> capability;  // security.capability before the first write
 
+  // Any descriptor of the inode: the one for reading, which costs less to work with, where it is open.
+  int anyFd() const { return read_fd ? read_fd.get() : path_fd.get(); }
   // Descriptor for reading file data, directory entries or inode flags; -errno.
   int readFd();
   // Descriptor for writing file data; -EROFS where the immutable or append-only flag forbids it;

@@ -327,7 +327,7 @@ extern "C" int kest_lstat(kest_fssnap_handle_t *handle, const char *path, struct
 extern "C" int kest_path_descriptor(const kest_ifile_t *file) {
   return cCall([=] {
     if (file == nullptr || file->if_kind != KEST_IFILE_KIND) return -EINVAL;
-    int fd = fcntl(openInode(file)->path_fd.get(), F_DUPFD_CLOEXEC, 0);
+    int fd = fcntl(openInode(file)->anyFd(), F_DUPFD_CLOEXEC, 0);
     return fd >= 0 ? fd : -errno;
   });
 }

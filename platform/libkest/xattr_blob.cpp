@@ -24,7 +24,7 @@ bool hasStorageFlags(const OpenInode &file) {
 
 // The kernel lists at most 64 KiB of names; the tree holds any number of them.
 int listAttributes(const OpenInode &file, std::vector<std::string> *names) {
-  int rc = listXattrs(file.path_fd.get(), names);
+  int rc = listXattrs(file.anyFd(), names);
   if (rc != -E2BIG) return rc;
   TreeReader tree(file.handle->root.get(), file.handle->subvol_id);
   std::vector<XattrItem> items;
@@ -35,8 +35,13 @@ int listAttributes(const OpenInode &file, std::vector<std::string> *names) {
 }
 
 int readAttributes(OpenInode *file, BlobAttributes *out) {
+  int real_fd = -1;
+  if (hasStorageFlags(*file)) {
+    real_fd = file->readFd();
+    if (real_fd < 0) return real_fd;
+  }
   std::vector<std::string> names;
-  int fd = file->path_fd.get();
+  int fd = file->anyFd();
   if (int rc = listAttributes(*file, &names); rc != 0) return rc;
   for (const std::string &name : names) {
     if (!travelsInBlob(name)) continue;
@@ -46,9 +51,7 @@ int readAttributes(OpenInode *file, BlobAttributes *out) {
     if (rc != 0) return rc;
     out->xattrs.emplace(name, std::move(value));
   }
-  if (!hasStorageFlags(*file)) return 0;
-  int real_fd = file->readFd();
-  if (real_fd < 0) return real_fd;
+  if (real_fd < 0) return 0;
   if (int rc = readStorageFlags(real_fd, &out->flags); rc != 0) return rc;
   if (out->xattrs.contains(kCompressionProperty)) out->flags &= ~kCompressionFlags;
   return 0;
@@ -139,6 +142,11 @@ int writeBlob(OpenInode *file, std::string_view blob) {
     if (name == kCompressionProperty || wanted.xattrs.contains(name)) continue;
     if (int rc = removeXattr(fd, name.c_str()); rc != 0) return rc;
   }
+  // What a data write has to put back is known now.
+  auto capability = wanted.xattrs.find("security.capability");
+  file->capability_known = true;
+  file->capability.reset();
+  if (capability != wanted.xattrs.end()) file->capability = capability->second;
   return applyStorage(file, now, wanted);
 }
 

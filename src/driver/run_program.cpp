@@ -14,6 +14,7 @@
 #include "oplist/move_back_lists.h"
 #include "run/settings.h"
 #include "run/stop_signal.h"
+#include "run/trace_buffer.h"
 #include "run/trace_log.h"
 #include "run/work_file.h"
 #include "scan/diff_table.h"
@@ -38,6 +39,7 @@ int workerStatus(int rc) {
 int runWorker() {
   const int pid = static_cast<int>(getpid());
   traceLog("[THREAD %d] start, phase %d, callerPid %d\n", pid, settings.phase, settings.callerPid);
+  flushTraceLines();
   const int rc = doWorkUnit(settings.listFile, settings.callerPid);
   traceLog("[THREAD %d] finished, phase %d, rc %d\n\n", pid, settings.phase, rc);
   return rc;
@@ -82,5 +84,6 @@ int runProgram(int argc, char **argv) {
   const int status = master ? (rc != 0 || err != 0 ? 1 : 0) : workerStatus(rc);
   traceLog("main phase %d, rc %d, err %d, errno %d \n", settings.phase, master ? status : rc, err,
            errno);
+  flushTraceLines();
   return status;
 }

@@ -33,10 +33,10 @@ struct AclHead {
 // of the snapshot's inode, so that no other object can come in between.
 struct Target {
   const std::string &path;
-  std::string snapPath;
+  std::string snapPath;  // for traces
+  kest_ifile_t *snap;
   Descriptor fd;
   struct stat st {};
-  Inode snap;
   Descriptor snapFd;
   kest_iattr64_t attr{};
 };
@@ -96,7 +96,7 @@ int restoreTimes(Target &target) {
 // workers on one file one can see the moment in which another's step has dropped it. So the last word
 // is here.
 int restoreCapability(Target &target) {
-  if (settings.noXAttr || !isRegular(target.attr.ia_mode)) return 0;
+  if (settings.noXAttr || !isRegular(target.attr.ia_mode) || target.attr.ia_xattr == 0) return 0;
   const std::string snap_name = "/proc/self/fd/" + std::to_string(target.snapFd.get());
   const std::string name = "/proc/self/fd/" + std::to_string(target.fd.get());
   char wanted[256], now[256];
@@ -122,18 +122,17 @@ int restoreFlags(Target &target) {
   return 0;
 }
 
-int openTarget(Target &target, uint64_t snap_ino) {
-  target.snap = openInode(handles.oldFsP, snap_ino);
-  if (!target.snap || kest_istat(target.snap.get(), &target.attr) != 0) return 6;
+int openSnapshotCopy(Target &target) {
+  if (target.snap == nullptr || kest_istat(target.snap, &target.attr) != 0) return 6;
   if ((target.st.st_mode & S_IFMT) != (target.attr.ia_mode & S_IFMT)) {
     errno = EINVAL;
     return 6;
   }
-  if (!mayBecome(target.st, snap_ino, target.attr)) {
+  if (!mayBecome(target.st, target.snap->if_inode, target.attr)) {
     errno = ESTALE;
     return 6;
   }
-  target.snapFd = Descriptor(kest_path_descriptor(target.snap.get()));
+  target.snapFd = Descriptor(kest_path_descriptor(target.snap));
   return target.snapFd ? 0 : 10;
 }
 
@@ -148,32 +147,51 @@ int restoreAll(Target &target, int32_t phase) {
   return type == S_IFREG || type == S_IFDIR ? restoreFlags(target) : 0;
 }
 
+int restoreTarget(Target &target, int32_t phase) {
+  if (int code = openSnapshotCopy(target); code != 0) return code;
+  return restoreAll(target, phase);
+}
+
 // The code of the failing step with errno, or 0.
 int restore(const std::string &path, int32_t phase) {
   Target target{.path = path,
                 .snapPath = {},
+                .snap = nullptr,
                 .fd = Descriptor(openObject(path)),
-                .snap = {},
                 .snapFd = Descriptor()};
   if (!target.fd) return 1;
   if (fstat(target.fd.get(), &target.st) != 0) return 1;
   uint64_t snap_ino = 0;
   bool absent = false;
   if (getSnapPath(path, true, &target.snapPath, &snap_ino, &absent) != 0) return absent ? 0 : 2;
-  if (int code = openTarget(target, snap_ino); code != 0) return code;
-  return restoreAll(target, phase);
+  const Inode snap = openInode(handles.oldFsP, snap_ino);
+  target.snap = snap.get();
+  return restoreTarget(target, phase);
 }
 
-}  // namespace
-
-int restoreAttr(const std::string &path, int32_t phase) {
-  if (phase < kPhaseMain) return 0;
-  const int code = restore(path, phase);
+int finish(const std::string &path, int code) {
   if (code == 0) return 0;
   const int err = errno;
   traceLog("restoreAttr: path %s, rc %d, code %d, err %d\n", path.c_str(), -1, code, err);
   errno = err;
   return -1;
+}
+
+}  // namespace
+
+int restoreAttr(const std::string &path, int32_t phase) {
+  return phase < kPhaseMain ? 0 : finish(path, restore(path, phase));
+}
+
+int restoreAttrOf(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, int32_t phase) {
+  if (phase < kPhaseMain) return 0;
+  Target target{.path = path,
+                .snapPath = {},
+                .snap = snap,
+                .fd = Descriptor(kest_path_descriptor(active)),
+                .snapFd = Descriptor()};
+  const bool open = target.fd && fstat(target.fd.get(), &target.st) == 0;
+  return finish(path, open ? restoreTarget(target, phase) : 1);
 }
 
 int restoreRootAttr() {

@@ -54,14 +54,31 @@ int putBlob(kest_ifile_t *target, const std::vector<char> &blob, const std::stri
   return retryClearing(*path, "", put);
 }
 
-// The code of the failing step with errno, or 0.
-int restore(uint64_t ino, kest_ifile_t *snapInode, const std::string *path) {
+// Gives `target` the attributes of the snapshot's inode `ino`. `path`: where flags in the way are
+// cleared, or null. The code of the failing step with errno, or 0.
+int bring(uint64_t ino, kest_ifile_t *snapInode, bool has_any, kest_ifile_t *target,
+          const std::string *path) {
+  std::vector<char> blob;
+  if (has_any) {
+    if (int code = readBlob(ino, snapInode, &blob); code != 0) return code;
+    if (blob.empty()) {
+      traceLog("restoreXAttr: skip migrated file in path %s, ino %lld\n",
+               path != nullptr ? path->c_str() : "NULL", static_cast<long long>(ino));
+      return 0;
+    }
+  }
+  return putBlob(target, blob, path) == 0 ? 0 : 7;
+}
+
+// `target` null: the object at `path`, or the active inode of the same number, is opened.
+int restore(uint64_t ino, kest_ifile_t *snapInode, kest_ifile_t *target, const std::string *path) {
   kest_iattr64_t attr;
   if (kest_istat(snapInode, &attr) != 0) return 1;
   const bool has_any = attr.ia_xattr != 0;
   if (!has_any) {
     traceLog("restoreXAttr: ino %lld. No EA to restore.\n", static_cast<long long>(ino));
   }
+  if (target != nullptr) return bring(ino, snapInode, has_any, target, path);
   uint64_t target_ino = ino;
   if (path != nullptr) {
     struct stat st;
@@ -72,29 +89,28 @@ int restore(uint64_t ino, kest_ifile_t *snapInode, const std::string *path) {
     }
     target_ino = st.st_ino;
   }
-  Inode target = openInode(handles.activeFsP, target_ino);
-  if (!target) return 4;
-  std::vector<char> blob;
-  if (has_any) {
-    if (int code = readBlob(ino, snapInode, &blob); code != 0) return code;
-    if (blob.empty()) {
-      traceLog("restoreXAttr: skip migrated file in path %s, ino %lld\n",
-               path != nullptr ? path->c_str() : "NULL", static_cast<long long>(ino));
-      return 0;
-    }
-  }
-  return putBlob(target.get(), blob, path) == 0 ? 0 : 7;
+  Inode opened = openInode(handles.activeFsP, target_ino);
+  return opened ? bring(ino, snapInode, has_any, opened.get(), path) : 4;
 }
 
-}  // namespace
-
-int restoreXAttr(uint64_t ino, kest_ifile_t *snapInode, const std::string *path) {
+int restoreAndTrace(uint64_t ino, kest_ifile_t *snapInode, kest_ifile_t *target,
+                    const std::string *path) {
   traceLog("restoreXAttr: ino %lld\n", static_cast<long long>(ino));
-  const int code = restore(ino, snapInode, path);
+  const int code = restore(ino, snapInode, target, path);
   if (code == 0) return 0;
   const int err = errno != 0 ? errno : EIO;
   traceLog("restoreXAttr: ino %lld, path %s, rc %d, code %d, err %d\n", static_cast<long long>(ino),
            path != nullptr ? path->c_str() : "NULL", err, code, err);
   errno = err;
   return err;
+}
+
+}  // namespace
+
+int restoreXAttr(uint64_t ino, kest_ifile_t *snapInode, const std::string *path) {
+  return restoreAndTrace(ino, snapInode, nullptr, path);
+}
+
+int restoreXAttrOf(kest_ifile_t *snapInode, kest_ifile_t *active, const std::string &path) {
+  return restoreAndTrace(snapInode->if_inode, snapInode, active, &path);
 }

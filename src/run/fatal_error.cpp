@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "run/trace_buffer.h"
 #include "run/trace_log.h"
 #include "run/work_access.h"
 #include "run/work_dir.h"
@@ -18,6 +19,7 @@ int unsaved = 0;
 }
 
 int setFatalError(int code) {
+  flushTraceLines();
   const std::string path = workPath(kFatalError);
   if (code == 0) code = EIO;
   const std::string line = std::to_string(code) + "\n";

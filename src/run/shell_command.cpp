@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "run/stop_signal.h"
+#include "run/trace_buffer.h"
 
 namespace {
 
@@ -70,6 +71,7 @@ __attribute__((noinline)) pid_t forkShell(Start &start) {
 
 // Starts "sh -c command", its standard output on `output` unless that is -1. 0 or an errno.
 int startShell(const std::string &command, int output, pid_t *pid) {
+  flushTraceLines();
   std::string sh = "sh", option = "-c", text = command;
   char *const arguments[] = {sh.data(), option.data(), text.data(), nullptr};
   Start start{arguments, output, getpid(), 0};

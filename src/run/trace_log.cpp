@@ -10,9 +10,9 @@
 #include <vector>
 
 #include "run/settings.h"
+#include "run/trace_buffer.h"
 #include "run/work_access.h"
 #include "run/work_dir.h"
-#include "run/work_file.h"
 
 namespace {
 
@@ -34,6 +34,7 @@ int logDescriptor() {
 
 void closeTraceLog() {
   const int saved = errno;
+  flushTraceLines();
   if (log_fd >= 0) close(log_fd);
   log_fd = -1;
   log_dir.clear();
@@ -41,13 +42,17 @@ void closeTraceLog() {
 }
 
 std::string formatTimeStamp() {
+  static time_t last = 0;
+  static std::string stamp;
   const time_t now = time(nullptr);
+  if (now == last) return stamp;
   tm local{};
   localtime_r(&now, &local);
   char text[80];
   snprintf(text, sizeof text, "%.4d-%.2d-%.2d %.2d:%.2d:%.2d", local.tm_year + 1900, local.tm_mon + 1,
            local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-  return text;
+  last = now;
+  return stamp = text;
 }
 
 const std::string &hostName() {
@@ -86,11 +91,12 @@ void traceLog(const char *format, ...) {
   }
   va_end(again);
   va_end(args);
-  (void)writeAll(fd, line);  // a lost trace line never changes a result
+  putTraceLine(fd, line);
   errno = saved;
 }
 
 void dumpErrorLog() {
+  flushTraceLines();
   if (!settings.Debug || settings.path2long || settings.shareDir.empty()) return;
   const int fd = openWorkFile(workPath(kErrorLog), O_RDONLY);
   if (fd < 0) return;

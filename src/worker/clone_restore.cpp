@@ -14,6 +14,7 @@
 #include "object/xattr_restore.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/trace_buffer.h"
 #include "run/trace_log.h"
 #include "scan/same_file.h"
 #include "worker/clone_delta.h"
@@ -61,6 +62,7 @@ int CloneRestore::waitFor(const char *name, const Call &call) {
     const int err = retryClearing(path_, "", call);
     if (err != EBUSY || waits > kMostWaits) return err;
     traceLog("cloneFile: %s wait %d\n", name, waits);
+    flushTraceLines();
     usleep(kWaitMicroseconds);
   }
 }

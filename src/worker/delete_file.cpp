@@ -10,6 +10,7 @@
 #include "oplist/clone_lists.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/trace_buffer.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 
@@ -66,6 +67,7 @@ int deleteFile(const std::string &path, uint64_t ino) {
       return failed(path, ino, -1, 0, err);
     }
     traceLog("deleteFile: unlink wait %d\n", ++waits);
+    flushTraceLines();
     usleep(kWaitMicroseconds);
   }
 }

@@ -57,6 +57,8 @@ class DeletedFile {
   const std::string &path_;
   const uint64_t ino_;
   Inode snap_;
+  Inode active_;             // a regular file, once it is there; empty where it cannot be opened
+  bool atItsPlace_ = false;  // the snapshot is known to have `ino_` at the same path
 };
 
 Step DeletedFile::createFailed(const char *call, int err) const {
@@ -115,12 +117,15 @@ Step DeletedFile::makeSpecial() {
 
 Step DeletedFile::restoreXAttrs() {
   if (settings.noXAttr) return {};
-  const int rc = restoreXAttr(ino_, snap_.get(), &path_);
+  const int rc = active_ ? restoreXAttrOf(snap_.get(), active_.get(), path_)
+                         : restoreXAttr(ino_, snap_.get(), &path_);
   return rc == 0 ? Step{} : failedStep(3, errno, rc);
 }
 
 Step DeletedFile::restoreAttributes() {
-  const int rc = restoreAttr(path_, settings.phase);
+  const int rc = active_ && atItsPlace_
+                     ? restoreAttrOf(path_, snap_.get(), active_.get(), settings.phase)
+                     : restoreAttr(path_, settings.phase);
   return rc == 0 ? Step{} : failedStep(71, errno, rc);
 }
 
@@ -144,6 +149,7 @@ Step DeletedFile::create(const struct stat &st, const Range &range) {
     traceLog("restoreDelFile: cannot get snap path %s\n", path_.c_str());
     return failedStep(8, err);
   }
+  atItsPlace_ = snap_ino == ino_;
   if (Step step = restoreXAttrs(); !step) return step;
   // The data makes a shorter file long enough.
   if (range.length == 0 || st.st_size > snapSize()) {
@@ -165,22 +171,21 @@ Step DeletedFile::lookIfAlive(bool *lives) {
 }
 
 Step DeletedFile::copyData(const struct stat &st, const Range &range) {
-  Inode active;
   const int64_t length = range.length != 0 ? range.length : snapSize();
   bool clearing_failed = false;
   const int err = retryClearing(
       path_, "",
       [&] {
-        if (!active) active = openInode(handles.activeFsP, st.st_ino, 1);
-        if (!active) return -1;
-        return copyToActiveFile(snap_.get(), active.get(), range.offset, length, &range.holeFound,
+        if (!active_) active_ = openInode(handles.activeFsP, st.st_ino, 1);
+        if (!active_) return -1;
+        return copyToActiveFile(snap_.get(), active_.get(), range.offset, length, &range.holeFound,
                                 range.clone) == 0
                    ? 0
                    : -1;
       },
       &clearing_failed);
   if (err == 0) return {};
-  if (!active) return failedStep(6, err, err);
+  if (!active_) return failedStep(6, err, err);
   if (clearing_failed) return failedStep(72, err, err);
   traceLog("restoreDelFile: failed to copy data, offset %ld length %ld\n",
            static_cast<long>(range.offset), static_cast<long>(length));
@@ -202,7 +207,9 @@ Step DeletedFile::restore(const Range &range) {
   if (const int err = makeRegular(&fd)) return createFailed("open", err);
   struct stat st;
   if (fstat(fd.get(), &st) != 0) return failedStep(5, errno);
+  if (!S_ISREG(st.st_mode)) return failedStep(5, EEXIST);
   if (!isMadeFor(st, snap_.get())) return failedStep(5, ESTALE);
+  active_ = openInode(handles.activeFsP, st.st_ino, 1);
   if (settings.phase == kPhaseCreate) return create(st, range);
   if (settings.phase == kPhaseLinks) {
     // Some of what comes with them is taken by an empty file only.
@@ -216,12 +223,10 @@ Step DeletedFile::restore(const Range &range) {
 }
 
 // Copies one range of a file that survived.
-Step copyBack(const std::string &path, uint64_t ino, kest_ifile_t *snap, const Range &range) {
-  Inode active = openInode(handles.activeFsP, ino);
-  if (!active) return failedStep(3, errno, errno);
+Step copyBack(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, const Range &range) {
   const int err = retryClearing(path, "", [&] {
-    return copyToActiveFile(snap, active.get(), range.offset, range.length, &range.holeFound,
-                            range.clone) == 0
+    return copyToActiveFile(snap, active, range.offset, range.length, &range.holeFound, range.clone) ==
+                   0
                ? 0
                : -1;
   });
@@ -229,31 +234,40 @@ Step copyBack(const std::string &path, uint64_t ino, kest_ifile_t *snap, const R
 }
 
 // Where the path belongs to another object of the snapshot, the move back restores the attributes.
-Step attributesOfSurvivor(const std::string &path, uint64_t ino) {
+// `active`: the object at the path; null: it is another one by now.
+Step attributesOfSurvivor(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active) {
   std::string snap_path;
   uint64_t snap_ino = 0;
   bool absent = false;
   if (getSnapPath(path, true, &snap_path, &snap_ino, &absent) != 0)
     return absent || errno == ENOENT ? Step{} : failedStep(91, errno);
-  if (snap_ino != ino) return {};
-  const int rc = restoreAttr(path, settings.phase);
+  if (snap_ino != snap->if_inode) return {};
+  const int rc = active != nullptr ? restoreAttrOf(path, snap, active, settings.phase)
+                                   : restoreAttr(path, settings.phase);
   return rc == 0 ? Step{} : failedStep(91, errno, rc);
 }
 
 Step restoreSurvivor(const std::string &path, uint64_t ino, const Range &range) {
-  Inode snap = openInode(handles.oldFsP, ino);
+  const Inode snap = openInode(handles.oldFsP, ino);
   if (!snap) return failedStep(1, errno, errno);
+  const Inode active = openInode(handles.activeFsP, ino);
+  const int open_error = errno;
+  struct stat st;
+  const bool in_place = active && statPath(path, &st) == 0 && st.st_ino == ino;
   if (!settings.noXAttr) {
-    if (int rc = restoreXAttr(ino, snap.get(), &path); rc != 0) return failedStep(2, errno, rc);
+    const int rc = in_place ? restoreXAttrOf(snap.get(), active.get(), path)
+                            : restoreXAttr(ino, snap.get(), &path);
+    if (rc != 0) return failedStep(2, errno, rc);
   }
   if (isDirectory(snap->if_mode)) {
     const int rc = listNewDir(path, ino);
     return rc == 0 ? Step{} : failedStep(21, errno, rc);
   }
   if (isRegular(snap->if_mode)) {
-    if (Step step = copyBack(path, ino, snap.get(), range); !step) return step;
+    if (!active) return failedStep(3, open_error, open_error);
+    if (Step step = copyBack(path, snap.get(), active.get(), range); !step) return step;
   }
-  return attributesOfSurvivor(path, ino);
+  return attributesOfSurvivor(path, snap.get(), in_place ? active.get() : nullptr);
 }
 
 }  // namespace

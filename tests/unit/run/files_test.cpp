@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <sstream>
 
 #include "run/fatal_error.h"
 #include "run/number_set.h"
@@ -16,6 +17,7 @@
 #include "run/progress.h"
 #include "run/settings.h"
 #include "run/snapshot_table.h"
+#include "run/trace_buffer.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
@@ -93,6 +95,30 @@ TEST(Path, CutAndLiesIn) {
   EXPECT_TRUE(liesIn("/mnt", "/"));
 }
 
+TEST_F(WorkDir, TraceLinesWaitForAMomentOnly) {
+  std::string lines;
+  const auto written = [&] {
+    std::string text;
+    for (std::stringstream all(contents(kErrorLog)); std::getline(all, text, ' ');)
+      if (text.starts_with("line")) lines += text;
+    return lines.size();
+  };
+  usleep(2000);
+  traceLog(" line0 \n");
+  EXPECT_EQ(written(), 5u);  // the last write is long past
+  std::string expected = "line0";
+  for (int i = 1; i < 2000; ++i) {
+    traceLog(" line%d \n", i);
+    expected += "line" + std::to_string(i);
+  }
+  lines.clear();
+  EXPECT_GT(written() + 16 * 1024, expected.size());
+  lines.clear();
+  flushTraceLines();
+  written();
+  EXPECT_EQ(lines, expected);
+}
+
 TEST_F(WorkDir, TraceLinesCarryTheirPrefix) {
   settings.phase = 51;
   settings.pass = 3;
@@ -100,6 +126,7 @@ TEST_F(WorkDir, TraceLinesCarryTheirPrefix) {
   traceLog("crDir: path %s, rc %d\n", "/m/%s", -1);
   traceLog("%s\n", std::string(5000, 'x').c_str());
   EXPECT_EQ(errno, ENOSPC);
+  flushTraceLines();
   const std::string text = contents(kErrorLog);
   const std::string prefix = R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\]\[[^\]\n]+\]\[pid:)" +
                              std::to_string(getpid()) + R"( phase:51 pass:3\]: )";
@@ -199,6 +226,7 @@ TEST_F(WorkDir, AFullDiskIsReportedAtTheClose) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Error flushing work file cpList: No space left on device\n");
   EXPECT_EQ(rc, ENOSPC);
+  flushTraceLines();
   EXPECT_NE(contents(kErrorLog).find("Error flushing work file cpList"), std::string::npos);
 
   file = WorkFile::open("/dev/full", WorkFile::Mode::kKeep);

@@ -13,6 +13,7 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "run/trace_buffer.h"
 #include "run/work_dir.h"
 #include "scan/scan_pass.h"
 
@@ -154,6 +155,7 @@ std::string FakeFileset::read(const std::string &path) {
   return text.str();
 }
 std::string FakeFileset::traces() const {
+  flushTraceLines();
   return read(settings.shareDir + "/" + kErrorLog);
 }
 
