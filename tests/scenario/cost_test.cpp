@@ -35,6 +35,10 @@ class Cost : public RestoreFixture {
     }
     takeSnapshot();
     change(tree());
+    return countsOfRestore();
+  }
+
+  Counts countsOfRestore() {
     testsupport::FaultPlan plan(testsupport::Fault{.call = "none"});
     testsupport::RunOptions options;
     options.environment = plan.environment();
@@ -79,6 +83,41 @@ TEST_F(Cost, SameChangesAmongFiveHundredAndSixThousandFiles) {
 TEST_F(Cost, NothingToDo) {
   const auto change = [](TreeBuilder &t) { t.file("new"); };
   expectSame(countsWith(0, change), countsWith(6000, change));
+}
+
+// Of each kind of record twenty. Nothing is read, and an object is opened once in each tree.
+TEST_F(Cost, OfARecord) {
+  constexpr uint32_t kFiles = 20;
+  constexpr int kMain = 3, kCreate = 51;
+  for (int i = 0; i < int{kFiles}; ++i)
+    for (const char *kind : {"changed", "attributes", "deleted"}) tree().big(name(kind, i), 30001, 1);
+  takeSnapshot();
+  for (int i = 0; i < int{kFiles}; ++i) {
+    tree().write(name("changed", i), 20000, "x");
+    tree().chmod(name("attributes", i), 0600);
+    tree().remove(name("deleted", i));
+  }
+  Counts made = countsOfRestore();
+  const auto calls = [&](const std::string &call, int phase) { return made[{"kest_" + call, phase}]; };
+  for (const char *copying : {"iread", "ireadx", "iwritex", "truncate"})
+    EXPECT_EQ(calls(copying, kMain) + calls(copying, kCreate), 0u) << copying;
+  EXPECT_EQ(calls("ishare", kMain), kFiles);
+  EXPECT_EQ(calls("ishare", kCreate), kFiles);
+  struct Limit {
+    const char *call;
+    uint32_t most;  // for one record
+  };
+  for (const Limit &limit : {Limit{"iopen64", 2},
+                             {"istat", 2},
+                             {"igetattrsx", 0},
+                             {"lstat", 2},
+                             {"open_path", 0},
+                             {"fcntl", 2},
+                             {"fgetacl", 1},
+                             {"fputacl", 1}}) {
+    EXPECT_LE(calls(limit.call, kMain), limit.most * 2 * kFiles) << limit.call;
+    EXPECT_LE(calls(limit.call, kCreate), limit.most * kFiles) << limit.call;
+  }
 }
 
 }  // namespace
