@@ -110,7 +110,7 @@ TEST_F(Cost, OfARecord) {
   for (const Limit &limit : {Limit{"iopen64", 2},
                              {"istat", 2},
                              {"igetattrsx", 0},
-                             {"lstat", 2},
+                             {"lstat", 3},
                              {"open_path", 0},
                              {"fcntl", 2},
                              {"fgetacl", 1},
