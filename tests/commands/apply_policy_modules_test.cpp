@@ -176,7 +176,7 @@ TEST(BatchFile, EscapesThePathAndNothingElse) {
 TEST(Batcher, BatchSizes) {
   struct Aggregate {
     int records;
-    bool ranges = false;
+    int range = 0;  // bytes
   };
   struct {
     const char *name;
@@ -192,9 +192,10 @@ TEST(Batcher, BatchSizes) {
       {"small ones share", 100, {{30}, {30}, {30}, {30}}, {90, 30}},
       {"one that does not fit is not cut", 100, {{60}, {50}, {50}}, {60, 100}},
       {"rest of a long one takes small ones", 100, {{150}, {20}, {40}}, {100, 70, 40}},
-      {"ranges of several aggregates", 100, {{1, true}, {1, true}, {2, true}}, {1, 1, 2}},
-      {"ranges of one aggregate", 2, {{5, true}}, {2, 3}},
-      {"ranges with other records", 100, {{5}, {1, true}, {5}, {1, true}, {5}}, {11, 6}},
+      {"ranges of several aggregates", 100, {{1, 65536}, {1, 65536}, {2, 65536}}, {1, 1, 2}},
+      {"ranges of one aggregate", 2, {{5, 65536}}, {2, 3}},
+      {"ranges with other records", 100, {{5}, {1, 65536}, {5}, {1, 65536}, {5}}, {11, 6}},
+      {"small ranges", 100, {{1, 65535}, {1, 65535}, {2, 65536}, {1, 65535}}, {5}},
       {"batches of one", 1, {{2}, {1}, {3}}, {1, 1, 1, 1, 1, 1}},
   };
   for (const auto &one : cases) {
@@ -214,7 +215,7 @@ TEST(Batcher, BatchSizes) {
         ListRecord record;
         record.aggregate = static_cast<int64_t>(i);
         record.inode = inode++;
-        record.operation = one.aggregates[i].ranges ? "2,0,4096,0,0" : "7,0,0,0,0";
+        record.operation = one.aggregates[i].range ? "2,0," + std::to_string(one.aggregates[i].range) + ",0,0" : "7,0,0,0,0";
         batcher.add(record);
         takeAll();
       }

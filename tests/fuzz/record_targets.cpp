@@ -121,7 +121,8 @@ void opString(std::string_view input) {
              again.length == op.length && again.holeFound == op.holeFound && again.clone == op.clone);
   kest::ListRecord record;
   record.operation = text;
-  FUZZ_CHECK(record.isDataRange() == ((op.opCode == 1 || op.opCode == 2) && op.length > 0));
+  FUZZ_CHECK(record.isLargeRange() ==
+             ((op.opCode == 1 || op.opCode == 2) && op.length >= kest::kLargeRange));
 }
 
 void batchLine(std::string_view input) {
@@ -169,7 +170,7 @@ void batches(std::string_view input) {
       int64_t ranges = -1;  // aggregate of the byte ranges in it
       for (const kest::ListRecord &record : batch) {
         FUZZ_CHECK(record.inode == next++);
-        if (!record.isDataRange()) continue;
+        if (!record.isLargeRange()) continue;
         FUZZ_CHECK(ranges < 0 || ranges == record.aggregate);
         ranges = record.aggregate;
       }
@@ -180,7 +181,7 @@ void batches(std::string_view input) {
     kest::ListRecord record;
     record.aggregate = aggregate;
     record.inode = i - 1;
-    record.operation = formatOpString((input[i] >> 1) & 3, 0, static_cast<uint8_t>(input[i]) >> 3);
+    record.operation = formatOpString((input[i] >> 1) & 3, 0, kest::kLargeRange - 16 + (static_cast<uint8_t>(input[i]) >> 3));
     batcher.add(record);
     take();
   }

@@ -20,7 +20,7 @@ void Batcher::add(ListRecord record) {
 
 void Batcher::endRun() {
   bool has_ranges = std::any_of(run_.begin(), run_.end(),
-                                [](const ListRecord &record) { return record.isDataRange(); });
+                                [](const ListRecord &record) { return record.isLargeRange(); });
   bool fits = open_.size() + run_.size() <= max_records_ && !(has_ranges && open_has_ranges_);
   if (!fits) closeOpen();
   if (max_records_ == 1 && run_.size() == 2) {

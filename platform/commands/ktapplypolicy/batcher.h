@@ -5,8 +5,9 @@
 //   full batches, and a remainder of one record joins the batch before it (aggregates tend to be one
 //   record longer than a batch).
 // - Small aggregates share a batch as long as each fits whole.
-// - Byte ranges of different aggregates never share a batch: the ranges of a large file are numbered
-//   into an aggregate each, so that many workers copy it at once.
+// - Large byte ranges of different aggregates never share a batch: the ranges of a large file are
+//   numbered into an aggregate each, so that many workers copy it at once. Small ones do: they cost
+//   less than the start of a worker.
 #pragma once
 
 #include <cstddef>

@@ -96,7 +96,7 @@ bool readFields(FieldReader &in, ListRecord *record) {
 
 }  // namespace
 
-bool ListRecord::isDataRange() const {
+bool ListRecord::isLargeRange() const {
   const char *at = operation.data();
   const char *end = at + operation.size();
   int code = 0;
@@ -107,7 +107,7 @@ bool ListRecord::isDataRange() const {
   step = std::from_chars(step.ptr + 1, end, offset);
   if (step.ec != std::errc() || step.ptr == end || *step.ptr != ',') return false;
   step = std::from_chars(step.ptr + 1, end, length);
-  return step.ec == std::errc() && (code == 1 || code == 2) && length > 0;
+  return step.ec == std::errc() && (code == 1 || code == 2) && length >= kLargeRange;
 }
 
 size_t parseListRecord(std::string_view data, ListRecord *record, std::string *problem,

@@ -16,6 +16,8 @@
 
 namespace kest {
 
+inline constexpr uint64_t kLargeRange = 65536;  // bytes
+
 struct ListRecord {
   int64_t aggregate = 0;
   uint64_t inode = 0;
@@ -24,8 +26,8 @@ struct ListRecord {
   std::string path;       // not escaped, below 4096 bytes
   std::string operation;  // one word, below 128 bytes
 
-  // A byte range of a file: operation 1 or 2 with a length above 0.
-  bool isDataRange() const;
+  // A byte range of a file that is worth a worker: operation 1 or 2 with kLargeRange bytes or more.
+  bool isLargeRange() const;
 };
 
 // Takes one record from the start of `data`. The number of bytes it took, or 0 with *problem set and
