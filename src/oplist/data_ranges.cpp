@@ -223,21 +223,9 @@ ListResult listDeletedFile(const RangeWriter &writer, const std::string &path, u
     }
     if (!from_data) return {};
   }
-  // The file that is made gets the snapshot's storage flags, so that it can share all blocks at once;
-  // without extended attributes it gets those of its directory.
+  // One record makes the file with all of its data: between two, somebody with a right to the directory
+  // could put another user's file in its place.
   const int64_t size = isRegular(snap->if_mode) ? static_cast<int64_t>(snap->if_size) : 0;
-  const bool at_once = size > 0 && !settings.noXAttr;
-  DataWalk creation(*cpListP, path, snap.get(), nullptr, kOpRestoreDelFile, at_once && clone);
-  if (creation.addWhole(at_once ? size : 0) != 0) return fail(-1, writer.creationCode);
-  if (at_once) return {};
-
-  DataWalk walk(*cpDeltaP, path, snap.get(), nullptr, kOpRestoreDelFile, clone);
-  for (int64_t offset = 0; offset < size;) {
-    int hole = 0;
-    const int64_t length = nextOfAll(snap.get(), &offset, size, &hole);
-    if (length < 0) return fail(-1, writer.dataCode);
-    if (walk.addRange({offset, length, hole != 0}) != 0) return fail(-1, writer.dataCode);
-    offset += length;
-  }
-  return walk.writeWaiting() == 0 ? ListResult{} : fail(-1, writer.dataCode);
+  DataWalk creation(*cpListP, path, snap.get(), nullptr, kOpRestoreDelFile, size > 0 && clone);
+  return creation.addWhole(size) == 0 ? ListResult{} : fail(-1, writer.creationCode);
 }

@@ -1,4 +1,4 @@
-// The records of one file's data: changed ranges of a surviving file, all ranges of a deleted one.
+// The records of one file's data: changed ranges of a surviving file, all of a deleted one.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,6 @@ struct RangeWriter {
   const char *name;  // in trace lines
   WorkFile *list;    // op 2 records
   int creationCode;  // the op 1 record could not be written
-  int dataCode;      // an op 1 data range could not be written
 };
 
 struct ListResult {
@@ -24,7 +23,6 @@ struct ListResult {
 // one record without a range, which restores its attributes.
 ListResult listChangedFile(const RangeWriter &writer, const std::string &path, uint64_t ino);
 
-// Op 1: the creation record in opList.copy, with all data as its range; without extended attributes
-// (-x) the data ranges in opList.copy.delta instead. Of a clone whose parent is to be had the record of
-// its depth's clone list, of any other parent both.
+// Op 1: the creation record in opList.copy, with all data as its range. Of a clone whose parent is to be
+// had the record of its depth's clone list, of any other parent both.
 ListResult listDeletedFile(const RangeWriter &writer, const std::string &path, uint64_t ino);

@@ -99,7 +99,7 @@ ListResult listOne(uint64_t rootIno, const std::string &path, uint64_t ino, OpCo
     list = setList({rootIno, dirDepth, isDelDir, moves});
     if (!list) return {errno, moves ? 51 : 1};
   }
-  const RangeWriter writer{"DirListRecord", list, 151, 15};
+  const RangeWriter writer{"DirListRecord", list, 151};
   switch (opCode) {
     case kOpMoveFile:
       return addPlainRecord(*list, path, ino, opCode, 52);

@@ -42,7 +42,7 @@ ListResult listMove(const std::string &path, uint64_t ino) {
 }
 
 ListResult listOne(const std::string &path, uint64_t ino, OpCode opCode) {
-  const RangeWriter writer{"ListRecord", opListP.get(), 211, 21};
+  const RangeWriter writer{"ListRecord", opListP.get(), 211};
   switch (opCode) {
     case kOpFetch:
       return {fetchFile(path, ino), 1};

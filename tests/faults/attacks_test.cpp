@@ -365,4 +365,46 @@ TEST_F(Attacks, ExchangedWorkDirectory) {
   EXPECT_GT(swaps_, static_cast<unsigned>(runs));
 }
 
+// Files that root keeps in alice's directory are deleted together with files of hers. As soon as one of
+// root's is back, she renames it to where one of hers is due: what it holds must not become hers.
+TEST_F(Attacks, RenamedOverWhatIsDue) {
+  constexpr int kPairs = 60;
+  const std::string secret(9000, 's');
+  tree().dirs("alice");
+  for (int i = 0; i < kPairs; ++i) {
+    const std::string number = std::to_string(i);
+    tree().file("alice/secret" + number, secret, 0600);
+    tree().mtime("alice/secret" + number, 1000000000);
+    tree().file("alice/x" + number, "hers");
+    tree().chown("alice/x" + number, kAlice, kAlice);
+  }
+  tree().chown("alice", kAlice, kAlice);
+  takeSnapshot();
+  const auto rename_all = [](std::minstd_rand &, std::atomic<uint64_t> &swaps) {
+    for (int i = 0; i < kPairs; ++i) {
+      const std::string from = "alice/secret" + std::to_string(i), to = "alice/x" + std::to_string(i);
+      struct stat st;
+      if (lstat(from.c_str(), &st) == 0 && st.st_mtime == 1000000000 &&
+          rename(from.c_str(), to.c_str()) == 0)
+        ++swaps;
+    }
+  };
+  for (const std::vector<std::string> &options : {std::vector<std::string>{}, {"-x"}}) {
+    for (int round = 0; round < rounds(2) && !HasFailure(); ++round) {
+      for (int i = 0; i < kPairs; ++i)
+        for (const char *name : {"alice/secret", "alice/x"})
+          unlink((root() + "/" + name + std::to_string(i)).c_str());
+      Attackers attackers(root(), kAlice, 1, {rename_all});
+      statuses_[restore("snap", options).exitStatus]++;
+      swaps_ += attackers.stop();
+      for (const auto &[path, one] : fingerprint(root()).objects) {
+        const bool hers = one.uid == kAlice && S_ISREG(one.mode);
+        EXPECT_FALSE(hers && one.size > 4) << path << " has root's data";
+      }
+      EXPECT_EQ(restore("snap", options).exitStatus, 0);
+    }
+  }
+  report("renamed over what is due", 2 * rounds(2));
+}
+
 }  // namespace

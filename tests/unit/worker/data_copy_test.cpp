@@ -40,21 +40,6 @@ TEST_F(DataCopy, CopiesBlockByBlock) {
   EXPECT_TRUE(fakeKest.calls.empty());
 }
 
-TEST_F(DataCopy, FileThatEndsBeforeItsSizeIsNotListed) {
-  const std::string path = active("g");
-  makeFile(snap("g"), std::string(1000, 'x'));
-  cpListP = WorkFile::open(workPath(kOpListCopy), WorkFile::Mode::kTruncate);
-  cpDeltaP = WorkFile::open(workPath(kOpListDelta), WorkFile::Mode::kTruncate);
-  settings.noXAttr = true;  // otherwise the file is one record
-  fakeKest.reads = {500, 500};
-  EXPECT_EQ(ListRecord(path, inoOf(snap("g")), kOpRestoreDelFile, 0), 0);
-  fakeKest.reads = {500, 0};
-  EXPECT_NE(ListRecord(path, inoOf(snap("g")), kOpRestoreDelFile, 0), 0);
-  EXPECT_EQ(errno, EIO);
-  cpListP.reset();
-  cpDeltaP.reset();
-}
-
 TEST_F(DataCopy, HolesAreOneWriteOrFoundWhileReading) {
   ASSERT_EQ(copy(0, 1 << 30, 1), 0);
   EXPECT_EQ(fakeKest.calls, std::vector<std::string>{"punch 0+1073741824"});
