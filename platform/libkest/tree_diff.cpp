@@ -184,7 +184,7 @@ int TreeDiff::collectBelow(Side *side, uint64_t dir) {
 // leave the sequence alone. So they count only where the last change was clearly before the line.
 bool TreeDiff::untouched(const InodeItem &now, const InodeItem &then) const {
   return now.ctime == then.ctime && now.sequence == then.sequence &&
-         now.ctime.sec < line_time_ - kClockMargin;
+         now.ctime.sec + kClockMargin < line_time_;
 }
 
 // Goes through the touched inodes of both trees as one.

@@ -43,9 +43,19 @@ struct Target {
 
 // Each step: 0, or the code of the failing one with errno.
 
+// The change of the owner keeps the mode, which is restored after it: until then a program would run as
+// the new owner because the old one wanted it.
+int dropSpecialBits(const Target &target) {
+  if (!isRegular(target.st.st_mode) || (target.st.st_mode & (S_ISUID | S_ISGID)) == 0) return 0;
+  const std::string name = "/proc/self/fd/" + std::to_string(target.fd.get());
+  const mode_t mode = target.st.st_mode & 01777;
+  return retryClearing(target.path, "", [&] { return chmod(name.c_str(), mode); });
+}
+
 int restoreOwner(Target &target) {
   const kest_iattr64_t &attr = target.attr;
   if (target.st.st_uid == attr.ia_uid && target.st.st_gid == attr.ia_gid) return 0;
+  if (dropSpecialBits(target) != 0) return 7;
   const int err = retryClearing(target.path, "",
                                 [&] { return kest_fchown(target.fd.get(), attr.ia_uid, attr.ia_gid); });
   return err == 0 ? 0 : 7;

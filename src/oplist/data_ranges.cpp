@@ -161,14 +161,22 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
   }
   // A file of another clone state never comes here, it is made anew: the active file carries what the
   // snapshot's does.
-  DataWalk walk(*writer.list, path, snap.get(), active.get(), kOpRestoreDiffFile,
-                isClone(snap.get(), nullptr, nullptr));
+  const bool clone = isClone(snap.get(), nullptr, nullptr);
+  DataWalk walk(*writer.list, path, snap.get(), active.get(), kOpRestoreDiffFile, clone);
   if (!isRegular(snap->if_mode)) return walk.finish() == 0 ? ListResult{} : fail(errno, 2);
 
   const int64_t snap_size = static_cast<int64_t>(snap->if_size);
   const int64_t active_size = static_cast<int64_t>(active->if_size);
+  int code = 0;
+  // Copy-on-write can be turned on and off for an empty file only.
+  const int alike = clone || settings.noXAttr ? 1 : kest_ishareable(snap.get(), active.get());
+  if (alike < 0) return fail(-1, 14);
+  if (alike == 0) {
+    if (active_size > 0 && truncateActive(writer, path, ino, active_size, 0, &code) != 0)
+      return fail(-1, code);
+    return walk.addWhole(snap_size) == 0 ? ListResult{} : fail(errno, 2);
+  }
   if (snap_size != active_size) {
-    int code = 0;
     if (truncateActive(writer, path, ino, active_size, snap_size, &code) != 0) return fail(-1, code);
   }
 

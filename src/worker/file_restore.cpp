@@ -68,11 +68,13 @@ Step DeletedFile::createFailed(const char *call, int err) const {
 }
 
 int DeletedFile::makeRegular(Descriptor *fd) {
+  // Root's until its owner is set: with the mode it is to have, somebody's program would be root's for
+  // a moment, or for good where the worker dies.
+  constexpr mode_t kOwnersAlone = 0600;
   // Never waits for the other end of a FIFO that took the name.
   const int flags = O_RDONLY | O_NONBLOCK | (phaseMakes() ? O_CREAT : 0);
   return retryClearing(path_, "", [&] {
-    *fd = Descriptor(
-        kest_open_file(handles.activeFsP, linkFree(path_).c_str(), flags, snap_->if_mode & 07777));
+    *fd = Descriptor(kest_open_file(handles.activeFsP, linkFree(path_).c_str(), flags, kOwnersAlone));
     return *fd ? 0 : -1;
   });
 }

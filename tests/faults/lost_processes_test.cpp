@@ -120,4 +120,27 @@ TEST_F(LostProcesses, MasterThenTheSameCommand) {
   }
 }
 
+// Around the change of an owner: nothing that a user made or marked may be left for him to run as root.
+TEST_F(LostProcesses, NoUsersProgramIsLeftToRoot) {
+  constexpr uid_t kUser = 1001;
+  tree().file("program", "a user's", 04755);
+  tree().chown("program", kUser, kUser);
+  tree().chmod("program", 04755);
+  tree().file("tool", "root's", 0755);
+  takeSnapshot();
+  for (const int phase : {kMain, kCreate}) {
+    for (const char *call : {"kest_fchown", "kest_fputacl"}) {
+      tree().remove("program");
+      tree().chown("tool", kUser, kUser);
+      tree().chmod("tool", 04755);
+      const Fault fault{.call = call, .action = FaultAction::kKillBefore, .where = phase, .times = 0};
+      SCOPED_TRACE(fault.words());
+      EXPECT_EQ(restoreWith(fault).exitStatus, 1);
+      for (const auto &[path, one] : testsupport::fingerprint(root()).objects)
+        EXPECT_FALSE(one.uid == 0 && S_ISREG(one.mode) && (one.mode & (S_ISUID | S_ISGID))) << path;
+      expectRestored("snap");
+    }
+  }
+}
+
 }  // namespace

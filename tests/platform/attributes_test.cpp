@@ -210,6 +210,7 @@ TEST_F(Attributes, MoreNamesThanTheKernelLists) {
   std::string blob = blobOf("from");
   ASSERT_EQ(0, put("to", &blob)) << strerror(errno);
   EXPECT_EQ(blob, blobOf("to"));
+  expectIndicator("to", true);
   char value[8] = {};
   EXPECT_EQ(3, lgetxattr(at("to").c_str(), name(299).c_str(), value, sizeof value));
   EXPECT_STREQ("299", value);

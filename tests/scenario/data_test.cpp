@@ -258,18 +258,30 @@ TEST_F(NearlyFull, BigFilesAreSharedAndNotCopied) {
   fs().destroySubvolume("others");
 }
 
-// A file that has become one without copy-on-write keeps that while it has data, so nothing can be
-// shared.
+// A file that has become one without copy-on-write, or ceased to be one, keeps that while it has data:
+// it is emptied first. Where attributes are not wanted it stays what it is, and nothing can be shared.
 using OtherStorage = RestoreFixture;
-TEST_F(OtherStorage, IsCopiedInFrames) {
+TEST_F(OtherStorage, ComesBackOrIsCopiedInFrames) {
   TreeBuilder &t = tree();
   t.big("f", 40 * kMiB, 37);
+  t.file("back");
+  t.noCow("back");
+  t.pattern("back", 0, 50000, 38);
+  t.file("empty now", "had data");
   const auto wanted = t.read("f");
   takeSnapshot();
-  t.truncate("f", 0);
-  t.noCow("f");
-  t.pattern("f", 0, 39 * kMiB + 77, 38);
-  const RunResult result = restore();
+  const auto change = [&] {
+    for (const char *name : {"f", "back", "empty now"}) {
+      t.truncate(name, 0);
+      t.noCow(name, std::string(name) != "back");
+    }
+    t.pattern("f", 0, 39 * kMiB + 77, 38);
+    t.pattern("back", 0, 50000, 39);
+  };
+  change();
+  expectRestored();
+  change();
+  const RunResult result = restore("snap", {"-x"});
   EXPECT_EQ(result.exitStatus, 0) << result.describe();
   EXPECT_TRUE(t.read("f") == wanted);
 }
