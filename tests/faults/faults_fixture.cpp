@@ -106,6 +106,16 @@ void Faults::prepare(void (*further)(TreeBuilder &)) {
   before_ = fingerprint(root());
 }
 
+std::unique_ptr<Running> Faults::startUntil(const Stage &stage) {
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    prepare();
+    auto run = start();
+    if (reach(*run, root(), stage)) return run;
+  }
+  ADD_FAILURE() << "no run was seen in the stage " << stage.name;
+  return nullptr;
+}
+
 RunResult Faults::restoreWith(const Fault &fault, unsigned items) {
   FaultPlan plan(fault);
   testsupport::RunOptions options;

@@ -33,6 +33,8 @@ class Faults : public scenario::RestoreFixture {
   std::unique_ptr<Running> start(int ignored = 0) {
     return std::make_unique<Running>(fs().mountPoint(), fileset(), snapshotName(), ignored);
   }
+  // prepare() and start(), again where the run was over before it was seen in that stage.
+  std::unique_ptr<Running> startUntil(const Stage &stage);
   // exit status 0, tree and snapshot equal, nothing left, every survivor kept.
   void expectEqual(const RunResult &result);
   // The same command again, without a fault, ends well.

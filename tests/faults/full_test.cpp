@@ -84,9 +84,8 @@ TEST_F(Full, ThenTheSameCommand) {
       if (!all && stage % kKinds != kind) continue;
       SCOPED_TRACE(std::string(kKindNames[kind]) + " from " + kStages[stage].name + " on");
       const bool nested = stage % 2 != 0;
-      prepare();
-      auto run = start();
-      ASSERT_TRUE(reach(*run, root(), kStages[stage])) << run->said();
+      auto run = startUntil(kStages[stage]);
+      ASSERT_TRUE(run);
       for (const Process &process : run->living()) kill(process.pid, SIGSTOP);
       plant(workDirs(root())[0], nested);
       makeFull(static_cast<Kind>(kind));
