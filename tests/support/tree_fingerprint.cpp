@@ -70,8 +70,15 @@ class Reader {
   }
 
  private:
-  // fd is opened with O_PATH: nothing is started on devices and FIFOs by looking at them.
   void readObject(int fd, const std::string &path, ino_t parent) {
+    ino_t inode = 0;
+    const Descriptor dir = describe(fd, path, parent, &inode);
+    if (dir.valid()) readEntries(dir.get(), path, inode);
+  }
+
+  // fd is opened with O_PATH: nothing is started on devices and FIFOs by looking at them. A descriptor
+  // of a directory to read on. Not inlined: its large frame would stand once for every level of a tree.
+  [[gnu::noinline]] Descriptor describe(int fd, const std::string &path, ino_t parent, ino_t *inode) {
     ObjectPrint object;
     struct statx sx;
     if (statx(fd, "", AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0)
@@ -88,23 +95,23 @@ class Reader {
     object.parent = parent;
     if (S_ISDIR(object.mode) && !path.empty() &&
         (object.inode == kSubvolumeRoot || object.inode == kSubvolumeStub)) {
-      if (options_.ignoreNested) return;
+      if (options_.ignoreNested) return Descriptor(-1);
       object.nested = true;
       tree_.objects.emplace(path, std::move(object));
-      return;
+      return Descriptor(-1);
     }
     readXattrs(fd, path, &object);
     if (S_ISLNK(object.mode)) readTarget(fd, path, &object);
     if (!S_ISREG(object.mode) && !S_ISDIR(object.mode)) {
       tree_.objects.emplace(path, std::move(object));
-      return;
+      return Descriptor(-1);
     }
     Descriptor opened(open(procPath(fd).c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK | O_CLOEXEC));
     if (!opened.valid()) failWithErrno("open " + path);
     int flags = 0;
     if (ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0) failWithErrno("get flags of " + path);
     object.flags = static_cast<unsigned>(flags) & kComparedFlags;
-    ino_t inode = object.inode;
+    *inode = object.inode;
     bool isDir = S_ISDIR(object.mode);
     if (!isDir) {
       object.size = sx.stx_size;
@@ -112,7 +119,7 @@ class Reader {
       if (object.clone) object.clone->blocks = physicalBlocks(opened.get(), path);
     }
     tree_.objects.emplace(path, std::move(object));
-    if (isDir) readEntries(opened.get(), path, inode);
+    return isDir ? std::move(opened) : Descriptor(-1);
   }
 
   void readEntries(int fd, const std::string &path, ino_t inode) {
