@@ -11,8 +11,6 @@ namespace {
 
 constexpr size_t kFirstSize = 1024;  // most lists and values fit: one call instead of two
 
-// Calls on the descriptor itself are several times cheaper than those by way of /proc, but O_PATH
-// descriptors are refused there (EBADF).
 // `get`(buffer, size) as getxattr. Repeated while the attribute grows under our hands.
 template <typename Get>
 int readGrowing(Get get, std::string *out) {
@@ -32,6 +30,8 @@ int readGrowing(Get get, std::string *out) {
 
 }  // namespace
 
+// Here and below: calls on the descriptor itself are several times cheaper than those by way of /proc,
+// but refused for O_PATH descriptors (EBADF).
 int listXattrs(int fd, std::vector<std::string> *names) {
   names->clear();
   std::string list;

@@ -46,10 +46,8 @@ int carriesBlobNow(OpenInode *file, mode_t mode, uint32_t *answer) {
       if (int rc = readStorageFlags(fd, &flags); rc < 0) return rc;
     }
     std::vector<std::string> names;
-    const int rc = listXattrs(file->anyFd(), &names);
-    if (rc < 0 && rc != -E2BIG) return rc;  // more names than the kernel lists are some
-    file->carries_blob =
-        rc == -E2BIG || flags != 0 || std::any_of(names.begin(), names.end(), travelsInBlob);
+    if (int rc = listAttributes(*file, &names); rc < 0) return rc;
+    file->carries_blob = flags != 0 || std::any_of(names.begin(), names.end(), travelsInBlob);
   }
   *answer = *file->carries_blob ? 1 : 0;
   return 0;

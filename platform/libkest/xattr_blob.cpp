@@ -22,18 +22,6 @@ bool hasStorageFlags(const OpenInode &file) {
   return S_ISREG(file.if_mode) || S_ISDIR(file.if_mode);
 }
 
-// The kernel lists at most 64 KiB of names; the tree holds any number of them.
-int listAttributes(const OpenInode &file, std::vector<std::string> *names) {
-  int rc = listXattrs(file.anyFd(), names);
-  if (rc != -E2BIG) return rc;
-  TreeReader tree(file.handle->root.get(), file.handle->subvol_id);
-  std::vector<XattrItem> items;
-  rc = readXattrs(tree, file.if_inode, &items);
-  if (rc <= 0) return rc == 0 ? -ENOENT : rc;
-  for (XattrItem &item : items) names->push_back(std::move(item.name));
-  return 0;
-}
-
 int readAttributes(OpenInode *file, BlobAttributes *out) {
   int real_fd = -1;
   if (hasStorageFlags(*file)) {
@@ -113,6 +101,18 @@ int applyStorage(OpenInode *file, const BlobAttributes &now, const BlobAttribute
 }
 
 }  // namespace
+
+// The kernel lists at most 64 KiB of names; the tree holds any number of them.
+int listAttributes(const OpenInode &file, std::vector<std::string> *names) {
+  int rc = listXattrs(file.anyFd(), names);
+  if (rc != -E2BIG) return rc;
+  TreeReader tree(file.handle->root.get(), file.handle->subvol_id);
+  std::vector<XattrItem> items;
+  rc = readXattrs(tree, file.if_inode, &items);
+  if (rc <= 0) return rc == 0 ? -ENOENT : rc;
+  for (XattrItem &item : items) names->push_back(std::move(item.name));
+  return 0;
+}
 
 bool carriesBlob(mode_t mode, uint64_t item_flags, const std::vector<std::string> &names) {
   return storageFlagsOfItem(mode, item_flags) != 0 ||

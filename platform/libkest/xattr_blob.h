@@ -17,6 +17,9 @@ namespace kest {
 // inode item. This is what ia_xattr must say.
 bool carriesBlob(mode_t mode, uint64_t item_flags, const std::vector<std::string> &names);
 
+// The names of all attributes of an open inode, however many. 0 or -errno.
+int listAttributes(const OpenInode &file, std::vector<std::string> *names);
+
 // The blob of an open inode; empty where there is nothing to tell. 0 or -errno.
 int readBlob(OpenInode *file, std::string *blob);
 

@@ -11,8 +11,8 @@
 #include <unordered_map>
 
 #include "object/control_request.h"
-#include "object/descriptor.h"
 #include "object/path_files.h"
+#include "run/descriptor.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -26,10 +26,6 @@ namespace {
 using NewParents = std::unordered_map<uint64_t, uint64_t>;  // number in the snapshot to number now
 
 constexpr std::string_view kNewParentSuffix = ".clone.newParent";
-
-struct ScanCloser {
-  void operator()(kest_iscan_t *scan_of) const { kest_close_inodescan(scan_of); }
-};
 
 // The <ino> of "<ino>.clone.newParent"; false for every other name.
 bool parseNewParentName(std::string_view name, uint64_t *ino) {
@@ -103,8 +99,7 @@ int followNewParents() {
     return -1;
   }
   if (parents.empty()) return 0;
-  const std::unique_ptr<kest_iscan_t, ScanCloser> all(
-      kest_open_inodescan64(handles.oldFsP, nullptr, nullptr));
+  const InodeScan all(kest_open_inodescan64(handles.oldFsP, nullptr, nullptr));
   if (!all) return -1;
   for (;;) {
     const kest_iattr64_t *attr = nullptr;

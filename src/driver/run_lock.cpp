@@ -6,11 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <string>
 
 #include "cfgmgr/messages.h"
-#include "object/descriptor.h"
 #include "object/object_stat.h"
+#include "run/descriptor.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/shell_command.h"
@@ -26,8 +25,7 @@ int takeLock() {
   // Of the directory that the handle holds, whatever its path means by now.
   const Descriptor named(openObject(handles.rootPath));
   if (!named) return -1;
-  const std::string path = "/proc/self/fd/" + std::to_string(named.get());
-  const Descriptor root(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const Descriptor root(reopen(named.get(), O_RDONLY | O_DIRECTORY));
   if (!root || flock(root.get(), LOCK_EX | LOCK_NB) != 0) return -1;
   return fcntl(root.get(), F_DUPFD_CLOEXEC, kLeastDescriptor);  // shares the lock
 }

@@ -7,11 +7,11 @@
 
 #include "object/clear_flags.h"
 #include "object/control_request.h"
-#include "object/descriptor.h"
 #include "object/identity.h"
 #include "object/object_stat.h"
 #include "object/snap_path.h"
 #include "object/xattr_restore.h"
+#include "run/descriptor.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -47,7 +47,7 @@ struct Target {
 // the new owner because the old one wanted it.
 int dropSpecialBits(const Target &target) {
   if (!isRegular(target.st.st_mode) || (target.st.st_mode & (S_ISUID | S_ISGID)) == 0) return 0;
-  const std::string name = "/proc/self/fd/" + std::to_string(target.fd.get());
+  const std::string name = descriptorPath(target.fd.get());
   const mode_t mode = target.st.st_mode & 01777;
   return retryClearing(target.path, "", [&] { return chmod(name.c_str(), mode); });
 }
@@ -107,8 +107,8 @@ int restoreTimes(Target &target) {
 // is here.
 int restoreCapability(Target &target) {
   if (settings.noXAttr || !isRegular(target.attr.ia_mode) || target.attr.ia_xattr == 0) return 0;
-  const std::string snap_name = "/proc/self/fd/" + std::to_string(target.snapFd.get());
-  const std::string name = "/proc/self/fd/" + std::to_string(target.fd.get());
+  const std::string snap_name = descriptorPath(target.snapFd.get());
+  const std::string name = descriptorPath(target.fd.get());
   char wanted[256], now[256];
   const ssize_t length = getxattr(snap_name.c_str(), kCapability, wanted, sizeof wanted);
   if (length < 0) return errno == ENODATA || errno == EOPNOTSUPP ? 0 : 14;

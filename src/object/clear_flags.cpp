@@ -4,10 +4,10 @@
 #include <string_view>
 
 #include "object/control_request.h"
-#include "object/descriptor.h"
 #include "object/new_dir_list.h"
 #include "object/object_stat.h"
 #include "object/snap_path.h"
+#include "run/descriptor.h"
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"

@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "kest.h"
-#include "object/descriptor.h"
 #include "object/object_stat.h"
+#include "run/descriptor.h"
 #include "run/trace_log.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <cerrno>
 #include <climits>
 
-#include "object/descriptor.h"
 #include "object/temp_place.h"
+#include "run/descriptor.h"
 #include "run/path.h"
 #include "run/run_handles.h"
 

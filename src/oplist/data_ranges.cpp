@@ -36,17 +36,10 @@ struct DataRange {
 // aggregate of its own, so that many workers can share a large file.
 class DataWalk {
  public:
-  // `snap` and `active` are the file in both trees. `clone`: the records say that it is a clone or a
-  // clone parent.
-  DataWalk(WorkFile &list, const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, OpCode op,
-           bool clone = false)
-      : list_(list),
-        path_(path),
-        snap_(snap),
-        active_(active),
-        ino_(snap->if_inode),
-        op_(op),
-        clone_(clone) {}
+  // `clone`: the records say that the file is a clone or a clone parent. `shareable`: its blocks can be
+  // shared with the snapshot's.
+  DataWalk(WorkFile &list, const std::string &path, uint64_t ino, OpCode op, bool clone, bool shareable)
+      : list_(list), path_(path), ino_(ino), op_(op), clone_(clone), shareable_(shareable) {}
 
   // Lists a range that begins at or behind the end of the one before. 0 or -1 and errno.
   int addRange(const DataRange &range) {
@@ -69,11 +62,8 @@ class DataWalk {
     DataRange range = waiting_;
     waiting_ = {};
     if (range.length == 0) return 0;
-    if (range.hole || range.length <= settings.frameSize / settings.unitSize)
+    if (range.hole || shareable_ || range.length <= settings.frameSize / settings.unitSize)
       return addRecord(range, false);
-    const int shared = canShare();
-    if (shared < 0) return -1;
-    if (shared > 0) return addRecord(range, false);
     for (int64_t left = range.length; left > 0; range.offset += range.length, left -= range.length) {
       range.length = std::min<int64_t>(left, settings.frameSize);
       if (addRecord(range, written_) != 0) return -1;
@@ -88,11 +78,6 @@ class DataWalk {
   }
 
  private:
-  int canShare() {
-    if (shared_ < 0) shared_ = active_ != nullptr ? kest_ishareable(snap_, active_) : 0;
-    return shared_;
-  }
-
   int addRecord(const DataRange &range, bool own_aggregate) {
     AggregateCounter &counter = aggregates.main;
     if (own_aggregate) {
@@ -110,13 +95,11 @@ class DataWalk {
 
   WorkFile &list_;
   const std::string &path_;
-  kest_ifile_t *snap_, *active_;
   uint64_t ino_;
   OpCode op_;
-  bool clone_;
+  bool clone_, shareable_;
   DataRange waiting_;
   bool written_ = false;
-  int shared_ = -1;  // not asked yet
 };
 
 ListResult fail(int rc, int code) {
@@ -162,16 +145,16 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
   // A file of another clone state never comes here, it is made anew: the active file carries what the
   // snapshot's does.
   const bool clone = isClone(snap.get(), nullptr, nullptr);
-  DataWalk walk(*writer.list, path, snap.get(), active.get(), kOpRestoreDiffFile, clone);
+  const int shareable = kest_ishareable(snap.get(), active.get());
+  if (shareable < 0) return fail(-1, 14);
+  DataWalk walk(*writer.list, path, ino, kOpRestoreDiffFile, clone, shareable > 0);
   if (!isRegular(snap->if_mode)) return walk.finish() == 0 ? ListResult{} : fail(errno, 2);
 
   const int64_t snap_size = static_cast<int64_t>(snap->if_size);
   const int64_t active_size = static_cast<int64_t>(active->if_size);
   int code = 0;
   // Copy-on-write can be turned on and off for an empty file only.
-  const int alike = clone || settings.noXAttr ? 1 : kest_ishareable(snap.get(), active.get());
-  if (alike < 0) return fail(-1, 14);
-  if (alike == 0) {
+  if (shareable == 0 && !clone && !settings.noXAttr) {
     if (active_size > 0 && truncateActive(writer, path, ino, active_size, 0, &code) != 0)
       return fail(-1, code);
     return walk.addWhole(snap_size) == 0 ? ListResult{} : fail(errno, 2);
@@ -234,6 +217,6 @@ ListResult listDeletedFile(const RangeWriter &writer, const std::string &path, u
   // One record makes the file with all of its data: between two, somebody with a right to the directory
   // could put another user's file in its place.
   const int64_t size = isRegular(snap->if_mode) ? static_cast<int64_t>(snap->if_size) : 0;
-  DataWalk creation(*cpListP, path, snap.get(), nullptr, kOpRestoreDelFile, size > 0 && clone);
+  DataWalk creation(*cpListP, path, ino, kOpRestoreDelFile, size > 0 && clone, true);
   return creation.addWhole(size) == 0 ? ListResult{} : fail(-1, writer.creationCode);
 }

@@ -25,6 +25,12 @@ struct InodeCloser {
 };
 using Inode = std::unique_ptr<kest_ifile_t, InodeCloser>;
 
+// An inode scan that closes itself.
+struct ScanCloser {
+  void operator()(kest_iscan_t *one) const { kest_close_inodescan(one); }
+};
+using InodeScan = std::unique_ptr<kest_iscan_t, ScanCloser>;
+
 // Opens inode `ino` of a handle (flags 0 read, 1 write); empty and errno on failure.
 Inode openInode(kest_fssnap_handle_t *fs, uint64_t ino, int flags = 0);
 

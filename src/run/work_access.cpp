@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "cfgmgr/messages.h"
+#include "run/descriptor.h"
 #include "run/settings.h"
 #include "run/work_dir.h"
 
@@ -19,7 +20,7 @@ constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
 
 struct WorkDirectory {
   std::string path;
-  int fd = -1;
+  Descriptor fd;
   struct stat st {};
 };
 WorkDirectory work;
@@ -39,16 +40,7 @@ int refused() {
 struct Place {
   int dir = AT_FDCWD;
   std::string name;
-  int opened = -1;
-
-  Place() = default;
-  Place(const Place &) = delete;
-  Place &operator=(const Place &) = delete;
-  ~Place() {
-    const int saved = errno;
-    if (opened >= 0) close(opened);
-    errno = saved;
-  }
+  Descriptor opened;  // the directory, where it had to be opened
 };
 
 int openBelow(int dir, const std::string &path, int flags) {
@@ -70,10 +62,11 @@ int locate(const std::string &path, Place *place) {
   }
   std::string rest = path.substr(settings.shareDir.size() + 1);
   const size_t slash = rest.rfind('/');
-  place->dir = work.fd;
+  place->dir = work.fd.get();
   if (slash != std::string::npos) {
-    place->dir = place->opened = openBelow(work.fd, rest.substr(0, slash), O_PATH | O_DIRECTORY);
-    if (place->dir < 0) return -1;
+    place->opened = Descriptor(openBelow(work.fd.get(), rest.substr(0, slash), O_PATH | O_DIRECTORY));
+    if (!place->opened) return -1;
+    place->dir = place->opened.get();
     rest.erase(0, slash + 1);
   }
   place->name = std::move(rest);
@@ -83,27 +76,24 @@ int locate(const std::string &path, Place *place) {
 }  // namespace
 
 int openWorkDirectory() {
-  if (work.fd >= 0 && work.path == settings.shareDir) return 0;
+  if (work.fd && work.path == settings.shareDir) return 0;
   closeWorkDirectory();
-  work.fd = open(settings.shareDir.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  if (work.fd < 0) return errno == ELOOP || errno == ENOTDIR ? refused() : errno;
-  work.path = settings.shareDir;
+  Descriptor fd(open(settings.shareDir.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return errno == ELOOP || errno == ENOTDIR ? refused() : errno;
   const char *told = getenv(kIdentityVariable);
-  if (fstat(work.fd, &work.st) == 0 && mineAlone(work.st) &&
-      (told == nullptr || told == directoryIdentity(work.st)))
-    return 0;
-  close(work.fd);
-  work.fd = -1;
-  return refused();
+  struct stat st;
+  if (fstat(fd.get(), &st) != 0 || !mineAlone(st) || (told != nullptr && told != directoryIdentity(st)))
+    return refused();
+  work = {settings.shareDir, std::move(fd), st};
+  return 0;
 }
 
 void closeWorkDirectory() {
-  if (work.fd >= 0) close(work.fd);
-  work = {};
+  work = WorkDirectory();
 }
 
 int workDirectoryDescriptor() {
-  return work.fd;
+  return work.fd.get();
 }
 
 void forgetToldDirectory() {
@@ -121,11 +111,10 @@ int openWorkFile(const std::string &path, int flags, mode_t mode) {
     return -1;
   }
   if (locate(path, &place) != 0) return -1;
-  const int fd = openat(place.dir, place.name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, mode);
+  Descriptor fd(openat(place.dir, place.name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, mode));
   struct stat st;
-  if (fd < 0 || place.dir != AT_FDCWD || (flags & O_ACCMODE) != O_RDONLY) return fd;
-  if (fstat(fd, &st) == 0 && mineAlone(st)) return fd;
-  close(fd);
+  if (!fd || place.dir != AT_FDCWD || (flags & O_ACCMODE) != O_RDONLY) return fd.release();
+  if (fstat(fd.get(), &st) == 0 && mineAlone(st)) return fd.release();
   errno = EPERM;
   return -1;
 }
@@ -159,7 +148,7 @@ Dir openWorkList(const std::string &path) {
       errno = err;
       return nullptr;
     }
-    fd = openBelow(work.fd, ".", O_RDONLY | O_DIRECTORY);
+    fd = openBelow(work.fd.get(), ".", O_RDONLY | O_DIRECTORY);
   } else {
     fd = openWorkFile(path, O_RDONLY | O_DIRECTORY);
   }

@@ -174,10 +174,6 @@ int isBrokenParent(uint64_t ino) {
   return dataRangesDiffer(active.get());
 }
 
-struct ScanCloser {
-  void operator()(kest_iscan_t *scan) const { kest_close_inodescan(scan); }
-};
-
 // A clone that stands in the difference was compared already.
 int compareUnchanged(uint64_t ino, Report *report) {
   const int known = kest_idifference(handles.iscanP, ino);
@@ -209,8 +205,7 @@ int anyBrokenParent() {
 }
 
 int compareUnchangedClones(Report *report) {
-  const std::unique_ptr<kest_iscan_t, ScanCloser> all(
-      kest_open_inodescan64(handles.oldFsP, nullptr, nullptr));
+  const InodeScan all(kest_open_inodescan64(handles.oldFsP, nullptr, nullptr));
   if (!all) return -1;
   for (;;) {
     const kest_iattr64_t *attr = nullptr;

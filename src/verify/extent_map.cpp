@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "object/descriptor.h"
+#include "run/descriptor.h"
 #include "verify/object_state.h"
 
 namespace {

@@ -1,13 +1,11 @@
-// The paths of an inode number.
+// A path of an inode number.
 #pragma once
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "kest.h"
 
-// All paths below the root of the handle's tree, sorted. 0, or -1 and errno (ENOENT: none).
-int allPaths(kest_fssnap_handle_t *tree, uint64_t ino, std::vector<std::string> *paths);
-// The first of them.
+// The first path, in the order of bytes, below the root of the handle's tree. 0, or -1 and errno
+// (ENOENT: none).
 int firstPath(kest_fssnap_handle_t *tree, uint64_t ino, std::string *path);

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "object/descriptor.h"
+#include "run/descriptor.h"
 #include "run/run_handles.h"
 
 namespace {
@@ -39,11 +39,6 @@ struct ObjectState {
   bool too_many = false;  // more names than the kernel lists
 };
 
-// The way to an object behind an O_PATH descriptor, by which nothing on the way is followed.
-std::string viaDescriptor(int fd) {
-  return "/proc/self/fd/" + std::to_string(fd);
-}
-
 // 0 or an errno.
 int readValue(const char *object, const char *name, std::string *value) {
   for (;;) {
@@ -59,7 +54,7 @@ int readValue(const char *object, const char *name, std::string *value) {
 }
 
 int readXattrs(int fd, ObjectState *state) {
-  const std::string object = viaDescriptor(fd);
+  const std::string object = descriptorPath(fd);
   static std::vector<char> names(XATTR_LIST_MAX);
   const ssize_t length = listxattr(object.c_str(), names.data(), names.size());
   if (length < 0 && (errno == E2BIG || errno == ERANGE)) {
@@ -200,10 +195,9 @@ const char *kindName(uint32_t mode) {
 int openForReading(const kest_ifile_t *file) {
   const Descriptor object(kest_path_descriptor(file));
   if (!object) return -1;
-  constexpr int kFlagsToRead = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
-  const std::string way = viaDescriptor(object.get());
-  const int fd = open(way.c_str(), kFlagsToRead | O_NOATIME);
-  return fd < 0 && errno == EPERM ? open(way.c_str(), kFlagsToRead) : fd;
+  constexpr int kFlagsToRead = O_RDONLY | O_NONBLOCK;
+  const int fd = reopen(object.get(), kFlagsToRead | O_NOATIME);
+  return fd < 0 && errno == EPERM ? reopen(object.get(), kFlagsToRead) : fd;
 }
 
 int statObject(const kest_ifile_t *file, struct stat *st) {

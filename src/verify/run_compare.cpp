@@ -11,7 +11,7 @@
 #include "cfgmgr/messages.h"
 #include "driver/command_line.h"
 #include "driver/preparation.h"
-#include "object/descriptor.h"
+#include "run/descriptor.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "verify/report.h"

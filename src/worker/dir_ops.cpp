@@ -7,7 +7,6 @@
 
 #include "object/attr_restore.h"
 #include "object/clear_flags.h"
-#include "object/descriptor.h"
 #include "object/junction.h"
 #include "object/new_dir_list.h"
 #include "object/object_stat.h"
@@ -16,6 +15,7 @@
 #include "object/temp_place.h"
 #include "object/xattr_restore.h"
 #include "oplist/nested_runs.h"
+#include "run/descriptor.h"
 #include "run/path.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
@@ -94,8 +94,7 @@ Step make(const std::string &path, uint64_t ino) {
 bool reallyEmpty(const kest_ifile_t *dir) {
   Descriptor named(kest_path_descriptor(dir));
   if (!named) return false;
-  const std::string path = "/proc/self/fd/" + std::to_string(named.get());
-  const int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const int fd = reopen(named.get(), O_RDONLY | O_DIRECTORY);
   const Dir stream(fd < 0 ? nullptr : fdopendir(fd));
   if (!stream) return false;
   while (const dirent *entry = readdir(stream.get())) {

@@ -8,7 +8,6 @@
 
 #include "object/attr_restore.h"
 #include "object/clear_flags.h"
-#include "object/descriptor.h"
 #include "object/identity.h"
 #include "object/new_dir_list.h"
 #include "object/object_stat.h"
@@ -16,6 +15,7 @@
 #include "object/step.h"
 #include "object/temp_place.h"
 #include "object/xattr_restore.h"
+#include "run/descriptor.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"

@@ -11,7 +11,7 @@ int collect(void *arg, const char *path) {
   const auto *to = static_cast<Collector *>(arg);
   std::string &whole = to->paths->emplace_back(to->root);
   if (*path == '\0') return 0;
-  if (!whole.ends_with('/')) whole.append(1, '/');
+  if (!whole.empty() && !whole.ends_with('/')) whole.append(1, '/');
   whole.append(path);
   return 0;
 }

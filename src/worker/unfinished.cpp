@@ -6,10 +6,10 @@
 
 #include "kest.h"
 #include "object/clear_flags.h"
-#include "object/descriptor.h"
 #include "object/identity.h"
 #include "object/object_stat.h"
 #include "record/op_code.h"
+#include "run/descriptor.h"
 #include "run/run_handles.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"

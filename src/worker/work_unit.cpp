@@ -9,12 +9,12 @@
 #include <string_view>
 
 #include "cfgmgr/messages.h"
-#include "object/descriptor.h"
 #include "object/move_file.h"
 #include "record/batch_line.h"
 #include "record/checkpoint.h"
 #include "record/op_code.h"
 #include "record/record_format.h"
+#include "run/descriptor.h"
 #include "run/fatal_error.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -89,7 +89,8 @@ int stop(int code, int err) {
   return stop(-1, code, err);
 }
 
-// A step that met another object than the listed one, or a link on the way, tells whose work that may be.
+// A step that met another object than the listed one, or a link on the way, tells whose work that may
+// be.
 void operationFailed(const BatchLine &line, const OpString &op, int err) {
   traceLog("doWorkUnit error: %s inodeNum %lld opCode %d\n", line.path.c_str(),
            static_cast<long long>(line.ino), op.opCode);

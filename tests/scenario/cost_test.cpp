@@ -108,7 +108,7 @@ TEST_F(Cost, OfARecord) {
     uint32_t most;  // for one record
   };
   for (const Limit &limit : {Limit{"iopen64", 2},
-                             {"istat", 2},
+                             {"istat", 3},
                              {"igetattrsx", 0},
                              {"lstat", 3},
                              {"open_path", 0},

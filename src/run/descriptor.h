@@ -1,8 +1,10 @@
 // A descriptor that closes itself.
 #pragma once
 
+#include <fcntl.h>
 #include <unistd.h>
 #include <cerrno>
+#include <string>
 #include <utility>
 
 class Descriptor {
@@ -22,7 +24,18 @@ class Descriptor {
   }
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
+  int release() { return std::exchange(fd_, -1); }
 
  private:
   int fd_;
 };
+
+// The way to the object behind a descriptor, O_PATH ones included, for calls that take paths only.
+inline std::string descriptorPath(int fd) {
+  return "/proc/self/fd/" + std::to_string(fd);
+}
+
+// Opens that object anew, close-on-exec. -1 and errno.
+inline int reopen(int fd, int flags) {
+  return open(descriptorPath(fd).c_str(), flags | O_CLOEXEC);
+}
