@@ -84,7 +84,7 @@ int readXattrs(TreeReader &tree, uint64_t ino, std::vector<XattrItem> *xattrs);
 int hasXattr(TreeReader &tree, uint64_t ino, std::string_view name);
 // The entry `name` of directory `dir`, by its hash; `index` is not set.
 int findEntry(TreeReader &tree, uint64_t dir, std::string_view name, DirEntryItem *entry);
-inline constexpr size_t kDirectoryBytes = 4096;  // first_bytes of a reader of whole directories
+inline constexpr uint32_t kDirectoryItems = 50;  // first_items of a reader of whole directories
 // The next entry of directory `dir` with an index of at least `index`.
 int nextEntry(TreeReader &tree, uint64_t dir, uint64_t index, DirEntryItem *entry);
 // The next extent item of the file that begins at or behind `start`.

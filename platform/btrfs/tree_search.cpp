@@ -12,7 +12,9 @@ namespace kest {
 namespace {
 
 constexpr size_t kSmallest = 1024;
-constexpr size_t kLargest = 256 * 1024;
+constexpr size_t kItemBytes = 128;  // more than most items take
+constexpr uint32_t kMostItems = 2048;
+constexpr uint64_t kNear = 4;  // inodes
 constexpr TreeKey kMaxKey{kLastInode, 255, UINT64_MAX};
 
 }  // namespace
@@ -74,12 +76,20 @@ void TreeReader::forget() {
   batch_.clear();
 }
 
+void TreeReader::expect(uint64_t items) {
+  expected_ = static_cast<uint32_t>(std::clamp<uint64_t>(items, first_items_, kMostItems));
+}
+
 int TreeReader::fetch(const TreeKey &key) {
-  // Skipping a dozen inodes takes as long as one more search.
-  bool onwards = valid_ && key >= end_ && key.objectid - end_.objectid < 12;
-  want_bytes_ = onwards ? std::min(want_bytes_ * 4, kLargest) : first_bytes_;
+  // Reading past a few inodes takes as long as one more search.
+  const bool onwards = valid_ && key >= end_ && key.objectid - end_.objectid < kNear;
+  want_items_ = expected_ != 0 ? expected_
+                : onwards      ? std::min(want_items_ * 2, kMostItems)
+                               : first_items_;
+  expected_ = 0;
   valid_ = false;
-  int rc = batch_.read(fd_, tree_id_, key, kMaxKey, 0, want_bytes_);
+  const size_t bytes = std::max(kSmallest, want_items_ * kItemBytes);
+  int rc = batch_.read(fd_, tree_id_, key, kMaxKey, 0, bytes, want_items_);
   if (rc < 0) return rc;
   from_ = key;
   // A search that finds nothing has seen the end of the tree; any other may have stopped at the buffer.
@@ -93,7 +103,10 @@ int TreeReader::at(const TreeKey &key, const TreeItem **item) {
   *item = nullptr;
   if (!valid_ || key < from_ || key >= end_) {
     if (key >= kMaxKey) return 0;
-    int rc = fetch(key);
+    // Who asks for an attribute of an inode mostly asks for its names as well: from the inode itself
+    // on.
+    int rc = fetch(key.type <= BTRFS_XATTR_ITEM_KEY ? TreeKey{key.objectid, 0, 0} : key);
+    if (rc == 0 && key >= end_) rc = fetch(key);
     if (rc < 0) return rc;
     if (batch_.items().empty()) return 0;
   }

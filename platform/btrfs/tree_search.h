@@ -53,15 +53,17 @@ class TreeBatch {
 // are read together and kept: the closer the questions, the more of them.
 class TreeReader {
  public:
-  // `first_bytes`: how much is read for a question that is not close to the last one; the default holds an
-  // inode with its names.
-  TreeReader(int fd, uint64_t tree_id, size_t first_bytes = 1024)
-      : fd_(fd), tree_id_(tree_id), first_bytes_(first_bytes) {}
+  // `first_items`: how many are read for a question that is not close to the last one; the default
+  // holds an inode with its names and the first range of its data.
+  TreeReader(int fd, uint64_t tree_id, uint32_t first_items = 4)
+      : fd_(fd), tree_id_(tree_id), first_items_(first_items) {}
   uint64_t treeId() const { return tree_id_; }
   int fd() const { return fd_; }
 
   // 1 and the first item at or behind `key`, valid until the next call; 0 when there is none; -errno.
   int at(const TreeKey &key, const TreeItem **item);
+  // Says that what follows is not close to the last question, and how many items it is about.
+  void expect(uint64_t items);
   // Forgets what was kept. To be called where the tree may have changed since.
   void forget();
 
@@ -70,12 +72,13 @@ class TreeReader {
 
   int fd_;
   uint64_t tree_id_;
-  size_t first_bytes_;
+  uint32_t first_items_;
   TreeBatch batch_;
   TreeKey from_, end_;  // the batch holds every item in [from_, end_)
   bool valid_ = false;
   size_t position_ = 0;  // of the last answer
-  size_t want_bytes_ = 0;
+  uint32_t want_items_ = 0;
+  uint32_t expected_ = 0;  // 0: nothing was said
 };
 
 // 0 and the largest objectid in [256, kLastInode] that has an item, 0 if none; -errno.

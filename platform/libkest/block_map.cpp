@@ -76,7 +76,7 @@ int share(OpenInode *from, OpenInode *to, int64_t offset, int64_t len) {
 
 // 1 and the flags that say how the inode's data is kept; 0 no such inode; -errno.
 int readStorageOf(const OpenInode *file, uint64_t *kind) {
-  TreeReader tree(file->handle->root.get(), file->handle->subvol_id);
+  TreeReader tree(file->handle->root.get(), file->handle->subvol_id, 1);
   InodeItem inode;
   int rc = readInode(tree, file->if_inode, &inode);
   *kind = inode.flags & kItemSharingKind;

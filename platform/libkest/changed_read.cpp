@@ -67,8 +67,10 @@ int compareRanges(OpenInode *file, kest_iscan *scan, uint64_t from, uint64_t ter
   TreeReader active(scan->handle->root.get(), scan->handle->subvol_id);
   TreeReader snapshot(scan->handle->root.get(), scan->snapshot_id);
   InodeItem now, then;
+  now.generation = file->if_generation;
+  now.otime = {file->created.tv_sec, static_cast<uint32_t>(file->created.tv_nsec)};
+  now.mode = file->if_mode;
   int rc = readInode(snapshot, file->if_inode, &then);
-  if (rc > 0) rc = readInode(active, file->if_inode, &now);
   if (rc < 0) return rc;
   if (rc == 0 || !sameIdentity(now, then)) return -ENOENT;
   struct statx status;

@@ -15,6 +15,9 @@ namespace kest {
 
 namespace {
 
+// What a name of eight bytes counts in a directory's size.
+constexpr uint64_t kNameSize = 16;
+
 // One directory's DIR_INDEX items, one after the other.
 class IndexCursor {
  public:
@@ -108,10 +111,12 @@ bool mayDiffer(const TreeItem &item, uint64_t line) {
 
 }  // namespace
 
-int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, uint64_t line,
-                    const HiddenEntries &hidden, EntryDifference *difference) {
+int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, uint64_t size,
+                    uint64_t line, const HiddenEntries &hidden, EntryDifference *difference) {
   // Both sides keep their entries in the order in which they were made, so that most of them meet their
   // counterpart without a name being looked at.
+  active.expect(size / kNameSize + 2);
+  snapshot.expect(size / kNameSize + 2);
   IndexCursor now(active, dir), then(snapshot, dir);
   int rc = now.next();
   if (rc == 0) rc = then.next();
@@ -149,9 +154,9 @@ int listChangedEntries(OpenInode *file, const TreeDiff &diff, uint64_t snapshot_
   if (!own.inSnapshot() || own.replaced()) return listDirectory(file, hidden, false, &file->changed);
   if ((own.state & KEST_DI_ENTRIES) == 0) return 0;
   const int fs = handle.root.get();
-  TreeReader active(fs, handle.subvol_id, kDirectoryBytes), snapshot(fs, snapshot_id, kDirectoryBytes);
+  TreeReader active(fs, handle.subvol_id, 1), snapshot(fs, snapshot_id, 1);
   EntryDifference difference;
-  int rc = diffDirectories(active, snapshot, dir, diff.line(), hidden, &difference);
+  int rc = diffDirectories(active, snapshot, dir, file->if_size, diff.line(), hidden, &difference);
   if (rc < 0) return rc;
   EntryCheck check(*file);
 

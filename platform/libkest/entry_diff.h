@@ -17,10 +17,11 @@ struct EntryDifference {
   std::vector<DirEntryItem> active, snapshot;  // by name
 };
 
-// Compares directory `dir` of both trees by their items, hidden entries left out. `line`: the last
-// transaction that both trees have in common. 0 or -errno.
-int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, uint64_t line,
-                    const HiddenEntries &hidden, EntryDifference *difference);
+// Compares directory `dir` of both trees by their items, hidden entries left out. `size`: of the
+// directory in either tree, for an idea of how much there is to read. `line`: the last transaction that
+// both trees have in common. 0 or -errno.
+int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, uint64_t size,
+                    uint64_t line, const HiddenEntries &hidden, EntryDifference *difference);
 
 // Compares the directory with the snapshot's, drops what the live one contradicts, and fills
 // file->changed. `diff` decides whether there is anything to compare, and tells reused inode numbers.

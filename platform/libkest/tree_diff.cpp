@@ -247,7 +247,8 @@ int TreeDiff::compareSame(uint64_t ino, const InodeItem &active, const InodeItem
   EntryDifference entries;
   int rc = 0;
   if (S_ISDIR(active.mode))
-    rc = diffDirectories(active_.entries, snapshot_.entries, ino, line_, hidden_, &entries);
+    rc =
+        diffDirectories(active_.entries, snapshot_.entries, ino, active.size, line_, hidden_, &entries);
   for (const std::vector<DirEntryItem> *side : {&entries.snapshot, &entries.active})
     for (const DirEntryItem &entry : *side)
       if (rc == 0) rc = addPending(entry);

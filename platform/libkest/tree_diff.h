@@ -52,7 +52,7 @@ class TreeDiff {
   // Readers apart, so that one does not drive out the other's neighbours.
   struct Side {
     Side(int fd, uint64_t tree)
-        : inodes(fd, tree), properties(fd, tree), entries(fd, tree, kDirectoryBytes) {}
+        : inodes(fd, tree), properties(fd, tree), entries(fd, tree, kDirectoryItems) {}
     TreeReader inodes, properties, entries;
   };
 
