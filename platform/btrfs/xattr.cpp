@@ -56,12 +56,15 @@ int readXattr(int fd, const char *name, std::string *value) {
 }
 
 int writeXattr(int fd, const char *name, const std::string &value) {
-  return setxattr(FdPath(fd).get(), name, value.data(), value.size(), 0) == 0 ? 0 : -errno;
+  int rc = fsetxattr(fd, name, value.data(), value.size(), 0);
+  if (rc != 0 && errno == EBADF) rc = setxattr(FdPath(fd).get(), name, value.data(), value.size(), 0);
+  return rc == 0 ? 0 : -errno;
 }
 
 int removeXattr(int fd, const char *name) {
-  if (removexattr(FdPath(fd).get(), name) == 0 || errno == ENODATA) return 0;
-  return -errno;
+  int rc = fremovexattr(fd, name);
+  if (rc != 0 && errno == EBADF) rc = removexattr(FdPath(fd).get(), name);
+  return rc == 0 || errno == ENODATA ? 0 : -errno;
 }
 
 }  // namespace kest

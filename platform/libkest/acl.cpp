@@ -125,7 +125,7 @@ int writeAcl(int fd, const AclState &state) {
   // Last: setting an access ACL changes the permission bits.
   if (fstat(fd, &st) != 0) return -errno;
   if ((st.st_mode & kModeBits) == state.mode) return 0;
-  return chmod(FdPath(fd).get(), state.mode) == 0 ? 0 : -errno;
+  return changeMode(fd, state.mode) == 0 ? 0 : -errno;
 }
 
 }  // namespace kest

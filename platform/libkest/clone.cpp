@@ -197,7 +197,9 @@ extern "C" int kest_iclone_attr(kest_ifile_t *file, uint8_t clone[16], uint8_t c
     if (file == nullptr || file->if_kind != KEST_IFILE_KIND) return -EINVAL;
     if (!S_ISREG(file->if_mode)) return 0;
     CloneAttribute attribute;
-    int rc = readCloneAttribute(openInode(file)->path_fd.get(), &attribute);
+    // Most callers go on to read the file.
+    const int fd = openInode(file)->readFd();
+    int rc = fd < 0 ? fd : readCloneAttribute(fd, &attribute);
     if (rc <= 0) return rc;
     if (clone != nullptr) std::copy(attribute.clone.begin(), attribute.clone.end(), clone);
     if (clone_snap != nullptr)

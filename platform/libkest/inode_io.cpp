@@ -162,6 +162,27 @@ int64_t writeOrPunch(OpenInode *file, const void *buf, int64_t len, int64_t offs
   return done == 0 && *error != 0 ? -*error : done;
 }
 
+// Fills in what is known of every open inode. 0, -EXDEV another tree's, -ENOENT without a name, -errno.
+int describe(kest_fssnap_handle *handle, OpenInode *file) {
+  struct statx status;
+  int rc = statNow(file, &status);
+  if (rc < 0) return rc;
+  if (status.stx_nlink == 0) return -ENOENT;
+  InodeAddress address;
+  rc = addressOf(file->path_fd.get(), "", &address);
+  if (rc < 0) return rc;
+  if (address.subvol_id != handle->subvol_id) return -EXDEV;
+  file->handle = handle;
+  file->if_inode = address.ino;
+  file->if_kind = KEST_IFILE_KIND;
+  file->if_gen16 = static_cast<uint16_t>(address.generation);
+  file->if_size = status.stx_size;
+  file->if_mode = status.stx_mode;
+  file->if_generation = address.generation;
+  file->created = toTime(status.stx_btime);
+  return 0;
+}
+
 }  // namespace
 
 uint32_t packDevice(unsigned major_no, unsigned minor_no) {
@@ -174,23 +195,22 @@ int openNumber(kest_fssnap_handle *handle, uint64_t ino, std::unique_ptr<OpenIno
   if (fd < 0) return fd;
   auto file = std::make_unique<OpenInode>();
   file->path_fd.reset(fd);
-  struct statx status;
-  int rc = statNow(file.get(), &status);
-  if (rc < 0) return rc;
-  if (status.stx_nlink == 0) return -ENOENT;
-  InodeAddress address;
-  rc = addressOf(fd, "", &address);
-  if (rc < 0) return rc;
-  file->handle = handle;
-  file->if_inode = ino;
-  file->if_kind = KEST_IFILE_KIND;
-  file->if_gen16 = static_cast<uint16_t>(address.generation);
-  file->if_size = status.stx_size;
-  file->if_mode = status.stx_mode;
-  file->if_generation = address.generation;
-  file->created = toTime(status.stx_btime);
-  *opened = std::move(file);
-  return 0;
+  int rc = describe(handle, file.get());
+  if (rc == 0) *opened = std::move(file);
+  return rc;
+}
+
+int openDescriptor(kest_fssnap_handle *handle, int fd, std::unique_ptr<OpenInode> *opened) {
+  auto file = std::make_unique<OpenInode>();
+  file->path_fd.reset(fd);
+  file->path_fd_is_real = true;
+  int rc = describe(handle, file.get());
+  if (rc == 0 && !S_ISREG(file->if_mode)) rc = -EINVAL;
+  if (rc == 0)
+    *opened = std::move(file);
+  else
+    file->path_fd.release();
+  return rc;
 }
 
 int saveCapability(OpenInode *file) {
@@ -214,6 +234,7 @@ int statByNumber(kest_fssnap_handle *handle, uint64_t ino, kest_iattr64_t *attr)
 }
 
 int OpenInode::readFd() {
+  if (path_fd_is_real) return path_fd.get();
   if (read_fd) return read_fd.get();
   if (!S_ISREG(if_mode) && !S_ISDIR(if_mode)) return -EINVAL;
   int flags = O_RDONLY | O_NONBLOCK | (S_ISDIR(if_mode) ? O_DIRECTORY : 0);
@@ -224,6 +245,7 @@ int OpenInode::readFd() {
 }
 
 int OpenInode::writeFd() {
+  if (path_fd_is_real) return path_fd.get();
   if (write_fd) return write_fd.get();
   if (!S_ISREG(if_mode)) return -EINVAL;
   int fd = reopen(path_fd.get(), O_WRONLY | O_NONBLOCK);
@@ -245,6 +267,12 @@ kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *handle, uint64_t ino, int, cons
                            const char *) {
   std::unique_ptr<OpenInode> file;
   cCall([&] { return handle == nullptr ? -EINVAL : openNumber(handle, ino, &file); });
+  return file.release();
+}
+
+kest_ifile_t *kest_iopen_fd(kest_fssnap_handle_t *handle, int fd) {
+  std::unique_ptr<OpenInode> file;
+  cCall([&] { return handle == nullptr || fd < 0 ? -EINVAL : openDescriptor(handle, fd, &file); });
   return file.release();
 }
 

@@ -14,6 +14,10 @@ uint32_t packDevice(unsigned major_no, unsigned minor_no);
 // 0 and the open inode; -ENOENT, -errno.
 int openNumber(kest_fssnap_handle *handle, uint64_t ino, std::unique_ptr<OpenInode> *opened);
 
+// The same for a regular file behind `fd`, which is open for reading and writing and taken over on
+// success.
+int openDescriptor(kest_fssnap_handle *handle, int fd, std::unique_ptr<OpenInode> *opened);
+
 // Attributes as they are now. 0; -ENOENT, -errno.
 int statByNumber(kest_fssnap_handle *handle, uint64_t ino, kest_iattr64_t *attr);
 

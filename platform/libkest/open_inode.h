@@ -25,6 +25,7 @@ struct ChangedRanges {
 struct OpenInode : kest_ifile {
   kest_fssnap_handle *handle = nullptr;  // not owned
   UniqueFd path_fd;                      // O_PATH, always open
+  bool path_fd_is_real = false;          // it is open for reading and writing instead
   UniqueFd read_fd;                      // files and directories, opened at the first read
   UniqueFd write_fd;                     // opened at the first write
   kest_timestruc64_t created{};          // creation time

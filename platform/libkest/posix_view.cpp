@@ -243,7 +243,7 @@ int setExactMode(int fd, mode_t mode) {
   struct stat st;
   if (fstat(fd, &st) != 0) return -errno;
   if (((st.st_mode ^ mode) & kModeBits) == 0) return 0;
-  return chmod(FdPath(fd).get(), mode & kModeBits) == 0 ? 0 : -errno;
+  return changeMode(fd, mode & kModeBits) == 0 ? 0 : -errno;
 }
 
 int isNestedSubvolume(const Place &place) {

@@ -14,6 +14,7 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "scan/same_file.h"
 
 namespace {
 
@@ -144,7 +145,7 @@ ListResult listChangedFile(const RangeWriter &writer, const std::string &path, u
   }
   // A file of another clone state never comes here, it is made anew: the active file carries what the
   // snapshot's does.
-  const bool clone = isClone(snap.get(), nullptr, nullptr);
+  const bool clone = mayBeClone(ino) && isClone(snap.get(), nullptr, nullptr);
   const int shareable = kest_ishareable(snap.get(), active.get());
   if (shareable < 0) return fail(-1, 14);
   DataWalk walk(*writer.list, path, ino, kOpRestoreDiffFile, clone, shareable > 0);

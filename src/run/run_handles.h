@@ -6,6 +6,7 @@
 #include <string>
 
 #include "kest.h"
+#include "run/descriptor.h"
 
 struct RunHandles {
   kest_fssnap_handle_t *activeFsP = nullptr;  // the fileset as it is
@@ -33,6 +34,10 @@ using InodeScan = std::unique_ptr<kest_iscan_t, ScanCloser>;
 
 // Opens inode `ino` of a handle (flags 0 read, 1 write); empty and errno on failure.
 Inode openInode(kest_fssnap_handle_t *fs, uint64_t ino, int flags = 0);
+
+// The open inode of a regular file behind `fd`, open for reading and writing; it keeps the descriptor.
+// Empty and errno on failure, and `fd` as it was.
+Inode takeInode(kest_fssnap_handle_t *fs, Descriptor *fd);
 
 inline bool isRegular(uint32_t mode) {
   return S_ISREG(mode);

@@ -37,6 +37,12 @@ int checkScanned(uint64_t ino) {
   return known == kUnknown ? checkFile(ino) : known;
 }
 
+bool mayBeClone(uint64_t ino) {
+  constexpr int kBoth = KEST_DI_ACTIVE | KEST_DI_SNAPSHOT;
+  const int known = kest_idifference(handles.iscanP, ino);
+  return known < 0 || (known & (kBoth | KEST_DI_REPLACED | KEST_DI_CLONE)) != kBoth;
+}
+
 int checkFile(uint64_t ino) {
   Inode active = openInode(handles.activeFsP, ino);
   if (!active) return errno == ENOENT ? kKindDeleted : failed(ino, 1);

@@ -18,6 +18,9 @@ int checkFile(uint64_t ino);
 // what the difference knows, and nothing is opened. Master only.
 int checkScanned(uint64_t ino);
 
+// False for a file of both trees that the difference knows as no clone of either. Master only.
+bool mayBeClone(uint64_t ino);
+
 // 1 when the inode is the same in both trees, but nothing turns its clone state back into the
 // snapshot's, so that it counts as another file; 0; -1 with errno after a trace line. As checkScanned.
 int mustBeRemade(uint64_t ino);

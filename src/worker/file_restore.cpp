@@ -42,7 +42,7 @@ class DeletedFile {
 
  private:
   bool phaseMakes() const { return settings.phase == kPhaseCreate || settings.phase == kPhaseLinks; }
-  int makeRegular(Descriptor *fd);
+  int makeRegular(Descriptor *fd, bool *created);
   Step makeLink();
   Step makeSpecial();
   Step createFailed(const char *call, int err) const;
@@ -67,14 +67,22 @@ Step DeletedFile::createFailed(const char *call, int err) const {
   return failedStep(22, err);
 }
 
-int DeletedFile::makeRegular(Descriptor *fd) {
+int DeletedFile::makeRegular(Descriptor *fd, bool *created) {
   // Root's until its owner is set: with the mode it is to have, somebody's program would be root's for
   // a moment, or for good where the worker dies.
   constexpr mode_t kOwnersAlone = 0600;
   // Never waits for the other end of a FIFO that took the name.
-  const int flags = O_RDONLY | O_NONBLOCK | (phaseMakes() ? O_CREAT : 0);
+  const int looking = O_RDONLY | O_NONBLOCK | (phaseMakes() ? O_CREAT : 0);
+  constexpr int kMaking = O_RDWR | O_NONBLOCK | O_CREAT | O_EXCL;
   return retryClearing(path_, "", [&] {
-    *fd = Descriptor(kest_open_file(handles.activeFsP, linkFree(path_).c_str(), flags, kOwnersAlone));
+    const std::string path = linkFree(path_);
+    *created = false;
+    if (phaseMakes()) {
+      *fd = Descriptor(kest_open_file(handles.activeFsP, path.c_str(), kMaking, kOwnersAlone));
+      *created = static_cast<bool>(*fd);
+      if (*created || errno != EEXIST) return *created ? 0 : -1;
+    }
+    *fd = Descriptor(kest_open_file(handles.activeFsP, path.c_str(), looking, kOwnersAlone));
     return *fd ? 0 : -1;
   });
 }
@@ -206,12 +214,14 @@ Step DeletedFile::restore(const Range &range) {
     if (Step step = lookIfAlive(&lives); !step || lives) return step;
   }
   Descriptor fd;
-  if (const int err = makeRegular(&fd)) return createFailed("open", err);
+  bool created = false;
+  if (const int err = makeRegular(&fd, &created)) return createFailed("open", err);
   struct stat st;
   if (fstat(fd.get(), &st) != 0) return failedStep(5, errno);
   if (!S_ISREG(st.st_mode)) return failedStep(5, EEXIST);
   if (!isMadeFor(st, snap_.get())) return failedStep(5, ESTALE);
-  active_ = openInode(handles.activeFsP, st.st_ino, 1);
+  active_ = created ? takeInode(handles.activeFsP, &fd) : openInode(handles.activeFsP, st.st_ino, 1);
+  if (created && !active_) return failedStep(6, errno, errno);
   if (settings.phase == kPhaseCreate) return create(st, range);
   if (settings.phase == kPhaseLinks) {
     // Some of what comes with them is taken by an empty file only.

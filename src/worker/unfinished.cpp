@@ -12,6 +12,7 @@
 #include "run/descriptor.h"
 #include "run/run_handles.h"
 #include "run/trace_log.h"
+#include "run/work_access.h"
 #include "run/work_dir.h"
 
 namespace {
@@ -49,5 +50,5 @@ void markUnfinished(const std::string &path, uint64_t ino, const OpString &op) {
 
 void markIfOthersFailed(const std::string &path, uint64_t ino, const OpString &op) {
   struct stat st;
-  if (restoresData(op) && statPath(workPath(kFatalError), &st) == 0) markUnfinished(path, ino, op);
+  if (restoresData(op) && statWorkFile(workPath(kFatalError), &st) == 0) markUnfinished(path, ino, op);
 }

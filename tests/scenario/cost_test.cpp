@@ -108,6 +108,7 @@ TEST_F(Cost, OfARecord) {
     uint32_t most;  // for one record
   };
   for (const Limit &limit : {Limit{"iopen64", 2},
+                             {"iopen_fd", 1},
                              {"istat", 3},
                              {"igetattrsx", 0},
                              {"lstat", 3},

@@ -210,6 +210,7 @@ WRAP(int, kest_idifference, (kest_iscan_t * s, uint64_t i), s, i)
 WRAP(int, kest_leads_to_change, (kest_iscan_t * s, uint64_t i), s, i)
 WRAP(kest_ifile_t *, kest_iopen64, (Handle h, uint64_t i, int f, const void *a, const char *l), h, i, f,
      a, l)
+WRAP(kest_ifile_t *, kest_iopen_fd, (Handle h, int f), h, f)
 WRAP(int, kest_same_file, (const kest_ifile_t *a, const kest_ifile_t *b), a, b)
 WRAP(int, kest_inode_names, (Handle h, uint64_t i, int (*e)(void *, const char *), void *a), h, i, e, a)
 WRAP(int, kest_istat, (const kest_ifile_t *f, kest_iattr64_t *a), f, a)
