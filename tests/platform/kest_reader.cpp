@@ -1,6 +1,7 @@
 #include "platform/kest_reader.h"
 
-#include <algorithm>
+#include <sys/xattr.h>
+
 #include <stdexcept>
 
 namespace kesttest {
@@ -14,18 +15,6 @@ namespace {
 void add(std::string *text, const std::string &word) {
   if (!text->empty()) *text += ' ';
   *text += word;
-}
-
-std::string ranges(kest_ifile_t *file, kest_iscan_t *scan, int64_t term) {
-  std::string text;
-  int64_t offset = 0, length;
-  int hole;
-  while ((length = kest_ireadx(file, scan, nullptr, 0, &offset, term, &hole)) > 0) {
-    add(&text, std::to_string(offset) + "+" + std::to_string(length) + (hole ? "(hole)" : ""));
-    offset += length;
-  }
-  if (length < 0) fail("kest_ireadx");
-  return text;
 }
 
 template <typename Call>
@@ -88,30 +77,68 @@ std::string leadingEntries(const Handle &active, const Scan &scan, uint64_t ino)
   return entriesBy(kest_ireaddirc64, "kest_ireaddirc64", active, scan, ino);
 }
 
-std::string listing(const Handle &handle, uint64_t ino) {
-  Inode dir = openInode(handle, ino);
-  std::vector<std::string> names;
-  const kest_direntx64_t *entry;
-  int rc;
-  while ((rc = kest_ireaddir64(dir.get(), &entry)) == 0 && entry != nullptr) {
-    std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
-    names.push_back(name +
-                    ((entry->d_flags & KEST_DF_JUNCTION) ? "=" + std::to_string(entry->d_ino) : ""));
-  }
-  if (rc < 0) fail("kest_ireaddir64");
-  std::sort(names.begin(), names.end());
+std::string ranges(const Handle &handle, const Scan &scan, uint64_t ino, int64_t term) {
+  Inode file = openInode(handle, ino);
   std::string text;
-  for (const std::string &name : names) add(&text, name);
+  int64_t offset = 0, length;
+  int hole;
+  while ((length = kest_ireadx(file.get(), scan.get(), nullptr, 0, &offset, term, &hole)) > 0) {
+    add(&text, std::to_string(offset) + "+" + std::to_string(length) + (hole ? "(hole)" : ""));
+    offset += length;
+  }
+  if (length < 0) fail("kest_ireadx");
   return text;
 }
 
-std::string changedRanges(const Handle &active, const Scan &scan, uint64_t ino, int64_t term) {
-  return ranges(openInode(active, ino).get(), scan.get(), term);
+kest_snapid_t idOf(const Handle &handle) {
+  kest_snapid_t id = 0;
+  EXPECT_EQ(0, kest_get_fssnapid_from_fssnaphandle(handle.get(), &id));
+  return id;
 }
 
-std::string stretches(const Handle &handle, const Scan &full, uint64_t ino) {
-  return ranges(openInode(handle, ino).get(), full.get(), 0);
+struct stat statOf(const std::string &path) {
+  struct stat st {};
+  EXPECT_EQ(0, lstat(path.c_str(), &st)) << path;
+  return st;
+}
+
+std::string timesOf(const std::string &path) {
+  struct stat st = statOf(path);
+  return std::to_string(st.st_atim.tv_sec) + "." + std::to_string(st.st_atim.tv_nsec) + " " +
+         std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec);
+}
+
+std::map<std::string, std::string> xattrsOf(const std::string &path) {
+  char list[65536], value[65536];
+  std::map<std::string, std::string> all;
+  ssize_t n = llistxattr(path.c_str(), list, sizeof list);
+  for (const char *name = list; name < list + n; name += strlen(name) + 1) {
+    ssize_t length = lgetxattr(path.c_str(), name, value, sizeof value);
+    all[name] = length < 0 ? "unreadable" : std::string(value, static_cast<size_t>(length));
+  }
+  return all;
+}
+
+std::unique_ptr<testsupport::LoopBtrfs> LibraryTest::fs_;
+
+void LibraryTest::SetUpTestSuite() {
+  fs_ = std::make_unique<testsupport::LoopBtrfs>("library", 512ull << 20);
+}
+void LibraryTest::TearDownTestSuite() {
+  fs_.reset();
+}
+
+void LibraryTest::SetUp() {
+  name_ = testing::UnitTest::GetInstance()->current_test_info()->name();
+  tree_ = std::make_unique<testsupport::TreeBuilder>(fs_->createSubvolume(name_));
+  active_ = openHandle(fs_->mountPoint(), name_);
+}
+
+std::string LibraryTest::snapshot(const std::string &which) {
+  const std::string name = which + " of " + name_, made = fs_->snapshot(name_, name);
+  active_ = openHandle(fs_->mountPoint(), name_);
+  snapshot_ = openHandle(fs_->mountPoint(), name_, name.c_str());
+  return made;
 }
 
 }  // namespace kesttest

@@ -1,12 +1,27 @@
-// Collects what the library's scans and listings answer, so that a test can compare it at one glance.
+// A fileset for every test, and what the library's scans and listings answer there as text, so that a
+// test can compare it at one glance.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "kest.h"
+#include "support/loop_btrfs.h"
+#include "support/tree_builder.h"
+
+#define EXPECT_FAILS(error, call)           \
+  do {                                      \
+    errno = 0;                              \
+    EXPECT_EQ(-1, call);                    \
+    EXPECT_EQ(error, errno) << "of " #call; \
+  } while (0)
 
 namespace kesttest {
 
@@ -36,11 +51,38 @@ std::string inodesOf(const Scan &scan);
 std::string changedEntries(const Handle &active, const Scan &scan, uint64_t ino);
 // The same of those that matter to a walk.
 std::string leadingEntries(const Handle &active, const Scan &scan, uint64_t ino);
-// Names of the listing, sorted, without the dots; junctions as "name=id".
-std::string listing(const Handle &handle, uint64_t ino);
-// Changed ranges as "offset+length", holes of the snapshot as "offset+length(hole)".
-std::string changedRanges(const Handle &active, const Scan &scan, uint64_t ino, int64_t term = 0);
-// All of a file by kind, "offset+length" for data.
-std::string stretches(const Handle &handle, const Scan &full, uint64_t ino);
+// Ranges of a file as "offset+length", holes of the snapshot as "offset+length(hole)": those that
+// changed for the scan of a difference, all for a full one.
+std::string ranges(const Handle &handle, const Scan &scan, uint64_t ino, int64_t term = 0);
+
+kest_snapid_t idOf(const Handle &handle);
+struct stat statOf(const std::string &path);
+std::string timesOf(const std::string &path);  // of access and modification
+// Every attribute of an object, as the kernel tells it.
+std::map<std::string, std::string> xattrsOf(const std::string &path);
+
+// A file capability (cap_net_raw+ep), as setcap stores it.
+inline const std::string kCapability("\1\0\0\2\0\x20\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 20);
+
+// One file system a test program, one fileset a test, named after it.
+class LibraryTest : public testing::Test {
+ protected:
+  static void SetUpTestSuite();
+  static void TearDownTestSuite();
+  void SetUp() override;
+
+  static std::string path(const std::string &below) { return fs_->path(below); }
+  std::string root() const { return tree_->root(); }
+  std::string at(const std::string &name) const { return root() + "/" + name; }
+  ino_t inode(const std::string &name) const { return tree_->inode(name); }
+  Inode open(const std::string &name) const { return openInode(active_, inode(name)); }
+  // Snapshot and fileset as they are now, both opened anew; the snapshot's path.
+  std::string snapshot(const std::string &which = "snap");
+
+  static std::unique_ptr<testsupport::LoopBtrfs> fs_;
+  std::string name_;
+  std::unique_ptr<testsupport::TreeBuilder> tree_;
+  Handle active_, snapshot_;
+};
 
 }  // namespace kesttest
