@@ -8,11 +8,6 @@ using namespace scenario;
 
 namespace {
 
-void unlocked(TreeBuilder &t, const std::string &parent, void (*change)(TreeBuilder &)) {
-  t.immutable(parent, false);
-  change(t);
-}
-
 // A parent with two clones, one of them changed, a clone that is a parent in turn, and a bystander.
 void family(TreeBuilder &t) {
   t.dirs("d/sub");
@@ -59,6 +54,10 @@ void linkedFamily(TreeBuilder &t) {
   t.pattern("c", 4096, 100, 2);
   t.link("c", "d/c2");
   t.link("c", "d/c3");
+  t.big("q", 50000, 1);
+  t.link("q", "d/q2");
+  t.cloneParent("q");
+  t.clone("q", "qc");
 }
 
 void removeAll(TreeBuilder &t, const std::vector<std::string> &names) {
@@ -69,50 +68,19 @@ void removeAll(TreeBuilder &t, const std::vector<std::string> &names) {
 }
 
 const HistoryCase kCases[] = {
-    {"CloneDeleted", family, [](TreeBuilder &t) { t.remove("d/c"); }},
-    {"CloneChangedInPlace", family,
+    {"ChangedInPlace", family,
      [](TreeBuilder &t) {
        t.pattern("c", 50000, 9000, 77);
        t.truncate("d/c", 100);
        t.append("e/mc", std::string(70000, 'q'));
-     }},
-    {"CloneRenamedAndReplaced", family,
-     [](TreeBuilder &t) {
-       t.rename("c", "e/c");
-       t.big("c", 1000, 9);
-       t.rename("d/c", "d/sub/c");
-       t.clone("p", "d/c");
+       t.immutable("p", false);
+       t.pattern("p", 0, 20000, 99);
+       t.truncate("p", 250000);
      }},
     {"CloneAtTheNameOfAnother", family,
      [](TreeBuilder &t) {
        t.remove("c");
        t.rename("d/c", "c");
-     }},
-    {"ParentDeletedClonesStay", family, [](TreeBuilder &t) { removeAll(t, {"p"}); }},
-    {"ParentThatIsACloneDeleted", family, [](TreeBuilder &t) { removeAll(t, {"d/sub/m"}); }},
-    {"ParentRenamed", family,
-     [](TreeBuilder &t) { unlocked(t, "p", [](TreeBuilder &u) { u.rename("p", "e/elsewhere"); }); }},
-    {"ParentReplacedByAnotherFile", family,
-     [](TreeBuilder &t) {
-       removeAll(t, {"p"});
-       t.big("p", 100, 5);
-     }},
-    {"ParentWrittenByForce", family,
-     [](TreeBuilder &t) {
-       unlocked(t, "p", [](TreeBuilder &u) {
-         u.pattern("p", 0, 20000, 99);
-         u.truncate("p", 250000);
-       });
-     }},
-    {"AllGone", family,
-     [](TreeBuilder &t) {
-       removeAll(t, {"p", "c", "d/c", "d/sub/m", "e/mc"});
-     }},
-    {"AllGoneWithTheirDirectories", family,
-     [](TreeBuilder &t) {
-       removeAll(t, {"p", "d/sub/m"});
-       t.removeTree("d");
-       t.removeTree("e");
      }},
     {"InAMovedDirectory", family,
      [](TreeBuilder &t) {
@@ -122,38 +90,22 @@ const HistoryCase kCases[] = {
        removeAll(t, {"e/d/sub/m"});
        t.file("e/d/c", "another");
      }},
-    {"InANewDirectory", family,
+    {"BecameParents",
      [](TreeBuilder &t) {
-       t.dirs("new/deep");
-       t.rename("c", "new/c");
-       t.rename("e/mc", "new/deep/mc");
-       unlocked(t, "p", [](TreeBuilder &u) { u.rename("p", "new/deep/p"); });
-       t.clone("new/deep/p", "new/fresh");
-       t.cloneParent("new/fresh");
-     }},
-    {"MadeSince", family,
+       family(t);
+       t.big("moves", 20000, 1);
+       t.big("f", 20000, 1);
+       t.link("f", "d/g");
+     },
      [](TreeBuilder &t) {
-       t.clone("p", "again");
-       t.cloneParent("again");
-       t.clone("again", "d/again");
-       t.clone("d/sub/m", "e/third");
-       t.link("e/third", "e/fourth");
-     }},
-    {"OrdinaryFileBecameAParent", family,
-     [](TreeBuilder &t) {
-       t.cloneParent("alone");
+       for (const char *name : {"alone", "d/c", "f"}) t.cloneParent(name);
        t.clone("alone", "e/of-alone");
-     }},
-    {"ChangedAndMovedFileBecameAParent", family,
-     [](TreeBuilder &t) {
-       t.pattern("alone", 100, 100, 5);
-       t.rename("alone", "d/alone");
-       t.cloneParent("d/alone");
-     }},
-    {"CloneBecameAParent", family,
-     [](TreeBuilder &t) {
-       t.cloneParent("d/c");
        t.clone("d/c", "e/third");
+       t.immutable("f", false);
+       t.link("f", "third");
+       t.immutable("f");
+       t.rename("moves", "d/moves");
+       t.cloneParent("d/moves");
      }},
     {"CloneAttributesLost", family,
      [](TreeBuilder &t) {
@@ -176,28 +128,9 @@ const HistoryCase kCases[] = {
      [](TreeBuilder &t) {
        removeAll(t, {"p0", "d/p1", "p2", "d/p3", "p4", "d/p5"});
      }},
-    {"ChainWithoutItsMiddle", chain,
+    {"LinkedAllGoneOrOneNameAlone", linkedFamily,
      [](TreeBuilder &t) {
-       removeAll(t, {"p2", "d/p3"});
-     }},
-    {"ChainWithoutItsHead", chain, [](TreeBuilder &t) { removeAll(t, {"p0"}); }},
-    {"LinkedParentLosesAName", linkedFamily,
-     [](TreeBuilder &t) {
-       removeAll(t, {"d/p2", "c"});
-     }},
-    {"LinkedAllGone", linkedFamily,
-     [](TreeBuilder &t) {
-       removeAll(t, {"p", "d/p2", "c", "d/c2", "d/c3"});
-     }},
-    {"LinkedFileBecameAParent",
-     [](TreeBuilder &t) {
-       t.dirs("d");
-       t.big("f", 20000, 1);
-       t.link("f", "d/g");
-     },
-     [](TreeBuilder &t) {
-       t.link("f", "third");
-       t.cloneParent("f");
+       removeAll(t, {"p", "d/p2", "c", "d/c2", "d/c3", "d/q2", "qc"});
      }},
     {"ParentWasGoneAlready",
      [](TreeBuilder &t) {
@@ -207,26 +140,12 @@ const HistoryCase kCases[] = {
      [](TreeBuilder &t) {
        removeAll(t, {"c", "d/c", "d/sub/m", "e/mc"});
      }},
-    {"WithoutCopyOnWrite",
-     [](TreeBuilder &t) {
-       t.file("p");
-       t.noCow("p");
-       t.pattern("p", 0, 100000, 1);
-       t.cloneParent("p");
-       t.clone("p", "c");
-       t.pattern("c", 8192, 100, 2);
-     },
-     [](TreeBuilder &t) {
-       removeAll(t, {"p", "c"});
-     }},
 };
 
-class Clones : public RestoreTable {};
-
-TEST_P(Clones, ComeBack) {
+TEST_P(RestoreTable, Clones) {
   runCase(GetParam());
 }
-INSTANTIATE_TEST_SUITE_P(All, Clones, ::testing::ValuesIn(kCases), caseName);
+INSTANTIATE_TEST_SUITE_P(Clones, RestoreTable, ::testing::ValuesIn(kCases), caseName);
 
 class CloneTrees : public RestoreFixture {
  protected:
@@ -307,22 +226,13 @@ TEST_F(CloneTrees, AThousandOfOneParentTakeItsSpaceOnce) {
   for (int i = 0; i < kClones; ++i) tree().remove("c" + std::to_string(i));
   RunResult result = restore();
   ASSERT_EQ(result.exitStatus, 0) << result.describe();
-  const uint64_t after = used();
-  RecordProperty("seconds", std::to_string(result.seconds));
-  RecordProperty("used_before", std::to_string(before));
-  RecordProperty("used_after", std::to_string(after));
-  printf("%d clones of %llu bytes: %.1f s, used %llu before, %llu after\n", kClones,
-         static_cast<unsigned long long>(kSize), result.seconds,
-         static_cast<unsigned long long>(before), static_cast<unsigned long long>(after));
-  EXPECT_LT(after, before + kSize);
+  EXPECT_LT(used(), before + kSize);
   EXPECT_LT(result.seconds, 60);
-  for (int i = 0; i < kClones; i += 333) {
-    const std::string name = "c" + std::to_string(i);
+  for (const char *name : {"c0", "c999"}) {
     EXPECT_TRUE(tree().read(name) == testsupport::patternBytes(1, 0, kSize)) << name;
     char clone[16] = {};
     lgetxattr((root() + "/" + name).c_str(), "trusted.kest.CLONE", clone, sizeof clone);
     const auto print = testsupport::readClone(std::string(clone, sizeof clone), "");
-    EXPECT_EQ(print->depth, 1u);
     EXPECT_EQ(print->parentInode, tree().inode("p"));
   }
 }

@@ -23,15 +23,9 @@ struct Case {
   std::vector<std::string> lines;  // with "\t" as in the output, without the count
 };
 
-std::string asLines(const std::vector<std::string> &lines) {
-  std::string text;
-  for (const std::string &line : lines) text += line + "\n";
-  return text;
-}
-
 void settle(TreeBuilder &t) {
   for (const char *path : {"", "d", "d/e", "d/f", "d/s", "d/x1", "d/x2", "d/y1", "d/y2", "d/l", "d/c",
-                           "d/e/g", "d/e/h", "d/e/empty", "d/empty", "d/twin", "d/clone", "d/parent"})
+                           "d/e/g", "d/e/h", "d/e/empty", "d/empty", "d/twin"})
     if (t.exists(path)) t.mtime(path, kThen);
 }
 
@@ -58,32 +52,42 @@ void build(TreeBuilder &t) {
 }
 
 const Case kCases[] = {
-    {"Nothing", [](TreeBuilder &) {}, {}},
-    {"Data", [](TreeBuilder &t) { t.pattern("d/f", 8192, 100, 9); }, {"data\td/f\t8192"}},
-    {"TheSameBytesWritten", [](TreeBuilder &t) { t.pattern("d/f", 8192, 4096, 1); }, {}},
-    {"DataPunched",
-     [](TreeBuilder &t) { t.punch("d/f", 4096, 8192); },
-     {"data\td/f\t4096", "holes\td/f\t4096"}},
-    {"ZerosInAHole",
-     [](TreeBuilder &t) { t.write("d/s", 1 << 20, std::string(4096, '\0')); },
-     {"holes\td/s\t1048576"}},
-    {"Preallocated", [](TreeBuilder &t) { t.preallocate("d/s", 1 << 20, 4096); }, {}},
-    {"DataFarOut",
-     [](TreeBuilder &t) { t.write("d/s", (1ull << 40) - 5, "x"); },
-     {"data\td/s\t1099511627771", "holes\td/s\t1099511623680"}},
-    {"Size", [](TreeBuilder &t) { t.append("d/f", "more"); }, {"size\td/f\t20000\t20004"}},
-    {"Mode", [](TreeBuilder &t) { t.chmod("d/p", 04755); }, {"mode\td/p\t0644\t4755"}},
-    {"Owner", [](TreeBuilder &t) { t.chown("d/l", 7, 8); }, {"group\td/l\t0\t8", "owner\td/l\t0\t7"}},
-    {"Mtime",
-     [](TreeBuilder &t) { t.mtime("d/p", -5, 7); },
-     {"mtime\td/p\t1000000000.000000000\t-5.000000007"}},
-    {"Xattrs",
+    {"Data",
      [](TreeBuilder &t) {
-       t.setXattr("d/f", "user.a", "2");
-       t.setXattr("d/l", "trusted.\t", "x");
-       t.setXattr("d/e", testsupport::kDefaultAcl, testsupport::aclForUser(5, 7));
+       t.pattern("d/f", 8192, 100, 9);
+       t.punch("d/e/g", 4096, 8192);
+       t.append("d/twin", "more");
+       t.write("d/s", 1 << 20, std::string(4096, '\0'));
+       t.write("d/s", (1ull << 40) - 5, "x");
      },
-     {"xattr\td/e\tsystem.posix_acl_default", "xattr\td/f\tuser.a", "xattr\td/l\ttrusted.\\t"}},
+     {"data\td/e/g\t4096", "data\td/f\t8192", "data\td/s\t1099511627771", "holes\td/e/g\t4096",
+      "holes\td/s\t1048576", "size\td/twin\t9\t13"}},
+    {"Attributes",
+     [](TreeBuilder &t) {
+       t.chmod("d/e/g", 04755);
+       t.chown("d/e/h", 7, 8);
+       t.mtime("d/p", -5, 7);
+       t.setXattr("d/f", "user.a", "2");
+       t.setXattr("d/empty", "trusted.\t", "x");
+       t.setXattr("d/e", testsupport::kDefaultAcl, testsupport::aclForUser(5, 7));
+       for (const char *name : {"d/l", "d/c"}) t.remove(name);
+       t.symlink("to\\g", "d/l");
+       t.device("d/c", S_IFCHR, 1, 4500);
+     },
+     {"device\td/c\t1:3\t1:4500", "group\td/e/h\t0\t8", "mode\td/e/g\t0644\t4755",
+      "mtime\td/p\t1000000000.000000000\t-5.000000007", "owner\td/e/h\t0\t7", "target\td/l\tf\tto\\\\g",
+      "xattr\td/e\tsystem.posix_acl_default", "xattr\td/empty\ttrusted.\\t", "xattr\td/f\tuser.a"}},
+    {"WhatNobodyCouldTell",
+     [](TreeBuilder &t) {
+       t.remove("d/f");  // and made again
+       t.big("d/f", 20000, 1);
+       t.setXattr("d/f", "user.a", "1");
+       t.pattern("d/e/g", 4096, 4096, 2);
+       t.preallocate("d/s", 1 << 21, 4096);
+       t.exchange("d/twin", "d/e/h");
+       t.exchange("d/empty", "d/e/empty");
+     },
+     {}},
     {"Flags",
      [](TreeBuilder &t) {
        t.immutable("d/fixed");
@@ -94,42 +98,19 @@ const Case kCases[] = {
      {"flags\td/e/empty\tnone\tnocow", "flags\td/fixed\tnone\timmutable",
       "flags\td/grows\tnone\tappend-only", "flags\td/f\tnone\tcompressed",
       "xattr\td/f\tbtrfs.compression"}},
-    {"Target",
-     [](TreeBuilder &t) {
-       t.remove("d/l");
-       t.symlink("to\\g", "d/l");
-     },
-     {"target\td/l\tf\tto\\\\g"}},
-    {"Device",
-     [](TreeBuilder &t) {
-       t.remove("d/c");
-       t.device("d/c", S_IFCHR, 1, 4500);
-     },
-     {"device\td/c\t1:3\t1:4500"}},
-    {"Types",
+    {"MissingExtraAndOtherTypes",
      [](TreeBuilder &t) {
        t.remove("d/f");
        t.dirs("d/f/new");
        t.removeTree("d/e");
        t.file("d/e");
-     },
-     {"extra\td/f/new\tdirectory", "missing\td/e/empty\tdirectory", "missing\td/e/g\tfile",
-      "missing\td/e/h\tfile", "type\td/e\tdirectory\tfile", "type\td/f\tfile\tdirectory"}},
-    {"MissingAndExtra",
-     [](TreeBuilder &t) {
-       t.removeTree("d/e");
+       t.remove("d/twin");
        t.dir("d/n");
        t.fifo("d/n/\x01\\\n\xff");
      },
-     {"extra\td/n\tdirectory", "extra\td/n/\\x01\\\\\\n\xff\tfifo", "missing\td/e\tdirectory",
-      "missing\td/e/empty\tdirectory", "missing\td/e/g\tfile", "missing\td/e/h\tfile"}},
-    {"Remade",
-     [](TreeBuilder &t) {
-       t.remove("d/f");
-       t.big("d/f", 20000, 1);
-       t.setXattr("d/f", "user.a", "1");
-     },
-     {}},
+     {"extra\td/f/new\tdirectory", "extra\td/n\tdirectory", "extra\td/n/\\x01\\\\\\n\xff\tfifo",
+      "missing\td/e/empty\tdirectory", "missing\td/e/g\tfile", "missing\td/e/h\tfile",
+      "missing\td/twin\tfile", "type\td/e\tdirectory\tfile", "type\td/f\tfile\tdirectory"}},
     {"MovedAndChangedInside",
      [](TreeBuilder &t) {
        t.rename("d/e", "moved");
@@ -150,15 +131,6 @@ const Case kCases[] = {
        t.mtime("d/empty2", kThen);
      },
      {"moved\td/e\td/empty2/e", "moved\td/e/empty\td/empty2"}},
-    {"Swapped",
-     [](TreeBuilder &t) { t.exchange("d/f", "d/e/g"); },
-     {"moved\td/e/g\td/f", "moved\td/f\td/e/g"}},
-    {"EqualOnesSwapped",
-     [](TreeBuilder &t) {
-       t.exchange("d/twin", "d/e/h");
-       t.exchange("d/empty", "d/e/empty");
-     },
-     {}},
     {"SavedByRenaming",
      [](TreeBuilder &t) {
        t.rename("d/f", "d/f~");
@@ -172,15 +144,12 @@ const Case kCases[] = {
        t.file("d/y1", "y");
      },
      {"extra\td/e/x3\tfile", "links\td/x1", "links\td/y1"}},
-    {"LinksCrossed",
-     [](TreeBuilder &t) { t.exchange("d/x2", "d/y2"); },
-     {"data\td/x2\t0", "data\td/y2\t0", "links\td/x1", "links\td/y1"}},
     {"LinkRenamed",
      [](TreeBuilder &t) { t.rename("d/x2", "d/x3"); },
      {"extra\td/x3\tfile", "missing\td/x2\tfile"}},
-    {"LeftOverWorkDirectory",
-     [](TreeBuilder &t) { t.dirs("RestoreTemp17/MOVE_1"); },
-     {"extra\tRestoreTemp17\tdirectory", "extra\tRestoreTemp17/MOVE_1\tdirectory"}},
+    {"LinksCrossed",
+     [](TreeBuilder &t) { t.exchange("d/x2", "d/y2"); },
+     {"data\td/x2\t0", "data\td/y2\t0", "links\td/x1", "links\td/y1"}},
 };
 
 class Compare : public RestoreFixture {
@@ -199,6 +168,7 @@ class Compare : public RestoreFixture {
       RunResult result = run(options);
       EXPECT_EQ(result.exitStatus, want.empty() ? 0 : 1);
       EXPECT_EQ(result.err, "");
+      // In any order, the count last.
       std::vector<std::string> lines;
       std::istringstream in(result.out);
       for (std::string line; std::getline(in, line);) lines.push_back(line);
@@ -206,7 +176,7 @@ class Compare : public RestoreFixture {
       EXPECT_EQ(lines.back(), "differences\t" + std::to_string(want.size()));
       lines.pop_back();
       std::sort(lines.begin(), lines.end());
-      EXPECT_EQ(asLines(lines), asLines(want));
+      EXPECT_EQ(testsupport::joined(lines), testsupport::joined(want));
     }
   }
 };
@@ -228,6 +198,7 @@ INSTANTIATE_TEST_SUITE_P(Kinds, CompareTable, ::testing::ValuesIn(kCases), nameO
 
 void family(TreeBuilder &t) {
   t.big("parent", 100000, 1);
+  t.mtime("parent", kThen);
   t.cloneParent("parent");
   t.clone("parent", "clone");
   t.clone("parent", "other");
@@ -243,10 +214,8 @@ TEST_F(Compare, ClonesOfAParentThatWasMadeAgain) {
   tree().big("parent", 100000, 1);
   tree().cloneParent("parent");
   tree().mtime("", kThen);
-  struct stat st;
-  ASSERT_EQ(lstat((fs().path(snapshotName()) + "/parent").c_str(), &st), 0);
   tree().immutable("parent", false);
-  tree().mtime("parent", st.st_mtim.tv_sec, st.st_mtim.tv_nsec);
+  tree().mtime("parent", kThen);
   tree().immutable("parent");
   expectLines({"parent\tclone", "parent\tother"});
   RunResult restored = restore();
@@ -311,25 +280,25 @@ TEST_F(Compare, PathsOfAnyLength) {
 
 TEST_F(Compare, ChangesNothingNotEvenAccessTimes) {
   build(tree());
-  tree().write("d/f", 0, "x");
   remount("strictatime");
   takeSnapshot();
   tree().pattern("d/f", 8192, 100, 9);
   fs().commit();
-  const auto accessed = [&](const char *path) {
-    struct stat st;
-    EXPECT_EQ(lstat((root() + "/" + path).c_str(), &st), 0);
-    return std::make_pair(st.st_atim.tv_sec, st.st_atim.tv_nsec);
+  const auto state = [&] {
+    std::vector<std::string> text;
+    for (const char *path : {"", "d", "d/f", "d/s", "d/p"}) {
+      struct stat st;
+      EXPECT_EQ(lstat((root() + "/" + path).c_str(), &st), 0);
+      for (const timespec &time : {st.st_atim, st.st_ctim})
+        text.push_back(std::to_string(time.tv_sec) + "." + std::to_string(time.tv_nsec));
+    }
+    return text;
   };
-  const char *paths[] = {"", "d", "d/f", "d/s", "d/p"};
-  std::vector<std::pair<time_t, long>> before;
-  for (const char *path : paths) before.push_back(accessed(path));
-  const TreePrint want = testsupport::fingerprint(root());
+  const auto before = state();
   testsupport::awaitClockTick();
   EXPECT_EQ(run().exitStatus, 1);
   EXPECT_EQ(run({"--full"}).exitStatus, 1);
-  for (size_t i = 0; i < before.size(); ++i) EXPECT_EQ(accessed(paths[i]), before[i]) << paths[i];
-  EXPECT_EQ(testsupport::joined(testsupport::compare(want, testsupport::fingerprint(root()))), "");
+  EXPECT_EQ(state(), before);
   remount();
 }
 
@@ -363,13 +332,10 @@ TEST_F(Compare, BadUsageIsTrouble) {
   const std::vector<std::vector<std::string>> wrong{
       {},
       {device, "-j", fileset()},
-      {device, "-o", snapshotName()},
       {"-j", fileset(), "-o", snapshotName()},
       {device, device, "-j", fileset(), "-o", snapshotName()},
       {device, "-j", fileset(), "-o", snapshotName(), "--complete"},
-      {device, "-j", "nowhere", "-o", snapshotName()},
-      {device, "-j", fileset(), "-o", "never"},
-      {"/proc", "-j", fileset(), "-o", snapshotName()}};
+      {device, "-j", fileset(), "-o", "never"}};
   for (const std::vector<std::string> &arguments : wrong) {
     RunResult result = testsupport::runProgram(arguments, options);
     EXPECT_EQ(result.exitStatus, 2) << testsupport::joined(arguments);

@@ -1,5 +1,4 @@
 // What the command says and how it ends: usage, refusals, progress.
-#include <filesystem>
 #include <regex>
 
 #include "scenario/restore_fixture.h"
@@ -14,17 +13,10 @@ const char kUsage[] =
     "    [ -b unitSize | -m threads | -N nodes | -q quite | -x no_EA | -v Verb| -B maxFiles | -E "
     "restore_ENC_EA]\n";
 
-// Time stamps as [T], numbers of operations as N.
-std::string masked(const std::string &text) {
-  static const std::regex kStamp("\\[\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\]"),
-      kCount("\\[T\\] \\d+ operations");
-  return std::regex_replace(std::regex_replace(text, kStamp, "[T]"), kCount, "[T] N operations");
-}
-
 class Messages : public RestoreFixture {
  protected:
-  RunResult run(const std::vector<std::string> &arguments, const RunOptions &options = {}) {
-    return testsupport::runProgram(arguments, options);
+  RunResult run(const std::vector<std::string> &arguments) {
+    return testsupport::runProgram(arguments);
   }
   std::vector<std::string> workDirectories() {
     std::vector<std::string> found;
@@ -36,40 +28,23 @@ class Messages : public RestoreFixture {
 
 TEST_F(Messages, UsageErrors) {
   const std::string device = fs().mountPoint();
-  struct {
-    std::vector<std::string> arguments;
-    std::string err;
-  } const cases[] = {
-      {{}, std::string("Too few arguments specified.\n") + kUsage},
-      {{device}, kUsage},
-      {{device, "-j", "x"}, kUsage},
-      {{device, "-o", "x"}, kUsage},
-      {{device, "-j", "x", "-o", "y", "-M", "20"}, kUsage},
-      {{device, "-j", "x", "-o", "y", "-M", "2k"}, kUsage},
-      {{device, "-j", "x", "-o", "y", "-M", ""}, kUsage},
-      {{"LIST", "/mnt/batch", "-d", device}, kUsage},
-  };
-  for (const auto &one : cases) {
-    RunResult result = run(one.arguments);
+  const std::vector<std::vector<std::string>> wrong = {{},
+                                                       {device},
+                                                       {device, "-j", "x"},
+                                                       {device, "-j", "x", "-o", "y", "-M", "20"},
+                                                       {"LIST", "/mnt/batch"}};
+  for (const auto &arguments : wrong) {
+    RunResult result = run(arguments);
     EXPECT_EQ(result.exitStatus, 1) << result.describe();
-    EXPECT_EQ(result.err, one.err);
+    EXPECT_EQ(result.err,
+              (arguments.empty() ? "Too few arguments specified.\n" : "") + std::string(kUsage));
     EXPECT_EQ(result.out, "");
   }
-}
-
-TEST_F(Messages, OptionsThatAreNone) {
-  RunResult result = run({fs().mountPoint(), "-Z", "-j", "x", "-o", "y"});
+  RunResult result = run({device, "-Z", "-j", "x", "-o", "y"});
   EXPECT_EQ(result.exitStatus, 1);
   EXPECT_NE(result.err.find("invalid option -- 'Z'"), std::string::npos) << result.err;
-  EXPECT_NE(result.err.find(kUsage), std::string::npos)
-      << "what follows the unknown option is not read";
-  result = run({fs().mountPoint(), "-j", "x", "-o"});
-  EXPECT_EQ(result.exitStatus, 1);
-  EXPECT_NE(result.err.find("requires an argument -- 'o'"), std::string::npos) << result.err;
-}
-
-TEST_F(Messages, ProbeDoesNothing) {
-  RunResult result = run({"TEST", "x", "y"});
+  EXPECT_NE(result.err.find(kUsage), std::string::npos) << result.err;
+  result = run({"TEST", "x", "y"});  // the engine's question
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_EQ(result.out + result.err, "");
   EXPECT_EQ(run({"TEST2"}).exitStatus, 1) << "only the whole word";
@@ -77,38 +52,23 @@ TEST_F(Messages, ProbeDoesNothing) {
 
 TEST_F(Messages, UnknownFilesetSnapshotAndDevice) {
   takeSnapshot();
-  std::filesystem::create_directories("/mnt/no-btrfs");
-  const std::string device = fs().mountPoint(), snapshot = snapshotName();
-  struct {
-    std::string device, fileset, snapshot, err;
-  } const cases[] = {
-      {device, "nosuch", snapshot, "Failed to get handle for fileset nosuch, snapshot "},
-      {device, fileset(), "nosuch",
-       "Failed to get handle for fileset " + fileset() + ", snapshot nosuch in file system " + device +
-           ". "},
-      {"/mnt/no-btrfs", fileset(), snapshot,
-       "Failed to get handle for fileset " + fileset() + ", snapshot "},
-      {"/mnt/nowhere", fileset(), snapshot, "in file system /mnt/nowhere. "},
-  };
+  fs().createSubvolume("stranger");
+  const std::string device = fs().mountPoint();
+  const struct {
+    std::string device, fileset, snapshot;
+  } cases[] = {{device, "nosuch", snapshotName()},
+               {device, fileset(), "nosuch"},
+               {"/mnt/nowhere", fileset(), snapshotName()},
+               {device, "stranger", snapshotName()}};
   for (const auto &one : cases) {
     RunResult result = run({one.device, "-j", one.fileset, "-o", one.snapshot, "-m", "4"});
     EXPECT_EQ(result.exitStatus, 1) << result.describe();
-    EXPECT_NE(result.err.find(one.err), std::string::npos) << "expected: " << one.err << "\n"
-                                                           << result.describe();
+    for (const std::string &text : {"Failed to get handle for fileset " + one.fileset + ", snapshot ",
+                                    " in file system " + one.device + ". "})
+      EXPECT_NE(result.err.find(text), std::string::npos) << text << "\n" << result.describe();
     EXPECT_EQ(result.err.find("Prepare restore"), std::string::npos);
   }
   EXPECT_TRUE(workDirectories().empty());
-}
-
-TEST_F(Messages, SnapshotOfAnotherFilesetIsRefused) {
-  fs().createSubvolume("stranger");
-  fs().snapshot("stranger", "stranger-snap");
-  tree().file("kept", "x");
-  RunResult result = run({fs().mountPoint(), "-j", fileset(), "-o", "stranger-snap", "-m", "4"});
-  EXPECT_EQ(result.exitStatus, 1) << result.describe();
-  EXPECT_TRUE(tree().exists("kept"));
-  EXPECT_TRUE(workDirectories().empty());
-  fs().destroySubvolume("stranger-snap");
   fs().destroySubvolume("stranger");
 }
 
@@ -124,22 +84,13 @@ TEST_F(Messages, CurrentDirectoryInsideTheFileset) {
   EXPECT_TRUE(tree().exists("new"));
   EXPECT_TRUE(workDirectories().empty());
 
-  inside.workingDirectory = root();
-  result = restore("snap", {}, inside);
-  EXPECT_EQ(result.exitStatus, 0) << "the root itself is accepted\n" << result.describe();
-  EXPECT_FALSE(tree().exists("new"));
-}
-
-TEST_F(Messages, SiblingWithTheSamePrefixIsNotInside) {
-  tree().file("f", "x");
-  takeSnapshot();
-  tree().remove("f");
-  std::string sibling = fs().createSubvolume(fileset() + "0");
-  RunOptions beside;
-  beside.workingDirectory = sibling;
-  RunResult result = restore("snap", {}, beside);
-  EXPECT_EQ(result.exitStatus, 0) << result.describe();
-  EXPECT_TRUE(tree().exists("f"));
+  // The root itself is accepted, and a sibling with the same prefix lies elsewhere.
+  for (const std::string &directory : {root(), fs().createSubvolume(fileset() + "0")}) {
+    tree().append("new", "text");
+    inside.workingDirectory = directory;
+    expectRestored("snap", {"-q"}, inside);
+    tree().file("new");
+  }
   fs().destroySubvolume(fileset() + "0");
 }
 
@@ -151,11 +102,12 @@ TEST_F(Messages, ProgressOfAPlainRun) {
   tree().remove("deleted");
   RunResult result = restore();
   ASSERT_EQ(result.exitStatus, 0) << result.describe();
-  std::string err = masked(result.err);
+  static const std::regex kNumbers("\\[[-0-9]+ [:0-9]+\\]| \\d+ ");
+  const std::string err = std::regex_replace(result.err, kNumbers, "[T]");
   size_t at = 0;
   for (const char *line :
        {"[T] Prepare restore ...\n", "[T] Scan inodes ...\n", "[T] Construct operation list ...\n",
-        "[T] N operations have been added to list.\n", "[T] Restore files ...\n",
+        "[T][T]operations have been added to list.\n", "[T] Restore files ...\n",
         "[T] Restore deleted files ...\n", "Restore deleted files done.\n", "[T] Restore completed.\n",
         "[T] Clean up.\n"}) {
     at = err.find(line, at);
@@ -170,39 +122,22 @@ TEST_F(Messages, KeepsTheWorkDirectory) {
   tree().file("f", "x");
   takeSnapshot();
   tree().remove("f");
-  testsupport::TreePrint want = testsupport::fingerprint(fs().path(snapshotName()));
   RunResult result = restore("snap", {"-k"});
   EXPECT_EQ(result.exitStatus, 0) << result.describe();
   EXPECT_EQ(result.err.find("Clean up"), std::string::npos);
-  std::vector<std::string> kept = workDirectories();
+  const std::vector<std::string> kept = workDirectories();
   ASSERT_EQ(kept.size(), 1u);
-  EXPECT_TRUE(tree().exists(kept[0] + "/ErrorLog"));
-  EXPECT_TRUE(tree().exists(kept[0] + "/opList"));
-  EXPECT_TRUE(tree().isDir(kept[0] + "/checkpoint"));
-  testsupport::FingerprintOptions without;
-  without.excludePrefixes = {"RestoreTemp"};
-  std::vector<std::string> lines = compare(want, testsupport::fingerprint(root(), without));
-  EXPECT_EQ(testsupport::joined(lines), "");
-
+  for (const char *name : {"ErrorLog", "opList", "checkpoint"})
+    EXPECT_TRUE(tree().exists(kept[0] + "/" + name)) << name;
+  EXPECT_EQ(testsupport::joined(compare(testsupport::fingerprint(fs().path(snapshotName())),
+                                        testsupport::fingerprint(root(), {{"RestoreTemp"}, false}))),
+            "");
   expectRestored();  // and the next run takes the old one away
   EXPECT_TRUE(workDirectories().empty());
-}
-
-TEST_F(Messages, VerboseKeepsTheWorkDirectoryEvenWithQuietAfter) {
-  tree().file("f", "x");
-  takeSnapshot();
   tree().remove("f");
-  RunResult result = restore("snap", {"-v", "-q"});
-  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  EXPECT_EQ(restore("snap", {"-v", "-q"}).exitStatus, 0);
   ASSERT_EQ(workDirectories().size(), 1u);
   EXPECT_TRUE(tree().exists(workDirectories()[0] + "/diffTable"));
-}
-
-TEST_F(Messages, QuietRestoresAllTheSame) {
-  tree().file("f", "x");
-  takeSnapshot();
-  tree().remove("f");
-  expectRestored("snap", {"-q"});
 }
 
 TEST_F(Messages, WithoutExtendedAttributes) {
@@ -213,12 +148,10 @@ TEST_F(Messages, WithoutExtendedAttributes) {
   tree().remove("deleted");
   tree().write("f", 0, "after!");
   tree().setXattr("f", "user.a", "after");
-  RunResult result = restore("snap", {"-x"});
-  EXPECT_EQ(result.exitStatus, 0) << result.describe();
-  EXPECT_EQ(tree().read("f"), "before");
-  EXPECT_EQ(tree().read("deleted"), TreeBuilder(fs().path(snapshotName())).read("deleted"));
-  auto print = testsupport::fingerprint(root());
-  EXPECT_EQ(print.objects.at("f").xattrs.at("user.a"), "after");
+  EXPECT_EQ(restore("snap", {"-x"}).exitStatus, 0);
+  auto want = testsupport::fingerprint(fs().path(snapshotName()));
+  want.objects["f"].xattrs["user.a"] = "after";
+  EXPECT_EQ(testsupport::joined(compare(want, testsupport::fingerprint(root()))), "");
 }
 
 }  // namespace

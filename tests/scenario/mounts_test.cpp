@@ -86,9 +86,6 @@ struct InTheWay {
   void (*change)(TreeBuilder &);
   const char *point;
 };
-void PrintTo(const InTheWay &one, std::ostream *out) {
-  *out << one.name;
-}
 
 class MountsInTheWay : public MountsBase, public ::testing::WithParamInterface<InTheWay> {};
 
@@ -118,18 +115,9 @@ TEST_P(MountsInTheWay, EndTheRunBeforeItChangesAnything) {
 
 const InTheWay kInTheWay[] = {
     {"ChangesBelow", [](TreeBuilder &t) { t.append("same/below/f", "more"); }, "same/below"},
-    {"ChangedItself", [](TreeBuilder &t) { t.chmod("same/below", 0700); }, "same/below"},
-    {"ChangesFarBelow", [](TreeBuilder &t) { t.append("same/below/f", "more"); }, "same"},
-    {"Deleted", [](TreeBuilder &t) { t.remove("same/below/f"); }, "same/below"},
     {"New", [](TreeBuilder &t) { t.dir("new"); }, "new"},
     {"InANewTree", [](TreeBuilder &t) { t.dirs("new/tree/deep"); }, "new/tree/deep"},
     {"Renamed", [](TreeBuilder &t) { t.rename("old/inner", "old/renamed"); }, "old/renamed"},
-    {"MovedIntoANewTree",
-     [](TreeBuilder &t) {
-       t.dirs("new/tree");
-       t.rename("old", "new/tree/old");
-     },
-     "new/tree"},
     {"ChangedFile", [](TreeBuilder &t) { t.append("same/file", "more"); }, "same/file"},
     {"NestedFileset",
      [](TreeBuilder &t) { testsupport::runCommand("btrfs -q subvolume create " + t.root() + "/sub"); },
@@ -144,13 +132,11 @@ TEST_F(Mounts, InTheSnapshot) {
   tree().append("same/below/f", "more");
   const std::string snapshot = fs().path(snapshotName());
   ASSERT_NO_FATAL_FAILURE(mountOn(snapshot + "/same/below"));
-  RunResult result = restore();
-  EXPECT_EQ(result.exitStatus, 1) << result.describe();
+  EXPECT_EQ(restore().exitStatus, 1);
   EXPECT_EQ(tree().read("same/below/f"), "textmore");
   unmount();
   ASSERT_NO_FATAL_FAILURE(mountOn(snapshot + "/same/other"));
-  result = restore();
-  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  EXPECT_EQ(restore().exitStatus, 0);
   unmount();
   expectRestored();
 }
