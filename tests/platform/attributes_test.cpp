@@ -169,40 +169,38 @@ TEST_F(Attributes, NoCopyOnWriteOfAFileWithDataStaysAsItIs) {
   expectPutWritesNothing("nocow", compressed);
 }
 
-struct AclBuffer {
-  explicit AclBuffer(int32_t length = 10240) : bytes(static_cast<size_t>(length)) {
-    memcpy(bytes.data(), &length, sizeof length);
-    bytes[6] = 1;
-  }
-  int32_t length() const {
-    int32_t value;
-    memcpy(&value, bytes.data(), sizeof value);
-    return value;
-  }
-  std::vector<char> bytes;
-};
-
 TEST_F(Attributes, AclCallsOnEqualProtectedAndUnfollowedObjects) {
   tree_->file("file", "", 0640);
   tree_->setXattr("file", testsupport::kAccessAcl, testsupport::aclForUser(1234, 4));
   tree_->file("plain", "", 0600);
   tree_->symlink("plain", "link");
-  AclBuffer buffer, other;
-  ASSERT_EQ(0, kest_getacl(at("file").c_str(), 0, buffer.bytes.data()));
-  ASSERT_EQ(0, kest_getacl(at("plain").c_str(), 0, other.bytes.data()));
-  AclBuffer tight(buffer.length() - 1), exact(buffer.length());
-  EXPECT_FAILS(ENOSPC, kest_getacl(at("file").c_str(), 0, tight.bytes.data()));
-  EXPECT_EQ(buffer.length(), tight.length());
-  EXPECT_EQ(0, kest_getacl(at("file").c_str(), 0, exact.bytes.data()));
+  auto get = [&](const char *name, std::string *acl) {
+    return kest_getacl(at(name).c_str(), 0, acl->data());
+  };
+  auto put = [&](const char *name, const std::string &acl) {
+    return kest_putacl(at(name).c_str(), 0, acl.data());
+  };
+  // The length of the buffer, version 0, type 1.
+  auto buffer = [](int32_t length) {
+    std::string bytes(length, '\0');
+    memcpy(bytes.data(), &length, sizeof length);
+    bytes[6] = 1;
+    return bytes;
+  };
+  std::string acl = buffer(10240), other = buffer(10240), tight = buffer(20);
+  ASSERT_EQ(0, get("file", &acl));
+  ASSERT_EQ(0, get("plain", &other));
+  EXPECT_FAILS(ENOSPC, get("file", &tight));
+  EXPECT_EQ(acl.substr(0, 4), tight.substr(0, 4)) << "the length that is needed";
+  EXPECT_FAILS(ENOENT, get("none", &other));
 
   tree_->immutable("file");
-  EXPECT_EQ(0, kest_putacl(at("file").c_str(), 0, exact.bytes.data())) << "equal: nothing to write";
-  EXPECT_EQ(0, kest_putacl(at("link").c_str(), 0, exact.bytes.data()));
+  EXPECT_EQ(0, put("file", acl)) << "equal: nothing to write";
+  EXPECT_EQ(0, put("link", acl));
   EXPECT_EQ(mode_t{S_IFREG | 0600}, statOf(at("plain")).st_mode) << "the link was followed";
-  EXPECT_FAILS(EPERM, kest_putacl(at("file").c_str(), 0, other.bytes.data()));
-  exact.bytes[8] ^= 1;  // magic
-  EXPECT_FAILS(EINVAL, kest_putacl(at("plain").c_str(), 0, exact.bytes.data()));
-  EXPECT_FAILS(ENOENT, kest_getacl(at("none").c_str(), 0, buffer.bytes.data()));
+  EXPECT_FAILS(EPERM, put("file", other));
+  acl[8] ^= 1;  // magic
+  EXPECT_FAILS(EINVAL, put("plain", acl));
 }
 
 TEST_F(Attributes, TimesOfEveryObjectAreSetToTheNanosecond) {
