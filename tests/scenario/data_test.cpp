@@ -173,6 +173,7 @@ using OtherStorage = RestoreFixture;
 TEST_F(OtherStorage, ComesBackOrIsCopiedInFrames) {
   TreeBuilder &t = tree();
   t.big("f", 40 * kMiB, 37);
+  t.punch("f", kMiB, 8192);  // small enough to be copied along with the data around it
   t.file("back");
   t.noCow("back");
   t.pattern("back", 0, 50000, 38);

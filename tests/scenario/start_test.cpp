@@ -98,15 +98,13 @@ TEST_F(Start, TakenNamesOfTheWorkDirectoryArePassedOver) {
   // Processes are numbered in a row: the run's number is among these.
   pid_t next = fork();
   if (next == 0) _exit(0);
-  ASSERT_GT(next, 0);
   ASSERT_EQ(waitpid(next, nullptr, 0), next);
   for (int number = next; number < next + kTaken; ++number) {
-    std::string name = "RestoreTemp" + std::to_string(number);
+    const std::string name = "RestoreTemp" + std::to_string(number);
     if (number % 2) {
       tree().file(name, "a user's file");
     } else {
-      tree().dirs(name + "/of/a user");
-      tree().file(name + "/opList", "no list");
+      tree().dirs(name + "/opList/of/a user");
     }
   }
   RunResult result = restore("snap", {"-k"});

@@ -49,7 +49,6 @@ const HistoryCase kNames[] = {
        t.rename("s/f", "d/f");
        t.rename("x", "s/f");
      }},
-    {"OverAnother", sample, [](TreeBuilder &t) { t.rename("b", "d/f"); }},
     {"OtherKindsRenamed", sample,
      [](TreeBuilder &t) {
        t.remove("link");
@@ -63,12 +62,6 @@ const HistoryCase kNames[] = {
        t.rename("p/q", "x");
        t.rename("p", "x/q");
        t.rename("x", "p");
-     }},
-    {"ChainReversed", sample,
-     [](TreeBuilder &t) {
-       t.rename("p/q/r", "r");
-       t.rename("p/q", "r/q");
-       t.rename("p", "r/q/p");
      }},
     {"MovedIntoMovedIntoMovedAndChangedInside", sample,
      [](TreeBuilder &t) {
@@ -197,12 +190,6 @@ const HistoryCase kHardLinks[] = {
        t.rename("a", "new/only");
        t.remove("a2");
      }},
-    {"GroupsMixedUp", sample,
-     [](TreeBuilder &t) {
-       t.exchange("a2", "c");
-       t.remove("d/c");
-       t.link("a", "d/c");
-     }},
     {"OtherKinds", sample,
      [](TreeBuilder &t) {
        t.remove("link");
@@ -241,14 +228,6 @@ const HistoryCase kFlags[] = {
        for (const char *name : {"b", "p", "d", "s"}) t.removeTree(name);
        t.link("c", "e/other");
        t.immutable("c");
-     }},
-    {"OnNewObjects", sample,
-     [](TreeBuilder &t) {
-       t.dirs("new/inner");
-       t.file("new/inner/file", "x");
-       t.immutable("new/inner/file");
-       t.appendOnly("new/inner");
-       t.immutable("new");
      }},
     {"AboveChanges", sample,
      [](TreeBuilder &t) {
