@@ -1,81 +1,75 @@
 #include "oplist/policy_run.h"
 
+#include <algorithm>
+
 #include "oplist/policy_file.h"
 #include "record/record_format.h"
 #include "run/fatal_error.h"
-#include "unit/oplist/work_area.h"
+#include "unit/support/work_area.h"
 
 namespace {
+
+const std::string kDone = formatListRecord(0, 300, "/fs/a", "7,0,0,0,0");
+const std::string kLeft = formatListRecord(0, 301, "/fs/b", "7,0,0,0,0");
 
 class PolicyRun : public WorkArea {
  protected:
   void SetUp() override {
     WorkArea::SetUp();
-    settings.exe = "/opt/it's/fsetrestore";
-    list_ = workPath(kOpList);
-    put(list_, formatListRecord(0, 300, "/fs/a", formatOpString(kOpDeleteFile)));
+    put(kOpList, kDone + kLeft);
+    put(checkpointFile(getpid(), "host", 1), "12c 7,0,0,0,0\n");
   }
-  // A command that notes each run and ends with `exit`.
-  std::string engine(const std::string &exit) { return "sh -c 'echo run >> " + settings.shareDir + "/runs; " + exit + "'"; }
-  size_t runs() {
-    const std::string text = get(settings.shareDir + "/runs");
-    return static_cast<size_t>(std::count(text.begin(), text.end(), '\n'));
+  // Runs a command that notes each of its runs and ends with `exit`.
+  int runs(const std::string &exit) {
+    const std::string note = "sh -c 'echo >> " + at("runs") + "; " + exit + "'";
+    return executePolicy(note, "-p 3", "", at(kOpList));
   }
-  std::string list_;
+  size_t ran() { return get("runs").size(); }
 };
 
 TEST_F(PolicyRun, PolicyFileIsExactAndQuotesItsTexts) {
-  ASSERT_EQ(writePolicyFile(settings.exe, "-d /dev/x -c 4242", ""), 0);
-  EXPECT_EQ(get(workPath(kPolicy)),
+  put(kPolicy, std::string(1000, 'x'));  // left by a dead process
+  ASSERT_EQ(writePolicyFile("/opt/it's/fsetrestore", "-d /dev/x -c 4242", ""), 0);
+  EXPECT_EQ(get(kPolicy),
             "RULE EXTERNAL LIST 'all'  EXEC '/opt/it''s/fsetrestore' OPTS ' -d /dev/x -c 4242'\n"
             "          RULE 'noop' LIST 'all' DIRECTORIES_PLUS\n"
             "          SHOW('d')WHERE MODE LIKE 'd%'\n");
-  // A policy file left by a dead process would name a caller that no longer reads checkpoints.
-  const std::string nested = settings.shareDir + "/nested";
-  put(nested, "left by another process");
-  ASSERT_EQ(writePolicyFile("/x", "-c 1", nested), 0);
-  EXPECT_EQ(get(nested).find("left"), std::string::npos);
 }
 
 TEST_F(PolicyRun, SuccessRemovesTheCheckpointsOfThisProcessAlone) {
-  const std::string mine = checkpointFile(getpid(), "host", 1);
   const std::string other = checkpointFile(getpid() * 10 + 2, "host", 1);  // same leading digits
-  put(mine, "12c 7,0,0,0,0\n");
   put(other, "12c 7,0,0,0,0\n");
-  EXPECT_EQ(executePolicy(engine("exit 0"), "-p 3", "", list_), 0);
-  EXPECT_EQ(runs(), 1u);
-  EXPECT_FALSE(exists(mine));
+  EXPECT_EQ(runs("exit 0"), 0);
+  EXPECT_EQ(ran(), 1u);
+  EXPECT_FALSE(exists(checkpointFile(getpid(), "host", 1)));
   EXPECT_TRUE(exists(other));
 }
 
 TEST_F(PolicyRun, EmptyListStartsNothing) {
-  put(list_, "");
-  EXPECT_EQ(executePolicy(engine("exit 9"), "-p 3", "", list_), 0);
-  EXPECT_EQ(runs(), 0u);
+  put(kOpList, "");
+  EXPECT_EQ(runs("exit 9"), 0);
+  EXPECT_EQ(ran(), 0u);
 }
 
 TEST_F(PolicyRun, FailureIsRetriedThreeTimesOverWhatIsLeft) {
-  put(list_, get(list_) + formatListRecord(0, 301, "/fs/b", formatOpString(kOpDeleteFile)));
-  put(checkpointFile(getpid(), "host", 1), "12c 7,0,0,0,0\n");
   testing::internal::CaptureStderr();
-  EXPECT_EQ(executePolicy(engine("exit 9"), "-p 3", "", list_), 9);
+  EXPECT_EQ(runs("exit 9"), 9);
   const std::string shown = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(runs(), 4u);
-  EXPECT_NE(shown.find("Get an error from policy engine, retry again for the 1 times.\n"), std::string::npos);
-  EXPECT_NE(shown.find("for the 3 times.\n"), std::string::npos);
-  EXPECT_EQ(shown.find("for the 4 times.\n"), std::string::npos);
-  EXPECT_EQ(get(list_), formatListRecord(0, 301, "/fs/b", formatOpString(kOpDeleteFile)));
+  EXPECT_EQ(ran(), 4u);
+  EXPECT_NE(shown.find("Get an error from policy engine, retry again for the 3 times.\n"),
+            std::string::npos);
+  EXPECT_EQ(get(kOpList), kLeft);
 }
 
 TEST_F(PolicyRun, RecordedErrorStopsTheRetries) {
   ASSERT_EQ(setFatalError(5), 0);
-  EXPECT_EQ(executePolicy(engine("exit 1"), "-p 3", "", list_), 1);
-  EXPECT_EQ(runs(), 1u);
+  EXPECT_EQ(runs("exit 1"), 1);
+  EXPECT_EQ(ran(), 1u);
 }
 
 TEST_F(PolicyRun, KilledEngineIsAFailure) {
   ASSERT_EQ(setFatalError(5), 0);
-  EXPECT_EQ(executePolicy(engine("kill -9 $$"), "-p 3", "", list_), 128 + 9);
+  EXPECT_EQ(runs("kill -9 $$"), 128 + 9);
 }
 
 }  // namespace

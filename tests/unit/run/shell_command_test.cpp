@@ -5,6 +5,8 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <map>
+
 namespace {
 
 TEST(ShellWord, NeitherRunsNorSplits) {
@@ -21,18 +23,11 @@ TEST(ShellWord, NeitherRunsNorSplits) {
 }
 
 TEST(RunCommand, ReportsHowTheShellEnded) {
-  struct {
-    const char *command;
-    int status;
-  } cases[] = {{"exit 0", 0},
-               {"exit 7", 7},
-               {"kill -9 $$", 128 + 9},
-               {"kill -15 $$", 128 + 15},
-               {"/no/such/x 2>&-", 127}};
-  for (const auto &test : cases) {
+  for (const auto &[command, expected] :
+       std::map<std::string, int>{{"exit 7", 7}, {"kill -9 $$", 128 + 9}, {"/no/x 2>&-", 127}}) {
     int status = -1;
-    ASSERT_EQ(runCommand(test.command, &status), 0) << test.command;
-    EXPECT_EQ(status, test.status) << test.command;
+    ASSERT_EQ(runCommand(command, &status), 0) << command;
+    EXPECT_EQ(status, expected) << command;
   }
 }
 

@@ -1,112 +1,141 @@
+// Which blocks are shared and which copied, in which pieces: the library's calls are ours here.
 #include "worker/data_copy.h"
 
-#include <cerrno>
+#include <gtest/gtest.h>
 
-#include "oplist/main_lists.h"
-#include "run/run_handles.h"
+#include <cerrno>
+#include <cstring>
+
 #include "run/settings.h"
-#include "run/work_dir.h"
-#include "run/work_file.h"
-#include "unit/support/fake_kest.h"
 
 namespace {
 
-class DataCopy : public FakeFileset {
+using Calls = std::vector<std::string>;
+Calls calls;
+std::string refused;  // the range that cannot be shared, or "all"
+int refusedWith = EINVAL;
+bool holes = false;  // what is read
+// What the next calls answer; afterwards they do all that is asked.
+std::vector<int64_t> reads, writes;
+
+void note(const char *call, int64_t offset, int64_t length) {
+  calls.push_back(call + std::to_string(offset) + "+" + std::to_string(length));
+}
+
+int64_t answer(std::vector<int64_t> &answers, int64_t size) {
+  if (answers.empty()) return size;
+  const int64_t next = answers.front();
+  answers.erase(answers.begin());
+  if (next < 0) errno = EROFS;
+  return next;
+}
+
+}  // namespace
+
+int64_t kest_ireadx(kest_ifile_t *, kest_iscan_t *, void *buf, int64_t size, int64_t *at, int64_t,
+                    int *hole) {
+  note("read ", *at, size);
+  *hole = holes;
+  memset(buf, 'x', static_cast<size_t>(size));
+  return answer(reads, size);
+}
+
+int64_t kest_iwritex(kest_ifile_t *, const void *buf, int64_t size, int64_t offset, int hole) {
+  note(hole && buf == nullptr ? "punch " : "write ", offset, size);
+  return answer(writes, size);
+}
+
+int kest_ishare(kest_ifile_t *, kest_ifile_t *, int64_t offset, int64_t size) {
+  note("share ", offset, size);
+  if (refused != "all" && calls.back() != "share " + refused) return 0;
+  errno = refusedWith;
+  return -1;
+}
+
+namespace {
+
+class DataCopy : public ::testing::Test {
  protected:
   void SetUp() override {
-    FakeFileset::SetUp();
-    makeFile(active("f"));
-    file_ = openInode(handles.activeFsP, inoOf(active("f")));
+    settings = Settings();
     settings.fsBlockSize = 1000;
-  }
-  void TearDown() override {
-    file_.reset();
-    FakeFileset::TearDown();
+    file_.if_size = 10000;
+    refused = "all";
+    refusedWith = EINVAL;
   }
   int copy(int64_t offset, int64_t length, int32_t hole = 0) {
-    fakeKest.calls.clear();
+    calls.clear();
     errno = 0;
-    return copyToActiveFile(file_.get(), file_.get(), offset, length, &hole, false);
+    return copyToActiveFile(&file_, &file_, offset, length, &hole, false);
   }
-  Inode file_;
+  kest_ifile_t file_{};
 };
 
-TEST_F(DataCopy, CopiesBlockByBlock) {
-  ASSERT_EQ(copy(500, 2300), 0);
-  EXPECT_EQ(fakeKest.calls,
-            (std::vector<std::string>{"ireadx 500", "iwritex 500+1000", "ireadx 1500",
-                                      "iwritex 1500+1000", "ireadx 2500", "iwritex 2500+300"}));
-  EXPECT_EQ(copy(500, 0), 0);
-  EXPECT_TRUE(fakeKest.calls.empty());
-}
-
-TEST_F(DataCopy, HolesAreOneWriteOrFoundWhileReading) {
-  ASSERT_EQ(copy(0, 1 << 30, 1), 0);
-  EXPECT_EQ(fakeKest.calls, std::vector<std::string>{"punch 0+1073741824"});
-  fakeKest.readHole = true;
-  ASSERT_EQ(copy(0, 900), 0);
-  EXPECT_EQ(fakeKest.calls, (std::vector<std::string>{"ireadx 0", "punch 0+900"}));
-}
-
-TEST_F(DataCopy, WhatIsNotCopiedWholeFails) {
-  EXPECT_EQ(copy(0, -5), EINVAL);
-  fakeKest.reads = {1000, 0};  // the snapshot's file ends early
-  EXPECT_EQ(copy(0, 1500), EIO);
-  EXPECT_NE(traces().find("copyToActiveFile: rc 5, code 4, err 5\n"), std::string::npos);
-  fakeKest.ioError = EROFS;
-  fakeKest.reads = {};
-  fakeKest.writes = {-1};
-  EXPECT_EQ(copy(0, 1500), EROFS);
-  EXPECT_EQ(errno, EROFS);
-  fakeKest.writes = {999};  // short, without a reason
-  EXPECT_EQ(copy(0, 1500), EIO);
-  fakeKest.writes = {100};
-  EXPECT_EQ(copy(0, 1500, 1), EIO);
-}
-
 TEST_F(DataCopy, WholeBlocksAreSharedAndTheRestIsCopied) {
-  makeFile(active("large"), std::string(10000, 'x'));
-  Inode large = openInode(handles.activeFsP, inoOf(active("large")));
-  std::string refused;  // the range that cannot be shared
-  int err = EINVAL;
-  fakeKest.fault = [&](const std::string &call, const std::string &range) {
-    return call == "ishare" && (refused == "all" || refused == range) ? err : 0;
-  };
-  using Calls = std::vector<std::string>;
   const struct {
     int64_t offset, length;
     int32_t hole;
     std::string refused;
     Calls calls;
   } cases[] = {
-      {5000, 100, 0, "", {"ishare 4096+4096"}},
-      {4096, 4096, 1, "", {"ishare 4096+4096"}},
-      {8192, 1808, 0, "", {"ishare 8192+1808"}},
-      {0,
-       10000,
+      {5000, 0, 0, "", {}},
+      {5000, 100, 0, "", {"share 4096+4096"}},
+      {4096, 4096, 1, "", {"share 4096+4096"}},
+      {8192, 1808, 0, "", {"share 8192+1808"}},
+      // A block that ends in the middle cannot be shared where the other file goes on.
+      {0, 10000, 1, "0+10000", {"share 0+10000", "share 0+8192", "punch 8192+1808"}},
+      {5000,
+       5000,
        0,
-       "0+10000",
-       {"ishare 0+10000", "ishare 0+8192", "ireadx 8192", "iwritex 8192+1000", "ireadx 9192",
-        "iwritex 9192+808"}},
-      {0, 10000, 1, "0+10000", {"ishare 0+10000", "ishare 0+8192", "punch 8192+1808"}},
-      {100, 900, 0, "all", {"ishare 0+4096", "ireadx 100", "iwritex 100+900"}},
-      {4096, 4096, 1, "all", {"ishare 4096+4096", "punch 4096+4096"}},
-  };
-  const auto bring = [&](int64_t offset, int64_t length, int32_t hole) {
-    fakeKest.calls.clear();
-    return copyToActiveFile(large.get(), large.get(), offset, length, &hole, false);
+       "4096+5904",
+       {"share 4096+5904", "share 4096+4096", "read 8192+1000", "write 8192+1000", "read 9192+808",
+        "write 9192+808"}},
+      {4096, 4096, 1, "all", {"share 4096+4096", "punch 4096+4096"}},
+      {500,
+       1300,
+       0,
+       "all",
+       {"share 0+4096", "read 500+1000", "write 500+1000", "read 1500+300", "write 1500+300"}},
+      // Beyond the end of the snapshot's file.
+      {9500, 1000, 0, "", {"read 9500+1000", "write 9500+1000"}},
   };
   for (const auto &one : cases) {
     refused = one.refused;
-    EXPECT_EQ(bring(one.offset, one.length, one.hole), 0);
-    EXPECT_EQ(fakeKest.calls, one.calls);
+    EXPECT_EQ(copy(one.offset, one.length, one.hole), 0);
+    EXPECT_EQ(calls, one.calls);
   }
+  holes = true;
   refused = "all";
+  EXPECT_EQ(copy(0, 900), 0);
+  EXPECT_EQ(calls, (Calls{"share 0+4096", "read 0+900", "punch 0+900"}));
+  holes = false;
+}
+
+TEST_F(DataCopy, WhatIsNotCopiedWholeFails) {
   for (int reason : {ENOSPC, EIO}) {
-    err = reason;
-    EXPECT_EQ(bring(0, 900, 0), reason);
+    refusedWith = reason;
+    EXPECT_EQ(copy(0, 900), reason);
     EXPECT_EQ(errno, reason);
-    EXPECT_EQ(fakeKest.calls, Calls{"ishare 0+4096"});
+    EXPECT_EQ(calls, Calls{"share 0+4096"});
+  }
+  refusedWith = EINVAL;
+  const struct {
+    const char *name;
+    int64_t length;
+    int32_t hole;
+    std::vector<int64_t> reads, writes;
+    int rc;
+  } cases[] = {
+      {"negative length", -5, 0, {}, {}, EINVAL}, {"early end", 1500, 0, {1000, 0}, {}, EIO},
+      {"read error", 1500, 0, {-1}, {}, EROFS},   {"write error", 1500, 0, {}, {-1}, EROFS},
+      {"short write", 1500, 0, {}, {999}, EIO},   {"short hole", 1500, 1, {}, {100}, EIO},
+  };
+  for (const auto &one : cases) {
+    reads = one.reads;
+    writes = one.writes;
+    EXPECT_EQ(copy(0, one.length, one.hole), one.rc) << one.name;
+    EXPECT_EQ(errno, one.rc) << one.name;
+    EXPECT_TRUE(reads.empty() && writes.empty()) << one.name;
   }
 }
 
