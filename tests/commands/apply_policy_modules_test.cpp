@@ -1,54 +1,38 @@
 // What the policy engine reads and how it divides its work.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <numeric>
 
 #include "btrfs/local_nodes.h"
-#include "commands/ktapplypolicy/batch_file.h"
 #include "commands/ktapplypolicy/batcher.h"
 #include "commands/ktapplypolicy/policy_file.h"
 #include "commands/ktapplypolicy/record_list.h"
-#include "commands/ktapplypolicy/worker_slots.h"
 
 namespace kest {
 namespace {
 
 using Words = std::vector<std::string>;
 
-TEST(PolicyFile, FindsScriptAndWords) {
+TEST(PolicyFile, OneScriptIsFoundAndNothingMisread) {
   ScriptRule rule;
   std::string problem;
-  ASSERT_TRUE(parsePolicy(
-      "RULE EXTERNAL LIST 'all'  EXEC '/opt/it''s/tool' OPTS ' -d /m -j ''a b'' -q  -c 42'\n"
-      "          RULE 'noop' LIST 'all' DIRECTORIES_PLUS\n"
-      "          SHOW('d')WHERE MODE LIKE 'd%'\n",
-      &rule, &problem))
+  ASSERT_TRUE(
+      parsePolicy("/* RULE */ rule 'EXTERNAL LIST' where x\n"
+                  "rule 'r' external list 'l' exec '/opt/it''s/tool' opts ' -j ''a b'' -q '",
+                  &rule, &problem))
       << problem;
   EXPECT_EQ(rule.exec, "/opt/it's/tool");
-  EXPECT_EQ(rule.options, (Words{"-d", "/m", "-j", "a b", "-q", "-c", "42"}));
-  ASSERT_TRUE(parsePolicy(
-      "/* RULE */ rule 'EXTERNAL LIST' where x rule 'r' external list 'l' exec '/x'", &rule, &problem));
-  EXPECT_EQ(rule.exec, "/x");
-  EXPECT_TRUE(rule.options.empty());
-}
-
-TEST(PolicyFile, RefusesWhatItWouldMisread) {
-  for (const char *text :
-       {"", "RULE 'noop' LIST 'all'", "RULE EXTERNAL LIST 'a' EXEC '/x",
-        "RULE EXTERNAL LIST 'a' OPTS 'x'", "RULE EXTERNAL LIST 'a' EXEC ''",
-        "RULE EXTERNAL LIST 'a' EXEC '/x' ESCAPE '%'", "RULE EXTERNAL LIST 'a' EXEC '/x' OPTS 'it''s'",
-        "RULE EXTERNAL LIST 'a' EXEC '/x' EXEC '/y'",
-        "RULE EXTERNAL LIST 'a' EXEC '/x' RULE EXTERNAL LIST 'b' EXEC '/y'"}) {
-    ScriptRule rule;
-    std::string problem;
-    EXPECT_FALSE(parsePolicy(text, &rule, &problem)) << text;
-    EXPECT_FALSE(problem.empty()) << text;
+  EXPECT_EQ(rule.options, (Words{"-j", "a b", "-q"}));
+  const std::string one = "RULE EXTERNAL LIST 'a' EXEC '/x'";
+  for (const std::string &text :
+       {std::string(), std::string("RULE 'noop' LIST 'all'"), one,
+        std::string("RULE EXTERNAL LIST 'a' OPTS 'x'"), std::string("RULE EXTERNAL LIST 'a' EXEC '' "),
+        one + " ESCAPE '%'", one + " OPTS 'it''s'", one + " EXEC '/y'", one + " " + one}) {
+    const bool good = text == one;
+    EXPECT_EQ(parsePolicy(text, &rule, &problem), good) << text;
   }
 }
 
@@ -58,21 +42,18 @@ TEST(PolicyFile, SplitsLikeAShellAndExpandsNothing) {
     Words words;
   } cases[] = {
       {"  ", {}},
-      {"a\tb\n c", {"a", "b", "c"}},
       {"''x \"\" y''", {"x", "", "y"}},
       {R"(a\ b 'c\d' "e\"f\g\\")", {"a b", "c\\d", "e\"f\\g\\"}},
       {"'it'\\''s' a'b c'd", {"it's", "ab cd"}},
-      {"one\\\ntwo", {"onetwo"}},
+      {"one\\\ntwo\t3", {"onetwo", "3"}},
       {"$HOME `id` $(id) * ~ #x ;|&>", {"$HOME", "`id`", "$(id)", "*", "~", "#x", ";|&>"}},
   };
+  Words words;
+  std::string problem;
   for (const auto &one : cases) {
-    Words words;
-    std::string problem;
     EXPECT_TRUE(splitWords(one.text, &words, &problem)) << one.text;
     EXPECT_EQ(words, one.words) << one.text;
   }
-  Words words;
-  std::string problem;
   for (const char *text : {"'a", "\"a\\\"", "a\\"})
     EXPECT_FALSE(splitWords(text, &words, &problem)) << text;
 }
@@ -85,33 +66,20 @@ std::string listLine(int64_t aggregate, uint64_t inode, const std::string &path,
   return head + path + ":0!;" + std::to_string(operation.size()) + "!" + operation + "\n";
 }
 
-class ListFile : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_GE(fd_ = mkstemp(path_), 0); }
-  void TearDown() override {
-    close(fd_);
-    unlink(path_);
-  }
-  void put(const std::string &text) {
-    ASSERT_EQ(write(fd_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  }
-
-  char path_[32] = "/tmp/record-list-XXXXXX";
-  int fd_ = -1;
-};
-
-TEST_F(ListFile, PathsAreFoundByLengthAlone) {
+TEST(RecordList, PathsAreFoundByLengthAlone) {
   const std::string paths[] = {"/a", "/x:0!;9!7,0,0,0,0\n1:0:5:", "/\n\t\\ \xff!;",
                                std::string(4095, 'p')};
+  char file[] = "/tmp/record-list-XXXXXX";
+  int fd = mkstemp(file);
+  auto put = [fd](const std::string &text) {
+    return write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  };
   // More than one buffer, so that records lie across its end.
   std::string text;
-  for (int i = 0; i < 1200; i++) {
+  for (int i = 0; i < 1200; i++)
     text += listLine(i / 7, 0x123456789abcdef0u + i, paths[i % 4], "1,4096,8192,0,1");
-  }
-  put(text);
   RecordList list;
-  ASSERT_EQ(list.open(path_), 0);
-  put(listLine(9, 9, "/appended later", "7,0,0,0,0"));
+  ASSERT_TRUE(put(text) && list.open(file) == 0 && put(listLine(9, 9, "/later", "7,0,0,0,0")));
   for (int round = 0; round < 2; round++) {
     ListRecord record;
     for (int i = 0; i < 1200; i++) {
@@ -124,59 +92,35 @@ TEST_F(ListFile, PathsAreFoundByLengthAlone) {
     EXPECT_EQ(list.next(&record), 0);
     list.rewind();
   }
-}
-
-TEST_F(ListFile, EveryTruncationIsFound) {
-  std::string first = listLine(0, 300, "/a/b", "7,0,0,0,0");
-  std::string second = listLine(1, 301, "/c:d!e\nf", "2,0,4096,1,0");
-  for (size_t cut = 1; cut < second.size(); cut++) {
-    ASSERT_EQ(ftruncate(fd_, 0), 0);
-    lseek(fd_, 0, SEEK_SET);
-    put(first + second.substr(0, cut));
-    RecordList list;
-    ListRecord record;
-    ASSERT_EQ(list.open(path_), 0);
-    EXPECT_EQ(list.next(&record), 1);
-    EXPECT_EQ(list.next(&record), -1) << "cut at " << cut;
-    size_t at = list.problem().find("at byte ");
-    ASSERT_NE(at, std::string::npos);
-    size_t byte = std::stoul(list.problem().substr(at + 8));
-    EXPECT_GE(byte, first.size());
-    EXPECT_LE(byte, first.size() + cut);
-  }
+  close(fd);
+  unlink(file);
 }
 
 TEST(RecordList, DamagedRecordsAreRefused) {
-  std::string good = listLine(0, 300, "/a/b", "7,0,0,0,0");
+  const std::string good = listLine(1, 301, "/c:d!e\nf", "2,0,4096,1,0");
   ListRecord record;
   std::string problem;
-  size_t at;
-  ASSERT_EQ(parseListRecord(good, &record, &problem, &at), good.size());
-  for (std::string bad : {std::string("0:0:12c:0:0:0:0:0:-1!/a:0!;9!7,0,0,0,0\n"),
-                          std::string("0:0:12c:0:0:0:0:0:5!/a/b:0!;9!7,0,0,0,0\n"),
-                          std::string("0:0:12c:0:0:0:0:0:0!:0!;9!7,0,0,0,0\n"),
-                          std::string("0:0:12c:0:0:0:0:0:4!/a/b:0!;8!7,0,0,0,0\n"),
-                          std::string("0:0:xyz:0:0:0:0:0:4!/a/b:0!;9!7,0,0,0,0\n"),
-                          std::string("0:0:12c:0:0:0:0:0:4!/a/b:0!;9!7,0 0,0,0\n"),
-                          std::string("0:0:12c:0:0:0:0:0:4!/a\0b:0!;9!7,0,0,0,0\n", 40),
-                          std::string("\n"), listLine(0, 300, std::string(4096, 'x'), "7,0,0,0,0")}) {
+  size_t at = 0;
+  for (size_t cut = 0; cut < good.size(); cut++) {
+    EXPECT_EQ(parseListRecord(good.substr(0, cut), &record, &problem, &at), 0u) << cut;
+    EXPECT_LE(at, cut);
+  }
+  EXPECT_EQ(parseListRecord(good, &record, &problem, &at), good.size());
+  for (const std::string &bad : {std::string("0:0:12c:0:0:0:0:0:-1!/a:0!;9!7,0,0,0,0\n"),
+                                 std::string("0:0:12c:0:0:0:0:0:5!/a/b:0!;9!7,0,0,0,0\n"),
+                                 std::string("0:0:12c:0:0:0:0:0:0!:0!;9!7,0,0,0,0\n"),
+                                 std::string("0:0:12c:0:0:0:0:0:4!/a/b:0!;8!7,0,0,0,0\n"),
+                                 std::string("0:0:xyz:0:0:0:0:0:4!/a/b:0!;9!7,0,0,0,0\n"),
+                                 std::string("0:0:12c:0:0:0:0:0:4!/a/b:0!;9!7,0 0,0,0\n"),
+                                 std::string("0:0:12c:0:0:0:0:0:4!/a\0b:0!;9!7,0,0,0,0\n", 40),
+                                 listLine(0, 300, std::string(4096, 'x'), "7,0,0,0,0")}) {
     EXPECT_EQ(parseListRecord(bad, &record, &problem, &at), 0u) << bad;
   }
 }
 
-TEST(BatchFile, EscapesThePathAndNothingElse) {
-  ListRecord record;
-  record.inode = UINT64_MAX;
-  record.operation = "1,0,4096,0,0";
-  record.path = "/a \\b\nc\td -- :!";
-  EXPECT_EQ(formatBatchLine(record),
-            "18446744073709551615 0 0  1,0,4096,0,0 -- /a \\\\b\\nc\\td -- :!\n");
-}
-
 TEST(Batcher, BatchSizes) {
   struct Aggregate {
-    int records;
-    int range = 0;  // bytes
+    int records, range = 0;  // range: bytes
   };
   struct {
     const char *name;
@@ -215,7 +159,8 @@ TEST(Batcher, BatchSizes) {
         ListRecord record;
         record.aggregate = static_cast<int64_t>(i);
         record.inode = inode++;
-        record.operation = one.aggregates[i].range ? "2,0," + std::to_string(one.aggregates[i].range) + ",0,0" : "7,0,0,0,0";
+        const int range = one.aggregates[i].range;
+        record.operation = range ? "2,0," + std::to_string(range) + ",0,0" : "7,0,0,0,0";
         batcher.add(record);
         takeAll();
       }
@@ -233,66 +178,11 @@ TEST(Nodes, OnlyThisMachine) {
   char host[256] = "";
   gethostname(host, sizeof(host) - 1);
   std::string foreign;
-  for (std::string nodes :
-       {std::string("all"), std::string("localhost"), std::string(host), "all," + std::string(host)}) {
+  for (const std::string &nodes : {std::string("all"), "localhost," + std::string(host)})
     EXPECT_TRUE(nodesAreLocal(nodes, &foreign)) << nodes;
-  }
   EXPECT_FALSE(nodesAreLocal("localhost,elsewhere", &foreign));
   EXPECT_EQ(foreign, "elsewhere");
   EXPECT_FALSE(nodesAreLocal("", &foreign));
-}
-
-// A nested engine sees the slots of its outer one, runs on the lent slot first, and gives all back when
-// it is killed.
-TEST(WorkerSlots, SharedLentAndGivenBack) {
-  unsetenv(kWorkerSlotVariable);
-  setenv(kMaxWorkersVariable, "3", 1);
-  WorkerSlots slots;
-  WorkerSlots::Slot mine, taken;
-  std::string problem;
-  ASSERT_TRUE(slots.open(&problem)) << problem;
-  EXPECT_EQ(slots.budget(), 3u);
-  ASSERT_TRUE(slots.tryAcquire(&mine));
-
-  int ready[2];
-  ASSERT_EQ(pipe(ready), 0);
-  pid_t child = fork();
-  if (child == 0) {
-    setenv(kWorkerSlotVariable, slots.environment(mine).c_str(), 1);
-    WorkerSlots nested, sibling;
-    WorkerSlots::Slot lent, second, third;
-    bool good = nested.open(&problem) && sibling.open(&problem) && nested.tryAcquire(&lent) &&
-                lent.index == mine.index && lent.depth == 1 && nested.tryAcquire(&second) &&
-                second.depth == 0 && sibling.tryAcquire(&third) && third.depth == 0 &&
-                !sibling.tryAcquire(&third) && !nested.tryAcquire(&third);
-    nested.release(lent);
-    good = good && sibling.tryAcquire(&third) && third.depth == 1;
-    char answer = good ? 'y' : 'n';
-    if (write(ready[1], &answer, 1) == 1) pause();
-    _exit(1);
-  }
-  char answer = 0;
-  ASSERT_EQ(read(ready[0], &answer, 1), 1);
-  EXPECT_EQ(answer, 'y');
-  EXPECT_FALSE(slots.tryAcquire(&taken));
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  EXPECT_TRUE(slots.tryAcquire(&taken));
-  EXPECT_TRUE(slots.tryAcquire(&taken));
-  EXPECT_FALSE(slots.tryAcquire(&taken));
-  close(ready[0]);
-  close(ready[1]);
-
-  // A worker whose engine has gone must not become an outermost run of its own.
-  setenv(kWorkerSlotVariable, (std::to_string(child) + ":3:0:0").c_str(), 1);
-  WorkerSlots orphan;
-  EXPECT_FALSE(orphan.open(&problem));
-  unsetenv(kWorkerSlotVariable);
-  for (const char *wrong : {"0", "-1", "two", "5000"}) {
-    setenv(kMaxWorkersVariable, wrong, 1);
-    EXPECT_FALSE(WorkerSlots().open(&problem)) << wrong;
-  }
-  unsetenv(kMaxWorkersVariable);
 }
 
 }  // namespace
