@@ -38,15 +38,6 @@ TEST_F(MoveFile, TakenDestinationIsPendingOnceThenAFailure) {
   EXPECT_EQ(read(location_), "text");
 }
 
-TEST_F(MoveFile, TakenTemporaryLocationIsNotOverwritten) {
-  ASSERT_EQ(makeWorkDirectory(bucketDir(ino_)), 0);
-  btrfs.commit();
-  tree.file(location_.substr(tree.root().size() + 1), "other");
-  EXPECT_NE(away(), 0);
-  EXPECT_EQ(errno, EEXIST);
-  EXPECT_EQ(read(location_), "other");
-}
-
 TEST_F(MoveFile, SourceThatIsGoneOrGoesIsDone) {
   refusal = [this](const std::string &call) {
     if (call == "kest_rename_noreplace" && tree.exists("f")) tree.remove("f");
@@ -68,6 +59,19 @@ TEST_F(MoveFile, FlagsAreClearedOnEitherWay) {
     tree.immutable(path.substr(tree.root().size() + 1));
   ASSERT_EQ(back(kPhaseMoveBack), 0);
   EXPECT_EQ(tree.read("d/f"), "text");
+}
+
+TEST_F(MoveFile, DirectoryLeavesALinkAlsoWhenTheMoveIsRepeated) {
+  tree.dir("d");
+  takeSnapshot();
+  const uint64_t ino = tree.inode("d");
+  ASSERT_EQ(moveFile(active("d"), ino, kPhaseMain, nullptr, false), 0);
+  ASSERT_EQ(fetchFile(active("d"), ino), 0);
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(moveFile(tempLocation(ino), ino, kPhaseDirs, nullptr, false), 0);
+    EXPECT_EQ(std::filesystem::read_symlink(tempLocation(ino)), active("d"));
+  }
+  EXPECT_EQ(tree.inode("d"), ino);
 }
 
 }  // namespace

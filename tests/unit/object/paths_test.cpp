@@ -1,5 +1,6 @@
 // Paths through the work directory, and one that is too long for a command.
 #include <cerrno>
+#include <map>
 
 #include "object/junction.h"
 #include "object/path_files.h"
@@ -40,6 +41,14 @@ TEST_F(Paths, OnlyPathsBelowTheWorkDirectoryLieInIt) {
   // Names of users look like the program's own.
   ASSERT_EQ(fetchFile("/fs/x", 1041), 0);
   EXPECT_EQ(real(tempLocation(1041) + "/MOVE_3/_17"), "/fs/x/MOVE_3/_17");
+}
+
+TEST_F(Paths, FlagsOfAnEntryMakeItAJunction) {
+  for (const auto &[flags, kind] : std::map<uint32_t, int>{{0, 0}, {1, 1}, {2, 2}, {3, 1}, {4, 0}}) {
+    kest_direntx64_t entry{};
+    entry.d_flags = flags;
+    EXPECT_EQ(checkJunction("/fs/a", &entry), kind) << flags;
+  }
 }
 
 TEST_F(Paths, CommandThatWouldBeCutOffIsNotRun) {

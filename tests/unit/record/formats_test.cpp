@@ -28,65 +28,34 @@ TEST(ListRecord, TruncationIsNoticed) {
 }
 
 TEST(BatchLine, PathsAreDecoded) {
-  struct {
-    const char *line, *op, *path;
-  } cases[] = {
-      {"257 9 8 7,0,0,0,0  --  /m/ b \n", "7,0,0,0,0", " /m/ b "},
-      {"18446744073709551615 0 0 x -- /m/new\\nline\\ttab\\\\back\\q\nrest", "x",
-       "/m/new\nline\ttab\\backq"},
-      {"1 0 0 x -- -- a", "x", "-- a"},
-  };
-  for (const auto &test : cases) {
-    BatchLine line;
-    ASSERT_TRUE(parseBatchLine(test.line, &line)) << test.line;
-    EXPECT_EQ(line.opString, test.op);
-    EXPECT_EQ(line.path, test.path);
-  }
+  BatchLine line;
+  ASSERT_TRUE(parseBatchLine("257 9 8 7,0,0,0,0  --  /m/ b \n", &line));
+  EXPECT_EQ(line.opString + line.path, "7,0,0,0,0 /m/ b ");
+  ASSERT_TRUE(parseBatchLine("1 0 0 x -- -- /m/n\\nt\\tb\\\\q\\q\nrest", &line));
+  EXPECT_EQ(line.path, "-- /m/n\nt\tb\\qq");
 }
 
 TEST(Lines, DamageIsNoticed) {
-  const auto list = [](const std::string &text) {
-    size_t position = 0;
-    ListRecordFields record;
-    return parseListRecord(text, &position, &record);
-  };
-  const auto batch = [](const std::string &text) {
-    BatchLine line;
-    return parseBatchLine(text, &line);
-  };
-  const auto operation = [](const std::string &text) {
-    OpString op;
-    return parseOpString(text, &op);
-  };
-  const auto checkpoint = [](const std::string &text) {
-    uint64_t ino = 0;
-    std::string_view op;
-    return parseCheckpointLine(text, &ino, &op);
-  };
-  const struct {
-    std::function<bool(const std::string &)> parse;
-    std::string good;
-    std::vector<std::string> bad;
-  } formats[] = {
-      {list,
-       "1:0:101:0:0:0:0:0:1!a:0!;1!x\n",
-       {"1:0:101:0:0:0:0:0:-1!:0!;1!x\n", "1:0:101:0:0:0:0:0:99999999999!a:0!;1!x\n",
-        "1:1:101:0:0:0:0:0:1!a:0!;1!x\n", "1:0:zz:0:0:0:0:0:1!a:0!;1!x\n",
-        "1:0:101:0:0:0:0:0:1!a:0!;2!x\n"}},
-      {batch,
-       "1 2 3 x -- /m/a\n",
-       {"", "1 2 3\n", "1 2 3 x\n", "1 2 3 x /m/a\n", "x 2 3 y -- /m/a\n",
-        "99999999999999999999 2 3 y -- /m/a\n",
-        "1 2 3 " + std::string(kOpStringMax + 1, '1') + " -- /m/a\n"}},
-      {operation,
-       "1,0,0,0,0",
-       {"", "1", "1,2,3", "1,2,3,4,", "a,0,0,0,0", "1;0;0;0;0", "99999999999,0,0,0,0"}},
-      {checkpoint, "1f 7,0,0,0,0\n", {"", "\n", "1f\n", "1f \n", "xy 7,0,0,0,0\n", "1f7,0,0\n"}},
-  };
-  for (const auto &format : formats) {
-    EXPECT_TRUE(format.parse(format.good)) << format.good;
-    for (const std::string &bad : format.bad) EXPECT_FALSE(format.parse(bad)) << bad;
-  }
+  size_t position = 0;
+  ListRecordFields record;
+  BatchLine line;
+  OpString op;
+  uint64_t ino = 0;
+  std::string_view text;
+  for (const char *bad : {"1:0:101:0:0:0:0:0:-1!:0!;1!x\n", "1:0:101:0:0:0:0:0:99999999999!a:0!;1!x\n",
+                          "1:1:101:0:0:0:0:0:1!a:0!;1!x\n", "1:0:zz:0:0:0:0:0:1!a:0!;1!x\n",
+                          "1:0:101:0:0:0:0:0:1!a:0!;2!x\n"})
+    EXPECT_FALSE(parseListRecord(bad, &position, &record)) << bad;
+  for (const char *bad : {"", "1 2 3\n", "1 2 3 x\n", "1 2 3 x /m/a\n", "x 2 3 y -- /m/a\n",
+                          "99999999999999999999 2 3 y -- /m/a\n"})
+    EXPECT_FALSE(parseBatchLine(bad, &line)) << bad;
+  const std::string longer(kOpStringMax + 1, '1');
+  EXPECT_FALSE(parseBatchLine("1 2 3 " + longer + " -- /m/a\n", &line));
+  for (const char *bad :
+       {"", "1", "1,2,3", "1,2,3,4,", "a,0,0,0,0", "1;0;0;0;0", "99999999999,0,0,0,0"})
+    EXPECT_FALSE(parseOpString(bad, &op)) << bad;
+  for (const char *bad : {"", "\n", "1f\n", "1f \n", "xyz 7,0,0,0,0\n", "1f7,0,0,0,0\n"})
+    EXPECT_FALSE(parseCheckpointLine(bad, &ino, &text)) << bad;
 }
 
 class SideList : public WorkArea {};

@@ -4,7 +4,6 @@
 
 #include "run/fatal_error.h"
 #include "run/number_set.h"
-#include "run/snapshot_table.h"
 #include "run/trace_buffer.h"
 #include "run/work_file.h"
 #include "unit/support/work_area.h"
@@ -44,9 +43,6 @@ TEST_F(Files, TraceLinesCarryTheirPrefix) {
                              std::to_string(getpid()) + R"( phase:51 pass:3\]: )";
   EXPECT_TRUE(std::regex_match(first, std::regex(prefix + "crDir: path /m/%s, rc -1"))) << first;
   EXPECT_TRUE(text.ends_with("]: " + std::string(5000, 'x') + "\n"));
-  testing::internal::CaptureStdout();
-  dumpErrorLog();
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "---------------------\n" + text);
 }
 
 TEST_F(Files, FatalErrorMarker) {
@@ -111,17 +107,6 @@ TEST_F(Files, AFullDiskIsReportedAtTheClose) {
   }
   ASSERT_EQ(symlink("/etc/passwd", at("link").c_str()), 0);
   EXPECT_FALSE(WorkFile::open(at("link"), WorkFile::Mode::kShared));
-}
-
-TEST(SnapshotTable, IsReadBehindTheHeader) {
-  const std::string rows =
-      "s1   300 Valid Mon Jan 1 00:00:00 2024 home\n"
-      "with\\040blank\\134 301 Valid Mon Jan 1 00:00:00 2024 home\n"
-      "short 302 Valid Mon\n"
-      "word id Valid Mon Jan 1 00:00:00 2024 home\n";
-  EXPECT_EQ(parseSnapshotList("Snapshots\nDirectory   Id  Status  Created  Fileset\n" + rows),
-            (SnapshotTable{{300, "s1"}, {301, "with blank\\"}}));
-  EXPECT_TRUE(parseSnapshotList(rows).empty());
 }
 
 TEST(NumberSet, HoldsWhatWasInserted) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 
 #include "run/run_handles.h"
 #include "run/settings.h"
@@ -13,7 +14,10 @@
 #include "run/work_file.h"
 #include "support/loop_btrfs.h"
 #include "support/tree_builder.h"
-#include "unit/support/refused_calls.h"
+
+// Asked before a call of the library that removes or moves a name: the error number that it fails with,
+// as no kernel does on request; 0: it is performed. Null: all are.
+extern std::function<int(const std::string &call)> refusal;
 
 class RealFileset : public ::testing::Test {
  protected:

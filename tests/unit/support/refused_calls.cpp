@@ -1,10 +1,8 @@
-#include "unit/support/refused_calls.h"
-
 #include <dlfcn.h>
 
 #include <cerrno>
 
-#include "kest.h"
+#include "unit/support/real_fileset.h"
 
 std::function<int(const std::string &call)> refusal;
 

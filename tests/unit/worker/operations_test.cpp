@@ -1,6 +1,7 @@
 // Removals that wait, are refused, or meet something else.
 #include <cerrno>
 
+#include "record/record_format.h"
 #include "unit/support/real_fileset.h"
 #include "worker/delete_file.h"
 #include "worker/dir_ops.h"
@@ -45,6 +46,24 @@ TEST_F(Operations, DirectoryGoesOnlyWhenItIsTheOneMeantAndEmpty) {
   tree.remove("d/full");
   for (int i = 0; i < 2; ++i) EXPECT_EQ(removeDir(ino), 0);
   EXPECT_FALSE(tree.exists("d"));
+}
+
+// Each list is performed by this worker or by an engine of its own; a set has both here in turn.
+TEST_F(Operations, FailureOfANestedListIsTheDirectorys) {
+  tree.dir("d");
+  const uint64_t ino = tree.inode("d");
+  settings.topDir = true;
+  ASSERT_EQ(makeWorkDirectory(dirSet(ino, false)), 0);
+  const std::string bad = formatListRecord(0, ino, active("d/x"), "9,0,0,0,0");
+  const std::string list = dirSetList(ino, false, 1).substr(tree.root().size() + 1);
+  tree.file(list);
+  for (int records : {1, 200}) {
+    for (int i = 0; i < records; ++i) tree.append(list, bad);
+    EXPECT_NE(removeDir(ino), 0) << records;
+    EXPECT_TRUE(tree.exists("d"));
+  }
+  tree.truncate(list, 0);
+  EXPECT_EQ(removeDir(ino), 0);
 }
 
 TEST_F(Operations, RefusedRemovalWithoutAJunctionIsAFailure) {

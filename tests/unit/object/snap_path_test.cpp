@@ -1,0 +1,42 @@
+#include "object/snap_path.h"
+
+#include "object/path_files.h"
+#include "scan/diff_table.h"
+#include "unit/support/real_fileset.h"
+
+namespace {
+
+class SnapPath : public RealFileset {
+ protected:
+  // The inode number of a path's object in the snapshot; 0: there is none, -1: that cannot be told.
+  int64_t inSnapshot(const std::string &path) {
+    std::string result;
+    uint64_t ino = 0;
+    bool absent = false;
+    if (getSnapPath(path, true, &result, &ino, &absent) == 0) return static_cast<int64_t>(ino);
+    return absent ? 0 : -1;
+  }
+};
+
+TEST_F(SnapPath, OfRenamedAndWaitingObjects) {
+  tree.dirs("old/a");
+  const int64_t dir = tree.inode("old"), below = tree.inode("old/a");
+  takeSnapshot();
+  tree.rename("old", "new");
+  EXPECT_EQ(inSnapshot(active("new")), 0);
+  EXPECT_EQ(inSnapshot(tempLocation(dir)), -1) << "nothing says where it belongs";
+  ASSERT_EQ(makeWorkDirectory(bucketDir(dir)), 0);
+  ASSERT_EQ(fetchFile(active("old"), dir), 0);
+  EXPECT_EQ(inSnapshot(tempLocation(dir)), dir);
+  EXPECT_EQ(inSnapshot(tempLocation(dir) + "/a"), below);
+  EXPECT_EQ(inSnapshot(tempLocation(dir) + "/b"), 0);
+  // While the walks run a new name stands for the old one; later the object has been moved.
+  ASSERT_TRUE(allocDiffTable());
+  addItem(dir, 0, kDiffChanged | kDiffMoved);
+  EXPECT_EQ(inSnapshot(active("new")), dir);
+  settings.phase = kPhaseMain;
+  EXPECT_EQ(inSnapshot(active("new")), 0);
+  freeDiffTable();
+}
+
+}  // namespace
