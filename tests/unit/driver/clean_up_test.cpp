@@ -38,18 +38,6 @@ class CleanUp : public RealFileset {
   std::string said_;
 };
 
-TEST_F(CleanUp, LinksGoAndTheirTargetsStay) {
-  tree.dir("moved-back");
-  tree.file("moved-back/data", "keep");
-  ASSERT_EQ(makeWorkDirectory(bucketDir(5)), 0);
-  std::filesystem::create_symlink(active("moved-back"), tempLocation(5));
-  ASSERT_EQ(fetchFile(active("moved-back"), 5), 0);
-  EXPECT_EQ(cleanUp(false), 0);
-  EXPECT_EQ(said_, "");
-  EXPECT_FALSE(exists(settings.shareDir));
-  EXPECT_TRUE(tree.exists("moved-back/data"));
-}
-
 TEST_F(CleanUp, ALinkOfTheFilesetIsAnUnfinishedMoveToo) {
   tree.symlink("anywhere", "link");
   tree.file("file");
