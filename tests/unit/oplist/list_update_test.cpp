@@ -52,7 +52,8 @@ TEST_F(ListUpdate, DamagedInputLeavesTheListAsItWas) {
       {"cut record", list.substr(0, list.size() - 3), ""},
       {"record that is too long",
        kRange0 + formatListRecord(1, 301, std::string(16384, 'p'), "7,0,0,0,0"), ""},
-      {"line that is too long", list, done + std::string(16384, ' ') + "\n"},
+      {"line that is too long", list,
+       done + std::string(16385 - done.size(), ' ') + "12c 2,10,10,0,0\n"},
   };
   for (const auto &one : cases) {
     put(kOpList, one.list);
