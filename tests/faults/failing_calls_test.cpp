@@ -92,7 +92,8 @@ TEST_F(FailingCalls, EachCall) {
         moments = {1 + turn * 7 % (1 + count / 2)};
       }
       for (uint64_t nth : moments)
-        expectFailureAndRepair({.call = call, .error = EIO, .where = where, .nth = nth}, outcome);
+        expectFailureAndRepair({.call = call.c_str(), .error = EIO, .where = where, .nth = nth},
+                               outcome);
       injected += moments.size();
     }
     printf("%5zu  %s\n", injected, call.c_str());

@@ -1,5 +1,6 @@
 #include "faults/faults_fixture.h"
 
+#include <filesystem>
 #include <sstream>
 
 #include "support/survival.h"
@@ -106,11 +107,32 @@ void Faults::prepare(void (*further)(TreeBuilder &)) {
   before_ = fingerprint(root());
 }
 
+std::unique_ptr<Running> Faults::start() {
+  return std::make_unique<Running>(std::vector<std::string>{fs().mountPoint(), "-j", fileset(), "-o",
+                                                            snapshotName(), "-m", "3", "-B", "2"});
+}
+
+bool Faults::reach(Running &run, const Stage &stage) {
+  const auto begun = [&] {
+    if (&stage == std::end(kStages) - 1) return run.said().find(stage.begins) != std::string::npos;
+    const std::vector<std::string> dirs = workDirs();
+    return !dirs.empty() && readAll(dirs[0] + "/ErrorLog").find(stage.begins) != std::string::npos;
+  };
+  return waitUntil([&] { return run.ended() || begun(); }, 20) && !run.ended();
+}
+
+std::vector<std::string> Faults::workDirs() const {
+  std::vector<std::string> found;
+  for (const auto &entry : std::filesystem::directory_iterator(root()))
+    if (entry.path().filename().string().starts_with("RestoreTemp")) found.push_back(entry.path());
+  return found;
+}
+
 std::unique_ptr<Running> Faults::startUntil(const Stage &stage) {
   for (int attempt = 0; attempt < 20; ++attempt) {
     prepare();
     auto run = start();
-    if (reach(*run, root(), stage)) return run;
+    if (reach(*run, stage)) return run;
   }
   ADD_FAILURE() << "no run was seen in the stage " << stage.name;
   return nullptr;

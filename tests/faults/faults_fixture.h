@@ -5,8 +5,8 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
-#include "faults/running_restore.h"
 #include "scenario/restore_fixture.h"
 #include "support/fault_plan.h"
 
@@ -17,8 +17,27 @@ using testsupport::Fault;
 using testsupport::FaultAction;
 using testsupport::kAnyWorker;
 using testsupport::kMaster;
+using testsupport::Process;
+using testsupport::readAll;
+using testsupport::Running;
+using testsupport::waitUntil;
 
 inline constexpr int kMain = 3, kMoveBack = 4, kPending = 5, kDirs = 6, kLinks = 8, kCreate = 51;
+
+// A stage of a run, and a text of its trace log with which it begins.
+struct Stage {
+  const char *name, *begins;
+  bool masterAlone;
+};
+
+inline constexpr Stage kStages[] = {{"walks", "traverseCommonDir", true},
+                                    {"main", "start, phase 3", false},
+                                    {"move back", "start, phase 4", false},
+                                    {"create", "start, phase 51", false},
+                                    {"directory move", "doFinalDirMove: moving", true},
+                                    {"links", "start, phase 8", false},
+                                    {"directories", "start, phase 6", false},
+                                    {"clean-up", "Clean up.", true}};
 
 class Faults : public scenario::RestoreFixture {
  protected:
@@ -29,10 +48,12 @@ class Faults : public scenario::RestoreFixture {
   // test's messages until the next call.
   // `items`: the program of several passes, with as many differing inodes in each.
   RunResult restoreWith(const Fault &fault, unsigned items = 0);
-  // Begins a restore to the snapshot of prepare().
-  std::unique_ptr<Running> start(int ignored = 0) {
-    return std::make_unique<Running>(fs().mountPoint(), fileset(), snapshotName(), ignored);
-  }
+  // Begins a restore to the snapshot of prepare(). Its workers take two records each, so that there
+  // are many.
+  std::unique_ptr<Running> start();
+  // Waits until the stage has begun. False when the run was faster.
+  bool reach(Running &run, const Stage &stage);
+  std::vector<std::string> workDirs() const;  // paths
   // prepare() and start(), again where the run was over before it was seen in that stage.
   std::unique_ptr<Running> startUntil(const Stage &stage);
   // exit status 0, tree and snapshot equal, nothing left, every survivor kept.

@@ -87,7 +87,7 @@ TEST_F(Full, ThenTheSameCommand) {
       auto run = startUntil(kStages[stage]);
       ASSERT_TRUE(run);
       for (const Process &process : run->living()) kill(process.pid, SIGSTOP);
-      plant(workDirs(root())[0], nested);
+      plant(workDirs()[0], nested);
       makeFull(static_cast<Kind>(kind));
       for (const Process &process : run->living()) kill(process.pid, SIGCONT);
       ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 60)) << run->said();

@@ -75,7 +75,7 @@ class PowerCuts : public Faults {
       const Syncing syncing(fs().mountPoint(), root(), seed);
       auto run = start();
       for (const Stage &stage : kStages)
-        if (reach(*run, root(), stage)) begins.push_back({stage.name, disk.count()});
+        if (reach(*run, stage)) begins.push_back({stage.name, disk.count()});
       EXPECT_TRUE(waitUntil([&] { return run->ended(); }, 30)) << run->said();
       EXPECT_EQ(run->exitStatus(), 0) << run->said();
     }

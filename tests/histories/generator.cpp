@@ -33,14 +33,10 @@ const std::vector<std::pair<std::string, Generator::Weights>> &Generator::table(
   return kTable;
 }
 
-const std::vector<std::string> &profiles() {
-  static const std::vector<std::string> kNames = {"data",  "attrs", "trees", "names",
-                                                  "links", "flags", "all",   "clones"};
-  return kNames;
-}
-
-bool isProfile(const std::string &name) {
-  return std::find(profiles().begin(), profiles().end(), name) != profiles().end();
+std::vector<std::string> Generator::profiles() {
+  std::vector<std::string> names;
+  for (const auto &[name, weights] : table()) names.push_back(name);
+  return names;
 }
 
 namespace {
@@ -68,8 +64,7 @@ std::string parentOf(const std::string &path) {
 }
 
 std::string lastOf(const std::string &path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
+  return path.substr(path.rfind('/') + 1);
 }
 
 }  // namespace
@@ -87,7 +82,7 @@ Generator::Generator(const std::string &profile, uint64_t seed)
 
 void Generator::perform(const Operation &operation) {
   // What was refused half-way is a step of the history all the same.
-  bool halves = operation.verb == Verb::kRemoveTree || operation.verb == Verb::kReflink;
+  bool halves = operation.verb == "remove-tree" || operation.verb == "reflink";
   if (histories::apply(*tree_, operation) || halves) done_->push_back(operation);
 }
 
@@ -158,40 +153,33 @@ char Generator::anyKind() {
   return kinds[random_.below(kinds.size())];
 }
 
+void Generator::createFile(const std::string &path) {
+  if (random_.chance(8) && !files_.empty()) return perform("reflink", random_.pick(files_), path);
+  const uint64_t size = fileSize();
+  perform({"file", path, "", random_.next(), size});
+  if (size > 0 || !random_.chance(15)) return;
+  perform({random_.chance(50) ? "nocow" : "compress", path, "", 1});
+  perform({"write", path, "", 0, random_.pick(kSizes), random_.next()});
+}
+
 void Generator::create(const std::string &path, char kind) {
   switch (kind) {
     case 'd':
-      perform({Verb::kDir, path, "", random_.chance(70) ? 0755 : random_.pick(kModes), 0, 0});
-      break;
-    case 'f': {
-      if (random_.chance(8) && !files_.empty()) {
-        perform({Verb::kReflink, random_.pick(files_), path, 0, 0, 0});
-        break;
-      }
-      uint64_t size = fileSize();
-      perform({Verb::kFile, path, "", random_.next(), size, 0});
-      if (size == 0 && random_.chance(15)) {
-        perform({random_.chance(50) ? Verb::kNoCow : Verb::kCompress, path, "", 1, 0, 0});
-        perform({Verb::kWrite, path, "", 0, random_.pick(kSizes), random_.next()});
-      }
-      break;
-    }
+      return perform({"dir", path, "", random_.chance(70) ? 0755 : random_.pick(kModes)});
+    case 'f':
+      return createFile(path);
     case 'l': {
       static const std::vector<std::string> kTargets = {"dangling", "n1", "../n2", "/", "/etc/passwd"};
       std::string target =
           random_.chance(10) ? std::string(300 + random_.below(200), 't') : random_.pick(kTargets);
-      perform({Verb::kSymlink, path, target, 0, 0, 0});
-      break;
+      return perform("symlink", path, target);
     }
     case 'p':
-      perform({Verb::kFifo, path, "", 0, 0, 0});
-      break;
+      return perform("fifo", path);
     case 's':
-      perform({Verb::kSocket, path, "", 0, 0, 0});
-      break;
+      return perform("socket", path);
     default:
-      perform(
-          {Verb::kDevice, path, "", random_.below(2), random_.between(1, 300), random_.below(5000)});
+      perform({"device", path, "", random_.below(2), random_.between(1, 300), random_.below(5000)});
   }
 }
 
@@ -206,31 +194,25 @@ void Generator::changeData(const std::string &path) {
     case 0:
     case 1:
     case 2:
-      perform({Verb::kWrite, path, "", offset, length, random_.next()});
-      break;
+      return perform({"write", path, "", offset, length, random_.next()});
     case 3:
-      perform({Verb::kTruncate, path, "", random_.chance(30) ? 0 : offset, 0, 0});
-      break;
+      return perform({"truncate", path, "", random_.chance(30) ? 0 : offset});
     case 4:
-      perform({Verb::kTruncate, path, "", size + random_.pick(kSizes) * 3, 0, 0});
-      break;
+      return perform({"truncate", path, "", size + random_.pick(kSizes) * 3});
     case 5:
-      perform({Verb::kPunch, path, "", offset / 4096 * 4096, 4096 * random_.between(1, 8), 0});
-      break;
+      return perform({"punch", path, "", offset / 4096 * 4096, 4096 * random_.between(1, 8)});
     case 6:
-      perform({Verb::kWrite, path, "", size + random_.pick(kSizes), length, random_.next()});
-      break;
+      return perform({"write", path, "", size + random_.pick(kSizes), length, random_.next()});
     case 7:
-      perform({Verb::kPreallocate, path, "", offset, length + 4096, random_.below(2)});
-      if (random_.chance(50)) perform({Verb::kWrite, path, "", offset, length / 2 + 1, random_.next()});
+      perform({"preallocate", path, "", offset, length + 4096, random_.below(2)});
+      if (random_.chance(50)) perform({"write", path, "", offset, length / 2 + 1, random_.next()});
       break;
     case 8:
-      perform({Verb::kZeros, path, "", offset, length, 0});
-      break;
+      return perform({"zeros", path, "", offset, length});
     default:
       // The same file changed by way of a commit: old and new data are both on disk.
-      perform({Verb::kCommit, "", "", 0, 0, 0});
-      perform({Verb::kWrite, path, "", offset, length, random_.next()});
+      perform("commit");
+      perform({"write", path, "", offset, length, random_.next()});
   }
 }
 
@@ -239,41 +221,39 @@ void Generator::changeAttribute(const std::string &path) {
   bool isFile = std::binary_search(files_.begin(), files_.end(), path);
   switch (random_.below(9)) {
     case 0:
-      perform({Verb::kChmod, path, "", random_.pick(kModes), 0, 0});
-      break;
+      return perform({"chmod", path, "", random_.pick(kModes)});
     case 1:
-      perform({Verb::kChown, path, "", random_.below(3) * 1000, random_.below(3) * 1000, 0});
-      break;
+      return perform({"chown", path, "", random_.below(3) * 1000, random_.below(3) * 1000});
     case 2:
-      perform({Verb::kSetAcl, path, testsupport::kAccessAcl, random_.between(1000, 1002),
-               random_.below(8), 0});
-      break;
+      return perform(
+          {"set-acl", path, testsupport::kAccessAcl, random_.between(1000, 1002), random_.below(8)});
     case 3:
       if (isDir)
-        perform({Verb::kSetAcl, path, testsupport::kDefaultAcl, random_.between(1000, 1002),
-                 random_.below(8), 0});
+        perform(
+            {"set-acl", path, testsupport::kDefaultAcl, random_.between(1000, 1002), random_.below(8)});
       else
-        perform({Verb::kRemoveXattr, path, testsupport::kAccessAcl, 0, 0, 0});
+        perform("remove-xattr", path, testsupport::kAccessAcl);
       break;
     case 4:
-      perform({Verb::kRemoveXattr, path, isDir ? testsupport::kDefaultAcl : testsupport::kAccessAcl, 0,
-               0, 0});
-      break;
+      return perform("remove-xattr", path, isDir ? testsupport::kDefaultAcl : testsupport::kAccessAcl);
     case 5:
-      if (isFile) perform({Verb::kCapability, path, "", 0, 0, 0});
+      if (isFile) perform("capability", path);
       break;
     case 6:
-      perform({Verb::kRemoveXattr, path, random_.pick(kXattrNames), 0, 0, 0});
-      break;
+      return perform("remove-xattr", path, random_.pick(kXattrNames));
     default:
-      perform({Verb::kSetXattr, path, random_.pick(kXattrNames), random_.next(),
-               random_.pick(kXattrSizes), 0});
+      perform(
+          {"set-xattr", path, random_.pick(kXattrNames), random_.next(), random_.pick(kXattrSizes)});
   }
 }
 
 void Generator::changeFlag(const std::string &path) {
-  Verb verb = random_.chance(75) ? Verb::kImmutable : Verb::kAppendOnly;
-  perform({verb, path, "", random_.chance(60), 0, 0});
+  const char *verb = random_.chance(75) ? "immutable" : "append-only";
+  perform({verb, path, "", random_.chance(60)});
+}
+
+void Generator::setTime(const std::string &path) {
+  perform({"mtime", path, "", static_cast<uint64_t>(random_.pick(kTimes)), random_.below(1000000000)});
 }
 
 void Generator::exchangeParentAndChild() {
@@ -282,19 +262,19 @@ void Generator::exchangeParentAndChild() {
     if (dir.find('/') != std::string::npos) inner.push_back(dir);
   if (inner.empty()) return;
   std::string child = random_.pick(inner), parent = parentOf(child), aside = freshName();
-  perform({Verb::kRename, child, aside, 0, 0, 0});
-  perform({Verb::kRename, parent, join(aside, random_.chance(50) ? "in" : lastOf(parent)), 0, 0, 0});
-  if (random_.chance(70)) perform({Verb::kRename, aside, parent, 0, 0, 0});
+  perform("rename", child, aside);
+  perform("rename", parent, join(aside, random_.chance(50) ? "in" : lastOf(parent)));
+  if (random_.chance(70)) perform("rename", aside, parent);
 }
 
 void Generator::ring() {
   if (paths_.size() < 3) return;
   std::string a = random_.pick(paths_), b = random_.pick(paths_), c = random_.pick(paths_),
               aside = freshName();
-  perform({Verb::kRename, a, aside, 0, 0, 0});
-  perform({Verb::kRename, b, a, 0, 0, 0});
-  perform({Verb::kRename, c, b, 0, 0, 0});
-  perform({Verb::kRename, aside, c, 0, 0, 0});
+  perform("rename", a, aside);
+  perform("rename", b, a);
+  perform("rename", c, b);
+  perform("rename", aside, c);
 }
 
 void Generator::newTreeThatTakesIn() {
@@ -308,7 +288,7 @@ void Generator::newTreeThatTakesIn() {
     look();
     if (paths_.empty()) return;
     std::string taken = join(random_.chance(50) ? top : inner, "v" + std::to_string(i));
-    perform({Verb::kRename, random_.pick(paths_), taken, 0, 0, 0});
+    perform("rename", random_.pick(paths_), taken);
     if (random_.chance(60)) {
       create(taken + "/w", 'd');
       create(taken + "/w/" + std::to_string(i), anyKind());
@@ -320,37 +300,37 @@ void Generator::newTreeThatTakesIn() {
 void Generator::changeClones() {
   const uint64_t r = random_.below(100);
   if (r < 30 || parents_.empty()) {
-    if (!files_.empty()) perform({Verb::kCloneParent, random_.pick(files_), "", 0, 0, 0});
+    if (!files_.empty()) perform("clone-parent", random_.pick(files_));
     return;
   }
   const std::string parent = random_.pick(parents_);
   if (r < 70) {
     const std::string clone = random_.chance(75) ? freshPath() : anyPath();
-    perform({Verb::kClone, parent, clone, 0, 0, 0});
+    perform("clone", parent, clone);
     if (random_.chance(40)) changeData(clone);
-    if (random_.chance(40)) perform({Verb::kCloneParent, clone, "", 0, 0, 0});
+    if (random_.chance(40)) perform("clone-parent", clone);
     return;
   }
-  perform({Verb::kImmutable, parent, "", 0, 0, 0});
+  perform("immutable", parent);
   if (r < 82)
-    perform({Verb::kRemove, parent, "", 0, 0, 0});
+    perform("remove", parent);
   else if (r < 90)
-    perform({Verb::kRename, parent, anyPath(), 0, 0, 0});
+    perform("rename", parent, anyPath());
   else if (r < 95)
-    perform({Verb::kLink, parent, anyPath(), 0, 0, 0});
+    perform("link", parent, anyPath());
   else
     changeData(parent);
-  if (random_.chance(60)) perform({Verb::kImmutable, parent, "", 1, 0, 0});
+  if (random_.chance(60)) perform({"immutable", parent, "", 1});
 }
 
 void Generator::unlockParents() {
   look();
   for (const std::string &parent : parents_)
-    if (random_.chance(50)) perform({Verb::kImmutable, parent, "", 0, 0, 0});
+    if (random_.chance(50)) perform("immutable", parent);
 }
 
 void Generator::replaceKind(const std::string &path) {
-  perform({Verb::kRemoveTree, path, "", 0, 0, 0});
+  perform("remove-tree", path);
   char kind = anyKind();
   create(path, kind);
   if (kind != 'd') return;
@@ -370,28 +350,16 @@ void Generator::oneChange() {
   };
   const Choice choices[] = {
       {w.create, [&] { create(anyPath(), anyKind()); }},
-      {w.remove,
-       [&] {
-         perform({Verb::kRemove, path, "", 0, 0, 0});
-       }},
-      {w.removeTree,
-       [&] {
-         perform({Verb::kRemoveTree, path, "", 0, 0, 0});
-       }},
+      {w.remove, [&] { perform("remove", path); }},
+      {w.removeTree, [&] { perform("remove-tree", path); }},
       {w.replaceKind, [&] { replaceKind(path); }},
-      {w.rename,
-       [&] {
-         perform({Verb::kRename, path, anyPath(), 0, 0, 0});
-       }},
-      {w.exchange,
-       [&] {
-         perform({Verb::kExchange, path, random_.pick(paths_), 0, 0, 0});
-       }},
+      {w.rename, [&] { perform("rename", path, anyPath()); }},
+      {w.exchange, [&] { perform("exchange", path, random_.pick(paths_)); }},
       {w.parentChild, [&] { exchangeParentAndChild(); }},
       {w.ring, [&] { ring(); }},
       {w.link,
        [&] {
-         if (!others_.empty()) perform({Verb::kLink, random_.pick(others_), anyPath(), 0, 0, 0});
+         if (!others_.empty()) perform({"link", random_.pick(others_), anyPath()});
        }},
       {w.takeIn, [&] { newTreeThatTakesIn(); }},
       {w.data,
@@ -399,17 +367,13 @@ void Generator::oneChange() {
          if (!files_.empty()) changeData(random_.pick(files_));
        }},
       {w.attribute, [&] { changeAttribute(path); }},
-      {w.time,
-       [&] {
-         perform({Verb::kMtime, path, "", static_cast<uint64_t>(random_.pick(kTimes)),
-                  random_.below(1000000000), 0});
-       }},
+      {w.time, [&] { setTime(path); }},
       {w.flag, [&] { changeFlag(path); }},
       {w.replaceFile,
        [&] {
          if (files_.empty()) return;
          std::string file = random_.pick(files_);
-         perform({Verb::kRemove, file, "", 0, 0, 0});
+         perform("remove", file);
          create(file, 'f');
        }},
       {w.clone, [&] { changeClones(); }},
@@ -431,7 +395,7 @@ std::vector<Operation> Generator::buildInitial(TreeBuilder &tree) {
     look();
     create(freshPath(), anyKind());
     if (weights_.link && random_.chance(25) && !others_.empty())
-      perform({Verb::kLink, random_.pick(others_), freshPath(), 0, 0, 0});
+      perform({"link", random_.pick(others_), freshPath()});
     if (random_.chance(25) && !paths_.empty()) changeAttribute(random_.pick(paths_));
     if (weights_.clone && random_.chance(70)) {
       look();
@@ -441,12 +405,10 @@ std::vector<Operation> Generator::buildInitial(TreeBuilder &tree) {
   }
   look();
   for (const std::string &path : paths_)
-    if (random_.chance(50))
-      perform({Verb::kMtime, path, "", static_cast<uint64_t>(random_.pick(kTimes)),
-               random_.below(1000000000), 0});
+    if (random_.chance(50)) setTime(path);
   for (const std::string &path : paths_)
     if (random_.chance(flagPercent_))
-      perform({random_.chance(75) ? Verb::kImmutable : Verb::kAppendOnly, path, "", 1, 0, 0});
+      perform({random_.chance(75) ? "immutable" : "append-only", path, "", 1});
   snapshotPaths_ = paths_;
   return done;
 }
@@ -458,8 +420,8 @@ std::vector<Operation> Generator::change(TreeBuilder &tree) {
   if (flagPercent_ > 10)  // where much is flagged, most changes need the flag gone
     for (const std::string &path : snapshotPaths_)
       if (random_.chance(60)) {
-        perform({Verb::kImmutable, path, "", 0, 0, 0});
-        perform({Verb::kAppendOnly, path, "", 0, 0, 0});
+        perform("immutable", path);
+        perform("append-only", path);
       }
   if (weights_.clone && random_.chance(40)) unlockParents();
   for (uint64_t i = 0, n = random_.between(3, 25); i < n; ++i) oneChange();

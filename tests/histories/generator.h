@@ -20,11 +20,9 @@ namespace histories {
 // flags  immutable and append-only set or cleared, among changes of every kind
 // clones clone parents, clones and clones of clones made, changed, renamed, linked, removed; all else
 // too all    everything but clones
-bool isProfile(const std::string &name);
-const std::vector<std::string> &profiles();
-
 class Generator {
  public:
+  static std::vector<std::string> profiles();
   Generator(const std::string &profile, uint64_t seed);
 
   // Both apply what they generate and return it; operations that the kernel refused are left out,
@@ -37,17 +35,22 @@ class Generator {
   static const std::vector<std::pair<std::string, Weights>> &table();
 
   void perform(const Operation &operation);
+  void perform(const char *verb, const std::string &path = "", const std::string &other = "") {
+    perform(Operation{verb, path, other});
+  }
   void look();  // reads the names of the tree again
   std::string freshName();
   std::string freshPath();
   std::string anyPath();  // new, gone since the snapshot, or taken
   uint64_t fileSize();
 
+  void createFile(const std::string &path);
   void create(const std::string &path, char kind);
   char anyKind();
   void changeData(const std::string &path);
   void changeAttribute(const std::string &path);
   void changeFlag(const std::string &path);
+  void setTime(const std::string &path);
   void exchangeParentAndChild();
   void ring();
   void newTreeThatTakesIn();

@@ -1,12 +1,13 @@
 // histories: restores after random histories, judged by reading both trees afresh.
 // Run it in the private namespace: tools/private-namespace BUILD/bin BUILD/tests/histories --help
-#include <getopt.h>
-
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <map>
 #include <sstream>
 
 #include "histories/generator.h"
@@ -24,22 +25,17 @@ const char kUsage[] =
     "  --count N          how many histories (100)\n"
     "  --seconds N        stop after this time, however many are left\n"
     "  --stop N           stop after N failures\n"
-    "  --workers M        -m of the restore; else 2 for even seeds and 36 for odd ones\n"
-    "  --max-workers N    KT_MAX_WORKERS of the restore\n"
+    "  --program PATH     the restore program\n"
     "  --passes N,N...    DIFF_ITEM_LIMIT, one of them at random (for a program that knows it)\n"
     "  --kill-before      first kill one or two restores at random moments\n"
     "  --lose-workers     kill workers at random calls, up to three times a run\n"
     "  --compare          fsetcompare must find a difference exactly where the trees differ\n"
-    "  --program PATH     the restore program\n"
-    "  --timeout N        seconds for one restore (60)\n"
     "  --shrink           reduce failing histories to few operations\n"
-    "  --replay FILE      restore after the history in FILE, as printed by a failure\n"
-    "  --keep             restore with -k; work directories of failures go to /tmp/histories-SEED\n"
-    "  --verbose          print every history\n";
+    "  --replay FILE      restore after the history in FILE, as printed by a failure\n";
 
 struct Campaign {
-  uint64_t seed = 1, count = 100, stopAfter = 0;
-  double seconds = 0;
+  uint64_t seed = 1, count = 100, stopAfter = UINT64_MAX;
+  double seconds = 1e9;
   bool shrink = false;
   std::string replayFile;
 };
@@ -49,80 +45,40 @@ double elapsed() {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-std::vector<int> numbers(const char *text) {
+std::vector<int> numbers(const std::string &text) {
   std::vector<int> list;
   std::istringstream in(text);
-  for (std::string word; std::getline(in, word, ',');) list.push_back(atoi(word.c_str()));
+  for (std::string word; std::getline(in, word, ',');) list.push_back(std::stoi(word));
   return list;
 }
 
 // False where the command line is wrong.
-bool readOptions(int argc, char **argv, Settings *settings, Campaign *campaign) {
-  const option options[] = {
-      {"profile", 1, nullptr, 'p'},      {"seed", 1, nullptr, 's'},    {"count", 1, nullptr, 'c'},
-      {"seconds", 1, nullptr, 't'},      {"stop", 1, nullptr, 'S'},    {"workers", 1, nullptr, 'm'},
-      {"max-workers", 1, nullptr, 'M'},  {"passes", 1, nullptr, 'P'},  {"kill-before", 0, nullptr, 'K'},
-      {"lose-workers", 0, nullptr, 'L'}, {"program", 1, nullptr, 'e'}, {"timeout", 1, nullptr, 'T'},
-      {"shrink", 0, nullptr, 'r'},       {"replay", 1, nullptr, 'R'},  {"keep", 0, nullptr, 'k'},
-      {"verbose", 0, nullptr, 'v'},      {"compare", 0, nullptr, 'C'}, {nullptr, 0, nullptr, 0}};
-  for (int letter; (letter = getopt_long(argc, argv, "", options, nullptr)) >= 0;) {
-    switch (letter) {
-      case 'p':
-        settings->profile = optarg;
-        break;
-      case 's':
-        campaign->seed = strtoull(optarg, nullptr, 10);
-        break;
-      case 'c':
-        campaign->count = strtoull(optarg, nullptr, 10);
-        break;
-      case 't':
-        campaign->seconds = atof(optarg);
-        break;
-      case 'S':
-        campaign->stopAfter = strtoull(optarg, nullptr, 10);
-        break;
-      case 'm':
-        settings->workers = atoi(optarg);
-        break;
-      case 'M':
-        settings->maxWorkers = atoi(optarg);
-        break;
-      case 'P':
-        settings->passes = numbers(optarg);
-        break;
-      case 'K':
-        settings->killBefore = true;
-        break;
-      case 'L':
-        settings->loseWorkers = true;
-        break;
-      case 'C':
-        settings->compare = true;
-        break;
-      case 'e':
-        settings->program = optarg;
-        break;
-      case 'T':
-        settings->timeoutSeconds = atof(optarg);
-        break;
-      case 'r':
-        campaign->shrink = true;
-        break;
-      case 'R':
-        campaign->replayFile = optarg;
-        break;
-      case 'k':
-        settings->keep = true;
-        break;
-      case 'v':
-        settings->verbose = true;
-        break;
-      default:
-        return false;
+bool readOptions(const std::vector<std::string> &words, Settings *settings, Campaign *campaign) {
+  const std::map<std::string, std::function<void()>> switches = {
+      {"--kill-before", [&] { settings->killBefore = true; }},
+      {"--lose-workers", [&] { settings->loseWorkers = true; }},
+      {"--compare", [&] { settings->compare = true; }},
+      {"--shrink", [&] { campaign->shrink = true; }}};
+  const std::map<std::string, std::function<void(const std::string &)>> values = {
+      {"--profile", [&](const std::string &text) { settings->profile = text; }},
+      {"--seed", [&](const std::string &text) { campaign->seed = std::stoull(text); }},
+      {"--count", [&](const std::string &text) { campaign->count = std::stoull(text); }},
+      {"--seconds", [&](const std::string &text) { campaign->seconds = std::stod(text); }},
+      {"--stop", [&](const std::string &text) { campaign->stopAfter = std::stoull(text); }},
+      {"--program", [&](const std::string &text) { settings->program = text; }},
+      {"--passes", [&](const std::string &text) { settings->passes = numbers(text); }},
+      {"--replay", [&](const std::string &text) { campaign->replayFile = text; }}};
+  for (size_t i = 0; i < words.size(); ++i) {
+    if (switches.count(words[i])) {
+      switches.at(words[i])();
+    } else {
+      if (!values.count(words[i]) || i + 1 == words.size()) return false;
+      values.at(words[i])(words[i + 1]);
+      ++i;
     }
   }
-  return optind == argc && isProfile(settings->profile);
+  const std::vector<std::string> known = Generator::profiles();
+  return std::find(known.begin(), known.end(), settings->profile) != known.end();
 }
 
 void report(const Outcome &outcome, uint64_t seed, const char *title) {
@@ -133,61 +89,42 @@ void report(const Outcome &outcome, uint64_t seed, const char *title) {
 }
 
 // True where the history was restored.
-bool judgeOne(Runner &runner, const Settings &settings, const Campaign &campaign, uint64_t seed,
-              Outcome outcome) {
-  if (outcome.problems.empty()) {
-    if (settings.verbose) report(outcome, seed, "passed");
-    return true;
-  }
+bool judgeOne(Runner &runner, const Campaign &campaign, uint64_t seed, const Outcome &outcome) {
+  if (outcome.problems.empty()) return true;
   report(outcome, seed, "FAILED");
   if (campaign.shrink) report(runner.shrink(outcome, seed), seed, "SHRUNK");
   return false;
 }
 
-int replayFile(Runner &runner, const Settings &settings, const Campaign &campaign) {
+int replayFile(Runner &runner, const Campaign &campaign) {
   std::ifstream in(campaign.replayFile);
-  if (!in) {
-    fprintf(stderr, "cannot read %s\n", campaign.replayFile.c_str());
-    return 2;
-  }
-  std::string text{std::istreambuf_iterator<char>(in), {}};
-  Outcome outcome = runner.replay(parseHistory(text), campaign.seed);
-  bool passed = judgeOne(runner, settings, campaign, campaign.seed, std::move(outcome));
+  if (!in) throw std::runtime_error("cannot read " + campaign.replayFile);
+  const std::string text{std::istreambuf_iterator<char>(in), {}};
+  const bool passed =
+      judgeOne(runner, campaign, campaign.seed, runner.replay(parseHistory(text), campaign.seed));
   printf("replay: %s\n", passed ? "passed" : "failed");
   return passed ? 0 : 1;
 }
 
 int runSeeds(Runner &runner, const Settings &settings, const Campaign &campaign) {
-  std::vector<uint64_t> failed;
-  uint64_t done = 0;
-  double restoring = 0, start = elapsed();
-  for (; done < campaign.count; ++done) {
-    if (campaign.seconds > 0 && done > 0 && elapsed() - start > campaign.seconds) break;
-    uint64_t seed = campaign.seed + done;
-    Outcome outcome = runner.generate(seed);
-    restoring += outcome.restoreSeconds;
-    if (!judgeOne(runner, settings, campaign, seed, std::move(outcome))) failed.push_back(seed);
-    if (campaign.stopAfter && failed.size() >= campaign.stopAfter) {
-      ++done;
-      break;
-    }
+  std::string failed;
+  uint64_t done = 0, failures = 0;
+  const double start = elapsed();
+  while (done < campaign.count && failures < campaign.stopAfter &&
+         (done == 0 || elapsed() - start < campaign.seconds)) {
+    const uint64_t seed = campaign.seed + done++;
+    if (judgeOne(runner, campaign, seed, runner.generate(seed))) continue;
+    ++failures;
+    failed += " " + std::to_string(seed);
   }
-  double took = elapsed() - start;
-  printf(
-      "histories: profile %s, seeds %llu to %llu: %zu passed, %zu failed; %.1f s, of which %.1f s in "
-      "the "
-      "last restores\n",
-      settings.profile.c_str(), static_cast<unsigned long long>(campaign.seed),
-      static_cast<unsigned long long>(campaign.seed + done - 1),
-      static_cast<size_t>(done) - failed.size(), failed.size(), took, restoring);
+  printf("histories: profile %s, from seed %llu: %llu passed, %llu failed, in %.1f s\n",
+         settings.profile.c_str(), static_cast<unsigned long long>(campaign.seed),
+         static_cast<unsigned long long>(done - failures), static_cast<unsigned long long>(failures),
+         elapsed() - start);
   if (settings.loseWorkers) printf("workers lost: %u\n", runner.workersLost());
-  if (!failed.empty()) {
-    printf("failed seeds:");
-    for (uint64_t seed : failed) printf(" %llu", static_cast<unsigned long long>(seed));
-    printf("\n");
-  }
+  if (failures > 0) printf("failed seeds:%s\n", failed.c_str());
   const bool idle = settings.loseWorkers && runner.workersLost() == 0;
-  return failed.empty() && done > 0 && !idle ? 0 : 1;
+  return failures == 0 && done > 0 && !idle ? 0 : 1;
 }
 
 }  // namespace
@@ -195,14 +132,14 @@ int runSeeds(Runner &runner, const Settings &settings, const Campaign &campaign)
 int main(int argc, char **argv) {
   Settings settings;
   Campaign campaign;
-  if (!readOptions(argc, argv, &settings, &campaign)) {
-    fputs(kUsage, stderr);
-    return 2;
-  }
   try {
+    if (!readOptions({argv + 1, argv + argc}, &settings, &campaign)) {
+      fputs(kUsage, stderr);
+      return 2;
+    }
     Runner runner(settings);
     return campaign.replayFile.empty() ? runSeeds(runner, settings, campaign)
-                                       : replayFile(runner, settings, campaign);
+                                       : replayFile(runner, campaign);
   } catch (const std::exception &error) {
     fprintf(stderr, "histories: %s\n", error.what());
     return 2;

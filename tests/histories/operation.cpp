@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -17,77 +17,64 @@ namespace {
 
 using testsupport::TreeBuilder;
 
-struct VerbEntry {
-  Verb verb;
-  const char *name;
-  void (*apply)(TreeBuilder &, const Operation &);
-};
-
-const VerbEntry kVerbs[] = {
-    {Verb::kFile, "file", [](TreeBuilder &t, const Operation &o) { t.big(o.path, o.b, o.a); }},
-    {Verb::kDir, "dir",
-     [](TreeBuilder &t, const Operation &o) { t.dir(o.path, static_cast<mode_t>(o.a)); }},
-    {Verb::kSymlink, "symlink", [](TreeBuilder &t, const Operation &o) { t.symlink(o.other, o.path); }},
-    {Verb::kFifo, "fifo", [](TreeBuilder &t, const Operation &o) { t.fifo(o.path); }},
-    {Verb::kSocket, "socket", [](TreeBuilder &t, const Operation &o) { t.socket(o.path); }},
-    {Verb::kDevice, "device",
-     [](TreeBuilder &t, const Operation &o) {
+// What of an operation each of them uses, besides the path.
+const std::map<std::string, void (*)(TreeBuilder &, const Operation &)> kVerbs = {
+    // a: pattern seed, b: bytes
+    {"file", [](auto &t, auto &o) { t.big(o.path, o.b, o.a); }},
+    {"dir", [](auto &t, auto &o) { t.dir(o.path, static_cast<mode_t>(o.a)); }},
+    {"symlink", [](auto &t, auto &o) { t.symlink(o.other, o.path); }},
+    {"fifo", [](auto &t, auto &o) { t.fifo(o.path); }},
+    {"socket", [](auto &t, auto &o) { t.socket(o.path); }},
+    // a: 0 character, 1 block; b: major, c: minor
+    {"device",
+     [](auto &t, auto &o) {
        t.device(o.path, o.a ? S_IFBLK : S_IFCHR, static_cast<unsigned>(o.b),
                 static_cast<unsigned>(o.c));
      }},
-    {Verb::kLink, "link", [](TreeBuilder &t, const Operation &o) { t.link(o.path, o.other); }},
-    {Verb::kRemove, "remove", [](TreeBuilder &t, const Operation &o) { t.remove(o.path); }},
-    {Verb::kRemoveTree, "remove-tree",
-     [](TreeBuilder &t, const Operation &o) { t.removeTree(o.path); }},
-    {Verb::kRename, "rename", [](TreeBuilder &t, const Operation &o) { t.rename(o.path, o.other); }},
-    {Verb::kExchange, "exchange",
-     [](TreeBuilder &t, const Operation &o) { t.exchange(o.path, o.other); }},
-    {Verb::kWrite, "write",
-     [](TreeBuilder &t, const Operation &o) { t.pattern(o.path, o.a, o.b, o.c); }},
-    {Verb::kZeros, "zeros",
-     [](TreeBuilder &t, const Operation &o) { t.write(o.path, o.a, std::string(o.b, '\0')); }},
-    {Verb::kTruncate, "truncate", [](TreeBuilder &t, const Operation &o) { t.truncate(o.path, o.a); }},
-    {Verb::kPunch, "punch", [](TreeBuilder &t, const Operation &o) { t.punch(o.path, o.a, o.b); }},
-    {Verb::kPreallocate, "preallocate",
-     [](TreeBuilder &t, const Operation &o) { t.preallocate(o.path, o.a, o.b, o.c != 0); }},
-    {Verb::kReflink, "reflink", [](TreeBuilder &t, const Operation &o) { t.reflink(o.path, o.other); }},
-    {Verb::kChmod, "chmod",
-     [](TreeBuilder &t, const Operation &o) { t.chmod(o.path, static_cast<mode_t>(o.a)); }},
-    {Verb::kChown, "chown",
-     [](TreeBuilder &t, const Operation &o) {
-       t.chown(o.path, static_cast<uid_t>(o.a), static_cast<gid_t>(o.b));
-     }},
-    {Verb::kSetXattr, "set-xattr",
-     [](TreeBuilder &t, const Operation &o) {
-       t.setXattr(o.path, o.other, testsupport::patternBytes(o.a, 0, o.b));
-     }},
-    {Verb::kRemoveXattr, "remove-xattr",
-     [](TreeBuilder &t, const Operation &o) { t.removeXattr(o.path, o.other); }},
-    {Verb::kSetAcl, "set-acl",
-     [](TreeBuilder &t, const Operation &o) {
+    {"link", [](auto &t, auto &o) { t.link(o.path, o.other); }},
+    {"remove", [](auto &t, auto &o) { t.remove(o.path); }},
+    {"remove-tree", [](auto &t, auto &o) { t.removeTree(o.path); }},
+    {"rename", [](auto &t, auto &o) { t.rename(o.path, o.other); }},
+    {"exchange", [](auto &t, auto &o) { t.exchange(o.path, o.other); }},
+    // a: offset, b: length, c: pattern seed
+    {"write", [](auto &t, auto &o) { t.pattern(o.path, o.a, o.b, o.c); }},
+    {"zeros", [](auto &t, auto &o) { t.write(o.path, o.a, std::string(o.b, '\0')); }},
+    {"truncate", [](auto &t, auto &o) { t.truncate(o.path, o.a); }},
+    {"punch", [](auto &t, auto &o) { t.punch(o.path, o.a, o.b); }},
+    // c: keep size
+    {"preallocate", [](auto &t, auto &o) { t.preallocate(o.path, o.a, o.b, o.c != 0); }},
+    {"reflink", [](auto &t, auto &o) { t.reflink(o.path, o.other); }},
+    {"chmod", [](auto &t, auto &o) { t.chmod(o.path, static_cast<mode_t>(o.a)); }},
+    {"chown",
+     [](auto &t, auto &o) { t.chown(o.path, static_cast<uid_t>(o.a), static_cast<gid_t>(o.b)); }},
+    // other: name; a: value seed, b: value length
+    {"set-xattr",
+     [](auto &t, auto &o) { t.setXattr(o.path, o.other, testsupport::patternBytes(o.a, 0, o.b)); }},
+    {"remove-xattr", [](auto &t, auto &o) { t.removeXattr(o.path, o.other); }},
+    // other: attribute; a: user, b: rights
+    {"set-acl",
+     [](auto &t, auto &o) {
        t.setXattr(o.path, o.other,
                   testsupport::aclForUser(static_cast<uint32_t>(o.a), static_cast<uint16_t>(o.b)));
      }},
-    {Verb::kCapability, "capability",
-     [](TreeBuilder &t, const Operation &o) {
-       t.setXattr(o.path, "security.capability",
-                  std::string("\1\0\0\2\0\4\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 20));
+    {"capability",
+     [](auto &t, auto &o) {
+       t.setXattr(o.path, "security.capability", std::string("\1\0\0\2\0\4", 6) + std::string(14, '\0'));
      }},
-    {Verb::kMtime, "mtime",
-     [](TreeBuilder &t, const Operation &o) {
+    // a: seconds (signed), b: nanoseconds
+    {"mtime",
+     [](auto &t, auto &o) {
        t.mtime(o.path, static_cast<int64_t>(o.a), static_cast<long>(o.b));
      }},
-    {Verb::kImmutable, "immutable",
-     [](TreeBuilder &t, const Operation &o) { t.immutable(o.path, o.a); }},
-    {Verb::kAppendOnly, "append-only",
-     [](TreeBuilder &t, const Operation &o) { t.appendOnly(o.path, o.a); }},
-    {Verb::kNoCow, "nocow", [](TreeBuilder &t, const Operation &o) { t.noCow(o.path, o.a); }},
-    {Verb::kCompress, "compress", [](TreeBuilder &t, const Operation &o) { t.compress(o.path, o.a); }},
-    {Verb::kCloneParent, "clone-parent",
-     [](TreeBuilder &t, const Operation &o) { t.cloneParent(o.path); }},
-    {Verb::kClone, "clone", [](TreeBuilder &t, const Operation &o) { t.clone(o.path, o.other); }},
-    {Verb::kCommit, "commit",
-     [](TreeBuilder &t, const Operation &) {
+    // a: on
+    {"immutable", [](auto &t, auto &o) { t.immutable(o.path, o.a); }},
+    {"append-only", [](auto &t, auto &o) { t.appendOnly(o.path, o.a); }},
+    {"nocow", [](auto &t, auto &o) { t.noCow(o.path, o.a); }},
+    {"compress", [](auto &t, auto &o) { t.compress(o.path, o.a); }},
+    {"clone-parent", [](auto &t, auto &o) { t.cloneParent(o.path); }},
+    {"clone", [](auto &t, auto &o) { t.clone(o.path, o.other); }},
+    {"commit",
+     [](auto &t, auto &) {
        testsupport::Descriptor fd(open(t.root().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
        if (!fd.valid() || syncfs(fd.get()) != 0) testsupport::failWithErrno("syncfs");
      }},
@@ -118,40 +105,29 @@ std::string readQuoted(std::istringstream &in, const std::string &line) {
 }  // namespace
 
 bool apply(TreeBuilder &tree, const Operation &operation) {
-  for (const VerbEntry &entry : kVerbs) {
-    if (entry.verb != operation.verb) continue;
-    try {
-      entry.apply(tree, operation);
-      return true;
-    } catch (const std::system_error &) {
-      return false;
-    }
+  try {
+    kVerbs.at(operation.verb)(tree, operation);
+    return true;
+  } catch (const std::system_error &) {
+    return false;
   }
-  throw std::logic_error("operation without a verb");
 }
 
 std::string print(const Operation &operation) {
-  for (const VerbEntry &entry : kVerbs) {
-    if (entry.verb != operation.verb) continue;
-    return std::string(entry.name) + " " + quoted(operation.path) + " " + quoted(operation.other) +
-           " " + std::to_string(operation.a) + " " + std::to_string(operation.b) + " " +
-           std::to_string(operation.c);
-  }
-  throw std::logic_error("operation without a verb");
+  return operation.verb + " " + quoted(operation.path) + " " + quoted(operation.other) + " " +
+         std::to_string(operation.a) + " " + std::to_string(operation.b) + " " +
+         std::to_string(operation.c);
 }
 
 Operation parse(const std::string &line) {
   std::istringstream in(line);
-  std::string name;
-  in >> name;
-  for (const VerbEntry &entry : kVerbs) {
-    if (name != entry.name) continue;
-    Operation operation{entry.verb, "", "", 0, 0, 0};
-    operation.path = readQuoted(in, line);
-    operation.other = readQuoted(in, line);
-    if (in >> operation.a >> operation.b >> operation.c) return operation;
-  }
-  throw std::runtime_error("no operation: " + line);
+  Operation operation;
+  in >> operation.verb;
+  operation.path = readQuoted(in, line);
+  operation.other = readQuoted(in, line);
+  in >> operation.a >> operation.b >> operation.c;
+  if (!in || !kVerbs.count(operation.verb)) throw std::runtime_error("no operation: " + line);
+  return operation;
 }
 
 std::string print(const History &history) {

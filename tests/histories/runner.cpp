@@ -3,11 +3,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <optional>
 #include <set>
+#include <sstream>
 
-#include "histories/compare_check.h"
 #include "histories/generator.h"
 #include "histories/random.h"
 #include "support/fault_plan.h"
@@ -37,28 +36,52 @@ std::string kindOf(const std::string &line) {
 
 // A run that starts its engine four times at most survives three losses, wherever they are.
 Fault lostWorkers(Random &random) {
-  static const std::vector<std::string> calls{"*",
-                                              "kest_unlink",
-                                              "kest_rename_noreplace",
-                                              "kest_open_file",
-                                              "kest_iwritex",
-                                              "kest_mkdir",
-                                              "kest_rmdir",
-                                              "kest_link",
-                                              "kest_symlink",
-                                              "kest_fset_times",
-                                              "kest_fputacl",
-                                              "kest_iputattrsx",
-                                              "kest_truncate",
-                                              "kest_fcntl"};
+  static const std::vector<const char *> calls{"*",
+                                               "kest_unlink",
+                                               "kest_rename_noreplace",
+                                               "kest_open_file",
+                                               "kest_iwritex",
+                                               "kest_mkdir",
+                                               "kest_rmdir",
+                                               "kest_link",
+                                               "kest_symlink",
+                                               "kest_fset_times",
+                                               "kest_fputacl",
+                                               "kest_iputattrsx",
+                                               "kest_truncate",
+                                               "kest_fcntl"};
   Fault fault;
   fault.call = random.pick(calls);
   fault.action = random.chance(50) ? FaultAction::kKillBefore : FaultAction::kKillAfter;
   fault.where = testsupport::kAnyWorker;
-  fault.nth = random.between(1, fault.call == "*" ? 120 : 6);
-  fault.step = random.between(1, fault.call == "*" ? 60 : 5);
+  fault.nth = random.between(1, fault.call[0] == '*' ? 120 : 6);
+  fault.step = random.between(1, fault.call[0] == '*' ? 60 : 5);
   fault.times = static_cast<uint32_t>(random.between(1, 3));
   return fault;
+}
+
+// fsetcompare by the difference scan and with --full. A line where its exit status is not that of trees
+// that are equal, or not, as `differences` of their fingerprints say, or where the two ways tell
+// different things.
+std::vector<std::string> checkCompare(const std::string &device, const std::string &fileset,
+                                      const std::string &snapshot,
+                                      const std::vector<std::string> &differences) {
+  RunOptions options;
+  options.program = "/usr/qtx/kest/bin/fsetcompare";
+  const RunResult fast = testsupport::runRestore(device, fileset, snapshot, {}, options);
+  const RunResult full = testsupport::runRestore(device, fileset, snapshot, {"--full"}, options);
+  const auto sorted = [](const std::string &text) {
+    std::istringstream in(text);
+    std::multiset<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.insert(line);
+    return lines;
+  };
+  const int wanted = differences.empty() ? 0 : 1;
+  const bool judges = fast.exitStatus == wanted && full.exitStatus == wanted;
+  if (judges && sorted(fast.out) == sorted(full.out)) return {};
+  return {std::string(judges ? "fsetcompare tells two things" : "fsetcompare judges otherwise") +
+          ":\nfingerprints: " + testsupport::joined(differences, 10) + "fast: " + fast.describe() +
+          "full: " + full.describe()};
 }
 
 }  // namespace
@@ -106,12 +129,6 @@ Outcome Runner::run(uint64_t seed, const Builder &initial, const Builder &change
     changes(tree);
   }
   outcome.problems = restoreAndJudge(seed, fileset, snapshot, &outcome);
-  if (settings_.keep && !outcome.problems.empty()) {
-    std::string to = "/tmp/histories-" + std::to_string(seed);
-    testsupport::runCommand("rm -rf " + to + "; mkdir " + to + "; cp -a " + fs_->path(fileset) +
-                            "/RestoreTemp* " + to + " || true");
-    fprintf(stderr, "work directory kept in %s\n", to.c_str());
-  }
   fs_->destroySubvolume(snapshot);
   fs_->destroySubvolume(fileset);
   return outcome;
@@ -120,32 +137,30 @@ Outcome Runner::run(uint64_t seed, const Builder &initial, const Builder &change
 std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::string &fileset,
                                                  const std::string &snapshot, Outcome *outcome) {
   Random random(seed ^ 0x5eed0fc401ce5ull);
-  int workers = settings_.workers ? settings_.workers : (seed % 2 ? 36 : 2);
-  int maxWorkers = settings_.maxWorkers ? settings_.maxWorkers : (workers == 36 ? 36 : 0);
+  const bool many = seed % 2 != 0;
+  const std::vector<std::string> workers{"-m", many ? "36" : "2"};
   RunOptions options;
   options.program = settings_.program;
-  options.timeoutSeconds = settings_.timeoutSeconds;
-  if (maxWorkers) options.environment.emplace_back("KT_MAX_WORKERS", std::to_string(maxWorkers));
+  if (many) options.environment.emplace_back("KT_MAX_WORKERS", "36");
   if (!settings_.passes.empty())
     options.environment.emplace_back("DIFF_ITEM_LIMIT", std::to_string(random.pick(settings_.passes)));
-  std::vector<std::string> further{"-m", std::to_string(workers)};
-  if (settings_.keep) further.emplace_back("-k");
 
   TreePrint want = testsupport::fingerprint(fs_->path(snapshot));
   TreePrint before = testsupport::fingerprint(fs_->path(fileset));
   std::vector<std::string> problems;
-  const auto crossCheck = [&](const char *when, const TreePrint &now) {
-    if (!settings_.compare) return;
-    for (std::string &line :
-         checkCompare(fs_->mountPoint(), fileset, snapshot, when, compare(want, now)))
-      problems.push_back(std::move(line));
+  const auto add = [&](const char *what, const std::vector<std::string> &lines) {
+    for (const std::string &line : lines) problems.push_back(what + line);
   };
-  crossCheck("before the restore", before);
+  const auto crossCheck = [&](const char *when, const TreePrint &now) {
+    if (settings_.compare)
+      add(when, checkCompare(fs_->mountPoint(), fileset, snapshot, compare(want, now)));
+  };
+  crossCheck("before the restore, ", before);
   if (settings_.killBefore) {
     RunOptions killed = options;
     for (uint64_t n = random.between(1, 2); n > 0; --n) {
       killed.killAfterSeconds = static_cast<double>(random.below(300)) / 1000;
-      testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, further, killed);
+      testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, workers, killed);
     }
   }
   std::optional<FaultPlan> losses;
@@ -153,29 +168,21 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
     losses.emplace(lostWorkers(random));
     for (auto &variable : losses->environment()) options.environment.push_back(std::move(variable));
   }
-  RunResult result = testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, further, options);
+  RunResult result = testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, workers, options);
   outcome->runText = result.describe();
   if (losses) {
     workersLost_ += losses->struck();
     outcome->runText += losses->describe();
   }
-  outcome->restoreSeconds = result.seconds;
-
   if (result.timedOut) problems.push_back("timed out");
   if (result.exitStatus != 0) problems.push_back("exit status: " + std::to_string(result.exitStatus));
   if (result.processesLeft)
     problems.push_back("processes left: " + std::to_string(result.processesLeft));
-  testsupport::FingerprintOptions reading;
-  if (settings_.keep) reading.excludePrefixes = {"RestoreTemp"};
-  TreePrint after = testsupport::fingerprint(fs_->path(fileset), reading);
-  for (std::string &line : testsupport::compare(want, after)) problems.push_back(std::move(line));
-  crossCheck("afterwards", after);
-  const bool timesToo = !settings_.killBefore && !settings_.loseWorkers;
-  for (std::string &line : testsupport::remadeOrTouched(want, before, after, timesToo))
-    problems.push_back(std::move(line));
-  TreePrint wantAgain = testsupport::fingerprint(fs_->path(snapshot));
-  for (std::string &line : testsupport::compare(want, wantAgain))
-    problems.push_back("snapshot changed: " + line);
+  TreePrint after = testsupport::fingerprint(fs_->path(fileset));
+  add("", compare(want, after));
+  crossCheck("afterwards, ", after);
+  add("", remadeOrTouched(want, before, after, !settings_.killBefore && !settings_.loseWorkers));
+  add("snapshot changed: ", compare(want, testsupport::fingerprint(fs_->path(snapshot))));
   return problems;
 }
 

@@ -16,29 +16,23 @@ namespace histories {
 struct Settings {
   std::string profile = "all";
   std::string program = testsupport::kRestoreProgram;
-  int workers = 0;           // -m; 0: 2 for even seeds, 36 for odd ones
-  int maxWorkers = 0;        // KT_MAX_WORKERS; 0: 36 with 36 workers, else unset
   std::vector<int> passes;   // one of these at random as DIFF_ITEM_LIMIT; empty: unset
   bool killBefore = false;   // kill one or two restores at random moments first
   bool loseWorkers = false;  // kill workers at random calls to the library, three times a run at most
   bool compare = false;      // ask fsetcompare before and after the restore, too
-  bool keep = false;         // restore with -k; copy the work directory of a failure to /tmp
-  bool verbose = false;
-  double timeoutSeconds = 60;
 };
 
 struct Outcome {
   History history;
   std::vector<std::string> problems;  // empty: restored
   std::string runText;                // of the last restore
-  double restoreSeconds = 0;
 };
 
 class Runner {
  public:
   explicit Runner(const Settings &settings);
   Outcome generate(uint64_t seed);                        // a random history of the profile
-  Outcome replay(const History &history, uint64_t seed);  // the seed chooses workers, passes, moments
+  Outcome replay(const History &history, uint64_t seed);  // the seed chooses the rest
   unsigned workersLost() const { return workersLost_; }   // in all runs so far
   // The smallest history found that fails in one of the ways of `failed`, by leaving operations out.
   Outcome shrink(const Outcome &failed, uint64_t seed);

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 
@@ -12,21 +11,20 @@
 namespace testsupport {
 
 std::string Fault::words() const {
-  static constexpr const char *kActions[] = {"fail", "kill-before", "kill-after", "kill-engine"};
-  char text[200];
-  snprintf(text, sizeof text, "%s %s %d %d %llu %llu %u", call.c_str(),
-           kActions[static_cast<int>(action)], error, where, static_cast<unsigned long long>(nth),
-           static_cast<unsigned long long>(step), times);
-  return text;
+  static constexpr const char *kActions[] = {"fail", "kill before", "kill after", "kill engine"};
+  return std::string(kActions[static_cast<int>(action)]) + " " + call + ", error " +
+         std::to_string(error) + ", phase " + std::to_string(where) + ", call " + std::to_string(nth) +
+         " and each " + std::to_string(step) + ", times " + std::to_string(times);
 }
 
-FaultPlan::FaultPlan(const Fault &fault) : words_(fault.words()), file_("/mnt/fault.XXXXXX") {
+FaultPlan::FaultPlan(const Fault &fault) : file_("/mnt/fault.XXXXXX") {
   Descriptor fd(mkostemp(file_.data(), O_CLOEXEC));
-  if (!fd.valid()) failWithErrno("create " + file_);
-  if (ftruncate(fd.get(), sizeof(FaultRecord)) != 0) failWithErrno("size " + file_);
+  if (!fd.valid() || ftruncate(fd.get(), sizeof(FaultRecord)) != 0) failWithErrno("create " + file_);
   void *there = mmap(nullptr, sizeof(FaultRecord), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
   if (there == MAP_FAILED) failWithErrno("map " + file_);
   record_ = static_cast<FaultRecord *>(there);
+  record_->fault = fault;
+  snprintf(record_->call, sizeof record_->call, "%s", fault.call);
 }
 
 FaultPlan::~FaultPlan() {
@@ -35,13 +33,11 @@ FaultPlan::~FaultPlan() {
 }
 
 std::vector<std::pair<std::string, std::string>> FaultPlan::environment() const {
-  std::vector<std::pair<std::string, std::string>> variables{
-      {"LD_PRELOAD", KEST_FAULTS_LIBRARY}, {kFaultPlanVariable, words_}, {kFaultRecordVariable, file_}};
   // A program built with sanitizers wants its runtime to be the first library.
   const char *asan = getenv("ASAN_OPTIONS");
-  variables.emplace_back("ASAN_OPTIONS",
-                         (asan ? std::string(asan) + ":" : "") + "verify_asan_link_order=0");
-  return variables;
+  return {{"LD_PRELOAD", KEST_FAULTS_LIBRARY},
+          {FaultRecord::kVariable, file_},
+          {"ASAN_OPTIONS", (asan ? std::string(asan) + ":" : "") + "verify_asan_link_order=0"}};
 }
 
 std::map<std::pair<std::string, int>, uint32_t> FaultPlan::made() const {
@@ -53,14 +49,8 @@ std::map<std::pair<std::string, int>, uint32_t> FaultPlan::made() const {
 }
 
 std::string FaultPlan::describe() const {
-  std::string text = "fault \"" + words_ + "\": " + std::to_string(calls()) + " calls, struck " +
-                     std::to_string(struck()) + " times";
-  for (uint32_t i = 0; i < std::min(struck(), FaultRecord::kMostNoted); ++i) {
-    const FaultRecord::Strike &one = record_->noted[i];
-    text += "\n  call " + std::to_string(one.nth) + ", " + one.call + " in process " +
-            std::to_string(one.process) + ", phase " + std::to_string(one.phase);
-  }
-  return text + "\n";
+  return "fault \"" + record_->fault.words() + "\": " + std::to_string(record_->calls) +
+         " calls, struck " + std::to_string(struck()) + " times\n";
 }
 
 }  // namespace testsupport

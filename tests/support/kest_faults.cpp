@@ -13,121 +13,62 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 #include <string_view>
 #include <type_traits>
 
 #include "kest.h"
-#include "support/fault_record.h"
+#include "support/fault_plan.h"
 
 namespace {
 
+using testsupport::FaultAction;
 using testsupport::FaultRecord;
 
-// The words of a process's command line, each with its terminator.
-std::string commandLine() {
-  std::string text;
-  int fd = open("/proc/self/cmdline", O_RDONLY | O_CLOEXEC);
-  char buffer[4096];
-  for (ssize_t n; fd >= 0 && (n = read(fd, buffer, sizeof buffer)) > 0;)
-    text.append(buffer, static_cast<size_t>(n));
-  if (fd >= 0) close(fd);
-  return text;
+FaultRecord *record;  // null: nothing of this process counts
+int phase;            // of a worker; 0: the master
+
+void count(FaultRecord::Made &made, const char *which) {
+  if (++made.inPhase[phase] == 1) snprintf(made.call, sizeof made.call, "%s", which);
 }
 
-// The record of the run; null where there is none.
-FaultRecord *mapRecord() {
-  const char *file = getenv(testsupport::kFaultRecordVariable);
-  if (!file) return nullptr;
-  int fd = open(file, O_RDWR | O_CLOEXEC);
+// Notes that a program starts. Of those the restore's own are watched: the commands of the file system
+// use the library as well.
+[[gnu::constructor]] void start(int argc, char **argv, char **) {
+  const char *file = getenv(FaultRecord::kVariable);
+  if (!file) return;
+  const int fd = open(file, O_RDWR | O_CLOEXEC);
   void *there = mmap(nullptr, sizeof(FaultRecord), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
   if (fd < 0 || there == MAP_FAILED) {
     fprintf(stderr, "kest_faults: no record %s: %s\n", file, strerror(errno));
     _exit(99);
   }
   close(fd);
-  return static_cast<FaultRecord *>(there);
-}
-
-void count(FaultRecord::Made &made, int phase, const char *which) {
-  if (++made.inPhase[phase] == 1) snprintf(made.call, sizeof made.call, "%s", which);
-}
-
-struct Plan {
-  char call[40] = "";
-  char action[16] = "";
-  int error = 0, where = 0;
-  unsigned long long nth = 0, step = 0;
-  unsigned times = 0;
-  int phase = 0;                  // of this process
-  FaultRecord *record = nullptr;  // null: nothing ever happens
-
-  Plan();
-  void count(unsigned index, const char *which) { ::count(record->made[index], phase, which); }
-  bool names(const char *which) const {
-    if ((strcmp(call, "*") != 0 && strcmp(call, which) != 0)) return false;
-    return where == -1 || (where == -2 ? phase != 0 : where == phase);
-  }
-  bool strikes(const char *which);
-};
-
-Plan::Plan() {
-  const char *words = getenv(testsupport::kFaultPlanVariable);
-  if (!words || !getenv(testsupport::kFaultRecordVariable)) return;
-  // The commands of the file system use the library as well; theirs are not the restore's calls.
-  const std::string line = commandLine();
-  const std::string program = line.substr(0, line.find('\0'));
-  const std::string called = program.substr(program.rfind('/') + 1);
-  if (called.rfind("fsetrestore", 0) != 0 && called != "fsetcompare") return;
-  for (size_t at = 0; at < line.size(); at = line.find('\0', at) + 1)
-    if (line.compare(at, 3, std::string("-p\0", 3)) == 0) phase = atoi(line.c_str() + at + 3);
+  auto *whole = static_cast<FaultRecord *>(there);
+  count(whole->made[__COUNTER__], testsupport::kProgramStart);
+  std::string_view program = argv[0];
+  program.remove_prefix(program.rfind('/') + 1);
+  if (!program.starts_with("fsetrestore") && program != "fsetcompare") return;
+  for (int i = 1; i + 1 < argc; ++i)
+    if (strcmp(argv[i], "-p") == 0) phase = atoi(argv[i + 1]);
   if (phase < 0 || phase >= static_cast<int>(FaultRecord::kPhases)) phase = FaultRecord::kPhases - 1;
-  if (sscanf(words, "%39s %15s %d %d %llu %llu %u", call, action, &error, &where, &nth, &step,
-             &times) != 7) {
-    fprintf(stderr, "kest_faults: no plan: %s\n", words);
-    _exit(99);
-  }
-  record = mapRecord();
+  record = whole;
 }
 
-bool Plan::strikes(const char *which) {
+bool strikes(const char *which) {
+  const testsupport::Fault &fault = record->fault;
+  if (strcmp(record->call, "*") != 0 && strcmp(record->call, which) != 0) return false;
+  const bool here = fault.where == testsupport::kAnyProcess ||
+                    (fault.where == testsupport::kAnyWorker ? phase != 0 : fault.where == phase);
+  if (!here) return false;
   const uint64_t n = ++record->calls;
-  if (n < nth || (n - nth) % step != 0) return false;
+  if (n < fault.nth || (n - fault.nth) % fault.step != 0) return false;
   uint32_t before = record->struck;
   do {
-    if (times != 0 && before >= times) return false;
+    if (fault.times != 0 && before >= fault.times) return false;
   } while (!record->struck.compare_exchange_weak(before, before + 1));
-  if (before < FaultRecord::kMostNoted) {
-    FaultRecord::Strike &strike = record->noted[before];
-    strike.nth = n;
-    strike.process = getpid();
-    strike.phase = phase;
-    snprintf(strike.call, sizeof strike.call, "%s", which);
-  }
   return true;
 }
 
-// The nearest process above this one that is the policy engine; 0: none.
-pid_t engineAbove() {
-  for (pid_t pid = getppid(); pid > 1;) {
-    char path[40], text[400], state;
-    snprintf(path, sizeof path, "/proc/%d/stat", pid);
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    ssize_t n = fd < 0 ? -1 : read(fd, text, sizeof text - 1);
-    if (fd >= 0) close(fd);
-    if (n <= 0) return 0;
-    text[n] = '\0';
-    if (strstr(text, "(ktapplypolicy)")) return pid;
-    const char *after = strrchr(text, ')');
-    if (!after || sscanf(after + 1, " %c %d", &state, &pid) != 2) return 0;
-  }
-  return 0;
-}
-
-Plan &plan() {
-  static Plan one;
-  return one;
-}
 thread_local bool insideCall;  // what the library calls itself is not the restore's
 
 template <unsigned index, typename Real, typename... Arguments>
@@ -135,18 +76,17 @@ auto around(const char *name, Real *real, Arguments... arguments) {
   using Result = decltype(real(arguments...));
   const int entry = errno;
   static_assert(index < FaultRecord::kCalls);
-  const bool ours = !insideCall && plan().record;
-  if (ours) plan().count(index, name);
-  const bool struck = ours && plan().names(name) && plan().strikes(name);
-  const std::string_view action = struck ? plan().action : "";
-  if (action == "kill-before") kill(getpid(), SIGKILL);
-  if (action == "kill-engine") {
-    const pid_t engine = engineAbove();
-    if (engine > 0 && kill(engine, SIGKILL) == 0) sleep(10);  // it takes this process along
+  const bool ours = !insideCall && record;
+  if (ours) count(record->made[index], name);
+  const bool struck = ours && strikes(name);
+  const auto does = [&](FaultAction action) { return struck && record->fault.action == action; };
+  if (does(FaultAction::kKillBefore)) kill(getpid(), SIGKILL);
+  if (does(FaultAction::kKillEngine)) {
+    if (kill(getppid(), SIGKILL) == 0) sleep(10);  // it takes this process along
     _exit(99);
   }
-  if (action == "fail") {
-    errno = plan().error;
+  if (does(FaultAction::kFail)) {
+    errno = record->fault.error;
     if constexpr (std::is_pointer_v<Result>) {
       return Result(nullptr);
     } else {
@@ -158,7 +98,7 @@ auto around(const char *name, Real *real, Arguments... arguments) {
   insideCall = true;
   Result result = real(arguments...);
   insideCall = outer;
-  if (action == "kill-after") kill(getpid(), SIGKILL);
+  if (does(FaultAction::kKillAfter)) kill(getpid(), SIGKILL);
   return result;
 }
 
@@ -170,14 +110,6 @@ auto around(const char *name, Real *real, Arguments... arguments) {
     return around<__COUNTER__>(#name, real, __VA_ARGS__);                                 \
   }
 
-// Counted only: programs started.
-__attribute__((constructor)) static void countStart() {
-  FaultRecord *const record = mapRecord();
-  if (!record) return;
-  count(record->made[__COUNTER__], 0, testsupport::kProgramStart);
-  munmap(record, sizeof *record);
-}
-
 // Counted only: how much of the trees the library reads.
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   static auto *const real = reinterpret_cast<decltype(&ioctl)>(dlsym(RTLD_NEXT, "ioctl"));
@@ -185,8 +117,8 @@ extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   va_start(arguments, request);
   void *argument = va_arg(arguments, void *);
   va_end(arguments);
-  if (request == BTRFS_IOC_TREE_SEARCH_V2 && plan().record)
-    plan().count(__COUNTER__, testsupport::kTreeSearch);
+  if (request == BTRFS_IOC_TREE_SEARCH_V2 && record)
+    count(record->made[__COUNTER__], testsupport::kTreeSearch);
   return real(fd, request, argument);
 }
 
