@@ -2,19 +2,14 @@
 
 #include <fcntl.h>
 #include <linux/fuse.h>
-#include <signal.h>
-#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
-#include "support/descriptor.h"
 #include "support/loop_btrfs.h"
 
 namespace testsupport {
@@ -24,210 +19,152 @@ constexpr uint64_t kDeviceNode = 2;
 constexpr uint32_t kMostBytes = 128 << 10;  // of one request
 constexpr uint32_t kBlock = 4096;
 
-void writeWhole(int fd, const void *data, size_t length, off_t offset) {
-  if (pwrite(fd, data, length, offset) != static_cast<ssize_t>(length)) failWithErrno("write the disk");
-}
-
-Descriptor openFile(const std::string &path, int flags) {
-  Descriptor fd(open(path.c_str(), flags | O_CLOEXEC, 0600));
+Descriptor openFile(const std::string &path) {
+  Descriptor fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
   if (!fd.valid()) failWithErrno("open " + path);
   return fd;
 }
 
+fuse_attr attributesOf(uint64_t node, int disk) {
+  struct stat st {};
+  if (node == kDeviceNode) fstat(disk, &st);
+  fuse_attr attr{};
+  attr.ino = node;
+  attr.mode = node == kDeviceNode ? S_IFREG | 0600 : S_IFDIR | 0700;
+  attr.nlink = 1;
+  attr.blksize = kBlock;
+  attr.size = static_cast<uint64_t>(st.st_size);
+  attr.blocks = attr.size / 512;
+  return attr;
+}
+
 }  // namespace
 
-// Answers the kernel's requests until the file system is unmounted.
-class WriteRecorder::Server {
- public:
-  Server(int fuse, int disk, int log, Shared *shared)
-      : fuse_(fuse), disk_(disk), log_(log), shared_(shared) {}
-
-  void serve() {
-    std::vector<char> buffer(kMostBytes + (64 << 10));
-    for (;;) {
-      const ssize_t n = read(fuse_, buffer.data(), buffer.size());
-      if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == ENOENT)) continue;
-      if (n < static_cast<ssize_t>(sizeof(fuse_in_header))) return;
-      memcpy(&request_, buffer.data(), sizeof request_);
-      answer(buffer.data() + sizeof request_);
-    }
+void WriteRecorder::serve() {
+  std::vector<char> buffer(kMostBytes + (64 << 10));
+  for (;;) {
+    const ssize_t n = read(fuse_.get(), buffer.data(), buffer.size());
+    if (n < 0 && (errno == EINTR || errno == EAGAIN || errno == ENOENT)) continue;
+    fuse_in_header request;
+    if (n < static_cast<ssize_t>(sizeof request)) return;
+    memcpy(&request, buffer.data(), sizeof request);
+    answer(request, buffer.data() + sizeof request);
   }
+}
 
- private:
-  void reply(int error, const void *data = nullptr, size_t length = 0) {
+void WriteRecorder::answer(const fuse_in_header &request, const char *body) {
+  const auto reply = [&](int error, const void *data = nullptr, size_t length = 0) {
     fuse_out_header head{};
     head.len = static_cast<uint32_t>(sizeof head + length);
     head.error = -error;
-    head.unique = request_.unique;
+    head.unique = request.unique;
     iovec parts[2] = {{&head, sizeof head}, {const_cast<void *>(data), length}};
-    if (writev(fuse_, parts, length ? 2 : 1) < 0 && errno != ENOENT) _exit(1);
-  }
-  template <typename Answer>
-  void replyWith(const Answer &answer) {
-    reply(0, &answer, sizeof answer);
-  }
-
-  fuse_attr attributes(uint64_t node) const {
-    fuse_attr attr{};
-    attr.ino = node;
-    attr.mode = node == kDeviceNode ? S_IFREG | 0600 : S_IFDIR | 0700;
-    attr.nlink = 1;
-    attr.blksize = kBlock;
-    struct stat st;
-    if (node == kDeviceNode && fstat(disk_, &st) == 0) attr.size = static_cast<uint64_t>(st.st_size);
-    attr.blocks = attr.size / 512;
-    return attr;
-  }
-
-  void note(const Record &record, const char *data) {
-    const iovec parts[2] = {{const_cast<Record *>(&record), sizeof record},
-                            {const_cast<char *>(data), record.length}};
-    const auto wanted = static_cast<ssize_t>(sizeof record + record.length);
-    if (writev(log_, parts, record.length ? 2 : 1) != wanted) _exit(1);
-    shared_->flushes += record.flush;
-    ++shared_->count;
-  }
-
-  void takeWrite(const char *body) {
-    fuse_write_in in;
-    memcpy(&in, body, sizeof in);
-    const char *data = body + sizeof in;
-    note({in.offset, in.size, 0}, data);
-    if (pwrite(disk_, data, in.size, static_cast<off_t>(in.offset)) != static_cast<ssize_t>(in.size))
-      return reply(EIO);
-    fuse_write_out out{};
-    out.size = in.size;
-    replyWith(out);
-  }
-
-  void giveBytes(const char *body) {
-    fuse_read_in in;
-    memcpy(&in, body, sizeof in);
-    std::vector<char> data(in.size);
-    const ssize_t n = pread(disk_, data.data(), data.size(), static_cast<off_t>(in.offset));
-    n < 0 ? reply(EIO) : reply(0, data.data(), static_cast<size_t>(n));
-  }
-
-  void start() {
-    fuse_init_out out{};
-    out.major = FUSE_KERNEL_VERSION;
-    out.minor = FUSE_KERNEL_MINOR_VERSION;
-    out.max_readahead = kMostBytes;
-    out.flags = FUSE_BIG_WRITES;
-    out.max_background = 16;
-    out.congestion_threshold = 12;
-    out.max_write = kMostBytes;
-    replyWith(out);
-  }
-
-  void answer(const char *body) {
-    switch (request_.opcode) {
-      case FUSE_INIT:
-        return start();
-      case FUSE_LOOKUP: {
-        if (strcmp(body, "device") != 0) return reply(ENOENT);
-        fuse_entry_out out{};
-        out.nodeid = kDeviceNode;
-        out.attr = attributes(kDeviceNode);
-        return replyWith(out);
-      }
-      case FUSE_GETATTR: {
-        fuse_attr_out out{};
-        out.attr = attributes(request_.nodeid);
-        return replyWith(out);
-      }
-      case FUSE_OPEN:
-        return replyWith(fuse_open_out{});
-      case FUSE_READ:
-        return giveBytes(body);
-      case FUSE_WRITE:
-        return takeWrite(body);
-      case FUSE_FSYNC:
-        note({0, 0, 1}, nullptr);
-        return reply(0);
-      case FUSE_FLUSH:
-      case FUSE_RELEASE:
-      case FUSE_DESTROY:
-        return reply(0);
-      case FUSE_FORGET:
-      case FUSE_BATCH_FORGET:
-      case FUSE_INTERRUPT:
-        return;  // these want no answer
-      default:
-        return reply(ENOSYS);
+    // Where the kernel no longer waits for it, there is nobody to tell.
+    if (writev(fuse_.get(), parts, length ? 2 : 1) < 0) return;
+  };
+  const auto give = [&](const auto &structure) { reply(0, &structure, sizeof structure); };
+  const auto note = [&](uint64_t offset, std::string data) {
+    log_.push_back({offset, std::move(data)});
+    ++count_;
+  };
+  switch (request.opcode) {
+    case FUSE_INIT: {
+      fuse_init_out out{};
+      out.major = FUSE_KERNEL_VERSION;
+      out.minor = FUSE_KERNEL_MINOR_VERSION;
+      out.max_readahead = out.max_write = kMostBytes;
+      out.flags = FUSE_BIG_WRITES;
+      out.max_background = 16;
+      out.congestion_threshold = 12;
+      return give(out);
     }
+    case FUSE_LOOKUP: {
+      if (strcmp(body, "device") != 0) return reply(ENOENT);
+      fuse_entry_out out{};
+      out.nodeid = kDeviceNode;
+      out.attr = attributesOf(kDeviceNode, disk_.get());
+      return give(out);
+    }
+    case FUSE_GETATTR: {
+      fuse_attr_out out{};
+      out.attr = attributesOf(request.nodeid, disk_.get());
+      return give(out);
+    }
+    case FUSE_OPEN:
+      return give(fuse_open_out{});
+    case FUSE_READ: {
+      fuse_read_in in;
+      memcpy(&in, body, sizeof in);
+      std::vector<char> data(in.size);
+      const ssize_t n = pread(disk_.get(), data.data(), data.size(), static_cast<off_t>(in.offset));
+      return n < 0 ? reply(EIO) : reply(0, data.data(), static_cast<size_t>(n));
+    }
+    case FUSE_WRITE: {
+      fuse_write_in in;
+      memcpy(&in, body, sizeof in);
+      note(in.offset, std::string(body + sizeof in, in.size));
+      if (pwrite(disk_.get(), body + sizeof in, in.size, static_cast<off_t>(in.offset)) !=
+          static_cast<ssize_t>(in.size))
+        return reply(EIO);
+      fuse_write_out out{};
+      out.size = in.size;
+      return give(out);
+    }
+    case FUSE_FSYNC:
+      note(0, "");
+      return reply(0);
+    case FUSE_FLUSH:
+    case FUSE_RELEASE:
+    case FUSE_DESTROY:
+      return reply(0);
+    case FUSE_FORGET:
+    case FUSE_BATCH_FORGET:
+    case FUSE_INTERRUPT:
+      return;  // these want no answer
+    default:
+      return reply(ENOSYS);
   }
-
-  int fuse_, disk_, log_;
-  Shared *shared_;
-  fuse_in_header request_{};
-};
+}
 
 WriteRecorder::WriteRecorder(const std::string &image, const std::string &folder)
-    : folder_(folder), copy_(folder + ".disk"), log_(folder + ".log") {
-  void *page = mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  if (page == MAP_FAILED) failWithErrno("map");
-  shared_ = new (page) Shared{};
+    : folder_(folder), copy_(folder + ".disk") {
   runCommand("mkdir -p '" + folder + "' && cp --sparse=always '" + image + "' '" + copy_ + "'");
-  Descriptor disk = openFile(copy_, O_RDWR);
-  Descriptor log = openFile(log_, O_WRONLY | O_CREAT | O_TRUNC | O_APPEND);
-  Descriptor fuse = openFile("/dev/fuse", O_RDWR);
+  disk_ = openFile(copy_);
+  fuse_ = openFile("/dev/fuse");
   const std::string options =
-      "fd=" + std::to_string(fuse.get()) + ",rootmode=40000,user_id=0,group_id=0";
+      "fd=" + std::to_string(fuse_.get()) + ",rootmode=40000,user_id=0,group_id=0";
   if (mount("recorder", folder.c_str(), "fuse", 0, options.c_str()) != 0)
     failWithErrno("mount " + folder);
-  server_ = fork();
-  if (server_ < 0) failWithErrno("fork");
-  if (server_ != 0) return;
-  setsid();
-  Server(fuse.get(), disk.get(), log.get(), shared_).serve();
-  _exit(0);
+  server_ = std::thread([this] { serve(); });
 }
 
 void WriteRecorder::stop() {
-  if (server_ == 0) return;
   if (umount(folder_.c_str()) != 0) failWithErrno("unmount " + folder_);
-  int status = 0;
-  waitpid(server_, &status, 0);
-  server_ = 0;
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) throw std::runtime_error("the recorder failed");
+  server_.join();
 }
 
 WriteRecorder::~WriteRecorder() {
-  if (server_ != 0) {
-    umount2(folder_.c_str(), MNT_DETACH);
-    kill(server_, SIGKILL);
-    waitpid(server_, nullptr, 0);
+  if (server_.joinable()) {
+    umount2(folder_.c_str(), MNT_FORCE | MNT_DETACH);  // what still waits for the disk fails
+    server_.join();
   }
   rmdir(folder_.c_str());
   unlink(copy_.c_str());
-  unlink(log_.c_str());
-  munmap(shared_, sizeof(Shared));
 }
 
 void WriteRecorder::cut(const std::string &image, uint64_t records,
                         const std::function<bool()> &survives) const {
-  Descriptor log = openFile(log_, O_RDONLY), disk = openFile(image, O_RDWR);
-  std::vector<std::pair<Record, off_t>> found;  // and where its bytes are
-  size_t lastFlush = 0;
-  off_t at = 0;
-  Record record;
-  while (found.size() < records && pread(log.get(), &record, sizeof record, at) == sizeof record) {
-    at += static_cast<off_t>(sizeof record);
-    found.emplace_back(record, at);
-    at += record.length;
-    if (record.flush) lastFlush = found.size();
-  }
-  if (found.size() != records) throw std::runtime_error("the log of writes is too short");
-  std::vector<char> data(kMostBytes);
-  for (size_t i = 0; i < found.size(); ++i) {
-    const auto &[write, where] = found[i];
-    for (uint32_t done = 0; done < write.length;) {
-      const uint32_t piece = std::min(write.length - done, i < lastFlush ? kMostBytes : kBlock);
-      if (i < lastFlush || survives()) {
-        if (pread(log.get(), data.data(), piece, where + done) != piece) failWithErrno("read " + log_);
-        writeWhole(disk.get(), data.data(), piece, static_cast<off_t>(write.offset + done));
-      }
+  if (log_.size() < records) throw std::runtime_error("the log of writes is too short");
+  const Descriptor disk = openFile(image);
+  size_t flushed = records;  // so many of them are before the last flush
+  while (flushed > 0 && !log_[flushed - 1].data.empty()) --flushed;
+  for (size_t i = 0; i < records; ++i) {
+    const auto &[offset, data] = log_[i];
+    for (size_t done = 0; done < data.size();) {
+      const size_t piece = std::min<size_t>(data.size() - done, i < flushed ? kMostBytes : kBlock);
+      const bool kept = i < flushed || survives();
+      if (kept && pwrite(disk.get(), &data[done], piece, static_cast<off_t>(offset + done)) < 0)
+        failWithErrno("write " + image);
       done += piece;
     }
   }

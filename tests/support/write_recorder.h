@@ -1,15 +1,18 @@
-// write_recorder.h: a disk that remembers. One file in a file system served by a process of the test's
-// own; a loop device over it passes on what a file system writes and flushes, in order, so that the
+// write_recorder.h: a disk that remembers. One file in a file system that a thread of the test's own
+// serves; a loop device over it passes on what a file system writes and flushes, in order, so that the
 // disk can be built as a power cut would have left it.
 #pragma once
-
-#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "support/descriptor.h"
+
+struct fuse_in_header;
 
 namespace testsupport {
 
@@ -18,13 +21,10 @@ class WriteRecorder {
   // Serves a copy of `image` as FOLDER/device; folder and copy are made, on a memory file system best.
   WriteRecorder(const std::string &image, const std::string &folder);
   ~WriteRecorder();
-  WriteRecorder(const WriteRecorder &) = delete;
-  WriteRecorder &operator=(const WriteRecorder &) = delete;
 
   std::string device() const { return folder_ + "/device"; }
   // Writes and flushes so far; may be asked while the disk is in use.
-  uint64_t count() const { return shared_->count; }
-  uint64_t flushes() const { return shared_->flushes; }
+  uint64_t count() const { return count_; }
   // Ends the service. Nothing may have the device open.
   void stop();
 
@@ -34,19 +34,18 @@ class WriteRecorder {
   void cut(const std::string &image, uint64_t records, const std::function<bool()> &survives) const;
 
  private:
-  struct Shared {
-    std::atomic<uint64_t> count, flushes;
-  };
   struct Record {
-    uint64_t offset = 0;
-    uint32_t length = 0;
-    uint32_t flush = 0;
+    uint64_t offset;
+    std::string data;  // empty: a flush
   };
-  class Server;
+  void serve();  // until the file system is unmounted
+  void answer(const fuse_in_header &request, const char *body);
 
-  std::string folder_, copy_, log_;
-  Shared *shared_ = nullptr;
-  pid_t server_ = 0;
+  std::string folder_, copy_;
+  Descriptor disk_, fuse_;
+  std::vector<Record> log_;  // the thread's own until stop()
+  std::atomic<uint64_t> count_ = 0;
+  std::thread server_;
 };
 
 }  // namespace testsupport
