@@ -21,7 +21,8 @@ constexpr uint64_t K = 1024;
 std::vector<std::pair<uint64_t, uint64_t>> blocksOf(const std::string &path) {
   Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(0, fsync(fd.get()));
-  return testsupport::physicalBlocks(fd.get(), path);
+  const testsupport::PlacedBlocks blocks = testsupport::physicalBlocks(fd.get(), path);
+  return {blocks.begin(), blocks.end()};
 }
 
 class Clones : public LibraryTest {

@@ -7,8 +7,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <map>
-#include <vector>
 
 #include "support/descriptor.h"
 #include "support/tree_fingerprint.h"
@@ -33,66 +31,36 @@ std::string text(const std::optional<ClonePrint> &clone) {
   return line;
 }
 
-class Judge {
- public:
-  Judge(const TreePrint &want, const TreePrint &have) : want_(want), have_(have) {}
+const ClonePrint *parentIn(const TreePrint &tree, const ClonePrint &clone) {
+  auto found = tree.objects.find(clone.parentPath);
+  const bool is = !clone.parentPath.empty() && found != tree.objects.end() && found->second.clone;
+  return is ? &*found->second.clone : nullptr;
+}
 
-  std::vector<std::string> lines() {
-    for (const auto &[path, object] : want_.objects) {
-      auto other = have_.objects.find(path);
-      if (other != have_.objects.end() && S_ISREG(object.mode) && S_ISREG(other->second.mode))
-        judge(path, object, other->second);
-    }
-    return std::move(lines_);
+// True when every ancestor up to a parent of depth 0 is there, or one in a snapshot.
+bool unbroken(const TreePrint &tree, const ClonePrint &clone) {
+  if (clone.depth == 0) return true;
+  if (!clone.parentFits) return false;
+  const ClonePrint *parent = parentIn(tree, clone);
+  return parent ? unbroken(tree, *parent) : !tree.objects.count(clone.parentPath);
+}
+
+// Whether the file is what a restore makes of the wanted clone.
+bool isRight(const TreePrint &wantTree, const TreePrint &haveTree, const ObjectPrint &wanted,
+             const ObjectPrint &had) {
+  const std::optional<ClonePrint> &want = wanted.clone, &have = had.clone;
+  const bool survived = wanted.inode == had.inode && wanted.birth.tv_sec == had.birth.tv_sec &&
+                        wanted.birth.tv_nsec == had.birth.tv_nsec;
+  if (want && want->depth && !want->parentFits && !survived)
+    return want->parent ? have && have->parent && have->depth == 0 : !have;
+  if (!want || !have) return want.has_value() == have.has_value();
+  unsigned depth = want->depth;
+  if (!survived && !unbroken(wantTree, *want)) {
+    const ClonePrint *parent = parentIn(haveTree, *have);
+    depth = parent ? parent->depth + 1 : 0;
   }
-
- private:
-  const ObjectPrint *parentIn(const TreePrint &tree, const ClonePrint &clone) const {
-    auto found = tree.objects.find(clone.parentPath);
-    return clone.parentPath.empty() || found == tree.objects.end() ? nullptr : &found->second;
-  }
-
-  // True when every ancestor up to a parent of depth 0 is there.
-  bool unbroken(const ClonePrint &clone) const {
-    if (clone.depth == 0) return true;
-    if (!clone.parentFits) return false;
-    const ObjectPrint *parent = parentIn(want_, clone);
-    return parent == nullptr || (parent->clone && unbroken(*parent->clone));
-  }
-
-  void judge(const std::string &path, const ObjectPrint &want, const ObjectPrint &have) {
-    const auto differ = [&] {
-      lines_.push_back("clone state of " + shown(path) + ": want " + text(want.clone) + ", have " +
-                       text(have.clone));
-    };
-    const bool survived = want.inode == have.inode && want.birth.tv_sec == have.birth.tv_sec &&
-                          want.birth.tv_nsec == have.birth.tv_nsec;
-    if (want.clone && want.clone->depth && !want.clone->parentFits && !survived) {
-      const bool right =
-          want.clone->parent ? have.clone && have.clone->parent && have.clone->depth == 0 : !have.clone;
-      if (!right) differ();
-      return;
-    }
-    if (want.clone.has_value() != have.clone.has_value()) return differ();
-    if (!want.clone) return;
-    unsigned depth = want.clone->depth;
-    if (!survived && !unbroken(*want.clone)) {
-      const ObjectPrint *parent = parentIn(have_, *have.clone);
-      depth = parent && parent->clone ? parent->clone->depth + 1 : 0;
-    }
-    if (want.clone->parent != have.clone->parent || have.clone->depth != depth ||
-        want.clone->parentPath != have.clone->parentPath)
-      return differ();
-    for (auto [start, end] : missingIn(want.clone->shared, have.clone->shared)) {
-      lines_.push_back("unshared: " + shown(path) + " from " + shown(want.clone->parentPath) + " in [" +
-                       std::to_string(start) + "," + std::to_string(end) + ")");
-      break;
-    }
-  }
-
-  const TreePrint &want_, &have_;
-  std::vector<std::string> lines_;
-};
+  return want->parent == have->parent && have->depth == depth && want->parentPath == have->parentPath;
+}
 
 std::vector<fiemap_extent> extentsOf(int fd, uint32_t flags, const std::string &path) {
   constexpr unsigned kExtents = 64;
@@ -145,14 +113,14 @@ BlockRanges missingIn(const BlockRanges &from, const BlockRanges &less) {
   return missing;
 }
 
-std::vector<std::pair<uint64_t, uint64_t>> physicalBlocks(int fd, const std::string &path) {
-  std::vector<std::pair<uint64_t, uint64_t>> blocks;
+PlacedBlocks physicalBlocks(int fd, const std::string &path) {
+  PlacedBlocks blocks;
   for (const fiemap_extent &extent : extentsOf(fd, FIEMAP_FLAG_SYNC, path)) {
     if (extent.fe_flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_UNWRITTEN)) continue;
     for (uint64_t offset = 0; offset < extent.fe_length; offset += kBlock) {
       // Of a compressed extent only the whole has a place.
       const uint64_t inside = extent.fe_flags & FIEMAP_EXTENT_ENCODED ? 0 : offset;
-      blocks.emplace_back(extent.fe_logical + offset, extent.fe_physical + inside);
+      blocks[extent.fe_logical + offset] = extent.fe_physical + inside;
     }
   }
   return blocks;
@@ -177,11 +145,10 @@ void connectClones(TreePrint *tree) {
     const ClonePrint &parent = *tree->objects.at(*found->second).clone;
     object.clone->parentFits = parent.depth + 1 == object.clone->depth;
     object.clone->parentPath = *found->second;
-    const std::map<uint64_t, uint64_t> there(parent.blocks.begin(), parent.blocks.end());
     BlockRanges &shared = object.clone->shared;
     for (const auto &[offset, place] : object.clone->blocks) {
-      auto same = there.find(offset);
-      if (same == there.end() || same->second != place) continue;
+      auto same = parent.blocks.find(offset);
+      if (same == parent.blocks.end() || same->second != place) continue;
       if (!shared.empty() && shared.back().second == offset)
         shared.back().second += kBlock;
       else
@@ -190,8 +157,19 @@ void connectClones(TreePrint *tree) {
   }
 }
 
-std::vector<std::string> compareClones(const TreePrint &want, const TreePrint &have) {
-  return Judge(want, have).lines();
+void compareClones(const TreePrint &want, const TreePrint &have, std::vector<std::string> *lines) {
+  for (const auto &[path, object] : want.objects) {
+    auto other = have.objects.find(path);
+    if (other == have.objects.end() || !S_ISREG(object.mode) || !S_ISREG(other->second.mode)) continue;
+    const std::optional<ClonePrint> &wanted = object.clone, &had = other->second.clone;
+    if (!isRight(want, have, object, other->second))
+      lines->push_back("clone state of " + shown(path) + ": want " + text(wanted) + ", have " +
+                       text(had));
+    else if (wanted && had)
+      for (auto [start, end] : missingIn(wanted->shared, had->shared))
+        lines->push_back("unshared: " + shown(path) + " from " + shown(wanted->parentPath) + " in [" +
+                         std::to_string(start) + "," + std::to_string(end) + ")");
+  }
 }
 
 }  // namespace testsupport

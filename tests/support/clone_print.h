@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -11,8 +12,10 @@ namespace testsupport {
 
 struct TreePrint;
 
-using BlockRanges =
-    std::vector<std::pair<uint64_t, uint64_t>>;  // [start, end) in bytes, merged, sorted
+// [start, end) in bytes, merged, sorted.
+using BlockRanges = std::vector<std::pair<uint64_t, uint64_t>>;
+// Offset of each 4 KiB block, and its physical place.
+using PlacedBlocks = std::map<uint64_t, uint64_t>;
 
 // Of a file that is a clone, a clone parent, or both.
 struct ClonePrint {
@@ -24,14 +27,13 @@ struct ClonePrint {
   std::string parentPath;
   bool parentFits = false;  // its depth is one less, or it lives in a snapshot
   BlockRanges shared;       // with the parent at parentPath, in the same places
-  std::vector<std::pair<uint64_t, uint64_t>>
-      blocks;  // physical place of each 4 KiB block, recorded only
+  PlacedBlocks blocks;      // recorded only
 };
 
 // Decodes trusted.kest.CLONE and trusted.kest.CLONESNAP; nothing where the file carries none.
 std::optional<ClonePrint> readClone(const std::string &clone, const std::string &cloneSnap);
-// Where each block of the file behind the descriptor lies: [offset, place], preallocation left out.
-std::vector<std::pair<uint64_t, uint64_t>> physicalBlocks(int fd, const std::string &path);
+// Where each block of the file behind the descriptor lies, preallocation left out.
+PlacedBlocks physicalBlocks(int fd, const std::string &path);
 // What of [0, size) is preallocated: for a file that came by it through a reflink the kernel answers a
 // search for the next hole as if there were none.
 BlockRanges preallocated(int fd, uint64_t size, const std::string &path);
@@ -41,9 +43,9 @@ BlockRanges missingIn(const BlockRanges &from, const BlockRanges &less);
 // Fills parentPath and shared of every clone of the tree.
 void connectClones(TreePrint *tree);
 
-// Differences between the clones of two trees. A clone whose parent the wanted tree does not have is
-// restored as a parent of depth 0 or an ordinary file, or has survived as it was; depths below it count
-// from there.
-std::vector<std::string> compareClones(const TreePrint &want, const TreePrint &have);
+// Adds the differences between the clones of two trees. A clone whose parent the wanted tree does not
+// have is restored as a parent of depth 0 or an ordinary file, or has survived as it was; depths below
+// it count from there.
+void compareClones(const TreePrint &want, const TreePrint &have, std::vector<std::string> *lines);
 
 }  // namespace testsupport

@@ -8,6 +8,7 @@
 #include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace testsupport {
 
@@ -42,5 +43,8 @@ class Descriptor {
 inline std::string procPath(int fd) {
   return "/proc/self/fd/" + std::to_string(fd);
 }
+
+// The names in the directory behind a descriptor, sorted, without . and ..; `path` is for messages.
+std::vector<std::string> listNames(int dirFd, const std::string &path);
 
 }  // namespace testsupport

@@ -81,7 +81,7 @@ const Difference kDifferences[] = {
      [](auto &t) { t.mtime("d/e", -86400 * 365, 999999998); }},
     {"mtime of l:", [](auto &t) { t.mtime("l", 77); }},
     {"mtime of the root:", [](auto &t) { t.mtime("", 5); }},
-    {"data of big differ: first at offset 250001",
+    {"data of big: want hash",
      quietly("big",
              [](auto &t) { t.write("big", 250001, std::string(1, char(~t.read("big")[250001]))); })},
     {"data ranges of zeros: want [0,8192), have [4096,8192)",

@@ -69,19 +69,6 @@ void runClone(const std::vector<std::string> &words) {
   if (status != 0) failWithErrno("ktclone " + words[0] + " " + words.back());
 }
 
-std::vector<std::string> listNames(int dirFd, const std::string &path) {
-  int fd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOATIME);
-  DIR *dir = fd < 0 ? nullptr : fdopendir(fd);
-  if (dir == nullptr) failWithErrno("list " + path);
-  std::vector<std::string> names;
-  while (dirent *entry = readdir(dir))
-    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
-      names.emplace_back(entry->d_name);
-  closedir(dir);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
 void removeBelow(int parentFd, const std::string &name, const std::string &path) {
   struct stat st;
   if (fstatat(parentFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) failWithErrno("stat " + path);
@@ -97,6 +84,19 @@ void removeBelow(int parentFd, const std::string &name, const std::string &path)
 }
 
 }  // namespace
+
+std::vector<std::string> listNames(int dirFd, const std::string &path) {
+  int fd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NOATIME);
+  DIR *dir = fd < 0 ? nullptr : fdopendir(fd);
+  if (dir == nullptr) failWithErrno("list " + path);
+  std::vector<std::string> names;
+  while (dirent *entry = readdir(dir))
+    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+      names.emplace_back(entry->d_name);
+  closedir(dir);
+  std::sort(names.begin(), names.end());
+  return names;
+}
 
 std::string patternBytes(uint64_t seed, uint64_t offset, size_t length) {
   std::string bytes(length, '\0');

@@ -1,6 +1,5 @@
 #include "support/tree_fingerprint.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -12,6 +11,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iomanip>
+#include <sstream>
 
 #include "support/descriptor.h"
 
@@ -38,31 +39,21 @@ uint64_t hashBlock(uint64_t hash, uint64_t offset, const char *bytes, size_t len
   return hash;
 }
 
+timespec timeOf(const statx_timestamp &time) {
+  return {time.tv_sec, static_cast<long>(time.tv_nsec)};
+}
+
 bool allZero(const char *bytes, size_t length) {
   return length == 0 || (bytes[0] == 0 && memcmp(bytes, bytes + 1, length - 1) == 0);
 }
 
-size_t readAt(int fd, char *buffer, size_t length, uint64_t offset, const std::string &path) {
-  size_t done = 0;
-  while (done < length) {
-    ssize_t n = pread(fd, buffer + done, length - done, static_cast<off_t>(offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) failWithErrno("read " + path);
-    if (n == 0) break;
-    done += static_cast<size_t>(n);
-  }
-  return done;
-}
-
 class Reader {
  public:
-  Reader(const std::string &root, const FingerprintOptions &options) : options_(options) {
-    tree_.root = root;
-  }
+  explicit Reader(const FingerprintOptions &options) : options_(options) {}
 
-  TreePrint take() {
-    Descriptor top(open(tree_.root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!top.valid()) failWithErrno("open " + tree_.root);
+  TreePrint take(const std::string &root) {
+    Descriptor top(open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!top.valid()) failWithErrno("open " + root);
     readObject(top.get(), "", 0);
     noteGroups();
     connectClones(&tree_);
@@ -88,23 +79,22 @@ class Reader {
     object.gid = sx.stx_gid;
     object.links = sx.stx_nlink;
     object.device = makedev(sx.stx_rdev_major, sx.stx_rdev_minor);
-    object.mtime = {sx.stx_mtime.tv_sec, static_cast<long>(sx.stx_mtime.tv_nsec)};
-    object.ctime = {sx.stx_ctime.tv_sec, static_cast<long>(sx.stx_ctime.tv_nsec)};
-    object.birth = {sx.stx_btime.tv_sec, static_cast<long>(sx.stx_btime.tv_nsec)};
+    object.mtime = timeOf(sx.stx_mtime);
+    object.ctime = timeOf(sx.stx_ctime);
+    object.birth = timeOf(sx.stx_btime);
     object.inode = sx.stx_ino;
     object.parent = parent;
     if (S_ISDIR(object.mode) && !path.empty() &&
         (object.inode == kSubvolumeRoot || object.inode == kSubvolumeStub)) {
-      if (options_.ignoreNested) return Descriptor(-1);
       object.nested = true;
-      tree_.objects.emplace(path, std::move(object));
-      return Descriptor(-1);
+      if (!options_.ignoreNested) tree_.objects.emplace(path, std::move(object));
+      return {};
     }
     readXattrs(fd, path, &object);
     if (S_ISLNK(object.mode)) readTarget(fd, path, &object);
     if (!S_ISREG(object.mode) && !S_ISDIR(object.mode)) {
       tree_.objects.emplace(path, std::move(object));
-      return Descriptor(-1);
+      return {};
     }
     Descriptor opened(open(procPath(fd).c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK | O_CLOEXEC));
     if (!opened.valid()) failWithErrno("open " + path);
@@ -112,38 +102,26 @@ class Reader {
     if (ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0) failWithErrno("get flags of " + path);
     object.flags = static_cast<unsigned>(flags) & kComparedFlags;
     *inode = object.inode;
-    bool isDir = S_ISDIR(object.mode);
+    const bool isDir = S_ISDIR(object.mode);
     if (!isDir) {
       object.size = sx.stx_size;
       readData(opened.get(), path, &object);
       if (object.clone) object.clone->blocks = physicalBlocks(opened.get(), path);
     }
     tree_.objects.emplace(path, std::move(object));
-    return isDir ? std::move(opened) : Descriptor(-1);
+    return isDir ? std::move(opened) : Descriptor();
   }
 
   void readEntries(int fd, const std::string &path, ino_t inode) {
-    int again = openat(fd, ".", O_RDONLY | O_DIRECTORY | O_NOATIME | O_CLOEXEC);
-    DIR *dir = again < 0 ? nullptr : fdopendir(again);
-    if (dir == nullptr) failWithErrno("list " + path);
-    std::vector<std::string> names;
-    while (dirent *entry = readdir(dir))
-      if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
-        names.emplace_back(entry->d_name);
-    closedir(dir);
-    for (const std::string &name : names) {
-      if (path.empty() && excluded(name)) continue;
+    for (const std::string &name : listNames(fd, path)) {
+      const auto begins = [&](const std::string &prefix) { return name.starts_with(prefix); };
+      const auto &prefixes = options_.excludePrefixes;
+      if (path.empty() && std::any_of(prefixes.begin(), prefixes.end(), begins)) continue;
       std::string below = path.empty() ? name : path + "/" + name;
       Descriptor child(openat(fd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
       if (!child.valid()) failWithErrno("open " + below);
       readObject(child.get(), below, inode);
     }
-  }
-
-  bool excluded(const std::string &name) const {
-    return std::any_of(
-        options_.excludePrefixes.begin(), options_.excludePrefixes.end(),
-        [&](const std::string &prefix) { return name.compare(0, prefix.size(), prefix) == 0; });
   }
 
   static void readXattrs(int fd, const std::string &path, ObjectPrint *object) {
@@ -189,10 +167,11 @@ class Reader {
       else
         object->data.emplace_back(from, to);
       for (uint64_t offset = std::max(at, from); offset < to; offset += buffer.size()) {
-        size_t got =
-            readAt(fd, buffer.data(), std::min<uint64_t>(buffer.size(), to - offset), offset, path);
-        for (size_t i = 0; i < got; i += kBlock) {
-          size_t part = std::min<size_t>(kBlock, got - i);
+        const size_t wanted = std::min<uint64_t>(buffer.size(), to - offset);
+        const ssize_t got = pread(fd, buffer.data(), wanted, static_cast<off_t>(offset));
+        if (got != static_cast<ssize_t>(wanted)) failWithErrno("read " + path);
+        for (size_t i = 0; i < wanted; i += kBlock) {
+          const size_t part = std::min<size_t>(kBlock, wanted - i);
           if (!allZero(&buffer[i], part))
             object->dataHash = hashBlock(object->dataHash, offset + i, &buffer[i], part);
         }
@@ -207,180 +186,108 @@ class Reader {
     std::map<ino_t, std::vector<std::string>> groups;
     for (const auto &[path, object] : tree_.objects)
       if (!S_ISDIR(object.mode)) groups[object.inode].push_back(path);
-    for (auto &[path, object] : tree_.objects) {
-      if (S_ISDIR(object.mode)) continue;
-      const auto &group = groups[object.inode];
-      if (group.size() > 1) object.group = group;
-    }
+    for (auto &[path, object] : tree_.objects)
+      if (!S_ISDIR(object.mode) && groups[object.inode].size() > 1) object.group = groups[object.inode];
   }
 
   const FingerprintOptions &options_;
   TreePrint tree_;
 };
 
-const char *kindName(mode_t mode) {
-  switch (mode & S_IFMT) {
-    case S_IFREG:
-      return "file";
-    case S_IFDIR:
-      return "directory";
-    case S_IFLNK:
-      return "symbolic link";
-    case S_IFIFO:
-      return "FIFO";
-    case S_IFSOCK:
-      return "socket";
-    case S_IFCHR:
-      return "character device";
-    case S_IFBLK:
-      return "block device";
-    default:
-      return "unknown kind";
-  }
+const char *kindName(const ObjectPrint &object) {
+  if (object.nested) return "nested subvolume";
+  static const std::map<mode_t, const char *> kNames = {
+      {S_IFREG, "file"},   {S_IFDIR, "directory"},        {S_IFLNK, "symbolic link"},
+      {S_IFIFO, "FIFO"},   {S_IFCHR, "character device"}, {S_IFBLK, "block device"},
+      {S_IFSOCK, "socket"}};
+  return kNames.at(object.mode & S_IFMT);
 }
 
-std::string octal(mode_t mode) {
-  char text[16];
-  snprintf(text, sizeof text, "%04o", mode & 07777u);
-  return text;
-}
-
-std::string timeText(const timespec &time) {
-  char text[48];
-  snprintf(text, sizeof text, "%lld.%09ld", static_cast<long long>(time.tv_sec), time.tv_nsec);
-  return text;
-}
-
-std::string deviceText(dev_t device) {
-  return std::to_string(major(device)) + ":" + std::to_string(minor(device));
-}
-
-std::string valueText(const std::string &value) {
-  std::string text = "\"" + shown(value.substr(0, 40)) + "\"";
-  if (value.size() > 40) text += "... (" + std::to_string(value.size()) + " bytes)";
-  return text;
-}
-
-std::string rangesText(const std::vector<std::pair<uint64_t, uint64_t>> &ranges) {
-  std::string text;
-  for (size_t i = 0; i < ranges.size() && i < 8; ++i)
-    text += "[" + std::to_string(ranges[i].first) + "," + std::to_string(ranges[i].second) + ")";
-  if (ranges.size() > 8) text += "... (" + std::to_string(ranges.size()) + " ranges)";
-  return text.empty() ? "none" : text;
+std::string told(const auto &...parts) {
+  std::ostringstream text;
+  text << std::setfill('0');
+  (text << ... << parts);
+  return text.str();
 }
 
 std::string flagsText(unsigned flags) {
+  static const std::pair<unsigned, const char *> kNames[] = {{FS_IMMUTABLE_FL, "immutable "},
+                                                             {FS_APPEND_FL, "append-only "},
+                                                             {FS_NOCOW_FL, "nocow "},
+                                                             {FS_COMPR_FL, "compressed "},
+                                                             {FS_NOCOMP_FL, "uncompressed "}};
   std::string text;
-  if (flags & FS_IMMUTABLE_FL) text += "immutable ";
-  if (flags & FS_APPEND_FL) text += "append-only ";
-  if (flags & FS_NOCOW_FL) text += "nocow ";
-  if (flags & FS_COMPR_FL) text += "compressed ";
-  if (flags & FS_NOCOMP_FL) text += "uncompressed ";
+  for (const auto &[flag, name] : kNames)
+    if (flags & flag) text += name;
   return text.empty() ? "none" : text.substr(0, text.size() - 1);
 }
 
-std::string groupText(const std::vector<std::string> &group) {
-  if (group.empty()) return "alone";
-  std::string text = "{";
-  for (size_t i = 0; i < group.size() && i < 6; ++i) text += (i ? ", " : "") + shown(group[i]);
-  if (group.size() > 6) text += ", ... (" + std::to_string(group.size()) + " names)";
-  return text + "}";
+// All that is compared of an object but the clones, as it is told.
+std::map<std::string, std::string> propertiesOf(const ObjectPrint &object) {
+  if (object.nested) return {};
+  std::string ranges, group;
+  for (const auto &[start, end] : object.data) ranges += told("[", start, ",", end, ")");
+  for (const std::string &name : object.group) group += (group.empty() ? "{" : ", ") + shown(name);
+  std::map<std::string, std::string> all = {
+      {"mode", told(std::oct, std::setw(4), object.mode & 07777u)},
+      {"owner", std::to_string(object.uid)},
+      {"group", std::to_string(object.gid)},
+      {"size", std::to_string(object.size)},
+      {"data", told("hash ", std::hex, object.dataHash)},
+      {"data ranges", ranges},
+      {"target", "\"" + shown(object.target) + "\""},
+      {"device number", told(major(object.device), ":", minor(object.device))},
+      {"mtime", told(object.mtime.tv_sec, ".", std::setw(9), object.mtime.tv_nsec)},
+      {"flags", flagsText(object.flags)},
+      {"links", std::to_string(object.links)},
+      {"hard-link group", group.empty() ? "alone" : group + "}"}};
+  for (const auto &[name, value] : object.xattrs) all[shown(name)] = "\"" + shown(value) + "\"";
+  return all;
 }
 
-std::string firstDifference(const std::string &wantPath, const std::string &havePath) {
-  Descriptor want(open(wantPath.c_str(), O_RDONLY | O_NOATIME | O_CLOEXEC));
-  Descriptor have(open(havePath.c_str(), O_RDONLY | O_NOATIME | O_CLOEXEC));
-  if (!want.valid() || !have.valid()) return "offset unknown";
-  std::vector<char> a(65536), b(65536);
-  for (uint64_t offset = 0; offset < 64ull << 20; offset += a.size()) {
-    size_t n = readAt(want.get(), a.data(), a.size(), offset, wantPath);
-    size_t m = readAt(have.get(), b.data(), b.size(), offset, havePath);
-    for (size_t i = 0; i < std::min(n, m); ++i)
-      if (a[i] != b[i]) return "first at offset " + std::to_string(offset + i);
-    if (n != m) return "one ends at offset " + std::to_string(offset + std::min(n, m));
-    if (n < a.size()) break;
-  }
-  return "offset beyond 64 MiB, or changed since";
+std::string cut(const std::string &text) {
+  constexpr size_t kMost = 200;
+  return text.size() <= kMost ? text : text.substr(0, kMost) + "...";
 }
 
-class Comparison {
- public:
-  std::vector<std::string> lines;
-
-  void objects(const TreePrint &wantTree, const TreePrint &haveTree, const std::string &path,
-               const ObjectPrint &want, const ObjectPrint &have) {
-    path_ = path;
-    if ((want.mode & S_IFMT) != (have.mode & S_IFMT) || want.nested != have.nested) {
-      differ("type", want.nested ? "nested subvolume" : kindName(want.mode),
-             have.nested ? "nested subvolume" : kindName(have.mode));
-      return;
-    }
-    if (want.nested) return;
-    check("mode", octal(want.mode), octal(have.mode));
-    check("owner", std::to_string(want.uid), std::to_string(have.uid));
-    check("group", std::to_string(want.gid), std::to_string(have.gid));
-    check("size", std::to_string(want.size), std::to_string(have.size));
-    if (want.dataHash != have.dataHash)
-      lines.push_back("data of " + name() + " differ: " +
-                      firstDifference(wantTree.root + "/" + path, haveTree.root + "/" + path));
-    check("data ranges", rangesText(want.data), rangesText(have.data), want.data == have.data);
-    check("target", valueText(want.target), valueText(have.target), want.target == have.target);
-    check("device number", deviceText(want.device), deviceText(have.device));
-    check("mtime", timeText(want.mtime), timeText(have.mtime));
-    check("flags", flagsText(want.flags), flagsText(have.flags));
-    check("links", std::to_string(want.links), std::to_string(have.links));
-    check("hard-link group", groupText(want.group), groupText(have.group), want.group == have.group);
-    attributes(want, have);
+void compareObjects(const std::string &path, const ObjectPrint &want, const ObjectPrint &have,
+                    std::vector<std::string> *lines) {
+  const std::string name = path.empty() ? "the root" : shown(path);
+  const auto differ = [&](const std::string &what, const std::string &one, const std::string &other) {
+    lines->push_back(what + " of " + name + ": want " + cut(one) + ", have " + cut(other));
+  };
+  if (kindName(want) != kindName(have)) return differ("type", kindName(want), kindName(have));
+  const auto wanted = propertiesOf(want);
+  auto others = propertiesOf(have);
+  for (const auto &[what, text] : wanted) {
+    const auto other = others.find(what);
+    if (other == others.end() || other->second != text)
+      differ(what, text, other == others.end() ? "nothing" : other->second);
+    others.erase(what);
   }
-
- private:
-  std::string name() const { return path_.empty() ? "the root" : shown(path_); }
-
-  void differ(const std::string &what, const std::string &want, const std::string &have) {
-    lines.push_back(what + " of " + name() + ": want " + want + ", have " + have);
-  }
-  void check(const std::string &what, const std::string &want, const std::string &have, bool equal) {
-    if (!equal) differ(what, want, have);
-  }
-  void check(const std::string &what, const std::string &want, const std::string &have) {
-    check(what, want, have, want == have);
-  }
-
-  void attributes(const ObjectPrint &want, const ObjectPrint &have) {
-    for (const auto &[key, value] : want.xattrs) {
-      auto other = have.xattrs.find(key);
-      if (other == have.xattrs.end())
-        differ(shown(key), valueText(value), "nothing");
-      else
-        check(shown(key), valueText(value), valueText(other->second), value == other->second);
-    }
-    for (const auto &[key, value] : have.xattrs)
-      if (!want.xattrs.count(key)) differ(shown(key), "nothing", valueText(value));
-  }
-
-  std::string path_;
-};
+  for (const auto &[what, text] : others) differ(what, "nothing", text);
+}
 
 }  // namespace
 
 TreePrint fingerprint(const std::string &root, const FingerprintOptions &options) {
-  return Reader(root, options).take();
+  return Reader(options).take(root);
 }
 
 std::vector<std::string> compare(const TreePrint &want, const TreePrint &have) {
-  Comparison comparison;
+  std::vector<std::string> lines;
   for (const auto &[path, object] : want.objects) {
     auto other = have.objects.find(path);
     if (other == have.objects.end())
-      comparison.lines.push_back("missing: " + shown(path) + " (" + kindName(object.mode) + ")");
+      lines.push_back("missing: " + shown(path) + " (" + kindName(object) + ")");
     else
-      comparison.objects(want, have, path, object, other->second);
+      compareObjects(path, object, other->second, &lines);
   }
   for (const auto &[path, object] : have.objects)
     if (!want.objects.count(path))
-      comparison.lines.push_back("left over: " + shown(path) + " (" + kindName(object.mode) + ")");
-  for (std::string &line : compareClones(want, have)) comparison.lines.push_back(std::move(line));
-  return std::move(comparison.lines);
+      lines.push_back("left over: " + shown(path) + " (" + kindName(object) + ")");
+  compareClones(want, have, &lines);
+  return lines;
 }
 
 std::map<std::string, ino_t> inodes(const TreePrint &tree) {
@@ -392,13 +299,10 @@ std::map<std::string, ino_t> inodes(const TreePrint &tree) {
 std::string shown(const std::string &path) {
   std::string text;
   for (unsigned char c : path) {
-    if (c >= 32 && c < 127 && c != '"' && c != '\\') {
-      text += static_cast<char>(c);
-    } else {
-      char code[8];
-      snprintf(code, sizeof code, "\\x%02x", c);
-      text += code;
-    }
+    char code[8];
+    snprintf(code, sizeof code, "\\x%02x", c);
+    const bool plain = c >= 32 && c < 127 && c != '"' && c != '\\';
+    text += plain ? std::string(1, static_cast<char>(c)) : code;
   }
   return text;
 }

@@ -16,7 +16,6 @@
 #include <map>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "support/clone_print.h"
@@ -31,10 +30,10 @@ struct ObjectPrint {
   uint64_t links = 0;
   dev_t device = 0;
   timespec mtime{};
-  uint64_t dataHash = 0;  // of the contents, whatever is hole and what is zeros
-  std::vector<std::pair<uint64_t, uint64_t>> data;  // [start, end) that is not hole, merged
-  std::string target;                               // of a symbolic link
-  std::map<std::string, std::string> xattrs;        // but the clone attributes
+  uint64_t dataHash = 0;                      // of the contents, whatever is hole and what is zeros
+  BlockRanges data;                           // that is not hole
+  std::string target;                         // of a symbolic link
+  std::map<std::string, std::string> xattrs;  // but the clone attributes
   std::optional<ClonePrint> clone;
   unsigned flags = 0;              // the FS_*_FL bits compared; files, directories
   std::vector<std::string> group;  // sorted names of a file with several, else empty
@@ -53,7 +52,6 @@ struct FingerprintOptions {
 };
 
 struct TreePrint {
-  std::string root;
   std::map<std::string, ObjectPrint> objects;  // by path below the root; the root itself is ""
 };
 
@@ -61,7 +59,7 @@ struct TreePrint {
 TreePrint fingerprint(const std::string &root, const FingerprintOptions &options = {});
 
 // One readable line a difference, for example "mtime of a/b: want 12.000000001, have 13.000000000";
-// empty where the trees are equal. Files whose data differ are opened once more to tell the offset.
+// empty where the trees are equal.
 std::vector<std::string> compare(const TreePrint &want, const TreePrint &have);
 
 // Path to inode number of everything in the tree.
