@@ -93,16 +93,20 @@ void change(TreeBuilder &t) {
 
 }  // namespace
 
-void Faults::prepare(void (*further)(TreeBuilder &)) {
+void Faults::prepare(Work further) {
+  prepareHistory(build, further, change);
+}
+
+void Faults::prepareHistory(Work builds, Work further, Work changes) {
   if (used_) {
     TearDown();
     SetUp();
   }
   used_ = true;
-  build(tree());
+  builds(tree());
   if (further) further(tree());
   takeSnapshot();
-  change(tree());
+  changes(tree());
   want_ = fingerprint(fs().path(snapshotName()));
   before_ = fingerprint(root());
 }
@@ -197,11 +201,7 @@ const std::map<std::pair<std::string, int>, uint32_t> &Faults::calls() {
   if (!counts.empty()) return counts;
   prepare();
   FaultPlan plan(Fault{.call = "none"});
-  testsupport::RunOptions options;
-  options.environment = plan.environment();
-  RunResult result = restore("snap", {}, options);
-  what_ = result.describe();
-  expectEqual(result);
+  expectEqual(restore("snap", {}, {.environment = plan.environment()}));
   counts = plan.made();
   std::erase_if(counts, [](const auto &one) {
     return one.first.first == testsupport::kTreeSearch || one.first.first == testsupport::kProgramStart;

@@ -41,9 +41,11 @@ inline constexpr Stage kStages[] = {{"walks", "traverseCommonDir", true},
 
 class Faults : public scenario::RestoreFixture {
  protected:
-  // A fresh fileset with the history below. May be called several times in a test.
-  // `further`: more that the snapshot holds.
-  void prepare(void (*further)(testsupport::TreeBuilder &) = nullptr);
+  using Work = void (*)(testsupport::TreeBuilder &);
+  // A fresh fileset with a history: that of this file, or another. May be called several times in a
+  // test. `further`: more that the snapshot holds.
+  void prepare(Work further = nullptr);
+  void prepareHistory(Work build, Work further, Work change);
   // Restores with a fault; the fault has to strike, or the test fails. What the run prints goes to the
   // test's messages until the next call.
   // `items`: the program of several passes, with as many differing inodes in each.

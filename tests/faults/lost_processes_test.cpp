@@ -63,17 +63,24 @@ TEST_F(LostProcesses, WorkerBetweenTwoNamesOfOneInode) {
         {.call = "kest_unlink", .action = FaultAction::kKillBefore, .where = kMain, .nth = nth});
 }
 
-TEST_F(LostProcesses, WorkerThatDiesEveryTimeIsGivenUp) {
-  const Place places[] = {{kMain, "kest_ishare", 2},
+TEST_F(LostProcesses, EngineOnceIsRetried) {
+  const Place places[] = {{kMain, "kest_ishare", 1},
                           {kMoveBack, "kest_rename_noreplace", 2},
-                          {kCreate, "*", 3},
-                          {kDirs, "kest_fputacl", 1},
-                          {kLinks, "kest_link", 1}};
-  for (const Place &place : places) {
-    const Fault fault{.call = place.call,
-                      .action = FaultAction::kKillBefore,
-                      .where = place.phase,
-                      .nth = place.nth,
+                          {kCreate, "kest_open_file", 3}};
+  for (const auto &[phase, call, nth] : places)
+    expectRetried({.call = call, .action = FaultAction::kKillEngine, .where = phase, .nth = nth});
+}
+
+TEST_F(LostProcesses, WhatDiesEveryTimeIsGivenUp) {
+  const Place places[] = {{kMain, "kest_ishare", 2}, {kMoveBack, "kest_rename_noreplace", 2},
+                          {kCreate, "*", 3},         {kDirs, "kest_fputacl", 1},
+                          {kLinks, "kest_link", 1},  {kMoveBack, "kest_statfs64", 1}};
+  for (const auto &[phase, call, nth] : places) {
+    const bool engine = std::string(call) == "kest_statfs64";
+    const Fault fault{.call = call,
+                      .action = engine ? FaultAction::kKillEngine : FaultAction::kKillBefore,
+                      .where = phase,
+                      .nth = nth,
                       .times = 0};
     SCOPED_TRACE(fault.words());
     prepare();
@@ -84,38 +91,16 @@ TEST_F(LostProcesses, WorkerThatDiesEveryTimeIsGivenUp) {
   }
 }
 
-TEST_F(LostProcesses, EngineOnceIsRetried) {
-  const Place places[] = {{kMain, "kest_ishare", 1},
-                          {kMoveBack, "kest_rename_noreplace", 2},
-                          {kCreate, "kest_open_file", 3}};
-  for (const Place &place : places)
-    expectRetried({.call = place.call,
-                   .action = FaultAction::kKillEngine,
-                   .where = place.phase,
-                   .nth = place.nth});
-}
-
-TEST_F(LostProcesses, EngineEveryTimeIsAFailure) {
-  prepare();
-  RunResult result = restoreWith(
-      {.call = "kest_statfs64", .action = FaultAction::kKillEngine, .where = kMoveBack, .times = 0});
-  EXPECT_EQ(result.exitStatus, 1) << what();
-  EXPECT_EQ(retriesTold(result), 3) << what();
-  expectRepairedByNextRun();
-}
-
 TEST_F(LostProcesses, MasterThenTheSameCommand) {
-  const Place places[] = {{kMaster, "kest_rename_noreplace", 2},
-                          {kMaster, "kest_rename_noreplace", 7},
-                          {kMaster, "kest_symlink", 1},
-                          {kMaster, "kest_fputacl", 4}};
-  for (const Place &place : places) {
-    const Fault fault{
-        .call = place.call, .action = FaultAction::kKillAfter, .where = place.phase, .nth = place.nth};
+  const std::pair<const char *, uint64_t> places[] = {{"kest_rename_noreplace", 2},
+                                                      {"kest_rename_noreplace", 7},
+                                                      {"kest_symlink", 1},
+                                                      {"kest_fputacl", 4}};
+  for (const auto &[call, nth] : places) {
+    const Fault fault{.call = call, .action = FaultAction::kKillAfter, .where = kMaster, .nth = nth};
     SCOPED_TRACE(fault.words());
     prepare();
-    RunResult result = restoreWith(fault);
-    EXPECT_EQ(result.signal, 9) << what();
+    EXPECT_EQ(restoreWith(fault).signal, 9) << what();
     expectRepairedByNextRun();
   }
 }

@@ -4,10 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <iterator>
-#include <tuple>
+#include <filesystem>
 
 #include "faults/faults_fixture.h"
 #include "support/descriptor.h"
@@ -30,8 +27,7 @@ class ReadErrors : public Faults {
   // Changes the byte behind `needle` wherever the disk holds it. Nothing is cached afterwards.
   size_t damage(const std::string &needle) {
     detach();
-    std::ifstream in(fs().image(), std::ios::binary);
-    const std::string disk{std::istreambuf_iterator<char>(in), {}};
+    const std::string disk = readAll(fs().image());
     for (size_t at = 0; (at = disk.find(needle, at)) != std::string::npos; ++at)
       damaged_.emplace_back(at + needle.size(), disk[at + needle.size()]);
     put(1);
@@ -46,9 +42,7 @@ class ReadErrors : public Faults {
   // Restores with sharing refused, so that data is read and written.
   testsupport::RunResult copyingRestore() {
     FaultPlan plan(Fault{.call = "kest_ishare", .error = EINVAL, .times = 0});
-    testsupport::RunOptions options;
-    options.environment = plan.environment();
-    return restore("snap", {}, options);
+    return restore("snap", {}, {.environment = plan.environment()});
   }
 
  private:
@@ -81,11 +75,8 @@ TEST_F(ReadErrors, OfDataFailTheRunWithTheName) {
     EXPECT_NE(result.err.find("Cannot restore " + root() + "/" + name + ": Input/output error"),
               std::string::npos)
         << result.describe();
-    struct stat now, then;
-    ASSERT_EQ(lstat((root() + "/" + name).c_str(), &now), 0);
-    ASSERT_EQ(lstat((fs().path(snapshotName()) + "/" + name).c_str(), &then), 0);
-    EXPECT_NE(std::tie(now.st_mtim.tv_sec, now.st_mtim.tv_nsec),
-              std::tie(then.st_mtim.tv_sec, then.st_mtim.tv_nsec));
+    EXPECT_NE(std::filesystem::last_write_time(root() + "/" + name),
+              std::filesystem::last_write_time(fs().path(snapshotName()) + "/" + name));
     // The same command fails again, and ends well once the block can be read.
     EXPECT_EQ(copyingRestore().exitStatus, 1);
     mend();

@@ -68,26 +68,19 @@ class Writer {
       case 2:
         return writeTo(one);
       case 3:
-        renameat(at, one.c_str(), at, other.c_str());
-        return;
+        return void(renameat(at, one.c_str(), at, other.c_str()));
       case 4:
-        linkat(at, one.c_str(), at, other.c_str(), 0);
-        return;
+        return void(linkat(at, one.c_str(), at, other.c_str(), 0));
       case 5:
-        unlinkat(at, one.c_str(), 0);
-        return;
+        return void(unlinkat(at, one.c_str(), 0));
       case 6:
-        mkdirat(at, one.substr(0, one.rfind('/')).c_str(), 0755);
-        return;
+        return void(mkdirat(at, one.substr(0, one.rfind('/')).c_str(), 0755));
       case 7:
-        unlinkat(at, one.substr(0, one.rfind('/')).c_str(), AT_REMOVEDIR);
-        return;
+        return void(unlinkat(at, one.substr(0, one.rfind('/')).c_str(), AT_REMOVEDIR));
       case 8:
-        symlinkat("/mnt/scenario/bystander/file", at, one.c_str());
-        return;
+        return void(symlinkat("/mnt/scenario/bystander/file", at, one.c_str()));
       case 9:
-        fchmodat(at, one.c_str(), 0600 + below(0177), AT_SYMLINK_NOFOLLOW);
-        return;
+        return void(fchmodat(at, one.c_str(), 0600 + below(0177), AT_SYMLINK_NOFOLLOW));
       default:
         return changeOpen(one);
     }

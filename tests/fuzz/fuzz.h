@@ -13,37 +13,16 @@ namespace fuzz {
   ((property) ? static_cast<void>(0) : fuzz::broken(#property, __FILE__, __LINE__))
 
 struct Target {
-  const char *name;  // of its folder below corpus/, too
-  void (*run)(std::string_view input);
+  const char *name = nullptr;  // of its folder below corpus/, too
+  void (*run)(std::string_view input) = nullptr;
 };
-const std::vector<Target> &targets();
-const Target *findTarget(std::string_view name);
+extern const std::vector<Target> kRecordTargets, kTextTargets, kTreeTargets;
+std::vector<Target> targets();  // all of them
 
 // The pieces of an input that stands for several texts: divided by NUL.
 std::vector<std::string> pieces(std::string_view input);
 
 // A folder of this process's own, removed at its end.
 const std::string &scratchFolder();
-
-void listRecord(std::string_view input);
-void opString(std::string_view input);
-void batchLine(std::string_view input);
-void recordRoad(std::string_view input);
-void batches(std::string_view input);
-void checkpointLine(std::string_view input);
-void snapshotList(std::string_view input);
-void filesetListing(std::string_view input);
-void catalogueText(std::string_view input);
-void policyText(std::string_view input);
-void words(std::string_view input);
-void policyRoad(std::string_view input);
-void engineOptions(std::string_view input);
-void commandLine(std::string_view input);
-void treeItem(std::string_view input);
-void mountLine(std::string_view input);
-void attributeBlob(std::string_view input);
-void accessList(std::string_view input);
-void controlRequest(std::string_view input);
-void cloneAttribute(std::string_view input);
 
 }  // namespace fuzz

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -74,27 +73,20 @@ class Mutator {
         "-- ", "--", "\xff\xff\xff\xff"};
     const size_t at = below(text->size() + 1),
                  length = below(std::min<size_t>(text->size() - at, 32) + 1);
+    const std::string &other = corpus_[below(corpus_.size())];
     switch (below(7)) {
       case 0:
-        text->erase(at, length);
-        break;
+        return void(text->erase(at, length));
       case 1:
-        text->insert(at, text->substr(at, length));
-        break;
+        return void(text->insert(at, text->substr(at, length)));
       case 2:
-        text->insert(at, kPieces[below(std::size(kPieces))]);
-        break;
+        return void(text->insert(at, kPieces[below(std::size(kPieces))]));
       case 3:
-        text->resize(at);
-        break;
-      case 4: {
-        const std::string &other = corpus_[below(corpus_.size())];
-        text->replace(at, length, other, below(other.size() + 1), 64);
-        break;
-      }
+        return text->resize(at);
+      case 4:
+        return void(text->replace(at, length, other, below(other.size() + 1), 64));
       case 5:
-        text->insert(at, 1, static_cast<char>(below(256)));
-        break;
+        return void(text->insert(at, 1, static_cast<char>(below(256))));
       default:
         if (at < text->size())
           (*text)[at] = static_cast<char>(below(2) ? below(256) : (*text)[at] ^ (1 << below(8)));
@@ -106,22 +98,14 @@ class Mutator {
 };
 
 std::vector<std::string> readCorpus(const std::filesystem::path &folder) {
-  std::vector<std::filesystem::path> files;
-  std::error_code error;
-  for (const auto &entry : std::filesystem::directory_iterator(folder, error)) files.push_back(entry);
-  std::sort(files.begin(), files.end());
   std::vector<std::string> corpus;
-  for (const auto &file : files) {
-    std::ifstream in(file, std::ios::binary);
+  std::error_code error;
+  for (const auto &entry : std::filesystem::directory_iterator(folder, error)) {
+    std::ifstream in(entry.path(), std::ios::binary);
     corpus.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
+  std::sort(corpus.begin(), corpus.end());  // so that a seed always means the same
   return corpus;
-}
-
-uint64_t numberOf(const char *text) {
-  uint64_t number = 0;
-  std::from_chars(text, text + strlen(text), number);
-  return number;
 }
 
 }  // namespace
@@ -131,7 +115,8 @@ int main(int argc, char **argv) {
     fprintf(stderr, "Usage: fuzz CORPUS [RUNS [SEED [TARGET]]]\n");
     return 2;
   }
-  const uint64_t runs = argc > 2 ? numberOf(argv[2]) : 1000, seed = argc > 3 ? numberOf(argv[3]) : 1;
+  const uint64_t runs = argc > 2 ? strtoull(argv[2], nullptr, 10) : 1000,
+                 seed = argc > 3 ? strtoull(argv[3], nullptr, 10) : 1;
   GuardedInput input;
   guarded = &input;
   for (const int crash : {SIGABRT, SIGSEGV, SIGBUS, SIGFPE}) signal(crash, saveInput);

@@ -65,8 +65,6 @@ void readAsStream(const std::string &file, std::string_view text) {
   }
 }
 
-}  // namespace
-
 void listRecord(std::string_view input) {
   std::vector<kest::ListRecord> engine;
   std::string problem;
@@ -181,7 +179,8 @@ void batches(std::string_view input) {
     kest::ListRecord record;
     record.aggregate = aggregate;
     record.inode = i - 1;
-    record.operation = formatOpString((input[i] >> 1) & 3, 0, kest::kLargeRange - 16 + (static_cast<uint8_t>(input[i]) >> 3));
+    record.operation = formatOpString((input[i] >> 1) & 3, 0,
+                                      kest::kLargeRange - 16 + (static_cast<uint8_t>(input[i]) >> 3));
     batcher.add(record);
     take();
   }
@@ -198,5 +197,11 @@ void checkpointLine(std::string_view input) {
   const std::string text = formatCheckpointLine(ino, op);
   FUZZ_CHECK(parseCheckpointLine(text, &again, &op_again) && again == ino && op_again == op);
 }
+
+}  // namespace
+
+const std::vector<Target> kRecordTargets = {
+    {"list_record", listRecord}, {"op_string", opString}, {"batch_line", batchLine},
+    {"record_road", recordRoad}, {"batches", batches},    {"checkpoint_line", checkpointLine}};
 
 }  // namespace fuzz

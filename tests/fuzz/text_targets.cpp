@@ -58,8 +58,6 @@ struct Arguments {
   std::vector<char *> argv;
 };
 
-}  // namespace
-
 void snapshotList(std::string_view input) {
   const SnapshotTable table = parseSnapshotList(input);
   std::string text = "Directory\n";
@@ -184,5 +182,17 @@ void mountLine(std::string_view input) {
   FUZZ_CHECK(kest::parseMount("7 1 0:5 /a " + escaped + " rw - btrfs none rw", &mount));
   FUZZ_CHECK(mount.point == point && mount.root == "a");
 }
+
+}  // namespace
+
+const std::vector<Target> kTextTargets = {{"snapshot_list", snapshotList},
+                                          {"fileset_listing", filesetListing},
+                                          {"catalogue_text", catalogueText},
+                                          {"policy_text", policyText},
+                                          {"words", words},
+                                          {"policy_road", policyRoad},
+                                          {"engine_options", engineOptions},
+                                          {"command_line", commandLine},
+                                          {"mount_line", mountLine}};
 
 }  // namespace fuzz

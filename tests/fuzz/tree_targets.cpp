@@ -23,8 +23,6 @@ namespace {
 
 constexpr size_t kInodeBytes = 160, kEntryHead = 30, kInlineHead = 21, kExtentBytes = 53;
 
-}  // namespace
-
 void treeItem(std::string_view input) {
   if (input.size() < 8) return;
   kest::TreeItem item;
@@ -125,5 +123,13 @@ void cloneAttribute(std::string_view input) {
   FUZZ_CHECK(made.parent() == library.parent() && made.depth() == library.depth() && !made.isParent() &&
              made.namesSnapshot() && snap.snapId() == id);
 }
+
+}  // namespace
+
+const std::vector<Target> kTreeTargets = {{"tree_item", treeItem},
+                                          {"attribute_blob", attributeBlob},
+                                          {"access_list", accessList},
+                                          {"control_request", controlRequest},
+                                          {"clone_attribute", cloneAttribute}};
 
 }  // namespace fuzz

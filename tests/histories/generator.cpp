@@ -83,7 +83,7 @@ Generator::Generator(const std::string &profile, uint64_t seed)
 void Generator::perform(const Operation &operation) {
   // What was refused half-way is a step of the history all the same.
   bool halves = operation.verb == "remove-tree" || operation.verb == "reflink";
-  if (histories::apply(*tree_, operation) || halves) done_->push_back(operation);
+  if (histories::apply(*tree_, operation) || halves) done_.push_back(operation);
 }
 
 void Generator::look() {
@@ -388,9 +388,7 @@ void Generator::oneChange() {
 }
 
 std::vector<Operation> Generator::buildInitial(TreeBuilder &tree) {
-  std::vector<Operation> done;
   tree_ = &tree;
-  done_ = &done;
   for (uint64_t i = 0, n = random_.between(8, 32); i < n; ++i) {
     look();
     create(freshPath(), anyKind());
@@ -410,13 +408,11 @@ std::vector<Operation> Generator::buildInitial(TreeBuilder &tree) {
     if (random_.chance(flagPercent_))
       perform({random_.chance(75) ? "immutable" : "append-only", path, "", 1});
   snapshotPaths_ = paths_;
-  return done;
+  return std::exchange(done_, {});
 }
 
 std::vector<Operation> Generator::change(TreeBuilder &tree) {
-  std::vector<Operation> done;
   tree_ = &tree;
-  done_ = &done;
   if (flagPercent_ > 10)  // where much is flagged, most changes need the flag gone
     for (const std::string &path : snapshotPaths_)
       if (random_.chance(60)) {
@@ -425,7 +421,7 @@ std::vector<Operation> Generator::change(TreeBuilder &tree) {
       }
   if (weights_.clone && random_.chance(40)) unlockParents();
   for (uint64_t i = 0, n = random_.between(3, 25); i < n; ++i) oneChange();
-  return done;
+  return std::exchange(done_, {});
 }
 
 }  // namespace histories

@@ -62,7 +62,7 @@ class Generator {
   const Weights &weights_;
   Random random_;
   testsupport::TreeBuilder *tree_ = nullptr;
-  std::vector<Operation> *done_ = nullptr;
+  std::vector<Operation> done_;
   std::vector<std::string> paths_, dirs_, files_, others_;  // sorted; others_: all but directories
   std::vector<std::string> parents_;                        // clone parents
   std::vector<std::string> snapshotPaths_;

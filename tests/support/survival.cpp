@@ -22,17 +22,11 @@ bool sameObject(const ObjectPrint &a, const ObjectPrint &b) {
   return a.inode == b.inode && sameTime(a.birth, b.birth) && (a.mode & S_IFMT) == (b.mode & S_IFMT);
 }
 
-std::string lastOf(const std::string &path) {
-  return path.substr(path.rfind('/') + 1);
-}
+using Place = std::tuple<ino_t, ino_t, std::string>;  // folder, inode, name
 
-struct Place {
-  ino_t parent, inode;
-  std::string name;
-  bool operator<(const Place &other) const {
-    return std::tie(parent, inode, name) < std::tie(other.parent, other.inode, other.name);
-  }
-};
+Place placeOf(const std::string &path, const ObjectPrint &object) {
+  return {object.parent, object.inode, path.substr(path.rfind('/') + 1)};
+}
 
 // 0: an ordinary file.
 unsigned cloneKind(const ObjectPrint &object) {
@@ -48,7 +42,7 @@ class Survivors {
   explicit Survivors(const TreePrint &before) {
     for (const auto &[path, object] : before.objects) {
       byInode_.emplace(object.inode, &object);
-      places_.insert({object.parent, object.inode, lastOf(path)});
+      places_.insert(placeOf(path, object));
     }
   }
 
@@ -65,17 +59,14 @@ class Survivors {
     if (found == byInode_.end() || !sameObject(object, *found->second) || isRemade(object))
       return false;
     if (S_ISDIR(object.mode) || (object.links == 1 && found->second->links == 1)) return true;
-    if (object.group.empty()) return stayed(path, object);
-    return std::any_of(object.group.begin(), object.group.end(), [&](const std::string &name) {
-      return stayed(name, snapshot.objects.at(name));
-    });
+    if (object.group.empty()) return places_.count(placeOf(path, object)) != 0;
+    const auto stayed = [&](const std::string &name) {
+      return places_.count(placeOf(name, snapshot.objects.at(name))) != 0;
+    };
+    return std::any_of(object.group.begin(), object.group.end(), stayed);
   }
 
  private:
-  bool stayed(const std::string &path, const ObjectPrint &object) const {
-    return places_.count({object.parent, object.inode, lastOf(path)}) != 0;
-  }
-
   std::map<ino_t, const ObjectPrint *> byInode_;
   std::set<Place> places_;
 };

@@ -3,18 +3,17 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
-#include <spawn.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
-#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
-#include <stdexcept>
+
+#include "support/restore_run.h"
 
 namespace testsupport {
 namespace {
@@ -29,42 +28,16 @@ uint64_t mix(uint64_t x) {
 }
 
 void writeAll(int fd, std::string_view bytes, uint64_t offset, const std::string &path) {
-  while (!bytes.empty()) {
-    ssize_t n = pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) failWithErrno("write " + path);
-    bytes.remove_prefix(static_cast<size_t>(n));
-    offset += static_cast<uint64_t>(n);
-  }
-}
-
-void writePattern(int fd, uint64_t offset, uint64_t length, uint64_t seed, const std::string &path) {
-  constexpr uint64_t kPiece = 1 << 20;
-  for (uint64_t done = 0; done < length; done += kPiece)
-    writeAll(fd, patternBytes(seed, offset + done, std::min(kPiece, length - done)), offset + done,
-             path);
-}
-
-template <typename T>
-void appendRaw(std::string *out, T value) {
-  out->append(reinterpret_cast<const char *>(&value), sizeof value);
+  const ssize_t n = pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset));
+  if (n == static_cast<ssize_t>(bytes.size())) return;
+  if (n >= 0) errno = ENOSPC;
+  failWithErrno("write " + path);
 }
 
 void runClone(const std::vector<std::string> &words) {
-  std::vector<const char *> arguments{kCloneCommand};
-  for (const std::string &word : words) arguments.push_back(word.c_str());
-  arguments.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-  pid_t pid = 0;
-  const int err = posix_spawn(&pid, kCloneCommand, &actions, nullptr,
-                              const_cast<char *const *>(arguments.data()), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (err != 0) throw std::runtime_error(std::string("cannot start ") + kCloneCommand);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
+  RunOptions options;
+  options.program = kCloneCommand;
+  const int status = runProgram(words, options).exitStatus;
   errno = EINVAL;
   if (status != 0) failWithErrno("ktclone " + words[0] + " " + words.back());
 }
@@ -109,19 +82,18 @@ std::string patternBytes(uint64_t seed, uint64_t offset, size_t length) {
   return bytes;
 }
 
-std::string aclBlob(const std::vector<AclEntry> &entries) {
-  std::string blob;
-  appendRaw<uint32_t>(&blob, 2);  // the format's version
-  for (const AclEntry &entry : entries) {
-    appendRaw(&blob, entry.tag);
-    appendRaw(&blob, entry.permissions);
-    appendRaw(&blob, entry.id);
-  }
-  return blob;
-}
-
 std::string aclForUser(uint32_t user, uint16_t permissions) {
-  return aclBlob({{1, 7}, {2, permissions, user}, {4, 5}, {16, 7}, {32, 0}});
+  struct Entry {
+    uint16_t tag, permissions;  // tag 1 owner, 2 user, 4 group of the object, 16 mask, 32 others
+    uint32_t id;
+  };
+  const Entry entries[] = {{1, 7, UINT32_MAX},
+                           {2, permissions, user},
+                           {4, 5, UINT32_MAX},
+                           {16, 7, UINT32_MAX},
+                           {32, 0, UINT32_MAX}};
+  std::string blob("\2\0\0\0", 4);  // the format's version
+  return blob.append(reinterpret_cast<const char *>(entries), sizeof entries);
 }
 
 TreeBuilder::TreeBuilder(const std::string &root)
@@ -156,6 +128,23 @@ Descriptor TreeBuilder::open(const std::string &path, int flags) const {
   return fd;
 }
 
+template <typename Call>
+void TreeBuilder::at(const std::string &what, const std::string &path, Call call) const {
+  std::string name;
+  const Descriptor folder = parentOf(path, &name);
+  if (call(folder.get(), name.c_str()) != 0) failWithErrno(what + " " + path);
+}
+
+template <typename Call>
+void TreeBuilder::from(const std::string &what, const std::string &one, const std::string &other,
+                       Call call) const {
+  std::string name;
+  const Descriptor folder = parentOf(one, &name);
+  at(what + " " + one + " to", other, [&](int otherFolder, const char *otherName) {
+    return call(folder.get(), name.c_str(), otherFolder, otherName);
+  });
+}
+
 void TreeBuilder::file(const std::string &path, std::string_view text, mode_t mode) {
   std::string name;
   Descriptor folder = parentOf(path, &name);
@@ -178,10 +167,9 @@ void TreeBuilder::sparse(const std::string &path, uint64_t size, const std::vect
 }
 
 void TreeBuilder::dir(const std::string &path, mode_t mode) {
-  std::string name;
-  Descriptor folder = parentOf(path, &name);
-  if (mkdirat(folder.get(), name.c_str(), 0700) != 0) failWithErrno("mkdir " + path);
-  if (fchmodat(folder.get(), name.c_str(), mode, 0) != 0) failWithErrno("chmod " + path);
+  at("mkdir", path, [&](int folder, const char *name) {
+    return mkdirat(folder, name, 0700) != 0 ? -1 : fchmodat(folder, name, mode, 0);
+  });
 }
 
 void TreeBuilder::dirs(const std::string &path) {
@@ -191,9 +179,8 @@ void TreeBuilder::dirs(const std::string &path) {
 }
 
 void TreeBuilder::symlink(const std::string &target, const std::string &path) {
-  std::string name;
-  Descriptor folder = parentOf(path, &name);
-  if (symlinkat(target.c_str(), folder.get(), name.c_str()) != 0) failWithErrno("symlink " + path);
+  at("symlink", path,
+     [&](int folder, const char *name) { return symlinkat(target.c_str(), folder, name); });
 }
 
 void TreeBuilder::fifo(const std::string &path, mode_t mode) {
@@ -208,17 +195,14 @@ void TreeBuilder::socket(const std::string &path, mode_t mode) {
 
 void TreeBuilder::device(const std::string &path, mode_t type, unsigned majorNumber,
                          unsigned minorNumber) {
-  std::string name;
-  Descriptor folder = parentOf(path, &name);
-  if (mknodat(folder.get(), name.c_str(), type | 0600, makedev(majorNumber, minorNumber)) != 0)
-    failWithErrno("mknod " + path);
+  at("mknod", path, [&](int folder, const char *name) {
+    return mknodat(folder, name, type | 0600, makedev(majorNumber, minorNumber));
+  });
 }
 
 void TreeBuilder::link(const std::string &existing, const std::string &path) {
-  std::string oldName, newName;
-  Descriptor oldFolder = parentOf(existing, &oldName), newFolder = parentOf(path, &newName);
-  if (linkat(oldFolder.get(), oldName.c_str(), newFolder.get(), newName.c_str(), 0) != 0)
-    failWithErrno("link " + existing + " to " + path);
+  from("link", existing, path,
+       [](int a, const char *one, int b, const char *other) { return linkat(a, one, b, other, 0); });
 }
 
 void TreeBuilder::write(const std::string &path, uint64_t offset, std::string_view bytes) {
@@ -232,7 +216,11 @@ void TreeBuilder::append(const std::string &path, std::string_view bytes) {
 }
 
 void TreeBuilder::pattern(const std::string &path, uint64_t offset, uint64_t length, uint64_t seed) {
-  writePattern(open(path, O_WRONLY).get(), offset, length, seed, path);
+  const Descriptor fd = open(path, O_WRONLY);
+  constexpr uint64_t kPiece = 1 << 20;
+  for (uint64_t done = 0; done < length; done += kPiece)
+    writeAll(fd.get(), patternBytes(seed, offset + done, std::min(kPiece, length - done)),
+             offset + done, path);
 }
 
 void TreeBuilder::truncate(const std::string &path, uint64_t size) {
@@ -280,26 +268,19 @@ void TreeBuilder::cloneOf(const std::string &parentPath, const std::string &path
   runClone({"copy", parentPath, root_ + "/" + path});
 }
 
-void TreeBuilder::rename(const std::string &from, const std::string &to) {
-  std::string oldName, newName;
-  Descriptor oldFolder = parentOf(from, &oldName), newFolder = parentOf(to, &newName);
-  if (renameat(oldFolder.get(), oldName.c_str(), newFolder.get(), newName.c_str()) != 0)
-    failWithErrno("rename " + from + " to " + to);
+void TreeBuilder::rename(const std::string &one, const std::string &to) {
+  from("rename", one, to, renameat);
 }
 
 void TreeBuilder::exchange(const std::string &one, const std::string &other) {
-  std::string oneName, otherName;
-  Descriptor oneFolder = parentOf(one, &oneName), otherFolder = parentOf(other, &otherName);
-  if (renameat2(oneFolder.get(), oneName.c_str(), otherFolder.get(), otherName.c_str(),
-                RENAME_EXCHANGE) != 0)
-    failWithErrno("exchange " + one + " and " + other);
+  from("exchange", one, other, [](int a, const char *first, int b, const char *second) {
+    return renameat2(a, first, b, second, RENAME_EXCHANGE);
+  });
 }
 
 void TreeBuilder::remove(const std::string &path) {
-  std::string name;
-  Descriptor folder = parentOf(path, &name);
-  if (unlinkat(folder.get(), name.c_str(), isDir(path) ? AT_REMOVEDIR : 0) != 0)
-    failWithErrno("remove " + path);
+  const int flags = isDir(path) ? AT_REMOVEDIR : 0;
+  at("remove", path, [&](int folder, const char *name) { return unlinkat(folder, name, flags); });
 }
 
 void TreeBuilder::removeTree(const std::string &path) {
@@ -336,14 +317,10 @@ void TreeBuilder::mtime(const std::string &path, int64_t seconds, long nanosecon
 }
 
 void TreeBuilder::changeFlags(const std::string &path, int bit, bool on, const char *what) {
-  if (!isDir(path)) {
-    struct stat st;
-    if (fstat(open(path, O_PATH).get(), &st) == 0 && !S_ISREG(st.st_mode)) {
-      errno = ENOTTY;
-      failWithErrno(std::string(what) + " " + path);
-    }
-  }
-  Descriptor fd = open(path, O_RDONLY);
+  const mode_t type = status(path).st_mode & S_IFMT;
+  errno = ENOTTY;
+  if (type != S_IFREG && type != S_IFDIR) failWithErrno(std::string(what) + " " + path);
+  const Descriptor fd = open(path, O_RDONLY);
   int flags = 0;
   if (ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0) failWithErrno("get flags of " + path);
   flags = on ? flags | bit : flags & ~bit;
@@ -372,25 +349,25 @@ bool TreeBuilder::exists(const std::string &path) const {
   }
 }
 
-bool TreeBuilder::isDir(const std::string &path) const {
+struct stat TreeBuilder::status(const std::string &path) const {
   struct stat st;
   if (fstat(open(path, O_PATH).get(), &st) != 0) failWithErrno("stat " + path);
-  return S_ISDIR(st.st_mode);
+  return st;
+}
+
+bool TreeBuilder::isDir(const std::string &path) const {
+  return S_ISDIR(status(path).st_mode);
 }
 
 ino_t TreeBuilder::inode(const std::string &path) const {
-  struct stat st;
-  if (fstat(open(path, O_PATH).get(), &st) != 0) failWithErrno("stat " + path);
-  return st.st_ino;
+  return status(path).st_ino;
 }
 
 std::string TreeBuilder::read(const std::string &path) const {
-  Descriptor fd = open(path, O_RDONLY | O_NOATIME);
-  std::string text;
-  char buffer[65536];
-  ssize_t n;
-  while ((n = ::read(fd.get(), buffer, sizeof buffer)) > 0) text.append(buffer, static_cast<size_t>(n));
-  if (n < 0) failWithErrno("read " + path);
+  const Descriptor fd = open(path, O_RDONLY | O_NOATIME);
+  std::string text(static_cast<size_t>(status(path).st_size), '\0');
+  if (pread(fd.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))
+    failWithErrno("read " + path);
   return text;
 }
 

@@ -3,7 +3,7 @@
 // readable text ("chmod a/b: Operation not permitted") where the kernel refuses.
 #pragma once
 
-#include <sys/types.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <string>
@@ -17,16 +17,8 @@ namespace testsupport {
 // Bytes that depend on the seed and the position only, of which the first `length` from `offset`.
 std::string patternBytes(uint64_t seed, uint64_t offset, size_t length);
 
-// One entry of an access list as the kernel stores it: tag 1 owner, 2 user, 4 group of the object,
-// 8 group, 16 mask, 32 others; permission bits rwx; id for tags 2 and 8.
-struct AclEntry {
-  uint16_t tag;
-  uint16_t permissions;
-  uint32_t id = UINT32_MAX;
-};
-// The value of system.posix_acl_access or system.posix_acl_default.
-std::string aclBlob(const std::vector<AclEntry> &entries);
-// Owner rwx, one user with the given rights, group r-x, mask rwx, others ---.
+// The value of system.posix_acl_access or system.posix_acl_default:
+// owner rwx, one user with the given rights, group r-x, mask rwx, others ---.
 std::string aclForUser(uint32_t user, uint16_t permissions);
 
 inline constexpr const char *kAccessAcl = "system.posix_acl_access";
@@ -93,6 +85,12 @@ class TreeBuilder {
   // The folder that holds the last component, opened step by step; *name is that component.
   Descriptor parentOf(const std::string &path, std::string *name) const;
   Descriptor open(const std::string &path, int flags) const;
+  struct stat status(const std::string &path) const;
+  // Makes a call on the folder and the last component of a path, or of two.
+  template <typename Call>
+  void at(const std::string &what, const std::string &path, Call call) const;
+  template <typename Call>
+  void from(const std::string &what, const std::string &one, const std::string &other, Call call) const;
   void changeFlags(const std::string &path, int bit, bool on, const char *what);
 
   std::string root_;

@@ -13,6 +13,7 @@
 #include <cstring>
 #include <iomanip>
 #include <sstream>
+#include <string_view>
 
 #include "support/descriptor.h"
 
@@ -27,24 +28,8 @@ constexpr uint64_t kBlock = 4096;
 constexpr ino_t kSubvolumeRoot = 256;
 constexpr ino_t kSubvolumeStub = 2;
 
-uint64_t hashBlock(uint64_t hash, uint64_t offset, const char *bytes, size_t length) {
-  hash = (hash ^ offset) * 0x9fb21c651e98df25ull;
-  uint64_t word = 0;
-  for (size_t i = 0; i < length; i += 8) {
-    word = 0;
-    memcpy(&word, bytes + i, std::min<size_t>(8, length - i));
-    hash = (hash ^ word) * 0x9fb21c651e98df25ull;
-    hash ^= hash >> 29;
-  }
-  return hash;
-}
-
 timespec timeOf(const statx_timestamp &time) {
   return {time.tv_sec, static_cast<long>(time.tv_nsec)};
-}
-
-bool allZero(const char *bytes, size_t length) {
-  return length == 0 || (bytes[0] == 0 && memcmp(bytes, bytes + 1, length - 1) == 0);
 }
 
 class Reader {
@@ -152,7 +137,7 @@ class Reader {
   static void readData(int fd, const std::string &path, ObjectPrint *object) {
     std::vector<char> buffer(256 * 1024);
     uint64_t at = 0;
-    object->dataHash = 0x2545f4914f6cdd1dull;
+    object->dataHash = 1;
     while (at < object->size) {
       off_t start = lseek(fd, static_cast<off_t>(at), SEEK_DATA);
       if (start < 0 && errno == ENXIO) break;
@@ -171,9 +156,10 @@ class Reader {
         const ssize_t got = pread(fd, buffer.data(), wanted, static_cast<off_t>(offset));
         if (got != static_cast<ssize_t>(wanted)) failWithErrno("read " + path);
         for (size_t i = 0; i < wanted; i += kBlock) {
-          const size_t part = std::min<size_t>(kBlock, wanted - i);
-          if (!allZero(&buffer[i], part))
-            object->dataHash = hashBlock(object->dataHash, offset + i, &buffer[i], part);
+          const std::string_view block(&buffer[i], std::min<size_t>(kBlock, wanted - i));
+          if (block.find_first_not_of('\0') != block.npos)
+            object->dataHash = (object->dataHash ^ (offset + i)) * 0x9fb21c651e98df25ull ^
+                               std::hash<std::string_view>{}(block);
         }
       }
       at = to;
