@@ -18,8 +18,9 @@ namespace histories {
 // names  renames, swaps, rings, parent and child exchanged, into new, moved and deleted directories
 // links  hard links of everything but directories, added, removed, moved; with renames
 // flags  immutable and append-only set or cleared, among changes of every kind
-// clones clone parents, clones and clones of clones made, changed, renamed, linked, removed; all else
-// too all    everything but clones
+// clones clone parents, clones and clones of clones made, changed, renamed, linked, removed; and more
+// all    everything but clones
+
 class Generator {
  public:
   static std::vector<std::string> profiles();

@@ -1,11 +1,15 @@
 #include "support/loop_btrfs.h"
 
 #include <fcntl.h>
+#include <linux/btrfs.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 
@@ -14,10 +18,24 @@
 namespace testsupport {
 namespace {
 
-std::string shellWord(const std::string &path) {
-  std::string text = "'";
-  for (const char c : path) text += c == '\'' ? "'\\''" : std::string(1, c);
-  return text + "'";
+Descriptor openFolder(const std::string &path) {
+  Descriptor fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!fd.valid()) failWithErrno("open " + path);
+  return fd;
+}
+
+// One of the three subvolume requests, all of which take a name in a parent folder.
+void requestAt(const std::string &path, unsigned long request, int sourceFd, uint64_t flags,
+               const char *what) {
+  std::filesystem::path whole(path);
+  std::string name = whole.filename();
+  Descriptor parent = openFolder(whole.parent_path());
+  btrfs_ioctl_vol_args_v2 args{};
+  if (name.size() >= sizeof args.name) throw std::runtime_error(std::string(what) + ": name too long");
+  args.fd = sourceFd;
+  args.flags = flags;
+  memcpy(args.name, name.c_str(), name.size() + 1);
+  if (ioctl(parent.get(), request, &args) < 0) failWithErrno(std::string(what) + " " + path);
 }
 
 }  // namespace
@@ -38,7 +56,7 @@ LoopBtrfs::LoopBtrfs(const std::string &name, uint64_t bytes, const std::string 
     if (ftruncate(fd.get(), static_cast<off_t>(bytes)) != 0) failWithErrno("ftruncate " + image_);
   }
   std::filesystem::create_directories(mountPoint_);
-  runCommand("mkfs.btrfs -q -f " + shellWord(image_) + " >/dev/null 2>&1");
+  runCommand("mkfs.btrfs -q -f '" + image_ + "' >/dev/null 2>&1");
   mount(options);
 }
 
@@ -54,28 +72,38 @@ std::string LoopBtrfs::path(const std::string &below) const {
 }
 
 std::string LoopBtrfs::createSubvolume(const std::string &below) {
-  const std::string where = path(below);
+  std::string where = path(below);
   std::filesystem::create_directories(std::filesystem::path(where).parent_path());
-  runCommand("btrfs -q subvolume create " + shellWord(where));
+  requestAt(where, BTRFS_IOC_SUBVOL_CREATE_V2, 0, 0, "create subvolume");
   return where;
 }
 
 std::string LoopBtrfs::snapshot(const std::string &subvolume, const std::string &below, bool readOnly) {
-  const std::string where = path(below);
+  std::string where = path(below);
   std::filesystem::create_directories(std::filesystem::path(where).parent_path());
-  runCommand(std::string("btrfs -q subvolume snapshot ") + (readOnly ? "-r " : "") +
-             shellWord(path(subvolume)) + " " + shellWord(where));
+  Descriptor source = openFolder(path(subvolume));
+  requestAt(where, BTRFS_IOC_SNAP_CREATE_V2, source.get(), readOnly ? BTRFS_SUBVOL_RDONLY : 0,
+            "create snapshot");
   return where;
 }
 
 void LoopBtrfs::destroySubvolume(const std::string &below) {
-  // An immutable root would keep the subvolume; that of a snapshot cannot be changed, nor does it.
-  runCommand("chattr -ia " + shellWord(path(below)) + " 2>/dev/null; btrfs -q subvolume delete " +
-             shellWord(path(below)));
+  std::string where = path(below);
+  {
+    Descriptor root = openFolder(where);
+    // An immutable root would keep the subvolume.
+    int flags = 0;
+    if (ioctl(root.get(), FS_IOC_GETFLAGS, &flags) == 0 && (flags & (FS_IMMUTABLE_FL | FS_APPEND_FL))) {
+      flags &= ~(FS_IMMUTABLE_FL | FS_APPEND_FL);
+      ioctl(root.get(), FS_IOC_SETFLAGS, &flags);
+    }
+  }
+  requestAt(where, BTRFS_IOC_SNAP_DESTROY_V2, 0, 0, "destroy subvolume");
 }
 
 void LoopBtrfs::commit() {
-  runCommand("sync -f " + shellWord(mountPoint_));
+  Descriptor top = openFolder(mountPoint_);
+  if (syncfs(top.get()) != 0) failWithErrno("syncfs " + mountPoint_);
 }
 
 void LoopBtrfs::remount(const std::string &options, const std::string &subvolume) {
@@ -91,8 +119,8 @@ void LoopBtrfs::unmount() {
 }
 
 void LoopBtrfs::mount(const std::string &options) {
-  runCommand("mount -t btrfs -o loop" + (options.empty() ? "" : "," + options) + " " +
-             shellWord(image_) + " " + shellWord(mountPoint_));
+  runCommand("mount -t btrfs -o loop" + (options.empty() ? "" : "," + options) + " '" + image_ + "' '" +
+             mountPoint_ + "'");
   mounted_ = true;
 }
 
