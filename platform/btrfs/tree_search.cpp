@@ -80,7 +80,7 @@ void TreeReader::expect(uint64_t items) {
   expected_ = static_cast<uint32_t>(std::clamp<uint64_t>(items, first_items_, kMostItems));
 }
 
-int TreeReader::fetch(const TreeKey &key) {
+int TreeReader::fetch(const TreeKey &key, const TreeKey &from) {
   // Reading past a few inodes takes as long as one more search.
   const bool onwards = valid_ && key >= end_ && key.objectid - end_.objectid < kNear;
   want_items_ = expected_ != 0 ? expected_
@@ -89,9 +89,9 @@ int TreeReader::fetch(const TreeKey &key) {
   expected_ = 0;
   valid_ = false;
   const size_t bytes = std::max(kSmallest, want_items_ * kItemBytes);
-  int rc = batch_.read(fd_, tree_id_, key, kMaxKey, 0, bytes, want_items_);
+  int rc = batch_.read(fd_, tree_id_, from, kMaxKey, 0, bytes, want_items_);
   if (rc < 0) return rc;
-  from_ = key;
+  from_ = from;
   // A search that finds nothing has seen the end of the tree; any other may have stopped at the buffer.
   end_ = batch_.items().empty() ? kMaxKey : batch_.items().back().key.next();
   valid_ = true;
@@ -105,8 +105,10 @@ int TreeReader::at(const TreeKey &key, const TreeItem **item) {
     if (key >= kMaxKey) return 0;
     // Who asks for an attribute of an inode mostly asks for its names as well: from the inode itself
     // on.
-    int rc = fetch(key.type <= BTRFS_XATTR_ITEM_KEY ? TreeKey{key.objectid, 0, 0} : key);
-    if (rc == 0 && key >= end_) rc = fetch(key);
+    const TreeKey inode{key.objectid, 0, 0};
+    const bool goes_on = valid_ && from_ >= inode && key >= end_;
+    int rc = fetch(key, key.type <= BTRFS_XATTR_ITEM_KEY && !goes_on ? inode : key);
+    if (rc == 0 && key >= end_) rc = fetch(key, key);
     if (rc < 0) return rc;
     if (batch_.items().empty()) return 0;
   }

@@ -68,7 +68,8 @@ class TreeReader {
   void forget();
 
  private:
-  int fetch(const TreeKey &key);
+  // Reads from `from` on, for a question about `key`.
+  int fetch(const TreeKey &key, const TreeKey &from);
 
   int fd_;
   uint64_t tree_id_;

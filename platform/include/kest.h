@@ -182,8 +182,8 @@ int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino,
 kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *handle, uint64_t ino, int flags, const void *attr,
                            const char *link);
 /* The same for the regular file behind `fd`, which is open for reading and writing and goes over to the
- * open inode: nothing is opened anew. NULL: EINVAL no regular file, EXDEV it lies in another tree,
- * ENOENT it has no name, errno; `fd` stays the caller's then. */
+ * open inode: nothing is opened anew. NULL: EINVAL no regular file, or not open for both, EXDEV it lies
+ * in another tree, ENOENT it has no name, errno; `fd` stays the caller's then. */
 kest_ifile_t *kest_iopen_fd(kest_fssnap_handle_t *handle, int fd);
 int kest_iclose(kest_ifile_t *file);
 

@@ -201,6 +201,9 @@ int openNumber(kest_fssnap_handle *handle, uint64_t ino, std::unique_ptr<OpenIno
 }
 
 int openDescriptor(kest_fssnap_handle *handle, int fd, std::unique_ptr<OpenInode> *opened) {
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags < 0) return -errno;
+  if ((flags & (O_ACCMODE | O_PATH)) != O_RDWR) return -EINVAL;
   auto file = std::make_unique<OpenInode>();
   file->path_fd.reset(fd);
   file->path_fd_is_real = true;
@@ -224,7 +227,7 @@ int saveCapability(OpenInode *file) {
 }
 
 int putBackCapability(const OpenInode *file) {
-  return file->capability ? writeXattr(file->path_fd.get(), kCapability, *file->capability) : 0;
+  return file->capability ? writeXattr(file->anyFd(), kCapability, *file->capability) : 0;
 }
 
 int statByNumber(kest_fssnap_handle *handle, uint64_t ino, kest_iattr64_t *attr) {

@@ -133,7 +133,7 @@ int writeBlob(OpenInode *file, std::string_view blob) {
   if (int rc = readAttributes(file, &now); rc != 0) return rc;
   if (int rc = adjustToPossible(file, now, &wanted); rc != 0) return rc;
 
-  int fd = file->path_fd.get();
+  const int fd = file->anyFd();
   for (const auto &[name, value] : wanted.xattrs) {
     if (name == kCompressionProperty || sameValue(now, name, value)) continue;
     if (int rc = writeXattr(fd, name.c_str(), value); rc != 0) return rc;

@@ -143,7 +143,9 @@ TEST_F(Ranges, OfAFileThatIsTakenOver) {
   unlink(at("gone").c_str());
   refused(ENOENT, gone);
   refused(EINVAL, descriptor(root(), O_RDONLY));
-  refused(EXDEV, descriptor(snapshot() + "/file", O_RDONLY));
+  refused(EINVAL, descriptor(at("file"), O_RDONLY));
+  testsupport::TreeBuilder("/mnt").file("elsewhere");
+  refused(EXDEV, descriptor("/mnt/elsewhere", O_RDWR));
   refused(EINVAL, Descriptor());
 }
 
