@@ -85,6 +85,20 @@ TEST_F(Cost, NothingToDo) {
   expectSame(countsWith(0, change), countsWith(6000, change));
 }
 
+// Neighbours are read together, also where one has more items than a first look at an inode takes.
+TEST_F(Cost, OfNeighboursWithManyItems) {
+  constexpr uint32_t kFiles = 2000;
+  for (int i = 0; i < int{kFiles}; ++i) {
+    const std::string dir = name("d", i / 100), file = dir + name("/f", i);
+    if (i % 100 == 0) tree().dirs(dir);
+    tree().file(file, "text");
+    for (const char *attribute : {"user.x", "user.y", "user.z"}) tree().setXattr(file, attribute, "v");
+  }
+  takeSnapshot();
+  for (int i = 0; i < int{kFiles}; ++i) tree().chmod(name("d", i / 100) + name("/f", i), 0600);
+  EXPECT_LE((countsOfRestore()[{testsupport::kTreeSearch, kMaster}]), kFiles * 6);
+}
+
 // Of each kind of record twenty. Nothing is read, and an object is opened once in each tree.
 TEST_F(Cost, OfARecord) {
   constexpr uint32_t kFiles = 20;
