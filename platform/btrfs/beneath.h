@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "btrfs/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace kest {
 
@@ -13,7 +13,7 @@ namespace kest {
 // ELOOP, EXDEV. With `from` AT_FDCWD the path is followed as usual. 0 or -errno.
 int openBeneath(int from, std::string_view path, UniqueFd *dir);
 
-// Opens a directory for reading, by any path on which no symbolic link stands. 0 or -errno.
+// Opens a directory for reading, by any path of which no component is a symbolic link. 0 or -errno.
 int openWithoutLinks(const std::string &path, UniqueFd *dir);
 
 }  // namespace kest

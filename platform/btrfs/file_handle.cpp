@@ -51,7 +51,7 @@ int openByInode(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generat
   return owner.release();
 }
 
-int reopen(int path_fd, int flags) {
+int openAgain(int path_fd, int flags) {
   char path[32];
   snprintf(path, sizeof path, "/proc/self/fd/%d", path_fd);
   int fd;

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "btrfs/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace kest {
 
@@ -17,9 +17,9 @@ int openByInode(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generat
 // that look at the number of links themselves.
 int openEvenNameless(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generation, int flags);
 
-// Reopens an O_PATH descriptor of a file or directory for real, through /proc/self/fd. The
-// descriptor, or -errno.
-int reopen(int path_fd, int flags);
+// Opens the object behind an O_PATH descriptor for real, through /proc/self/fd. The descriptor, which
+// is close-on-exec, or -errno.
+int openAgain(int path_fd, int flags);
 
 struct InodeAddress {
   uint64_t subvol_id = 0;

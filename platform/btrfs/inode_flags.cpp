@@ -8,6 +8,8 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
+#include "filesystem/blob_format.h"
+
 namespace kest {
 namespace {
 
@@ -20,8 +22,6 @@ bool hasNoFlags(int err) {
 }
 
 }  // namespace
-
-const unsigned kStorageFlags = FS_COMPR_FL | FS_NOCOMP_FL | FS_NOCOW_FL;
 
 int readProtection(int dir_fd, const char *name, Protection *protection) {
   struct statx stx;

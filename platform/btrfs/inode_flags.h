@@ -5,15 +5,9 @@
 
 #include <sys/types.h>
 
-namespace kest {
+#include "filesystem/file_system.h"
 
-// Whether an object is protected against changes.
-struct Protection {
-  bool immutable = false;
-  bool append_only = false;
-  bool any() const { return immutable || append_only; }
-  bool operator==(const Protection &) const = default;
-};
+namespace kest {
 
 // Protection of `name` in the directory `dir_fd`, never following a link; with `name` "" of the object
 // of the descriptor itself, which may be any, O_PATH included. 0 or -errno. Objects that cannot carry
@@ -24,7 +18,7 @@ int readProtection(int dir_fd, const char *name, Protection *protection);
 // nothing where they are so already. Every other flag and the compression property stay. 0 or -errno.
 int writeProtection(int fd, Protection protection);
 
-// FS_COMPR_FL, FS_NOCOMP_FL and FS_NOCOW_FL of the file or directory behind `fd`.
+// Those of kStorageFlags that the file or directory behind `fd` has.
 // 0 or -errno; 0 and no flags where the object has none.
 int readStorageFlags(int fd, unsigned *flags);
 
@@ -32,8 +26,6 @@ int readStorageFlags(int fd, unsigned *flags);
 // property btrfs.compression with every such call (to its default algorithm, or to none): set it
 // afterwards. It also ignores FS_NOCOW_FL, both ways, on a file with data. 0 or -errno.
 int writeStorageFlags(int fd, unsigned flags);
-
-extern const unsigned kStorageFlags;  // the three of them
 
 // FS_IOC_GETFLAGS form of the storage flags in an inode item's `flags`, as readStorageFlags would
 // report them for an inode of this st_mode: only files and directories have them, whatever a FIFO or

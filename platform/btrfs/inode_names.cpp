@@ -6,9 +6,9 @@
 #include <climits>
 #include <string_view>
 
+#include "base/unique_fd.h"
 #include "btrfs/subvolume.h"
 #include "btrfs/tree_items.h"
-#include "btrfs/unique_fd.h"
 
 namespace kest {
 namespace {
@@ -101,7 +101,7 @@ int NameFinder::find(uint64_t ino, InodeNames *found) {
     found->paths.emplace_back();
     return 1;
   }
-  std::vector<NameRef> names;  // sorted: those of one directory behind each other
+  std::vector<NameRef> names;  // sorted: those of one directory follow each other
   rc = readNames(tree, ino, &names);
   if (rc < 0) return rc;
   for (const NameRef &name : names) {

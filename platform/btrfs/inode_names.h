@@ -2,16 +2,10 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
-#include <vector>
+
+#include "filesystem/file_system.h"
 
 namespace kest {
-
-struct InodeNames {
-  uint64_t generation = 0;
-  std::vector<std::string>
-      paths;  // below the start directory, no leading slash; "": that directory itself
-};
 
 // Finds every path of inode `ino` of subvolume `subvol_id` below the directory `dir_fd` (not O_PATH) of
 // it, whatever their length and number. `checked`: passes over what the kernel's own look-up does not

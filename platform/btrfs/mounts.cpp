@@ -9,42 +9,19 @@
 #include <sys/vfs.h>
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <string_view>
+#include <utility>
 
 namespace kest {
 
 namespace {
-
-bool isOctal(char c) {
-  return c >= '0' && c <= '7';
-}
-
-// Blanks, newlines and backslashes come as octal numbers.
-std::string unescape(const std::string &text) {
-  std::string plain;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '\\' && i + 3 < text.size() && isOctal(text[i + 1]) && isOctal(text[i + 2]) &&
-        isOctal(text[i + 3])) {
-      plain +=
-          static_cast<char>((text[i + 1] - '0') * 64 + (text[i + 2] - '0') * 8 + (text[i + 3] - '0'));
-      i += 3;
-    } else {
-      plain += text[i];
-    }
-  }
-  return plain;
-}
 
 bool onBtrfs(int fd) {
   struct statfs figures;
   return fstatfs(fd, &figures) == 0 && figures.f_type == BTRFS_SUPER_MAGIC;
 }
 
-int openDirectory(const std::string &path) {
+int openMounted(const std::string &path) {
   int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK);
   return fd < 0 ? -errno : fd;
 }
@@ -67,7 +44,7 @@ bool hasDevice(int fd, dev_t rdev) {
   return false;
 }
 
-// Keeps the mounts of the file system of `mine`, and puts `mine` in front.
+// Keeps the mounts of the file system of `mine`, with `mine` first.
 void keepMountsOf(const Mount &mine, const std::vector<Mount> &all, std::vector<Mount> *kept) {
   for (const Mount &one : all) {
     if (one.major_no != mine.major_no || one.minor_no != mine.minor_no) continue;
@@ -77,7 +54,7 @@ void keepMountsOf(const Mount &mine, const std::vector<Mount> &all, std::vector<
 
 int findByBlockDevice(dev_t rdev, const std::vector<Mount> &all, MountedFileSystem *fs) {
   for (const Mount &one : all) {
-    UniqueFd fd(openDirectory(one.point));
+    UniqueFd fd(openMounted(one.point));
     if (!fd || !onBtrfs(fd.get()) || !hasDevice(fd.get(), rdev)) continue;
     struct statx status;
     // What is mounted on top may be another btrfs.
@@ -94,48 +71,6 @@ int findByBlockDevice(dev_t rdev, const std::vector<Mount> &all, MountedFileSyst
 
 }  // namespace
 
-bool parseMount(std::string_view line, Mount *mount) {
-  // Blanks alone divide: names come with every other white space that the kernel does not write as a
-  // number.
-  const auto next = [&line] {
-    const std::string word(line.substr(0, line.find(' ')));
-    line.remove_prefix(std::min(line.size(), word.size() + 1));
-    return word;
-  };
-  const auto number = [](const std::string &word, int *value) {
-    return sscanf(word.c_str(), "%d", value) == 1;
-  };
-  const std::string id = next(), parent = next(), device = next(), root = next(), point = next(),
-                    options = next();
-  if (!number(id, &mount->id) || !number(parent, &mount->parent_id) || root.empty() || point.empty() ||
-      sscanf(device.c_str(), "%u:%u", &mount->major_no, &mount->minor_no) != 2)
-    return false;
-  for (std::string word = next(); word != "-"; word = next())
-    if (line.empty()) return false;
-  mount->btrfs = next() == "btrfs";
-  mount->root = unescape(root);
-  if (mount->root.starts_with('/')) mount->root.erase(0, 1);
-  mount->point = unescape(point);
-  mount->read_only = options == "ro" || options.starts_with("ro,");
-  return true;
-}
-
-int readMounts(std::vector<Mount> *mounts) {
-  mounts->clear();
-  std::unique_ptr<FILE, int (*)(FILE *)> file(fopen("/proc/self/mountinfo", "re"), fclose);
-  if (file == nullptr) return -errno;
-  char *line = nullptr;
-  size_t size = 0;
-  bool understood = true;
-  while (understood && getline(&line, &size, file.get()) > 0) {
-    Mount mount;
-    understood = parseMount(line, &mount);
-    if (understood) mounts->push_back(std::move(mount));
-  }
-  free(line);
-  return ferror(file.get()) || !understood ? -EIO : 0;
-}
-
 int findFileSystem(const std::string &device, MountedFileSystem *fs) {
   UniqueFd fd(open(device.c_str(), O_PATH | O_CLOEXEC));
   if (!fd) return -errno;
@@ -144,7 +79,7 @@ int findFileSystem(const std::string &device, MountedFileSystem *fs) {
   std::vector<Mount> all;
   int rc = readMounts(&all);
   if (rc < 0) return rc;
-  std::erase_if(all, [](const Mount &one) { return !one.btrfs; });
+  std::erase_if(all, [](const Mount &one) { return one.type != "btrfs"; });
   if (S_ISBLK(status.stx_mode)) {
     rc = findByBlockDevice(makedev(status.stx_rdev_major, status.stx_rdev_minor), all, fs);
   } else {
@@ -184,7 +119,7 @@ int openSubvolume(const MountedFileSystem &fs, uint64_t id, const std::string &t
   std::stable_sort(candidates.begin(), candidates.end(),
                    [](const Candidate &a, const Candidate &b) { return a.rank < b.rank; });
   for (const Candidate &one : candidates) {
-    UniqueFd fd(openDirectory(one.path.empty() ? "/" : one.path));
+    UniqueFd fd(openMounted(one.path.empty() ? "/" : one.path));
     struct stat status;
     Uuid fsid;
     uint64_t found;

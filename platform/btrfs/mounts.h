@@ -1,36 +1,22 @@
-// What is mounted, and the btrfs file systems among it.
+// The mounted btrfs file systems of this machine, and the subvolumes that their mounts show.
 #pragma once
 
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "btrfs/subvolume.h"
-#include "btrfs/unique_fd.h"
+#include "filesystem/mount_table.h"
 
 namespace kest {
-
-struct Mount {
-  int id = 0, parent_id = 0;  // parent: the mount that it stands on
-  bool btrfs = false;
-  unsigned major_no = 0, minor_no = 0;  // of the superblock
-  std::string root;                     // path below the top of its file system, no leading slash
-  std::string point;                    // mount point
-  bool read_only = false;
-};
 
 // One mounted btrfs and everything that shows it in this mount namespace.
 struct MountedFileSystem {
   UniqueFd fd;  // some directory on it
   Uuid fsid{};
-  std::vector<Mount> mounts;  // preferred one first: the mount that the argument named
+  std::vector<Mount> mounts;  // the one that the argument named first
 };
-
-// A line of /proc/self/mountinfo.
-bool parseMount(std::string_view line, Mount *mount);
-// Every mount of this namespace. 0 or -errno.
-int readMounts(std::vector<Mount> *mounts);
 
 // The file system of `device`: any path on it, or one of its block devices. 0; -ENODEV when it is no
 // mounted btrfs; -errno of the access to `device`.

@@ -199,7 +199,7 @@ int directoryPath(int fd, uint64_t subvol_id, uint64_t dir, std::string *path) {
     return 0;
   }
   if (errno != ENAMETOOLONG) return -errno;
-  // Longer than the request can tell: go up name by name.
+  // The path is longer than the request can hold: go up name by name.
   TreeReader tree(fd, subvol_id);
   std::vector<NameRef> names;
   while (dir != kFirstInode) {

@@ -16,8 +16,8 @@ using Uuid = std::array<uint8_t, 16>;
 
 struct Subvolume {
   uint64_t id = 0;
-  uint64_t parent_id = 0;  // subvolume that it stands in, 0 for the top level and for a deleted one
-  uint64_t dir = 0;        // inode number of the directory that it stands in
+  uint64_t parent_id = 0;  // subvolume that it is linked in; 0: the top level, or deleted
+  uint64_t dir = 0;        // inode number of the directory that it is linked in
   std::string name;        // last component of its path, "" for the top level
   Uuid uuid{}, parent_uuid{};
   uint64_t otransid = 0;  // transaction that created it

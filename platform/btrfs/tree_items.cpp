@@ -40,7 +40,7 @@ int forEachItem(TreeReader &tree, uint64_t ino, uint32_t first, uint32_t last, V
   }
 }
 
-// Names and values of an XATTR_ITEM, DIR_ITEM or DIR_INDEX: one or more elements behind each other.
+// Names and values of an XATTR_ITEM, DIR_ITEM or DIR_INDEX: one or more elements in a row.
 template <typename Visit>
 bool forEachDirItem(const TreeItem &item, Visit visit) {
   const uint8_t *at = item.data;
@@ -89,7 +89,7 @@ bool forEachName(const TreeItem &item, Visit visit) {
   return true;
 }
 
-// What a directory can hold: a name that is none would lead out of it, or to another entry.
+// Whether a directory can hold this name. Any other would lead out of it, or to another entry.
 bool isEntryName(std::string_view name) {
   return !name.empty() && name.size() <= kLongestName && name != "." && name != ".." &&
          name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
@@ -125,7 +125,7 @@ bool decodeDirEntries(const TreeItem &item, std::vector<DirEntryItem> *entries) 
     DirEntryItem &entry = entries->emplace_back();
     entry.index = item.key.offset;
     entry.target = le64toh(head.location.objectid);
-    entry.subvolume = head.location.type == BTRFS_ROOT_ITEM_KEY;
+    entry.junction = head.location.type == BTRFS_ROOT_ITEM_KEY;
     entry.type = direntType(head.type);
     entry.transid = le64toh(head.transid);
     entry.name = name;

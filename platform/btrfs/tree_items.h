@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "btrfs/tree_search.h"
+#include "diff/entry_pairs.h"
 
 namespace kest {
 
@@ -30,14 +31,10 @@ struct InodeItem {
   TreeTime atime, ctime, mtime, otime;
 };
 
-// One directory entry (a DIR_INDEX item).
-struct DirEntryItem {
-  uint64_t index = 0;   // position in the directory
-  uint64_t target = 0;  // inode number, or subvolume id
-  bool subvolume = false;
-  uint8_t type = 0;      // DT_*
+// One directory entry (a DIR_INDEX item). The target of a junction is a subvolume id.
+struct DirEntryItem : DirEntry {
+  uint64_t index = 0;    // position in the directory
   uint64_t transid = 0;  // transaction that made the entry
-  std::string name;
 };
 
 struct NameRef {
@@ -87,7 +84,7 @@ int findEntry(TreeReader &tree, uint64_t dir, std::string_view name, DirEntryIte
 inline constexpr uint32_t kDirectoryItems = 50;  // first_items of a reader of whole directories
 // The next entry of directory `dir` with an index of at least `index`.
 int nextEntry(TreeReader &tree, uint64_t dir, uint64_t index, DirEntryItem *entry);
-// The next extent item of the file that begins at or behind `start`.
+// The next extent item of the file that begins at or after `start`.
 int nextExtent(TreeReader &tree, uint64_t ino, uint64_t start, ExtentItem *extent);
 
 // True when both are the same inode of two related subvolumes. Two writable relatives can give one

@@ -103,8 +103,7 @@ int TreeReader::at(const TreeKey &key, const TreeItem **item) {
   *item = nullptr;
   if (!valid_ || key < from_ || key >= end_) {
     if (key >= kMaxKey) return 0;
-    // Who asks for an attribute of an inode mostly asks for its names as well: from the inode itself
-    // on.
+    // Callers that read an inode usually read its names next, so start at the inode item.
     const TreeKey inode{key.objectid, 0, 0};
     const bool goes_on = valid_ && from_ >= inode && key >= end_;
     int rc = fetch(key, key.type <= BTRFS_XATTR_ITEM_KEY && !goes_on ? inode : key);

@@ -22,7 +22,7 @@ struct TreeKey {
   uint64_t offset = 0;
 
   auto operator<=>(const TreeKey &) const = default;
-  // The key right behind this one.
+  // The key that follows directly.
   TreeKey next() const;
 };
 
@@ -60,7 +60,7 @@ class TreeReader {
   uint64_t treeId() const { return tree_id_; }
   int fd() const { return fd_; }
 
-  // 1 and the first item at or behind `key`, valid until the next call; 0 when there is none; -errno.
+  // 1 and the first item at or after `key`, valid until the next call; 0 when there is none; -errno.
   int at(const TreeKey &key, const TreeItem **item);
   // Says that what follows is not close to the last question, and how many items it is about.
   void expect(uint64_t items);

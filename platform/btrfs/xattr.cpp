@@ -4,7 +4,7 @@
 
 #include <sys/xattr.h>
 
-#include "btrfs/fd_path.h"
+#include "base/fd_path.h"
 
 namespace kest {
 namespace {

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "detect/file_systems.h"
+
 namespace kest {
 
 bool CommandLine::parse(int argc, char **argv, const std::string &letters, size_t words, int *status,
@@ -51,6 +53,12 @@ int CommandLine::fail(const std::string &text) const {
 
 int CommandLine::fail(const std::string &text, int error) const {
   return fail(text + ": " + strerror(abs(error)));
+}
+
+int CommandLine::openDevice(const std::string &device, std::unique_ptr<FileSystem> *fs) const {
+  const int rc = openFileSystem(device, fs);
+  if (rc == -ENODEV) return fail(device + " is no mounted btrfs");
+  return rc < 0 ? fail(device, rc) : 0;
 }
 
 int CommandLine::finish() const {

@@ -1,9 +1,12 @@
-// What the small commands have in common: options, --help, and their last words.
+// What the small commands have in common: options, --help, the device, and their last words.
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "filesystem/file_system.h"
 
 namespace kest {
 
@@ -28,8 +31,11 @@ class CommandLine {
   int usageError(const std::string &problem) const;
   // "<name>: <text>" on standard error. 1.
   int fail(const std::string &text) const;
-  // The same with ": <reason of error>" behind it, for an errno or its negative.
+  // The same with ": <reason of error>" after it, for an errno or its negative.
   int fail(const std::string &text, int error) const;
+  // Opens the mounted file system `device`. 0, or 1 after a message on standard error.
+  int openDevice(const std::string &device, std::unique_ptr<FileSystem> *fs) const;
+
   // Flushes standard output: 0, or 1 and a message when what was printed did not get there.
   int finish() const;
 

@@ -1,9 +1,5 @@
 // Brings what was written to the disk and the trees up to date.
 
-#include <unistd.h>
-#include <cerrno>
-
-#include "btrfs/mounts.h"
 #include "commands/command_line.h"
 
 namespace {
@@ -23,10 +19,8 @@ int main(int argc, char **argv) {
   if (line.word(1) != "suspend" && line.word(1) != "resume") {
     return line.usageError("suspend or resume expected");
   }
-  kest::MountedFileSystem fs;
-  int rc = kest::findFileSystem(device, &fs);
-  if (rc == -ENODEV) return line.fail(device + " is no mounted btrfs");
-  if (rc < 0) return line.fail(device, rc);
-  if (syncfs(fs.fd.get()) < 0) return line.fail("commit of " + device, errno);
-  return 0;
+  std::unique_ptr<kest::FileSystem> fs;
+  if (int failed = line.openDevice(device, &fs); failed != 0) return failed;
+  int rc = fs->commit();
+  return rc < 0 ? line.fail("commit of " + device, rc) : 0;
 }

@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "commands/command_line.h"
-#include "commands/fileset_lookup.h"
+#include "filesystem/error_text.h"
 
 namespace kest {
 namespace {
@@ -28,16 +28,6 @@ std::string percentEncode(const std::string &text) {
   return encoded;
 }
 
-std::string hex(const Uuid &uuid) {
-  std::string text;
-  for (uint8_t byte : uuid) {
-    char digits[3];
-    snprintf(digits, sizeof(digits), "%02x", byte);
-    text += digits;
-  }
-  return text;
-}
-
 struct Field {
   const char *name;
   std::string value;
@@ -51,37 +41,32 @@ void printLine(const std::vector<Field> &fields, bool names) {
 }
 
 int list(const CommandLine &line) {
-  Fileset fileset;
-  std::string problem;
-  if (!findFileset(line.word(0), line.word(1), &fileset, &problem)) return line.fail(problem);
-  std::vector<Snapshot> snapshots;
-  SubvolumeState state;
-  int rc = findSnapshots(fileset, &snapshots);
-  if (rc == 0) rc = readState(fileset, fileset.subvolume.id, &state);
-  if (rc < 0) return line.fail(line.word(1), rc);
-  const Subvolume &one = fileset.subvolume;
-  std::string root;
-  UniqueFd shown(openSubvolume(fileset.fs, one.id, fileset.path, &root));
+  std::unique_ptr<FileSystem> fs;
+  if (int failed = line.openDevice(line.word(0), &fs); failed != 0) return failed;
+  FilesetInfo info;
+  int rc = fs->describeFileset(line.word(1), &info);
+  if (rc == -ENOENT) return line.fail("no fileset " + line.word(1) + " on " + line.word(0));
+  if (rc < 0) return line.fail(errorText(), rc);
   // Readers find the remote mark by its place, the nineteenth.
   std::vector<Field> fields = {
       {"record", "fileset"},
       {"format", "1"},
       {"device", line.word(0)},
-      {"filesystem", hex(fileset.fs.fsid)},
-      {"fileset", fileset.path.empty() ? "/" : fileset.path},
-      {"id", std::to_string(one.id)},
-      {"uuid", hex(one.uuid)},
-      {"origin", hex(one.parent_uuid)},
-      {"parent", std::to_string(one.parent_id)},
-      {"directory", std::to_string(one.dir)},
-      {"name", one.name},
-      {"root", "256"},
-      {"transaction", std::to_string(one.otransid)},
-      {"created", std::to_string(state.created)},
-      {"access", state.read_only ? "ro" : "rw"},
-      {"linked", shown ? "yes" : "no"},
-      {"path", shown ? root : ""},
-      {"snapshots", std::to_string(snapshots.size())},
+      {"filesystem", info.file_system},
+      {"fileset", info.path.empty() ? "/" : info.path},
+      {"id", std::to_string(info.id)},
+      {"uuid", info.uuid},
+      {"origin", info.origin_uuid},
+      {"parent", std::to_string(info.parent_id)},
+      {"directory", std::to_string(info.parent_dir)},
+      {"name", info.name},
+      {"root", std::to_string(info.root_ino)},
+      {"transaction", std::to_string(info.transaction)},
+      {"created", std::to_string(info.created)},
+      {"access", info.read_only ? "ro" : "rw"},
+      {"linked", info.mounted ? "yes" : "no"},
+      {"path", info.mounted ? info.mounted_at : ""},
+      {"snapshots", std::to_string(info.snapshots)},
       {"remote", "-"},
   };
   printLine(fields, true);

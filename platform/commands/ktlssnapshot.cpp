@@ -5,8 +5,9 @@
 #include <cstdio>
 #include <ctime>
 
+#include "base/octal.h"
 #include "commands/command_line.h"
-#include "commands/fileset_lookup.h"
+#include "filesystem/error_text.h"
 
 namespace kest {
 namespace {
@@ -20,42 +21,26 @@ constexpr char kUsage[] =
     "or its path below the top of the file system where several have the same. Blanks, control\n"
     "characters and backslashes in names are written as a backslash and three octal digits (\\040).\n";
 
-std::string oneWord(const std::string &text) {
-  std::string word;
-  for (unsigned char c : text) {
-    char code[5];
-    if (c <= ' ' || c == '\\' || c == 0x7f) {
-      snprintf(code, sizeof(code), "\\%03o", c);
-      word += code;
-    } else {
-      word += static_cast<char>(c);
-    }
-  }
-  return word;
-}
-
 int list(const CommandLine &line) {
-  Fileset fileset;
-  std::string problem;
-  if (!findFileset(line.word(0), line.option('j'), &fileset, &problem)) return line.fail(problem);
-  std::vector<Snapshot> snapshots;
-  int rc = findSnapshots(fileset, &snapshots);
-  if (rc < 0) return line.fail(line.option('j'), rc);
-  std::string name = oneWord(fileset.path.empty() ? "/" : fileset.path);
-  printf("Snapshots of fileset %s on %s\n", name.c_str(), oneWord(line.word(0)).c_str());
+  const std::string device = line.word(0), fileset = line.option('j');
+  std::unique_ptr<FileSystem> fs;
+  if (int failed = line.openDevice(device, &fs); failed != 0) return failed;
+  std::string path;
+  std::vector<SnapshotInfo> snapshots;
+  int rc = fs->listSnapshots(fileset, &path, &snapshots);
+  if (rc == -ENOENT) return line.fail("no fileset " + fileset + " on " + device);
+  if (rc < 0) return line.fail(errorText(), rc);
+  std::string name = octalEscaped(path.empty() ? "/" : path);
+  printf("Snapshots of fileset %s on %s\n", name.c_str(), octalEscaped(device).c_str());
   printf("%-32s %-8s %-8s %-24s  %s\n", "Directory", "Id", "Status", "Created", "Fileset");
-  for (const Snapshot &one : snapshots) {
-    SubvolumeState state;
-    rc = readState(fileset, one.subvolume.id, &state);
-    if (rc == -ENOENT) continue;  // deleted a moment ago
-    if (rc < 0) return line.fail(one.name, rc);
+  for (const SnapshotInfo &one : snapshots) {
     char created[64];
-    time_t seconds = state.created;
+    time_t seconds = one.created;
     struct tm parts {};
     localtime_r(&seconds, &parts);
     strftime(created, sizeof(created), "%a %b %e %H:%M:%S %Y", &parts);
-    printf("%-32s %-8" PRIu64 " %-8s %s  %s\n", oneWord(one.name).c_str(), one.subvolume.id,
-           state.read_only ? "Valid" : "Writable", created, name.c_str());
+    printf("%-32s %-8" PRIu64 " %-8s %s  %s\n", octalEscaped(one.name).c_str(), one.id,
+           one.read_only ? "Valid" : "Writable", created, name.c_str());
   }
   return line.finish();
 }

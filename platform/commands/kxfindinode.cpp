@@ -1,14 +1,11 @@
 // Finds the paths of an inode.
 
-#include <fcntl.h>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 
-#include "btrfs/inode_names.h"
-#include "btrfs/subvolume.h"
-#include "btrfs/unique_fd.h"
 #include "commands/command_line.h"
+#include "detect/file_systems.h"
 
 namespace kest {
 namespace {
@@ -38,14 +35,12 @@ std::string escape(const std::string &path) {
 int findPaths(const CommandLine &line, uint64_t ino) {
   std::string root = line.word(0);
   while (root.size() > 1 && root.back() == '/') root.pop_back();
-  UniqueFd fd(open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!fd) return line.fail(root, errno);
-  uint64_t subvolume;
-  int rc = subvolumeIdOf(fd.get(), &subvolume);
+  std::unique_ptr<Tree> tree;
+  int rc = openTreeAt(root, &tree);
   if (rc == -ENOTTY) return line.fail(root + " is not on a btrfs");
   if (rc < 0) return line.fail(root, rc);
   InodeNames found;
-  rc = findInodeNames(fd.get(), subvolume, ino, true, &found);
+  rc = tree->findNames(ino, &found);
   if (rc < 0) return line.fail("inode " + std::to_string(ino), rc);
   for (const std::string &path : found.paths) {
     const char *slash = path.empty() || root == "/" ? "" : "/";

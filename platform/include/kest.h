@@ -1,7 +1,7 @@
-/* kest.h - the file system's client library, over btrfs.
+/* kest.h - the file system's client library.
  *
- * A fileset is a subvolume, a snapshot of it a related subvolume. Handles name one of them; inode
- * numbers are those of the file system and are shared by a fileset and its snapshots.
+ * A handle names a fileset or one of its snapshots (on btrfs: a subvolume, or a related one). Inode
+ * numbers are those of the file system; a fileset and its snapshots share them.
  *
  * Conventions of every call below:
  * - Sizes and offsets are bytes unless stated. Times are seconds and nanoseconds since 1970.
@@ -25,7 +25,7 @@ extern "C" {
 
 typedef struct kest_fssnap_handle kest_fssnap_handle_t; /* a fileset, or one snapshot of it */
 typedef struct kest_iscan kest_iscan_t;                 /* an inode scan */
-typedef uint64_t kest_snapid_t;                         /* subvolume id */
+typedef uint64_t kest_snapid_t;                         /* on btrfs the subvolume id */
 
 typedef struct kest_timestruc64 {
   int64_t tv_sec;
@@ -83,13 +83,14 @@ typedef struct kest_fs_figures64 {
 
 /* ---- handles -------------------------------------------------------------------------------- */
 
-/* Handle for `fileset` (path of the subvolume below the top of the file system, with or without a
- * leading slash; "/" the top-level subvolume) of the mounted btrfs `device` (any path on it, or its
- * block device), or, with `snapshot` not NULL, for that snapshot of the fileset: the last component
- * of the snapshot's path, or its path below the top where that is ambiguous. Resolved over all
- * mounts of the file system.
- * NULL: ENODEV device is no mounted btrfs, ENOENT no such fileset or snapshot, EINVAL not a snapshot
- * of the fileset or an ambiguous name, ENXIO no mount shows it; kest_error_text() says more. */
+/* Handle for `fileset` of the mounted file system `device` (any path on it, or its block device), or,
+ * with `snapshot` not NULL, for that snapshot of the fileset. A fileset is named by its path below the
+ * top of the file system, with or without a leading slash ("/" the top itself), a snapshot by the last
+ * component of its path, or by its path below the top where that is ambiguous. Both are looked for over
+ * all mounts of the file system.
+ * NULL: ENODEV the device is no mounted file system of a known kind, ENOENT no such fileset or
+ * snapshot, EINVAL no snapshot of the fileset, or an ambiguous name, ENXIO no mount shows it;
+ * kest_error_text() says more. */
 kest_fssnap_handle_t *kest_get_fset_snaphandle_by_name(const char *device, const char *fileset,
                                                        const char *snapshot);
 void kest_free_fssnaphandle(kest_fssnap_handle_t *handle);
@@ -98,21 +99,21 @@ void kest_free_fssnaphandle(kest_fssnap_handle_t *handle);
  * newline; strerror(errno) where there is none to add. Valid until the next call. */
 const char *kest_error_text(void);
 
-/* 0 and the subvolume id; -1 EINVAL. */
+/* 0 and the number of the fileset or snapshot; -1 EINVAL. */
 int kest_get_fssnapid_from_fssnaphandle(const kest_fssnap_handle_t *handle, kest_snapid_t *id);
 
-/* Absolute path of the root directory through one of its mounts, no trailing slash ("/" where the
- * subvolume is the root of the machine); NULL EINVAL. */
+/* Absolute path of the root directory through one of its mounts, no trailing slash ("/" where it is the
+ * root of the machine); NULL EINVAL. */
 const char *kest_get_pathname_from_fssnaphandle(const kest_fssnap_handle_t *handle);
 
-/* 1 when the handle's subvolume can be written, 0 when it or the mount is read-only, -1. */
+/* 1 when the fileset or snapshot can be written, 0 when it or the mount is read-only, -1 errno. */
 int kest_is_writable(const kest_fssnap_handle_t *handle);
 
 /* File-system figures; f_bsize is 262144. -1: errno of statfs. */
 int kest_statfs64(const char *path, kest_statfs64_t *buf);
 
 /* 1 when the entry `name` of the directory `path` is a quota file of the file system, which is never
- * restored. btrfs keeps none as files: always 0. */
+ * restored. Always 0: btrfs keeps its quotas in a tree. */
 int kest_is_quota_file(const kest_fssnap_handle_t *handle, const char *path, const char *name);
 
 /* For a program that is about to restore the fileset it may itself run from: 1 when the file at
@@ -121,14 +122,14 @@ int kest_is_quota_file(const kest_fssnap_handle_t *handle, const char *path, con
 int kest_file_survives(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
                        const char *path);
 
-/* 1 and the first node of the comma-separated list that is not this machine ("all", "localhost", its host
- * name with or without the domain), cut to `size` bytes; 0 when all of them are. */
+/* 1 and the first node of the comma-separated list that is not this machine ("all", "localhost", its
+ * host name with or without the domain), cut to `size` bytes; 0 when all of them are. */
 int kest_other_node(const char *nodes, char *node, size_t size);
 
 /* For a restore that is about to begin, `scan` a difference scan of both: 1 and the mount point (cut to
- * `size` bytes) of something mounted on a directory or file of the fileset, or of the snapshot, that the
- * restore would have to enter, change, rename or remove; 0 when nothing is. Mounts on what stays as it
- * is, and below directories that are only renamed, are in nobody's way. -1: errno. */
+ * `size` bytes) of something mounted on a directory or file of the fileset, or of the snapshot, that
+ * the restore would have to enter, change, rename or remove; 0 when nothing is. Mounts on objects that
+ * the restore leaves alone, and below directories that it only renames, do not count. -1: errno. */
 int kest_mount_in_the_way(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
                           kest_iscan_t *scan, char *point, size_t size);
 
@@ -137,7 +138,8 @@ int kest_mount_in_the_way(const kest_fssnap_handle_t *active, const kest_fssnap_
 /* Opens a scan of the handle's inodes; costs microseconds, nothing is read before the first question.
  * `prev` NULL: every inode. `prev` a snapshot id: the difference of the fileset against that
  * snapshot, deleted inodes included. `max_ino`, if not NULL, receives the largest inode number that
- * either tree holds (without `prev`: the fileset or the snapshot that this process named last). NULL: EINVAL unrelated snapshot, or errno of the tree search. */
+ * either tree holds (without `prev`: the fileset or the snapshot that this process named last).
+ * NULL: EINVAL unrelated snapshot, errno. */
 kest_iscan_t *kest_open_inodescan64(kest_fssnap_handle_t *handle, const kest_snapid_t *prev,
                                     uint64_t *max_ino);
 void kest_close_inodescan(kest_iscan_t *scan);
@@ -147,9 +149,8 @@ void kest_close_inodescan(kest_iscan_t *scan);
  * sequence differ between the trees, or only one tree has it; one whose every restorable property
  * (size, mode, owner, links, names, mtime, flags, xattrs, extents) is equal all the same is left
  * out. A deleted inode (or one deleted since the difference was computed) comes with ia_nlink 0 and the
- * snapshot's other attributes, if that has it. The root directory
- * (256) may be among them. What is not yet committed is not seen: commit first (ktfsctl).
- * -1: errno. */
+ * snapshot's other attributes, if that has it. The root directory may be among them. A difference
+ * commits the file system before it is computed; a full scan shows what is committed. -1: errno. */
 int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t **attr);
 
 /* What the difference scan knows of an inode, as it was when the difference was computed (at the first
@@ -165,25 +166,24 @@ int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t
 int kest_idifference(kest_iscan_t *scan, uint64_t ino);
 
 /* Where a walk over the active fileset has to go: 1 when the active inode itself, or anything below it,
- * is in the difference, or a junction lies below it, as it was when the difference was computed; else 0.
- * -1: errno. */
+ * is in the difference, or a junction lies below it, as it was when the difference was computed; else
+ * 0. -1: errno. */
 int kest_leads_to_change(kest_iscan_t *scan, uint64_t ino);
 
 /* 0 and the attributes of the first inode of the scan in [ino, term_ino), or NULL when it holds none
  * (difference scan: unchanged or deleted). Full scan: attributes read at the time of the call. */
-int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino,
-                      const kest_iattr64_t **attr);
+int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino, const kest_iattr64_t **attr);
 
 /* ---- inodes --------------------------------------------------------------------------------- */
 
-/* Opens an inode by number. `flags` 0: read (data writes are taken all the same: the inode is opened
- * for writing at the first kest_iwritex); 1: write. Device nodes and FIFOs are never opened for real.
- * `attr` and `link` are unused (NULL). NULL: ENOENT no such inode, or one without any name. */
+/* Opens an inode by number, for reading and writing: its data are opened for each at the first call
+ * that needs it. Device nodes and FIFOs are never opened for real. `flags`, `attr` and `link` are
+ * unused (0, NULL). NULL: ENOENT no such inode, or one without any name. */
 kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *handle, uint64_t ino, int flags, const void *attr,
                            const char *link);
-/* The same for the regular file behind `fd`, which is open for reading and writing and goes over to the
- * open inode: nothing is opened anew. NULL: EINVAL no regular file, or not open for both, EXDEV it lies
- * in another tree, ENOENT it has no name, errno; `fd` stays the caller's then. */
+/* The same for the regular file behind `fd`, which is open for reading and writing. The open inode
+ * takes the descriptor over. NULL: EINVAL no regular file, or not open for both, EXDEV it lies in
+ * another tree, ENOENT it has no name, errno; `fd` stays the caller's then. */
 kest_ifile_t *kest_iopen_fd(kest_fssnap_handle_t *handle, int fd);
 int kest_iclose(kest_ifile_t *file);
 
@@ -192,9 +192,9 @@ int kest_iclose(kest_ifile_t *file);
 int kest_same_file(const kest_ifile_t *a, const kest_ifile_t *b);
 
 /* Calls each(arg, path) for every path of inode `ino` below the handle's root, of any length, without
- * leading slash ("" the root itself), in the order of the directories' inode numbers. Snapshot: from its
- * tree. Active: what the committed tree holds and the kernel's look-up confirms. -2 as soon as `each`
- * returns non-zero; 0; -1: ENOENT no such inode, or none with such a path, errno. */
+ * leading slash ("" the root itself), in the order of the directories' inode numbers. Snapshot: from
+ * its tree. Active: what the committed tree holds and the kernel's look-up confirms. -2 as soon as
+ * `each` returns non-zero; 0; -1: ENOENT no such inode, or none with such a path, errno. */
 int kest_inode_names(kest_fssnap_handle_t *handle, uint64_t ino,
                      int (*each)(void *arg, const char *path), void *arg);
 
@@ -230,24 +230,24 @@ int64_t kest_iwritex(kest_ifile_t *file, const void *buf, int64_t len, int64_t o
 /* ---- directories ---------------------------------------------------------------------------- */
 
 /* Next entry of an open directory, "." and ".." included; the listing is taken whole at the first
- * call. The snapshot that an active directory is judged by is the one that this process opened, as a
- * handle or for a scan, last. Not shown: the entries that belong to nobody's restore (snapshots of the fileset, .snapshots
- * and, at the top of the file system, .unlinked; junctions that stand where they stood in the
- * snapshot; the stub of a junction that the active tree still has there). 0 and NULL at the end;
- * -1 errno. */
+ * call. Entries that a restore leaves alone are omitted: snapshots of the fileset, .snapshots and, at
+ * the top of the file system, .unlinked; junctions whose place did not change since the snapshot, and
+ * in the snapshot their stubs. An active directory is compared with the snapshot that this process
+ * opened last, as a handle or for a scan. 0 and NULL at the end; -1 errno. */
 int kest_ireaddir64(kest_ifile_t *dir, const kest_direntx64_t **entry);
 
 /* Next entry by (name, inode, generation) that only one of the two directories of this inode number
  * holds, across a difference scan; `dir` is the active one. Entries of the snapshot carry
- * KEST_DT_SNAP; a name that now means another object comes twice. Entries come by name. What the two
- * trees tell is checked against the live directory when the listing is taken: what is gone by then, and
- * what has come back, is left out. A directory whose entries are equal costs nothing. */
+ * KEST_DT_SNAP; a name that now means another object comes twice. Entries come by name; those of a
+ * directory that only the fileset has come in the order of the directory. The listing is taken whole at
+ * the first call and checked against the live directory: entries that are gone by then, and those that
+ * have come back, are left out. A directory whose entries are equal costs nothing. */
 int kest_ireaddirx64(kest_ifile_t *dir, kest_iscan_t *scan, const kest_direntx64_t **entry);
 
-/* Like kest_ireaddir64, but only the entries of the active directory that matter to a walk: inodes of the
- * difference, directories that lead to one (kest_leads_to_change), and junctions; by inode number, the
- * junctions first. An entry that by now means another inode, or is gone, is left out. Costs what there
- * is to return, whatever the size of the directory. */
+/* Like kest_ireaddir64, but only the entries of the active directory that matter to a walk: inodes of
+ * the difference, directories that lead to one (kest_leads_to_change), and junctions; by inode number,
+ * the junctions first. An entry that by now means another inode, or is gone, is left out. Costs what
+ * there is to return, whatever the size of the directory. */
 int kest_ireaddirc64(kest_ifile_t *dir, kest_iscan_t *scan, const kest_direntx64_t **entry);
 
 /* ---- attributes ----------------------------------------------------------------------------- */
@@ -273,12 +273,13 @@ int kest_putacl(const char *path, int flags, const void *buf);
  * on btrfs and are ignored. `flags`: bit 0 access, bit 1 modification. Links are not followed. */
 int kest_set_times_path(const char *path, int flags, const kest_timestruc64_t times[4]);
 
-/* Control request on a descriptor, O_PATH included. `request`: header of four int32 (total length, version 1,
- * error offset 0, reserved 0), then directives of 24 bytes: int32 length, int32 type, int32 value,
- * int32 fourth, 8 bytes 0. Types: 5000/5001 set/get immutable, 5004/5005 set/get append-only; get
- * fills the value with 0 or 1. Type 6001 (read an attribute) has a layout of its own: int32 length,
+/* Control request on a descriptor, O_PATH included. `request`: header of four int32 (total length,
+ * version 1, error offset 0, reserved 0), then directives of 24 bytes: int32 length, int32 type, int32
+ * value, int32 fourth, 8 bytes 0. Types: 5000/5001 set/get immutable, 5004/5005 set/get append-only;
+ * get fills the value with 0 or 1. Type 6001 (read an attribute) has a layout of its own: int32 length,
  * int32 6001, int32 name length, int32 value length, int32 flags, int32 reason (27 absent, 29 value
- * buffer too small, then the value length is what is needed), name padded to 8, value.
+ * buffer too small, then the value length is what is needed), name padded to 8, value. Attributes of
+ * the file system's own are named without "trusted.", as kest.CLONE.
  * Flags requests on an object that has no such flags (FIFO, device): set does nothing, get gives 0.
  * -1: EINVAL malformed, errno. */
 int kest_fcntl(int fd, void *request);
@@ -287,24 +288,25 @@ int kest_fcntl(int fd, void *request);
 
 /* A clone parent is a read-only regular file whose blocks its clones share; a clone can be a parent in
  * turn. The relation is held in two attributes of the file system's own, which attribute blobs neither
- * carry nor remove and the difference compares: CLONE (16 bytes: parent inode number, big-endian; byte 12
- * flags 0x80 parent, 0x40 the parent lives in a snapshot; bytes 14, 15 depth, big-endian, 0 for a file that
- * is no clone itself) and CLONESNAP (8 bytes; bytes 4 to 7 snapshot id, big-endian).
- * A parent carries the immutable flag: writing and truncation give EROFS, attribute changes EPERM, until
- * the flag is cleared. Its names may come and go all the same: kest_unlink, kest_rename_noreplace and
- * kest_link lift the flag for the step. */
+ * carry nor remove and the difference compares: CLONE (16 bytes: parent inode number, big-endian; byte
+ * 12 flags 0x80 parent, 0x40 the parent lives in a snapshot; bytes 14, 15 depth, big-endian, 0 for a
+ * file that is no clone itself) and CLONESNAP (8 bytes; bytes 4 to 7 snapshot id, big-endian).
+ *
+ * A parent carries the immutable flag: writing and truncation give EROFS, attribute changes EPERM,
+ * until the flag is cleared. Its names may come and go all the same: kest_unlink, kest_rename_noreplace
+ * and kest_link lift the flag for the step. */
 
-/* Turns a regular file into a clone parent, keeping access and modification time and, if it is a clone, its
- * parent and depth. A parent that lost its immutable flag gets it again (0). `snap_path` is unused (NULL).
- * -1: EROFS it is one already, its flags forbid it or its tree is read-only, EINVAL no regular file, EBUSY
- * somebody, the caller included, has it open for writing, errno. */
+/* Turns a regular file into a clone parent, keeping access and modification time and, if it is a clone,
+ * its parent and depth. A parent that lost its immutable flag gets it again (0). `snap_path` is unused
+ * (NULL). -1: EROFS it is one already, its flags forbid it or its tree is read-only, EINVAL no regular
+ * file, EBUSY somebody, the caller included, has it open for writing, errno. */
 int kest_clone_snap(const char *path, const char *snap_path);
 
-/* Creates `path` (mode 0600, caller's owner) as a clone of the clone parent `parent_path`, sharing all its
- * blocks, at the depth below. It appears whole or not at all. The parent may lie in a subvolume related to
- * that of `path` (a snapshot of it, say), which the clone then names. -1: EEXIST, EINVAL the parent is none,
- * EROFS the flags of the directory forbid it, EXDEV another file system or an unrelated subvolume, EOVERFLOW
- * too deep, errno. */
+/* Creates `path` (mode 0600, caller's owner) as a clone of the clone parent `parent_path`, sharing all
+ * its blocks, one level deeper than the parent. It appears whole or not at all. The parent may lie in a
+ * snapshot of the fileset of `path`, or in another relative, which the clone then names. -1: EEXIST,
+ * EINVAL `parent_path` is no clone parent, EROFS the flags of the directory forbid it, EXDEV another
+ * file system or an unrelated tree, EOVERFLOW too deep, errno. */
 int kest_clone_copy(const char *parent_path, const char *path);
 
 /* The same for open inodes; `path` lies in the fileset `active` and is resolved like those of the path
@@ -312,19 +314,20 @@ int kest_clone_copy(const char *parent_path, const char *path);
 int kest_iclone_snap(kest_ifile_t *file);
 int kest_iclone_copy(kest_ifile_t *parent, kest_fssnap_handle_t *active, const char *path);
 
-/* The clone attributes of an open inode: 1 and both (the second zeroed where there is none; each may be NULL),
- * 0 it is neither clone nor parent (also where an attribute is too short to be one), -1 errno. */
+/* The clone attributes of an open inode: 1 and both (the second zeroed where there is none; each may be
+ * NULL); 0 neither clone nor parent, or an attribute too short to be one; -1 errno. */
 int kest_iclone_attr(kest_ifile_t *file, uint8_t clone[16], uint8_t clone_snap[8]);
 
-/* Sets the parent's inode number in the attribute of a clone of the active fileset; access and modification
- * time and the flags are kept. -1: EINVAL no clone, errno. */
+/* Sets the parent's inode number in the attribute of a clone of the active fileset; access and
+ * modification time and the flags are kept. -1: EINVAL no clone, errno. */
 int kest_iset_clone_parent(kest_ifile_t *file, uint64_t parent);
 
-/* Shares bytes of `from` (any tree of the same file system) with `to` at the same offset: no data moves, holes
- * and preallocation included; `to` grows where the range ends behind it. Offset and end are multiples of 4096,
- * or the end is the end of `from` and `to` is no longer. File capabilities are kept, the modification time is
- * not. 0, also for no bytes; -1: EINVAL it cannot be shared (a part of a block, a no-copy-on-write file against
- * an ordinary one, another file system), which calls for a copy, EROFS the flags forbid it, errno. */
+/* Shares bytes of `from` (any tree of the same file system) with `to` at the same offset: no data
+ * moves, holes and preallocation included; `to` grows where the range ends beyond it. Offset and end
+ * are multiples of 4096, or the end is the end of `from` and `to` is no longer. File capabilities are
+ * kept, the modification time is not. 0, also for no bytes; -1: EINVAL it cannot be shared (a part of a
+ * block, a no-copy-on-write file against an ordinary one, another file system), which calls for a copy,
+ * EROFS the flags forbid it, errno. */
 int kest_ishare(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t len);
 
 /* Whether that can be done with whole blocks of the two, as the committed trees say: 1, 0, -1 errno. */
@@ -333,8 +336,8 @@ int kest_ishareable(kest_ifile_t *from, kest_ifile_t *to);
 #define KEST_BLOCK_MAP 86
 #define KEST_BLOCK_MAP_EXTENTS 128
 typedef struct kest_block_map {
-  int64_t bm_start, bm_end; /* in: the range asked for; out: the part that the extents cover, which ends at
-                               bm_end, at the end of the file or where the table was full */
+  int64_t bm_start, bm_end; /* in: the range asked for; out: the part that the extents cover, which ends
+                               at bm_end, at the end of the file or where the table was full */
   uint32_t bm_count;
   uint32_t bm_pad;
   struct {
@@ -343,16 +346,16 @@ typedef struct kest_block_map {
   } bm_extents[KEST_BLOCK_MAP_EXTENTS]; /* adjoining, in order */
 } kest_block_map_t;
 /* Fills `record`, a kest_block_map_t, with what lies where in the regular file `fd` (open for reading).
- * `code` is KEST_BLOCK_MAP, `argument` unused (NULL). 0, with no extents where the range begins at or behind
- * the end of the file; -1: EINVAL, errno. */
+ * `code` is KEST_BLOCK_MAP, `argument` unused (NULL). 0, with no extents where the range begins at or
+ * after the end of the file; -1: EINVAL, errno. */
 int kxfattr(int fd, int code, void *record, void *argument);
 
 /* ---- path calls ----------------------------------------------------------------------------- */
 /* The plain system call, 0 (or a descriptor) or -1 errno, with these differences:
  * - `active` is the fileset that the path lies in. The path begins with the path of its root directory
- *   (kest_get_pathname_from_fssnaphandle) and is resolved beneath that directory, which the handle holds
- *   open: ELOOP where a symbolic link stands on the way, EXDEV where the path leads elsewhere, over a mount
- *   or into another subvolume. The final component is never followed.
+ *   (kest_get_pathname_from_fssnaphandle) and is resolved beneath that directory, which the handle
+ *   holds open: ELOOP where a component is a symbolic link, EXDEV where the path leads elsewhere, over
+ *   a mount or into another subvolume. The final component is never followed.
  * - `ino`, where it is not 0, is the inode that is meant: ESTALE where the path names another one.
  * - Where the kernel answers EPERM and the flags of the object or its parent directory are the reason,
  *   errno is EROFS.
@@ -363,35 +366,37 @@ int kest_rmdir(kest_fssnap_handle_t *active, const char *path, uint64_t ino);
 int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to, uint64_t ino);
 /* Keeps file capabilities. */
 int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size, uint64_t ino);
-/* open(2) with `flags` (O_CREAT or none added to O_CLOEXEC | O_NOFOLLOW) and `mode`; the umask does
- * not apply. With O_CREAT: EEXIST also where something stands there that is no regular file. Returns a
- * descriptor. */
+/* open(2) with `flags` and `mode`; O_CLOEXEC and O_NOFOLLOW are added, and the umask does not apply.
+ * With O_CREAT, what exists is opened only if it is a regular file: ELOOP a symbolic link, EISDIR a
+ * directory, EEXIST anything else. Returns a descriptor. */
 int kest_open_file(kest_fssnap_handle_t *active, const char *path, int flags, mode_t mode);
-/* Both: ESTALE where the new object was exchanged before its mode was set. */
+/* kest_mkdir and kest_mknod: ESTALE where the new object was exchanged before its mode was set. */
 int kest_mkdir(kest_fssnap_handle_t *active, const char *path, mode_t mode);
 int kest_mknod(kest_fssnap_handle_t *active, const char *path, mode_t mode, dev_t device);
 int kest_symlink(kest_fssnap_handle_t *active, const char *target, const char *path);
 int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to, uint64_t ino);
-/* Keeps set-user-id, set-group-id and file capabilities. EPERM stays EPERM. */
-int kest_lchown(kest_fssnap_handle_t *active, const char *path, uint64_t uid, uint64_t gid);
 
 /* From now on paths below `path` are resolved beneath the directory `fd` of the fileset (duplicated),
- * whatever stands at `path`: where users can write to the directory that it lies in, they can exchange it.
- * One at a time. -1: EXDEV `fd` is no directory of the fileset, errno. */
+ * whatever is at `path` by then: users who can write to its parent directory can exchange it. One at a
+ * time. -1: EXDEV `fd` is no directory of the fileset, errno. */
 int kest_anchor(kest_fssnap_handle_t *active, const char *path, int fd);
 
 /* ---- paths and descriptors ------------------------------------------------------------------ */
-/* Resolved like those above, of any length (a path below 4096 bytes in the fileset can be longer through a
- * snapshot or a temporary location). `handle`: the fileset or snapshot that the path lies in. */
+/* Paths are resolved like those above and can be of any length: one of less than 4096 bytes in the
+ * fileset can be longer through a snapshot or a temporary location. `handle` is the fileset or snapshot
+ * that the path lies in. */
+
 /* O_PATH descriptor, close-on-exec, of the object at `path`; its final component is not followed. */
 int kest_open_path(kest_fssnap_handle_t *handle, const char *path);
 int kest_lstat(kest_fssnap_handle_t *handle, const char *path, struct stat *st);
 /* Descriptor, close-on-exec, of an open inode: for what an O_PATH descriptor is good for. */
 int kest_path_descriptor(const kest_ifile_t *file);
-/* The calls of the same names without f, on any descriptor, O_PATH included. */
+/* kest_getacl, kest_putacl and kest_set_times_path on any descriptor, O_PATH included. */
 int kest_fgetacl(int fd, int flags, void *buf);
 int kest_fputacl(int fd, int flags, const void *buf);
 int kest_fset_times(int fd, int flags, const kest_timestruc64_t times[4]);
+/* Sets the owner of the object behind any descriptor, O_PATH included. Keeps set-user-id, set-group-id
+ * and file capabilities. EPERM stays EPERM. */
 int kest_fchown(int fd, uint64_t uid, uint64_t gid);
 
 #ifdef __cplusplus

@@ -2,10 +2,7 @@
 
 #include <cerrno>
 
-#include <fcntl.h>
 #include <sys/stat.h>
-
-#include "btrfs/file_handle.h"
 
 namespace kest {
 
@@ -15,22 +12,19 @@ LiftedFlags::~LiftedFlags() {
   errno = saved;
 }
 
-int LiftedFlags::lift(int path_fd, Protection afterwards) {
-  int fd = reopen(path_fd, O_RDONLY | O_NONBLOCK | O_NOATIME);
-  if (fd < 0) return fd;
-  UniqueFd opened(fd);
-  if (int rc = writeProtection(fd, {}); rc != 0) return rc;
-  fd_ = std::move(opened);
+int LiftedFlags::lift(Protection afterwards) {
+  if (int rc = inode_.writeProtection({}); rc != 0) return rc;
+  lifted_ = true;
   afterwards_ = afterwards;
   return 0;
 }
 
 int LiftedFlags::setAgain() {
-  if (!fd_) return 0;
-  UniqueFd fd = std::move(fd_);
+  if (!lifted_) return 0;
+  lifted_ = false;
   struct stat st;
-  if (fstat(fd.get(), &st) != 0) return -errno;
-  return st.st_nlink == 0 ? 0 : writeProtection(fd.get(), afterwards_);
+  if (int rc = inode_.stat(&st); rc != 0) return rc;
+  return st.st_nlink == 0 ? 0 : inode_.writeProtection(afterwards_);
 }
 
 }  // namespace kest

@@ -1,17 +1,18 @@
 #include "object/attr_restore.h"
 
+#include <sys/stat.h>
 #include <sys/xattr.h>
+
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
-#include "object/clear_flags.h"
-#include "object/control_request.h"
-#include "object/identity.h"
-#include "object/object_stat.h"
-#include "object/snap_path.h"
+#include "base/fd_path.h"
+#include "base/unique_fd.h"
+#include "object/flags.h"
+#include "object/paths.h"
+#include "object/places.h"
 #include "object/xattr_restore.h"
-#include "run/descriptor.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -21,6 +22,22 @@ namespace {
 constexpr int kFirstAcl = 10240;  // bytes
 constexpr int kAllTimes = 15;
 constexpr char kCapability[] = "security.capability";
+
+// Codes of the trace line.
+enum AttrStep : int {
+  kOpenObject = 1,
+  kFindCopy = 2,  // the object's copy in the snapshot
+  kReadAcl = 3,
+  kPutAcl = 5,
+  kIdentify = 6,  // the object is not the copy's: another type (EINVAL) or another inode (ESTALE)
+  kSetOwner = 7,
+  kSetTimes = 8,
+  kOpenCopy = 10,
+  kReadCopyFlags = 11,
+  kSetImmutable = 12,  // also: the object's own flags cannot be read
+  kSetAppendOnly = 13,
+  kSetCapability = 14,
+};
 
 // The head of an ACL buffer; the library's part follows.
 struct AclHead {
@@ -35,181 +52,172 @@ struct Target {
   const std::string &path;
   std::string snapPath;  // for traces
   kest_ifile_t *snap;
-  Descriptor fd;
+  UniqueFd fd;
   struct stat st {};
-  Descriptor snapFd;
+  UniqueFd snapFd;
   kest_iattr64_t attr{};
 };
 
-// Each step: 0, or the code of the failing one with errno.
+// Runs `step`, a system call or library call, and clears flags that forbid it.
+template <typename Call>
+Result attempt(const Target &target, AttrStep step, const Call &call) {
+  const Result r = retryClearing(target.path, "", [&] { return called(call()); });
+  return r ? Result{} : failed(step, r.err);
+}
 
 // The change of the owner keeps the mode, which is restored after it: until then a program would run as
 // the new owner because the old one wanted it.
-int dropSpecialBits(const Target &target) {
-  if (!isRegular(target.st.st_mode) || (target.st.st_mode & (S_ISUID | S_ISGID)) == 0) return 0;
-  const std::string name = descriptorPath(target.fd.get());
+Result dropSpecialBits(const Target &target) {
+  if (!isRegular(target.st.st_mode) || (target.st.st_mode & (S_ISUID | S_ISGID)) == 0) return {};
+  const FdPath name(target.fd.get());
   const mode_t mode = target.st.st_mode & 01777;
-  return retryClearing(target.path, "", [&] { return chmod(name.c_str(), mode); });
+  return attempt(target, kSetOwner, [&] { return chmod(name.get(), mode); });
 }
 
-int restoreOwner(Target &target) {
+Result restoreOwner(const Target &target) {
   const kest_iattr64_t &attr = target.attr;
-  if (target.st.st_uid == attr.ia_uid && target.st.st_gid == attr.ia_gid) return 0;
-  if (dropSpecialBits(target) != 0) return 7;
-  const int err = retryClearing(target.path, "",
-                                [&] { return kest_fchown(target.fd.get(), attr.ia_uid, attr.ia_gid); });
-  return err == 0 ? 0 : 7;
+  if (target.st.st_uid == attr.ia_uid && target.st.st_gid == attr.ia_gid) return {};
+  if (Result r = dropSpecialBits(target); !r) return r;
+  return attempt(target, kSetOwner,
+                 [&] { return kest_fchown(target.fd.get(), attr.ia_uid, attr.ia_gid); });
 }
 
-int readAcl(Target &target, std::vector<char> *acl) {
+// A buffer that is too small is made larger once.
+Result readAcl(const Target &target, std::vector<char> *acl) {
   acl->resize(kFirstAcl);
   for (bool grown = false;; grown = true) {
     AclHead head{static_cast<int32_t>(acl->size()), 0, 1};
     memcpy(acl->data(), &head, sizeof head);
-    if (kest_fgetacl(target.snapFd.get(), 0, acl->data()) == 0) return 0;
-    if (errno != ENOSPC || grown) return -1;
+    if (kest_fgetacl(target.snapFd.get(), 0, acl->data()) == 0) return {};
+    if (errno != ENOSPC || grown) return failed(kReadAcl);
     memcpy(&head, acl->data(), sizeof head);
-    if (head.length <= static_cast<int32_t>(acl->size())) return -1;
+    if (head.length <= static_cast<int32_t>(acl->size())) return failed(kReadAcl);
     acl->resize(static_cast<size_t>(head.length));
   }
 }
 
 // The blob carries the twelve mode bits too. After the owner: changing that clears some of them.
-int restoreAcl(Target &target) {
+Result restoreAcl(const Target &target) {
   std::vector<char> acl;
-  if (readAcl(target, &acl) != 0) {
+  if (Result r = readAcl(target, &acl); !r) {
     traceLog("restoreAttr: failed to get acl. fileSnapPathP %s\n", target.snapPath.c_str());
-    return 3;
+    return r;
   }
-  if (retryClearing(target.path, "", [&] { return kest_fputacl(target.fd.get(), 0, acl.data()); }) == 0)
-    return 0;
-  traceLog("restoreAttr: failed to put acl. path %s\n", target.path.c_str());
-  return 5;
+  const Result put =
+      attempt(target, kPutAcl, [&] { return kest_fputacl(target.fd.get(), 0, acl.data()); });
+  if (!put) traceLog("restoreAttr: failed to put acl. path %s\n", target.path.c_str());
+  return put;
 }
 
 bool sameTime(const struct timespec &a, const kest_timestruc64_t &b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == static_cast<long>(b.tv_nsec);
 }
 
-int restoreTimes(Target &target) {
+Result restoreTimes(const Target &target) {
   const kest_iattr64_t &attr = target.attr;
   struct stat now;
-  if (fstat(target.fd.get(), &now) != 0) return 8;
-  if (sameTime(now.st_atim, attr.ia_atime) && sameTime(now.st_mtim, attr.ia_mtime)) return 0;
+  if (fstat(target.fd.get(), &now) != 0) return failed(kSetTimes);
+  if (sameTime(now.st_atim, attr.ia_atime) && sameTime(now.st_mtim, attr.ia_mtime)) return {};
   const kest_timestruc64_t times[4] = {attr.ia_atime, attr.ia_mtime, attr.ia_ctime, attr.ia_createtime};
-  const int err = retryClearing(target.path, "",
-                                [&] { return kest_fset_times(target.fd.get(), kAllTimes, times); });
-  return err == 0 ? 0 : 8;
+  return attempt(target, kSetTimes, [&] { return kest_fset_times(target.fd.get(), kAllTimes, times); });
 }
 
-// Data writes and owner changes drop a file's capability. Each keeps it for itself, but of several
-// workers on one file one can see the moment in which another's step has dropped it. So the last word
-// is here.
-int restoreCapability(Target &target) {
-  if (settings.noXAttr || !isRegular(target.attr.ia_mode) || target.attr.ia_xattr == 0) return 0;
-  const std::string snap_name = descriptorPath(target.snapFd.get());
-  const std::string name = descriptorPath(target.fd.get());
+// Data writes and owner changes drop a file's capability. Each of these steps keeps it for itself, but
+// of several workers on one file one can read it at the moment in which another's step has dropped it.
+// So it is compared and set once more here, where nothing drops it any more.
+Result restoreCapability(const Target &target) {
+  if (settings.noXAttr || !isRegular(target.attr.ia_mode) || target.attr.ia_xattr == 0) return {};
+  const FdPath snap_name(target.snapFd.get()), name(target.fd.get());
   char wanted[256], now[256];
-  const ssize_t length = getxattr(snap_name.c_str(), kCapability, wanted, sizeof wanted);
-  if (length < 0) return errno == ENODATA || errno == EOPNOTSUPP ? 0 : 14;
-  const ssize_t there = getxattr(name.c_str(), kCapability, now, sizeof now);
-  if (there == length && memcmp(now, wanted, static_cast<size_t>(length)) == 0) return 0;
-  const int err = retryClearing(target.path, "", [&] {
-    return setxattr(name.c_str(), kCapability, wanted, static_cast<size_t>(length), 0);
+  const ssize_t length = getxattr(snap_name.get(), kCapability, wanted, sizeof wanted);
+  if (length < 0) return errno == ENODATA || errno == EOPNOTSUPP ? Result{} : failed(kSetCapability);
+  const ssize_t there = getxattr(name.get(), kCapability, now, sizeof now);
+  if (there == length && memcmp(now, wanted, static_cast<size_t>(length)) == 0) return {};
+  return attempt(target, kSetCapability, [&] {
+    return setxattr(name.get(), kCapability, wanted, static_cast<size_t>(length), 0);
   });
-  return err == 0 ? 0 : 14;
 }
 
-// Last of all: either flag would stand in the way of every other step.
-int restoreFlags(Target &target) {
+// Last of all: either flag would forbid every other step.
+Result restoreFlags(const Target &target) {
+  const int fd = target.fd.get();
   InodeFlags wanted, now;
-  if (getInodeFlags(target.snapFd.get(), &wanted) != 0) return 11;
-  if (getInodeFlags(target.fd.get(), &now) != 0) return 12;
-  if (now.immutable != wanted.immutable && setImmutableFlag(target.fd.get(), wanted.immutable) != 0)
-    return 12;
-  if (now.appendOnly != wanted.appendOnly && setAppendOnlyFlag(target.fd.get(), wanted.appendOnly) != 0)
-    return 13;
-  return 0;
+  if (Result r = getInodeFlags(target.snapFd.get(), &wanted); !r) return failed(kReadCopyFlags, r.err);
+  Result r = getInodeFlags(fd, &now);
+  if (r && now.immutable != wanted.immutable) r = setImmutableFlag(fd, wanted.immutable);
+  if (!r) return failed(kSetImmutable, r.err);
+  if (now.appendOnly != wanted.appendOnly) r = setAppendOnlyFlag(fd, wanted.appendOnly);
+  return r ? Result{} : failed(kSetAppendOnly, r.err);
 }
 
-int openSnapshotCopy(Target &target) {
-  if (target.snap == nullptr || kest_istat(target.snap, &target.attr) != 0) return 6;
-  if ((target.st.st_mode & S_IFMT) != (target.attr.ia_mode & S_IFMT)) {
-    errno = EINVAL;
-    return 6;
-  }
-  if (!mayBecome(target.st, target.snap->if_inode, target.attr)) {
-    errno = ESTALE;
-    return 6;
-  }
-  target.snapFd = Descriptor(kest_path_descriptor(target.snap));
-  return target.snapFd ? 0 : 10;
+Result openSnapshotCopy(Target &target) {
+  if (kest_istat(target.snap, &target.attr) != 0) return failed(kIdentify);
+  if ((target.st.st_mode & S_IFMT) != (target.attr.ia_mode & S_IFMT)) return failed(kIdentify, EINVAL);
+  if (!isInodeOrReplacement(target.st, target.snap->if_inode, target.attr))
+    return failed(kIdentify, ESTALE);
+  target.snapFd.reset(kest_path_descriptor(target.snap));
+  return target.snapFd ? Result{} : failed(kOpenCopy);
 }
 
-int restoreAll(Target &target, int32_t phase) {
+Result restoreTarget(Target &target, int32_t phase) {
+  if (Result r = openSnapshotCopy(target); !r) return r;
   const mode_t type = target.st.st_mode & S_IFMT;
-  if (int code = restoreOwner(target); code != 0) return code;
+  if (Result r = restoreOwner(target); !r) return r;
   if (type == S_IFLNK) return restoreTimes(target);
-  if (type == S_IFDIR && phase != kPhaseDirs) return 0;
-  if (int code = restoreAcl(target); code != 0) return code;
-  if (int code = restoreTimes(target); code != 0) return code;
-  if (int code = restoreCapability(target); code != 0) return code;
-  return type == S_IFREG || type == S_IFDIR ? restoreFlags(target) : 0;
+  if (type == S_IFDIR && phase != kPhaseDirs) return {};
+  if (Result r = restoreAcl(target); !r) return r;
+  if (Result r = restoreTimes(target); !r) return r;
+  if (Result r = restoreCapability(target); !r) return r;
+  return type == S_IFREG || type == S_IFDIR ? restoreFlags(target) : Result{};
 }
 
-int restoreTarget(Target &target, int32_t phase) {
-  if (int code = openSnapshotCopy(target); code != 0) return code;
-  return restoreAll(target, phase);
-}
-
-// The code of the failing step with errno, or 0.
-int restore(const std::string &path, int32_t phase) {
-  Target target{.path = path,
-                .snapPath = {},
-                .snap = nullptr,
-                .fd = Descriptor(openObject(path)),
-                .snapFd = Descriptor()};
-  if (!target.fd) return 1;
-  if (fstat(target.fd.get(), &target.st) != 0) return 1;
-  uint64_t snap_ino = 0;
-  bool absent = false;
-  if (getSnapPath(path, true, &target.snapPath, &snap_ino, &absent) != 0) return absent ? 0 : 2;
-  const Inode snap = openInode(handles.oldFsP, snap_ino);
+Result restorePath(const std::string &path, int32_t phase) {
+  Target target{.path = path, .snapPath = {}, .snap = nullptr, .fd = {}, .snapFd = {}};
+  if (Result r = openObject(path, &target.fd); !r) return failed(kOpenObject, r.err);
+  if (fstat(target.fd.get(), &target.st) != 0) return failed(kOpenObject);
+  SnapPlace place;
+  if (Result r = getSnapPath(path, &place); !r)
+    return place.absent ? Result{} : failed(kFindCopy, r.err);
+  Inode snap;
+  if (Result r = openInode(handles.oldFsP, place.ino, &snap); !r) return failed(kIdentify, r.err);
+  target.snapPath = std::move(place.path);
   target.snap = snap.get();
   return restoreTarget(target, phase);
 }
 
-int finish(const std::string &path, int code) {
-  if (code == 0) return 0;
-  const int err = errno;
-  traceLog("restoreAttr: path %s, rc %d, code %d, err %d\n", path.c_str(), -1, code, err);
-  errno = err;
-  return -1;
+Result restoreOpen(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, int32_t phase) {
+  Target target{.path = path,
+                .snapPath = {},
+                .snap = snap,
+                .fd = UniqueFd(kest_path_descriptor(active)),
+                .snapFd = {}};
+  if (!target.fd || fstat(target.fd.get(), &target.st) != 0) return failed(kOpenObject);
+  return restoreTarget(target, phase);
+}
+
+Result traced(const std::string &path, const Result &r) {
+  if (!r) {
+    traceLog("restoreAttr: path %s, rc %d, code %d, err %d\n", path.c_str(), r.rc, r.code, r.err);
+  }
+  return r;
 }
 
 }  // namespace
 
-int restoreAttr(const std::string &path, int32_t phase) {
-  return phase < kPhaseMain ? 0 : finish(path, restore(path, phase));
+Result restoreAttr(const std::string &path, int32_t phase) {
+  return phase < kPhaseMain ? Result{} : traced(path, restorePath(path, phase));
 }
 
-int restoreAttrOf(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, int32_t phase) {
-  if (phase < kPhaseMain) return 0;
-  Target target{.path = path,
-                .snapPath = {},
-                .snap = snap,
-                .fd = Descriptor(kest_path_descriptor(active)),
-                .snapFd = Descriptor()};
-  const bool open = target.fd && fstat(target.fd.get(), &target.st) == 0;
-  return finish(path, open ? restoreTarget(target, phase) : 1);
+Result restoreAttrOf(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, int32_t phase) {
+  return phase < kPhaseMain ? Result{} : traced(path, restoreOpen(path, snap, active, phase));
 }
 
-int restoreRootAttr() {
+Result restoreRootAttr() {
   const std::string &root = handles.rootPath;
   if (!settings.noXAttr) {
-    Inode snap = openInode(handles.oldFsP, handles.rootIno);
-    if (!snap) return errno;
-    if (int rc = restoreXAttr(handles.rootIno, snap.get(), &root); rc != 0) return rc;
+    Inode snap;
+    if (Result r = openInode(handles.oldFsP, handles.rootIno, &snap); !r) return r;
+    if (Result r = restoreXAttr(handles.rootIno, snap.get(), root); !r) return r;
   }
   return restoreAttr(root, kPhaseDirs);
 }

@@ -4,18 +4,19 @@
 #include <cstdint>
 #include <string>
 
+#include "base/result.h"
 #include "kest.h"
 
 // Makes them those of the object's snapshot copy. In phases 0 to 2 nothing. Files, links, FIFOs,
 // sockets and devices: everything, in every phase. Directories: the owner alone before phase 6,
 // everything in it. Flags come last, set or cleared as the snapshot has them. An object that the
-// snapshot does not hold is left as it is. 0 or an error code. The path may lie in a temporary
-// location.
-int restoreAttr(const std::string &path, int32_t phase);
+// snapshot does not hold is left as it is. Failures are traced; their rc is -1. The path may lie in a
+// temporary location.
+Result restoreAttr(const std::string &path, int32_t phase);
 
 // The same for the object at `path` that `active` has open; `snap` is its snapshot copy.
-int restoreAttrOf(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, int32_t phase);
+Result restoreAttrOf(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, int32_t phase);
 
 // The same for the root directory of the fileset, extended attributes included (unless -x); called
 // once, when nothing changes the root directory any more.
-int restoreRootAttr();
+Result restoreRootAttr();

@@ -4,9 +4,8 @@
 #include <new>
 #include <vector>
 
-#include "object/clear_flags.h"
-#include "object/identity.h"
-#include "object/object_stat.h"
+#include "object/flags.h"
+#include "object/paths.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
 
@@ -15,12 +14,22 @@ namespace {
 constexpr int kFirstBlob = 10240;  // bytes
 constexpr int kSelectAll = 32, kSelectEncrypted = 64;
 
+// Codes of the trace line.
+enum XAttrStep : int {
+  kStatCopy = 1,      // the snapshot's inode
+  kLookAtObject = 3,  // also: the object is another one than the snapshot's inode (ESTALE)
+  kOpenObject = 4,
+  kGrowBuffer = 5,
+  kReadAttributes = 6,
+  kPutAttributes = 7,
+};
+
 int attributeFlags() {
   return settings.encryptEA ? kSelectAll | kSelectEncrypted : kSelectAll;
 }
 
-// Reads the snapshot's attributes; 0, or the code of the step and errno.
-int readBlob(uint64_t ino, kest_ifile_t *snapInode, std::vector<char> *blob) {
+// Reads the snapshot's attributes. A buffer that is too small is made larger once.
+Result readBlob(uint64_t ino, kest_ifile_t *snapInode, std::vector<char> *blob) {
   const int flags = attributeFlags();
   blob->resize(kFirstBlob);
   for (bool grown = false;; grown = true) {
@@ -31,86 +40,85 @@ int readBlob(uint64_t ino, kest_ifile_t *snapInode, std::vector<char> *blob) {
     if (kest_igetattrsx(snapInode, flags, blob->data(), capacity, &size) == 0) {
       traceLog("restoreXAttr: ino %lld attrSize %d\n", static_cast<long long>(ino), size);
       blob->resize(static_cast<size_t>(size));
-      return 0;
+      return {};
     }
-    if (errno != ENOSPC || grown || size <= capacity) return 6;
+    if (errno != ENOSPC || grown || size <= capacity) return failedErrno(kReadAttributes);
     try {
       blob->resize(static_cast<size_t>(size));
     } catch (const std::bad_alloc &) {
-      errno = ENOMEM;
-      return 5;
+      return failedErrno(kGrowBuffer, ENOMEM);
     }
   }
 }
 
-int putBlob(kest_ifile_t *target, const std::vector<char> &blob, const std::string *path) {
+// What one call restores: the attributes of the snapshot's inode `ino`, to the object at `path`.
+struct Attributes {
+  uint64_t ino;
+  kest_ifile_t *snapInode;
+  const std::string &path;
+  kest_iattr64_t attr{};
+};
+
+Result putBlob(kest_ifile_t *target, const std::vector<char> &blob, const std::string &path) {
   const int flags = attributeFlags();
-  const auto put = [&] {
+  return retryClearing(path, "", [&] {
     const void *data = blob.empty() ? nullptr : blob.data();
     traceLog("restoreXAttr: eaFlag %d, bufP %p\n", flags, data);
-    return kest_iputattrsx(target, flags, data, nullptr);
-  };
-  if (path == nullptr) return put();
-  return retryClearing(*path, "", put);
+    return called(kest_iputattrsx(target, flags, data, nullptr));
+  });
 }
 
-// Gives `target` the attributes of the snapshot's inode `ino`. `path`: where flags in the way are
-// cleared, or null. The code of the failing step with errno, or 0.
-int bring(uint64_t ino, kest_ifile_t *snapInode, bool has_any, kest_ifile_t *target,
-          const std::string *path) {
+// Gives `target` the attributes. Where the snapshot's inode has none, those of `target` are removed.
+Result copyAttributes(const Attributes &from, kest_ifile_t *target) {
   std::vector<char> blob;
-  if (has_any) {
-    if (int code = readBlob(ino, snapInode, &blob); code != 0) return code;
+  if (from.attr.ia_xattr != 0) {
+    if (Result r = readBlob(from.ino, from.snapInode, &blob); !r) return r;
     if (blob.empty()) {
-      traceLog("restoreXAttr: skip migrated file in path %s, ino %lld\n",
-               path != nullptr ? path->c_str() : "NULL", static_cast<long long>(ino));
-      return 0;
+      traceLog("restoreXAttr: skip migrated file in path %s, ino %lld\n", from.path.c_str(),
+               static_cast<long long>(from.ino));
+      return {};
     }
   }
-  return putBlob(target, blob, path) == 0 ? 0 : 7;
+  return putBlob(target, blob, from.path).at(kPutAttributes);
 }
 
-// `target` null: the object at `path`, or the active inode of the same number, is opened.
-int restore(uint64_t ino, kest_ifile_t *snapInode, kest_ifile_t *target, const std::string *path) {
-  kest_iattr64_t attr;
-  if (kest_istat(snapInode, &attr) != 0) return 1;
-  const bool has_any = attr.ia_xattr != 0;
-  if (!has_any) {
-    traceLog("restoreXAttr: ino %lld. No EA to restore.\n", static_cast<long long>(ino));
-  }
-  if (target != nullptr) return bring(ino, snapInode, has_any, target, path);
-  uint64_t target_ino = ino;
-  if (path != nullptr) {
-    struct stat st;
-    if (statPath(*path, &st) != 0) return 3;
-    if (!mayBecome(st, ino, attr)) {
-      errno = ESTALE;
-      return 3;
-    }
-    target_ino = st.st_ino;
-  }
-  Inode opened = openInode(handles.activeFsP, target_ino);
-  return opened ? bring(ino, snapInode, has_any, opened.get(), path) : 4;
+// Opens the object at the path, if it is the one that the attributes are for.
+Result openTarget(const Attributes &from, Inode *target) {
+  struct stat st;
+  if (Result r = statPath(from.path, &st); !r) return r.at(kLookAtObject);
+  if (!isInodeOrReplacement(st, from.ino, from.attr)) return failedErrno(kLookAtObject, ESTALE);
+  return openInode(handles.activeFsP, st.st_ino, target).at(kOpenObject);
 }
 
-int restoreAndTrace(uint64_t ino, kest_ifile_t *snapInode, kest_ifile_t *target,
-                    const std::string *path) {
-  traceLog("restoreXAttr: ino %lld\n", static_cast<long long>(ino));
-  const int code = restore(ino, snapInode, target, path);
-  if (code == 0) return 0;
-  const int err = errno != 0 ? errno : EIO;
-  traceLog("restoreXAttr: ino %lld, path %s, rc %d, code %d, err %d\n", static_cast<long long>(ino),
-           path != nullptr ? path->c_str() : "NULL", err, code, err);
-  errno = err;
-  return err;
+// `target` null: the object at the path.
+Result restore(Attributes &from, kest_ifile_t *target) {
+  if (kest_istat(from.snapInode, &from.attr) != 0) return failedErrno(kStatCopy);
+  if (from.attr.ia_xattr == 0) {
+    traceLog("restoreXAttr: ino %lld. No EA to restore.\n", static_cast<long long>(from.ino));
+  }
+  if (target != nullptr) return copyAttributes(from, target);
+  Inode opened;
+  if (Result r = openTarget(from, &opened); !r) return r;
+  return copyAttributes(from, opened.get());
+}
+
+Result restoreAndTrace(Attributes from, kest_ifile_t *target) {
+  const long long number = static_cast<long long>(from.ino);
+  traceLog("restoreXAttr: ino %lld\n", number);
+  const Result r = restore(from, target);
+  if (!r) {
+    traceLog("restoreXAttr: ino %lld, path %s, rc %d, code %d, err %d\n", number, from.path.c_str(),
+             r.rc, r.code, r.err);
+  }
+  return r;
 }
 
 }  // namespace
 
-int restoreXAttr(uint64_t ino, kest_ifile_t *snapInode, const std::string *path) {
-  return restoreAndTrace(ino, snapInode, nullptr, path);
+Result restoreXAttr(uint64_t ino, kest_ifile_t *snapInode, const std::string &path) {
+  return restoreAndTrace({ino, snapInode, path}, nullptr);
 }
 
-int restoreXAttrOf(kest_ifile_t *snapInode, kest_ifile_t *active, const std::string &path) {
-  return restoreAndTrace(snapInode->if_inode, snapInode, active, &path);
+Result restoreXAttrOf(kest_ifile_t *snapInode, kest_ifile_t *active, const std::string &path) {
+  return restoreAndTrace({snapInode->if_inode, snapInode, path}, active);
 }

@@ -8,32 +8,33 @@
 #include <cstdlib>
 #include <string>
 
-#include "run/trace_buffer.h"
+#include "base/file_io.h"
 #include "run/trace_log.h"
-#include "run/work_access.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
 
 namespace {
+
 int unsaved = 0;
+
+Result writeMarker(const std::string &path, int code) {
+  UniqueFd fd;
+  if (Result r = openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND, &fd); !r) {
+    traceLog("!!Cannot create fatal error file %s\n", path.c_str());
+    return r;
+  }
+  Result written = writeAll(fd.get(), std::to_string(code) + "\n");
+  if (close(fd.release()) != 0 && written) written = failedErrno(0);
+  if (!written) traceLog("!!Cannot write fatal error file %s\n", path.c_str());
+  return written;
 }
 
-int setFatalError(int code) {
+}  // namespace
+
+void setFatalError(int code) {
   flushTraceLines();
-  const std::string path = workPath(kFatalError);
   if (code == 0) code = EIO;
-  const std::string line = std::to_string(code) + "\n";
-  const int fd = openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND);
-  if (fd < 0) {
-    unsaved = code;
-    traceLog("!!Cannot create fatal error file %s\n", path.c_str());
-    return -1;
-  }
-  const bool written = writeAll(fd, line) == 0;
-  if (close(fd) == 0 && written) return 0;
-  unsaved = code;
-  traceLog("!!Cannot write fatal error file %s\n", path.c_str());
-  return -1;
+  if (!writeMarker(workPath(kFatalError), code)) unsaved = code;
 }
 
 int unsavedFatalError() {
@@ -44,14 +45,15 @@ int getFatalError() {
   if (unsaved != 0) return unsaved;
   const std::string path = workPath(kFatalError);
   std::string text;
-  if (path.empty() || !readWholeFile(path, &text)) {
-    // A marker that is there and cannot be read is an error all the same.
-    if (!path.empty() && errno != ENOENT) {
-      traceLog("!!Get fatal error, err %d\n", 0);
-      return -1;
-    }
+  const Result read = path.empty() ? Result{} : readWholeFile(path, &text);
+  if (path.empty() || read.err == ENOENT) {
     traceLog("Doesn't find fatal error\n");
     return 0;
+  }
+  // A marker that exists and cannot be read is an error all the same.
+  if (!read) {
+    traceLog("!!Get fatal error, err %d\n", 0);
+    return -1;
   }
   const int number = atoi(text.substr(0, std::min(text.find('\n'), size_t{15})).c_str());
   traceLog("!!Get fatal error, err %d\n", number);

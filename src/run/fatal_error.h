@@ -3,11 +3,11 @@
 
 #include <cstdint>
 
-// Appends a line; 0, or -1 when the marker cannot be written. A code of 0 is recorded as EIO: a failed
-// batch is never a success.
-int setFatalError(int code);
+// Appends a line. What cannot be written is traced and kept for unsavedFatalError. A code of 0 is
+// recorded as EIO: a failed batch is never a success.
+void setFatalError(int code);
 
-// What this process could not write into the marker, so that its own exit status must tell; 0 in
+// What this process could not write into the marker, so that its own exit status must say it; 0 in
 // general.
 int unsavedFatalError();
 

@@ -1,4 +1,4 @@
-// Paths: building and cutting them under the 4096-byte rule, and their place.
+// Paths: building and cutting them under the 4096-byte rule.
 #pragma once
 
 #include <string>

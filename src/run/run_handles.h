@@ -1,12 +1,13 @@
-// The file-system handles of a process: opened once by the driver, used by every module.
+// The file-system handles of a process: opened once, used by every module.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <string>
 
+#include "base/result.h"
+#include "base/unique_fd.h"
 #include "kest.h"
-#include "run/descriptor.h"
 
 struct RunHandles {
   kest_fssnap_handle_t *activeFsP = nullptr;  // the fileset as it is
@@ -32,12 +33,16 @@ struct ScanCloser {
 };
 using InodeScan = std::unique_ptr<kest_iscan_t, ScanCloser>;
 
-// Opens inode `ino` of a handle (flags 0 read, 1 write); empty and errno on failure.
-Inode openInode(kest_fssnap_handle_t *fs, uint64_t ino, int flags = 0);
+// Opens inode `ino` of a tree (flags 0 read, 1 write). rc of a failure is the errno, ENOENT where the
+// tree holds no such inode.
+Result openInode(kest_fssnap_handle_t *fs, uint64_t ino, Inode *file, int flags = 0);
 
-// The open inode of a regular file behind `fd`, open for reading and writing; it keeps the descriptor.
-// Empty and errno on failure, and `fd` as it was.
-Inode takeInode(kest_fssnap_handle_t *fs, Descriptor *fd);
+// The same where a missing inode is no failure: `file` is empty then.
+Result openIfThere(kest_fssnap_handle_t *fs, uint64_t ino, Inode *file, int flags = 0);
+
+// The open inode of a regular file behind `fd`, open for reading and writing; it takes the descriptor
+// over. After a failure, whose rc is the errno, `fd` is as it was.
+Result takeInode(kest_fssnap_handle_t *fs, UniqueFd *fd, Inode *file);
 
 inline bool isRegular(uint32_t mode) {
   return S_ISREG(mode);

@@ -6,7 +6,28 @@
 #include <cstdint>
 #include <string>
 
+// What a process is for.
+enum class Role {
+  kMaster,      // fsetrestore as the administrator starts it
+  kWorker,      // fsetrestore LIST, started by the policy engine for one batch
+  kComparison,  // fsetcompare: reads both trees, has no work directory and changes nothing
+};
+
+// Phase numbers are on command lines and in the trace log.
+enum Phase : int32_t {
+  kPhaseMaster = 0,
+  kPhaseMain = 3,          // opList, opList.move, per-directory lists
+  kPhaseMoveBack = 4,      // regMoveList
+  kPhasePending = 5,       // regPendingMvList
+  kPhaseDirs = 6,          // dir.new, final directory move
+  kPhaseClones = 7,        // clone.<d>
+  kPhaseLinks = 8,         // link.ino
+  kPhaseCloneDelete = 31,  // clone.del.<d>
+  kPhaseCreate = 51,       // opList.copy
+};
+
 struct Settings {
+  Role role = Role::kMaster;
   std::string deviceP;  // absolute path, or as typed while the command line is read
   std::string filesetP;
   std::string snapOldP;
@@ -21,9 +42,9 @@ struct Settings {
   bool noXAttr = false;      // -x
   bool encryptEA = false;    // -E
   bool topDir = true;        // -D clears it: a worker that starts no nested run
-  int32_t phase = 0;         // 0 in the master, see Phase
+  int32_t phase = 0;         // 0 in the master and in comparisons, see Phase
   int32_t pass = 0;          // scan pass, from 1
-  std::string shareDir;      // path of the work directory
+  std::string shareDir;      // path of the work directory; empty in comparisons
   bool path2long = false;    // a path would have reached 4096 bytes
   bool dirsSettled = false;  // master: the final directory move has begun
 
@@ -32,22 +53,10 @@ struct Settings {
   bool keepWorkDir = false;  // -k, -v
   int32_t callerPid = 0;     // -c, workers
   std::string listFile;      // the batch of a worker
+
+  bool isMaster() const { return role == Role::kMaster; }
 };
 
 extern Settings settings;
-
-// Phase numbers are on command lines and in the trace log.
-enum Phase : int32_t {
-  kPhaseMaster = 0,
-  kPhaseMain = 3,          // opList, opList.move, per-directory lists
-  kPhaseMoveBack = 4,      // regMoveList
-  kPhasePending = 5,       // regPendingMvList
-  kPhaseDirs = 6,          // dir.new, final directory move
-  kPhaseClones = 7,        // clone.<d>
-  kPhaseLinks = 8,         // link.ino
-  kPhaseCloneDelete = 31,  // clone.del.<d>
-  kPhaseCreate = 51,       // opList.copy
-  kPhaseData = 52,         // opList.copy.delta
-};
 
 constexpr size_t kPathMax = 4096;  // a path is shorter than this

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <vector>
 
+#include "base/octal.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
@@ -23,35 +24,16 @@ std::vector<std::string_view> words(std::string_view line) {
   return found;
 }
 
-bool octal(char c) {
-  return c >= '0' && c <= '7';
-}
-
-std::string unescape(std::string_view word) {
-  std::string text;
-  for (size_t i = 0; i < word.size(); ++i) {
-    if (word[i] == '\\' && i + 3 < word.size() && octal(word[i + 1]) && octal(word[i + 2]) &&
-        octal(word[i + 3])) {
-      text +=
-          static_cast<char>((word[i + 1] - '0') * 64 + (word[i + 2] - '0') * 8 + (word[i + 3] - '0'));
-      i += 3;
-    } else {
-      text += word[i];
-    }
-  }
-  return text;
-}
-
 }  // namespace
 
 SnapshotTable parseSnapshotList(std::string_view text) {
   SnapshotTable table;
-  bool behind_header = false;
+  bool after_header = false;
   while (!text.empty()) {
     const std::string_view line = text.substr(0, text.find('\n'));
     text.remove_prefix(std::min(text.size(), line.size() + 1));
-    if (!behind_header) {
-      behind_header = line.find("Directory") != std::string_view::npos;
+    if (!after_header) {
+      after_header = line.find("Directory") != std::string_view::npos;
       continue;
     }
     const std::vector<std::string_view> word = words(line);
@@ -59,7 +41,7 @@ SnapshotTable parseSnapshotList(std::string_view text) {
     int64_t id = 0;
     const auto [end, error] = std::from_chars(word[1].data(), word[1].data() + word[1].size(), id);
     if (error == std::errc() && end == word[1].data() + word[1].size())
-      table.emplace(id, unescape(word[0]));
+      table.emplace(id, octalUnescaped(word[0]));
   }
   return table;
 }

@@ -8,9 +8,10 @@
 
 using SnapshotTable = std::map<int64_t, std::string>;
 
-// Reads the output of the snapshot-list command: every line behind the header that holds a name, an id,
+// Reads the output of the snapshot-list command: every line after the header that holds a name, an id,
 // six words and the fileset. Escapes in names (a backslash and three octal digits) are undone.
 SnapshotTable parseSnapshotList(std::string_view text);
 
-// The table of this run, read at the first question; empty, after a trace line, when it could not be listed.
+// The table of this run, read at the first question; empty, after a trace line, when it could not be
+// listed.
 const SnapshotTable &snapshotTable();

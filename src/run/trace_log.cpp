@@ -9,34 +9,60 @@
 #include <ctime>
 #include <vector>
 
+#include "base/file_io.h"
 #include "run/settings.h"
-#include "run/trace_buffer.h"
-#include "run/work_access.h"
 #include "run/work_dir.h"
 
 namespace {
 
-int log_fd = -1;
+UniqueFd log_fd;
 std::string log_dir;  // the work directory that log_fd belongs to
 
-int logDescriptor() {
-  if (log_fd >= 0 && log_dir == settings.shareDir) return log_fd;
+constexpr size_t kMostWaiting = 16 * 1024;  // bytes
+constexpr int64_t kPause = 1000000;         // nanoseconds
+
+std::string waiting;  // lines that are not written yet
+int64_t last_write = 0;
+
+int64_t nanoseconds() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * int64_t{1000000000} + now.tv_nsec;
+}
+
+bool openLog() {
+  if (log_fd && log_dir == settings.shareDir) return true;
   closeTraceLog();
-  if (settings.shareDir.empty()) return -1;
+  if (settings.shareDir.empty()) return false;
   const std::string path = workPath(kErrorLog);
-  if (path.empty()) return -1;
-  log_fd = openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND);
+  if (path.empty() || !openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND, &log_fd)) return false;
   log_dir = settings.shareDir;
-  return log_fd;
+  return true;
+}
+
+// Writes the line, or keeps it where the last write was less than a millisecond ago and fewer than 16
+// KiB wait.
+void putLine(std::string_view line) {
+  if (waiting.size() + line.size() > kMostWaiting) flushTraceLines();
+  waiting.append(line);
+  if (nanoseconds() - last_write >= kPause) flushTraceLines();
 }
 
 }  // namespace
 
+void flushTraceLines() {
+  if (waiting.empty()) return;
+  const int saved = errno;
+  (void)writeAll(log_fd.get(), waiting);  // a lost line never changes a result
+  waiting.clear();
+  last_write = nanoseconds();
+  errno = saved;
+}
+
 void closeTraceLog() {
   const int saved = errno;
   flushTraceLines();
-  if (log_fd >= 0) close(log_fd);
-  log_fd = -1;
+  log_fd.reset();
   log_dir.clear();
   errno = saved;
 }
@@ -66,8 +92,7 @@ const std::string &hostName() {
 
 void traceLog(const char *format, ...) {
   const int saved = errno;
-  const int fd = logDescriptor();
-  if (fd < 0) {
+  if (!openLog()) {
     errno = saved;
     return;
   }
@@ -91,20 +116,19 @@ void traceLog(const char *format, ...) {
   }
   va_end(again);
   va_end(args);
-  putTraceLine(fd, line);
+  putLine(line);
   errno = saved;
 }
 
 void dumpErrorLog() {
   flushTraceLines();
   if (!settings.Debug || settings.path2long || settings.shareDir.empty()) return;
-  const int fd = openWorkFile(workPath(kErrorLog), O_RDONLY);
-  if (fd < 0) return;
+  UniqueFd fd;
+  if (!openWorkFile(workPath(kErrorLog), O_RDONLY, &fd)) return;
   puts("---------------------");
   char piece[65536];
   ssize_t got;
-  while ((got = read(fd, piece, sizeof piece)) > 0 || (got < 0 && errno == EINTR))
+  while ((got = read(fd.get(), piece, sizeof piece)) > 0 || (got < 0 && errno == EINTR))
     if (got > 0) fwrite(piece, 1, static_cast<size_t>(got), stdout);
   fflush(stdout);
-  close(fd);
 }

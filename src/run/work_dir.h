@@ -1,56 +1,93 @@
-// Names in the work directory: the only place that spells them.
+// The work directory and the files in it. Users may be allowed to write to the directory that it lies
+// in and could exchange it for one of theirs, so everything in it is reached through a descriptor of
+// it.
 #pragma once
 
+#include <dirent.h>
+#include <sys/stat.h>
+
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
-inline constexpr char kOpList[] = "opList";
-inline constexpr char kOpListMove[] = "opList.move";
-inline constexpr char kOpListCopy[] = "opList.copy";
-inline constexpr char kOpListDelta[] = "opList.copy.delta";
-inline constexpr char kRegMoveList[] = "regMoveList";
-inline constexpr char kRegPendingMvList[] = "regPendingMvList";
-inline constexpr char kDirNew[] = "dir.new";
-inline constexpr char kDirMoveList[] = "dirMoveList";
-inline constexpr char kLinkIno[] = "link.ino";
-inline constexpr char kPolicy[] = "policy";
-inline constexpr char kCheckpointDir[] = "checkpoint";
-inline constexpr char kErrorLog[] = "ErrorLog";
-inline constexpr char kFatalError[] = "fatal.error";
-inline constexpr char kSnapList[] = "snapList";
-inline constexpr char kDiffTable[] = "diffTable";
+#include "base/result.h"
+#include "base/unique_fd.h"
+#include "formats/work_names.h"
+
 constexpr int kWorkDirMode = 0x755;  // hexadecimal, as the lists of older runs have it
 
-// Path of `name` in the work directory; empty, with path2long set, when it would be too long. What is a
-// whole path already is returned as it is.
+// ---- paths
+
+// Path of `name` (formats/work_names.h) in the work directory; empty, with path2long set, when it would
+// be too long. What is a whole path already is returned as it is.
 std::string workPath(std::string_view name);
+
+// The path of a name that workPath gave, relative to the work directory.
+std::string_view nameInWorkDir(std::string_view path);
 
 // True when the path lies below the work directory.
 bool inWorkDir(std::string_view path);
 
-// Creates a directory of the work directory with kWorkDirMode; one that exists counts as created.
-// 0 or an errno.
-int makeWorkDirectory(const std::string &path);
-
-// Every function below but checkpointPrefix returns a whole path, empty where it would be too long; the
-// constants above are names for workPath.
-std::string bucketDir(uint64_t ino);            // MOVE_<n>, n = ino AND 0x3FF
-std::string tempLocation(uint64_t ino);         // MOVE_<n>/_<ino>: where a moved-away object waits
-std::string cloneDeleteLocation(uint64_t ino);  // MOVE_<n>/_<ino>.delclone
-std::string destinationFile(uint64_t ino);      // MOVE_<n>/<ino>_: where it must end up
-std::string newParentFile(uint64_t ino);        // MOVE_<n>/<ino>.clone.newParent
-
-// DelDir_<ino> (deleted) or NewDir_<ino>: the lists of one top directory.
+// Whole paths, empty where they would be too long. The constants of work_names.h are for workPath.
+std::string bucketDir(uint64_t ino);
+std::string tempLocation(uint64_t ino);  // where a moved-away object waits
+std::string cloneDeleteLocation(uint64_t ino);
+std::string destinationFile(uint64_t ino);  // tells where it must end up
+std::string newParentFile(uint64_t ino);
 std::string dirSet(uint64_t ino, bool deleted);
-// <set>/<depth>, and <set>/<depth>.move.
 std::string dirSetList(uint64_t ino, bool deleted, int depth);
 std::string dirSetMoveList(uint64_t ino, bool deleted, int depth);
-
-std::string cloneList(int depth);        // clone.<d>
-std::string cloneDeleteList(int depth);  // clone.del.<d>
-
-// checkpoint/checkpoint.<callerPid>.<host>.<pid>; and "checkpoint.<callerPid>.", with which the names
-// begin in the checkpoint directory that belong to a caller.
+std::string cloneList(int depth);
+std::string cloneDeleteList(int depth);
 std::string checkpointFile(int32_t caller_pid, const std::string &host, int32_t pid);
-std::string checkpointPrefix(int32_t caller_pid);
+
+// ---- the directory
+
+// Opens the work directory, once, and checks that it is the run's: a directory, not a link to one; the
+// effective user's, writable by nobody else; and the inode that the master told its workers of. EPERM
+// where it is none of these, after a message. Every call below does it first, for paths in the work
+// directory, and resolves them beneath it, following no link. Other whole paths (a list or batch named
+// by hand) are taken as they are; a file that is read must be the effective user's, and writable by
+// nobody else. rc of a failure is the errno.
+Result openWorkDirectory();
+
+// Its descriptor; -1 before it was opened.
+int workDirectoryDescriptor();
+
+// For the master, before it makes one: ignores the identity that the environment gives, which is
+// another run's.
+void forgetInheritedDirectory();
+
+// Makes the directory known to the processes that this one starts, as the only one that is the run's.
+void exportWorkDirectory();
+
+// Forgets it, for a work directory that has been removed.
+void closeWorkDirectory();
+
+// True for an object that cannot be older than the work directory: the file system gives every inode of
+// the fileset a higher number than all before it.
+bool youngerThanWorkDirectory(const struct stat &st);
+
+// "<device>:<inode>" of a directory, as child processes learn it.
+std::string directoryIdentity(const struct stat &st);
+
+// ---- files in it: as the system calls of these names; close-on-exec, the last component is not
+// followed. rc of a failure is the errno.
+Result openWorkFile(const std::string &path, int flags, UniqueFd *fd, mode_t mode = 0600);
+Result statWorkFile(const std::string &path, struct stat *st);
+Result unlinkWorkFile(const std::string &path);
+Result renameWorkFile(const std::string &from, const std::string &to);
+
+// Creates a directory of the work directory with kWorkDirMode; one that exists counts as created.
+Result makeWorkDirectory(const std::string &path);
+
+struct DirCloser {
+  void operator()(DIR *dir) const { closedir(dir); }
+};
+using Dir = std::unique_ptr<DIR, DirCloser>;
+// Opens a directory for listing: the work directory itself, or one in it.
+Result openWorkList(const std::string &path, Dir *dir);
+
+// The next entry but "." and ".."; null at the end. rc of a failure is the errno.
+Result nextEntry(const Dir &dir, const dirent **entry);

@@ -28,35 +28,28 @@ uint32_t CloneSnapAttr::snapId() const {
   return static_cast<uint32_t>(bigEndian(bytes.data() + 4, 4));
 }
 
-namespace {
-
-// 1, 0, or -1 and errno.
-int readClone(kest_ifile_t *file, CloneAttr *attr, CloneSnapAttr *snap) {
-  if (!S_ISREG(file->if_mode)) return 0;
-  const int rc = kest_iclone_attr(file, attr != nullptr ? attr->bytes.data() : nullptr,
-                                  snap != nullptr ? snap->bytes.data() : nullptr);
-  if (rc < 0) {
-    const int err = errno;
+Result isClone(kest_ifile_t *file, bool *clone, CloneAttr *attr, CloneSnapAttr *snap) {
+  *clone = false;
+  if (!S_ISREG(file->if_mode)) return {};
+  const int found = kest_iclone_attr(file, attr != nullptr ? attr->bytes.data() : nullptr,
+                                     snap != nullptr ? snap->bytes.data() : nullptr);
+  if (found < 0) {
+    const Result r = failed(0);
     traceLog("isClone: get clone attr failed, ino %lld, errno %d\n",
-             static_cast<long long>(file->if_inode), err);
+             static_cast<long long>(file->if_inode), r.err);
     // A clone would be restored as an ordinary file: the run must not end well.
-    setFatalError(err);
-    errno = err;
+    setFatalError(r.err);
+    return r;
   }
-  return rc;
+  *clone = found == 1;
+  return {};
 }
 
-}  // namespace
-
-bool isClone(kest_ifile_t *file, CloneAttr *attr, CloneSnapAttr *snap) {
-  return readClone(file, attr, snap) == 1;
-}
-
-int sameCloneKind(kest_ifile_t *one, kest_ifile_t *other) {
+Result sameCloneKind(kest_ifile_t *one, kest_ifile_t *other, bool *same) {
   CloneAttr a, b;
-  const int first = readClone(one, &a, nullptr);
-  const int second = first < 0 ? first : readClone(other, &b, nullptr);
-  if (second < 0) return -1;
-  if (first != second) return 0;
-  return first == 0 || (a.isParent() == b.isParent() && a.depth() == b.depth());
+  bool first = false, second = false;
+  if (Result r = isClone(one, &first, &a); !r) return r;
+  if (Result r = isClone(other, &second, &b); !r) return r;
+  *same = first == second && (!first || (a.isParent() == b.isParent() && a.depth() == b.depth()));
+  return {};
 }

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 
+#include "base/result.h"
 #include "kest.h"
 
 constexpr uint8_t kCloneParent = 0x80;    // flag byte: the file is a clone parent
@@ -24,12 +25,13 @@ struct CloneSnapAttr {
   uint32_t snapId() const;
 };
 
-// True for a clone or clone parent, with its attributes (either may be null). False for every other
-// type, and where they cannot be read: that is traced and recorded as a fatal error, so the run ends
-// with 1.
-bool isClone(kest_ifile_t *file, CloneAttr *attr, CloneSnapAttr *snap);
+// Whether the inode is a clone or clone parent, with its attributes (either may be null). Never for
+// other types than regular files. Attributes that cannot be read are traced and recorded as a fatal
+// error, so that the run ends with 1; rc of the failure is -1.
+Result isClone(kest_ifile_t *file, bool *clone, CloneAttr *attr = nullptr,
+               CloneSnapAttr *snap = nullptr);
 
 // Whether both open inodes are the same kind of file to the clone system: neither clone nor parent,
-// or both of one depth and both parents or both not. Nothing but making it anew turns one into the
-// other. 1 or 0; -1 and errno where either cannot be read, recorded as isClone does.
-int sameCloneKind(kest_ifile_t *one, kest_ifile_t *other);
+// or both of one depth and both parents or both not. Only making a file anew turns one kind into the
+// other. Failures are recorded as isClone does.
+Result sameCloneKind(kest_ifile_t *one, kest_ifile_t *other, bool *same);

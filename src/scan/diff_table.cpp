@@ -1,6 +1,7 @@
 #include "scan/diff_table.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <new>
@@ -43,9 +44,9 @@ DiffItem **bucketOf(uint64_t ino) {
 
 }  // namespace
 
-bool allocDiffTable() {
+Result allocDiffTable() {
   if (buckets == nullptr) buckets = new (std::nothrow) DiffItem *[kBuckets]();
-  return buckets != nullptr;
+  return buckets != nullptr ? Result{} : failed(0, ENOMEM);
 }
 
 void freeDiffTable() {
@@ -58,16 +59,15 @@ bool haveDiffTable() {
   return buckets != nullptr;
 }
 
-int addItem(uint64_t ino, uint64_t, uint8_t type) {
-  if (buckets == nullptr) return -1;
-  DiffItem *item = newItem();
-  if (item == nullptr) return -1;
+Result addItem(uint64_t ino, uint8_t type) {
+  DiffItem *item = buckets == nullptr ? nullptr : newItem();
+  if (item == nullptr) return failedErrno(0, ENOMEM);
   *item = {ino, nullptr, type};
   DiffItem **link = bucketOf(ino);
   while (*link != nullptr) link = &(*link)->next;
   *link = item;
   ++addCount;
-  return 0;
+  return {};
 }
 
 DiffItem *findItem(uint64_t ino) {
@@ -88,8 +88,8 @@ void cleanDiffTable() {
 void dumpDiffTable() {
   const std::string path = workPath(kDiffTable);
   if (path.empty()) return;
-  std::unique_ptr<WorkFile> file = WorkFile::open(path, WorkFile::Mode::kKeep);
-  if (!file) {
+  std::unique_ptr<WorkFile> file;
+  if (!WorkFile::open(path, WorkFile::Mode::kKeep, &file)) {
     traceLog("failed to open itemTable file.\n");
     return;
   }
@@ -99,9 +99,8 @@ void dumpDiffTable() {
       const long long ino = static_cast<long long>(item->ino);
       const int length = snprintf(line, sizeof line, "ino %lld 0x%llX type %d\n", ino,
                                   static_cast<unsigned long long>(item->ino), item->type);
-      file->append(std::string_view(line, static_cast<size_t>(length)));
+      (void)file->append(std::string_view(line, static_cast<size_t>(length)));  // the close reports it
     }
   }
-  int rc = 0;
-  closeWorkFile(file, path, &rc);
+  (void)closeWorkFile(file, path);  // has its message; a dump decides nothing
 }

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "base/result.h"
+
 // Flags of an item; they are in dumps.
 enum DiffFlag : uint8_t {
   kDiffNew = 1,      // the active inode is not the snapshot's file
@@ -19,10 +21,10 @@ struct DiffItem {
 
 extern int32_t addCount, freeCount;  // items added and freed in the whole run
 
-bool allocDiffTable();  // false: no memory
-void freeDiffTable();   // empties it first; harmless without a table
+Result allocDiffTable();  // ENOMEM
+void freeDiffTable();     // empties it first; harmless without a table
 bool haveDiffTable();
-int addItem(uint64_t ino, uint64_t gen, uint8_t type);  // 0, or -1 without memory
-DiffItem *findItem(uint64_t ino);                       // null; also null without a table
+Result addItem(uint64_t ino, uint8_t type);  // ENOMEM
+DiffItem *findItem(uint64_t ino);            // null; also null without a table
 void cleanDiffTable();
 void dumpDiffTable();  // appends every item to diffTable in the work directory

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 
+#include "run/fatal_error.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -9,58 +10,108 @@
 
 namespace {
 
-int failed(uint64_t ino, int code) {
-  const int err = errno;
-  traceLog("checkFile: ino %lld, type %d, rc %d, code %d, err %d\n", static_cast<long long>(ino), 0, -1,
-           code, err);
-  errno = err;
-  return -1;
+enum CheckStep : int {
+  kOpenActive = 1,
+  kOpenSnapshot = 2,
+  kCompareClones = 3,
+  kAskDifference = 4,
+};
+
+Result checkFailed(uint64_t ino, const Result &r) {
+  traceLog("checkFile: ino %lld, type %d, rc %d, code %d, err %d\n", static_cast<long long>(ino), 0,
+           r.rc, r.code, r.err);
+  return r;
 }
 
-constexpr int kUnknown = -2;
+// What the difference knows in the first pass. *known is false where the inodes themselves must be
+// asked.
+Result knownKind(uint64_t ino, bool *known, FileKind *kind) {
+  *known = false;
+  if (settings.pass != 1) return {};
+  const int bits = kest_idifference(handles.iscanP, ino);
+  if (bits < 0) return checkFailed(ino, failed(kAskDifference));
+  if (bits == 0 || bits & KEST_DI_CLONE) return {};
+  *known = true;
+  if (!(bits & KEST_DI_ACTIVE)) {
+    *kind = kKindDeleted;
+  } else {
+    *kind = bits & KEST_DI_SNAPSHOT && !(bits & KEST_DI_REPLACED) ? kKindSame : kKindOther;
+  }
+  return {};
+}
 
-// What the difference knows in the first pass: a FileKind, -1 with errno, or kUnknown where the inodes
-// themselves must be asked.
-int knownKind(uint64_t ino) {
-  if (settings.pass != 1) return kUnknown;
-  const int known = kest_idifference(handles.iscanP, ino);
-  if (known < 0) return failed(ino, 4);
-  if (known == 0 || known & KEST_DI_CLONE) return kUnknown;
-  if (!(known & KEST_DI_ACTIVE)) return kKindDeleted;
-  return known & KEST_DI_SNAPSHOT && !(known & KEST_DI_REPLACED) ? kKindSame : kKindOther;
+// What the two inodes of one number are to each other.
+struct Pair {
+  bool in_active = false, in_snapshot = false;
+  bool same_inode = false;       // both, and the same file but perhaps for its clone state
+  bool same_clone_kind = false;  // known where same_inode is set
+};
+
+Result lookAtPair(uint64_t ino, Pair *pair) {
+  Inode active, snap;
+  if (Result r = openIfThere(handles.activeFsP, ino, &active); !r) return failed(kOpenActive, r.err);
+  pair->in_active = static_cast<bool>(active);
+  if (!active) return {};
+  if (Result r = openIfThere(handles.oldFsP, ino, &snap); !r) return failed(kOpenSnapshot, r.err);
+  pair->in_snapshot = static_cast<bool>(snap);
+  pair->same_inode = snap && kest_same_file(active.get(), snap.get()) == 1;
+  if (!pair->same_inode) return {};
+  return sameCloneKind(active.get(), snap.get(), &pair->same_clone_kind).at(kCompareClones);
 }
 
 }  // namespace
 
-int checkScanned(uint64_t ino) {
-  const int known = knownKind(ino);
-  return known == kUnknown ? checkFile(ino) : known;
+Result checkFile(uint64_t ino, FileKind *kind) {
+  Pair pair;
+  if (Result r = lookAtPair(ino, &pair); !r) return checkFailed(ino, r);
+  *kind = !pair.in_active                           ? kKindDeleted
+          : pair.same_inode && pair.same_clone_kind ? kKindSame
+                                                    : kKindOther;
+  return {};
+}
+
+Result checkScanned(uint64_t ino, FileKind *kind) {
+  bool known = false;
+  if (Result r = knownKind(ino, &known, kind); !r || known) return r;
+  return checkFile(ino, kind);
 }
 
 bool mayBeClone(uint64_t ino) {
   constexpr int kBoth = KEST_DI_ACTIVE | KEST_DI_SNAPSHOT;
-  const int known = kest_idifference(handles.iscanP, ino);
-  return known < 0 || (known & (kBoth | KEST_DI_REPLACED | KEST_DI_CLONE)) != kBoth;
+  const int bits = kest_idifference(handles.iscanP, ino);
+  return bits < 0 || (bits & (kBoth | KEST_DI_REPLACED | KEST_DI_CLONE)) != kBoth;
 }
 
-int checkFile(uint64_t ino) {
-  Inode active = openInode(handles.activeFsP, ino);
-  if (!active) return errno == ENOENT ? kKindDeleted : failed(ino, 1);
-  Inode snap = openInode(handles.oldFsP, ino);
-  if (!snap) return errno == ENOENT ? kKindOther : failed(ino, 2);
-  if (kest_same_file(active.get(), snap.get()) != 1) return kKindOther;
-  const int same = sameCloneKind(active.get(), snap.get());
-  if (same < 0) return failed(ino, 3);
-  return same ? kKindSame : kKindOther;
+Result needsRemaking(uint64_t ino, bool *remake) {
+  bool known = false;
+  FileKind kind = kKindSame;
+  *remake = false;
+  if (Result r = knownKind(ino, &known, &kind); !r || known) return r;
+  Pair pair;
+  if (Result r = lookAtPair(ino, &pair); !r) return checkFailed(ino, r);
+  *remake = pair.same_inode && !pair.same_clone_kind;
+  return {};
 }
 
-int mustBeRemade(uint64_t ino) {
-  if (const int known = knownKind(ino); known != kUnknown) return known < 0 ? -1 : 0;
-  Inode active = openInode(handles.activeFsP, ino);
-  if (!active) return errno == ENOENT ? 0 : failed(ino, 1);
-  Inode snap = openInode(handles.oldFsP, ino);
-  if (!snap) return errno == ENOENT ? 0 : failed(ino, 2);
-  if (kest_same_file(active.get(), snap.get()) != 1) return 0;
-  const int same = sameCloneKind(active.get(), snap.get());
-  return same < 0 ? failed(ino, 3) : !same;
+namespace {
+
+bool linksUnknown(const char *call, int rc) {
+  const int err = errno;
+  traceLog("%s return error, rc %d, errno %d\n", call, rc, err);
+  // Its names would be restored as if each were a file of its own: the run must not end well.
+  setFatalError(err);
+  return false;
+}
+
+}  // namespace
+
+bool isHardLinked(uint64_t ino) {
+  const int bits = kest_idifference(handles.iscanP, ino);
+  if (bits < 0) return linksUnknown("checkActiveLink", bits);
+  if (bits > 0) return bits & KEST_DI_LINKED;
+  // An inode that did not change has its names in the snapshot.
+  const kest_iattr64_t *attr = nullptr;
+  if (const int rc = kest_stat_inode64(handles.iscanFromP, ino, ino + 1, &attr); rc != 0)
+    return linksUnknown("checkSnapLink", rc);
+  return attr != nullptr && !isDirectory(attr->ia_mode) && attr->ia_nlink > 1;
 }

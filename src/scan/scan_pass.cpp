@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "cfgmgr/messages.h"
+#include "messages/messages.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/stop_signal.h"
@@ -20,17 +20,16 @@ long long number(uint64_t value) {
   return static_cast<long long>(value);
 }
 
-int recordInode(const kest_iattr64_t &attr) {
-  const int kind = checkScanned(attr.ia_inode);
-  if (kind < 0) return -1;
-  const auto flag = static_cast<uint8_t>(kind == kKindSame ? int{kDiffChanged} : kind);
-  if (addItem(attr.ia_inode, attr.ia_generation, flag) != 0) {
-    traceLog("main: no memory for ino %lld\n", number(attr.ia_inode));
-    errno = ENOMEM;
-    return -1;
+Result recordInode(uint64_t ino) {
+  FileKind kind = kKindSame;
+  if (Result r = checkScanned(ino, &kind); !r) return r;
+  const auto flag = static_cast<uint8_t>(kind == kKindSame ? int{kDiffChanged} : int{kind});
+  if (Result r = addItem(ino, flag); !r) {
+    traceLog("main: no memory for ino %lld\n", number(ino));
+    return failed(0, r.err);
   }
   ++scan.itemCnt;
-  return 0;
+  return {};
 }
 
 void setRange() {
@@ -50,16 +49,15 @@ void setRange() {
 
 }  // namespace
 
-int scanPass() {
+Result scanPass() {
   scan.itemCnt = 0;
   for (;;) {
-    if (stopSignal() != 0) return errno = EINTR;
+    if (stopSignal() != 0) return errnoResult(EINTR);
     const kest_iattr64_t *attr = nullptr;
-    if (int rc = kest_next_inode64(handles.iscanP, scan.maxIno, &attr); rc != 0) {
-      const int err = errno;
+    if (const int rc = kest_next_inode64(handles.iscanP, scan.maxIno, &attr); rc != 0) {
+      const Result r = failedErrno(0);
       traceLog("main: kest_next_inode error %d \n", rc);
-      errno = err;
-      return err != 0 ? err : -1;
+      return r;
     }
     if (attr == nullptr) {
       scan.finalPass = true;
@@ -73,12 +71,12 @@ int scanPass() {
       userMessage(Message::kScanProgress, formatTimeStamp(), settings.pass, ino, percent);
     }
     if (ino == handles.rootIno) continue;
-    if (recordInode(*attr) != 0) return -1;
+    if (Result r = recordInode(ino); !r) return r;
     if (scan.itemCnt >= scan.diffItemLimit) {
       scan.finalPass = ino == scan.maxIno;
       break;
     }
   }
   setRange();
-  return 0;
+  return {};
 }

@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "base/result.h"
+
 struct ScanState {
   uint64_t maxIno = 0;        // largest inode number of either tree
   int64_t scannedInoLow = 0;  // inclusive range of the current pass
@@ -22,5 +24,5 @@ inline bool inPassRange(uint64_t ino) {
 }
 
 // Reads changed inodes into the table until the scan ends or the limit is reached, then sets the range
-// of the pass. 0, or the rc that ends the run. The caller has counted `pass` up.
-int scanPass();
+// of the pass. The caller has counted `pass` up.
+Result scanPass();

@@ -1,29 +1,37 @@
 #include "worker/clone_parent.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <map>
+#include <utility>
 #include <vector>
 
-#include "object/clone_origin.h"
-#include "object/path_files.h"
-#include "object/step.h"
-#include "run/run_handles.h"
+#include "object/clones.h"
+#include "object/inode_paths.h"
 #include "run/settings.h"
 #include "run/snapshot_table.h"
 #include "run/trace_log.h"
 #include "scan/same_file.h"
-#include "worker/inode_paths.h"
 
 namespace {
+
+enum ParentStep : int {
+  kFindSnapshot = 1,
+  kOpenSnapshot = 2,
+  kSnapshotRoot = 4,
+  kLookUpPaths = 5,  // the root path of the active fileset included
+  kOpenParent = 6,   // or there is none
+};
 
 struct SearchTree {
   kest_fssnap_handle_t *handle = nullptr;
   std::string root;
 };
 
-Step chooseTree(uint32_t snapId, SearchTree *tree) {
+Result chooseTree(uint32_t snapId, SearchTree *tree) {
   if (snapId == 0) {
-    if (handles.rootPath.empty()) return failedStep(5, ENOENT);
+    if (handles.rootPath.empty()) return failed(kLookUpPaths, ENOENT);
     *tree = {handles.activeFsP, handles.rootPath};
     return {};
   }
@@ -31,68 +39,75 @@ Step chooseTree(uint32_t snapId, SearchTree *tree) {
   const auto snapshot = snapshots.find(snapId);
   if (snapshot == snapshots.end()) {
     traceLog("getParentPath: cannot find parent snapshot, snapId %u\n", snapId);
-    return failedStep(1, ENOENT);
+    return failed(kFindSnapshot, ENOENT);
   }
-  tree->handle = otherSnapshot(snapId);
-  if (tree->handle == nullptr) {
-    const int err = errno;
+  if (Result r = otherSnapshot(snapId, &tree->handle); !r) {
     traceLog("getParentPath: cannot get parent snapshot handle, deviceP %s, filesetP %s, snapName %s\n",
              settings.deviceP.c_str(), settings.filesetP.c_str(), snapshot->second.c_str());
-    return failedStep(2, err);
+    return failed(kOpenSnapshot, r.err);
   }
   const char *root = kest_get_pathname_from_fssnaphandle(tree->handle);
-  if (root == nullptr) return failedStep(4, errno);
+  if (root == nullptr) return failed(kSnapshotRoot);
   tree->root = root;
   return {};
 }
 
-bool stillThere(const std::string &path, kest_fssnap_handle_t *handle, uint64_t ino) {
+bool isStillAt(const std::string &path, kest_fssnap_handle_t *handle, uint64_t ino) {
   struct stat st;
   return kest_lstat(handle, path.c_str(), &st) == 0 && st.st_ino == ino;
 }
 
-Step lookUp(uint64_t ino, uint32_t snapId, const SearchTree &tree, std::string *path) {
+Result lookUp(uint64_t ino, uint32_t snapId, const SearchTree &tree, std::string *path) {
   static std::map<std::pair<uint32_t, uint64_t>, std::string> known;
-  std::string &place = known[{snapId, ino}];
-  if (!place.empty() && stillThere(place, tree.handle, ino)) {
-    *path = place;
+  std::string &last = known[{snapId, ino}];
+  if (!last.empty() && isStillAt(last, tree.handle, ino)) {
+    *path = last;
     return {};
   }
   std::vector<std::string> paths;
-  if (findInodePaths(tree.handle, ino, tree.root, &paths) != 0) {
-    const int err = errno;
-    traceLog(err == ENOENT ? "getParentPath: cannot get parent path, ino %lld\n"
-                           : "getParentPath: cannot find parent path, ino %lld\n",
+  if (Result r = findInodePaths(tree.handle, ino, tree.root, &paths); !r) {
+    traceLog(r.err == ENOENT ? "getParentPath: cannot get parent path, ino %lld\n"
+                             : "getParentPath: cannot find parent path, ino %lld\n",
              static_cast<long long>(ino));
-    return failedStep(err == ENOENT ? 6 : 5, err);
+    return failed(r.err == ENOENT ? kOpenParent : kLookUpPaths, r.err);
   }
-  *path = place = paths.front();
+  *path = last = paths.front();
   return {};
 }
 
-Step find(uint64_t parent, uint32_t snapId, std::string *path, Inode *file) {
+// The number that the parent has now: its new one where a run has made it again, else its own, if that
+// still is the snapshot's file. ENOENT where it is another file by now.
+Result currentNumber(uint64_t parent, uint64_t *now) {
+  if (Result r = readNewParent(parent, now); !r || *now != 0) return r;
+  *now = parent;
+  FileKind kind = kKindSame;
+  if (Result r = checkFile(parent, &kind); !r) return r;
+  return errnoResult(kind == kKindSame ? 0 : ENOENT);
+}
+
+Result find(uint64_t parent, uint32_t snapId, std::string *path, Inode *file) {
   SearchTree tree;
-  if (Step step = chooseTree(snapId, &tree); !step) return step;
+  if (Result r = chooseTree(snapId, &tree); !r) return r;
   uint64_t now = parent;
-  const int recorded = snapId == 0 ? readNewParent(parent, &now) : 1;
-  const int kind = recorded == 0 ? checkFile(parent) : kKindSame;
-  if (recorded < 0 || kind != kKindSame) {
-    const int err = recorded < 0 || kind < 0 ? errno : ENOENT;
-    traceLog("getParentPath: cannot get parent path, ino %lld\n", static_cast<long long>(parent));
-    return failedStep(6, err);
+  if (snapId == 0) {
+    if (Result r = currentNumber(parent, &now); !r) {
+      traceLog("getParentPath: cannot get parent path, ino %lld\n", static_cast<long long>(parent));
+      return failed(kOpenParent, r.err);
+    }
   }
-  if (Step step = lookUp(now, snapId, tree, path); !step) return step;
-  *file = openInode(tree.handle, now);
-  return *file ? Step{} : failedStep(6, errno);
+  if (Result r = lookUp(now, snapId, tree, path); !r) return r;
+  if (Result r = openInode(tree.handle, now, file); !r) return failed(kOpenParent, r.err);
+  return {};
 }
 
 }  // namespace
 
-int getParentPath(uint64_t parent, uint32_t snapId, std::string *path, Inode *file) {
-  const Step step = find(parent, snapId, path, file);
-  if (step) return 0;
-  traceLog("getParentPath: ino %lld, snapId %d, rc %d, code %d, err %d\n",
-           static_cast<long long>(parent), static_cast<int>(snapId), step.rc, step.code, step.err);
-  errno = step.err;
-  return step.rc;
+Result getParentPath(uint64_t parent, uint32_t snapId, std::string *path, Inode *file) {
+  const Result result = find(parent, snapId, path, file);
+  if (!result) {
+    traceLog("getParentPath: ino %lld, snapId %d, rc %d, code %d, err %d\n",
+             static_cast<long long>(parent), static_cast<int>(snapId), result.rc, result.code,
+             result.err);
+  }
+  return result;
 }

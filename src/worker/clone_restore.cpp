@@ -1,51 +1,174 @@
 #include "worker/clone_restore.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <vector>
 
 #include "object/attr_restore.h"
-#include "object/clear_flags.h"
-#include "object/clone_origin.h"
-#include "object/identity.h"
-#include "object/object_stat.h"
-#include "object/path_files.h"
-#include "object/snap_path.h"
-#include "object/step.h"
+#include "object/clones.h"
+#include "object/flags.h"
+#include "object/name_calls.h"
+#include "object/paths.h"
+#include "object/places.h"
 #include "object/xattr_restore.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
-#include "run/trace_buffer.h"
 #include "run/trace_log.h"
 #include "scan/same_file.h"
-#include "worker/clone_delta.h"
 #include "worker/clone_parent.h"
+#include "worker/data_copy.h"
 
 namespace {
 
 constexpr int kMostWaits = 20000;
 constexpr useconds_t kWaitMicroseconds = 50;
 
+constexpr int64_t kBlock = 4096;  // bytes
+constexpr int64_t kChunk = 64 * kBlock;
+
+// ---- restoreCloneDelta: the data in which a clone differs from its parent
+
+enum DeltaStep : int {
+  kOpenClone = 3,
+  kTruncate = 4,
+  kTruncateClearing = 5,  // the flags that forbid it could not be cleared
+  kShareOrCopy = 6,
+};
+
+constexpr int kNoScan = 191;  // no errno value of the system: it is known from trace logs
+
+// Reads all of [offset, offset + length), or to the end of the file; *done receives the bytes read.
+Result readRange(kest_ifile_t *file, std::vector<char> &buffer, int64_t offset, int64_t length,
+                 int64_t *done) {
+  for (*done = 0; *done < length;) {
+    int64_t position = offset + *done;
+    const int64_t got = kest_iread(file, buffer.data() + *done, length - *done, &position);
+    if (got < 0) return failedErrno(kShareOrCopy);
+    if (got == 0) break;
+    *done += got;
+  }
+  return {};
+}
+
+Result writeRange(kest_ifile_t *to, const char *data, int64_t size, int64_t offset, bool hole) {
+  errno = 0;
+  return kest_iwritex(to, data, size, offset, hole) == size ? Result{} : failedErrno(kShareOrCopy);
+}
+
+// Writes the blocks of one data range that differ.
+Result copyDifferingBlocks(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t length) {
+  std::vector<char> wanted(kChunk), present(kChunk);
+  for (const int64_t end = offset + length; offset < end;) {
+    const int64_t chunk = std::min(kChunk, end - offset);
+    int64_t read = 0, have = 0;
+    if (Result r = readRange(from, wanted, offset, chunk, &read); !r) return r;
+    if (read != chunk) return failedErrno(kShareOrCopy, EIO);
+    if (Result r = readRange(to, present, offset, chunk, &have); !r) return r;
+    for (int64_t at = 0; at < chunk; at += kBlock) {
+      const int64_t size = std::min(kBlock, chunk - at);
+      const char *block = wanted.data() + at;
+      if (at + size <= have && memcmp(block, present.data() + at, static_cast<size_t>(size)) == 0)
+        continue;
+      if (Result r = writeRange(to, block, size, offset + at, false); !r) return r;
+    }
+    offset += chunk;
+  }
+  return {};
+}
+
+// Every range of the snapshot's clone from `offset` on, its holes as holes.
+Result copyDifferences(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t size) {
+  if (handles.iscanFromP == nullptr) return failedErrno(kShareOrCopy, kNoScan);
+  while (offset < size) {
+    int hole = 0;
+    errno = 0;
+    const int64_t length = kest_ireadx(from, handles.iscanFromP, nullptr, 0, &offset, size, &hole);
+    if (length < 0) return failedErrno(kShareOrCopy);
+    if (length == 0) return failedErrno(kShareOrCopy, EIO);  // it ends before its size
+    if (Result r = hole ? writeRange(to, nullptr, length, offset, true)
+                        : copyDifferingBlocks(from, to, offset, length);
+        !r)
+      return r;
+    offset += length;
+  }
+  return {};
+}
+
+Result fillClone(const std::string &path, kest_ifile_t *snap, uint64_t ino) {
+  Inode active;
+  if (Result r = openInode(handles.activeFsP, ino, &active); !r) return failed(kOpenClone, r.err);
+  const int64_t size = static_cast<int64_t>(snap->if_size);
+  if (size < static_cast<int64_t>(active->if_size)) {
+    bool clearing_failed = false;
+    if (Result r = truncatePath(path, size, ino, &clearing_failed); !r)
+      return failed(clearing_failed ? kTruncateClearing : kTruncate, r.err);
+  }
+  if (size == 0) return {};
+  const Result filled = retryClearing(path, "", [&] {
+    int64_t offset = 0, length = size;
+    const Result shared = shareRange(snap, active.get(), &offset, &length);
+    return shared && length > 0 ? copyDifferences(snap, active.get(), offset, size) : shared;
+  });
+  return filled ? Result{} : failed(kShareOrCopy, filled.err);
+}
+
+// Gives the fresh clone `ino` at `path` the size and data of the snapshot's clone, which `snap` has
+// open. Blocks are shared with that one: those that it shared with its parent the fresh clone then
+// shares with the present parent, which holds the same blocks. Where sharing is refused, only blocks
+// that differ are written.
+Result restoreCloneDelta(const std::string &path, kest_ifile_t *snap, uint64_t ino) {
+  const Result result = fillClone(path, snap, ino);
+  if (!result) {
+    traceLog("restoreCloneDelta:ino %lld failed, path %s, pass %d, code %d, rc %d, err %d\n",
+             static_cast<long long>(ino), path.c_str(), settings.pass, result.code, result.rc,
+             result.err);
+  }
+  return result;
+}
+
+// ---- cloneFile
+
+enum CloneStep : int {
+  kNoClone = 0,  // the snapshot's file is none, and nothing exists at the path
+  kFindParent = 3,
+  kMakeClone = 4,  // or another object has taken the name
+  kFill = 5,
+  kBecomeParent = 6,
+  kRecordParent = 7,
+  kXAttrs = 9,
+  kFindSnapshotFile = 11,
+  kLook = 41,
+  kAttributes = 42,
+};
+
 class CloneRestore {
  public:
   CloneRestore(const std::string &path, uint64_t record_ino) : path_(path), recordIno_(record_ino) {}
 
-  Step restore();
+  Result restore();
   bool existed() const { return existed_; }
 
  private:
-  Step lookAt(bool *exists);
-  Step makeFromParent();
-  Step fillFromSnapshot();
-  Step becomeParent();
-  Step restoreXAttrs();
-  Step lookAtLeftover(bool *unfinished);
-  template <typename Call>
-  int waitFor(const char *name, const Call &call);
+  Result findSnapshotFile(bool *lives);
+  Result lookAt(bool *exists);
+  Result lookAtLeftover(bool *unfinished);
+  Result make();
+  Result makeFromParent();
+  Result fillFromSnapshot();
+  bool isParentNow() const;
+  Result becomeParent();
+  Result restoreXAttrs();
+  Result waitFor(const char *name, const std::function<Result()> &call);
 
   const std::string &path_;
   const uint64_t recordIno_;
-  std::string snapPath_;
-  uint64_t snapIno_ = 0;
+  SnapPlace place_;
   Inode snap_;
   CloneAttr attr_;
   CloneSnapAttr attrSnap_;
@@ -54,154 +177,167 @@ class CloneRestore {
   bool existed_ = false;
 };
 
-// Performs `call`, clearing flags in its way; as long as somebody else works on the file, it is waited
-// for.
-template <typename Call>
-int CloneRestore::waitFor(const char *name, const Call &call) {
+// Performs `call`, clearing flags that forbid it; waits while another process works on the file.
+Result CloneRestore::waitFor(const char *name, const std::function<Result()> &call) {
   for (int waits = 0;; ++waits) {
-    const int err = retryClearing(path_, "", call);
-    if (err != EBUSY || waits > kMostWaits) return err;
+    const Result result = retryClearing(path_, "", call);
+    if (result.err != EBUSY || waits > kMostWaits) return result;
     traceLog("cloneFile: %s wait %d\n", name, waits);
     flushTraceLines();
     usleep(kWaitMicroseconds);
   }
 }
 
-Step CloneRestore::lookAt(bool *exists) {
-  *exists = statPath(path_, &st_) == 0;
-  if (!*exists) return errno == ENOENT ? Step{} : failedStep(41, errno);
-  return mayBecome(st_, snapIno_, stat_) ? Step{} : failedStep(41, ESTALE);
+Result CloneRestore::lookAt(bool *exists) {
+  const Result looked = statPath(path_, &st_);
+  *exists = static_cast<bool>(looked);
+  if (!looked) return looked.err == ENOENT ? Result{} : failed(kLook, looked.err);
+  return isInodeOrReplacement(st_, place_.ino, stat_) ? Result{} : failed(kLook, ESTALE);
 }
 
-Step CloneRestore::restoreXAttrs() {
+Result CloneRestore::restoreXAttrs() {
   if (settings.noXAttr) return {};
-  const int rc = restoreXAttr(snapIno_, snap_.get(), &path_);
-  return rc == 0 ? Step{} : failedStep(9, errno, rc);
+  return restoreXAttr(place_.ino, snap_.get(), path_).at(kXAttrs);
 }
 
-// What stands at the path is the clone that a lost worker had begun, or has finished.
-Step CloneRestore::lookAtLeftover(bool *unfinished) {
-  Inode active = openInode(handles.activeFsP, st_.st_ino);
+// The object at the path must be the clone that a lost worker had begun, or has finished.
+Result CloneRestore::lookAtLeftover(bool *unfinished) {
+  Inode active;
   CloneAttr attr;
-  if (!active || !isClone(active.get(), &attr, nullptr)) return failedStep(4, EEXIST);
+  bool clone = false;
+  if (!openInode(handles.activeFsP, st_.st_ino, &active) || !isClone(active.get(), &clone, &attr) ||
+      !clone)
+    return failed(kMakeClone, EEXIST);
   *unfinished = !attr.isParent();
   return {};
 }
 
-Step CloneRestore::makeFromParent() {
+Result CloneRestore::makeFromParent() {
   std::string parent_path;
   Inode parent;
   const uint32_t snap_id = attr_.parentInSnapshot() ? attrSnap_.snapId() : 0;
-  if (int rc = getParentPath(attr_.parentIno(), snap_id, &parent_path, &parent); rc != 0) {
-    const int err = errno;
+  if (Result r = getParentPath(attr_.parentIno(), snap_id, &parent_path, &parent); !r) {
     traceLog("cloneFile: cannot get parent path, path %s, ino %lld\n", path_.c_str(),
              static_cast<long long>(recordIno_));
-    return failedStep(3, err, rc);
+    return r.at(kFindParent);
   }
-  const int err = waitFor("kest_clone_copy", [&] {
-    return kest_iclone_copy(parent.get(), handles.activeFsP, path_.c_str());
+  const Result made = waitFor("kest_clone_copy", [&] {
+    return called(kest_iclone_copy(parent.get(), handles.activeFsP, path_.c_str()));
   });
-  if (err != 0 && err != EEXIST) {
+  if (!made && made.err != EEXIST) {
     traceLog("cloneFile: cannot clone file, fileSnapPathP %s, parent path %s, path %s, err %d\n",
-             snapPath_.c_str(), parent_path.c_str(), path_.c_str(), err);
-    return failedStep(4, err);
+             place_.path.c_str(), parent_path.c_str(), path_.c_str(), made.err);
+    return failed(kMakeClone, made.err);
   }
   bool exists = false;
-  Step step = lookAt(&exists);
-  // What took the name meanwhile must be a clone that another worker makes.
+  Result result = lookAt(&exists);
+  // An object that took the name meanwhile must be a clone that another worker makes.
   bool unfinished = true;
-  if (step && exists && err == EEXIST) step = lookAtLeftover(&unfinished);
-  if (step && exists) return restoreXAttrs();
+  if (result && exists && !made) result = lookAtLeftover(&unfinished);
+  if (result && exists) return restoreXAttrs();
   traceLog("cloneFile: cannot get new ino of path %s, err %d\n", path_.c_str(),
-           step ? ENOENT : step.err);
-  return step ? failedStep(41, ENOENT) : step;
+           result ? ENOENT : result.err);
+  return result ? failed(kLook, ENOENT) : result;
 }
 
-Step CloneRestore::fillFromSnapshot() {
-  const int rc = restoreCloneDelta(path_, snap_.get(), st_.st_ino);
-  if (rc == 0) return {};
-  const int err = errno;
+Result CloneRestore::fillFromSnapshot() {
+  const Result result = restoreCloneDelta(path_, snap_.get(), st_.st_ino);
+  if (result) return {};
   traceLog("cloneFile: restore clone delta failed, path %s, snapIno %lld ino %lld\n", path_.c_str(),
-           static_cast<long long>(snapIno_), static_cast<long long>(recordIno_));
-  return failedStep(5, err, rc);
+           static_cast<long long>(place_.ino), static_cast<long long>(recordIno_));
+  return result.at(kFill);
 }
 
-Step CloneRestore::becomeParent() {
+bool CloneRestore::isParentNow() const {
+  Inode active;
+  CloneAttr attr;
+  bool clone = false;
+  return openInode(handles.activeFsP, st_.st_ino, &active) && isClone(active.get(), &clone, &attr) &&
+         clone && attr.isParent();
+}
+
+Result CloneRestore::becomeParent() {
   traceLog("cloneFile: snap file %s\n", path_.c_str());
-  const auto isParent = [&] {
-    Inode active = openInode(handles.activeFsP, st_.st_ino);
-    CloneAttr attr;
-    return active && isClone(active.get(), &attr, nullptr) && attr.isParent();
-  };
-  if (!isParent()) {
-    Inode active = openInode(handles.activeFsP, st_.st_ino);
-    if (!active) return failedStep(6, errno);
-    const int err = waitFor("kest_clone_snap", [&] { return kest_iclone_snap(active.get()); });
-    if (err != 0 && !(err == EROFS && isParent())) {
+  if (!isParentNow()) {
+    Inode active;
+    if (Result r = openInode(handles.activeFsP, st_.st_ino, &active); !r)
+      return failed(kBecomeParent, r.err);
+    const Result snapped =
+        waitFor("kest_clone_snap", [&] { return called(kest_iclone_snap(active.get())); });
+    // Another worker may have made it a parent in between; a parent is read-only.
+    if (!snapped && !(snapped.err == EROFS && isParentNow())) {
       traceLog("cloneFile: cannot snap a parent file, path %s, depth %d, err %d\n", path_.c_str(),
-               attr_.depth(), err);
-      return failedStep(6, err);
+               attr_.depth(), snapped.err);
+      return failed(kBecomeParent, snapped.err);
     }
   }
-  const int rc = recordCloneParentIno(path_, snapIno_);
-  if (rc == 0) return {};
-  const int err = errno;
+  const Result recorded = recordCloneParentIno(path_, place_.ino);
+  if (recorded) return {};
   traceLog("cloneFile: cannot record parent ino change, path %s, ino %lld\n", path_.c_str(),
            static_cast<long long>(recordIno_));
-  return failedStep(7, err, rc);
+  return recorded.at(kRecordParent);
 }
 
-Step CloneRestore::restore() {
-  if (getSnapPath(path_, true, &snapPath_, &snapIno_) != 0) {
-    const int err = errno;
+// *lives: the inode is the snapshot's file still, so nothing is to be made; its other names are linked
+// to it in phase 8.
+Result CloneRestore::findSnapshotFile(bool *lives) {
+  if (Result r = getSnapPath(path_, &place_); !r) {
     traceLog("cloneFile: cannot get snap path %s\n", path_.c_str());
-    return failedStep(11, err);
+    return failed(kFindSnapshotFile, r.err);
   }
-  snap_ = openInode(handles.oldFsP, snapIno_);
-  if (!snap_) return failedStep(11, errno);
-  if (kest_istat(snap_.get(), &stat_) != 0) return failedStep(11, errno);
-  // The other names of an inode that lives are linked later, to itself.
-  const int kind = stat_.ia_nlink > 1 ? checkFile(snapIno_) : kKindOther;
-  if (kind < 0) return failedStep(11, errno);
-  if (kind == kKindSame) return {};
-  if (Step step = lookAt(&existed_); !step) return step;
-  if (!isClone(snap_.get(), &attr_, &attrSnap_)) return existed_ ? Step{} : failedStep(0, EINVAL);
+  if (Result r = openInode(handles.oldFsP, place_.ino, &snap_); !r)
+    return failed(kFindSnapshotFile, r.err);
+  if (kest_istat(snap_.get(), &stat_) != 0) return failed(kFindSnapshotFile);
+  *lives = false;
+  if (stat_.ia_nlink <= 1) return {};
+  FileKind kind = kKindOther;
+  if (Result r = checkFile(place_.ino, &kind); !r) return failed(kFindSnapshotFile, r.err);
+  *lives = kind == kKindSame;
+  return {};
+}
 
+// The clone with its data, and with its extended attributes where it exists already.
+Result CloneRestore::make() {
   const bool from_data = restoredFromData(path_, attr_, attrSnap_);
   if (existed_) {
     traceLog("cloneFile: %s is exist.\n", path_.c_str());
-    if (Step step = restoreXAttrs(); !step) return step;
+    if (Result r = restoreXAttrs(); !r) return r;
   }
-  if (!from_data) {
-    bool unfinished = true;
-    if (Step step = existed_ ? lookAtLeftover(&unfinished) : makeFromParent(); !step) return step;
-    if (unfinished) {
-      if (Step step = fillFromSnapshot(); !step) return step;
-    }
-  }
+  if (from_data) return {};
+  bool unfinished = true;
+  if (Result r = existed_ ? lookAtLeftover(&unfinished) : makeFromParent(); !r) return r;
+  return unfinished ? fillFromSnapshot() : Result{};
+}
+
+Result CloneRestore::restore() {
+  bool lives = false;
+  if (Result r = findSnapshotFile(&lives); !r || lives) return r;
+  if (Result r = lookAt(&existed_); !r) return r;
+  bool clone = false;
+  if (!isClone(snap_.get(), &clone, &attr_, &attrSnap_) || !clone)
+    return existed_ ? Result{} : failed(kNoClone, EINVAL);
+  if (Result r = make(); !r) return r;
   if (attr_.isParent()) {
-    if (Step step = becomeParent(); !step) return step;
+    if (Result r = becomeParent(); !r) return r;
   }
-  const int rc = restoreAttr(path_, settings.phase);
-  return rc == 0 ? Step{} : failedStep(42, errno, rc);
+  return restoreAttr(path_, settings.phase).at(kAttributes);
 }
 
 }  // namespace
 
-int cloneFile(const std::string &path, uint64_t ino) {
-  std::string place;
-  if (int rc = getRealPath(path, &place); rc != 0) {
-    const int err = errno;
-    traceLog("cloneFile: path %s, ino %lld, exist %d, rc %d, code %d, err %d\n", path.c_str(),
-             static_cast<long long>(ino), 0, rc, 11, err);
-    errno = err;
-    return rc;
+Result cloneFile(const Record &record) {
+  std::string path = record.path, place;
+  bool existed = false;
+  Result result = getRealPath(record.path, &place).at(kFindSnapshotFile);
+  if (result) {
+    path = place;
+    CloneRestore clone(place, record.ino);
+    result = clone.restore();
+    existed = clone.existed();
   }
-  CloneRestore clone(place, ino);
-  const Step step = clone.restore();
-  if (step) return 0;
-  traceLog("cloneFile: path %s, ino %lld, exist %d, rc %d, code %d, err %d\n", place.c_str(),
-           static_cast<long long>(ino), clone.existed(), step.rc, step.code, step.err);
-  errno = step.err;
-  return step.rc;
+  if (!result) {
+    traceLog("cloneFile: path %s, ino %lld, exist %d, rc %d, code %d, err %d\n", path.c_str(),
+             static_cast<long long>(record.ino), existed, result.rc, result.code, result.err);
+  }
+  return result;
 }

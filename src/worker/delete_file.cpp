@@ -1,16 +1,14 @@
 #include "worker/delete_file.h"
 
 #include <unistd.h>
+
 #include <cerrno>
 
-#include "object/clear_flags.h"
-#include "object/clone_attr.h"
+#include "object/clones.h"
 #include "object/move_file.h"
-#include "object/temp_place.h"
-#include "oplist/clone_lists.h"
-#include "run/run_handles.h"
+#include "object/name_calls.h"
+#include "records/side_lists.h"
 #include "run/settings.h"
-#include "run/trace_buffer.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 
@@ -19,55 +17,61 @@ namespace {
 constexpr int kMostWaits = 20000;
 constexpr useconds_t kWaitMicroseconds = 50;
 
-int failed(const std::string &path, uint64_t ino, int rc, int code, int err) {
-  traceLog("deleteFile: path %s, ino %lld, rc %d, code %d, errno %d\n", path.c_str(),
-           static_cast<long long>(ino), rc, code, err);
-  errno = err;
-  return rc != 0 ? rc : -1;
-}
+enum DeleteStep : int {
+  kUnlink = 0,
+  kListClone = 1,
+  kMoveClone = 2,
+};
 
-// A clone is only moved aside; the clone delete list says when it goes. It is listed first, so that a
-// lost worker leaves nothing aside that nobody removes. *taken: another name of the clone waits there
-// already.
-int setCloneAside(const std::string &path, uint64_t ino, const CloneAttr &attr, bool *taken) {
-  std::string new_path = cloneDeleteLocation(ino);
-  if (int rc = listClone(new_path, true, attr); rc != 0) {
-    const int err = errno;
+// A clone is only moved aside; the clone delete list says when it goes. It is listed first: a worker
+// that is lost in between leaves no clone aside that no list names. *taken: another name of the clone
+// waits there already.
+Result setCloneAside(const Record &record, const CloneAttr &attr, bool *taken) {
+  std::string new_path = cloneDeleteLocation(record.ino);
+  if (Result r = listClone(new_path, true, attr); !r) {
     traceLog("deleteFile: cannot list file %s into clone delete list.\n", new_path.c_str());
-    return failed(path, ino, rc, 1, err);
+    return r.at(kListClone);
   }
-  if (int rc = moveFile(path, ino, kPhaseMain, &new_path, true); rc != 0) {
-    *taken = errno == EEXIST;
-    return *taken ? 0 : failed(path, ino, rc, 2, errno);
-  }
-  return 0;
+  const Result moved = moveFile(record.path, record.ino, kPhaseMain, &new_path, true);
+  *taken = !moved && moved.err == EEXIST;
+  return *taken ? Result{} : moved.at(kMoveClone);
 }
 
-}  // namespace
-
-int deleteFile(const std::string &path, uint64_t ino) {
-  CloneAttr attr;
-  if (settings.phase == kPhaseMain && getCloneXattr(path, &attr, nullptr) != 0) {
-    bool taken = false;
-    const int rc = setCloneAside(path, ino, attr, &taken);
-    if (!taken) return rc;
-  }
-
-  // The record of a clone that was set aside carries another number.
-  const uint64_t expected = settings.phase == kPhaseCloneDelete ? 0 : ino;
+// Waits while another process works on the file.
+Result unlinkWhenFree(const Record &record) {
+  // The record of a clone that was set aside carries the inode number of its parent.
+  const uint64_t expected = settings.phase == kPhaseCloneDelete ? 0 : record.ino;
   for (int waits = 0;;) {
     bool clearing_failed = false;
-    const int err = retryClearing(
-        path, "", [&] { return kest_unlink(handles.activeFsP, linkFree(path).c_str(), expected); },
-        &clearing_failed);
-    if (err == 0 || err == ENOENT) return 0;
-    if (err != EBUSY || clearing_failed || waits == kMostWaits) {
-      traceLog("deleteFile: unlink %s, ino %lld, rc %d, error %d\n", path.c_str(),
-               static_cast<long long>(ino), -1, err);
-      return failed(path, ino, -1, 0, err);
+    const Result result = unlinkName(record.path, expected, &clearing_failed);
+    if (result || result.err == ENOENT) return {};
+    if (result.err != EBUSY || clearing_failed || waits == kMostWaits) {
+      traceLog("deleteFile: unlink %s, ino %lld, rc %d, error %d\n", record.path.c_str(),
+               static_cast<long long>(record.ino), -1, result.err);
+      return failed(kUnlink, result.err);
     }
     traceLog("deleteFile: unlink wait %d\n", ++waits);
     flushTraceLines();
     usleep(kWaitMicroseconds);
   }
+}
+
+Result remove(const Record &record) {
+  CloneAttr attr;
+  if (settings.phase == kPhaseMain && getCloneXattr(record.path, &attr, nullptr)) {
+    bool taken = false;
+    if (Result r = setCloneAside(record, attr, &taken); !r || !taken) return r;
+  }
+  return unlinkWhenFree(record);
+}
+
+}  // namespace
+
+Result deleteFile(const Record &record) {
+  const Result result = remove(record);
+  if (!result) {
+    traceLog("deleteFile: path %s, ino %lld, rc %d, code %d, errno %d\n", record.path.c_str(),
+             static_cast<long long>(record.ino), result.rc, result.code, result.err);
+  }
+  return result;
 }

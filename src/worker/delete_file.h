@@ -1,8 +1,9 @@
 // Removing names.
 #pragma once
 
-#include <cstdint>
-#include <string>
+#include "base/result.h"
+#include "formats/operation.h"
 
-// Op 7. 0, also when the name is gone already, or non-zero and errno.
-int deleteFile(const std::string &path, uint64_t ino);
+// Op 7. Done also when the name is gone already. A clone is only set aside in phase 3; phase 31 removes
+// it. Failures are traced.
+Result deleteFile(const Record &record);

@@ -1,113 +1,124 @@
 #include "worker/dir_ops.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 
+#include "base/fd_path.h"
+#include "base/unique_fd.h"
 #include "object/attr_restore.h"
-#include "object/clear_flags.h"
 #include "object/junction.h"
-#include "object/new_dir_list.h"
-#include "object/object_stat.h"
-#include "object/snap_path.h"
-#include "object/step.h"
-#include "object/temp_place.h"
+#include "object/name_calls.h"
+#include "object/paths.h"
+#include "object/places.h"
 #include "object/xattr_restore.h"
-#include "oplist/nested_runs.h"
-#include "run/descriptor.h"
-#include "run/path.h"
+#include "records/side_lists.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
-#include "run/work_access.h"
 #include "run/work_dir.h"
-#include "worker/work_unit.h"
 
 namespace {
 
-int finish(const char *routine, const std::string &path, uint64_t ino, const Step &step) {
-  if (step) return 0;
-  traceLog("%s: path %s, ino %lld, rc %d, code %d, error %d\n", routine, path.c_str(),
-           static_cast<long long>(ino), step.rc, step.code, step.err);
-  errno = step.err != 0 ? step.err : EIO;
-  return step.rc;
+enum CreateStep : int {
+  kCreateLists = 0,
+  kOpenSnapshotDir = 1,
+  kMakeDirectory = 2,  // or finding the place where it is now
+  kXAttrs = 3,
+  kAttributes = 4,
+  kListNewDir = 5,
+};
+
+enum DeleteStep : int {
+  kLook = 2,
+  kDeleteLists = 3,
+  kRemove = 4,
+  kUnlinkJunction = 31,
+};
+
+Result traced(const char *routine, const Record &record, const Result &result) {
+  if (!result) {
+    traceLog("%s: path %s, ino %lld, rc %d, code %d, error %d\n", routine, record.path.c_str(),
+             static_cast<long long>(record.ino), result.rc, result.code, result.err);
+  }
+  return result;
 }
 
-// The workers of a nested run have recorded their own reason; its exit status stands for it here.
-Step runLists(uint64_t ino, bool deleted, int code) {
-  errno = 0;
-  const int rc = restoreDelNewDir(ino, deleted, performListHere);
-  if (rc == 0) return {};
-  return failedStep(code, errno != 0 ? errno : rc > 0 ? rc : EIO, rc);
+// The workers of a nested run have recorded their own errno; here the exit status of the run takes its
+// place.
+Result runLists(const Record &record, bool deleted, int code, const ListRunner &here) {
+  const Result result = restoreDelNewDir(record.ino, deleted, here);
+  return result ? result : Result{result.rc, code, result.reason()};
 }
 
 // Once directories have gone home, their attributes are restored there: paths through the links that
-// they left behind would name the links.
-int settledPath(const std::string &path, std::string *real) {
+// they left at their temporary locations would name the links.
+Result settledPath(const std::string &path, std::string *real) {
   *real = path;
-  if (!inWorkDir(path)) return 0;
+  if (!inWorkDir(path)) return {};
   std::string home;
   struct stat st;
-  if (getRealPath(path, &home) != 0) return -1;
-  if (statPath(home, &st) == 0 || statPath(path, &st) != 0) *real = home;
-  return 0;
+  if (Result r = getRealPath(path, &home); !r) return r;
+  if (statPath(home, &st) || !statPath(path, &st)) *real = home;
+  return {};
 }
 
-int makeDirectory(const std::string &path, uint32_t mode) {
-  const int err = retryClearing(
-      path, "", [&] { return kest_mkdir(handles.activeFsP, linkFree(path).c_str(), mode & 07777); });
-  if (err == 0) return 0;
+Result makeDirectory(const std::string &path, uint32_t mode) {
+  const Result result = makeDir(path, mode);
   struct stat st;
-  if (err == EEXIST && statPath(path, &st) == 0 && S_ISDIR(st.st_mode)) return 0;
-  return err;
+  if (!result && result.err == EEXIST && statPath(path, &st) && S_ISDIR(st.st_mode)) return {};
+  return result;
 }
 
-Step makeAndRestore(const std::string &listed_path, uint64_t ino, kest_ifile_t *snap) {
+Result makeAndRestore(const Record &record, kest_ifile_t *snap) {
   const bool last = settings.phase == kPhaseDirs;
-  std::string path = listed_path;
-  if (last && settledPath(listed_path, &path) != 0) return failedStep(2, errno);
-  if (const int err = makeDirectory(path, snap->if_mode)) return failedStep(2, err);
-  if (!settings.noXAttr) {
-    if (int rc = restoreXAttr(ino, snap, &path); rc != 0) return failedStep(3, errno, rc);
+  std::string path = record.path;
+  if (last) {
+    if (Result r = settledPath(record.path, &path); !r) return failed(kMakeDirectory, r.err);
   }
-  if (int rc = restoreAttr(path, settings.phase); rc != 0) return failedStep(4, errno, rc);
+  if (Result r = makeDirectory(path, snap->if_mode); !r) return failed(kMakeDirectory, r.err);
+  if (!settings.noXAttr) {
+    if (Result r = restoreXAttr(record.ino, snap, path); !r) return r.at(kXAttrs);
+  }
+  if (Result r = restoreAttr(path, settings.phase); !r) return r.at(kAttributes);
   if (!last) {
-    if (int rc = listNewDir(path, ino); rc != 0) return failedStep(5, errno, rc);
+    if (Result r = listNewDir(path, record.ino); !r) return r.at(kListNewDir);
   }
   return {};
 }
 
-Step make(const std::string &path, uint64_t ino) {
-  Inode snap = openInode(handles.oldFsP, ino);
-  if (!snap) return failedStep(1, errno);
-  if (!isDirectory(snap->if_mode)) return failedStep(1, ENOTDIR);
+Result make(const Record &record, const ListRunner &here) {
+  Inode snap;
+  if (Result r = openInode(handles.oldFsP, record.ino, &snap); !r)
+    return failed(kOpenSnapshotDir, r.err);
+  if (!isDirectory(snap->if_mode)) return failed(kOpenSnapshotDir, ENOTDIR);
   if (settings.pass == 1 || settings.phase == kPhaseDirs) {
-    const Step step = makeAndRestore(path, ino, snap.get());
-    if (!step) return step;
+    if (Result r = makeAndRestore(record, snap.get()); !r) return r;
   }
   snap.reset();
-  return settings.topDir ? runLists(ino, true, 0) : Step{};
+  return settings.topDir ? runLists(record, true, kCreateLists, here) : Result{};
 }
 
 // True when the directory has no entry at all; false also when it cannot be read.
 bool reallyEmpty(const kest_ifile_t *dir) {
-  Descriptor named(kest_path_descriptor(dir));
+  const UniqueFd named(kest_path_descriptor(dir));
   if (!named) return false;
-  const int fd = reopen(named.get(), O_RDONLY | O_DIRECTORY);
-  const Dir stream(fd < 0 ? nullptr : fdopendir(fd));
+  UniqueFd fd(reopen(named.get(), O_RDONLY | O_DIRECTORY));
+  const Dir stream(fd ? fdopendir(fd.get()) : nullptr);
   if (!stream) return false;
-  while (const dirent *entry = readdir(stream.get())) {
-    if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) return false;
-  }
-  return true;
+  fd.release();
+  const dirent *entry = nullptr;
+  return nextEntry(stream, &entry) && entry == nullptr;
 }
 
-// True when a directory holds nothing but what no restore touches (snapshots, nested filesets that
-// stand where they stood), perhaps in directories that hold nothing else.
+// True when a directory holds only what no restore touches (snapshots, nested filesets that have not
+// been moved), perhaps in directories that hold nothing else.
 bool holdsOnlyHidden(uint64_t ino) {
-  Inode dir = openInode(handles.activeFsP, ino);
-  if (!dir || !isDirectory(dir->if_mode)) return false;
+  Inode dir;
+  if (!openInode(handles.activeFsP, ino, &dir) || !isDirectory(dir->if_mode)) return false;
   bool any = false;
   for (;;) {
     const kest_direntx64_t *entry = nullptr;
@@ -121,56 +132,54 @@ bool holdsOnlyHidden(uint64_t ino) {
   }
 }
 
-int removeDirectory(const std::string &path, uint64_t ino) {
-  return retryClearing(path, "",
-                       [&] { return kest_rmdir(handles.activeFsP, linkFree(path).c_str(), ino); });
-}
-
-Step removeFailed(const std::string &path, int err) {
+Result removeFailed(const std::string &path, int err) {
   traceLog("delDir: delete dir %s failed, err %d\n", path.c_str(), err);
-  return failedStep(4, err);
+  return failed(kRemove, err);
 }
 
-Step removeJunction(const std::string &path, int err) {
-  if (checkJunction(path, nullptr) <= 0) return removeFailed(path, err);
-  if (unlinkJunction(path) != 0) return failedStep(31, errno);
+// `err`: why the directory at `path` could not be removed.
+Result removeJunction(const std::string &path, int err) {
+  bool junction = false;
+  if (!checkJunction(path, &junction) || !junction) return removeFailed(path, err);
+  if (Result r = unlinkJunction(path); !r) return failed(kUnlinkJunction, r.err);
   struct stat st;
-  if (statPath(path, &st) != 0 && errno == ENOENT) return {};
-  err = removeDirectory(path, 0);  // the stub of the nested fileset
-  return err == 0 || err == ENOENT ? Step{} : removeFailed(path, err);
+  if (Result r = statPath(path, &st); !r && r.err == ENOENT) return {};
+  const Result stub = removeEmptyDir(path, 0);  // what the nested fileset leaves at its path
+  return stub || stub.err == ENOENT ? Result{} : removeFailed(path, stub.err);
 }
 
-Step remove(const std::string &path, uint64_t ino) {
-  struct stat st;
-  if (statPath(path, &st) != 0) {
-    const int err = errno;
-    if (err == ENOENT) return {};
-    traceLog("delDir: stat dir %s failed, err %d\n", path.c_str(), err);
-    return failedStep(2, err);
-  }
-  if (settings.topDir) {
-    const Step step = runLists(ino, false, 3);
-    if (!step) return step;
-  }
-  if (st.st_ino != ino) return {};
-  const int err = removeDirectory(path, ino);
-  if (err == 0 || err == ENOENT) return {};
-  if (err == EPERM) return removeJunction(path, err);
-  if (err == ENOTEMPTY && holdsOnlyHidden(ino)) {
-    traceLog("delDir: dir %s stays, it holds what is left alone\n", path.c_str());
+Result removeDirectory(const Record &record) {
+  const Result result = removeEmptyDir(record.path, record.ino);
+  if (result || result.err == ENOENT) return {};
+  if (result.err == EPERM) return removeJunction(record.path, result.err);
+  if (result.err == ENOTEMPTY && holdsOnlyHidden(record.ino)) {
+    traceLog("delDir: dir %s stays, it holds what is left alone\n", record.path.c_str());
     fprintf(stderr, "The directory %s stays: it holds snapshots or filesets, which are left alone.\n",
-            path.c_str());
+            record.path.c_str());
     return {};
   }
-  return removeFailed(path, err);
+  return removeFailed(record.path, result.err);
+}
+
+Result remove(const Record &record, const ListRunner &here) {
+  struct stat st;
+  if (Result r = statPath(record.path, &st); !r) {
+    if (r.err == ENOENT) return {};
+    traceLog("delDir: stat dir %s failed, err %d\n", record.path.c_str(), r.err);
+    return failed(kLook, r.err);
+  }
+  if (settings.topDir) {
+    if (Result r = runLists(record, false, kDeleteLists, here); !r) return r;
+  }
+  return st.st_ino == record.ino ? removeDirectory(record) : Result{};
 }
 
 }  // namespace
 
-int crDir(const std::string &path, uint64_t ino) {
-  return finish("crDir", path, ino, make(path, ino));
+Result crDir(const Record &record, const ListRunner &here) {
+  return traced("crDir", record, make(record, here));
 }
 
-int delDir(const std::string &path, uint64_t ino) {
-  return finish("delDir", path, ino, remove(path, ino));
+Result delDir(const Record &record, const ListRunner &here) {
+  return traced("delDir", record, remove(record, here));
 }

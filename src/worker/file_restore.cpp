@@ -1,311 +1,340 @@
 #include "worker/file_restore.h"
 
-#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <time.h>
+
 #include <cerrno>
 #include <climits>
-#include <vector>
+#include <string>
+#include <utility>
 
+#include "base/unique_fd.h"
 #include "object/attr_restore.h"
-#include "object/clear_flags.h"
-#include "object/identity.h"
-#include "object/new_dir_list.h"
-#include "object/object_stat.h"
-#include "object/snap_path.h"
-#include "object/step.h"
-#include "object/temp_place.h"
+#include "object/flags.h"
+#include "object/name_calls.h"
+#include "object/paths.h"
+#include "object/places.h"
 #include "object/xattr_restore.h"
-#include "run/descriptor.h"
+#include "records/side_lists.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "run/work_dir.h"
 #include "scan/clone_state.h"
 #include "scan/same_file.h"
 #include "worker/data_copy.h"
 
 namespace {
 
-struct Range {
-  int64_t offset;
-  int64_t length;
-  int32_t holeFound;
-  bool clone;  // the file is a clone or a clone parent
+// ---- restoreDelFile
+
+enum DeletedStep : int {
+  kOpenDeleted = 1,
+  kMadeXAttrs = 3,
+  kTruncate = 4,
+  kCheckMade = 5,  // the object at the path is none that this run made for the inode
+  kOpenMade = 6,
+  kTruncateClearing = 7,  // the flags that forbid it could not be cleared
+  kFindSnapPath = 8,
+  kCopyData = 9,
+  kReadLink = 11,
+  kReadInode = 12,
+  kCreate = 22,
+  kMadeAttributes = 71,
+  kCopyClearing = 72,  // as 7, for writing data
 };
 
 // Making one object of the snapshot again at a path of the active fileset.
 class DeletedFile {
  public:
-  DeletedFile(const std::string &path, uint64_t ino, Inode snap)
-      : path_(path), ino_(ino), snap_(std::move(snap)) {}
-
-  Step restore(const Range &range);
+  DeletedFile(const Record &record, Inode snap);
+  Result restore();
 
  private:
-  bool phaseMakes() const { return settings.phase == kPhaseCreate || settings.phase == kPhaseLinks; }
-  int makeRegular(Descriptor *fd, bool *created);
-  Step makeLink();
-  Step makeSpecial();
-  Step createFailed(const char *call, int err) const;
-  Step restoreXAttrs();
-  Step restoreAttributes();
-  Step sizeFile(const struct stat &st);
-  Step create(const struct stat &st, const Range &range);
-  Step lookIfAlive(bool *lives);
-  Step copyData(const struct stat &st, const Range &range);
+  Result makeLink();
+  Result makeSpecial();
+  Result createFailed(const char *call, int err) const;
+  Result livesElsewhere(bool *lives);
+  Result makeRegular(struct stat *st);
+  Result fill(const struct stat &st);
+  Result restoreXAttrs();
+  Result restoreAttributes();
+  Result sizeFile(const struct stat &st);
+  Result copyData(const struct stat &st);
   int64_t snapSize() const { return static_cast<int64_t>(snap_->if_size); }
 
   const std::string &path_;
   const uint64_t ino_;
+  Operation data_;  // the range that is all of the file
   Inode snap_;
   Inode active_;             // a regular file, once it is there; empty where it cannot be opened
   bool atItsPlace_ = false;  // the snapshot is known to have `ino_` at the same path
 };
 
-Step DeletedFile::createFailed(const char *call, int err) const {
-  traceLog("restoreDelFile: create %s ino %lld ERROR syscall %s err %d\n", path_.c_str(),
-           static_cast<long long>(ino_), call, err);
-  return failedStep(22, err);
+DeletedFile::DeletedFile(const Record &record, Inode snap)
+    : path_(record.path), ino_(record.ino), data_(record.op), snap_(std::move(snap)) {
+  if (data_.length == 0) data_.length = snap_->if_size;
 }
 
-int DeletedFile::makeRegular(Descriptor *fd, bool *created) {
-  // Root's until its owner is set: with the mode it is to have, somebody's program would be root's for
-  // a moment, or for good where the worker dies.
-  constexpr mode_t kOwnersAlone = 0600;
-  // Never waits for the other end of a FIFO that took the name.
-  const int looking = O_RDONLY | O_NONBLOCK | (phaseMakes() ? O_CREAT : 0);
-  constexpr int kMaking = O_RDWR | O_NONBLOCK | O_CREAT | O_EXCL;
-  return retryClearing(path_, "", [&] {
-    const std::string path = linkFree(path_);
-    *created = false;
-    if (phaseMakes()) {
-      *fd = Descriptor(kest_open_file(handles.activeFsP, path.c_str(), kMaking, kOwnersAlone));
-      *created = static_cast<bool>(*fd);
-      if (*created || errno != EEXIST) return *created ? 0 : -1;
-    }
-    *fd = Descriptor(kest_open_file(handles.activeFsP, path.c_str(), looking, kOwnersAlone));
-    return *fd ? 0 : -1;
-  });
+Result DeletedFile::createFailed(const char *call, int err) const {
+  traceLog("restoreDelFile: create %s ino %lld ERROR syscall %s err %d\n", path_.c_str(),
+           static_cast<long long>(ino_), call, err);
+  return failed(kCreate, err);
 }
 
 // A link or special file that a lost worker has made counts as made.
-Step DeletedFile::makeLink() {
-  std::vector<char> buffer(PATH_MAX + 1);
+Result DeletedFile::makeLink() {
+  std::string target(PATH_MAX, '\0');
   int64_t offset = 0;
-  const int64_t length = kest_iread(snap_.get(), buffer.data(), PATH_MAX, &offset);
-  if (length < 0) return failedStep(11, errno);
-  const std::string target(buffer.data(), static_cast<size_t>(length));
+  const int64_t length = kest_iread(snap_.get(), target.data(), PATH_MAX, &offset);
+  if (length < 0) return failed(kReadLink);
+  target.resize(static_cast<size_t>(length));
   traceLog("restoreDelFile:symlink, lnbuf %s, path %s\n", target.c_str(), path_.c_str());
-  const int err = retryClearing(path_, "", [&] {
-    return kest_symlink(handles.activeFsP, target.c_str(), linkFree(path_).c_str());
-  });
-  std::string there;
-  if (err == EEXIST && readLinkTarget(path_, &there) == 0 && there == target) return {};
-  return err == 0 ? Step{} : createFailed("symlink", err);
+  const Result made = makeSymlink(target, path_);
+  std::string present;
+  if (made || (made.err == EEXIST && readLinkTarget(path_, &present) && present == target)) return {};
+  return createFailed("symlink", made.err);
 }
 
-Step DeletedFile::makeSpecial() {
+Result DeletedFile::makeSpecial() {
   kest_iattr64_t attr;
-  if (kest_istat(snap_.get(), &attr) != 0) return failedStep(12, errno);
+  if (kest_istat(snap_.get(), &attr) != 0) return failed(kReadInode);
   const mode_t mode = snap_->if_mode;
   dev_t device = 0;
   if (S_ISCHR(mode) || S_ISBLK(mode)) {
     unsigned major_no = 0, minor_no = 0;
-    if (kest_idevice(snap_.get(), &major_no, &minor_no) != 0) return failedStep(12, errno);
+    if (kest_idevice(snap_.get(), &major_no, &minor_no) != 0) return failed(kReadInode);
     device = makedev(major_no, minor_no);
   }
   traceLog("restoreDelFile: create special file: ia_rdev %lx, mode %lx, devId %llx, path %s\n",
            static_cast<unsigned long>(attr.ia_rdev), static_cast<unsigned long>(mode),
            static_cast<unsigned long long>(device), path_.c_str());
-  const int err = retryClearing(
-      path_, "", [&] { return kest_mknod(handles.activeFsP, linkFree(path_).c_str(), mode, device); });
+  const Result made = makeNode(path_, mode, device);
   struct stat st;
-  if (err == EEXIST && statPath(path_, &st) == 0 && (st.st_mode & S_IFMT) == (mode & S_IFMT) &&
-      st.st_rdev == device)
+  if (made || (made.err == EEXIST && statPath(path_, &st) && (st.st_mode & S_IFMT) == (mode & S_IFMT) &&
+               st.st_rdev == device))
     return {};
-  return err == 0 ? Step{} : createFailed("symlink", err);
+  return createFailed("symlink", made.err);
 }
 
-Step DeletedFile::restoreXAttrs() {
+Result DeletedFile::restoreXAttrs() {
   if (settings.noXAttr) return {};
-  const int rc = active_ ? restoreXAttrOf(snap_.get(), active_.get(), path_)
-                         : restoreXAttr(ino_, snap_.get(), &path_);
-  return rc == 0 ? Step{} : failedStep(3, errno, rc);
+  const Result result = active_ ? restoreXAttrOf(snap_.get(), active_.get(), path_)
+                                : restoreXAttr(ino_, snap_.get(), path_);
+  return result.at(kMadeXAttrs);
 }
 
-Step DeletedFile::restoreAttributes() {
-  const int rc = active_ && atItsPlace_
-                     ? restoreAttrOf(path_, snap_.get(), active_.get(), settings.phase)
-                     : restoreAttr(path_, settings.phase);
-  return rc == 0 ? Step{} : failedStep(71, errno, rc);
+Result DeletedFile::restoreAttributes() {
+  const Result result = active_ && atItsPlace_
+                            ? restoreAttrOf(path_, snap_.get(), active_.get(), settings.phase)
+                            : restoreAttr(path_, settings.phase);
+  return result.at(kMadeAttributes);
 }
 
-Step DeletedFile::sizeFile(const struct stat &st) {
+Result DeletedFile::sizeFile(const struct stat &st) {
   if (st.st_size == snapSize()) return {};
   bool clearing_failed = false;
-  const int err = retryClearing(
-      path_, "",
-      [&] { return kest_truncate(handles.activeFsP, linkFree(path_).c_str(), snapSize(), st.st_ino); },
-      &clearing_failed);
-  return err == 0 ? Step{} : failedStep(clearing_failed ? 7 : 4, err);
+  if (Result r = truncatePath(path_, snapSize(), st.st_ino, &clearing_failed); !r)
+    return failed(clearing_failed ? kTruncateClearing : kTruncate, r.err);
+  return {};
 }
 
-// Phase 51: the file, and its data where the record has all of it; else its size: data follows in the
-// next phase, unless there is none.
-Step DeletedFile::create(const struct stat &st, const Range &range) {
-  std::string snap_path;
-  uint64_t snap_ino = 0;
-  if (getSnapPath(path_, true, &snap_path, &snap_ino) != 0) {
-    const int err = errno;
-    traceLog("restoreDelFile: cannot get snap path %s\n", path_.c_str());
-    return failedStep(8, err);
-  }
-  atItsPlace_ = snap_ino == ino_;
-  if (Step step = restoreXAttrs(); !step) return step;
-  // The data makes a shorter file long enough.
-  if (range.length == 0 || st.st_size > snapSize()) {
-    if (Step step = sizeFile(st); !step) return step;
-  }
-  if (range.length == 0) return snapSize() == 0 ? restoreAttributes() : Step{};
-  const Step step = copyData(st, range);
-  return step ? restoreAttributes() : step;
-}
-
-// A clone with several names is listed for the first that was missing; while the inode is there, its
-// names are linked to it later.
-Step DeletedFile::lookIfAlive(bool *lives) {
+// A clone with several names is listed for the first that was missing. While the inode exists, phase 8
+// links its names to it.
+Result DeletedFile::livesElsewhere(bool *lives) {
+  *lives = false;
+  // A file whose clone attributes cannot be read is made as an ordinary one. isClone has recorded that
+  // as a fatal error, so the run ends with 1.
+  bool clone = false;
+  if (!isClone(snap_.get(), &clone) || !clone) return {};
   kest_iattr64_t attr;
-  if (kest_istat(snap_.get(), &attr) != 0) return failedStep(12, errno);
-  const int kind = attr.ia_nlink > 1 ? checkFile(ino_) : kKindOther;
+  if (kest_istat(snap_.get(), &attr) != 0) return failed(kReadInode);
+  if (attr.ia_nlink <= 1) return {};
+  FileKind kind = kKindOther;
+  if (Result r = checkFile(ino_, &kind); !r) return failed(kReadInode, r.err);
   *lives = kind == kKindSame;
-  return kind < 0 ? failedStep(12, errno) : Step{};
+  return {};
 }
 
-Step DeletedFile::copyData(const struct stat &st, const Range &range) {
-  const int64_t length = range.length != 0 ? range.length : snapSize();
-  bool clearing_failed = false;
-  const int err = retryClearing(
-      path_, "",
-      [&] {
-        if (!active_) active_ = openInode(handles.activeFsP, st.st_ino, 1);
-        if (!active_) return -1;
-        return copyToActiveFile(snap_.get(), active_.get(), range.offset, length, &range.holeFound,
-                                range.clone) == 0
-                   ? 0
-                   : -1;
-      },
-      &clearing_failed);
-  if (err == 0) return {};
-  if (!active_) return failedStep(6, err, err);
-  if (clearing_failed) return failedStep(72, err, err);
-  traceLog("restoreDelFile: failed to copy data, offset %ld length %ld\n",
-           static_cast<long>(range.offset), static_cast<long>(length));
-  return failedStep(9, err, err);
-}
-
-Step DeletedFile::restore(const Range &range) {
-  const mode_t mode = snap_->if_mode;
-  if (!isRegular(mode)) {
-    Step step = S_ISLNK(mode) ? makeLink() : makeSpecial();
-    if (step) step = restoreXAttrs();
-    return step ? restoreAttributes() : step;
-  }
-  if (settings.phase != kPhaseLinks && isClone(snap_.get(), nullptr, nullptr)) {
-    bool lives = false;
-    if (Step step = lookIfAlive(&lives); !step || lives) return step;
-  }
-  Descriptor fd;
+// The file may be there already: a lost worker made it, or phase 8 repeats its record.
+Result DeletedFile::makeRegular(struct stat *st) {
+  UniqueFd fd;
   bool created = false;
-  if (const int err = makeRegular(&fd, &created)) return createFailed("open", err);
-  struct stat st;
-  if (fstat(fd.get(), &st) != 0) return failedStep(5, errno);
-  if (!S_ISREG(st.st_mode)) return failedStep(5, EEXIST);
-  if (!isMadeFor(st, snap_.get())) return failedStep(5, ESTALE);
-  active_ = created ? takeInode(handles.activeFsP, &fd) : openInode(handles.activeFsP, st.st_ino, 1);
-  if (created && !active_) return failedStep(6, errno, errno);
-  if (settings.phase == kPhaseCreate) return create(st, range);
-  if (settings.phase == kPhaseLinks) {
-    // Some of what comes with them is taken by an empty file only.
-    if (Step step = restoreXAttrs(); !step) return step;
-    if (Step step = sizeFile(st); !step) return step;
+  if (Result r = openOrMakeFile(path_, &fd, &created); !r) return createFailed("open", r.err);
+  if (fstat(fd.get(), st) != 0) return failed(kCheckMade);
+  if (!S_ISREG(st->st_mode)) return failed(kCheckMade, EEXIST);
+  if (!isReplacement(*st, snap_.get())) return failed(kCheckMade, ESTALE);
+  const Result opened = created ? takeInode(handles.activeFsP, &fd, &active_)
+                                : openInode(handles.activeFsP, st->st_ino, &active_, 1);
+  // A flag can forbid opening an older file: copyData clears it and tries again.
+  return created ? opened.at(kOpenMade) : Result{};
+}
+
+Result DeletedFile::fill(const struct stat &st) {
+  if (settings.phase == kPhaseCreate) {
+    SnapPlace place;
+    if (Result r = getSnapPath(path_, &place); !r) {
+      traceLog("restoreDelFile: cannot get snap path %s\n", path_.c_str());
+      return failed(kFindSnapPath, r.err);
+    }
+    atItsPlace_ = place.ino == ino_;
   }
-  if (snapSize() > 0) {
-    if (Step step = copyData(st, range); !step) return step;
+  // Before any data: they include the attribute that turns copy-on-write off, which only an empty file
+  // accepts.
+  if (Result r = restoreXAttrs(); !r) return r;
+  // In phase 51 the data makes a shorter file long enough.
+  if (settings.phase == kPhaseLinks || st.st_size > snapSize()) {
+    if (Result r = sizeFile(st); !r) return r;
+  }
+  if (data_.length > 0) {
+    if (Result r = copyData(st); !r) return r;
   }
   return restoreAttributes();
 }
 
-// Copies one range of a file that survived.
-Step copyBack(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, const Range &range) {
-  const int err = retryClearing(path, "", [&] {
-    return copyToActiveFile(snap, active, range.offset, range.length, &range.holeFound, range.clone) ==
-                   0
-               ? 0
-               : -1;
-  });
-  return err == 0 ? Step{} : failedStep(7, err, err);
+Result DeletedFile::copyData(const struct stat &st) {
+  bool clearing_failed = false;
+  const Result copied = retryClearing(
+      path_, "",
+      [&] {
+        if (!active_) {
+          if (Result r = openInode(handles.activeFsP, st.st_ino, &active_, 1); !r) return r;
+        }
+        return copyToActiveFile(snap_.get(), active_.get(), data_);
+      },
+      &clearing_failed);
+  if (copied) return {};
+  if (!active_) return copied.at(kOpenMade);
+  if (clearing_failed) return copied.at(kCopyClearing);
+  traceLog("restoreDelFile: failed to copy data, offset %ld length %ld\n",
+           static_cast<long>(data_.offset), static_cast<long>(data_.length));
+  return copied.at(kCopyData);
 }
+
+Result DeletedFile::restore() {
+  const mode_t mode = snap_->if_mode;
+  if (!isRegular(mode)) {
+    if (Result r = S_ISLNK(mode) ? makeLink() : makeSpecial(); !r) return r;
+    if (Result r = restoreXAttrs(); !r) return r;
+    return restoreAttributes();
+  }
+  if (settings.phase != kPhaseLinks) {
+    bool lives = false;
+    if (Result r = livesElsewhere(&lives); !r || lives) return r;
+  }
+  struct stat st;
+  if (Result r = makeRegular(&st); !r) return r;
+  return fill(st);
+}
+
+Result restoreDeleted(const Record &record) {
+  Inode snap;
+  if (Result r = openInode(handles.oldFsP, record.ino, &snap); !r) return r.at(kOpenDeleted);
+  return DeletedFile(record, std::move(snap)).restore();
+}
+
+// ---- restoreDiffFile
+
+enum SurvivorStep : int {
+  kOpenSnapshot = 1,
+  kXAttrs = 2,
+  kOpenActive = 3,
+  kCopyRange = 7,
+  kListDirectory = 21,
+  kAttributes = 91,
+};
 
 // Where the path belongs to another object of the snapshot, the move back restores the attributes.
 // `active`: the object at the path; null: it is another one by now.
-Step attributesOfSurvivor(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active) {
-  std::string snap_path;
-  uint64_t snap_ino = 0;
-  bool absent = false;
-  if (getSnapPath(path, true, &snap_path, &snap_ino, &absent) != 0)
-    return absent || errno == ENOENT ? Step{} : failedStep(91, errno);
-  if (snap_ino != snap->if_inode) return {};
-  const int rc = active != nullptr ? restoreAttrOf(path, snap, active, settings.phase)
-                                   : restoreAttr(path, settings.phase);
-  return rc == 0 ? Step{} : failedStep(91, errno, rc);
+Result attributesOfSurvivor(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active) {
+  SnapPlace place;
+  if (Result r = getSnapPath(path, &place); !r)
+    return place.absent || r.err == ENOENT ? Result{} : failed(kAttributes, r.err);
+  if (place.ino != snap->if_inode) return {};
+  const Result result = active != nullptr ? restoreAttrOf(path, snap, active, settings.phase)
+                                          : restoreAttr(path, settings.phase);
+  return result.at(kAttributes);
 }
 
-Step restoreSurvivor(const std::string &path, uint64_t ino, const Range &range) {
-  const Inode snap = openInode(handles.oldFsP, ino);
-  if (!snap) return failedStep(1, errno, errno);
-  const Inode active = openInode(handles.activeFsP, ino);
-  const int open_error = errno;
+Result restoreSurvivor(const Record &record) {
+  const std::string &path = record.path;
+  Inode snap, active;
+  if (Result r = openInode(handles.oldFsP, record.ino, &snap); !r) return r.at(kOpenSnapshot);
+  const Result opened = openInode(handles.activeFsP, record.ino, &active);
   struct stat st;
-  const bool in_place = active && statPath(path, &st) == 0 && st.st_ino == ino;
+  const bool in_place = opened && statPath(path, &st) && st.st_ino == record.ino;
   if (!settings.noXAttr) {
-    const int rc = in_place ? restoreXAttrOf(snap.get(), active.get(), path)
-                            : restoreXAttr(ino, snap.get(), &path);
-    if (rc != 0) return failedStep(2, errno, rc);
+    if (Result r = in_place ? restoreXAttrOf(snap.get(), active.get(), path)
+                            : restoreXAttr(record.ino, snap.get(), path);
+        !r)
+      return r.at(kXAttrs);
   }
-  if (isDirectory(snap->if_mode)) {
-    const int rc = listNewDir(path, ino);
-    return rc == 0 ? Step{} : failedStep(21, errno, rc);
-  }
+  if (isDirectory(snap->if_mode)) return listNewDir(path, record.ino).at(kListDirectory);
   if (isRegular(snap->if_mode)) {
-    if (!active) return failedStep(3, open_error, open_error);
-    if (Step step = copyBack(path, snap.get(), active.get(), range); !step) return step;
+    if (!opened) return opened.at(kOpenActive);
+    const Result copied =
+        retryClearing(path, "", [&] { return copyToActiveFile(snap.get(), active.get(), record.op); });
+    if (!copied) return copied.at(kCopyRange);
   }
   return attributesOfSurvivor(path, snap.get(), in_place ? active.get() : nullptr);
 }
 
-}  // namespace
+// ---- markUnfinished
 
-int restoreDelFile(const std::string &path, uint64_t ino, int64_t offset, uint64_t length,
-                   int32_t holeFound, int32_t clone) {
-  Inode snap = openInode(handles.oldFsP, ino);
-  Step step = snap ? Step{} : failedStep(1, errno, errno);
-  if (snap) {
-    const Range range{offset, static_cast<int64_t>(length), holeFound, clone != 0};
-    step = DeletedFile(path, ino, std::move(snap)).restore(range);
-  }
-  if (step) return 0;
-  traceLog("restoreDelFile: ino %lld, path %s, pass %d,rc %d, code %d, err %d\n",
-           static_cast<long long>(ino), path.c_str(), settings.pass, step.rc, step.code, step.err);
-  errno = step.err;
-  return step.rc;
+constexpr int kModificationTime = 2;
+
+bool restoresData(const Record &record) {
+  return record.op.isRange(1);
 }
 
-int restoreDiffFile(const std::string &path, uint64_t ino, int64_t offset, uint64_t length,
-                    int32_t holeFound, int32_t clone) {
-  const Range range{offset, static_cast<int64_t>(length), holeFound, clone != 0};
-  const Step step = restoreSurvivor(path, ino, range);
-  if (step) return 0;
-  traceLog("restoreDiffFile:ino %lld failed, path %s, pass %d, code %d, rc %d, err %d\n",
-           static_cast<long long>(ino), path.c_str(), settings.pass, step.code, step.rc, step.err);
-  errno = step.err;
-  return step.rc;
+// Users may have put the object on which the step failed in the file's place.
+bool isFileOfRecord(int fd, const Record &record) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return false;
+  if (record.op.opCode == kOpRestoreDiffFile) return st.st_ino == record.ino;
+  Inode snap;
+  return openInode(handles.oldFsP, record.ino, &snap) && isReplacement(st, snap.get());
+}
+
+}  // namespace
+
+Result restoreDelFile(const Record &record) {
+  const Result result = restoreDeleted(record);
+  if (!result) {
+    traceLog("restoreDelFile: ino %lld, path %s, pass %d,rc %d, code %d, err %d\n",
+             static_cast<long long>(record.ino), record.path.c_str(), settings.pass, result.rc,
+             result.code, result.err);
+  }
+  return result;
+}
+
+Result restoreDiffFile(const Record &record) {
+  const Result result = restoreSurvivor(record);
+  if (!result) {
+    traceLog("restoreDiffFile:ino %lld failed, path %s, pass %d, code %d, rc %d, err %d\n",
+             static_cast<long long>(record.ino), record.path.c_str(), settings.pass, result.code,
+             result.rc, result.err);
+  }
+  return result;
+}
+
+void markUnfinished(const Record &record) {
+  if (!restoresData(record)) return;
+  timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  kest_timestruc64_t times[4] = {};
+  times[1] = {now.tv_sec, static_cast<uint32_t>(now.tv_nsec)};
+  const Result marked = retryClearing(record.path, "", [&]() -> Result {
+    UniqueFd file;
+    if (Result r = openObject(record.path, &file); !r) return r;
+    if (!isFileOfRecord(file.get(), record)) return {};
+    return called(kest_fset_times(file.get(), kModificationTime, times));
+  });
+  traceLog("markUnfinished: path %s, err %d\n", record.path.c_str(), marked.err);
+}
+
+void markIfOthersFailed(const Record &record) {
+  struct stat st;
+  if (restoresData(record) && statWorkFile(workPath(kFatalError), &st)) markUnfinished(record);
 }

@@ -1,22 +1,37 @@
 #include "worker/link_file.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "object/attr_restore.h"
-#include "object/clear_flags.h"
-#include "object/clone_origin.h"
-#include "object/object_stat.h"
-#include "object/step.h"
+#include "object/clones.h"
+#include "object/inode_paths.h"
+#include "object/name_calls.h"
+#include "object/paths.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
 #include "scan/same_file.h"
 #include "worker/delete_file.h"
 #include "worker/file_restore.h"
-#include "worker/inode_paths.h"
 
 namespace {
+
+enum LinkStep : int {
+  kRootPath = 1,
+  kSnapRootPath = 2,
+  kLookUpNames = 3,
+  kNames = 4,      // there are none or too few, or the object at one cannot be looked at
+  kClearName = 5,  // another object has the name and could not be removed
+  kMakeFile = 6,   // or finding out whether the inode is the snapshot's file still
+  kAddName = 7,
+  kAttributes = 8,
+  kOpenSnapshot = 10,
+};
 
 struct Name {
   std::string path;  // active path
@@ -29,33 +44,35 @@ class LinkGroup {
  public:
   LinkGroup(uint64_t ino, kest_ifile_t *snap) : ino_(ino), snap_(snap) {}
 
-  Step collectNames(const std::vector<std::string> &paths);
-  Step restoreAll();
+  Result collectNames(const std::vector<std::string> &paths);
+  Result restoreAll();
 
  private:
-  Step chooseTarget();
-  Step restoreName(Name &name);
-  Step linkName(Name &name);
-  int lookAt(Name &name);
+  static Result lookAt(Name &name);
+  Result chooseTarget();
   bool madeAsClone(const Name &name) const;
+  Result restoreName(Name &name);
+  Result clearName(const Name &name);
+  Result addName(const Name &name);
 
-  uint64_t ino_;
-  kest_ifile_t *snap_;
+  const uint64_t ino_;
+  kest_ifile_t *const snap_;
   std::vector<Name> names_;
   Name *target_ = nullptr;
 };
 
-int LinkGroup::lookAt(Name &name) {
-  name.exists = statPath(name.path, &name.st) == 0;
-  return name.exists || errno == ENOENT ? 0 : -1;
+Result LinkGroup::lookAt(Name &name) {
+  const Result looked = statPath(name.path, &name.st);
+  name.exists = static_cast<bool>(looked);
+  return looked.err == ENOENT ? Result{} : looked;
 }
 
-Step LinkGroup::collectNames(const std::vector<std::string> &paths) {
+Result LinkGroup::collectNames(const std::vector<std::string> &paths) {
   for (const std::string &path : paths) {
     Name name;
     name.path = path;
     traceLog("linkFile: filePath %s\n", name.path.c_str());
-    if (lookAt(name) != 0) return failedStep(4, errno);
+    if (Result r = lookAt(name); !r) return failed(kNames, r.err);
     names_.push_back(std::move(name));
   }
   return {};
@@ -64,11 +81,11 @@ Step LinkGroup::collectNames(const std::vector<std::string> &paths) {
 // The inode itself, where a name of it has survived; else a clone or clone parent that has just been
 // made at one of the names, as it is, or a file that an interrupted run of this record has left there,
 // restored once more.
-Step LinkGroup::chooseTarget() {
+Result LinkGroup::chooseTarget() {
   for (Name &name : names_) {
     if (!name.exists || name.st.st_ino != ino_) continue;
-    const int kind = checkFile(ino_);
-    if (kind < 0) return failedStep(6, errno);
+    FileKind kind = kKindOther;
+    if (Result r = checkFile(ino_, &kind); !r) return failed(kMakeFile, r.err);
     if (kind == kKindSame) target_ = &name;
     break;
   }
@@ -82,101 +99,110 @@ Step LinkGroup::chooseTarget() {
   return {};
 }
 
+// False also where the clone attributes cannot be read, which isClone has recorded as a fatal error.
 bool LinkGroup::madeAsClone(const Name &name) const {
   CloneAttr attr;
   CloneSnapAttr attr_snap;
-  return isClone(snap_, &attr, &attr_snap) &&
+  bool clone = false;
+  return isClone(snap_, &clone, &attr, &attr_snap) && clone &&
          (attr.isParent() || !restoredFromData(name.path, attr, attr_snap));
 }
 
-Step LinkGroup::restoreName(Name &name) {
-  int rc = restoreDelFile(name.path, ino_, 0, snap_->if_size, 0, isClone(snap_, nullptr, nullptr));
-  if (rc == 0 && lookAt(name) != 0) rc = -1;
-  if (rc != 0) {
-    const int err = errno;
+Result LinkGroup::restoreName(Name &name) {
+  bool clone = false;
+  if (!isClone(snap_, &clone)) clone = false;  // recorded as a fatal error
+  Record whole{ino_, name.path, {}};
+  whole.op = {kOpRestoreDelFile, 0, snap_->if_size, 0, clone};
+  Result result = restoreDelFile(whole);
+  if (result) {
+    if (Result r = lookAt(name); !r) result = failed(kMakeFile, r.err);
+  }
+  if (!result) {
     traceLog("linkFile: cannot restore orignal file %s, ino %lld\n", name.path.c_str(),
              static_cast<long long>(ino_));
-    return failedStep(6, err, rc);
+    return result.at(kMakeFile);
   }
   target_ = &name;
   return {};
 }
 
-Step LinkGroup::linkName(Name &name) {
-  const std::string &from = target_->path;
-  const int err = retryClearing(name.path, from, [&] {
-    return kest_link(handles.activeFsP, from.c_str(), name.path.c_str(), target_->st.st_ino);
-  });
-  if (err == 0) return {};
-  traceLog("linkFile: link %s to %s failed.\n", from.c_str(), name.path.c_str());
-  return failedStep(7, err);
+// Removes an object that has the name and is another inode.
+Result LinkGroup::clearName(const Name &name) {
+  if (isDirectory(name.st.st_mode)) {
+    traceLog("linkFile: a directory stands at %s\n", name.path.c_str());
+    return failed(kClearName, EISDIR);
+  }
+  Record other{name.st.st_ino, name.path, {}};
+  other.op.opCode = kOpDeleteFile;
+  return deleteFile(other).at(kClearName);
 }
 
-Step LinkGroup::restoreAll() {
-  if (Step step = chooseTarget(); !step) return step;
+Result LinkGroup::addName(const Name &name) {
+  const std::string &from = target_->path;
+  const Result linked = linkName(from, name.path, target_->st.st_ino);
+  if (linked) return {};
+  traceLog("linkFile: link %s to %s failed.\n", from.c_str(), name.path.c_str());
+  return failed(kAddName, linked.err);
+}
+
+Result LinkGroup::restoreAll() {
+  if (Result r = chooseTarget(); !r) return r;
   for (Name &name : names_) {
     if (name.exists && target_ != nullptr && name.st.st_ino == target_->st.st_ino) {
       traceLog("linkFile: file %s exist, nothing need to do.\n", name.path.c_str());
       continue;
     }
     if (name.exists) {
-      if (isDirectory(name.st.st_mode)) {
-        traceLog("linkFile: a directory stands at %s\n", name.path.c_str());
-        return failedStep(5, EISDIR);
-      }
-      if (int rc = deleteFile(name.path, name.st.st_ino); rc != 0) return failedStep(5, errno, rc);
+      if (Result r = clearName(name); !r) return r;
     }
-    const Step step = target_ != nullptr ? linkName(name) : restoreName(name);
-    if (!step) return step;
+    if (Result r = target_ != nullptr ? addName(name) : restoreName(name); !r) return r;
   }
   if (target_ == nullptr) return {};
-  const int rc = restoreAttr(target_->path, settings.phase);
-  return rc == 0 ? Step{} : failedStep(8, errno, rc);
+  return restoreAttr(target_->path, settings.phase).at(kAttributes);
 }
 
 // The names that the inode has in the snapshot, as paths of the active fileset.
-Step lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::string> *paths) {
-  if (findInodePaths(handles.oldFsP, ino, handles.rootPath, paths) != 0) {
-    const int err = errno;
-    traceLog(err == ENOENT ? "linkFile: cannot get hard link path, ino %lld\n"
-                           : "getParentPath: cannot find parent path, ino %lld\n",
+Result lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::string> *paths) {
+  if (Result r = findInodePaths(handles.oldFsP, ino, handles.rootPath, paths); !r) {
+    traceLog(r.err == ENOENT ? "linkFile: cannot get hard link path, ino %lld\n"
+                             : "getParentPath: cannot find parent path, ino %lld\n",
              static_cast<long long>(ino));
-    return failedStep(err == ENOENT ? 4 : 3, err);
+    return failed(r.err == ENOENT ? kNames : kLookUpNames, r.err);
   }
   kest_iattr64_t attr;
-  if (kest_istat(snap, &attr) != 0) return failedStep(4, errno);
+  if (kest_istat(snap, &attr) != 0) return failed(kNames);
   if (static_cast<int64_t>(paths->size()) < attr.ia_nlink) {
     traceLog("linkFile: cannot get hard link path, ino %lld\n", static_cast<long long>(ino));
-    return failedStep(4, EIO);
+    return failed(kNames, EIO);
   }
   return {};
 }
 
-Step restoreLinks(uint64_t ino) {
+Result restoreLinks(uint64_t ino) {
   if (handles.rootPath.empty()) {
     traceLog("linkFile: cannot get fileset root path\n");
-    return failedStep(1, ENOENT);
+    return failed(kRootPath, ENOENT);
   }
   if (handles.snapRootPath.empty()) {
     traceLog("linkFile: failed to get snap path. err %d\n", ENOENT);
-    return failedStep(2, ENOENT);
+    return failed(kSnapRootPath, ENOENT);
   }
-  Inode snap = openInode(handles.oldFsP, ino);
-  if (!snap) return failedStep(10, errno);
+  Inode snap;
+  if (Result r = openInode(handles.oldFsP, ino, &snap); !r) return failed(kOpenSnapshot, r.err);
   std::vector<std::string> paths;
-  if (Step step = lookUpNames(ino, snap.get(), &paths); !step) return step;
+  if (Result r = lookUpNames(ino, snap.get(), &paths); !r) return r;
   LinkGroup group(ino, snap.get());
-  const Step step = group.collectNames(paths);
-  return !step ? step : group.restoreAll();
+  if (Result r = group.collectNames(paths); !r) return r;
+  return group.restoreAll();
 }
 
 }  // namespace
 
-int linkFile(const std::string &path, uint64_t ino) {
-  const Step step = restoreLinks(ino);
-  if (step) return 0;
-  traceLog("linkFile: path %s ,ino %lld, rc %d, code %d, error %d\n", path.c_str(),
-           static_cast<long long>(ino), step.rc, step.code, step.err);
-  errno = step.err;
-  return step.rc;
+Result linkFile(const Record &record) {
+  const Result result = restoreLinks(record.ino);
+  if (!result) {
+    traceLog("linkFile: path %s ,ino %lld, rc %d, code %d, error %d\n", record.path.c_str(),
+             static_cast<long long>(record.ino), result.rc, result.code, result.err);
+  }
+  return result;
 }

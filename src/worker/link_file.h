@@ -1,9 +1,9 @@
 // Hard links.
 #pragma once
 
-#include <cstdint>
-#include <string>
+#include "base/result.h"
+#include "formats/operation.h"
 
-// Op 8: gives inode `ino` of the snapshot all its names, as one inode. The path is used in traces only.
-// 0 or an error code, with errno set.
-int linkFile(const std::string &path, uint64_t ino);
+// Op 8: gives the inode of the record all the names that it has in the snapshot, as one inode. The path
+// is used in trace lines only. Failures are traced.
+Result linkFile(const Record &record);

@@ -2,23 +2,23 @@
 
 #include <fcntl.h>
 #include <unistd.h>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
-#include <memory>
-#include <string_view>
 
-#include "cfgmgr/messages.h"
+#include <cerrno>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "base/file_io.h"
+#include "base/unique_fd.h"
+#include "formats/batch_line.h"
+#include "formats/checkpoint.h"
+#include "formats/list_record.h"
+#include "formats/operation.h"
+#include "messages/messages.h"
 #include "object/move_file.h"
-#include "record/batch_line.h"
-#include "record/checkpoint.h"
-#include "record/op_code.h"
-#include "record/record_format.h"
-#include "run/descriptor.h"
 #include "run/fatal_error.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
-#include "run/work_access.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
 #include "worker/clone_restore.h"
@@ -26,160 +26,158 @@
 #include "worker/dir_ops.h"
 #include "worker/file_restore.h"
 #include "worker/link_file.h"
-#include "worker/unfinished.h"
 
 namespace {
 
-// Codes of the dispatcher's trace line.
-enum StopCode : int {
+enum UnitStep : int {
   kBadRecord = 0,
-  kNoBatchFile = 2,
-  kNoCheckpointFile = 3,
-  kBatchUnreadable = 4,
-  kOperationFailed = 5,
+  kOpenBatch = 2,
+  kCheckpoint = 3,  // opening the file, or writing the line of a record
+  kReadBatch = 4,
+  kPerform = 5,
 };
 
-struct FileCloser {
-  void operator()(FILE *file) const {
-    const int saved = errno;
-    fclose(file);
-    errno = saved;
+Result performListHere(const std::string &list_path);
+
+Result perform(const Record &record) {
+  switch (record.op.opCode) {
+    case kOpRestoreDelFile:
+      return restoreDelFile(record);
+    case kOpRestoreDiffFile:
+      return restoreDiffFile(record);
+    case kOpCrDir:
+      return crDir(record, performListHere);
+    case kOpMoveFile:
+      return moveFile(record.path, record.ino, settings.phase, nullptr, false);
+    case kOpDelDir:
+      return delDir(record, performListHere);
+    case kOpDeleteFile:
+      return deleteFile(record);
+    case kOpLinkFile:
+      return linkFile(record);
+    case kOpCloneFile:
+      return cloneFile(record);
+    default:
+      traceLog("doWorkUnit: unknown opCode: %d path %s ino %lld\n", record.op.opCode,
+               record.path.c_str(), static_cast<long long>(record.ino));
+      return failed(kPerform, EINVAL);
   }
-};
-
-int unknownOp(const BatchLine &line, int32_t opCode) {
-  traceLog("doWorkUnit: unknown opCode: %d path %s ino %lld\n", opCode, line.path.c_str(),
-           static_cast<long long>(line.ino));
-  errno = EINVAL;
-  return -1;
 }
 
-int perform(const BatchLine &line, const OpString &op) {
-  switch (op.opCode) {
-    case kOpRestoreDelFile:
-      return restoreDelFile(line.path, line.ino, op.offset, op.length, op.holeFound, op.clone);
-    case kOpRestoreDiffFile:
-      return restoreDiffFile(line.path, line.ino, op.offset, op.length, op.holeFound, op.clone);
-    case kOpCrDir:
-      return crDir(line.path, line.ino);
-    case kOpMoveFile:
-      return moveFile(line.path, line.ino, settings.phase, nullptr, false);
-    case kOpDelDir:
-      return delDir(line.path, line.ino);
-    case kOpDeleteFile:
-      return deleteFile(line.path, line.ino);
-    case kOpLinkFile:
-      return linkFile(line.path, line.ino);
-    case kOpCloneFile:
-      return cloneFile(line.path, line.ino);
-    default:
-      return unknownOp(line, op.opCode);
+// A step that met another object than the listed one, or a link on the way, gets a message of its own:
+// a user may have put it there.
+void reportFailure(const Record &record, int err) {
+  traceLog("doWorkUnit error: %s inodeNum %lld opCode %d\n", record.path.c_str(),
+           static_cast<long long>(record.ino), record.op.opCode);
+  if (err == ESTALE || err == ELOOP || err == EXDEV) {
+    userMessage(Message::kReplaced, record.path);
+  } else {
+    userMessage(Message::kObjectFailed, record.path, strerror(err));
   }
+}
+
+// Performs the records of a per-directory list in this process, as a worker of a nested run would: in
+// phase 3 and without nested runs of its own. No checkpoints: the record of the top directory is the
+// one that is repeated.
+Result performListHere(const std::string &list_path) {
+  ListReader list;
+  if (Result r = openList(list_path, &list); !r) return r;
+  const int32_t phase = std::exchange(settings.phase, kPhaseMain);
+  const bool topDir = std::exchange(settings.topDir, false);
+  Result result;
+  for (bool end = false; result && !end;) {
+    ListRecord listed;
+    Record record;
+    const Result read = list.next(&listed, &end);
+    if (read && end) break;
+    if (!read || !parseOpString(listed.opString, &record.op)) {
+      traceLog("Invalid record %zu in %s\n", static_cast<size_t>(list.position()), list_path.c_str());
+      result = failedErrno(kBadRecord, read ? EINVAL : read.err);
+      break;
+    }
+    record.ino = listed.ino;
+    record.path = listed.path;
+    result = perform(record);
+    if (!result) {
+      reportFailure(record, result.reason());
+      markUnfinished(record);
+    }
+  }
+  settings.phase = phase;
+  settings.topDir = topDir;
+  return result;
 }
 
 // Ends the batch: never with 0, and never with a marker that says 0.
-int stop(int rc, int code, int err) {
-  if (err == 0) err = 1;
-  traceLog("doWorkUnit: rc %d, code %d, error %d\n", rc, code, err);
+Result stop(const Result &failure) {
+  const int err = failure.err != 0 ? failure.err : 1;
+  traceLog("doWorkUnit: rc %d, code %d, error %d\n", failure.rc, failure.code, err);
   setFatalError(err);
-  return err;
+  return {err, failure.code, err};
 }
 
-int stop(int code, int err) {
-  return stop(-1, code, err);
-}
-
-// A step that met another object than the listed one, or a link on the way, tells whose work that may
-// be.
-void operationFailed(const BatchLine &line, const OpString &op, int err) {
-  traceLog("doWorkUnit error: %s inodeNum %lld opCode %d\n", line.path.c_str(),
-           static_cast<long long>(line.ino), op.opCode);
-  if (err == ESTALE || err == ELOOP || err == EXDEV) {
-    userMessage(Message::kReplaced, line.path);
-  } else {
-    userMessage(Message::kObjectFailed, line.path, strerror(err != 0 ? err : EIO));
-  }
-}
-
-// Performs one record and checkpoints it; 0, or what the batch ends with.
-int performLine(const char *text, const std::string &listPath, int done, int checkpoint_fd) {
+// Performs one record and checkpoints it.
+Result performLine(std::string_view text, const std::string &list_path, int done, int checkpoint_fd) {
   BatchLine line;
-  // Without its end a path may be cut, and mean something else.
-  if (strchr(text, '\n') == nullptr || !parseBatchLine(text, &line)) {
-    traceLog("Invalid record %d in %s\n", done, listPath.c_str());
-    return stop(kBadRecord, EINVAL);
+  if (!parseBatchLine(text, &line)) {
+    traceLog("Invalid record %d in %s\n", done, list_path.c_str());
+    return stop(failed(kBadRecord, EINVAL));
   }
-  OpString op;
-  if (!parseOpString(line.opString, &op)) {
+  Record record{line.ino, std::move(line.path), {}};
+  if (!parseOpString(line.opString, &record.op)) {
     traceLog("Invalid opString %s\n", line.opString.c_str());
-    return stop(kBadRecord, EINVAL);
+    return stop(failed(kBadRecord, EINVAL));
   }
-  errno = 0;
-  if (int rc = perform(line, op); rc != 0) {
-    const int err = errno != 0 ? errno : rc > 0 ? rc : 0;
-    operationFailed(line, op, err);
-    const int result = stop(kOperationFailed, err);
-    markUnfinished(line.path, line.ino, op);
-    return result;
+  if (Result r = perform(record); !r) {
+    reportFailure(record, r.reason());
+    const Result stopped = stop(failed(kPerform, r.reason()));
+    markUnfinished(record);
+    return stopped;
   }
-  if (unsavedFatalError() != 0) return stop(kOperationFailed, unsavedFatalError());
-  markIfOthersFailed(line.path, line.ino, op);
+  if (unsavedFatalError() != 0) return stop(failed(kPerform, unsavedFatalError()));
+  markIfOthersFailed(record);
   // Without its line a repeated run would not know that this record is done.
-  if (writeAll(checkpoint_fd, formatCheckpointLine(line.ino, line.opString)) != 0)
-    return stop(kNoCheckpointFile, errno);
-  return 0;
+  if (Result r = writeAll(checkpoint_fd, formatCheckpointLine(line.ino, line.opString)); !r)
+    return stop(failed(kCheckpoint, r.err));
+  return {};
+}
+
+// The line at the start of `text`, with its newline; without one where it is cut off or too long.
+std::string_view firstLine(std::string_view text) {
+  text = text.substr(0, kBatchLineMax - 1);
+  return text.substr(0, text.find('\n') == text.npos ? text.npos : text.find('\n') + 1);
 }
 
 }  // namespace
 
-int doWorkUnit(const std::string &listPath, int32_t callerPid) {
-  const int batch_fd = openWorkFile(listPath, O_RDONLY);
-  std::unique_ptr<FILE, FileCloser> batch(batch_fd < 0 ? nullptr : fdopen(batch_fd, "r"));
-  if (!batch) {
-    const int err = errno;
-    traceLog("cannot open opList file. path %s, err %d\n", listPath.c_str(), err);
-    return stop(err, kNoBatchFile, err);
+Result doWorkUnit(const std::string &listPath, int32_t callerPid) {
+  UniqueFd fd, checkpoint;
+  if (Result r = openWorkFile(listPath, O_RDONLY, &fd); !r) {
+    traceLog("cannot open opList file. path %s, err %d\n", listPath.c_str(), r.err);
+    return stop(r.at(kOpenBatch));
   }
+  FileReader batch;
+  batch.open(std::move(fd));
   const std::string checkpoint_path = checkpointFile(callerPid, hostName(), getpid());
-  Descriptor checkpoint(openWorkFile(checkpoint_path, O_WRONLY | O_CREAT | O_APPEND));
-  if (!checkpoint) return stop(kNoCheckpointFile, errno);
+  if (Result r = openWorkFile(checkpoint_path, O_WRONLY | O_CREAT | O_APPEND, &checkpoint); !r)
+    return stop(failed(kCheckpoint, r.err));
 
-  auto text = std::make_unique<char[]>(kBatchLineMax);
   for (int done = 0;; ++done) {
-    if (fgets(text.get(), kBatchLineMax, batch.get()) == nullptr) {
-      if (ferror(batch.get())) return stop(kBatchUnreadable, errno);
-      return 0;
-    }
-    if (int rc = performLine(text.get(), listPath, done, checkpoint.get()); rc != 0) return rc;
+    std::string_view text;
+    if (Result r = batch.peek(kBatchLineMax, &text); !r) return stop(failed(kReadBatch, r.err));
+    if (text.empty()) return {};
+    const std::string_view line = firstLine(text);
+    if (Result r = performLine(line, listPath, done, checkpoint.get()); !r) return r;
+    batch.skip(line.size());
   }
 }
 
-int performListHere(const std::string &listPath) {
-  std::string text;
-  if (!readWholeFile(listPath, &text)) return errno;
-  const int32_t phase = settings.phase;
-  const bool topDir = settings.topDir;
-  settings.phase = kPhaseMain;
-  settings.topDir = false;
-  int rc = 0;
-  for (size_t position = 0; rc == 0 && position < text.size();) {
-    ListRecordFields record;
-    OpString op;
-    if (!parseListRecord(text, &position, &record) || !parseOpString(record.opString, &op)) {
-      traceLog("Invalid record %zu in %s\n", position, listPath.c_str());
-      rc = errno = EINVAL;
-      break;
-    }
-    errno = 0;
-    const BatchLine line{record.ino, std::string(record.opString), std::string(record.path)};
-    rc = perform(line, op);
-    if (rc == 0) continue;
-    const int err = errno != 0 ? errno : rc > 0 ? rc : EIO;
-    operationFailed(line, op, err);
-    markUnfinished(line.path, line.ino, op);
-    errno = err;
-  }
-  settings.phase = phase;
-  settings.topDir = topDir;
-  return rc;
+int runWorker() {
+  const int pid = static_cast<int>(getpid());
+  traceLog("[THREAD %d] start, phase %d, callerPid %d\n", pid, settings.phase, settings.callerPid);
+  flushTraceLines();
+  const int rc = doWorkUnit(settings.listFile, settings.callerPid).rc;
+  traceLog("[THREAD %d] finished, phase %d, rc %d\n\n", pid, settings.phase, rc);
+  // The status is an errno; the system would cut a larger number to eight bits, and perhaps to 0.
+  return rc >= 0 && rc < 256 ? rc : 1;
 }

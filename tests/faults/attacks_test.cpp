@@ -315,9 +315,8 @@ void prepareLookAlikes(TreeBuilder &t) {
   const std::string policy = "RULE EXTERNAL LIST 'all' EXEC '/mnt/evil' OPTS ''\n";
   const std::string list = "1:0:  100:0:0:0:0:0:1!x:0!;3!7,0,0\n";
   for (const char *dir : {"links", "files", "old"}) t.dir(dir, strcmp(dir, "old") == 0 ? 0700 : 0777);
-  for (const char *name :
-       {"policy", "opList", "opList.move", "opList.copy", "opList.copy.delta", "dir.new", "regMoveList",
-        "link.ino", "ErrorLog", "fatal.error", "snapList"}) {
+  for (const char *name : {"policy", "opList", "opList.move", "opList.copy", "dir.new", "regMoveList",
+                           "link.ino", "ErrorLog", "fatal.error", "snapList"}) {
     t.symlink("/mnt/outside/data", "links/" + std::string(name));
     for (const char *dir : {"files/", "old/"})
       t.file(dir + std::string(name), strcmp(name, "policy") == 0 ? policy : list, 0600);

@@ -7,33 +7,22 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "btrfs/mounts.h"
-#include "cfgmgr/catalogue.h"
-#include "cfgmgr/messages.h"
-#include "commands/ktapplypolicy/options.h"
-#include "commands/ktapplypolicy/policy_file.h"
-#include "driver/command_line.h"
-#include "driver/fileset_services.h"
+#include "base/octal.h"
+#include "engine/options.h"
+#include "filesystem/mount_table.h"
+#include "formats/policy_text.h"
+#include "formats/shell_words.h"
 #include "fuzz/fuzz.h"
-#include "oplist/policy_file.h"
+#include "messages/catalogue.h"
+#include "messages/messages.h"
+#include "restore/command_line.h"
+#include "restore/fileset_services.h"
 #include "run/settings.h"
-#include "run/shell_command.h"
 #include "run/snapshot_table.h"
 
 namespace fuzz {
 
 namespace {
-
-std::string octalWord(const std::string &text) {
-  std::string word;
-  for (unsigned char c : text) {
-    char code[5];
-    snprintf(code, sizeof code, "\\%03o", c);
-    word +=
-        c <= ' ' || c == '\\' || c == 0x7f ? std::string(code) : std::string(1, static_cast<char>(c));
-  }
-  return word;
-}
 
 // Messages about wrong command lines are many here.
 class Silence {
@@ -63,7 +52,7 @@ void snapshotList(std::string_view input) {
   std::string text = "Directory\n";
   for (const auto &[id, name] : table) {
     FUZZ_CHECK(!name.empty());
-    text += octalWord(name) + " " + std::to_string(id) + " Valid Mon Nov 2 10:00:00 2026 home\n";
+    text += octalEscaped(name) + " " + std::to_string(id) + " Valid Mon Nov 2 10:00:00 2026 home\n";
   }
   FUZZ_CHECK(parseSnapshotList(text) == table);
 }
@@ -98,9 +87,9 @@ void catalogueText(std::string_view input) {
 }
 
 void policyText(std::string_view input) {
-  kest::ScriptRule rule;
+  ScriptRule rule;
   std::string problem;
-  if (!kest::parsePolicy(input, &rule, &problem)) {
+  if (!parsePolicy(input, &rule, &problem)) {
     FUZZ_CHECK(!problem.empty());
     return;
   }
@@ -111,33 +100,29 @@ void policyText(std::string_view input) {
 void words(std::string_view input) {
   std::vector<std::string> split, again;
   std::string problem, line;
-  if (!kest::splitWords(input, &split, &problem)) {
+  if (!splitWords(input, &split, &problem)) {
     FUZZ_CHECK(!problem.empty());
     return;
   }
   for (const std::string &word : split) line += shellWord(word) + "  ";
-  FUZZ_CHECK(kest::splitWords(line, &again, &problem) && again == split);
+  FUZZ_CHECK(splitWords(line, &again, &problem) && again == split);
 }
 
 void policyRoad(std::string_view input) {
   const std::vector<std::string> parts = pieces(input);
   std::string options;
   for (const std::string &part : parts) options += shellWord(part) + " ";
-  const std::string file = scratchFolder() + "/policy";
-  FUZZ_CHECK(writePolicyFile("/x" + parts[0], options, file) == 0);
-  kest::RunDirectory folder;
-  FUZZ_CHECK(folder.open(scratchFolder()) == 0);
-  kest::ScriptRule rule;
+  ScriptRule rule;
   std::string problem;
-  FUZZ_CHECK(kest::readPolicyFile(folder, file, &rule, &problem) || input.size() > 100000);
+  FUZZ_CHECK(parsePolicy(formatPolicy("/x" + parts[0], options), &rule, &problem));
   FUZZ_CHECK(rule.exec == "/x" + parts[0] && rule.options == parts);
 }
 
 void engineOptions(std::string_view input) {
   Arguments arguments(pieces(input));
-  kest::Options options;
+  Options options;
   std::string problem;
-  if (!kest::parseOptions(arguments.count(), arguments.argv.data(), &options, &problem)) {
+  if (!parseOptions(arguments.count(), arguments.argv.data(), &options, &problem)) {
     FUZZ_CHECK(!problem.empty());
     return;
   }
@@ -158,7 +143,7 @@ void commandLine(std::string_view input) {
     return;
   }
   const bool worker = texts[1] == "LIST";
-  FUZZ_CHECK(worker == (settings.phase > 2));
+  FUZZ_CHECK(worker == (settings.role == Role::kWorker) && worker == (settings.phase > 2));
   FUZZ_CHECK(worker ? !settings.shareDir.empty() : settings.shareDir.empty() && settings.pass == 0);
   FUZZ_CHECK(settings.phase == kPhaseMoveBack ||
              (!settings.filesetP.empty() && !settings.snapOldP.empty()));

@@ -8,13 +8,12 @@
 #include <algorithm>
 #include <cstring>
 
-#include "btrfs/inode_flags.h"
 #include "btrfs/tree_items.h"
+#include "filesystem/blob_format.h"
+#include "filesystem/clone_attribute.h"
 #include "fuzz/fuzz.h"
 #include "kest.h"
-#include "libkest/acl.h"
-#include "libkest/blob_format.h"
-#include "libkest/clone_attribute.h"
+#include "libkest/acl_format.h"
 #include "scan/clone_state.h"
 
 namespace fuzz {

@@ -1,5 +1,5 @@
 // Large sets in few bytes: what goes in comes out, sorted and once.
-#include "libkest/sorted_pairs.h"
+#include "diff/sorted_pairs.h"
 
 #include <gtest/gtest.h>
 

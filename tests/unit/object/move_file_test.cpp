@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "object/path_files.h"
+#include "object/places.h"
 #include "unit/support/real_fileset.h"
 
 namespace {
@@ -16,24 +16,22 @@ class MoveFile : public RealFileset {
     ino_ = tree.inode("f");
     location_ = tempLocation(ino_);
   }
-  int away() { return moveFile(active("f"), ino_, kPhaseMain, &moved_, false); }
-  int back(int32_t phase) { return moveFile(location_, ino_, phase, nullptr, false); }
+  Result away() { return moveFile(active("f"), ino_, kPhaseMain, &moved_, false); }
+  Result back(int32_t phase) { return moveFile(location_, ino_, phase, nullptr, false); }
   uint64_t ino_ = 0;
   std::string location_, moved_ = "unset";
 };
 
 TEST_F(MoveFile, TakenDestinationIsPendingOnceThenAFailure) {
-  ASSERT_EQ(away(), 0);
+  ASSERT_TRUE(away());
   EXPECT_EQ(moved_, location_);
-  EXPECT_NE(back(kPhaseMoveBack), 0) << "nothing says where to";
-  EXPECT_EQ(errno, ENOENT);
+  EXPECT_EQ(back(kPhaseMoveBack).err, ENOENT) << "nothing says where to";
   tree.file("g", "stays");
-  ASSERT_EQ(fetchFile(active("g"), ino_), 0);
-  ASSERT_EQ(back(kPhaseMoveBack), 0);
+  ASSERT_TRUE(fetchFile(active("g"), ino_));
+  ASSERT_TRUE(back(kPhaseMoveBack));
   const std::string pending = read(workPath(kRegPendingMvList));
   EXPECT_NE(pending.find(location_ + ":0!;9!4,0,0,0,0\n"), std::string::npos) << pending;
-  EXPECT_NE(back(kPhasePending), 0);
-  EXPECT_EQ(errno, EEXIST);
+  EXPECT_EQ(back(kPhasePending).err, EEXIST);
   EXPECT_EQ(tree.read("g"), "stays");
   EXPECT_EQ(read(location_), "text");
 }
@@ -44,7 +42,7 @@ TEST_F(MoveFile, SourceThatIsGoneOrGoesIsDone) {
     return 0;
   };
   for (int i = 0; i < 2; ++i) {
-    EXPECT_EQ(away(), 0);
+    EXPECT_TRUE(away());
     EXPECT_EQ(moved_, "");
   }
 }
@@ -53,11 +51,11 @@ TEST_F(MoveFile, FlagsAreClearedOnEitherWay) {
   tree.dir("d");
   tree.rename("f", "d/f");
   for (const char *name : {"d/f", "d"}) tree.immutable(name);
-  ASSERT_EQ(moveFile(active("d/f"), ino_, kPhaseMain, nullptr, false), 0);
-  ASSERT_EQ(fetchFile(active("d/f"), ino_), 0);
+  ASSERT_TRUE(moveFile(active("d/f"), ino_, kPhaseMain, nullptr, false));
+  ASSERT_TRUE(fetchFile(active("d/f"), ino_));
   for (const std::string &path : {location_, active("d")})
     tree.immutable(path.substr(tree.root().size() + 1));
-  ASSERT_EQ(back(kPhaseMoveBack), 0);
+  ASSERT_TRUE(back(kPhaseMoveBack));
   EXPECT_EQ(tree.read("d/f"), "text");
 }
 
@@ -65,10 +63,10 @@ TEST_F(MoveFile, DirectoryLeavesALinkAlsoWhenTheMoveIsRepeated) {
   tree.dir("d");
   takeSnapshot();
   const uint64_t ino = tree.inode("d");
-  ASSERT_EQ(moveFile(active("d"), ino, kPhaseMain, nullptr, false), 0);
-  ASSERT_EQ(fetchFile(active("d"), ino), 0);
+  ASSERT_TRUE(moveFile(active("d"), ino, kPhaseMain, nullptr, false));
+  ASSERT_TRUE(fetchFile(active("d"), ino));
   for (int i = 0; i < 2; ++i) {
-    ASSERT_EQ(moveFile(tempLocation(ino), ino, kPhaseDirs, nullptr, false), 0);
+    ASSERT_TRUE(moveFile(tempLocation(ino), ino, kPhaseDirs, nullptr, false));
     EXPECT_EQ(std::filesystem::read_symlink(tempLocation(ino)), active("d"));
   }
   EXPECT_EQ(tree.inode("d"), ino);

@@ -4,7 +4,6 @@
 
 #include "run/fatal_error.h"
 #include "run/number_set.h"
-#include "run/trace_buffer.h"
 #include "run/work_file.h"
 #include "unit/support/work_area.h"
 
@@ -45,8 +44,8 @@ TEST_F(Files, TraceLinesCarryTheirPrefix) {
 
 TEST_F(Files, FatalErrorMarker) {
   EXPECT_EQ(getFatalError(), 0);
-  EXPECT_EQ(setFatalError(28), 0);
-  EXPECT_EQ(setFatalError(5), 0);
+  setFatalError(28);
+  setFatalError(5);
   EXPECT_EQ(get(kFatalError), "28\n5\n");
   EXPECT_EQ(getFatalError(), 28);
   for (const char *text : {"0\n", "abc\n", "", "\n7\n"}) {
@@ -54,11 +53,11 @@ TEST_F(Files, FatalErrorMarker) {
     EXPECT_EQ(getFatalError(), -1) << text;
   }
   std::filesystem::remove(at(kFatalError));
-  EXPECT_EQ(setFatalError(0), 0);
+  setFatalError(0);
   EXPECT_EQ(getFatalError(), EIO);
   settings.shareDir += "/gone";
   EXPECT_EQ(unsavedFatalError(), 0);
-  EXPECT_EQ(setFatalError(1), -1);
+  setFatalError(1);
   settings.shareDir = area_;
   EXPECT_EQ(unsavedFatalError(), 1);
   EXPECT_EQ(getFatalError(), 1);
@@ -67,17 +66,15 @@ TEST_F(Files, FatalErrorMarker) {
 TEST_F(Files, ListFilesKeepWholeRecords) {
   using Mode = WorkFile::Mode;
   const std::string record = std::string(70000, 'r') + "\n", between = "between\n";
-  auto file = WorkFile::open(at("list"), Mode::kTruncate);
-  auto other = WorkFile::open(at("list"), Mode::kShared);
-  ASSERT_TRUE(file && other);
+  std::unique_ptr<WorkFile> file, other;
+  ASSERT_TRUE(WorkFile::open(at("list"), Mode::kTruncate, &file));
+  ASSERT_TRUE(WorkFile::open(at("list"), Mode::kShared, &other));
   for (int i = 0; i < 5; ++i) {
-    ASSERT_EQ(file->append(record), 0);
-    ASSERT_EQ(other->append(between), 0);
+    ASSERT_TRUE(file->append(record));
+    ASSERT_TRUE(other->append(between));
   }
-  int rc = 0;
-  closeWorkFile(file, "list", &rc);
-  closeWorkFile(other, "list", &rc);
-  EXPECT_EQ(rc, 0);
+  EXPECT_TRUE(closeWorkFile(file, "list"));
+  EXPECT_TRUE(closeWorkFile(other, "list"));
   std::string rest = get("list");
   EXPECT_EQ(rest.size(), 5 * (record.size() + between.size()));
   while (!rest.empty()) {
@@ -85,26 +82,22 @@ TEST_F(Files, ListFilesKeepWholeRecords) {
     ASSERT_TRUE(end == between.size() || end == record.size());
     rest.erase(0, end);
   }
-  file = WorkFile::open(at("list"), Mode::kKeep);
-  ASSERT_EQ(file->append("more\n"), 0);
-  EXPECT_EQ(file->close(), 0);
+  ASSERT_TRUE(WorkFile::open(at("list"), Mode::kKeep, &file));
+  ASSERT_TRUE(file->append("more\n"));
+  EXPECT_TRUE(file->close());
   EXPECT_TRUE(get("list").ends_with("\nmore\n"));
 }
 
 TEST_F(Files, AFullDiskIsReportedAtTheClose) {
-  for (const int earlier : {0, 7}) {
-    auto file = WorkFile::open("/dev/full", WorkFile::Mode::kKeep);
-    ASSERT_TRUE(file);
-    ASSERT_EQ(file->append("record\n"), 0);
-    int rc = earlier;
-    testing::internal::CaptureStderr();
-    closeWorkFile(file, "cpList", &rc);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "Error flushing work file cpList: No space left on device\n");
-    EXPECT_EQ(rc, earlier != 0 ? earlier : ENOSPC);
-  }
+  std::unique_ptr<WorkFile> file;
+  ASSERT_TRUE(WorkFile::open("/dev/full", WorkFile::Mode::kKeep, &file));
+  ASSERT_TRUE(file->append("record\n"));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(closeWorkFile(file, "cpList").err, ENOSPC);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Error flushing work file cpList: No space left on device\n");
   ASSERT_EQ(symlink("/etc/passwd", at("link").c_str()), 0);
-  EXPECT_FALSE(WorkFile::open(at("link"), WorkFile::Mode::kShared));
+  EXPECT_FALSE(WorkFile::open(at("link"), WorkFile::Mode::kShared, &file));
 }
 
 TEST(NumberSet, HoldsWhatWasInserted) {

@@ -16,7 +16,7 @@ TEST(ShellWord, NeitherRunsNorSplits) {
                                  "new\nline", "a\\b", "`x`", "\"", "#c", "\xc3\xa4"}) {
     std::string output;
     int status = -1;
-    ASSERT_EQ(runCommandOutput("printf %s " + shellWord(word), &output, &status), 0);
+    ASSERT_TRUE(runCommandOutput("printf %s " + shellWord(word), &output, &status));
     EXPECT_EQ(status, 0) << word;
     EXPECT_EQ(output, word);
   }
@@ -26,7 +26,7 @@ TEST(RunCommand, ReportsHowTheShellEnded) {
   for (const auto &[command, expected] :
        std::map<std::string, int>{{"exit 7", 7}, {"kill -9 $$", 128 + 9}, {"/no/x 2>&-", 127}}) {
     int status = -1;
-    ASSERT_EQ(runCommand(command, &status), 0) << command;
+    ASSERT_TRUE(runCommand(command, &status)) << command;
     EXPECT_EQ(status, expected) << command;
   }
 }
@@ -36,12 +36,12 @@ TEST(RunCommand, WhatAKilledShellLeavesIsAwaited) {
   ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
   inheritInCommands(ends[1]);
   const std::string to = std::to_string(ends[1]);
-  ASSERT_EQ(runCommand("sh -c 'sleep 0.2; echo done >&" + to + "' & kill -9 $$", &status), 0);
+  ASSERT_TRUE(runCommand("sh -c 'sleep 0.2; echo done >&" + to + "' & kill -9 $$", &status));
   inheritInCommands(-1);
   EXPECT_EQ(status, 128 + 9);
   char text[8] = "";
   EXPECT_EQ(read(ends[0], text, sizeof text), 5) << "the orphan is still at work";
-  ASSERT_EQ(runCommand("echo >&" + to + " 2>&-", &status), 0);
+  ASSERT_TRUE(runCommand("echo >&" + to + " 2>&-", &status));
   EXPECT_NE(status, 0) << "inherited without being asked for";
   close(ends[0]);
   close(ends[1]);
@@ -50,13 +50,13 @@ TEST(RunCommand, WhatAKilledShellLeavesIsAwaited) {
 TEST(RunCommand, OutputIsReadWholeAndSignalsAreUnblocked) {
   std::string output;
   int status = -1;
-  ASSERT_EQ(runCommandOutput("head -c 300000 /dev/zero; exit 3", &output, &status, 1000), 0);
+  ASSERT_TRUE(runCommandOutput("head -c 300000 /dev/zero; exit 3", &output, &status, 1000));
   EXPECT_EQ(status, 3);
   EXPECT_EQ(output.size(), 1000u);
   sigset_t all, before;
   sigfillset(&all);
   sigprocmask(SIG_BLOCK, &all, &before);
-  ASSERT_EQ(runCommandOutput("grep SigBlk /proc/self/status", &output, &status), 0);
+  ASSERT_TRUE(runCommandOutput("grep SigBlk /proc/self/status", &output, &status));
   sigprocmask(SIG_SETMASK, &before, nullptr);
   EXPECT_EQ(output, "SigBlk:\t0000000000000000\n");
 }

@@ -2,15 +2,17 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 namespace {
 
 TEST(DiffTable, FindsTheFirstItemOfANumberAlsoBehindOthersOfItsBucket) {
   ASSERT_TRUE(allocDiffTable());
   addCount = freeCount = 0;
-  ASSERT_EQ(addItem(5, 1, kDiffChanged), 0);
-  ASSERT_EQ(addItem(512005, 1, kDiffDeleted), 0);
-  ASSERT_EQ(addItem(512005, 1, kDiffNew), 0);
-  for (uint64_t ino = 2000000; ino < 2050000; ++ino) ASSERT_EQ(addItem(ino, 1, kDiffMoved), 0);
+  ASSERT_TRUE(addItem(5, kDiffChanged));
+  ASSERT_TRUE(addItem(512005, kDiffDeleted));
+  ASSERT_TRUE(addItem(512005, kDiffNew));
+  for (uint64_t ino = 2000000; ino < 2050000; ++ino) ASSERT_TRUE(addItem(ino, kDiffMoved));
   ASSERT_NE(findItem(512005), nullptr);
   EXPECT_EQ(findItem(512005)->type, kDiffDeleted);
   EXPECT_EQ(findItem(1024005), nullptr);
@@ -21,7 +23,7 @@ TEST(DiffTable, FindsTheFirstItemOfANumberAlsoBehindOthersOfItsBucket) {
   EXPECT_EQ(freeCount, 50003);
   freeDiffTable();
   EXPECT_EQ(findItem(5), nullptr);
-  EXPECT_EQ(addItem(5, 1, kDiffChanged), -1);
+  EXPECT_EQ(addItem(5, kDiffChanged).err, ENOMEM);
 }
 
 }  // namespace

@@ -9,7 +9,6 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
-#include "run/work_access.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
 #include "support/loop_btrfs.h"

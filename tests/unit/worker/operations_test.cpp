@@ -1,10 +1,11 @@
 // Removals that wait, are refused, or meet something else.
 #include <cerrno>
 
-#include "record/record_format.h"
+#include "formats/list_record.h"
 #include "unit/support/real_fileset.h"
 #include "worker/delete_file.h"
 #include "worker/dir_ops.h"
+#include "worker/work_unit.h"
 
 namespace {
 
@@ -19,17 +20,22 @@ class Operations : public RealFileset {
       return call == name && left-- > 0 ? err : 0;
     };
   }
-  int removeDir(uint64_t ino) { return delDir(active("d"), ino); }
+  Result removeFile(uint64_t ino) { return deleteFile({ino, active("f"), {kOpDeleteFile}}); }
+  Result removeDir(uint64_t ino) {
+    return delDir({ino, active("d"), {kOpDelDir}}, [](const std::string &) {
+      ADD_FAILURE() << "there is no list";
+      return Result{};
+    });
+  }
 };
 
 TEST_F(Operations, DeleteWaitsForABusyFileAndTakesAMissingOneAsDone) {
   tree.file("f");
   const uint64_t ino = tree.inode("f");
   refuse("kest_unlink", EIO, 1);
-  EXPECT_NE(deleteFile(active("f"), ino), 0);
-  EXPECT_EQ(errno, EIO);
+  EXPECT_EQ(removeFile(ino).err, EIO);
   refuse("kest_unlink", EBUSY, 3);
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(deleteFile(active("f"), ino), 0);
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(removeFile(ino));
   EXPECT_FALSE(tree.exists("f"));
 }
 
@@ -37,14 +43,13 @@ TEST_F(Operations, DirectoryGoesOnlyWhenItIsTheOneMeantAndEmpty) {
   tree.dirs("d/full");
   tree.file("d/full/f");
   const uint64_t ino = tree.inode("d");
-  EXPECT_EQ(removeDir(ino + 1000000), 0);
+  EXPECT_TRUE(removeDir(ino + 1000000));
   EXPECT_TRUE(tree.exists("d"));
-  EXPECT_NE(removeDir(ino), 0);
-  EXPECT_EQ(errno, ENOTEMPTY);
+  EXPECT_EQ(removeDir(ino).err, ENOTEMPTY);
   tree.remove("d/full/f");
-  EXPECT_NE(removeDir(ino), 0) << "not the program's to overlook";
+  EXPECT_FALSE(removeDir(ino)) << "a directory inside is never removed along with it";
   tree.remove("d/full");
-  for (int i = 0; i < 2; ++i) EXPECT_EQ(removeDir(ino), 0);
+  for (int i = 0; i < 2; ++i) EXPECT_TRUE(removeDir(ino));
   EXPECT_FALSE(tree.exists("d"));
 }
 
@@ -53,24 +58,25 @@ TEST_F(Operations, FailureOfANestedListIsTheDirectorys) {
   tree.dir("d");
   const uint64_t ino = tree.inode("d");
   settings.topDir = true;
-  ASSERT_EQ(makeWorkDirectory(dirSet(ino, false)), 0);
-  const std::string bad = formatListRecord(0, ino, active("d/x"), "9,0,0,0,0");
+  ASSERT_TRUE(makeWorkDirectory(dirSet(ino, false)));
+  const std::string bad = formatListRecord(0, ino, active("d/x"), {9});
+  tree.file("batch", std::to_string(ino) + " 0 0 6,0,0,0,0 -- " + active("d") + "\n");
   const std::string list = dirSetList(ino, false, 1).substr(tree.root().size() + 1);
   tree.file(list);
   for (int records : {1, 200}) {
     for (int i = 0; i < records; ++i) tree.append(list, bad);
-    EXPECT_NE(removeDir(ino), 0) << records;
+    EXPECT_FALSE(doWorkUnit(active("batch"), 42)) << records;
     EXPECT_TRUE(tree.exists("d"));
   }
   tree.truncate(list, 0);
-  EXPECT_EQ(removeDir(ino), 0);
+  unlink(workPath(kFatalError).c_str());
+  EXPECT_TRUE(doWorkUnit(active("batch"), 42));
 }
 
 TEST_F(Operations, RefusedRemovalWithoutAJunctionIsAFailure) {
   tree.dir("d");
   refuse("kest_rmdir", EPERM, 1000);
-  EXPECT_NE(removeDir(tree.inode("d")), 0);
-  EXPECT_EQ(errno, EPERM);
+  EXPECT_EQ(removeDir(tree.inode("d")).err, EPERM);
 }
 
 }  // namespace

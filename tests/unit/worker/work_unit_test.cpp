@@ -19,7 +19,7 @@ class WorkUnit : public RealFileset {
     for (const char *name : {"a", "b c", "d", "e"})
       if (!tree.exists(name)) tree.file(name);
   }
-  int run(const std::string &batch) {
+  Result run(const std::string &batch) {
     std::ofstream(active("batch")) << batch;
     return doWorkUnit(active("batch"), 42);
   }
@@ -31,7 +31,7 @@ class WorkUnit : public RealFileset {
 };
 
 TEST_F(WorkUnit, FirstFailureEndsTheBatch) {
-  EXPECT_EQ(run(""), 0);
+  EXPECT_TRUE(run(""));
   EXPECT_TRUE(exists(checkpoint()));
   std::string thirds[] = {
       deletion("d", "9,0,0,0,0"),  // unknown operation
@@ -53,27 +53,27 @@ TEST_F(WorkUnit, FirstFailureEndsTheBatch) {
     } else {
       third += deletion("e");
     }
-    EXPECT_NE(run(deletion("a") + deletion("b c") + third), 0);
+    EXPECT_FALSE(run(deletion("a") + deletion("b c") + third));
     EXPECT_EQ(read(checkpoint()), done);
     EXPECT_NE(getFatalError(), 0);
     EXPECT_NE(marker().substr(0, 2), "0\n");
     EXPECT_TRUE(tree.exists("d") && tree.exists("e"));
     EXPECT_FALSE(tree.exists("a") || tree.exists("b c"));
   }
-  EXPECT_EQ(run(deletion("d")), 0);
+  EXPECT_TRUE(run(deletion("d")));
 }
 
 TEST_F(WorkUnit, ResultAndMarkerAreTheErrorOfTheFailingStep) {
   refusal = [](const std::string &call) { return call == "kest_unlink" ? ENOSPC : 0; };
-  EXPECT_EQ(run(deletion("a")), ENOSPC);
+  EXPECT_EQ(run(deletion("a")).rc, ENOSPC);
   EXPECT_EQ(marker(), "28\n");
 }
 
 TEST_F(WorkUnit, BatchOrCheckpointFileThatCannotBeOpenedStops) {
-  EXPECT_EQ(doWorkUnit(active("none"), 42), ENOENT);
+  EXPECT_EQ(doWorkUnit(active("none"), 42).rc, ENOENT);
   EXPECT_EQ(marker(), "2\n");
   tree.removeTree("RestoreTemp47/checkpoint");
-  EXPECT_EQ(run(deletion("a")), ENOENT);
+  EXPECT_EQ(run(deletion("a")).rc, ENOENT);
   EXPECT_TRUE(tree.exists("a"));
 }
 

@@ -1,0 +1,77 @@
+#include "base/child_process.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <initializer_list>
+
+namespace {
+
+struct Child {
+  const ProcessStart &start;
+  pid_t parent;
+  volatile int failure;  // an errno; the child writes it into the memory that it shares with the parent
+};
+
+// Makes `fd` the descriptor `place`, which stays open in the program.
+bool putAt(int fd, int place) {
+  // dup2 onto itself would leave the descriptor close-on-exec.
+  return fd == place ? fcntl(fd, F_SETFD, 0) == 0 : dup2(fd, place) >= 0;
+}
+
+// The parent's handlers must not be called in the child, which works in the parent's memory.
+void forgetHandlers() {
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action;
+    if (sigaction(number, nullptr, &action) == 0 && action.sa_handler != SIG_IGN)
+      signal(number, SIG_DFL);
+  }
+}
+
+// Runs in the child, which shares the parent's memory until the program is executed: system calls only.
+// Returns with the errno when the program could not be executed.
+int becomeProgram(const Child &child) {
+  const ProcessStart &start = child.start;
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return errno;
+  // The parent may have died before the kernel knew that this process is to die with it.
+  if (getppid() != child.parent) _exit(127);
+  if (start.own_group && setpgid(0, 0) != 0) return errno;
+  if (start.standard_input >= 0 && !putAt(start.standard_input, STDIN_FILENO)) return errno;
+  if (start.standard_output >= 0 && !putAt(start.standard_output, STDOUT_FILENO)) return errno;
+  if (start.inherited >= 0 && fcntl(start.inherited, F_SETFD, 0) != 0) return errno;
+  if (start.default_signals) forgetHandlers();
+  sigset_t none;
+  sigemptyset(&none);
+  if (sigprocmask(SIG_SETMASK, start.mask != nullptr ? start.mask : &none, nullptr) != 0) return errno;
+  execve(start.path != nullptr ? start.path : start.arguments[0], start.arguments, start.environment);
+  return errno;
+}
+
+// A function of its own, whose frame vfork leaves alone: the child must not change variables of the
+// caller.
+__attribute__((noinline)) pid_t forkChild(Child &child) {
+  const pid_t pid = vfork();
+  if (pid == 0) {
+    child.failure = becomeProgram(child);
+    _exit(127);
+  }
+  return pid;
+}
+
+}  // namespace
+
+Result startProcess(const ProcessStart &start, pid_t *pid) {
+  Child child{start, getpid(), 0};
+  const pid_t started = forkChild(child);
+  if (started < 0) return errnoResult(errno);
+  if (child.failure != 0) {
+    while (waitpid(started, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    return errnoResult(child.failure);
+  }
+  *pid = started;
+  return {};
+}

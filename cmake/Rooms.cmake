@@ -1,0 +1,23 @@
+# Who may include whom: "room=rooms that it sees". A room always sees itself; everybody sees kest.h, but for base
+# and formats. Rooms are folders of the include roots (the top, platform/ and src/); those without an order
+# between them (plan and worker) do not see each other.
+set(FSETRESTORE_ROOMS
+  base=
+  formats=base
+  diff=base
+  filesystem=base|diff
+  btrfs=base|diff|filesystem
+  detect=base|diff|filesystem|btrfs
+  libkest=base|diff|filesystem|detect
+  commands=base|filesystem|detect
+  engine=base|formats
+  messages=base
+  run=base|formats|messages
+  scan=base|formats|messages|run
+  records=base|formats|messages|run|scan
+  object=base|formats|messages|run|scan|records
+  policy=base|formats|messages|run|scan|records|object
+  plan=base|formats|messages|run|scan|records|object
+  worker=base|formats|messages|run|scan|records|object|policy
+  restore=base|formats|messages|run|scan|records|object|policy|plan|worker
+  fsetcompare=base|formats|messages|run|scan|object)

@@ -1,0 +1,88 @@
+// One run: batches to workers, and their end.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "engine/batcher.h"
+#include "engine/run_directory.h"
+#include "engine/worker_process.h"
+#include "engine/worker_slots.h"
+#include "formats/list_record.h"
+#include "formats/policy_text.h"
+
+inline bool isFull(int error) {
+  return error == ENOSPC || error == EDQUOT;
+}
+
+struct RunOutcome {
+  uint64_t records = 0;  // handed to workers
+  uint64_t batches = 0;
+  uint64_t failed = 0;  // workers that failed, died or could not be started
+  int own_error = 0;    // errno of the engine's own list or files, 0 when they were all right
+  bool full = false;    // a worker ended with the error number of a full file system or quota
+  bool stopped = false;
+
+  bool good() const { return failed == 0 && own_error == 0 && !stopped; }
+};
+
+// Hands batch after batch to workers and waits for them.
+//
+// After the first failure, or a signal, nothing more is started; what runs is waited for. A signal is
+// passed on to the workers as SIGTERM; one that comes two seconds later or more as SIGKILL. The run
+// ends when all processes that came of its workers have ended, also those that a worker left behind:
+// this process adopts them. When the engine that this run is nested in is killed, its workers are
+// killed too.
+class BatchRun {
+ public:
+  struct Settings {
+    ScriptRule script;
+    const RunDirectory *directory;  // for batch files
+    size_t max_workers;             // at a time, of this run
+    size_t batch_size;
+  };
+
+  // `slots` and `signals` outlive this.
+  BatchRun(Settings settings, WorkerSlots *slots, const RunSignals *signals);
+  ~BatchRun();
+
+  // Starts the script as EXEC TEST <directory>, as a worker on a slot, and waits. True when it ended
+  // with 0.
+  bool probe();
+  // Executes the list from its current position on.
+  RunOutcome run(ListReader *list);
+
+ private:
+  struct Worker;
+  class Batches;
+
+  bool startBatch(const Batch &batch, WorkerSlots::Slot slot);
+  void start(const std::vector<std::string> &argv, WorkerSlots::Slot slot,
+             std::unique_ptr<Worker> worker);
+  void wait(bool for_slot);
+  void reap();
+  void ended(Worker &worker, int status);
+  void handleSignals();
+  void signalAll(int signal);
+  void releaseOrphanSlots();
+  std::vector<pid_t> strangers() const;
+  bool allGone();
+  bool mayStart() const { return outcome_.good(); }
+
+  Settings settings_;
+  WorkerSlots *slots_;
+  const RunSignals *signals_;
+  WorkerStarter starter_;
+  std::vector<pid_t> earlier_children_;
+  std::vector<std::unique_ptr<Worker>> workers_;
+  std::vector<WorkerSlots::Slot> orphan_slots_;  // of ended workers that left processes behind
+  RunOutcome outcome_;
+  std::chrono::steady_clock::time_point stopped_at_;
+  bool outer_gone_ = false;
+};

@@ -1,0 +1,63 @@
+#include "engine/batcher.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "formats/batch_line.h"
+
+namespace {
+
+bool isLargeRange(const ListRecord &record) {
+  Operation op;
+  return parseOpString(record.opString, &op) && op.isRange(kLargeRange);
+}
+
+}  // namespace
+
+BatchRecord::BatchRecord(const ListRecord &record)
+    : aggregate(record.aggregate), large_range(isLargeRange(record)), line(formatBatchLine(record)) {}
+
+void Batcher::add(BatchRecord record) {
+  if (!run_.empty() && run_.front().aggregate != record.aggregate) endRun();
+  run_.push_back(std::move(record));
+  // With two records beyond a full batch there is a remainder that can stand alone.
+  if (run_.size() > max_records_ + 1) {
+    closeOpen();
+    const auto cut = run_.begin() + static_cast<ptrdiff_t>(max_records_);
+    ready_.emplace_back(std::make_move_iterator(run_.begin()), std::make_move_iterator(cut));
+    run_.erase(run_.begin(), cut);
+  }
+}
+
+void Batcher::endRun() {
+  const bool has_ranges = std::any_of(run_.begin(), run_.end(),
+                                      [](const BatchRecord &record) { return record.large_range; });
+  const bool fits = open_.size() + run_.size() <= max_records_ && !(has_ranges && open_has_ranges_);
+  if (!fits) closeOpen();
+  if (max_records_ == 1 && run_.size() == 2) {
+    // A batch of one leaves no remainders.
+    ready_.push_back({std::move(run_.front())});
+    run_.erase(run_.begin());
+  }
+  std::move(run_.begin(), run_.end(), std::back_inserter(open_));
+  open_has_ranges_ = open_has_ranges_ || has_ranges;
+  run_.clear();
+}
+
+void Batcher::closeOpen() {
+  if (!open_.empty()) ready_.push_back(std::exchange(open_, {}));
+  open_has_ranges_ = false;
+}
+
+void Batcher::finish() {
+  endRun();
+  closeOpen();
+}
+
+bool Batcher::take(Batch *batch) {
+  if (ready_.empty()) return false;
+  *batch = std::move(ready_.front());
+  ready_.pop_front();
+  return true;
+}

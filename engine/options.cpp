@@ -1,0 +1,83 @@
+#include "engine/options.h"
+
+#include <getopt.h>
+
+#include <charconv>
+#include <cstring>
+
+const char *const kEngineUsage =
+    "Usage: ktapplypolicy DEVICE -P POLICY -g DIRECTORY -r LIST [-m N] [-B N] [-N NODES]\n"
+    "Hands the records of LIST, in batches, to the script of POLICY's EXTERNAL LIST rule, which is\n"
+    "started as EXEC LIST <batch file> OPTS.\n"
+    "  -P POLICY     policy file with one EXTERNAL LIST rule (EXEC, OPTS)\n"
+    "  -g DIRECTORY  where batch files are written\n"
+    "  -r LIST       the list of records\n"
+    "  -m N          workers at a time (24)\n"
+    "  -B N          records in a batch (100)\n"
+    "  -N NODES      all, localhost or this machine's name\n"
+    "  -h, --help    this text\n"
+    "KT_MAX_WORKERS in the environment limits the workers of this run and all runs nested in it\n"
+    "(twice the number of processors, at least 4).\n"
+    "KT_DIRECTORY, <device>:<inode>, is what DIRECTORY has to be; in any case it is the caller's, and\n"
+    "nobody else may write to it.\n"
+    "Exit status: 0 every worker ended with 0; 28 no space, for batch files or a worker; 1 anything "
+    "else.\n";
+
+namespace {
+
+bool parseCount(const char *text, size_t *value) {
+  const char *end = text + strlen(text);
+  auto [stop, error] = std::from_chars(text, end, *value);
+  return error == std::errc() && stop == end && *value >= 1 && *value <= 0x7fffffff;
+}
+
+}  // namespace
+
+bool parseOptions(int argc, char **argv, Options *options, std::string *problem) {
+  static const struct option kLong[] = {{"help", no_argument, nullptr, 'h'}, {}};
+  optind = 0;  // starts getopt anew
+  opterr = 0;
+  int letter;
+  while ((letter = getopt_long(argc, argv, ":P:g:r:m:B:N:h", kLong, nullptr)) != -1) {
+    switch (letter) {
+      case 'P':
+        options->policy = optarg;
+        break;
+      case 'g':
+        options->directory = optarg;
+        break;
+      case 'r':
+        options->list = optarg;
+        break;
+      case 'N':
+        options->nodes = optarg;
+        break;
+      case 'h':
+        options->help = true;
+        return true;
+      case 'm':
+      case 'B':
+        if (!parseCount(optarg, letter == 'm' ? &options->max_workers : &options->batch_size)) {
+          *problem = std::string("-") + static_cast<char>(letter) + " needs a number of 1 or more";
+          return false;
+        }
+        break;
+      case ':':
+        *problem = std::string("-") + static_cast<char>(optopt) + " needs a value";
+        return false;
+      default:
+        *problem = std::string("unknown option ") + argv[optind - 1];
+        return false;
+    }
+  }
+  if (optind != argc - 1 || !*argv[optind]) {
+    *problem = "exactly one device is needed";
+    return false;
+  }
+  options->device = argv[optind];
+  if (options->policy.empty() || options->directory.empty() || options->list.empty()) {
+    *problem = "-P, -g and -r are needed";
+    return false;
+  }
+  return true;
+}

@@ -1,0 +1,21 @@
+// The command line.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+struct Options {
+  std::string device;
+  std::string policy;     // -P
+  std::string directory;  // -g
+  std::string list;       // -r
+  std::string nodes = "all";
+  size_t max_workers = 24;  // -m
+  size_t batch_size = 100;  // -B
+  bool help = false;
+};
+
+extern const char *const kEngineUsage;
+
+// False: *problem says what is wrong or missing.
+bool parseOptions(int argc, char **argv, Options *options, std::string *problem);

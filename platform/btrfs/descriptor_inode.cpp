@@ -1,0 +1,214 @@
+#include "btrfs/descriptor_inode.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "base/fd_path.h"
+#include "btrfs/file_handle.h"
+#include "btrfs/inode_flags.h"
+#include "btrfs/xattr.h"
+
+namespace kest {
+
+namespace {
+
+constexpr uint64_t kSector = 4096;
+
+int resultOf(int rc) {
+  return rc == 0 ? 0 : -errno;
+}
+
+}  // namespace
+
+DescriptorInode::~DescriptorInode() {
+  if (held_ == Held::kBorrowed) fd_.release();
+}
+
+int DescriptorInode::anyFd() const {
+  if (read_fd_) return read_fd_.get();
+  return write_fd_ ? write_fd_.get() : fd_.get();
+}
+
+int DescriptorInode::readFd() {
+  if (held_ != Held::kPath) return fd_.get();
+  if (read_fd_) return read_fd_.get();
+  const mode_t mode = facts_.mode;
+  if (!S_ISREG(mode) && !S_ISDIR(mode)) return -EINVAL;
+  const int flags = O_RDONLY | O_NONBLOCK | (S_ISDIR(mode) ? O_DIRECTORY : 0);
+  int fd = openAgain(fd_.get(), flags | O_NOATIME);
+  if (fd == -EPERM) fd = openAgain(fd_.get(), flags);
+  if (fd >= 0) read_fd_.reset(fd);
+  return fd;
+}
+
+int DescriptorInode::writeFd() {
+  if (held_ != Held::kPath) return fd_.get();
+  if (write_fd_) return write_fd_.get();
+  if (!S_ISREG(facts_.mode)) return -EINVAL;
+  const int fd = openAgain(fd_.get(), O_WRONLY | O_NONBLOCK);
+  if (fd == -EPERM) {
+    Protection protection;
+    if (readProtection(&protection) == 0 && protection.any()) return -EROFS;
+  }
+  if (fd >= 0) write_fd_.reset(fd);
+  return fd;
+}
+
+int DescriptorInode::openForReading() {
+  return std::min(readFd(), 0);
+}
+
+int DescriptorInode::openForWriting() {
+  return std::min(writeFd(), 0);
+}
+
+int64_t DescriptorInode::read(void *buf, int64_t size, int64_t offset) {
+  const int fd = readFd();
+  if (fd < 0) return fd;
+  int64_t done = 0;
+  while (done < size) {
+    const ssize_t n = pread(fd, static_cast<char *>(buf) + done, size - done, offset + done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return done > 0 ? done : -errno;
+    if (n == 0) break;
+    done += n;
+  }
+  return done;
+}
+
+int64_t DescriptorInode::write(const void *buf, int64_t size, int64_t offset, int *error) {
+  const int fd = writeFd();
+  if (fd < 0) return fd;
+  int64_t done = 0;
+  while (done < size) {
+    const ssize_t n = pwrite(fd, static_cast<const char *>(buf) + done, size - done, offset + done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      *error = n < 0 ? errno : ENOSPC;
+      break;
+    }
+    done += n;
+  }
+  return done;
+}
+
+int DescriptorInode::makeHole(int64_t offset, int64_t end) {
+  const int fd = writeFd();
+  if (fd < 0) return fd;
+  struct stat status;
+  if (fstat(fd, &status) < 0) return -errno;
+  for (int64_t at = offset, stop = std::min<int64_t>(end, status.st_size); at < stop;) {
+    const off_t data = lseek(fd, at, SEEK_DATA);
+    if (data < 0 && errno == ENXIO) break;
+    if (data < 0) return -errno;
+    if (data >= stop) break;
+    const off_t data_end = lseek(fd, data, SEEK_HOLE);
+    if (data_end < 0) return -errno;
+    at = std::min<int64_t>(data_end, stop);
+    // A hole that ends inside the last block would fill the rest of it with zeros instead of freeing
+    // it.
+    const int64_t to =
+        at == status.st_size ? static_cast<int64_t>((at + kSector - 1) / kSector * kSector) : at;
+    int rc;
+    do rc = fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, data, to - data);
+    while (rc < 0 && errno == EINTR);
+    if (rc < 0) return -errno;
+  }
+  return end > status.st_size ? resultOf(ftruncate(fd, end)) : 0;
+}
+
+int DescriptorInode::truncate(int64_t size) {
+  const int fd = writeFd();
+  if (fd < 0) return fd;
+  int rc;
+  do rc = ftruncate(fd, size);
+  while (rc != 0 && errno == EINTR);
+  return resultOf(rc);
+}
+
+// The kernel knows unwritten data, too, and shows preallocated space as a hole.
+int DescriptorInode::stretchAt(int64_t offset, int64_t end, int64_t *stop, bool *hole) {
+  const int fd = readFd();
+  if (fd < 0) return fd;
+  const off_t data = lseek(fd, offset, SEEK_DATA);
+  if (data < 0 && errno != ENXIO) return -errno;
+  *hole = data != offset;
+  off_t next = data < 0 ? end : data;
+  if (!*hole) {
+    next = lseek(fd, offset, SEEK_HOLE);
+    if (next < 0) return -errno;
+  }
+  *stop = std::min<int64_t>(next, end);
+  return 0;
+}
+
+int DescriptorInode::readLink(std::string *target) {
+  char buffer[PATH_MAX];
+  const ssize_t length = readlinkat(fd_.get(), "", buffer, sizeof buffer);
+  if (length < 0) return -errno;
+  target->assign(buffer, static_cast<size_t>(length));
+  return 0;
+}
+
+int DescriptorInode::stat(struct stat *st) {
+  return resultOf(fstat(anyFd(), st));
+}
+
+int DescriptorInode::changeMode(mode_t mode) {
+  return resultOf(::changeMode(anyFd(), mode));
+}
+
+int DescriptorInode::changeOwner(uid_t uid, gid_t gid) {
+  return resultOf(fchownat(anyFd(), "", uid, gid, AT_EMPTY_PATH));
+}
+
+int DescriptorInode::setTimes(const struct timespec times[2]) {
+  return resultOf(utimensat(anyFd(), "", times, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH));
+}
+
+int DescriptorInode::listXattrs(std::vector<std::string> *names) {
+  return kest::listXattrs(anyFd(), names);
+}
+
+int DescriptorInode::readXattr(const char *name, std::string *value) {
+  return kest::readXattr(anyFd(), name, value);
+}
+
+int DescriptorInode::writeXattr(const char *name, const std::string &value) {
+  return kest::writeXattr(anyFd(), name, value);
+}
+
+int DescriptorInode::removeXattr(const char *name) {
+  return kest::removeXattr(anyFd(), name);
+}
+
+int DescriptorInode::readProtection(Protection *protection) {
+  return kest::readProtection(anyFd(), "", protection);
+}
+
+int DescriptorInode::writeProtection(Protection protection) {
+  if (held_ == Held::kPath) {
+    const int fd = readFd();
+    return fd < 0 ? fd : kest::writeProtection(fd, protection);
+  }
+  const int rc = kest::writeProtection(fd_.get(), protection);
+  if (rc != -EBADF) return rc;
+  const UniqueFd real(openAgain(fd_.get(), O_RDONLY | O_NONBLOCK | O_NOATIME));
+  return real ? kest::writeProtection(real.get(), protection) : real.get();
+}
+
+int DescriptorInode::duplicateDescriptor() {
+  const int fd = fcntl(anyFd(), F_DUPFD_CLOEXEC, 0);
+  return fd >= 0 ? fd : -errno;
+}
+
+int DescriptorInode::takeDescriptor() {
+  return fd_.release();
+}
+
+}  // namespace kest

@@ -1,0 +1,60 @@
+// An inode behind a descriptor: what the kernel's ordinary calls do with it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "filesystem/file_system.h"
+
+namespace kest {
+
+class DescriptorInode : public Inode {
+ public:
+  enum class Held {
+    kPath,      // opened with O_PATH; mode and facts are known
+    kReal,      // open for reading or writing
+    kBorrowed,  // anything, and the caller's to close
+  };
+  DescriptorInode(UniqueFd fd, Held held) : held_(held), fd_(std::move(fd)) {}
+  ~DescriptorInode() override;
+
+  int fd() const { return fd_.get(); }
+  // Any descriptor of the inode. Calls cost less on one that is really open, where there is one.
+  int anyFd() const;
+  // Descriptor for reading file data, directory entries or inode flags. -EINVAL for all but files and
+  // directories; -errno.
+  int readFd();
+  // Descriptor for writing file data. -EROFS where the immutable or append-only flag forbids it;
+  // -errno.
+  int writeFd();
+
+  int openForReading() override;
+  int openForWriting() override;
+  int64_t read(void *buf, int64_t size, int64_t offset) override;
+  int64_t write(const void *buf, int64_t size, int64_t offset, int *error) override;
+  int makeHole(int64_t offset, int64_t end) override;
+  int truncate(int64_t size) override;
+  int stretchAt(int64_t offset, int64_t end, int64_t *stop, bool *hole) override;
+  int readLink(std::string *target) override;
+  int stat(struct stat *st) override;
+  int changeMode(mode_t mode) override;
+  int changeOwner(uid_t uid, gid_t gid) override;
+  int setTimes(const struct timespec times[2]) override;
+  int listXattrs(std::vector<std::string> *names) override;
+  int readXattr(const char *name, std::string *value) override;
+  int writeXattr(const char *name, const std::string &value) override;
+  int removeXattr(const char *name) override;
+  int readProtection(Protection *protection) override;
+  int writeProtection(Protection protection) override;
+  int duplicateDescriptor() override;
+  int takeDescriptor() override;
+
+ private:
+  Held held_;
+  UniqueFd fd_;
+  UniqueFd read_fd_, write_fd_;  // of kPath, once they are needed
+};
+
+}  // namespace kest

@@ -1,0 +1,128 @@
+#include "btrfs/directory.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "btrfs/beneath.h"
+#include "btrfs/clone.h"
+#include "btrfs/inode.h"
+#include "btrfs/inode_flags.h"
+
+namespace kest {
+
+namespace {
+
+int resultOf(int rc) {
+  return rc == 0 ? 0 : -errno;
+}
+
+// RESOLVE_NO_XDEV stops at mounts, but not at nested subvolumes.
+int refuseOtherTree(const TreeRoot &root, int dir) {
+  struct stat st;
+  if (fstat(dir, &st) != 0) return -errno;
+  return st.st_dev == root.device ? 0 : -EXDEV;
+}
+
+}  // namespace
+
+int BtrfsDirectory::stat(const std::string &name, struct stat *st) {
+  return resultOf(fstatat(fd(), name.c_str(), st, AT_SYMLINK_NOFOLLOW));
+}
+
+int BtrfsDirectory::openObject(const std::string &name, std::unique_ptr<Inode> *object,
+                               struct stat *st) {
+  const size_t end = name.find_last_not_of('/') + 1;
+  // If a slash follows the name, the kernel follows a link all the same. So a directory is asked for
+  // instead.
+  const int directory = end < name.size() ? O_DIRECTORY : 0;
+  UniqueFd opened(
+      openat(fd(), name.substr(0, end).c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC | directory));
+  if (!opened || fstat(opened.get(), st) != 0) return -errno;
+  auto inode = std::make_unique<BtrfsInode>(std::move(opened), BtrfsInode::Held::kPath);
+  inode->learn(*st);
+  *object = std::move(inode);
+  return 0;
+}
+
+int BtrfsDirectory::open(const std::string &name, int flags, mode_t mode,
+                         std::unique_ptr<Inode> *opened) {
+  UniqueFd file(openat(fd(), name.c_str(), flags, mode));
+  if (!file) return -errno;
+  *opened = std::make_unique<BtrfsInode>(std::move(file), BtrfsInode::Held::kReal);
+  return 0;
+}
+
+int BtrfsDirectory::makeDirectory(const std::string &name, mode_t mode) {
+  return resultOf(mkdirat(fd(), name.c_str(), mode));
+}
+
+int BtrfsDirectory::makeNode(const std::string &name, mode_t mode, dev_t device) {
+  return resultOf(mknodat(fd(), name.c_str(), mode, device));
+}
+
+int BtrfsDirectory::makeSymlink(const std::string &name, const char *target) {
+  return resultOf(symlinkat(target, fd(), name.c_str()));
+}
+
+int BtrfsDirectory::link(Inode &inode, const std::string &name) {
+  return resultOf(linkat(asBtrfs(inode).fd(), "", fd(), name.c_str(), AT_EMPTY_PATH));
+}
+
+int BtrfsDirectory::rename(const std::string &name, Directory &to, const std::string &to_name) {
+  const int target = static_cast<BtrfsDirectory &>(to).fd();
+  return resultOf(renameat2(fd(), name.c_str(), target, to_name.c_str(), RENAME_NOREPLACE));
+}
+
+int BtrfsDirectory::removeFile(const std::string &name) {
+  return resultOf(unlinkat(fd(), name.c_str(), 0));
+}
+
+int BtrfsDirectory::removeDirectory(const std::string &name) {
+  return resultOf(unlinkat(fd(), name.c_str(), AT_REMOVEDIR));
+}
+
+int BtrfsDirectory::makeClone(const std::string &name, Inode &parent) {
+  return kest::makeClone(fd(), name, asBtrfs(parent));
+}
+
+int BtrfsDirectory::readProtection(const std::string &name, Protection *protection) {
+  return kest::readProtection(fd(), name.c_str(), protection);
+}
+
+int BtrfsDirectory::holdsFileset(const std::string &name) {
+  struct stat parent, st;
+  if (fstatat(fd(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
+  if (!S_ISDIR(st.st_mode) || st.st_ino != kFirstInode) return 0;
+  if (fstat(fd(), &parent) != 0) return -errno;
+  return st.st_dev != parent.st_dev;
+}
+
+int openDirectoryBeneath(const TreeRoot &root, int start_fd, std::string_view path,
+                         std::unique_ptr<Directory> *dir) {
+  UniqueFd fd;
+  if (int rc = openBeneath(start_fd, path, &fd); rc != 0) return rc;
+  if (int rc = refuseOtherTree(root, fd.get()); rc != 0) return rc;
+  *dir = std::make_unique<BtrfsDirectory>(std::move(fd));
+  return 0;
+}
+
+int duplicateDirectory(const TreeRoot &root, int fd, std::unique_ptr<Directory> *dir) {
+  UniqueFd duplicate(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+  if (!duplicate) return -errno;
+  if (int rc = refuseOtherTree(root, duplicate.get()); rc != 0) return rc;
+  *dir = std::make_unique<BtrfsDirectory>(std::move(duplicate));
+  return 0;
+}
+
+int openDirectoryAnywhere(std::string_view path, std::unique_ptr<Directory> *dir) {
+  UniqueFd fd;
+  if (int rc = openBeneath(AT_FDCWD, path, &fd); rc != 0) return rc;
+  *dir = std::make_unique<BtrfsDirectory>(std::move(fd));
+  return 0;
+}
+
+}  // namespace kest

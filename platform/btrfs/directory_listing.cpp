@@ -1,0 +1,172 @@
+#include "btrfs/directory_listing.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+#include "btrfs/entry_diff.h"
+
+namespace kest {
+
+namespace {
+
+constexpr size_t kBatch = 256 * 1024;
+
+bool isDots(const char *name) {
+  return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
+}
+
+// Calls visit(record) with names, numbers and types as the kernel lists them. 0 or -errno.
+template <typename Visit>
+int readRaw(int fd, Visit visit) {
+  auto buffer = std::make_unique_for_overwrite<char[]>(kBatch);
+  if (lseek(fd, 0, SEEK_SET) < 0) return -errno;
+  for (;;) {
+    ssize_t n = getdents64(fd, buffer.get(), kBatch);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return -errno;
+    if (n == 0) return 0;
+    for (ssize_t at = 0; at < n;) {
+      const auto *raw = reinterpret_cast<const dirent64 *>(buffer.get() + at);
+      kest_direntx64_t record;
+      record.d_ino = raw->d_ino;
+      record.d_gen = 0;
+      record.d_type = raw->d_type;
+      record.d_pad = 0;
+      record.d_flags = 0;
+      setName(&record, raw->d_name);
+      int rc = visit(record);
+      if (rc < 0) return rc;
+      at += raw->d_reclen;
+    }
+  }
+}
+
+}  // namespace
+
+int listDirectory(const TreeRoot &root, DescriptorInode &dir, const HiddenEntries &hidden, bool dots,
+                  EntryList *entries) {
+  const int fd = dir.readFd();
+  if (fd < 0) return fd;
+  const InodeFacts &facts = dir.facts();
+  LiveEntries live(root, dir.fd(), facts.ino);
+  entries->clear();
+  return readRaw(fd, [&](kest_direntx64_t &record) {
+    if (isDots(record.d_name)) {
+      if (record.d_name[1] == 0) record.d_gen = facts.generation;
+      if (dots) entries->add(record);
+      return 0;
+    }
+    if (hidden.hidesName(facts.ino, record.d_name)) return 0;
+    if (record.d_type == DT_DIR) {
+      int there = live.resolve(&record);
+      if (there <= 0) return there;
+    }
+    if ((record.d_flags & KEST_DF_JUNCTION) != 0) {
+      int hides = hidden.hidesSubvolume(facts.ino, record.d_name, record.d_ino);
+      if (hides != 0) return std::min(hides, 0);
+    }
+    entries->add(record);
+    return 0;
+  });
+}
+
+int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const DifferenceSet &set,
+                       uint64_t snapshot_id, uint64_t line, EntryList *entries) {
+  entries->clear();
+  const InodeFacts &facts = dir.facts();
+  const DiffInode own = set.find(facts.ino);
+  if (!own.alive()) return 0;
+  HiddenEntries hidden(root, snapshot_id);
+  // A directory that only the fileset has is new as a whole.
+  if (!own.inSnapshot() || own.replaced()) return listDirectory(root, dir, hidden, false, entries);
+  if ((own.state & KEST_DI_ENTRIES) == 0) return 0;
+  const int fs = root.fd.get();
+  TreeReader active(fs, root.subvol_id, 1), snapshot(fs, snapshot_id, 1);
+  EntryDifference difference;
+  int rc = diffDirectories(active, snapshot, facts.ino, facts.size, line, hidden, &difference);
+  if (rc < 0) return rc;
+  LiveEntries live(root, dir.fd(), facts.ino);
+
+  auto takeActive = [&](const DirEntry &entry) {
+    kest_direntx64_t record = toRecord(entry);
+    int there = live.stillMeans(&record);
+    if (there > 0) entries->add(record);
+    return there;
+  };
+  auto takeSnapshot = [&](const DirEntry &entry) {
+    kest_direntx64_t record = toRecord(entry);
+    int there = live.stillMeans(&record);
+    if (there < 0 || (there > 0 && (entry.junction || !set.find(entry.target).replaced())))
+      return there;
+    record.d_type |= KEST_DT_SNAP;
+    InodeItem item;
+    int found = entry.junction ? 0 : readInode(snapshot, entry.target, &item);
+    record.d_gen = found > 0 ? item.generation : 0;
+    entries->add(record);
+    return found;
+  };
+  return visitByName(difference, takeActive, takeSnapshot);
+}
+
+LeadListing::LeadListing(const TreeRoot &root, const DescriptorInode &dir, const DifferenceSet &set,
+                         TreeReader &active)
+    : root_(root),
+      dir_(dir.facts().ino),
+      set_(set),
+      active_(active),
+      live_(root, dir.fd(), dir_),
+      cursor_(set.leadsFrom(dir_)) {
+  // What was read before may be older than the last changes of the run itself.
+  active_.forget();
+}
+
+int LeadListing::next(const kest_direntx64_t **entry) {
+  *entry = nullptr;
+  for (;;) {
+    while (waiting_.empty()) {
+      NumberPair lead;
+      if (!cursor_.next(&lead) || lead.first != dir_) return 0;
+      if (lead.second == 0) {
+        takeJunctions();
+      } else if (int rc = takeInode(lead.second); rc < 0) {
+        return rc;
+      }
+    }
+    current_ = waiting_.back();
+    waiting_.pop_back();
+    int rc = live_.stillMeans(&current_);
+    if (rc < 0) return rc;
+    if (rc == 0) continue;
+    *entry = &current_;
+    return 0;
+  }
+}
+
+int LeadListing::takeInode(uint64_t ino) {
+  InodeItem item;
+  int rc = readInode(active_, ino, &item);
+  if (rc <= 0) return rc;
+  HiddenEntries hidden(root_, 0);
+  DirEntry entry;
+  entry.target = ino;
+  entry.type = IFTODT(item.mode);
+  rc = visitNamesIn(active_, ino, dir_, [&](uint64_t, std::string_view name) {
+    if (hidden.hidesName(dir_, name)) return;
+    entry.name = name;
+    waiting_.push_back(toRecord(entry));
+  });
+  return std::min(rc, 0);
+}
+
+void LeadListing::takeJunctions() {
+  for (const Junction &one : set_.junctionsIn(dir_))
+    waiting_.push_back(
+        toRecord({.name = one.name, .target = one.id, .junction = true, .type = DT_DIR}));
+}
+
+}  // namespace kest

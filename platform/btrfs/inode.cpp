@@ -1,0 +1,274 @@
+#include "btrfs/inode.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include "btrfs/attributes.h"
+#include "btrfs/directory_listing.h"
+#include "btrfs/file_handle.h"
+#include "btrfs/inode_flags.h"
+#include "btrfs/relatives.h"
+#include "btrfs/tree_items.h"
+#include "filesystem/blob_format.h"
+#include "filesystem/clone_attribute.h"
+
+namespace kest {
+
+namespace {
+
+kest_timestruc64_t toTime(const statx_timestamp &time) {
+  return {time.tv_sec, time.tv_nsec};
+}
+
+// 0 or -errno.
+int statNow(int fd, struct statx *status) {
+  constexpr unsigned kMask = STATX_BASIC_STATS | STATX_BTIME;
+  return statx(fd, "", AT_EMPTY_PATH, kMask, status) < 0 ? -errno : 0;
+}
+
+bool sameProperty(const BlobAttributes &a, const BlobAttributes &b) {
+  const auto one = a.xattrs.find(kCompressionProperty), other = b.xattrs.find(kCompressionProperty);
+  if (one == a.xattrs.end() || other == b.xattrs.end())
+    return one == a.xattrs.end() && other == b.xattrs.end();
+  return one->second == other->second;
+}
+
+// -EBUSY while somebody has the file open for writing: such a descriptor would go on writing to it.
+int refuseWriters(int fd) {
+  // The kernel grants a read lease only on a file that nobody has open for writing. If somebody opens
+  // it for writing before the lease is given back, the holder gets a signal: one that is ignored by
+  // default.
+  if (fcntl(fd, F_SETSIG, SIGURG) != 0) return 0;
+  if (fcntl(fd, F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN ? -EBUSY : 0;
+  fcntl(fd, F_SETLEASE, F_UNLCK);
+  return 0;
+}
+
+}  // namespace
+
+void BtrfsInode::learn(const struct stat &st) {
+  facts_.ino = st.st_ino;
+  facts_.mode = st.st_mode;
+  facts_.size = static_cast<uint64_t>(st.st_size);
+}
+
+int BtrfsInode::learnAll() {
+  struct statx status;
+  int rc = statNow(fd(), &status);
+  if (rc < 0) return rc;
+  if (status.stx_nlink == 0) return -ENOENT;
+  InodeAddress address;
+  rc = addressOf(fd(), "", &address);
+  if (rc < 0) return rc;
+  if (address.subvol_id != root_->subvol_id) return -EXDEV;
+  facts_.ino = address.ino;
+  facts_.generation = address.generation;
+  facts_.size = status.stx_size;
+  facts_.mode = status.stx_mode;
+  facts_.created = toTime(status.stx_btime);
+  return 0;
+}
+
+int BtrfsInode::listEntries(EntryList *entries) {
+  const uint64_t snapshot = root_->isSnapshot() ? root_->subvol_id : currentSnapshot(*root_);
+  return listDirectory(*root_, *this, HiddenEntries(*root_, snapshot), true, entries);
+}
+
+int BtrfsInode::readAttributes(kest_iattr64_t *attr) {
+  struct statx status;
+  if (int rc = statNow(anyFd(), &status); rc < 0) return rc;
+  *attr = {};
+  attr->ia_inode = facts_.ino;
+  attr->ia_generation = facts_.generation;
+  attr->ia_mode = status.stx_mode;
+  attr->ia_nlink = status.stx_nlink;
+  attr->ia_size = static_cast<int64_t>(status.stx_size);
+  attr->ia_uid = status.stx_uid;
+  attr->ia_gid = status.stx_gid;
+  attr->ia_rdev = packDevice(status.stx_rdev_major, status.stx_rdev_minor);
+  attr->ia_atime = toTime(status.stx_atime);
+  attr->ia_mtime = toTime(status.stx_mtime);
+  attr->ia_ctime = toTime(status.stx_ctime);
+  attr->ia_createtime = toTime(status.stx_btime);
+  return carriesBlob(status.stx_mode, &attr->ia_xattr);
+}
+
+// An inode of a snapshot is asked once: nothing changes there.
+int BtrfsInode::carriesBlob(mode_t mode, uint32_t *answer) {
+  if (!carries_blob_ || !root_->isSnapshot()) {
+    unsigned flags = 0;
+    if (S_ISREG(mode) || S_ISDIR(mode)) {
+      if (int rc = readStorageFlags(&flags); rc < 0) return rc;
+    }
+    std::vector<std::string> names;
+    if (int rc = listXattrs(&names); rc < 0) return rc;
+    carries_blob_ = flags != 0 || std::any_of(names.begin(), names.end(), travelsInBlob);
+  }
+  *answer = *carries_blob_ ? 1 : 0;
+  return 0;
+}
+
+// The kernel lists at most 64 KiB of names; the tree holds any number of them.
+int BtrfsInode::listXattrs(std::vector<std::string> *names) {
+  int rc = DescriptorInode::listXattrs(names);
+  if (rc != -E2BIG || root_ == nullptr) return rc;
+  TreeReader tree(root_->fd.get(), root_->subvol_id);
+  std::vector<XattrItem> items;
+  rc = readXattrs(tree, facts_.ino, &items);
+  if (rc <= 0) return rc == 0 ? -ENOENT : rc;
+  for (XattrItem &item : items) names->push_back(std::move(item.name));
+  return 0;
+}
+
+int BtrfsInode::readStorageFlags(unsigned *flags) {
+  const int fd = readFd();
+  return fd < 0 ? fd : kest::readStorageFlags(fd, flags);
+}
+
+int BtrfsInode::limitStorage(const BlobAttributes &now, BlobAttributes *wanted) {
+  if (S_ISREG(facts_.mode)) {
+    struct stat st;
+    if (int rc = stat(&st); rc != 0) return rc;
+    if (st.st_size > 0) {
+      // Only an empty file can become, or stop being, no-copy-on-write.
+      const unsigned fixed = now.flags & FS_NOCOW_FL;
+      wanted->flags = (wanted->flags & ~FS_NOCOW_FL) | fixed;
+      // Beside it the no-compression flag can be taken away, but not added.
+      if (fixed != 0) wanted->flags &= now.flags;
+    }
+  }
+  if (wanted->flags & FS_NOCOW_FL) {
+    wanted->flags &= ~FS_COMPR_FL;
+    wanted->xattrs.erase(kCompressionProperty);
+  } else if ((wanted->flags & FS_COMPR_FL) && now.xattrs.contains(kCompressionProperty)) {
+    // The kernel sets the flag only together with the property: the property that it set then stays.
+    wanted->xattrs.emplace(kCompressionProperty, now.xattrs.find(kCompressionProperty)->second);
+    wanted->flags &= ~FS_COMPR_FL;
+  }
+  return 0;
+}
+
+// The kernel changes storage flags and compression property together.
+int BtrfsInode::applyStorage(const BlobAttributes &now, const BlobAttributes &wanted) {
+  if (now.flags == wanted.flags && sameProperty(now, wanted)) return 0;
+  const auto property = wanted.xattrs.find(kCompressionProperty);
+  const bool wants_property = property != wanted.xattrs.end();
+  if (now.xattrs.contains(kCompressionProperty) && !wants_property) {
+    // The kernel refuses this on an immutable object, unlike the change of flags below, so it goes
+    // first.
+    if (int rc = removeXattr(kCompressionProperty); rc != 0) return rc;
+  }
+  if (now.flags != wanted.flags) {
+    const int fd = readFd();
+    if (fd < 0) return fd;
+    // The kernel refuses most ways from one state to another, but none by way of no flag at all. (It
+    // leaves no-copy-on-write on a file with data, whatever the request says.)
+    if (int rc = writeStorageFlags(fd, 0); rc != 0) return rc;
+    if (wanted.flags != 0) {
+      if (int rc = writeStorageFlags(fd, wanted.flags); rc != 0) return rc;
+    }
+  }
+  return wants_property ? writeXattr(kCompressionProperty, property->second) : 0;
+}
+
+int BtrfsInode::share(Inode &from, int64_t offset, int64_t length) {
+  const int source = asBtrfs(from).readFd();
+  if (source < 0) return source;
+  const int target = writeFd();
+  if (target < 0) return target;
+  struct file_clone_range range {};
+  range.src_fd = source;
+  range.src_offset = range.dest_offset = static_cast<uint64_t>(offset);
+  range.src_length = static_cast<uint64_t>(length);
+  int rc;
+  do {
+    rc = ioctl(target, FICLONERANGE, &range) == 0 ? 0 : -errno;
+  } while (rc == -EINTR);
+  switch (rc) {
+    case -EXDEV:
+    case -EOPNOTSUPP:
+      return -EINVAL;
+    case -EPERM:  // the flag was set after the file was opened
+      return -EROFS;
+    default:
+      return rc;
+  }
+}
+
+// 1 and the flags that say how the inode's data is kept; 0 no such inode; -errno.
+int BtrfsInode::readSharingKind(uint64_t *kind) const {
+  TreeReader tree(root_->fd.get(), root_->subvol_id, 1);
+  InodeItem inode;
+  const int rc = readInode(tree, facts_.ino, &inode);
+  *kind = inode.flags & kItemSharingKind;
+  return rc;
+}
+
+int BtrfsInode::canShare(const Inode &from) {
+  uint64_t theirs = 0, ours = 0;
+  int rc = asBtrfs(from).readSharingKind(&theirs);
+  if (rc > 0) rc = readSharingKind(&ours);
+  if (rc == 0) return -ENOENT;
+  return rc < 0 ? rc : theirs == ours;
+}
+
+int BtrfsInode::makeCloneParent() {
+  if (!S_ISREG(facts().mode)) return -EINVAL;
+  Protection protection;
+  if (int rc = readProtection(&protection); rc != 0) return rc;
+  if (protection.any()) return -EROFS;
+  const int fd = readFd();
+  if (fd < 0) return fd;
+  if (int rc = refuseWriters(fd); rc != 0) return rc;
+
+  CloneAttribute attribute;
+  if (int rc = readCloneAttribute(*this, &attribute); rc < 0) return rc;
+  // The attribute goes first, because it cannot be set on an immutable file. If the process dies in
+  // between, the next call finishes the parent.
+  if (!attribute.isParent()) {
+    attribute.setIsParent();
+    const int rc = writeCloneAttribute(*this, attribute);
+    // Another process may have made it a parent meanwhile.
+    if (rc == -EPERM && readProtection(&protection) == 0 && protection.any()) return -EROFS;
+    if (rc != 0) return rc;
+  }
+  return writeProtection({.immutable = true, .append_only = false});
+}
+
+int BtrfsInode::reopen(int flags, std::unique_ptr<Inode> *opened) {
+  UniqueFd fd(openAgain(this->fd(), flags));
+  if (!fd) return fd.get();
+  *opened = std::make_unique<BtrfsInode>(std::move(fd), Held::kReal, root_);
+  return 0;
+}
+
+int openInode(const TreeRoot &root, uint64_t ino, std::unique_ptr<Inode> *inode) {
+  UniqueFd fd(openEvenNameless(root.fd.get(), root.subvol_id, ino, 0, O_PATH));
+  if (!fd) return fd.get();
+  auto opened = std::make_unique<BtrfsInode>(std::move(fd), DescriptorInode::Held::kPath, &root);
+  const int rc = opened->learnAll();
+  if (rc == 0) *inode = std::move(opened);
+  return rc;
+}
+
+int adoptDescriptor(const TreeRoot &root, int fd, std::unique_ptr<Inode> *inode) {
+  const int flags = fcntl(fd, F_GETFL);
+  if (flags < 0) return -errno;
+  if ((flags & (O_ACCMODE | O_PATH)) != O_RDWR) return -EINVAL;
+  auto opened = std::make_unique<BtrfsInode>(UniqueFd(fd), DescriptorInode::Held::kReal, &root);
+  int rc = opened->learnAll();
+  if (rc == 0 && !S_ISREG(opened->facts().mode)) rc = -EINVAL;
+  if (rc == 0)
+    *inode = std::move(opened);
+  else
+    opened->takeDescriptor();
+  return rc;
+}
+
+}  // namespace kest

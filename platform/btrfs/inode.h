@@ -1,0 +1,56 @@
+// An inode of a btrfs.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "btrfs/descriptor_inode.h"
+#include "btrfs/tree_root.h"
+
+namespace kest {
+
+class BtrfsInode : public DescriptorInode {
+ public:
+  // `root`: of the tree that it was opened in, which must live as long; NULL where none is known.
+  BtrfsInode(UniqueFd fd, Held held, const TreeRoot *root = nullptr)
+      : DescriptorInode(std::move(fd), held), root_(root) {}
+
+  // Fills in the facts that `st` holds.
+  void learn(const struct stat &st);
+  // Fills in all facts. 0, -EXDEV it is of another tree than `root`, -ENOENT it has no name, -errno.
+  int learnAll();
+
+  int listEntries(EntryList *entries) override;
+  int readAttributes(kest_iattr64_t *attr) override;
+  int listXattrs(std::vector<std::string> *names) override;
+  int readStorageFlags(unsigned *flags) override;
+  int limitStorage(const BlobAttributes &now, BlobAttributes *wanted) override;
+  int applyStorage(const BlobAttributes &now, const BlobAttributes &wanted) override;
+  int share(Inode &from, int64_t offset, int64_t length) override;
+  int canShare(const Inode &from) override;
+  int makeCloneParent() override;
+  int reopen(int flags, std::unique_ptr<Inode> *opened) override;
+
+ private:
+  int carriesBlob(mode_t mode, uint32_t *answer);
+  int readSharingKind(uint64_t *kind) const;
+
+  const TreeRoot *root_;
+  std::optional<bool> carries_blob_;  // the last answer
+};
+
+inline BtrfsInode &asBtrfs(Inode &inode) {
+  return static_cast<BtrfsInode &>(inode);
+}
+inline const BtrfsInode &asBtrfs(const Inode &inode) {
+  return static_cast<const BtrfsInode &>(inode);
+}
+
+// See Tree::openInode and Tree::adoptDescriptor.
+int openInode(const TreeRoot &root, uint64_t ino, std::unique_ptr<Inode> *inode);
+int adoptDescriptor(const TreeRoot &root, int fd, std::unique_ptr<Inode> *inode);
+
+}  // namespace kest

@@ -1,0 +1,87 @@
+#include "btrfs/tree.h"
+
+#include <sys/statvfs.h>
+#include <algorithm>
+#include <cerrno>
+
+#include "btrfs/difference.h"
+#include "btrfs/directory.h"
+#include "btrfs/inner_mounts.h"
+#include "btrfs/inode.h"
+#include "btrfs/inode_compare.h"
+#include "btrfs/inode_names.h"
+#include "btrfs/inode_scan.h"
+#include "btrfs/relatives.h"
+#include "filesystem/error_text.h"
+
+namespace kest {
+
+int BtrfsTree::isWritable() const {
+  struct statvfs figures;
+  if (fstatvfs(root_.fd.get(), &figures) < 0) return -errno;
+  if ((figures.f_flag & ST_RDONLY) != 0) return 0;
+  const int read_only = isReadOnly(root_.fd.get());
+  return read_only < 0 ? read_only : !read_only;
+}
+
+int BtrfsTree::openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const {
+  return kest::openInode(root_, ino, inode);
+}
+
+int BtrfsTree::adoptDescriptor(int fd, std::unique_ptr<Inode> *inode) const {
+  return kest::adoptDescriptor(root_, fd, inode);
+}
+
+int BtrfsTree::openDirectory(const Directory *start, std::string_view path,
+                             std::unique_ptr<Directory> *dir) const {
+  const int fd = start == nullptr ? root_.fd.get() : static_cast<const BtrfsDirectory *>(start)->fd();
+  return openDirectoryBeneath(root_, fd, path, dir);
+}
+
+int BtrfsTree::duplicateDirectory(int fd, std::unique_ptr<Directory> *dir) const {
+  return kest::duplicateDirectory(root_, fd, dir);
+}
+
+int BtrfsTree::findNames(uint64_t ino, InodeNames *names) const {
+  return findInodeNames(root_.fd.get(), root_.subvol_id, ino, !root_.isSnapshot(), names);
+}
+
+std::unique_ptr<InodeScan> BtrfsTree::openScan() const {
+  return std::make_unique<BtrfsScan>(root_);
+}
+
+int BtrfsTree::openDifference(uint64_t snapshot_id, std::unique_ptr<Difference> *difference) const {
+  uint64_t line = 0;
+  const int rc = findLine(root_, snapshot_id, &line);
+  if (rc == -EINVAL)
+    return failWith(EINVAL, "subvolume " + std::to_string(snapshot_id) + " is not a snapshot of " +
+                                root_.displayName());
+  if (rc < 0) return rc;
+  rememberSnapshot(root_, snapshot_id, line);
+  *difference = std::make_unique<BtrfsDifference>(root_, snapshot_id, line);
+  return 0;
+}
+
+int BtrfsTree::largestInode(const uint64_t *snapshot_id, uint64_t *ino) const {
+  int rc = kest::largestInode(root_.fd.get(), root_.subvol_id, ino);
+  const uint64_t other = snapshot_id != nullptr ? *snapshot_id
+                         : root_.isSnapshot()   ? root_.fileset_id
+                                                : currentSnapshot(root_);
+  uint64_t theirs = 0;
+  if (rc == 0 && other != 0) rc = kest::largestInode(root_.fd.get(), other, &theirs);
+  if (rc < 0) return rc;
+  *ino = std::max(*ino, theirs);
+  return 0;
+}
+
+int BtrfsTree::findMountInTheWay(const Tree &snapshot, const Difference &difference,
+                                 std::string *point) const {
+  return kest::findMountInTheWay(root_, static_cast<const BtrfsTree &>(snapshot).root_,
+                                 difference.set(), point);
+}
+
+int BtrfsTree::fileSurvives(const Tree &snapshot, const char *path) const {
+  return kest::fileSurvives(root_, static_cast<const BtrfsTree &>(snapshot).root_, path);
+}
+
+}  // namespace kest

@@ -1,0 +1,33 @@
+// A fileset or snapshot of a btrfs: a subvolume.
+#pragma once
+
+#include "btrfs/tree_root.h"
+#include "filesystem/file_system.h"
+
+namespace kest {
+
+class BtrfsTree : public Tree {
+ public:
+  explicit BtrfsTree(TreeRoot root) : root_(std::move(root)) {}
+
+  uint64_t id() const override { return root_.subvol_id; }
+  const std::string &path() const override { return root_.path; }
+  int isWritable() const override;
+  int openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const override;
+  int adoptDescriptor(int fd, std::unique_ptr<Inode> *inode) const override;
+  int openDirectory(const Directory *start, std::string_view path,
+                    std::unique_ptr<Directory> *dir) const override;
+  int duplicateDirectory(int fd, std::unique_ptr<Directory> *dir) const override;
+  int findNames(uint64_t ino, InodeNames *names) const override;
+  std::unique_ptr<InodeScan> openScan() const override;
+  int openDifference(uint64_t snapshot_id, std::unique_ptr<Difference> *difference) const override;
+  int largestInode(const uint64_t *snapshot_id, uint64_t *ino) const override;
+  int findMountInTheWay(const Tree &snapshot, const Difference &difference,
+                        std::string *point) const override;
+  int fileSurvives(const Tree &snapshot, const char *path) const override;
+
+ private:
+  const TreeRoot root_;
+};
+
+}  // namespace kest

@@ -1,0 +1,383 @@
+#include "btrfs/tree_compare.h"
+
+#include <dirent.h>
+#include <linux/btrfs_tree.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "btrfs/entry_diff.h"
+#include "btrfs/inode_compare.h"
+#include "btrfs/relatives.h"
+#include "btrfs/tree_items.h"
+#include "filesystem/clone_attribute.h"
+
+namespace kest {
+
+namespace {
+
+constexpr size_t kScanBytes = 256 * 1024;
+
+constexpr int64_t kClockMargin = 2;  // seconds
+
+constexpr size_t kPendingMost = 64 * 1024;
+
+bool severalNames(const InodeItem *item) {
+  return item != nullptr && !S_ISDIR(item->mode) && item->nlink > 1;
+}
+
+// The inodes of one tree that were written after the line, by number.
+class TouchedInodes {
+ public:
+  TouchedInodes(int fd, uint64_t tree_id, uint64_t line) : fd_(fd), tree_id_(tree_id), line_(line) {}
+
+  // 0 or -errno; afterwards ino() is the next one, or 0.
+  int next() {
+    for (;;) {
+      for (; position_ < batch_.items().size(); ++position_) {
+        const TreeItem &item = batch_.items()[position_];
+        if (item.key.type != BTRFS_INODE_ITEM_KEY) continue;
+        if (!decodeInode(item, &item_)) return -EUCLEAN;
+        // A block that was written comes with all its inodes.
+        if (item_.transid <= line_) continue;
+        ino_ = item.key.objectid;
+        ++position_;
+        return 0;
+      }
+      if (!batch_.items().empty()) from_ = batch_.items().back().key.next();
+      ino_ = 0;
+      position_ = 0;
+      int rc = batch_.read(fd_, tree_id_, from_, {kLastInode, 255, UINT64_MAX}, line_ + 1, kScanBytes);
+      if (rc < 0 || batch_.items().empty()) return rc;
+    }
+  }
+  uint64_t ino() const { return ino_; }
+  const InodeItem &item() const { return item_; }
+
+ private:
+  int fd_;
+  uint64_t tree_id_, line_;
+  TreeBatch batch_;
+  size_t position_ = 0;
+  TreeKey from_{kFirstInode, 0, 0};
+  uint64_t ino_ = 0;
+  InodeItem item_;
+};
+
+class TreeComparison {
+ public:
+  TreeComparison(const TreeRoot &root, uint64_t snapshot_id, uint64_t line, DifferenceSet *difference)
+      : root_(root),
+        line_(line),
+        hidden_(root, snapshot_id),
+        active_(root.fd.get(), root.subvol_id),
+        snapshot_(root.fd.get(), snapshot_id),
+        difference_(difference) {}
+
+  int compute();
+
+ private:
+  // Each has readers for three purposes, so that one does not drive out the neighbours that another
+  // will need.
+  struct Side {
+    Side(int fd, uint64_t tree)
+        : inodes(fd, tree), properties(fd, tree), entries(fd, tree, kDirectoryItems) {}
+    TreeReader inodes, properties, entries;
+  };
+
+  int findLineTime();
+  int findHidden();
+  int collectBelow(Side *side, uint64_t dir);
+  int visitTouched();
+  bool untouched(const InodeItem &now, const InodeItem &then) const;
+  int visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot);
+  int compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot, unsigned *state);
+  int visitChildren(Side *side, uint64_t dir);
+  int addPending(const DirEntry &entry);
+  int visitThese(std::vector<uint64_t> *inodes);
+  int visitPending();
+  int record(uint64_t ino, unsigned state);
+  int addLeadsTo(uint64_t ino);
+  int findJunctions();
+  int climb();
+
+  const TreeRoot &root_;
+  uint64_t line_;
+  int64_t line_time_ = INT64_MIN;  // seconds; when the transaction of the line was written
+  HiddenEntries hidden_;
+  Side active_, snapshot_;
+  bool snapshot_changed_ = false;            // the snapshot has a history of its own after the line
+  std::unordered_set<uint64_t> not_shown_;   // inodes in hidden folders, the folders included
+  std::vector<uint64_t> pending_, folders_;  // inodes whose names came or went: directories apart
+  PairSorter found_, leads_;
+  DifferenceSet *difference_;
+};
+
+int TreeComparison::compute() {
+  // Delayed updates and unwritten data are in no tree yet.
+  if (syncfs(root_.fd.get()) < 0) return -errno;
+  int rc = findLineTime();
+  if (rc == 0) rc = findHidden();
+  if (rc == 0) rc = visitTouched();
+  if (rc == 0) rc = visitPending();
+  if (rc < 0) return rc;
+  difference_->setInodes(found_.finish());
+  rc = findJunctions();
+  return rc == 0 ? climb() : rc;
+}
+
+// The subvolume that was created in the transaction of the line knows when that was. If it has been
+// deleted since, every inode that was written is compared in full.
+int TreeComparison::findLineTime() {
+  SubvolumeTable table;
+  int rc = table.load(root_.fd.get());
+  if (rc < 0) return rc;
+  for (const Subvolume &one : table.all())
+    if (one.otransid == line_) line_time_ = one.created;
+  return 0;
+}
+
+// Folders that are hidden as a whole may be ordinary directories with ordinary files in them.
+int TreeComparison::findHidden() {
+  for (Side *side : {&active_, &snapshot_}) {
+    for (const char *name : {".snapshots", ".unlinked"}) {
+      if (!hidden_.hidesName(kFirstInode, name)) continue;
+      DirEntryItem entry;
+      int rc = findEntry(side->inodes, kFirstInode, name, &entry);
+      if (rc < 0) return rc;
+      if (rc == 0 || entry.junction) continue;
+      rc = collectBelow(side, entry.target);
+      if (rc < 0) return rc;
+    }
+  }
+  return 0;
+}
+
+int TreeComparison::collectBelow(Side *side, uint64_t dir) {
+  // A tree's directories have one name each: nothing is met twice.
+  std::vector<uint64_t> folders{dir};
+  not_shown_.insert(dir);
+  while (!folders.empty()) {
+    uint64_t folder = folders.back();
+    folders.pop_back();
+    DirEntryItem entry;
+    for (uint64_t index = 0;; index = entry.index + 1) {
+      int rc = nextEntry(side->entries, folder, index, &entry);
+      if (rc < 0) return rc;
+      if (rc == 0) break;
+      if (entry.junction) continue;
+      not_shown_.insert(entry.target);
+      if (entry.type == DT_DIR) folders.push_back(entry.target);
+    }
+  }
+  return 0;
+}
+
+// Whether an inode that was written after the line did not change (only its access time, say). An equal
+// ctime alone does not prove it: two changes within one tick of the clock leave the same ctime, and the
+// second may leave the sequence as it is. So it counts only where it is clearly before the line.
+bool TreeComparison::untouched(const InodeItem &now, const InodeItem &then) const {
+  return now.ctime == then.ctime && now.sequence == then.sequence &&
+         now.ctime.sec + kClockMargin < line_time_;
+}
+
+// Goes through the touched inodes of both trees as one.
+int TreeComparison::visitTouched() {
+  TouchedInodes now(root_.fd.get(), active_.inodes.treeId(), line_);
+  TouchedInodes then(root_.fd.get(), snapshot_.inodes.treeId(), line_);
+  int rc = now.next();
+  if (rc == 0) rc = then.next();
+  snapshot_changed_ = then.ino() != 0;
+  while (rc == 0 && (now.ino() != 0 || then.ino() != 0)) {
+    const bool from_active = now.ino() != 0 && (then.ino() == 0 || now.ino() <= then.ino());
+    const bool from_snapshot = then.ino() != 0 && (now.ino() == 0 || then.ino() <= now.ino());
+    const uint64_t ino = from_active ? now.ino() : then.ino();
+    const InodeItem *active = from_active ? &now.item() : nullptr;
+    const InodeItem *snapshot = from_snapshot ? &then.item() : nullptr;
+    InodeItem other;
+    if (active == nullptr || snapshot == nullptr) {
+      rc = readInode(active == nullptr ? active_.inodes : snapshot_.inodes, ino, &other);
+      if (rc < 0) return rc;
+      if (rc > 0) (active == nullptr ? active : snapshot) = &other;
+    }
+    rc = visit(ino, active, snapshot);
+    if (rc == 0 && from_active) rc = now.next();
+    if (rc == 0 && from_snapshot) rc = then.next();
+  }
+  return rc;
+}
+
+// Decides about one inode, and makes pending those whose names it shows to have come or gone. 0 or
+// -errno.
+int TreeComparison::visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot) {
+  // Unlinked but still open somewhere: gone.
+  if (active != nullptr && active->nlink == 0) active = nullptr;
+  if (snapshot != nullptr && snapshot->nlink == 0) snapshot = nullptr;
+  if (active == nullptr && snapshot == nullptr) return 0;
+
+  unsigned state =
+      (active != nullptr ? KEST_DI_ACTIVE : 0) | (snapshot != nullptr ? KEST_DI_SNAPSHOT : 0);
+  if (S_ISDIR((active != nullptr ? active : snapshot)->mode)) state |= KEST_DI_DIR;
+  if (severalNames(active) || severalNames(snapshot)) state |= KEST_DI_LINKED;
+  if (active != nullptr && snapshot != nullptr && sameIdentity(*active, *snapshot)) {
+    if (untouched(*active, *snapshot)) return 0;
+    int rc = compareSame(ino, *active, *snapshot, &state);
+    if (rc <= 0) return rc;
+  } else {
+    if (active != nullptr && snapshot != nullptr) state |= KEST_DI_REPLACED;
+    int rc = 0;
+    if (snapshot != nullptr && S_ISDIR(snapshot->mode)) rc = visitChildren(&snapshot_, ino);
+    // Whatever only the fileset has was made after the line, and the search found it, unless the
+    // snapshot has a history of its own in which it was deleted.
+    if (rc == 0 && active != nullptr && S_ISDIR(active->mode) && snapshot_changed_)
+      rc = visitChildren(&active_, ino);
+    if (rc < 0) return rc;
+  }
+  return record(ino, state);
+}
+
+// 1 when the inode, the same in both trees, differs in anything that can be restored; 0, -errno.
+int TreeComparison::compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot,
+                                unsigned *state) {
+  EntryDifference entries;
+  int rc = 0;
+  if (S_ISDIR(active.mode))
+    rc =
+        diffDirectories(active_.entries, snapshot_.entries, ino, active.size, line_, hidden_, &entries);
+  for (const std::vector<DirEntry> *side : {&entries.snapshot, &entries.active})
+    for (const DirEntry &entry : *side)
+      if (rc == 0) rc = addPending(entry);
+  if (rc < 0) return rc;
+  if (!entries.active.empty() || !entries.snapshot.empty()) {
+    *state |= KEST_DI_ENTRIES;
+    return 1;
+  }
+  rc = sameProperties(active_.properties, snapshot_.properties, ino, active, snapshot);
+  if (rc != 0) return std::min(rc, 0);
+  if (!S_ISREG(active.mode)) return 1;
+  rc = hasXattr(active_.properties, ino, kCloneAttribute);
+  if (rc == 0) rc = hasXattr(snapshot_.inodes, ino, kCloneAttribute);
+  if (rc > 0) *state |= KEST_DI_CLONE;
+  return rc < 0 ? rc : 1;
+}
+
+int TreeComparison::visitChildren(Side *side, uint64_t dir) {
+  DirEntryItem entry;
+  for (uint64_t index = 0;; index = entry.index + 1) {
+    int rc = nextEntry(side->entries, dir, index, &entry);
+    if (rc <= 0) return rc;
+    rc = addPending(entry);
+    if (rc < 0 || entry.index == UINT64_MAX) return rc;
+  }
+}
+
+// Directories wait until the end, because only they make others pending; the rest is visited as soon as
+// there is much of it.
+int TreeComparison::addPending(const DirEntry &entry) {
+  if (entry.junction) return 0;
+  std::vector<uint64_t> &list = entry.type == DT_DIR ? folders_ : pending_;
+  list.push_back(entry.target);
+  return pending_.size() < kPendingMost ? 0 : visitThese(&pending_);
+}
+
+// In order, so that neighbours are read together; empties the list.
+int TreeComparison::visitThese(std::vector<uint64_t> *inodes) {
+  std::vector<uint64_t> these;
+  these.swap(*inodes);
+  std::sort(these.begin(), these.end());
+  these.erase(std::unique(these.begin(), these.end()), these.end());
+  for (uint64_t ino : these) {
+    InodeItem active, snapshot;
+    int found_active = readInode(active_.inodes, ino, &active);
+    int found_snapshot = found_active < 0 ? 0 : readInode(snapshot_.inodes, ino, &snapshot);
+    if (found_active < 0 || found_snapshot < 0) return std::min(found_active, found_snapshot);
+    // Visited already.
+    if (found_active > 0 && active.transid > line_) continue;
+    if (found_snapshot > 0 && snapshot.transid > line_) continue;
+    int rc = visit(ino, found_active > 0 ? &active : nullptr, found_snapshot > 0 ? &snapshot : nullptr);
+    if (rc < 0) return rc;
+  }
+  return 0;
+}
+
+int TreeComparison::visitPending() {
+  int rc = 0;
+  while (rc == 0 && !folders_.empty()) rc = visitThese(&folders_);
+  if (rc == 0) rc = visitThese(&pending_);
+  folders_ = {};
+  pending_ = {};
+  return rc;
+}
+
+int TreeComparison::record(uint64_t ino, unsigned state) {
+  // A file with several names may have one that is not hidden.
+  if ((state & KEST_DI_LINKED) == 0 && not_shown_.contains(ino)) return 0;
+  found_.add({ino, state});
+  return (state & KEST_DI_ACTIVE) != 0 ? addLeadsTo(ino) : 0;
+}
+
+int TreeComparison::addLeadsTo(uint64_t ino) {
+  int rc = visitNames(active_.properties, ino, [&](uint64_t parent, std::string_view) {
+    if (parent != ino && !not_shown_.contains(parent)) leads_.add({parent, ino});
+  });
+  return std::min(rc, 0);
+}
+
+int TreeComparison::findJunctions() {
+  std::vector<Subvolume> nested;
+  std::vector<Junction> junctions;
+  int rc = listNested(root_.fd.get(), root_.subvol_id, 0, &nested);
+  if (rc < 0) return rc;
+  for (const Subvolume &one : nested) {
+    rc = not_shown_.contains(one.dir) ? 1 : hidden_.hidesSubvolume(one.dir, one.name, one.id);
+    if (rc < 0) return rc;
+    if (rc > 0) continue;
+    junctions.push_back({one.dir, one.id, one.name});
+    leads_.add({one.dir, 0});
+  }
+  difference_->setJunctions(std::move(junctions));
+  return 0;
+}
+
+// Completes the leads: from every inode that was found, up to the root.
+int TreeComparison::climb() {
+  PairSorter all;
+  std::vector<uint64_t> climbed;  // directories, by number
+  for (;;) {
+    SortedPairs latest = leads_.finish();
+    std::vector<uint64_t> step;
+    NumberPair lead;
+    for (SortedPairs::Cursor cursor = latest.begin(); cursor.next(&lead);) {
+      const uint64_t dir = lead.first;
+      // The directories of an inode of the difference are recorded already.
+      if (dir == kFirstInode || (!step.empty() && step.back() == dir) ||
+          difference_->find(dir).alive() || std::binary_search(climbed.begin(), climbed.end(), dir))
+        continue;
+      step.push_back(dir);
+    }
+    all.add(std::move(latest));
+    if (step.empty()) break;
+    for (uint64_t dir : step) {
+      int rc = addLeadsTo(dir);
+      if (rc < 0) return rc;
+    }
+    const auto before = static_cast<ptrdiff_t>(climbed.size());
+    climbed.insert(climbed.end(), step.begin(), step.end());
+    std::inplace_merge(climbed.begin(), climbed.begin() + before, climbed.end());
+  }
+  difference_->setLeads(all.finish());
+  return 0;
+}
+
+}  // namespace
+
+int compareTrees(const TreeRoot &root, uint64_t snapshot_id, uint64_t line, DifferenceSet *difference) {
+  return TreeComparison(root, snapshot_id, line, difference).compute();
+}
+
+}  // namespace kest

@@ -1,0 +1,16 @@
+// Finding the inodes in which a fileset and one of its snapshots differ.
+#pragma once
+
+#include <cstdint>
+
+#include "btrfs/tree_root.h"
+#include "diff/difference_set.h"
+
+namespace kest {
+
+// Commits the file system, then compares the subvolume with `snapshot_id`. `line`: the last transaction
+// that both have in common. 0 and the difference, or -errno. Time is in proportion to the changes,
+// memory a few bytes a change.
+int compareTrees(const TreeRoot &root, uint64_t snapshot_id, uint64_t line, DifferenceSet *difference);
+
+}  // namespace kest

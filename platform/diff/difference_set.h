@@ -1,0 +1,53 @@
+// Which inodes of a fileset and a snapshot differ, and where a walk has to go to meet them: numbers
+// alone, two or three bytes each.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "diff/sorted_pairs.h"
+#include "kest.h"
+
+namespace kest {
+
+struct DiffInode {
+  uint64_t ino = 0;
+  unsigned state = 0;  // KEST_DI_* bits; 0: not in the difference
+
+  bool alive() const { return (state & KEST_DI_ACTIVE) != 0; }
+  bool inSnapshot() const { return (state & KEST_DI_SNAPSHOT) != 0; }
+  bool replaced() const { return (state & KEST_DI_REPLACED) != 0; }
+};
+
+// A nested fileset that the restore has to act on.
+struct Junction {
+  uint64_t dir = 0, id = 0;  // the directory that it is linked in; its number
+  std::string name;
+};
+
+class DifferenceSet {
+ public:
+  // Pairs of inode number and state.
+  void setInodes(SortedPairs inodes) { inodes_ = std::move(inodes); }
+  // Pairs of an active directory and an inode in it that differs or leads to one that does; the second
+  // number is 0 where a junction is linked in the directory.
+  void setLeads(SortedPairs leads) { leads_ = std::move(leads); }
+  void setJunctions(std::vector<Junction> junctions);
+
+  DiffInode find(uint64_t ino) const;
+  DiffInode firstFrom(uint64_t ino) const;  // the next one by number; ino 0: none
+  // Whether something in the active directory `dir` differs or leads to a difference.
+  bool leads(uint64_t dir) const;
+  // The leads of `dir` and of the directories after it, in order. The set must live as long and not
+  // move.
+  SortedPairs::Cursor leadsFrom(uint64_t dir) const { return leads_.from({dir, 0}); }
+  std::span<const Junction> junctionsIn(uint64_t dir) const;
+
+ private:
+  SortedPairs inodes_, leads_;
+  std::vector<Junction> junctions_;  // by directory
+};
+
+}  // namespace kest

@@ -1,0 +1,32 @@
+// The attributes that make a file a clone or a clone parent; kest.h describes their bytes.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "filesystem/file_system.h"
+
+namespace kest {
+
+inline constexpr char kCloneAttribute[] = "trusted.kest.CLONE";
+
+struct CloneAttribute {
+  std::array<uint8_t, 16> clone{};
+  std::array<uint8_t, 8> clone_snap{};  // all 0 where the parent lives in no snapshot
+
+  uint64_t parent() const;
+  void setParent(uint64_t ino);
+  bool isParent() const { return (clone[12] & 0x80) != 0; }
+  void setIsParent() { clone[12] |= 0x80; }
+  bool namesSnapshot() const { return (clone[12] & 0x40) != 0; }
+  void setSnapshot(uint32_t id);
+  // 0: no clone itself
+  unsigned depth() const { return clone[14] << 8 | clone[15]; }
+  void setDepth(unsigned depth);
+};
+
+// 1; 0 where there is none, or one too short to be one; -errno.
+int readCloneAttribute(Inode &inode, CloneAttribute *attribute);
+int writeCloneAttribute(Inode &inode, const CloneAttribute &attribute);  // 0 or -errno
+
+}  // namespace kest

@@ -1,0 +1,175 @@
+// Owner, mode, access control lists and times of any object, by path or descriptor.
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include "base/unique_fd.h"
+#include "detect/file_systems.h"
+#include "kest.h"
+#include "libkest/acl_format.h"
+#include "libkest/c_call.h"
+#include "libkest/kept_capability.h"
+
+namespace kest {
+namespace {
+
+constexpr char kAccess[] = "system.posix_acl_access";
+constexpr char kDefault[] = "system.posix_acl_default";
+constexpr mode_t kModeBits = 07777;
+
+enum TimesFlag { kAccessTime = 1, kModificationTime = 2 };
+
+// Value of an ACL attribute, "" where the object has none. 0 or -errno.
+int readAclXattr(Inode &inode, const char *name, std::string *value) {
+  const int rc = inode.readXattr(name, value);
+  if (rc != -ENODATA && rc != -EOPNOTSUPP) return rc;
+  value->clear();
+  return 0;
+}
+
+int applyAclXattr(Inode &inode, const char *name, const std::string &wanted) {
+  std::string now;
+  if (int rc = readAclXattr(inode, name, &now); rc != 0) return rc;
+  if (now == wanted) return 0;
+  return wanted.empty() ? inode.removeXattr(name) : inode.writeXattr(name, wanted);
+}
+
+// The state of the object (a link has its mode only). 0 or -errno.
+int readAcl(Inode &inode, AclState *state) {
+  struct stat st;
+  if (int rc = inode.stat(&st); rc != 0) return rc;
+  state->mode = st.st_mode & kModeBits;
+  if (S_ISLNK(st.st_mode)) return 0;
+  if (int rc = readAclXattr(inode, kAccess, &state->access); rc != 0) return rc;
+  return S_ISDIR(st.st_mode) ? readAclXattr(inode, kDefault, &state->inherited) : 0;
+}
+
+// Brings the object into that state and writes nothing where it is already; a link is left alone. 0 or
+// -errno.
+int writeAcl(Inode &inode, const AclState &state) {
+  struct stat st;
+  if (int rc = inode.stat(&st); rc != 0) return rc;
+  if (S_ISLNK(st.st_mode)) return 0;
+  if (int rc = applyAclXattr(inode, kAccess, state.access); rc != 0) return rc;
+  if (S_ISDIR(st.st_mode)) {
+    if (int rc = applyAclXattr(inode, kDefault, state.inherited); rc != 0) return rc;
+  }
+  // Last: setting an access ACL changes the permission bits.
+  return inode.setExactMode(state.mode);
+}
+
+int readAclBuffer(int fd, int flags, void *buf) {
+  if (buf == nullptr || flags != 0) return -EINVAL;
+  int32_t capacity;
+  memcpy(&capacity, buf, sizeof capacity);
+  AclState state;
+  if (int rc = readAcl(*inodeBehind(fd), &state); rc != 0) return rc;
+  const std::string text = encodeAcl(state);
+  const auto needed = static_cast<int32_t>(text.size());
+  const bool fits = capacity >= needed;
+  memcpy(buf, text.data(), fits ? text.size() : sizeof needed);
+  return fits ? 0 : -ENOSPC;
+}
+
+int writeAclBuffer(int fd, int flags, const void *buf) {
+  AclState state;
+  if (buf == nullptr || flags != 0 || !decodeAcl(buf, &state)) return -EINVAL;
+  return writeAcl(*inodeBehind(fd), state);
+}
+
+int openPath(const char *path, UniqueFd *fd) {
+  if (path == nullptr) return -EINVAL;
+  fd->reset(open(path, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  return *fd ? 0 : -errno;
+}
+
+// UTIME_NOW and UTIME_OMIT are nanosecond values to the kernel, so a bad count must not get through.
+int convert(const kest_timestruc64_t &from, struct timespec *to) {
+  if (from.tv_nsec > 999999999u) return -EINVAL;
+  to->tv_sec = from.tv_sec;
+  to->tv_nsec = static_cast<long>(from.tv_nsec);
+  return 0;
+}
+
+int convertTimes(int flags, const kest_timestruc64_t times[4], struct timespec stamps[2]) {
+  if (times == nullptr) return -EINVAL;
+  stamps[0] = stamps[1] = {0, UTIME_OMIT};
+  int rc = 0;
+  if (flags & kAccessTime) rc = convert(times[0], &stamps[0]);
+  if (rc == 0 && (flags & kModificationTime)) rc = convert(times[1], &stamps[1]);
+  return rc;
+}
+
+int changeOwner(Inode &inode, uint64_t uid, uint64_t gid) {
+  constexpr uint64_t kLargestId = UINT32_MAX - 1;  // the value above means "leave it" to the kernel
+  if (uid > kLargestId || gid > kLargestId) return -EINVAL;
+  struct stat st;
+  if (int rc = inode.stat(&st); rc != 0) return rc;
+  if (st.st_uid == uid && st.st_gid == gid) return 0;
+
+  KeptCapability capability;
+  if (S_ISREG(st.st_mode)) {
+    if (int rc = capability.save(inode); rc != 0) return rc;
+  }
+  if (int rc = inode.changeOwner(static_cast<uid_t>(uid), static_cast<gid_t>(gid)); rc != 0) return rc;
+  if (S_ISLNK(st.st_mode)) return 0;
+  if (int rc = inode.setExactMode(st.st_mode); rc != 0) return rc;
+  return capability.putBackIfLost(inode);
+}
+
+}  // namespace
+}  // namespace kest
+
+using namespace kest;
+
+extern "C" {
+
+int kest_getacl(const char *path, int flags, void *buf) {
+  return cCall([&] {
+    UniqueFd fd;
+    int rc = openPath(path, &fd);
+    return rc == 0 ? readAclBuffer(fd.get(), flags, buf) : rc;
+  });
+}
+
+int kest_putacl(const char *path, int flags, const void *buf) {
+  return cCall([&] {
+    UniqueFd fd;
+    int rc = openPath(path, &fd);
+    return rc == 0 ? writeAclBuffer(fd.get(), flags, buf) : rc;
+  });
+}
+
+int kest_fgetacl(int fd, int flags, void *buf) {
+  return cCall([&] { return readAclBuffer(fd, flags, buf); });
+}
+
+int kest_fputacl(int fd, int flags, const void *buf) {
+  return cCall([&] { return writeAclBuffer(fd, flags, buf); });
+}
+
+int kest_set_times_path(const char *path, int flags, const kest_timestruc64_t times[4]) {
+  return cCall([&] {
+    if (path == nullptr) return -EINVAL;
+    if (*path == '\0') return -ENOENT;
+    struct timespec stamps[2];
+    if (int rc = convertTimes(flags, times, stamps); rc != 0) return rc;
+    return utimensat(AT_FDCWD, path, stamps, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : -errno;
+  });
+}
+
+int kest_fset_times(int fd, int flags, const kest_timestruc64_t times[4]) {
+  return cCall([&] {
+    struct timespec stamps[2];
+    int rc = convertTimes(flags, times, stamps);
+    return rc == 0 ? inodeBehind(fd)->setTimes(stamps) : rc;
+  });
+}
+
+int kest_fchown(int fd, uint64_t uid, uint64_t gid) {
+  return cCall([=] { return changeOwner(*inodeBehind(fd), uid, gid); });
+}
+
+}  // extern "C"

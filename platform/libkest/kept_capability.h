@@ -1,0 +1,27 @@
+// A file capability over a step in which the file system drops it.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "filesystem/file_system.h"
+
+namespace kest {
+
+class KeptCapability {
+ public:
+  // Reads it, once, before the first such step. 0 or -errno.
+  int save(Inode &inode);
+  // Another one was set, or (NULL) removed.
+  void replace(const std::string *capability);
+  // Sets it again after a step that is known to drop it. 0 or -errno.
+  int putBack(Inode &inode) const;
+  // The same after a step that may have left it.
+  int putBackIfLost(Inode &inode) const;
+
+ private:
+  bool known_ = false;
+  std::optional<std::string> value_;
+};
+
+}  // namespace kest

@@ -1,0 +1,236 @@
+// Path calls with the file system's own error numbers, and calls that take an object's descriptor;
+// kest.h has their contracts.
+#include <algorithm>
+#include <cerrno>
+#include <initializer_list>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "filesystem/clone_attribute.h"
+#include "libkest/kept_capability.h"
+#include "libkest/lifted_flags.h"
+#include "libkest/path_resolution.h"
+
+namespace kest {
+namespace {
+
+constexpr mode_t kModeBits = 07777;
+constexpr int kCreateAttempts = 100;
+// Two processes may be at two names of one clone parent: one sets the flag again while the other still
+// needs it lifted.
+constexpr int kLiftAttempts = 1000;
+
+// Between the making of an object and this look at it, users can rename what they own.
+int setModeOfNew(const Place &place, mode_t type, mode_t mode, dev_t device = 0) {
+  std::unique_ptr<Inode> made;
+  struct stat st;
+  if (int rc = place.dir->openObject(place.leaf, &made, &st); rc != 0) return rc;
+  const bool fresh = st.st_uid == geteuid() && st.st_nlink == 1 && st.st_size == 0;
+  if ((st.st_mode & S_IFMT) != type || st.st_rdev != device || !fresh) return -ESTALE;
+  return made->setExactMode(mode);
+}
+
+// Looks at what exists before it opens it: opening a device can do something, a FIFO wait.
+int openExisting(const Place &place, int flags, std::unique_ptr<Inode> *file) {
+  std::unique_ptr<Inode> found;
+  struct stat st;
+  if (int rc = place.dir->openObject(place.leaf, &found, &st); rc != 0) return rc;
+  if (S_ISLNK(st.st_mode)) return -ELOOP;
+  if (S_ISDIR(st.st_mode)) return -EISDIR;
+  if (!S_ISREG(st.st_mode)) return -EEXIST;
+  return outcome(found->reopen(flags & ~O_NOFOLLOW, file), *found);
+}
+
+// open(2) for a caller that must know whether it made the file, which O_CREAT alone does not tell.
+int openOrCreate(const Place &place, int flags, mode_t mode, std::unique_ptr<Inode> *file,
+                 bool *created) {
+  for (int attempt = 0; attempt < kCreateAttempts; attempt++) {
+    *created = true;
+    int rc = place.dir->open(place.leaf, flags | O_CREAT | O_EXCL, mode, file);
+    if (rc == 0) return 0;
+    if (rc != -EEXIST || (flags & O_EXCL)) return outcome(rc, {takingDirectory(place)});
+    *created = false;
+    rc = openExisting(place, flags & ~O_CREAT, file);
+    if (rc != -ENOENT) return rc;
+  }
+  return -ENOENT;
+}
+
+// A descriptor or -errno.
+int openFileAt(const Place &place, int flags, mode_t mode) {
+  // Only directories are named so.
+  if (place.leaf.size() > 1 && place.leaf.back() == '/') return -EISDIR;
+  std::unique_ptr<Inode> file;
+  flags |= O_CLOEXEC | O_NOFOLLOW;
+  if ((flags & O_CREAT) == 0) {
+    int rc = place.dir->open(place.leaf, flags, mode, &file);
+    return rc == 0 ? file->takeDescriptor() : outcome(rc, {object(place), takingDirectory(place)});
+  }
+  bool created = false;
+  if (int rc = openOrCreate(place, flags, mode, &file, &created); rc != 0) return rc;
+  if (created) {
+    if (int rc = file->setExactMode(mode); rc != 0) return rc;
+  }
+  return file->takeDescriptor();
+}
+
+int truncateFile(const Place &place, int64_t size, uint64_t ino) {
+  std::unique_ptr<Inode> file;
+  struct stat st;
+  if (int rc = place.dir->openObject(place.leaf, &file, &st); rc != 0) return rc;
+  if (ino != 0 && st.st_ino != ino) return -ESTALE;
+  if (S_ISLNK(st.st_mode)) return -ELOOP;
+  if (S_ISDIR(st.st_mode)) return -EISDIR;
+  if (!S_ISREG(st.st_mode)) return -EINVAL;
+
+  if (int rc = file->openForWriting(); rc != 0) return rc;
+  KeptCapability capability;
+  if (int rc = capability.save(*file); rc != 0) return rc;
+  const int rc = outcome(file->truncate(size), *file);
+  const int kept = capability.putBackIfLost(*file);  // it is gone even where the truncation failed
+  return rc != 0 ? rc : kept;
+}
+
+int removeDirectory(const Place &place, uint64_t ino) {
+  if (int rc = expectInode(place, ino); rc != 0) return rc;
+  const int nested = place.dir->holdsFileset(place.leaf);
+  if (nested < 0) return nested;
+  if (nested > 0) return -EPERM;  // the file system could destroy an empty one
+  return outcome(place.dir->removeDirectory(place.leaf), {object(place), givingDirectory(place)});
+}
+
+// 1 with the flag lifted where `place` is a clone parent that nothing but its immutable flag protects;
+// 0; -errno.
+int liftParent(Inode &inode, const struct stat &st, LiftedFlags *lifted) {
+  if (!S_ISREG(st.st_mode)) return 0;
+  CloneAttribute attribute;
+  int rc = readCloneAttribute(inode, &attribute);
+  if (rc <= 0 || !attribute.isParent()) return std::min(rc, 0);
+  Protection protection;
+  rc = inode.readProtection(&protection);
+  if (rc != 0 || protection.append_only) return rc;
+  rc = lifted->lift({.immutable = true, .append_only = false});
+  return rc == 0 ? 1 : rc;
+}
+
+// Runs `call`, which takes a name from `named` or gives it one. The immutable flag of a clone parent is
+// lifted for it; the flags of `directories` go on forbidding it. 0 or -errno.
+template <typename Call>
+int changeNames(const Place &named, std::initializer_list<Suspect> directories, Call call) {
+  int rc = call();
+  if (rc != -EPERM) return rc;
+  if (std::any_of(directories.begin(), directories.end(), flagsForbid)) return -EROFS;
+  for (int attempt = 0; attempt < kLiftAttempts && rc == -EPERM; attempt++) {
+    std::unique_ptr<Inode> inode;
+    struct stat st;
+    if (int opened = named.dir->openObject(named.leaf, &inode, &st); opened != 0) return opened;
+    LiftedFlags lifted(*inode);
+    const int parent = liftParent(*inode, st, &lifted);
+    if (parent < 0) return parent;
+    if (parent == 0) return flagsForbid(object(named)) ? -EROFS : -EPERM;
+    rc = call();
+    const int set = lifted.setAgain();
+    if (rc == 0) rc = set;
+  }
+  return rc == -EPERM ? -EROFS : rc;
+}
+
+}  // namespace
+}  // namespace kest
+
+using namespace kest;
+
+extern "C" {
+
+int kest_unlink(kest_fssnap_handle_t *active, const char *path, uint64_t ino) {
+  return onPath(active, path, [=](const Place &place) {
+    if (int rc = expectInode(place, ino); rc != 0) return rc;
+    return changeNames(place, {givingDirectory(place)},
+                       [&] { return place.dir->removeFile(place.leaf); });
+  });
+}
+
+int kest_rmdir(kest_fssnap_handle_t *active, const char *path, uint64_t ino) {
+  return onPath(active, path, [=](const Place &place) { return removeDirectory(place, ino); });
+}
+
+int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to,
+                          uint64_t ino) {
+  return onTwoPaths(active, from, to, [=](const Place &source, const Place &target) {
+    if (int rc = expectInode(source, ino); rc != 0) return rc;
+    return changeNames(source, {givingDirectory(source), takingDirectory(target)},
+                       [&] { return source.dir->rename(source.leaf, *target.dir, target.leaf); });
+  });
+}
+
+int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to, uint64_t ino) {
+  return onTwoPaths(active, from, to, [=](const Place &source, const Place &target) {
+    std::unique_ptr<Inode> inode;
+    struct stat st;
+    if (int rc = source.dir->openObject(source.leaf, &inode, &st); rc != 0) return rc;
+    if (ino != 0 && st.st_ino != ino) return -ESTALE;
+    return changeNames(source, {takingDirectory(target)},
+                       [&] { return target.dir->link(*inode, target.leaf); });
+  });
+}
+
+int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size, uint64_t ino) {
+  return onPath(active, path, [=](const Place &place) { return truncateFile(place, size, ino); });
+}
+
+int kest_open_file(kest_fssnap_handle_t *active, const char *path, int flags, mode_t mode) {
+  return onPath(active, path, [=](const Place &place) { return openFileAt(place, flags, mode); });
+}
+
+int kest_mkdir(kest_fssnap_handle_t *active, const char *path, mode_t mode) {
+  return onPath(active, path, [=](const Place &place) {
+    int rc = outcome(place.dir->makeDirectory(place.leaf, mode & kModeBits), {takingDirectory(place)});
+    return rc == 0 ? setModeOfNew(place, S_IFDIR, mode) : rc;
+  });
+}
+
+int kest_mknod(kest_fssnap_handle_t *active, const char *path, mode_t mode, dev_t device) {
+  return onPath(active, path, [=](const Place &place) {
+    int rc = outcome(place.dir->makeNode(place.leaf, mode, device), {takingDirectory(place)});
+    mode_t type = (mode & S_IFMT) != 0 ? mode & S_IFMT : S_IFREG;
+    return rc == 0 ? setModeOfNew(place, type, mode, S_ISCHR(type) || S_ISBLK(type) ? device : 0) : rc;
+  });
+}
+
+int kest_symlink(kest_fssnap_handle_t *active, const char *target, const char *path) {
+  return onPath(active, path, [=](const Place &place) {
+    if (target == nullptr) return -EINVAL;
+    return outcome(place.dir->makeSymlink(place.leaf, target), {takingDirectory(place)});
+  });
+}
+
+int kest_anchor(kest_fssnap_handle_t *active, const char *path, int fd) {
+  return cCall([=] {
+    if (active == nullptr || path == nullptr) return -EINVAL;
+    std::unique_ptr<Directory> anchor;
+    if (int rc = active->tree->duplicateDirectory(fd, &anchor); rc != 0) return rc;
+    active->anchor = std::move(anchor);
+    active->anchor_path = path;
+    return 0;
+  });
+}
+
+int kest_open_path(kest_fssnap_handle_t *handle, const char *path) {
+  return onPath(handle, path, [](const Place &place) {
+    std::unique_ptr<Inode> inode;
+    struct stat st;
+    int rc = place.dir->openObject(place.leaf, &inode, &st);
+    return rc == 0 ? inode->takeDescriptor() : rc;
+  });
+}
+
+int kest_lstat(kest_fssnap_handle_t *handle, const char *path, struct stat *st) {
+  return onPath(handle, path, [=](const Place &place) {
+    return st == nullptr ? -EINVAL : place.dir->stat(place.leaf, st);
+  });
+}
+
+}  // extern "C"

@@ -1,0 +1,153 @@
+#include "libkest/scan.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "filesystem/error_text.h"
+#include "libkest/c_call.h"
+
+namespace kest {
+
+namespace {
+
+// 0 or -errno; *attr is NULL at the end.
+int nextDifferent(kest_iscan *scan, uint64_t end_ino, const kest_iattr64_t **attr) {
+  Difference *difference;
+  int rc = differenceOf(scan, &difference);
+  if (rc < 0) return rc;
+  const DiffInode one = difference->set().firstFrom(scan->next_ino);
+  if (one.ino == 0 || one.ino > end_ino) return 0;
+  rc = difference->readAttributes(one, &scan->attr);
+  if (rc == 0) *attr = &scan->attr;
+  return rc;
+}
+
+int nextInode(kest_iscan *scan, uint64_t end_ino, const kest_iattr64_t **attr) {
+  *attr = nullptr;
+  if (scan->next_ino > end_ino) return 0;
+  int rc;
+  if (scan->difference != nullptr) {
+    rc = nextDifferent(scan, end_ino, attr);
+  } else {
+    rc = scan->all->next(scan->next_ino, end_ino, &scan->attr);
+    if (rc > 0) *attr = &scan->attr;
+  }
+  if (rc < 0) return rc;
+  if (*attr != nullptr) scan->next_ino = scan->attr.ia_inode + 1;
+  return 0;
+}
+
+int statDifferent(kest_iscan *scan, uint64_t ino, uint64_t term_ino, const kest_iattr64_t **attr) {
+  Difference *difference;
+  int rc = differenceOf(scan, &difference);
+  if (rc < 0) return rc;
+  const DifferenceSet &set = difference->set();
+  DiffInode one = set.firstFrom(ino);
+  while (one.ino != 0 && one.ino < term_ino && !one.alive()) one = set.firstFrom(one.ino + 1);
+  if (one.ino == 0 || one.ino >= term_ino) return 0;
+  rc = difference->readAttributes(one, &scan->attr);
+  if (rc == 0) *attr = &scan->attr;
+  return rc;
+}
+
+int openScan(kest_fssnap_handle *handle, const kest_snapid_t *prev, uint64_t *max_ino,
+             std::unique_ptr<kest_iscan> *opened) {
+  if (handle == nullptr) return -EINVAL;
+  const Tree &tree = *handle->tree;
+  auto scan = std::make_unique<kest_iscan>();
+  int rc = 0;
+  if (prev != nullptr)
+    rc = tree.openDifference(*prev, &scan->difference);
+  else
+    scan->all = tree.openScan();
+  if (rc == 0 && max_ino != nullptr) rc = tree.largestInode(prev, max_ino);
+  if (rc == 0) *opened = std::move(scan);
+  return rc;
+}
+
+}  // namespace
+
+int differenceOf(kest_iscan *scan, Difference **difference) {
+  if (scan == nullptr || scan->difference == nullptr) return -EINVAL;
+  if (!scan->computed) {
+    const int rc = scan->difference->compute();
+    if (rc < 0)
+      return failWith(-rc, std::string("comparing with the snapshot failed: ") + strerror(-rc));
+    scan->computed = true;
+  }
+  *difference = scan->difference.get();
+  return 0;
+}
+
+}  // namespace kest
+
+using namespace kest;
+
+extern "C" {
+
+kest_iscan_t *kest_open_inodescan64(kest_fssnap_handle_t *handle, const kest_snapid_t *prev,
+                                    uint64_t *max_ino) {
+  std::unique_ptr<kest_iscan> scan;
+  cCall([&] {
+    setErrorText("");
+    return openScan(handle, prev, max_ino, &scan);
+  });
+  return scan.release();
+}
+
+void kest_close_inodescan(kest_iscan_t *scan) {
+  int saved = errno;
+  delete scan;
+  errno = saved;
+}
+
+int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t **attr) {
+  return cCall([&] {
+    if (scan == nullptr || attr == nullptr) return -EINVAL;
+    return nextInode(scan, end_ino, attr);
+  });
+}
+
+int kest_idifference(kest_iscan_t *scan, uint64_t ino) {
+  return cCall([&] {
+    Difference *difference;
+    int rc = differenceOf(scan, &difference);
+    return rc < 0 ? rc : static_cast<int>(difference->set().find(ino).state);
+  });
+}
+
+int kest_leads_to_change(kest_iscan_t *scan, uint64_t ino) {
+  return cCall([&] {
+    Difference *difference;
+    int rc = differenceOf(scan, &difference);
+    return rc < 0 ? rc : difference->set().find(ino).alive() || difference->set().leads(ino);
+  });
+}
+
+int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino,
+                      const kest_iattr64_t **attr) {
+  return cCall([&] {
+    if (scan == nullptr || attr == nullptr) return -EINVAL;
+    *attr = nullptr;
+    if (scan->difference != nullptr) return statDifferent(scan, ino, term_ino, attr);
+    int rc = scan->all->nextNow(ino, term_ino, &scan->attr);
+    if (rc > 0) *attr = &scan->attr;
+    return std::min(rc, 0);
+  });
+}
+
+int kest_mount_in_the_way(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
+                          kest_iscan_t *scan, char *point, size_t size) {
+  return cCall([&] {
+    if (active == nullptr || snap == nullptr || point == nullptr || size == 0) return -EINVAL;
+    Difference *difference;
+    int rc = differenceOf(scan, &difference);
+    std::string found;
+    if (rc == 0) rc = active->tree->findMountInTheWay(*snap->tree, *difference, &found);
+    if (rc > 0) point[found.copy(point, size - 1)] = '\0';
+    return rc;
+  });
+}
+
+}  // extern "C"

@@ -1,5 +1,0 @@
-#include "driver/run_program.h"
-
-int main(int argc, char **argv) {
-  return runProgram(argc, argv);
-}

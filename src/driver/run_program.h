@@ -1,5 +1,0 @@
-// The program, in every mode.
-#pragma once
-
-// The exit status.
-int runProgram(int argc, char **argv);

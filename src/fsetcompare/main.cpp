@@ -1,0 +1,78 @@
+// fsetcompare from the command line to the exit status.
+#include <fcntl.h>
+#include <getopt.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "base/result.h"
+#include "base/unique_fd.h"
+#include "fsetcompare/report.h"
+#include "fsetcompare/tree_compare.h"
+#include "messages/catalogue.h"
+#include "messages/messages.h"
+#include "run/open_run.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+
+namespace {
+
+enum Status { kEqual = 0, kDifferent = 1, kTrouble = 2 };
+
+// False: usage.
+bool readOptions(int argc, char **argv, bool *full) {
+  const option kLong[] = {{"full", no_argument, nullptr, 'f'}, {nullptr, 0, nullptr, 0}};
+  for (int letter; (letter = getopt_long(argc, argv, "j:o:", kLong, nullptr)) != -1;) {
+    if (letter == 'j') {
+      settings.filesetP = optarg;
+    } else if (letter == 'o') {
+      settings.snapOldP = optarg;
+    } else if (letter == 'f') {
+      *full = true;
+    } else {
+      return false;
+    }
+  }
+  if (optind + 1 != argc || settings.filesetP.empty() || settings.snapOldP.empty()) return false;
+  settings.deviceP = argv[optind];
+  return true;
+}
+
+// No tree shows what has not been written yet.
+Result commit() {
+  const UniqueFd root(open(handles.rootPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return root ? called(syncfs(root.get())) : failedErrno(0);
+}
+
+Status compare(bool full) {
+  if (Result r = commit(); !r) {
+    userMessage(Message::kCannotCompare, handles.rootPath, strerror(r.err));
+    return kTrouble;
+  }
+  Report report;
+  if (Result r = compareTrees(full, &report); !r) {
+    userMessage(Message::kCompareBrokeOff, strerror(r.err));
+    return kTrouble;
+  }
+  if (Result r = report.finish(); !r) {
+    userMessage(Message::kOutputLost, strerror(r.err));
+    return kTrouble;
+  }
+  if (report.troubled()) return kTrouble;
+  return report.differences() == 0 ? kEqual : kDifferent;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  initMessages();
+  settings.role = Role::kComparison;
+  bool full = false;
+  if (!readOptions(argc, argv, &full)) {
+    userMessage(Message::kCompareUsage, argc > 0 ? basename(argv[0]) : "fsetcompare");
+    return kTrouble;
+  }
+  Result opened;
+  const Status status = openRun(nullptr, &opened) == Opened::kReady ? compare(full) : kTrouble;
+  releaseHandles();
+  return status;
+}

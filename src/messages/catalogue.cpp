@@ -1,0 +1,93 @@
+#include "messages/catalogue.h"
+
+#include <locale.h>
+#include <nl_types.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <cerrno>
+
+namespace {
+
+const nl_catd kNoCatalogue = reinterpret_cast<nl_catd>(-1);
+nl_catd CatHandle = kNoCatalogue;
+
+const char *askCatalogue(int set, int number, const char *defaultText) {
+  if (CatHandle == kNoCatalogue) return defaultText;
+  const int saved = errno;
+  sigset_t block, before;
+  sigemptyset(&block);
+  sigaddset(&block, SIGUSR1);
+  const bool blocked = pthread_sigmask(SIG_BLOCK, &block, &before) == 0;
+  const char *text = catgets(CatHandle, set, number, defaultText);
+  if (blocked) pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  errno = saved;
+  return text;
+}
+
+CatalogueLookup lookup = askCatalogue;
+
+// Moves *at behind the next conversion and returns its length modifier and letter in *type. 1: found
+// one, 0: end of the format, -1: a form that is not supported.
+int nextConversion(const char **at, char type[4]) {
+  for (;;) {
+    const char *percent = strchr(*at, '%');
+    if (!percent) return 0;
+    if (percent[1] == '%') {
+      *at = percent + 2;
+      continue;
+    }
+    const char *p = percent + 1;
+    p += strspn(p, "-+ #0'I");
+    p += strspn(p, "0123456789");
+    if (*p == '.') {
+      ++p;
+      p += strspn(p, "0123456789");
+    }
+    if (*p == '*' || *p == '$' || !*p) return -1;
+    size_t modifier = strspn(p, "hlqLjzt");
+    if (modifier > 2) return -1;
+    memcpy(type, p, modifier);
+    p += modifier;
+    if (!*p) return -1;
+    type[modifier] = *p;
+    type[modifier + 1] = '\0';
+    *at = p + 1;
+    return 1;
+  }
+}
+
+}  // namespace
+
+void initMessages() {
+  // What texts need; each of the other categories would be a file more to open at every start.
+  setlocale(LC_CTYPE, "");
+  setlocale(LC_MESSAGES, "");
+  CatHandle = catopen("kest.cat", 0);
+  setlinebuf(stdout);
+  setlinebuf(stderr);
+}
+
+bool sameConversions(const char *a, const char *b) {
+  for (;;) {
+    char type_a[4], type_b[4];
+    const int found_a = nextConversion(&a, type_a);
+    const int found_b = nextConversion(&b, type_b);
+    if (found_a < 0 || found_a != found_b) return false;
+    if (found_a == 0) return true;
+    if (strcmp(type_a, type_b) != 0) return false;
+  }
+}
+
+const char *catMsg(int set, int number, const char *defaultText) {
+  const char *text = lookup(set, number, defaultText);
+  if (text == defaultText) return text;
+  return text && sameConversions(text, defaultText) ? text : defaultText;
+}
+
+CatalogueLookup setCatalogueLookup(CatalogueLookup replacement) {
+  CatalogueLookup before = lookup;
+  lookup = replacement ? replacement : askCatalogue;
+  return before;
+}

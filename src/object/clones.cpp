@@ -1,0 +1,295 @@
+#include "object/clones.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <string_view>
+
+#include "base/unique_fd.h"
+#include "messages/messages.h"
+#include "object/paths.h"
+#include "object/places.h"
+#include "run/fatal_error.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/snapshot_table.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+#include "run/work_file.h"
+
+// ---- attributes of a file that a path names
+
+namespace {
+
+constexpr int32_t kGetExtendedAttribute = 6001;
+constexpr int32_t kReasonAbsent = 27, kReasonTooSmall = 29;
+constexpr size_t kFirstBuffer = 1024;
+constexpr int kMostAttempts = 5;  // the attribute can grow between two of them
+
+// Codes of getCloneXattr's trace line.
+enum CloneXattrStep : int { kOpenFile = 1, kReadAttribute = 2, kAttributeTooShort = 3 };
+
+struct AttributeRequest {
+  int32_t totalLength;
+  int32_t version;
+  int32_t errorOffset;
+  int32_t reserved;
+  int32_t length;
+  int32_t type;
+  int32_t nameLength;
+  int32_t valueLength;
+  int32_t flags;
+  int32_t reason;
+};
+static_assert(sizeof(AttributeRequest) == 40);
+
+size_t padded(size_t length) {
+  return (length + 7) & ~size_t{7};
+}
+
+// `rc`: of the attribute call, 1 where it found a value.
+bool noCloneXattr(const std::string &path, CloneXattrStep code, int rc, int err) {
+  traceLog("getCloneXattr: path %s, rc %d, code %d, err %d, errno %d\n", path.c_str(), 0, code, rc,
+           err);
+  return false;
+}
+
+// True when the attribute was read, or could not be; false when it is missing or too short.
+bool readCloneSnap(const std::string &path, int fd, CloneSnapAttr *snap) {
+  std::vector<uint8_t> value;
+  bool present = false;
+  if (!getFileAttribute(fd, "CLONESNAP", &value, &present)) {
+    traceLog("getCloneXattr: get clone snap failed, path %s\n", path.c_str());
+    return true;
+  }
+  if (!present || value.size() < snap->bytes.size()) {
+    traceLog("getCloneXattr: clone snap EA too short, path %s, len %d\n", path.c_str(),
+             static_cast<int>(value.size()));
+    return false;
+  }
+  std::copy_n(value.begin(), snap->bytes.size(), snap->bytes.begin());
+  return true;
+}
+
+}  // namespace
+
+Result getFileAttribute(int fd, const std::string &name, std::vector<uint8_t> *value, bool *present) {
+  static std::vector<char> buffer(kFirstBuffer);
+  value->clear();
+  *present = false;
+  const std::string full = "kest." + name;
+  const size_t value_at = sizeof(AttributeRequest) + padded(full.size());
+  for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
+    AttributeRequest request{};
+    request.totalLength = static_cast<int32_t>(buffer.size());
+    request.version = 1;
+    request.length = request.totalLength - 16;
+    request.type = kGetExtendedAttribute;
+    request.nameLength = static_cast<int32_t>(full.size());
+    request.valueLength = static_cast<int32_t>(buffer.size() - value_at);
+    std::fill(buffer.begin(), buffer.end(), '\0');
+    memcpy(buffer.data(), &request, sizeof request);
+    memcpy(buffer.data() + sizeof request, full.data(), full.size());
+
+    const Result asked = called(kest_fcntl(fd, buffer.data()));
+    memcpy(&request, buffer.data(), sizeof request);
+    if (request.reason == kReasonAbsent) return {};
+    if (request.reason == kReasonTooSmall) {
+      buffer.resize(value_at + static_cast<size_t>(std::max(request.valueLength, 0)));
+      continue;
+    }
+    if (!asked) return asked;
+    if (request.valueLength < 0 || static_cast<size_t>(request.valueLength) > buffer.size() - value_at)
+      break;
+    const auto start = buffer.begin() + static_cast<std::ptrdiff_t>(value_at);
+    value->assign(start, start + request.valueLength);
+    *present = true;
+    return {};
+  }
+  return errnoResult(EIO);
+}
+
+bool getCloneXattr(const std::string &path, CloneAttr *attr, CloneSnapAttr *snap) {
+  // Attributes can be read through an O_PATH descriptor, which takes no rights and triggers nothing.
+  UniqueFd fd;
+  if (Result r = openObject(path, &fd); !r) {
+    traceLog("getCloneXattr: open %s failed\n", path.c_str());
+    return noCloneXattr(path, kOpenFile, -1, r.err);
+  }
+  struct stat st;
+  if (fstat(fd.get(), &st) == 0 && !S_ISREG(st.st_mode)) return false;
+  std::vector<uint8_t> value;
+  bool present = false;
+  if (Result r = getFileAttribute(fd.get(), "CLONE", &value, &present); !r) {
+    traceLog("getCloneXattr: get clone attr failed, path %s\n", path.c_str());
+    return noCloneXattr(path, kReadAttribute, -1, r.err);
+  }
+  if (!present) return false;
+  if (value.size() < attr->bytes.size()) {
+    const int length = static_cast<int>(value.size());
+    traceLog("getCloneXattr: clone EA too short, path %s, len %d\n", path.c_str(), length);
+    return noCloneXattr(path, kAttributeTooShort, 1, 0);
+  }
+  std::copy_n(value.begin(), attr->bytes.size(), attr->bytes.begin());
+  return snap != nullptr && attr->parentInSnapshot() ? readCloneSnap(path, fd.get(), snap) : true;
+}
+
+// ---- where the parent of a clone is found
+
+namespace {
+
+struct HandleCloser {
+  void operator()(kest_fssnap_handle_t *handle) const { kest_free_fssnaphandle(handle); }
+};
+using SnapshotHandle = std::unique_ptr<kest_fssnap_handle_t, HandleCloser>;
+
+Result openByName(const std::string &name, SnapshotHandle *handle) {
+  handle->reset(kest_get_fset_snaphandle_by_name(settings.deviceP.c_str(), settings.filesetP.c_str(),
+                                                 name.c_str()));
+  return *handle ? Result{} : failedErrno(0);
+}
+
+Result openSnapshot(uint32_t id, SnapshotHandle *handle) {
+  const SnapshotTable &table = snapshotTable();
+  const auto found = table.find(id);
+  // The run's own snapshot is in every table.
+  if (found == table.end()) return errnoResult(table.empty() ? EIO : ENOENT);
+  SnapshotHandle other, own;
+  if (Result r = openByName(found->second, &other); !r) return r;
+  // The library judges directories by the snapshot that was opened last: make that the run's own again.
+  if (Result r = openByName(settings.snapOldP, &own); !r) return r;
+  *handle = std::move(other);
+  return {};
+}
+
+// Because its parent could not be looked for, a clone would be restored as an ordinary file: the run
+// must not end well.
+void parentUnknown(uint64_t ino, int err) {
+  traceLog("clone parent %lld: cannot be looked for, err %d\n", static_cast<long long>(ino), err);
+  setFatalError(err);
+}
+
+bool isParentOfDepth(kest_fssnap_handle_t *tree, uint64_t ino, int depth) {
+  Inode parent;
+  const Result opened = openIfThere(tree, ino, &parent);
+  if (!opened) parentUnknown(ino, opened.err);
+  bool clone = false;
+  CloneAttr attr;
+  return parent && isClone(parent.get(), &clone, &attr) && clone && attr.isParent() &&
+         attr.depth() == depth;
+}
+
+}  // namespace
+
+Result otherSnapshot(uint32_t id, kest_fssnap_handle_t **handle) {
+  struct Known {
+    SnapshotHandle handle;
+    Result opened;
+  };
+  static std::map<uint32_t, Known> snapshots;
+  auto known = snapshots.find(id);
+  if (known == snapshots.end()) {
+    known = snapshots.emplace(id, Known{}).first;
+    known->second.opened = openSnapshot(id, &known->second.handle);
+  }
+  *handle = known->second.handle.get();
+  return known->second.opened;
+}
+
+bool restoredFromData(const std::string &path, const CloneAttr &attr, const CloneSnapAttr &snap) {
+  if (attr.depth() == 0) return true;
+  const uint64_t parent = attr.parentIno();
+  if (!attr.parentInSnapshot()) return !isParentOfDepth(handles.oldFsP, parent, attr.depth() - 1);
+  kest_fssnap_handle_t *tree = nullptr;
+  const Result opened = otherSnapshot(snap.snapId(), &tree);
+  // EINVAL: the name is another fileset's now.
+  if (!opened && opened.err != ENOENT && opened.err != EINVAL) parentUnknown(parent, opened.err);
+  if (opened && isParentOfDepth(tree, parent, attr.depth() - 1)) return false;
+  traceLog("clone %s: the parent %lld is not in snapshot %u\n", path.c_str(),
+           static_cast<long long>(parent), snap.snapId());
+  if (settings.isMaster())
+    userMessage(Message::kCloneParentGone, path, static_cast<int64_t>(snap.snapId()));
+  return true;
+}
+
+// ---- the numbers of parents that were made again
+
+namespace {
+
+// Whether the inode exists and is a clone parent; not where its attributes cannot be read, which ends
+// the run with a failure.
+Result isLivingParent(uint64_t ino, bool *living) {
+  *living = false;
+  Inode file;
+  if (Result r = openIfThere(handles.activeFsP, ino, &file); !r || !file) return r;
+  bool clone = false;
+  CloneAttr attr;
+  *living = isClone(file.get(), &clone, &attr) && clone && attr.isParent();
+  return {};
+}
+
+Result appendParent(const std::string &path, uint64_t ino, uint64_t now) {
+  std::unique_ptr<WorkFile> stream;
+  const std::string file = newParentFile(ino);
+  if (Result r =
+          openBucketFile("recordCloneParentIno", file, WorkFile::Mode::kShared, path, ino, &stream);
+      !r)
+    return r;
+  const Result written = stream->append(std::to_string(now) + "\n");
+  return firstFailure(written, closeWorkFile(stream, file));
+}
+
+Result traceUnrecorded(const std::string &path, uint64_t ino, const Result &r) {
+  if (!r) {
+    traceLog("recordCloneParentIno: path %s, ino %lld\n", path.c_str(), static_cast<long long>(ino));
+  }
+  return r;
+}
+
+// The last number that a line of `text` holds, which is cut off there. False where none is left.
+bool takeLastNumber(std::string_view *text, uint64_t *number) {
+  // A line without its end was cut off.
+  for (size_t end = text->rfind('\n'); end != std::string_view::npos; end = text->rfind('\n')) {
+    *text = text->substr(0, end);
+    const size_t start = text->rfind('\n');
+    const std::string_view line = start == std::string_view::npos ? *text : text->substr(start + 1);
+    const char *const line_end = line.data() + line.size();
+    const auto [stop, error] = std::from_chars(line.data(), line_end, *number);
+    if (error == std::errc() && stop == line_end) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+Result recordCloneParentIno(const std::string &path, uint64_t ino) {
+  struct stat st;
+  if (Result r = statPath(path, &st); !r) return traceUnrecorded(path, ino, failed(0, r.err));
+  if (!isRegular(st.st_mode)) return {};
+  bool living = false;
+  if (Result r = isLivingParent(st.st_ino, &living); !living) {
+    traceLog("recordCloneParentIno: %s isn't a clone parent\n", path.c_str());
+    return failed(0, r ? EINVAL : r.err);
+  }
+  return traceUnrecorded(path, ino, appendParent(path, ino, st.st_ino));
+}
+
+Result readNewParent(uint64_t ino, uint64_t *now) {
+  *now = 0;
+  std::string text;
+  if (Result r = readWholeFile(newParentFile(ino), &text); !r) return r.err == ENOENT ? Result{} : r;
+  std::string_view rest = text;
+  for (uint64_t number = 0; takeLastNumber(&rest, &number);) {
+    bool living = false;
+    if (Result r = isLivingParent(number, &living); !r) return r;
+    if (!living) continue;
+    *now = number;
+    return {};
+  }
+  return {};
+}

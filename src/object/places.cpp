@@ -1,0 +1,232 @@
+#include "object/places.h"
+
+#include <cerrno>
+
+#include "formats/work_names.h"
+#include "object/paths.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+#include "scan/diff_table.h"
+
+namespace {
+
+constexpr int kOpenAttempts = 2;  // without the bucket directory, then with it
+// Objects can wait inside objects that wait; more levels than a path has components mean a circle.
+constexpr int kMostLevels = 4096;
+
+// Codes of the three routines' trace lines.
+enum FetchStep : int {
+  kCloseFile = 0,
+  kMakeBucket = 1,
+  kOpenFile = 2,
+  kWriteFile = 3,
+};
+enum OrigPathStep : int { kOpenRecord = 1, kEmptyRecord = 2 };
+enum RealPathStep : int {
+  kReadDestination = 1,   // also of a path in the work directory that lies in no temporary location
+  kEmptyDestination = 2,  // the destination file exists and is empty
+  kLookUpNewName = 4,
+};
+enum SnapPathStep : int {
+  kActiveRoot = 1,  // the root of the fileset is unknown
+  kSnapRoot = 2,    // the root of the snapshot is unknown
+  kStatCopy = 3,
+  kLeaveLocation = 21,
+  kLeaveLocationEmpty = 22,
+  kOldName = 23,      // of an object whose name is new
+  kOutsideRoot = 24,  // the object belongs outside the fileset
+};
+
+// Steps of the destination file alone, with the trace lines of one that cannot be written.
+Result writeDestination(const std::string &path, uint64_t ino) {
+  std::unique_ptr<WorkFile> stream;
+  const std::string file = destinationFile(ino);
+  if (Result r = openBucketFile("fetchFile", file, WorkFile::Mode::kTruncate, path, ino, &stream); !r)
+    return r;
+  Result written = stream->append(path);
+  if (written) written = stream->flush();
+  if (!written) {
+    traceLog("fetchFile: write path error for %s,ino %lld err %d\n", path.c_str(),
+             static_cast<long long>(ino), written.err);
+  }
+  const Result closed = closeWorkFile(stream, file).at(kCloseFile);
+  return firstFailure(written.at(kWriteFile), closed);
+}
+
+void traceUnresolved(const char *routine, uint64_t ino, const Result &r) {
+  const long long number = static_cast<long long>(ino);
+  if (r.err == ENODATA) {
+    traceLog("%s: failed to get dir path for dirIno %lld, err %d\n", routine, number, r.err);
+  } else {
+    const std::string file = destinationFile(ino);
+    traceLog("%s: open dest path file failed, dirIno %lld %s err %d\n", routine, number, file.c_str(),
+             r.err);
+  }
+}
+
+// Applies the rule for temporary locations until the path has left the work directory. `levels`: traces
+// each of them; failures are always traced. The steps are getRealPath's.
+Result leaveWorkDir(const char *routine, bool levels, std::string *path) {
+  for (int level = 0; inWorkDir(*path); ++level) {
+    TempPlace place;
+    if (level > kMostLevels || !parseTempPlace(nameInWorkDir(*path), &place))
+      return failedErrno(kReadDestination, EINVAL);
+    if (levels) {
+      traceLog("%s: filenameP %s, dirIno %lld\n", routine, std::string(place.inside).c_str(),
+               static_cast<long long>(place.ino));
+    }
+    std::string real;
+    if (Result r = readDestination(place.ino, &real); !r) {
+      traceUnresolved(routine, place.ino, r);
+      return r.at(r.err == ENODATA ? kEmptyDestination : kReadDestination);
+    }
+    if (!place.inside.empty()) real.append(1, '/').append(place.inside);
+    *path = std::move(real);
+  }
+  return {};
+}
+
+// While the walks run, an object whose name is new belongs where its destination file says, and
+// *renamed is set. Later the object has been moved, and its path alone says where it belongs.
+Result hasNewName(const std::string &path, bool *renamed, uint64_t *ino) {
+  *renamed = false;
+  if (settings.phase >= kPhaseMain || !haveDiffTable()) return {};
+  struct stat st;
+  if (Result r = statPath(path, &st); !r) return r.err == ENOENT || r.err == ENOTDIR ? Result{} : r;
+  const DiffItem *item = findItem(st.st_ino);
+  *ino = st.st_ino;
+  *renamed = item != nullptr && (item->type & kDiffMoved);
+  return {};
+}
+
+Result resolveReal(const std::string &path, std::string *result) {
+  if (inWorkDir(path)) {
+    std::string real = path;
+    if (Result r = leaveWorkDir("getRealPath", true, &real); !r) return r;
+    *result = std::move(real);
+    traceLog("getRealPath: realPath %s\n", result->c_str());
+    return {};
+  }
+  bool renamed = false;
+  uint64_t ino = 0;
+  if (Result r = hasNewName(path, &renamed, &ino); !r) return failed(kLookUpNewName, r.err);
+  if (renamed) return getOrigPathBeforeRename(path, result, ino).at(kLookUpNewName);
+  *result = path;
+  return {};
+}
+
+// Where the object belongs; *moved_ino is its number where `path` is a temporary location itself.
+Result placeOf(const std::string &path, std::string *real, uint64_t *moved_ino) {
+  *real = path;
+  if (inWorkDir(path)) {
+    TempPlace place;
+    if (parseTempPlace(nameInWorkDir(path), &place) && place.inside.empty()) *moved_ino = place.ino;
+    const Result left = leaveWorkDir("getSnapPath", false, real);
+    if (left) return {};
+    return failed(left.code == kEmptyDestination ? kLeaveLocationEmpty : kLeaveLocation, left.err);
+  }
+  bool renamed = false;
+  uint64_t ino = 0;
+  Result known = hasNewName(path, &renamed, &ino);
+  if (renamed) known = getOrigPathBeforeRename(path, real, ino);
+  return known ? Result{} : failed(kOldName, known.err);
+}
+
+Result resolveCopy(const std::string &path, SnapPlace *place) {
+  if (handles.rootPath.empty()) {
+    traceLog("getSnapPath: cannot get fileset root path\n");
+    return failed(kActiveRoot, ENOENT);
+  }
+  if (handles.snapRootPath.empty()) {
+    traceLog("getSnapPath: failed to get snap path. err %d\n", ENOENT);
+    return failed(kSnapRoot, ENOENT);
+  }
+  std::string real;
+  uint64_t moved_ino = 0;
+  if (Result r = placeOf(path, &real, &moved_ino); !r) return r;
+  if (!real.starts_with(handles.rootPath)) return failed(kOutsideRoot, EINVAL);
+  place->path = handles.snapRootPath + "/" + real.substr(handles.rootPath.size());
+  struct stat st;
+  if (Result r = statPath(place->path, &st); !r) {
+    // The snapshot may have a link to anywhere where the active path has a directory.
+    place->absent = r.err == ENOENT || r.err == ENOTDIR || r.err == ELOOP || r.err == ENAMETOOLONG;
+    return failed(kStatCopy, r.err);
+  }
+  place->ino = moved_ino != 0 ? moved_ino : st.st_ino;
+  return {};
+}
+
+}  // namespace
+
+Result openBucketFile(const char *routine, const std::string &file, WorkFile::Mode mode,
+                      const std::string &path, uint64_t ino, std::unique_ptr<WorkFile> *stream) {
+  const long long number = static_cast<long long>(ino);
+  Result opened;
+  for (int attempt = 0; attempt < kOpenAttempts; ++attempt) {
+    opened = WorkFile::open(file, mode, stream);
+    if (opened || opened.err != ENOENT) break;
+    const std::string bucket = bucketDir(ino);
+    if (Result r = makeWorkDirectory(bucket); !r) {
+      traceLog("%s: fetch %s ino %lld, create dir %s failed, err %d.\n", routine, path.c_str(), number,
+               bucket.c_str(), r.err);
+      return r.at(kMakeBucket);
+    }
+  }
+  if (opened) return {};
+  traceLog("%s: create path file for %s failed, ino %lld err %d\n", routine, path.c_str(), number,
+           opened.err);
+  return opened.at(kOpenFile);
+}
+
+Result fetchFile(const std::string &path, uint64_t ino) {
+  const Result r = writeDestination(path, ino);
+  if (!r) {
+    traceLog("fetchFile: path %s, ino %lld, rc %d, code %d, error %d\n", path.c_str(),
+             static_cast<long long>(ino), r.rc, r.code, r.err);
+  }
+  return r;
+}
+
+Result readDestination(uint64_t ino, std::string *destination) {
+  const std::string file = destinationFile(ino);
+  if (file.empty()) return errnoResult(ENAMETOOLONG);
+  if (Result r = readWholeFile(file, destination); !r) return r;
+  return errnoResult(destination->empty() ? ENODATA : 0);
+}
+
+Result getOrigPathBeforeRename(const std::string &path, std::string *result, uint64_t ino) {
+  const Result read = readDestination(ino, result);
+  if (read) {
+    traceLog("getOrigPathBeforeRename: origPath %s\n", result->c_str());
+    return {};
+  }
+  const Result r = failed(read.err == ENODATA ? kEmptyRecord : kOpenRecord, read.err);
+  if (r.code == kEmptyRecord) {
+    traceLog("getOrigPathBeforeRename: invalid origPath\n");
+  } else {
+    const std::string file = destinationFile(ino);
+    traceLog("getOrigPathBeforeRename: cannot open dest file %s\n", file.c_str());
+  }
+  traceLog("getOrigPathBeforeRename: rc %d, path %s, code %d, error %d\n", r.rc, path.c_str(), r.code,
+           r.err);
+  return r;
+}
+
+Result getRealPath(const std::string &path, std::string *result) {
+  const Result r = resolveReal(path, result);
+  if (!r) {
+    traceLog("getRealPath: path %s, rc %d, code %d, error %d\n", path.c_str(), r.rc, r.code, r.err);
+  }
+  return r;
+}
+
+Result getSnapPath(const std::string &path, SnapPlace *place) {
+  *place = {};
+  const Result r = resolveCopy(path, place);
+  if (!r) {
+    traceLog("getSnapPath: path %s, rc %d, code %d, err %d\n", path.c_str(), r.rc, r.code, r.err);
+  }
+  return r;
+}

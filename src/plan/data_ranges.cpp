@@ -1,0 +1,244 @@
+#include "plan/data_ranges.h"
+
+#include <algorithm>
+
+#include "object/clones.h"
+#include "object/name_calls.h"
+#include "records/aggregate.h"
+#include "records/side_lists.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/trace_log.h"
+#include "scan/same_file.h"
+
+namespace {
+
+// In the lines of ListRecord and DirListRecord.
+enum RangeStep : int {
+  kWriteRecord = 2,
+  kOpenInodes = 11,
+  kTruncate = 14,  // also: whether blocks can be shared is unknown
+  kListChanges = 15,
+  kListTail = 16,
+  kOpenDeleted = 17,
+  kListClone = 31,
+  kClearFlags = 141,  // which forbid the truncation
+};
+
+constexpr int64_t kBlock = 4096;  // bytes; holes are made of whole blocks
+
+// Equal data between two ranges is shared along with them where it is no longer than this, in bytes:
+// that is cheaper than one more record.
+constexpr int64_t kNearby = 65536;
+
+struct DataRange {
+  int64_t offset = 0;
+  int64_t length = 0;
+  bool hole = false;
+
+  int64_t end() const { return offset + length; }
+};
+
+// Writes the records of one data walk. A range whose blocks are shared costs the same whatever its
+// length, so it is one record among others; one that has to be copied is cut into frames, each an
+// aggregate of its own, so that many workers can share a large file. rc of a failure is the errno.
+class DataWalk {
+ public:
+  // `clone`: the records say that the file is a clone or a clone parent. `shareable`: its blocks can be
+  // shared with the snapshot's.
+  DataWalk(WorkFile &list, const std::string &path, uint64_t ino, OpCode op, bool clone, bool shareable)
+      : list_(list), path_(path), ino_(ino), op_(op), clone_(clone), shareable_(shareable) {}
+
+  // Lists a range that begins at or after the end of the one before.
+  Result addRange(const DataRange &range) {
+    if (range.length <= 0) return {};
+    if (waiting_.length > 0 && range.offset - waiting_.end() <= kNearby) {
+      waiting_.hole = waiting_.hole && range.hole && range.offset == waiting_.end();
+      waiting_.length = range.end() - waiting_.offset;
+      return {};
+    }
+    if (Result r = writeWaiting(); !r) return r;
+    waiting_ = range;
+    return {};
+  }
+
+  // One record for the whole file, whatever its size.
+  Result addWhole(int64_t size) { return addRecord({0, size, false}, false); }
+
+  // Writes the range that addRange has kept back, and a record without a range where there was none at
+  // all: it restores the attributes. To be called last.
+  Result finish() {
+    if (Result r = writeWaiting(); !r) return r;
+    return written_ ? Result{} : addWhole(0);
+  }
+
+ private:
+  Result writeWaiting() {
+    DataRange range = waiting_;
+    waiting_ = {};
+    if (range.length == 0) return {};
+    if (range.hole || shareable_ || range.length <= settings.frameSize / settings.unitSize)
+      return addRecord(range, false);
+    for (int64_t left = range.length; left > 0; range.offset += range.length, left -= range.length) {
+      range.length = std::min<int64_t>(left, settings.frameSize);
+      if (Result r = addRecord(range, written_); !r) return r;
+    }
+    return {};
+  }
+
+  Result addRecord(const DataRange &range, bool own_aggregate) {
+    AggregateCounter &counter = aggregates.main;
+    if (own_aggregate) {
+      counter.startAggregate();
+    } else {
+      counter.countRecord(settings.unitSize);
+    }
+    written_ = true;
+    const Operation op{op_, range.offset, static_cast<uint64_t>(range.length), range.hole, clone_};
+    const Result result = list_.appendRecord(counter.iAgg, ino_, path_, op);
+    if (result) reportOpCount(false);
+    return result;
+  }
+
+  WorkFile &list_;
+  const std::string &path_;
+  uint64_t ino_;
+  OpCode op_;
+  bool clone_, shareable_;
+  DataRange waiting_;
+  bool written_ = false;
+};
+
+// What one file's changes are listed from.
+struct ChangedFile {
+  const RangeWriter &writer;
+  const std::string &path;
+  uint64_t ino;
+  Inode snap, active;
+  int64_t snap_size = 0, active_size = 0;  // bytes
+};
+
+Result openBoth(ChangedFile &file) {
+  Result result = openInode(handles.oldFsP, file.ino, &file.snap);
+  if (result) result = openInode(handles.activeFsP, file.ino, &file.active);
+  if (!result) {
+    traceLog("%s: cannot open ino %lld, iFromP %p, iToP %p\n", file.writer.name,
+             static_cast<long long>(file.ino), static_cast<void *>(file.snap.get()),
+             static_cast<void *>(file.active.get()));
+    return failed(kOpenInodes, result.err);
+  }
+  file.snap_size = static_cast<int64_t>(file.snap->if_size);
+  file.active_size = static_cast<int64_t>(file.active->if_size);
+  return {};
+}
+
+Result truncateActive(const ChangedFile &file, int64_t to) {
+  bool clearing_failed = false;
+  if (Result r = truncatePath(file.path, to, file.ino, &clearing_failed); !r)
+    return failed(clearing_failed ? kClearFlags : kTruncate, r.err);
+  traceLog("%s: MODIFY truncate file %s from %ld to %ld\n", file.writer.name, file.path.c_str(),
+           file.active_size, to);
+  return {};
+}
+
+// The ranges below both sizes in which the files differ.
+Result listDifferences(const ChangedFile &file, DataWalk &walk) {
+  const int64_t common = std::min(file.snap_size, file.active_size);
+  for (int64_t offset = 0; offset < common;) {
+    int hole = 0;
+    const int64_t length =
+        kest_ireadx(file.active.get(), handles.iscanP, nullptr, 0, &offset, common, &hole);
+    if (length < 0) return failed(kListChanges);
+    if (length == 0) break;
+    if (Result r = walk.addRange({offset, length, hole != 0}); !r) return failed(kListChanges, r.err);
+    offset += length;
+  }
+  return {};
+}
+
+// What the active file lost at its end: all of it, as the snapshot has it. The block in which the
+// active file ended holds zeros up to its end now; where the snapshot has a hole, only the whole block
+// can become one again.
+Result listLostTail(const ChangedFile &file, DataWalk &walk) {
+  const int64_t snap_size = file.snap_size, active_size = file.active_size;
+  const int64_t tail = active_size < snap_size ? active_size - active_size % kBlock : snap_size;
+  for (int64_t offset = tail; offset < snap_size;) {
+    int hole = 0;
+    int64_t length =
+        kest_ireadx(file.snap.get(), handles.iscanFromP, nullptr, 0, &offset, snap_size, &hole);
+    if (length < 0) return failed(kListTail);
+    // The file ends before its size: data that is not listed would be missing.
+    if (length == 0) return failed(kListTail, EIO);
+    if (!hole && offset < active_size) {
+      length -= std::min(length, active_size - offset);
+      offset = active_size;
+      if (length == 0) continue;
+    }
+    if (Result r = walk.addRange({offset, length, hole != 0}); !r) return failed(kListTail, r.err);
+    offset += length;
+  }
+  return {};
+}
+
+// A failure has been recorded as a fatal error: the run ends before this list is used.
+bool countsAsClone(kest_ifile_t *snap, CloneAttr *attr = nullptr, CloneSnapAttr *attr_snap = nullptr) {
+  bool clone = false;
+  return isClone(snap, &clone, attr, attr_snap) && clone;
+}
+
+}  // namespace
+
+Result listChangedFile(const RangeWriter &writer, WorkFile &list, const std::string &path,
+                       uint64_t ino) {
+  ChangedFile file{.writer = writer, .path = path, .ino = ino, .snap = nullptr, .active = nullptr};
+  if (Result r = openBoth(file); !r) return r;
+  // A file of another clone state is never listed here, it is made again: the active file carries the
+  // snapshot's state.
+  const bool clone = mayBeClone(ino) && countsAsClone(file.snap.get());
+  const int shareable = kest_ishareable(file.snap.get(), file.active.get());
+  if (shareable < 0) return failed(kTruncate);
+  DataWalk walk(list, path, ino, kOpRestoreDiffFile, clone, shareable > 0);
+  if (!isRegular(file.snap->if_mode)) return walk.finish().at(kWriteRecord);
+
+  // Copy-on-write can be turned on and off for an empty file only.
+  if (shareable == 0 && !clone && !settings.noXAttr) {
+    if (file.active_size > 0)
+      if (Result r = truncateActive(file, 0); !r) return r;
+    return walk.addWhole(file.snap_size).at(kWriteRecord);
+  }
+  if (file.snap_size != file.active_size)
+    if (Result r = truncateActive(file, file.snap_size); !r) return r;
+  if (Result r = listDifferences(file, walk); !r) return r;
+  if (Result r = listLostTail(file, walk); !r) return r;
+  // Attributes alone changed, or all data went: without a record nothing would restore them.
+  return walk.finish().at(kWriteRecord);
+}
+
+Result listDeletedFile(const RangeWriter &writer, WorkFile &copy_list, const std::string &path,
+                       uint64_t ino) {
+  Inode snap;
+  if (Result r = openInode(handles.oldFsP, ino, &snap); !r) {
+    traceLog("%s: cannot open ino %lld, iFromP %p\n", writer.name, static_cast<long long>(ino),
+             static_cast<void *>(nullptr));
+    return failed(kOpenDeleted, r.err);
+  }
+  CloneAttr attr;
+  CloneSnapAttr attr_snap;
+  const bool clone = countsAsClone(snap.get(), &attr, &attr_snap);
+  if (clone) {
+    const bool from_data = restoredFromData(path, attr, attr_snap);
+    if (!from_data || attr.isParent()) {
+      if (Result r = listClone(path, false, attr); !r) {
+        traceLog("%s: failed to listClone %s\n", writer.name, path.c_str());
+        return r.at(kListClone);
+      }
+    }
+    if (!from_data) return {};
+  }
+  // One record makes the file with all of its data: between two, somebody with a right to the directory
+  // could put another user's file in its place.
+  const int64_t size = isRegular(snap->if_mode) ? static_cast<int64_t>(snap->if_size) : 0;
+  DataWalk creation(copy_list, path, ino, kOpRestoreDelFile, size > 0 && clone, true);
+  const Result added = creation.addWhole(size);
+  return added ? added : failed(writer.creationCode, added.err);
+}

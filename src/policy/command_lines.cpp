@@ -1,0 +1,94 @@
+#include "policy/command_lines.h"
+
+#include <cerrno>
+
+#include "formats/work_names.h"
+#include "messages/messages.h"
+#include "run/shell_command.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+
+namespace {
+
+constexpr char kEngine[] = "/usr/qtx/kest/bin/ktapplypolicy";
+constexpr size_t kEngineOptionsMax = 320;  // bytes of these, terminators included
+constexpr size_t kWorkerOptionsMax = 2048;
+constexpr size_t kNestedPrefixMax = 1600;  // of what precedes the engine's options for one directory
+
+// What every phase hands to the engine.
+std::string engineOptions() {
+  return "-m " + std::to_string(settings.threads) + " -B " + std::to_string(settings.maxFiles) +
+         " -N " + shellWord(settings.nodeSpec);
+}
+
+// The words of the workers that name the trees and the work directory.
+std::string treeWords(const char *before_work_dir) {
+  return "-d " + shellWord(settings.deviceP) + " -j " + shellWord(settings.filesetP) + " -o " +
+         shellWord(settings.snapOldP) + before_work_dir + "-t " + shellWord(settings.shareDir);
+}
+
+// The switches of this process that its workers get as well.
+std::string switches() {
+  return std::string(settings.noXAttr ? "-x" : "") + " " + (settings.Debug ? "" : "-q") + " " +
+         (settings.Verb ? "-v" : "") + " " + (settings.encryptEA ? "-E" : "");
+}
+
+// What the workers of every phase get.
+std::string commonWorkerOptions() {
+  return treeWords(" ") + " -B " + std::to_string(settings.maxFiles) + " " + switches();
+}
+
+std::string outputWords() {
+  return settings.Debug ? "" : ">/dev/null";
+}
+
+std::string phaseCommand(Phase phase, const std::string &list_name) {
+  const std::string dir = shellWord(settings.shareDir);
+  return std::string(kEngine) + " " + shellWord(settings.deviceP) + " -P " + dir + "/" + kPolicy +
+         " -g " + dir + (phase == kPhaseMain ? " -r " : "  -r ") + dir + "/" + list_name + " " +
+         engineOptions() + " " + outputWords();
+}
+
+// Phase 6 sets the attributes of directories alone: the lists below them ran when they were made.
+std::string phaseWorkerOptions(Phase phase) {
+  return commonWorkerOptions() + " -p " + std::to_string(phase) + " -s " +
+         std::to_string(settings.pass) + (phase == kPhaseDirs ? " -D" : "");
+}
+
+}  // namespace
+
+Result checkCommandLines() {
+  const std::string options = engineOptions();
+  traceLog("Main: pcOpt %s\n", options.c_str());
+  traceLog("Main: commExeOpt  %s\n", commonWorkerOptions().c_str());
+  if (Result r = checkCommand(options, kEngineOptionsMax); !r) return r;
+  // The longest name of a list.
+  if (Result r = checkCommand(phaseCommand(kPhasePending, kRegPendingMvList)); !r) return r;
+  // The pass number and the process id are added later.
+  const std::string room(32, ' ');
+  return checkCommand(phaseWorkerOptions(kPhaseDirs) + room, kWorkerOptionsMax);
+}
+
+Result phaseRun(Phase phase, const std::string &list_name, EngineRun *run) {
+  *run = {phaseCommand(phase, list_name), phaseWorkerOptions(phase), workPath(list_name),
+          workPath(kPolicy), settings.shareDir};
+  if (Result r = checkCommand(run->command); !r) return r;
+  if (Result r = checkCommand(run->options, kWorkerOptionsMax); !r) return r;
+  return errnoResult(run->list.empty() ? E2BIG : 0);
+}
+
+Result nestedRun(const std::string &set, const std::string &list, EngineRun *run) {
+  const std::string policy = set + "/" + kPolicy;
+  const std::string prefix =
+      std::string(kEngine) + " " + shellWord(settings.deviceP) + " -P " + shellWord(policy);
+  *run = {prefix + " -g " + shellWord(set) + " -r " + shellWord(list) + " -m 32 -N " +
+              shellWord(settings.nodeSpec) + " " + outputWords(),
+          treeWords("  ") + " -s " + std::to_string(settings.pass) + " -p " +
+              std::to_string(kPhaseMain) + " -D " + switches(),
+          list, policy, set};
+  if (prefix.size() < kNestedPrefixMax && run->options.size() < kWorkerOptionsMax)
+    return checkCommand(run->command, kNestedCommandMax);
+  // Whichever of them is too long: the command shows what it is about.
+  userMessage(Message::kCommandTooLong, static_cast<int>(kNestedCommandMax), run->command);
+  return errnoResult(E2BIG);
+}

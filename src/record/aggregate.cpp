@@ -1,3 +1,0 @@
-#include "record/aggregate.h"
-
-Aggregates aggregates;

@@ -1,0 +1,114 @@
+#include "records/side_lists.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <unordered_set>
+
+#include "messages/messages.h"
+#include "run/number_set.h"
+#include "run/settings.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+#include "run/work_file.h"
+
+namespace {
+
+// Codes of the four routines' trace lines.
+enum SideListStep : int { kOpenSideList = 1, kAppendSideRecord = 2 };
+enum CloneListStep : int { kOpenCloneList = 3, kAppendDeletion = 4, kAppendCreation = 5 };
+
+// Appends one record to a list that several processes append to, and counts it. The counter moves only
+// when the record was written. rc of a failure is the errno; a list that could not be opened is the
+// step kOpenSideList.
+Result appendSideRecord(const std::string &list_path, const std::string &close_name, uint64_t ino,
+                        std::string_view path, OpCode op) {
+  std::unique_ptr<WorkFile> list;
+  if (Result r = WorkFile::open(list_path, WorkFile::Mode::kShared, &list); !r)
+    return r.at(kOpenSideList);
+  AggregateCounter next = aggregates.regPend;
+  next.countRecord(settings.unitSize);
+  if (Result r = list->appendRecord(next.iAgg, ino, path, {.opCode = op}); !r)
+    return r.at(kAppendSideRecord);
+  aggregates.regPend = next;
+  reportOpCount(false);
+  return closeWorkFile(list, close_name).at(kAppendSideRecord);
+}
+
+void traceIfUnopened(const char *routine, const std::string &list, uint64_t ino, const Result &r) {
+  if (r.code != kOpenSideList) return;
+  traceLog("%s: open %s failed, ino %lld, err %d\n", routine, list.c_str(), static_cast<long long>(ino),
+           r.err);
+}
+
+NumberSet listed_links;
+std::unordered_set<uint64_t> listed_clones;
+
+}  // namespace
+
+Result listNewDir(const std::string &path, uint64_t ino) {
+  const std::string list = workPath(kDirNew);
+  const Result r = appendSideRecord(list, list, ino, path, kOpCrDir);
+  if (r) return {};
+  traceIfUnopened("listNewDir", list, ino, r);
+  traceLog("listNewDir: path %s, ino %lld, rc %d, code %d, err %d\n", path.c_str(),
+           static_cast<long long>(ino), r.rc, r.code, r.err);
+  return r;
+}
+
+Result listPendingMove(uint64_t ino) {
+  const std::string list = workPath(kRegPendingMvList);
+  const Result r = appendSideRecord(list, kRegPendingMvList, ino, tempLocation(ino), kOpMoveFile);
+  if (r) return {};
+  traceIfUnopened("ListRegpendingMvBack", list, ino, r);
+  traceLog("ListRegpendingMvBack: ino %lld, opCode %d, rc %d, code %d, err %d\n",
+           static_cast<long long>(ino), kOpMoveFile, r.rc, r.code, r.err);
+  return r;
+}
+
+Result listLink(const std::string &path, uint64_t ino) {
+  const long long number = static_cast<long long>(ino);
+  if (listed_links.contains(ino)) {
+    traceLog("listLink: ino %lld is record, skip it.\n", number);
+    return {};
+  }
+  const std::string list = workPath(kLinkIno);
+  const Result r = appendSideRecord(list, list, ino, path, kOpLinkFile);
+  traceIfUnopened("listLink", list, ino, r);
+  traceLog("listLink: path %s, ino %lld, rc %d, code %d, err %d\n", path.c_str(), number, r ? 0 : -1,
+           r ? 0 : r.code, r.err);
+  if (!r) return failed(r.code, r.err);
+  listed_links.insert(ino);
+  return {};
+}
+
+bool firstCloneListing(uint64_t ino) {
+  return listed_clones.insert(ino).second;
+}
+
+void resetCloneIndex() {
+  listed_clones.clear();
+}
+
+Result listClone(const std::string &path, bool del, const CloneAttr &attr) {
+  // Clones that are deeper than any list go with the deepest: the order of deletions matters to nothing
+  // else.
+  const int depth = del ? std::min<int>(attr.depth(), kDeepestDeleted) : attr.depth();
+  if (depth > kDeepestRestored && !del) {
+    userMessage(Message::kCloneListTooDeep, kDeepestRestored, path);
+    return errnoResult(EINVAL);
+  }
+  const long long parent = static_cast<long long>(attr.parentIno());
+  traceLog("listClone: path %s , realPath %s, fileSnapPath %s, ino %lld, depth %d del %d\n",
+           path.c_str(), "", del ? path.c_str() : "", parent, depth, del);
+  const std::string list = del ? cloneDeleteList(depth) : cloneList(depth);
+  const Result r =
+      appendSideRecord(list, list, attr.parentIno(), path, del ? kOpDeleteFile : kOpCloneFile);
+  if (r) return {};
+  traceIfUnopened("listClone", list, attr.parentIno(), r);
+  const int code = r.code == kOpenSideList ? int{kOpenCloneList}
+                   : del                   ? int{kAppendDeletion}
+                                           : int{kAppendCreation};
+  traceLog("listClone: path %s, ino %lld, rc %d, code %d, err %d\n", path.c_str(), parent, r.rc, code,
+           r.err);
+  return r.at(code);
+}

@@ -1,0 +1,194 @@
+#include "restore/clean_up.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "messages/messages.h"
+#include "object/name_calls.h"
+#include "object/places.h"
+#include "run/path.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+
+namespace {
+
+// In the messages of the removal.
+enum CleanUpStep : int {
+  kReadDirectory = 0,  // also: the work directory itself could not be removed
+  kForeignObject = 1,  // it belongs to the fileset, or to another one
+  kRemoveEntry = 2,
+};
+
+constexpr size_t kNamedAside = 20;  // objects left in the work directory that messages name one by one
+
+Result failStep(const std::string &path, uint64_t ino, const Result &result) {
+  userMessage(Message::kCleanUpStep, path, ino, result.rc, result.code, result.err);
+  return result;
+}
+
+Result openDirectory(int at, const char *name, Dir *dir) {
+  UniqueFd fd(openat(at, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!fd) return failedErrno(0);
+  dir->reset(fdopendir(fd.get()));
+  if (!*dir) return failedErrno(0);
+  (void)fd.release();  // the list closes it
+  return {};
+}
+
+// Whether the directory is a bucket of objects moved aside, or lies in one.
+bool liesInBucket(const std::string &dir_path) {
+  if (!inWorkDir(dir_path)) return false;
+  const std::string_view name = nameInWorkDir(dir_path);
+  return isBucketName(name.substr(0, name.find('/')));
+}
+
+// A directory that was moved back leaves a link to its place at its temporary location. Every other
+// object whose name begins as those of temporary locations do, even without a number, belongs to the
+// fileset; so does a link that was itself moved aside: it still is inode <ino>.
+bool isMovedObject(const std::string &dir_path, std::string_view name, const struct stat &st) {
+  if (!name.starts_with('_') || !liesInBucket(dir_path)) return false;
+  return !S_ISLNK(st.st_mode) || parseAsideName(name) == st.st_ino;
+}
+
+Result removeBelow(const Dir &dir, std::string &path, dev_t device);
+
+// `path` is that of the entry, or of its directory where the entry's would be too long.
+Result removeEntry(int dir_fd, const char *name, const struct stat &st, std::string &path,
+                   dev_t device) {
+  Result removed;
+  if (S_ISDIR(st.st_mode)) {
+    Dir child;
+    if (Result r = openDirectory(dir_fd, name, &child); !r)
+      return failStep(path, st.st_ino, r.at(kReadDirectory));
+    removed = removeBelow(child, path, device);
+  }
+  if (removed) removed = called(unlinkat(dir_fd, name, S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0));
+  if (removed) return {};
+  // The errno of an object that was kept has been printed with it.
+  return failStep(path, st.st_ino, {removed.rc, kRemoveEntry, removed.rc > 0 ? removed.rc : 0});
+}
+
+// Removes what is below `path`.
+Result removeBelow(const Dir &dir, std::string &path, dev_t device) {
+  const int fd = dirfd(dir.get());
+  for (;;) {
+    const dirent *entry = nullptr;
+    if (Result r = nextEntry(dir, &entry); !r) return failStep(path, 0, r.at(kReadDirectory));
+    if (!entry) return {};
+    const std::string dir_path = path;
+    const PathName appended(path, entry->d_name);
+    struct stat st;
+    if (Result r = called(fstatat(fd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW)); !r) {
+      if (r.err == ENOENT) continue;
+      return failStep(path, entry->d_ino, r.at(kRemoveEntry));
+    }
+    // Neither an object of the fileset nor another fileset goes with the work directory.
+    if (isMovedObject(dir_path, entry->d_name, st) || st.st_dev != device)
+      return failStep(path, st.st_ino, failed(kForeignObject, EEXIST));
+    if (Result r = removeEntry(fd, entry->d_name, st, path, device); !r) return r;
+  }
+}
+
+struct Aside {
+  std::string path;
+  uint64_t ino = 0;
+  Result result = {};  // why it could not be put back
+};
+
+// The objects of the fileset in one bucket.
+Result findInBucket(int work_dir_fd, const char *name, const std::string &bucket_path,
+                    std::vector<Aside> *found) {
+  Dir bucket;
+  if (Result r = openDirectory(work_dir_fd, name, &bucket); !r) return r;
+  for (;;) {
+    const dirent *object = nullptr;
+    if (Result r = nextEntry(bucket, &object); !r || !object) return r;
+    struct stat st;
+    if (Result r = called(fstatat(dirfd(bucket.get()), object->d_name, &st, AT_SYMLINK_NOFOLLOW)); !r)
+      return r;
+    if (!isMovedObject(bucket_path, object->d_name, st)) continue;
+    found->push_back({bucket_path + "/" + object->d_name, parseAsideName(object->d_name).value_or(0)});
+  }
+}
+
+// Every object of the fileset in the buckets.
+Result findAside(const std::string &work_dir, std::vector<Aside> *found) {
+  Dir top;
+  if (Result r = openWorkList(work_dir, &top); !r) return r;
+  for (;;) {
+    const dirent *entry = nullptr;
+    if (Result r = nextEntry(top, &entry); !r || !entry) return r;
+    if (!isBucketName(entry->d_name)) continue;
+    const std::string bucket_path = work_dir + "/" + entry->d_name;
+    if (Result r = findInBucket(dirfd(top.get()), entry->d_name, bucket_path, found); !r) return r;
+  }
+}
+
+Result putBack(const Aside &aside) {
+  // The deletion of a clone was decided before it was moved aside: it goes, and its space with it.
+  if (aside.path == cloneDeleteLocation(aside.ino)) {
+    const Result removed = unlinkName(aside.path, 0);
+    traceLog("cleanup: removed %s, err %d\n", aside.path.c_str(), removed.err);
+    return removed;
+  }
+  std::string destination;
+  if (Result r = readDestination(aside.ino, &destination); !r) return r;
+  const Result moved = renameBack(aside.path, destination);
+  traceLog("cleanup: put back %s as %s, err %d\n", aside.path.c_str(), destination.c_str(), moved.err);
+  return moved;
+}
+
+void nameKept(const std::vector<Aside> &aside, const std::string &work_dir) {
+  for (size_t i = 0; i < aside.size() && i < kNamedAside; ++i) {
+    std::string destination;
+    if (!readDestination(aside[i].ino, &destination)) destination = "?";
+    userMessage(Message::kKeptAside, aside[i].path, destination, strerror(aside[i].result.err));
+  }
+  userMessage(Message::kWorkDirKept, work_dir, static_cast<int64_t>(aside.size()));
+}
+
+// Puts back what was moved aside: one object may be the parent of another's place, so as long as
+// something moves. ENOTEMPTY when something had to stay.
+Result putAllBack(const std::string &work_dir) {
+  for (;;) {
+    std::vector<Aside> aside;
+    if (Result r = findAside(work_dir, &aside); !r || aside.empty()) return r;
+    bool moved = false;
+    for (Aside &object : aside) {
+      object.result = putBack(object);
+      moved = moved || object.result;
+    }
+    if (moved) continue;
+    nameKept(aside, work_dir);
+    return errnoResult(ENOTEMPTY);
+  }
+}
+
+Result openTop(const std::string &work_dir, Dir *dir, struct stat *st) {
+  if (Result r = openWorkList(work_dir, dir); !r) return r;
+  return called(fstat(dirfd(dir->get()), st));
+}
+
+}  // namespace
+
+Result cleanup(const std::string &workDir, bool force) {
+  if (force)
+    if (Result r = putAllBack(workDir); !r) return r;
+  std::string path = workDir;
+  Dir dir;
+  struct stat st;
+  if (Result r = openTop(workDir, &dir, &st); !r) return failStep(path, 0, r.at(kReadDirectory));
+  if (Result r = removeBelow(dir, path, st.st_dev); !r) return r;
+  if (Result r = called(kest_rmdir(handles.activeFsP, workDir.c_str(), st.st_ino)); !r)
+    return failStep(path, st.st_ino, r.at(kReadDirectory));
+  return {};
+}

@@ -1,0 +1,97 @@
+#include "restore/clone_survivors.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "base/unique_fd.h"
+#include "object/clones.h"
+#include "object/flags.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+#include "scan/clone_state.h"
+#include "scan/same_file.h"
+#include "scan/scan_pass.h"
+
+namespace {
+
+using NewParents = std::unordered_map<uint64_t, uint64_t>;  // number in the snapshot to number now
+
+Result readBucket(const std::string &bucket, NewParents *parents) {
+  Dir dir;
+  if (Result r = openWorkList(bucket, &dir); !r) return r;
+  for (;;) {
+    const dirent *entry = nullptr;
+    if (Result r = nextEntry(dir, &entry); !r || !entry) return r;
+    const std::optional<uint64_t> then = parseNewParentName(entry->d_name);
+    if (!then) continue;
+    uint64_t now = 0;
+    if (Result r = readNewParent(*then, &now); !r) return r;
+    if (now != 0) (*parents)[*then] = now;
+  }
+}
+
+Result readNewParents(NewParents *parents) {
+  Dir dir;
+  if (Result r = openWorkList(settings.shareDir, &dir); !r) return r;
+  for (;;) {
+    const dirent *entry = nullptr;
+    if (Result r = nextEntry(dir, &entry); !r || !entry) return r;
+    if (!isBucketName(entry->d_name)) continue;
+    if (Result r = readBucket(settings.shareDir + "/" + entry->d_name, parents); !r) return r;
+  }
+}
+
+// A clone parent has become immutable on the way, whatever it was in the snapshot.
+Result restoreImmutable(kest_ifile_t *snap, kest_ifile_t *active) {
+  const UniqueFd snap_fd(kest_path_descriptor(snap));
+  if (!snap_fd) return failedErrno(0);
+  const UniqueFd fd(kest_path_descriptor(active));
+  if (!fd) return failedErrno(0);
+  InodeFlags wanted, now;
+  if (Result r = getInodeFlags(snap_fd.get(), &wanted); !r) return r;
+  if (Result r = getInodeFlags(fd.get(), &now); !r) return r;
+  return wanted.immutable == now.immutable ? Result{} : setImmutableFlag(fd.get(), wanted.immutable);
+}
+
+// A clone state that cannot be read has been recorded as a fatal error: the run ends with 1 whatever
+// follows here.
+bool countsAsClone(kest_ifile_t *file, CloneAttr *attr) {
+  bool clone = false;
+  return isClone(file, &clone, attr) && clone;
+}
+
+Result followParent(uint64_t ino, const NewParents &parents) {
+  Inode snap, active;
+  CloneAttr attr;
+  if (Result r = openIfThere(handles.oldFsP, ino, &snap); !r || !snap) return r;
+  if (!countsAsClone(snap.get(), &attr) || attr.depth() == 0 || attr.parentInSnapshot()) return {};
+  const auto parent = parents.find(attr.parentIno());
+  if (parent == parents.end()) return {};
+  FileKind kind = kKindSame;
+  if (Result r = checkFile(ino, &kind); !r || kind != kKindSame) return r;
+  if (Result r = openInode(handles.activeFsP, ino, &active); !r) return r;
+  if (!countsAsClone(active.get(), &attr) || attr.parentIno() == parent->second) return {};
+  traceLog("clone %lld: the parent %lld is %lld now\n", static_cast<long long>(ino),
+           static_cast<long long>(parent->first), static_cast<long long>(parent->second));
+  if (Result r = called(kest_iset_clone_parent(active.get(), parent->second)); !r) return r;
+  return attr.isParent() ? restoreImmutable(snap.get(), active.get()) : Result{};
+}
+
+}  // namespace
+
+Result followNewParents() {
+  NewParents parents;
+  if (Result r = readNewParents(&parents); !r || parents.empty()) return r;
+  const InodeScan all(kest_open_inodescan64(handles.oldFsP, nullptr, nullptr));
+  if (!all) return failedErrno(0);
+  for (;;) {
+    const kest_iattr64_t *attr = nullptr;
+    if (Result r = called(kest_next_inode64(all.get(), scan.maxIno, &attr)); !r || !attr) return r;
+    if (!isRegular(attr->ia_mode)) continue;
+    if (Result r = followParent(attr->ia_inode, parents); !r) return r;
+  }
+}

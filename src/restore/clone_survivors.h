@@ -1,0 +1,9 @@
+// Clones that survived while their parent was made again.
+#pragma once
+
+#include "base/result.h"
+
+// Gives every clone that survived the number that its parent has now. It costs nothing where no parent
+// was made again in this run, else a read of every inode of the snapshot. rc of a failure is the errno.
+// Master only.
+Result followNewParents();

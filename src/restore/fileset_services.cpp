@@ -1,0 +1,103 @@
+#include "restore/fileset_services.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "messages/messages.h"
+#include "run/settings.h"
+#include "run/shell_command.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+#include "run/work_file.h"
+
+namespace {
+
+constexpr int kRemoteFileset = 1;
+constexpr int kAlreadyDone = 56;  // exit status of suspend and resume that is as good as 0
+
+// The fileset's name for a command line, where a first "-" would make it an option.
+std::string filesetWord() {
+  return shellWord(settings.filesetP.starts_with('-') ? "/" + settings.filesetP : settings.filesetP);
+}
+
+// The output of one of the file system's commands and its exit status.
+Result askFileSystem(const std::string &command, std::string *output, int *status) {
+  if (Result r = checkCommand(command); !r) return r;
+  return runCommandOutput(command, output, status);
+}
+
+Result fileSystemControl(const std::string &command, Message cannot_start) {
+  if (Result r = checkCommand(command); !r) return r;
+  int status = 0;
+  if (Result r = runCommand(command, &status); !r) {
+    printMessage(cannot_start);
+    return failed(0, r.err);
+  }
+  return {.rc = status == kAlreadyDone ? 0 : status};
+}
+
+Result writeSnapshotList(const std::string &text) {
+  std::unique_ptr<WorkFile> list;
+  if (Result r = WorkFile::open(workPath(kSnapList), WorkFile::Mode::kTruncate, &list); !r) return r;
+  if (Result r = list->append(text); !r) return r;
+  return list->close();
+}
+
+}  // namespace
+
+bool isLocalFileset(std::string_view listing) {
+  constexpr int kColonsBefore = 18;
+  size_t at = listing.find('\n');  // the end of the header line
+  if (at == std::string_view::npos) return false;
+  std::string_view data = listing.substr(at + 1);
+  data = data.substr(0, data.find('\n'));
+  at = 0;
+  for (int colons = 0; colons < kColonsBefore; ++colons) {
+    at = data.find(':', at);
+    if (at == std::string_view::npos) return false;
+    ++at;
+  }
+  return at < data.size() && data[at] == '-';
+}
+
+Result checkFilesetType() {
+  const std::string command = "exec /usr/qtx/kest/bin/ktlsfileset " + shellWord(settings.deviceP) +
+                              " " + filesetWord() + " -Y 2>/dev/null";
+  std::string output;
+  int status = 0;
+  if (Result r = askFileSystem(command, &output, &status); !r) {
+    userMessage(Message::kFilesetCheckFailed, settings.filesetP);
+    return failed(0, r.err);
+  }
+  return {.rc = isLocalFileset(output) ? 0 : kRemoteFileset};
+}
+
+void listSnapshots() {
+  const std::string command = "exec /usr/qtx/kest/bin/ktlssnapshot " + shellWord(settings.deviceP) +
+                              " -j " + shellWord(settings.filesetP) + " 2>/dev/null";
+  std::string output;
+  int status = 0;
+  bool listed = askFileSystem(command, &output, &status) && status == 0;
+  if (listed) {
+    listed = bool{writeSnapshotList(output)};
+    // Half a list would hide the other snapshots.
+    if (!listed) (void)unlinkWorkFile(workPath(kSnapList));
+  }
+  if (!listed) traceLog("Cannot list all snapshots in %s\n", settings.deviceP.c_str());
+}
+
+Result syncFileset() {
+  if (Result r = called(setenv("PWD", "/", 1)); !r) return r;
+  if (Result r = called(chdir("/")); !r) return r;
+  const std::string device = shellWord(settings.deviceP);
+  const Result suspended =
+      fileSystemControl("cd /;exec /usr/qtx/kest/bin/ktfsctl " + device + " suspend > /dev/null 2>&1",
+                        Message::kNoSuspendProcess);
+  if (!suspended) return suspended;
+  return fileSystemControl(
+      "cd /; exec /usr/qtx/kest/bin/ktfsctl " + device + " resume > /dev/null 2>&1",
+      Message::kNoResumeProcess);
+}

@@ -1,0 +1,184 @@
+#include "restore/master_run.h"
+
+#include <string.h>
+#include <sys/stat.h>
+
+#include <string>
+
+#include "messages/messages.h"
+#include "object/attr_restore.h"
+#include "object/paths.h"
+#include "plan/walk.h"
+#include "policy/command_lines.h"
+#include "records/aggregate.h"
+#include "restore/clean_up.h"
+#include "restore/fileset_services.h"
+#include "restore/late_lists.h"
+#include "restore/memory_budget.h"
+#include "restore/phases.h"
+#include "restore/preparation.h"
+#include "restore/start_checks.h"
+#include "run/fatal_error.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/stop_signal.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+#include "scan/diff_table.h"
+#include "scan/scan_pass.h"
+
+namespace {
+
+Result prepareTable(const char *argv0, uint64_t item_limit) {
+  uint64_t mem = settings.mem;
+  if (mem == 0) {
+    if (Result r = setMaxMemUsage(&mem); !r) {
+      userMessage(Message::kNoMemoryLimit, basename(argv0));
+      return r;
+    }
+  }
+  scan.diffItemLimit = item_limit != 0 ? item_limit : diffItemLimit(mem);
+  traceLog("main: mem: %lld  diffItemLimit:%lld\n", static_cast<long long>(mem),
+           static_cast<long long>(scan.diffItemLimit));
+  const Result result = allocDiffTable();
+  if (!result) userMessage(Message::kNoDiffTable);
+  return result;
+}
+
+// Walks and moves can fail with -1 and the reason in err: a full file system must be known by rc.
+Result byReason(const Result &result) {
+  return errnoResult(result.reason());
+}
+
+Result constructLists(MasterLists &lists) {
+  userMessage(Message::kConstruct, formatTimeStamp());
+  if (Result r = lists.openForPass(); !r) return r;
+  if (Result r = walkNames(lists); !r) {
+    userMessage(Message::kConstructFailed);
+    dumpDiffTable();
+    return byReason(r);
+  }
+  if (Result r = lists.closePass(); !r) return r;
+  // The lists hold wrong records where something could not be read.
+  return {.rc = getFatalError()};
+}
+
+Result runPass(MasterLists &lists) {
+  ++settings.pass;
+  if (Result r = scanPass(); !r) return r;
+  if (Result r = constructLists(lists); !r) return r;
+  reportOpCount(true);
+  if (settings.Verb) dumpDiffTable();
+  traceLog("main: clean diff table for pass %d\n", settings.pass);
+  cleanDiffTable();
+  traceLog("Main: addItem: %d  freed: %d\n", addCount, freeCount);
+  const std::string checkpoints = workPath(kCheckpointDir);
+  const Result made = checkpoints.empty() ? errnoResult(ENAMETOOLONG) : makeWorkDirectory(checkpoints);
+  if (!made) {
+    userMessage(Message::kNoCheckpointDir);
+    return made;
+  }
+  return runPassPhases(lists);
+}
+
+Result moveDirectories(MasterLists &lists) {
+  if (!lists.haveDirMoves()) return {};
+  userMessage(Message::kMoveDirs, formatTimeStamp());
+  if (Result r = lists.closeDirMoves(); !r) return r;
+  if (Result r = doFinalDirMove(); !r) {
+    userMessage(Message::kMoveDirsFailed);
+    return byReason(r);
+  }
+  return {};
+}
+
+Result runPassesAndPhases(MasterLists &lists) {
+  scan.scannedInoHigh = 0;
+  scan.scannedCount = 0;
+  while (!scan.finalPass)
+    if (Result r = runPass(lists); !r) return r;
+  if (Result r = runFinalPhases(); !r) return r;
+  settings.dirsSettled = true;
+  if (Result r = moveDirectories(lists); !r) return r;
+  if (Result r = runLatePhases(); !r) return r;
+  if (Result r = settleDirectories(); !r) return r;
+  userMessage(Message::kCompleted, formatTimeStamp());
+  return {};
+}
+
+bool isFull(int rc) {
+  return rc == ENOSPC || rc == EDQUOT;
+}
+
+// Removes the work directory where it can go; it is missing when the run ended before it was made.
+Result tidyUp(bool worthless, bool force) {
+  struct stat st;
+  if (settings.shareDir.empty() || !statPath(settings.shareDir, &st)) return errnoResult(ENOENT);
+  if (!worthless || settings.keepWorkDir) return {};
+  userMessage(Message::kCleanUp, formatTimeStamp());
+  const Result result = cleanup(settings.shareDir, force);
+  if (result) {
+    closeTraceLog();
+  } else {
+    userMessage(Message::kCleanUpFailed);
+  }
+  return result;
+}
+
+// Its own times, last of all: every entry made or removed in it, the work directory's too, changes
+// them.
+Result restoreRoot() {
+  const Result result = restoreRootAttr();
+  if (!result) userMessage(Message::kRootAttrFailed, handles.rootPath, result.rc);
+  return result;
+}
+
+}  // namespace
+
+Result restoreFileset(int argc, char **argv, uint64_t item_limit, MasterLists &lists, bool *worthless) {
+  if (Result r = prepareTable(argv[0], item_limit); !r) return r;
+  if (settings.Verb)
+    for (int i = 0; i < argc; ++i) traceLog("argv[%d]: %s\n", i, argv[i]);
+  userMessage(Message::kPrepare, formatTimeStamp());
+  // A failure up to here leaves nothing in the work directory that anybody needs.
+  *worthless = true;
+  if (Result r = syncFileset(); !r) {
+    userMessage(Message::kSyncFailed);
+    return r;
+  }
+  if (Result r = checkCommandLines(); !r) return r;
+  userMessage(Message::kScan, formatTimeStamp());
+  if (Result r = mountCheck(); !r) return r;
+  *worthless = false;
+  return runPassesAndPhases(lists);
+}
+
+Result endRun(Result result, bool worthless, Result *tidied) {
+  const bool before_passes = settings.pass == 0;
+  const char *stopped = !result && stopSignal() != 0 ? strsignal(stopSignal()) : nullptr;
+  ignoreStopSignals();
+  // A worker that recorded an error is a failure, whatever its engine run returned.
+  const int marker = isFull(result.rc) ? result.rc : getFatalError();
+  if (result) result = {.rc = marker};
+  if (result && settings.path2long) result = errnoResult(ENAMETOOLONG);
+  if (result || (stopped && before_passes)) worthless = true;
+  bool force = false;
+  if (settings.path2long) {
+    userMessage(Message::kPathTooLong);
+    worthless = force = true;
+  }
+  if (isFull(result.rc) || isFull(marker)) {
+    userMessage(Message::kNoSpace);
+    worthless = force = true;
+  } else if (!result && !worthless && !stopped) {
+    dumpErrorLog();
+  }
+  *tidied = tidyUp(worthless, force);
+  if (stopped && before_passes) {
+    userMessage(Message::kStoppedBefore, stopped, settings.filesetP);
+  } else if (stopped) {
+    userMessage(Message::kStopped, stopped, settings.filesetP, settings.shareDir);
+  }
+  if (before_passes) putBackRootFlags();
+  return result && *tidied ? restoreRoot() : result;
+}

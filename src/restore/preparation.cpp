@@ -1,0 +1,115 @@
+#include "restore/preparation.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "base/unique_fd.h"
+#include "messages/messages.h"
+#include "object/flags.h"
+#include "object/paths.h"
+#include "restore/fileset_services.h"
+#include "restore/start_checks.h"
+#include "run/open_run.h"
+#include "run/path.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/stop_signal.h"
+#include "run/work_dir.h"
+
+namespace {
+
+constexpr size_t kShareDirMax = 1023;     // characters; workers take no more
+constexpr int kOtherNumbers = 100000;     // left-over work directories that are passed over
+constexpr mode_t kWorkDirTopMode = 0700;  // what was set aside must not become readable to others
+
+// What the root directory carried before the run cleared it.
+InodeFlags rootFlags;
+
+// The root directory itself is accepted as current directory.
+bool runsInsideFileset() {
+  const std::unique_ptr<char, decltype(&free)> current(getcwd(nullptr, 0), free);
+  if (!current) return false;
+  return handles.rootPath != current.get() && liesIn(current.get(), handles.rootPath);
+}
+
+// No work directory can be made in an immutable root, and none can be removed from an append-only one.
+Result clearRootFlags() {
+  UniqueFd root;
+  if (Result r = openObject(handles.rootPath, &root); !r) return r;
+  if (Result r = getInodeFlags(root.get(), &rootFlags); !r) return r;
+  if (!rootFlags.immutable && !rootFlags.appendOnly) return {};
+  return clearInodeFlags(root.get());
+}
+
+// A directory that was made a moment ago is empty; one of an earlier run that somebody put in its place
+// is not.
+Result holdNewWorkDirectory() {
+  if (Result r = holdWorkDirectory(); !r) return r;
+  Dir dir;
+  const dirent *entry = nullptr;
+  if (Result r = openWorkList(settings.shareDir, &dir); !r) return r;
+  if (Result r = nextEntry(dir, &entry); !r) return r;
+  if (entry) return errnoResult(EEXIST);
+  exportWorkDirectory();
+  return {};
+}
+
+Result makeTopDirectory() {
+  if (Result r = clearRootFlags(); !r) return r;
+  forgetInheritedDirectory();
+  const int pid = static_cast<int>(getpid());
+  for (int number = pid; number < pid + kOtherNumbers; ++number) {
+    std::string path = handles.rootPath;
+    if (!appendPath(path, workDirName(number)) || path.size() > kShareDirMax)
+      return errnoResult(ENAMETOOLONG);
+    const Result made = called(kest_mkdir(handles.activeFsP, path.c_str(), kWorkDirTopMode));
+    if (made) {
+      settings.shareDir = path;
+      return holdNewWorkDirectory();
+    }
+    if (made.err != EEXIST) return made;
+  }
+  return errnoResult(EEXIST);
+}
+
+}  // namespace
+
+Result prepareMaster() {
+  if (settings.threads < 1 || settings.maxFiles < 1) {
+    userMessage(Message::kNumberTooSmall);
+    return errnoResult(EINVAL);
+  }
+  if (runsInsideFileset()) {
+    userMessage(Message::kInsideFileset);
+    return failed(0, EINVAL);
+  }
+  if (Result r = lockFileset(); !r) return r;
+  if (Result r = selfCheck(); !r) return r;
+  if (Result r = checkFilesetType(); !r) {
+    userMessage(Message::kRemoteCaching);
+    return r;
+  }
+  if (stopSignal() != 0) {
+    userMessage(Message::kStoppedBefore, strsignal(stopSignal()), settings.filesetP);
+    return errnoResult(EINTR);
+  }
+  const Result made = makeTopDirectory();
+  if (!made) {
+    userMessage(Message::kNoWorkDir, strerror(made.err));
+    putBackRootFlags();
+  }
+  return made;
+}
+
+void putBackRootFlags() {
+  if (!rootFlags.immutable && !rootFlags.appendOnly) return;
+  UniqueFd root;
+  if (!openObject(handles.rootPath, &root)) return;
+  // Best effort, at the end of a run that failed or was stopped: its own result matters more.
+  if (rootFlags.immutable) (void)setImmutableFlag(root.get(), true);
+  if (rootFlags.appendOnly) (void)setAppendOnlyFlag(root.get(), true);
+}

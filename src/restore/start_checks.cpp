@@ -1,0 +1,120 @@
+#include "restore/start_checks.h"
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "base/fd_path.h"
+#include "base/unique_fd.h"
+#include "messages/messages.h"
+#include "object/paths.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/shell_command.h"
+
+namespace {
+
+// Shells redirect the lower ones by their numbers, should this process have been started without them.
+constexpr int kLeastDescriptor = 3;
+
+constexpr char kCommandDir[] = "/usr/qtx/kest/bin/";
+constexpr const char *kCommands[] = {"ktapplypolicy", "ktfsctl",         "ktlsfileset",
+                                     "ktlssnapshot",  "ktunlinkfileset", "kxfindinode"};
+
+// `lock` receives a descriptor with the lock, which the caller closes.
+Result takeLock(int *lock) {
+  // Of the directory that the handle holds, whatever its path means by now.
+  UniqueFd named;
+  if (Result r = openObject(handles.rootPath, &named); !r) return r;
+  const UniqueFd root(reopen(named.get(), O_RDONLY | O_DIRECTORY));
+  if (!root) return failedErrno(0);
+  if (Result r = called(flock(root.get(), LOCK_EX | LOCK_NB)); !r) return r;
+  *lock = fcntl(root.get(), F_DUPFD_CLOEXEC, kLeastDescriptor);  // shares the lock
+  return *lock >= 0 ? Result{} : failedErrno(0);
+}
+
+// A file that the run needs must be the same before and after it.
+Result checkSurvives(const std::string &path) {
+  const int survives = kest_file_survives(handles.activeFsP, handles.oldFsP, path.c_str());
+  if (survives > 0) return {};
+  if (survives < 0) {
+    const Result result = failedErrno(0);
+    userMessage(Message::kCommandMissing, path, strerror(result.err));
+    return result;
+  }
+  userMessage(Message::kWouldRemoveItself, path, settings.filesetP, settings.snapOldP);
+  return errnoResult(EBUSY);
+}
+
+Result checkExecutable(const std::string &path) {
+  struct stat st;
+  if (Result r = called(stat(path.c_str(), &st)); !r) return r;
+  if (!S_ISREG(st.st_mode)) return errnoResult(EACCES);
+  return called(access(path.c_str(), X_OK));
+}
+
+Result checkCommandFile(const std::string &path) {
+  if (Result r = checkExecutable(path); !r) {
+    userMessage(Message::kCommandMissing, path, strerror(r.err));
+    return r;
+  }
+  return checkSurvives(path);
+}
+
+}  // namespace
+
+Result lockFileset() {
+  int lock = -1;
+  const Result taken = takeLock(&lock);
+  if (taken) {
+    inheritInCommands(lock);  // open as long as this process lives
+  } else if (taken.err == EWOULDBLOCK) {
+    userMessage(Message::kAlreadyRunning, settings.filesetP);
+  } else {
+    userMessage(Message::kNoRunLock, settings.filesetP, strerror(taken.err));
+  }
+  return taken;
+}
+
+Result selfCheck() {
+  char other[256];
+  if (kest_other_node(settings.nodeSpec.c_str(), other, sizeof other) != 0) {
+    userMessage(Message::kOtherNode, other);
+    return errnoResult(EINVAL);
+  }
+  if (kest_is_writable(handles.activeFsP) == 0) {
+    userMessage(Message::kReadOnlyFileset, settings.filesetP);
+    return errnoResult(EROFS);
+  }
+  for (const char *name : kCommands)
+    if (Result r = checkCommandFile(std::string(kCommandDir) + name); !r) return r;
+  if (Result r = checkSurvives(settings.exe); !r) return r;
+  Dl_info library;
+  if (dladdr(reinterpret_cast<void *>(&kest_iopen64), &library) != 0 && library.dli_fname) {
+    const std::unique_ptr<char, decltype(&free)> path(realpath(library.dli_fname, nullptr), free);
+    if (Result r = checkSurvives(path ? path.get() : library.dli_fname); !r) return r;
+  }
+  if (kest_is_writable(handles.oldFsP) == 1) userMessage(Message::kWritableSnapshot, settings.snapOldP);
+  return {};
+}
+
+Result mountCheck() {
+  char point[kPathMax];
+  const int found =
+      kest_mount_in_the_way(handles.activeFsP, handles.oldFsP, handles.iscanP, point, sizeof point);
+  if (found == 0) return {};
+  if (found < 0) {
+    const Result result = failedErrno(0);
+    userMessage(Message::kMountsUnknown, settings.filesetP, strerror(result.err));
+    return result;
+  }
+  userMessage(Message::kMountInTheWay, point);
+  return errnoResult(EBUSY);
+}

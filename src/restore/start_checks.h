@@ -1,0 +1,20 @@
+// Refusals before anything is touched, and the lock of the fileset. Master only.
+#pragma once
+
+#include "base/result.h"
+
+// Takes the lock on the root directory of the active fileset (handles.rootPath), the same through every
+// mount of the file system, so that one restore of a fileset runs at a time. Every command of the run
+// inherits it, and so do engine and workers: it is free again when the last process of the run has
+// ended, however that happened. rc of a failure is the errno (EWOULDBLOCK: another restore has it),
+// after a message.
+Result lockFileset();
+
+// The program, its library and the commands of the file system must be there and outlive the restore;
+// the fileset must be writable; every node must be this machine. A writable snapshot only gives a
+// warning. rc of a failure is an errno, after a message.
+Result selfCheck();
+
+// Nothing may be mounted on what the restore would have to touch. Once the scans are open; computes the
+// difference. rc of a failure is an errno, after a message.
+Result mountCheck();

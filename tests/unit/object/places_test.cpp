@@ -1,0 +1,39 @@
+#include "object/places.h"
+
+#include "scan/diff_table.h"
+#include "unit/support/real_fileset.h"
+
+namespace {
+
+class SnapPath : public RealFileset {
+ protected:
+  // The inode number of a path's object in the snapshot; 0: there is none, -1: that cannot be told.
+  int64_t inSnapshot(const std::string &path) {
+    SnapPlace place;
+    if (getSnapPath(path, &place)) return static_cast<int64_t>(place.ino);
+    return place.absent ? 0 : -1;
+  }
+};
+
+TEST_F(SnapPath, OfRenamedAndWaitingObjects) {
+  tree.dirs("old/a");
+  const int64_t dir = tree.inode("old"), below = tree.inode("old/a");
+  takeSnapshot();
+  tree.rename("old", "new");
+  EXPECT_EQ(inSnapshot(active("new")), 0);
+  EXPECT_EQ(inSnapshot(tempLocation(dir)), -1) << "nothing says where it belongs";
+  ASSERT_TRUE(makeWorkDirectory(bucketDir(dir)));
+  ASSERT_TRUE(fetchFile(active("old"), dir));
+  EXPECT_EQ(inSnapshot(tempLocation(dir)), dir);
+  EXPECT_EQ(inSnapshot(tempLocation(dir) + "/a"), below);
+  EXPECT_EQ(inSnapshot(tempLocation(dir) + "/b"), 0);
+  // While the walks run a new name stands for the old one; later the object has been moved.
+  ASSERT_TRUE(allocDiffTable());
+  ASSERT_TRUE(addItem(dir, kDiffChanged | kDiffMoved));
+  EXPECT_EQ(inSnapshot(active("new")), dir);
+  settings.phase = kPhaseMain;
+  EXPECT_EQ(inSnapshot(active("new")), 0);
+  freeDiffTable();
+}
+
+}  // namespace
