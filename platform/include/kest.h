@@ -185,7 +185,34 @@ kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *handle, uint64_t ino, int flags
  * takes the descriptor over. NULL: EINVAL no regular file, or not open for both, EXDEV it lies in
  * another tree, ENOENT it has no name, errno; `fd` stays the caller's then. */
 kest_ifile_t *kest_iopen_fd(kest_fssnap_handle_t *handle, int fd);
+/* The object at `path`, of any type, opened as it stands there: a device or FIFO is not opened for
+ * real, and the final component is not followed. Resolved like the path calls below. NULL: errno. */
+kest_ifile_t *kest_iopen_path(kest_fssnap_handle_t *handle, const char *path);
+/* Makes a regular file at `path` (mode 0600, the caller's), with everything as kest_open_file with
+ * O_CREAT | O_EXCL, and opens it for reading and writing. NULL: EEXIST something has the name, EROFS
+ * the flags of the directory forbid it, errno. */
+kest_ifile_t *kest_icreate(kest_fssnap_handle_t *active, const char *path);
+/* The active inode that is the same file as `snap`, an open inode of a snapshot: opened by number and
+ * generation, so that it is no other, and, a regular file, at once for reading and writing. NULL:
+ * ENOENT there is none any more, or it has no name, errno. */
+kest_ifile_t *kest_iopen_same(kest_fssnap_handle_t *active, const kest_ifile_t *snap);
 int kest_iclose(kest_ifile_t *file);
+
+/* What is known of an open inode, read once. */
+typedef struct kest_facts {
+  kest_iattr64_t attr;
+  uint32_t protection; /* KEST_FP_* */
+  uint32_t has;        /* KEST_HAS_* */
+} kest_facts_t;
+#define KEST_FP_IMMUTABLE 0x1u
+#define KEST_FP_APPEND_ONLY 0x2u
+#define KEST_HAS_BLOB 0x1u       /* kest_igetattrsx would give something (attr.ia_xattr) */
+#define KEST_HAS_ACL 0x2u        /* an access or default ACL */
+#define KEST_HAS_CAPABILITY 0x4u /* security.capability */
+#define KEST_HAS_CLONE 0x8u      /* a clone attribute */
+/* Fills in the facts as they are now. Of an inode of a read-only snapshot they were read when it was
+ * opened, and this costs nothing. -1: errno. */
+int kest_ifacts(const kest_ifile_t *file, kest_facts_t *facts);
 
 /* 1 when the two open inodes are the same file: number, whole generation, creation time and file
  * type are equal; 0 otherwise. */
@@ -200,6 +227,22 @@ int kest_inode_names(kest_fssnap_handle_t *handle, uint64_t ino,
 
 /* Attributes of an open inode as they are now. -1: errno. */
 int kest_istat(const kest_ifile_t *file, kest_iattr64_t *attr);
+
+/* Plain fstat of an open inode, as it is now. -1: errno. */
+int kest_ifstat(const kest_ifile_t *file, struct stat *st);
+
+/* The calls of similar names below, on an open inode: owner (keeps set-user-id, set-group-id and file
+ * capabilities; EPERM stays EPERM), times, the twelve mode bits, opaque ACL, protection flags
+ * (KEST_FP_*, both of them set as given), and one extended attribute by name. -1: errno. */
+int kest_ichown(kest_ifile_t *file, uint64_t uid, uint64_t gid);
+int kest_ichmod(kest_ifile_t *file, mode_t mode);
+int kest_iset_times(kest_ifile_t *file, int flags, const kest_timestruc64_t times[4]);
+int kest_igetacl(kest_ifile_t *file, int flags, void *buf);
+int kest_iputacl(kest_ifile_t *file, int flags, const void *buf);
+int kest_iset_protection(kest_ifile_t *file, uint32_t protection);
+/* Bytes of the value; -1 ENODATA absent, ERANGE `size` is too small, errno. */
+int64_t kest_igetxattr(const kest_ifile_t *file, const char *name, void *buf, size_t size);
+int kest_isetxattr(kest_ifile_t *file, const char *name, const void *value, size_t size);
 
 /* Device number of a device inode, whole. -1 EINVAL on other types. */
 int kest_idevice(const kest_ifile_t *file, unsigned *major_no, unsigned *minor_no);
