@@ -4,6 +4,7 @@
 
 #include "btrfs/inode_flags.h"
 #include "filesystem/blob_format.h"
+#include "filesystem/clone_attribute.h"
 
 namespace kest {
 
@@ -27,9 +28,19 @@ uint32_t packDevice(unsigned major_no, unsigned minor_no) {
   return above << 16 | (minor_no & 0xff);
 }
 
-int readTreeAttributes(TreeReader &tree, uint64_t ino, const InodeItem &item, kest_iattr64_t *attr) {
-  std::vector<XattrItem> xattrs;
-  if (int rc = readXattrs(tree, ino, &xattrs); rc < 0) return rc;
+uint32_t protectionBits(Protection protection) {
+  return (protection.immutable ? KEST_FP_IMMUTABLE : 0) |
+         (protection.append_only ? KEST_FP_APPEND_ONLY : 0);
+}
+
+uint32_t factOfXattr(std::string_view name) {
+  if (name == "system.posix_acl_access" || name == "system.posix_acl_default") return KEST_HAS_ACL;
+  if (name == "security.capability") return KEST_HAS_CAPABILITY;
+  return name == kCloneAttribute ? KEST_HAS_CLONE : 0;
+}
+
+void fillAttributes(uint64_t ino, const InodeItem &item, const std::vector<XattrItem> &xattrs,
+                    kest_iattr64_t *attr) {
   *attr = {};
   attr->ia_inode = ino;
   attr->ia_generation = item.generation;
@@ -44,6 +55,12 @@ int readTreeAttributes(TreeReader &tree, uint64_t ino, const InodeItem &item, ke
   attr->ia_mtime = toTime(item.mtime);
   attr->ia_ctime = toTime(item.ctime);
   attr->ia_createtime = toTime(item.otime);
+}
+
+int readTreeAttributes(TreeReader &tree, uint64_t ino, const InodeItem &item, kest_iattr64_t *attr) {
+  std::vector<XattrItem> xattrs;
+  if (int rc = readXattrs(tree, ino, &xattrs); rc < 0) return rc;
+  fillAttributes(ino, item, xattrs, attr);
   return 0;
 }
 

@@ -47,7 +47,8 @@ int DescriptorInode::readFd() {
 }
 
 int DescriptorInode::writeFd() {
-  if (held_ != Held::kPath) return fd_.get();
+  if (held_ == Held::kForBoth) held_ = Held::kReal;
+  if (held_ == Held::kReal || held_ == Held::kBorrowed) return fd_.get();
   if (write_fd_) return write_fd_.get();
   if (!S_ISREG(facts_.mode)) return -EINVAL;
   const int fd = openAgain(fd_.get(), O_WRONLY | O_NONBLOCK);
@@ -57,6 +58,16 @@ int DescriptorInode::writeFd() {
   }
   if (fd >= 0) write_fd_.reset(fd);
   return fd;
+}
+
+int DescriptorInode::giveUpWriting() {
+  if (held_ != Held::kForBoth) return 0;
+  int fd = openAgain(fd_.get(), O_RDONLY | O_NONBLOCK | O_NOATIME);
+  if (fd == -EPERM) fd = openAgain(fd_.get(), O_RDONLY | O_NONBLOCK);
+  if (fd < 0) return fd;
+  fd_.reset(fd);
+  held_ = Held::kForReading;
+  return 0;
 }
 
 int DescriptorInode::openForReading() {

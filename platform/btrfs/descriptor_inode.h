@@ -14,8 +14,11 @@ class DescriptorInode : public Inode {
  public:
   enum class Held {
     kPath,      // opened with O_PATH; mode and facts are known
-    kReal,      // open for reading or writing
+    kReal,      // open for reading or writing, whatever its user needs
     kBorrowed,  // anything, and the caller's to close
+    // Regular files, the facts known:
+    kForReading,
+    kForBoth,  // open for reading and writing, but nothing was to be written yet
   };
   DescriptorInode(UniqueFd fd, Held held) : held_(held), fd_(std::move(fd)) {}
   ~DescriptorInode() override;
@@ -29,6 +32,8 @@ class DescriptorInode : public Inode {
   // Descriptor for writing file data. -EROFS where the immutable or append-only flag forbids it;
   // -errno.
   int writeFd();
+  // No longer holds a file open for writing that it opened so without being asked to. 0 or -errno.
+  int giveUpWriting();
 
   int openForReading() override;
   int openForWriting() override;
@@ -54,7 +59,7 @@ class DescriptorInode : public Inode {
  private:
   Held held_;
   UniqueFd fd_;
-  UniqueFd read_fd_, write_fd_;  // of kPath, once they are needed
+  UniqueFd read_fd_, write_fd_;  // where fd_ is not open so, once they are needed
 };
 
 }  // namespace kest

@@ -9,6 +9,7 @@
 
 #include "btrfs/beneath.h"
 #include "btrfs/clone.h"
+#include "btrfs/frozen_inode.h"
 #include "btrfs/inode.h"
 #include "btrfs/inode_flags.h"
 
@@ -18,6 +19,19 @@ namespace {
 
 int resultOf(int rc) {
   return rc == 0 ? 0 : -errno;
+}
+
+// A descriptor, or -1 with errno.
+int openObjectAt(int dir, const std::string &name) {
+  const size_t end = name.find_last_not_of('/') + 1;
+  // If a slash follows the name, the kernel follows a link all the same. So a directory is asked for
+  // instead.
+  const int directory = end < name.size() ? O_DIRECTORY : 0;
+  return openat(dir, name.substr(0, end).c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC | directory);
+}
+
+int fdOf(const Directory &dir) {
+  return static_cast<const BtrfsDirectory &>(dir).fd();
 }
 
 // RESOLVE_NO_XDEV stops at mounts, but not at nested subvolumes.
@@ -35,12 +49,7 @@ int BtrfsDirectory::stat(const std::string &name, struct stat *st) {
 
 int BtrfsDirectory::openObject(const std::string &name, std::unique_ptr<Inode> *object,
                                struct stat *st) {
-  const size_t end = name.find_last_not_of('/') + 1;
-  // If a slash follows the name, the kernel follows a link all the same. So a directory is asked for
-  // instead.
-  const int directory = end < name.size() ? O_DIRECTORY : 0;
-  UniqueFd opened(
-      openat(fd(), name.substr(0, end).c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC | directory));
+  UniqueFd opened(openObjectAt(fd(), name));
   if (!opened || fstat(opened.get(), st) != 0) return -errno;
   auto inode = std::make_unique<BtrfsInode>(std::move(opened), BtrfsInode::Held::kPath);
   inode->learn(*st);
@@ -107,6 +116,38 @@ int openDirectoryBeneath(const TreeRoot &root, int start_fd, std::string_view pa
   if (int rc = openBeneath(start_fd, path, &fd); rc != 0) return rc;
   if (int rc = refuseOtherTree(root, fd.get()); rc != 0) return rc;
   *dir = std::make_unique<BtrfsDirectory>(std::move(fd));
+  return 0;
+}
+
+int openNamed(const TreeRoot &root, TreeReader *frozen, const Directory &dir, const std::string &name,
+              std::unique_ptr<Inode> *inode) {
+  UniqueFd fd(openObjectAt(fdOf(dir), name));
+  if (!fd) return -errno;
+  if (frozen != nullptr) {
+    struct stat st;
+    if (fstat(fd.get(), &st) != 0) return -errno;
+    if (st.st_dev != root.device) return -EXDEV;
+    return adoptFrozenInode(root, *frozen, st.st_ino, std::move(fd), inode);
+  }
+  auto opened = std::make_unique<BtrfsInode>(std::move(fd), BtrfsInode::Held::kPath, &root);
+  const int rc = opened->learnAll();
+  if (rc == 0) *inode = std::move(opened);
+  return rc;
+}
+
+int createFile(const TreeRoot &root, const Directory &dir, const std::string &name, mode_t mode,
+               std::unique_ptr<Inode> *inode) {
+  UniqueFd fd(
+      openat(fdOf(dir), name.c_str(), O_CREAT | O_EXCL | O_RDWR | O_NOFOLLOW | O_CLOEXEC, mode));
+  if (!fd) return -errno;
+  auto made = std::make_unique<BtrfsInode>(std::move(fd), BtrfsInode::Held::kReal, &root);
+  if (int rc = made->learnStatus(); rc < 0) return rc;
+  // The umask and an inherited ACL may have taken bits away.
+  if ((made->facts().mode & 07777) != mode) {
+    if (int rc = made->changeMode(mode); rc != 0) return rc;
+    if (int rc = made->learnStatus(); rc < 0) return rc;
+  }
+  *inode = std::move(made);
   return 0;
 }
 

@@ -7,6 +7,7 @@
 
 #include "base/unique_fd.h"
 #include "btrfs/tree_root.h"
+#include "btrfs/tree_search.h"
 #include "filesystem/file_system.h"
 
 namespace kest {
@@ -37,6 +38,12 @@ class BtrfsDirectory : public Directory {
 // The directory `path` beneath the directory `start_fd` of the tree; see Tree::openDirectory.
 int openDirectoryBeneath(const TreeRoot &root, int start_fd, std::string_view path,
                          std::unique_ptr<Directory> *dir);
+// See Tree::openNamed and Tree::createFile. `frozen`: a reader of the tree, where it cannot change;
+// else NULL.
+int openNamed(const TreeRoot &root, TreeReader *frozen, const Directory &dir, const std::string &name,
+              std::unique_ptr<Inode> *inode);
+int createFile(const TreeRoot &root, const Directory &dir, const std::string &name, mode_t mode,
+               std::unique_ptr<Inode> *inode);
 // See Tree::duplicateDirectory.
 int duplicateDirectory(const TreeRoot &root, int fd, std::unique_ptr<Directory> *dir);
 // The directory `path`, resolved as the kernel does it. 0 or -errno.

@@ -32,6 +32,22 @@ int statNow(int fd, struct statx *status) {
   return statx(fd, "", AT_EMPTY_PATH, kMask, status) < 0 ? -errno : 0;
 }
 
+void fillAttributes(const struct statx &status, const InodeFacts &facts, kest_iattr64_t *attr) {
+  *attr = {};
+  attr->ia_inode = facts.ino;
+  attr->ia_generation = facts.generation;
+  attr->ia_mode = status.stx_mode;
+  attr->ia_nlink = status.stx_nlink;
+  attr->ia_size = static_cast<int64_t>(status.stx_size);
+  attr->ia_uid = status.stx_uid;
+  attr->ia_gid = status.stx_gid;
+  attr->ia_rdev = packDevice(status.stx_rdev_major, status.stx_rdev_minor);
+  attr->ia_atime = toTime(status.stx_atime);
+  attr->ia_mtime = toTime(status.stx_mtime);
+  attr->ia_ctime = toTime(status.stx_ctime);
+  attr->ia_createtime = toTime(status.stx_btime);
+}
+
 bool sameProperty(const BlobAttributes &a, const BlobAttributes &b) {
   const auto one = a.xattrs.find(kCompressionProperty), other = b.xattrs.find(kCompressionProperty);
   if (one == a.xattrs.end() || other == b.xattrs.end())
@@ -58,20 +74,34 @@ void BtrfsInode::learn(const struct stat &st) {
   facts_.size = static_cast<uint64_t>(st.st_size);
 }
 
-int BtrfsInode::learnAll() {
+int BtrfsInode::learnStatus() {
   struct statx status;
-  int rc = statNow(fd(), &status);
-  if (rc < 0) return rc;
+  if (int rc = statNow(fd(), &status); rc < 0) return rc;
   if (status.stx_nlink == 0) return -ENOENT;
-  InodeAddress address;
-  rc = addressOf(fd(), "", &address);
-  if (rc < 0) return rc;
-  if (address.subvol_id != root_->subvol_id) return -EXDEV;
-  facts_.ino = address.ino;
-  facts_.generation = address.generation;
+  facts_.ino = status.stx_ino;
   facts_.size = status.stx_size;
   facts_.mode = status.stx_mode;
   facts_.created = toTime(status.stx_btime);
+  return 0;
+}
+
+int BtrfsInode::learnAll() {
+  if (int rc = learnStatus(); rc < 0) return rc;
+  InodeAddress address;
+  if (int rc = addressOf(fd(), "", &address); rc < 0) return rc;
+  if (address.subvol_id != root_->subvol_id) return -EXDEV;
+  facts_.ino = address.ino;
+  facts_.generation = address.generation;
+  return 0;
+}
+
+int BtrfsInode::learnSame(const InodeFacts &other) {
+  if (int rc = learnStatus(); rc < 0) return rc;
+  // Two writable relatives can give one number to different files, even in one generation.
+  if (((facts_.mode ^ other.mode) & S_IFMT) != 0 || facts_.created.tv_sec != other.created.tv_sec ||
+      facts_.created.tv_nsec != other.created.tv_nsec)
+    return -ENOENT;
+  facts_.generation = other.generation;
   return 0;
 }
 
@@ -83,20 +113,30 @@ int BtrfsInode::listEntries(EntryList *entries) {
 int BtrfsInode::readAttributes(kest_iattr64_t *attr) {
   struct statx status;
   if (int rc = statNow(anyFd(), &status); rc < 0) return rc;
-  *attr = {};
-  attr->ia_inode = facts_.ino;
-  attr->ia_generation = facts_.generation;
-  attr->ia_mode = status.stx_mode;
-  attr->ia_nlink = status.stx_nlink;
-  attr->ia_size = static_cast<int64_t>(status.stx_size);
-  attr->ia_uid = status.stx_uid;
-  attr->ia_gid = status.stx_gid;
-  attr->ia_rdev = packDevice(status.stx_rdev_major, status.stx_rdev_minor);
-  attr->ia_atime = toTime(status.stx_atime);
-  attr->ia_mtime = toTime(status.stx_mtime);
-  attr->ia_ctime = toTime(status.stx_ctime);
-  attr->ia_createtime = toTime(status.stx_btime);
+  fillAttributes(status, facts_, attr);
   return carriesBlob(status.stx_mode, &attr->ia_xattr);
+}
+
+int BtrfsInode::readFacts(kest_facts_t *facts) {
+  const bool has_storage_flags = S_ISREG(facts_.mode) || S_ISDIR(facts_.mode);
+  // First: the other two questions cost less on what it opens.
+  unsigned flags = 0;
+  if (has_storage_flags) {
+    if (int rc = readStorageFlags(&flags); rc < 0) return rc;
+  }
+  struct statx status;
+  if (int rc = statNow(anyFd(), &status); rc < 0) return rc;
+  std::vector<std::string> names;
+  if (int rc = listXattrs(&names); rc < 0) return rc;
+  *facts = {};
+  fillAttributes(status, facts_, &facts->attr);
+  facts->protection = protectionBits({.immutable = (status.stx_attributes & STATX_ATTR_IMMUTABLE) != 0,
+                                      .append_only = (status.stx_attributes & STATX_ATTR_APPEND) != 0});
+  if (flags != 0) facts->has |= KEST_HAS_BLOB;
+  for (const std::string &name : names)
+    facts->has |= factOfXattr(name) | (travelsInBlob(name) ? KEST_HAS_BLOB : 0);
+  facts->attr.ia_xattr = (facts->has & KEST_HAS_BLOB) != 0 ? 1 : 0;
+  return 0;
 }
 
 // An inode of a snapshot is asked once: nothing changes there.
@@ -201,7 +241,6 @@ int BtrfsInode::share(Inode &from, int64_t offset, int64_t length) {
   }
 }
 
-// 1 and the flags that say how the inode's data is kept; 0 no such inode; -errno.
 int BtrfsInode::readSharingKind(uint64_t *kind) const {
   TreeReader tree(root_->fd.get(), root_->subvol_id, 1);
   InodeItem inode;
@@ -223,6 +262,7 @@ int BtrfsInode::makeCloneParent() {
   Protection protection;
   if (int rc = readProtection(&protection); rc != 0) return rc;
   if (protection.any()) return -EROFS;
+  if (int rc = giveUpWriting(); rc != 0) return rc;
   const int fd = readFd();
   if (fd < 0) return fd;
   if (int rc = refuseWriters(fd); rc != 0) return rc;
@@ -253,6 +293,27 @@ int openInode(const TreeRoot &root, uint64_t ino, std::unique_ptr<Inode> *inode)
   if (!fd) return fd.get();
   auto opened = std::make_unique<BtrfsInode>(std::move(fd), DescriptorInode::Held::kPath, &root);
   const int rc = opened->learnAll();
+  if (rc == 0) *inode = std::move(opened);
+  return rc;
+}
+
+int openSameInode(const TreeRoot &root, const Inode &other, std::unique_ptr<Inode> *inode) {
+  const InodeFacts &theirs = other.facts();
+  const bool regular = S_ISREG(theirs.mode);
+  auto open = [&](int flags) {
+    return openEvenNameless(root.fd.get(), root.subvol_id, theirs.ino,
+                            static_cast<uint32_t>(theirs.generation), flags);
+  };
+  DescriptorInode::Held held = regular ? DescriptorInode::Held::kForBoth : DescriptorInode::Held::kPath;
+  int fd = open(regular ? O_RDWR | O_NONBLOCK | O_NOATIME : O_PATH);
+  if (regular && (fd == -EPERM || fd == -EROFS || fd == -ETXTBSY)) {
+    held = DescriptorInode::Held::kForReading;
+    fd = open(O_RDONLY | O_NONBLOCK | O_NOATIME);
+    if (fd == -EPERM) fd = open(O_RDONLY | O_NONBLOCK);
+  }
+  if (fd < 0) return fd;
+  auto opened = std::make_unique<BtrfsInode>(UniqueFd(fd), held, &root);
+  const int rc = opened->learnSame(theirs);
   if (rc == 0) *inode = std::move(opened);
   return rc;
 }

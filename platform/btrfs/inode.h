@@ -20,11 +20,17 @@ class BtrfsInode : public DescriptorInode {
 
   // Fills in the facts that `st` holds.
   void learn(const struct stat &st);
+  // Fills in all facts but the generation. 0, -ENOENT it has no name, -errno.
+  int learnStatus();
+  // Fills in all facts of an inode that was opened by the number and generation of `other`. 0, -ENOENT
+  // it is another file or has no name, -errno.
+  int learnSame(const InodeFacts &other);
   // Fills in all facts. 0, -EXDEV it is of another tree than `root`, -ENOENT it has no name, -errno.
   int learnAll();
 
   int listEntries(EntryList *entries) override;
   int readAttributes(kest_iattr64_t *attr) override;
+  int readFacts(kest_facts_t *facts) override;
   int listXattrs(std::vector<std::string> *names) override;
   int readStorageFlags(unsigned *flags) override;
   int limitStorage(const BlobAttributes &now, BlobAttributes *wanted) override;
@@ -34,9 +40,12 @@ class BtrfsInode : public DescriptorInode {
   int makeCloneParent() override;
   int reopen(int flags, std::unique_ptr<Inode> *opened) override;
 
+ protected:
+  // 1 and the flags that say how the inode's data is kept; 0 no such inode; -errno.
+  virtual int readSharingKind(uint64_t *kind) const;
+
  private:
   int carriesBlob(mode_t mode, uint32_t *answer);
-  int readSharingKind(uint64_t *kind) const;
 
   const TreeRoot *root_;
   std::optional<bool> carries_blob_;  // the last answer
@@ -52,5 +61,7 @@ inline const BtrfsInode &asBtrfs(const Inode &inode) {
 // See Tree::openInode and Tree::adoptDescriptor.
 int openInode(const TreeRoot &root, uint64_t ino, std::unique_ptr<Inode> *inode);
 int adoptDescriptor(const TreeRoot &root, int fd, std::unique_ptr<Inode> *inode);
+// See Tree::openSame.
+int openSameInode(const TreeRoot &root, const Inode &other, std::unique_ptr<Inode> *inode);
 
 }  // namespace kest

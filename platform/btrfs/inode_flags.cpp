@@ -15,6 +15,8 @@ namespace {
 
 constexpr uint64_t kItemNoDataCow = 1u << 1;
 constexpr uint64_t kItemNoCompress = 1u << 3;
+constexpr uint64_t kItemImmutable = 1u << 6;
+constexpr uint64_t kItemAppendOnly = 1u << 7;
 constexpr uint64_t kItemCompress = 1u << 11;
 
 bool hasNoFlags(int err) {
@@ -68,6 +70,11 @@ unsigned storageFlagsOfItem(mode_t mode, uint64_t item_flags) {
   else if (item_flags & kItemCompress)
     flags |= FS_COMPR_FL;
   return flags;
+}
+
+Protection protectionOfItem(uint64_t item_flags) {
+  return {.immutable = (item_flags & kItemImmutable) != 0,
+          .append_only = (item_flags & kItemAppendOnly) != 0};
 }
 
 }  // namespace kest

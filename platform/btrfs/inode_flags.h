@@ -32,6 +32,9 @@ int writeStorageFlags(int fd, unsigned flags);
 // link inherited from its directory.
 unsigned storageFlagsOfItem(mode_t mode, uint64_t item_flags);
 
+// The protection that an inode item's `flags` say.
+Protection protectionOfItem(uint64_t item_flags);
+
 // The bits of an inode item's `flags` in which two files must agree to share blocks: no checksums, no
 // copy-on-write.
 inline constexpr uint64_t kItemSharingKind = 1u << 0 | 1u << 1;

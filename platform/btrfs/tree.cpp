@@ -6,6 +6,7 @@
 
 #include "btrfs/difference.h"
 #include "btrfs/directory.h"
+#include "btrfs/frozen_inode.h"
 #include "btrfs/inner_mounts.h"
 #include "btrfs/inode.h"
 #include "btrfs/inode_compare.h"
@@ -25,7 +26,34 @@ int BtrfsTree::isWritable() const {
 }
 
 int BtrfsTree::openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const {
-  return kest::openInode(root_, ino, inode);
+  const int frozen = isFrozen();
+  if (frozen < 0) return frozen;
+  return frozen > 0 ? openFrozenInode(root_, reader_, ino, inode) : kest::openInode(root_, ino, inode);
+}
+
+int BtrfsTree::isFrozen() const {
+  if (frozen_ < 0) {
+    const int rc = root_.isSnapshot() ? isReadOnly(root_.fd.get()) : 0;
+    if (rc < 0) return rc;
+    frozen_ = rc;
+  }
+  return frozen_;
+}
+
+int BtrfsTree::openSame(const Inode &other, std::unique_ptr<Inode> *inode) const {
+  return openSameInode(root_, other, inode);
+}
+
+int BtrfsTree::openNamed(const Directory &dir, const std::string &name,
+                         std::unique_ptr<Inode> *inode) const {
+  const int frozen = isFrozen();
+  if (frozen < 0) return frozen;
+  return kest::openNamed(root_, frozen > 0 ? &reader_ : nullptr, dir, name, inode);
+}
+
+int BtrfsTree::createFile(const Directory &dir, const std::string &name, mode_t mode,
+                          std::unique_ptr<Inode> *inode) const {
+  return kest::createFile(root_, dir, name, mode, inode);
 }
 
 int BtrfsTree::adoptDescriptor(int fd, std::unique_ptr<Inode> *inode) const {

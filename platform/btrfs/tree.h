@@ -2,18 +2,25 @@
 #pragma once
 
 #include "btrfs/tree_root.h"
+#include "btrfs/tree_search.h"
 #include "filesystem/file_system.h"
 
 namespace kest {
 
 class BtrfsTree : public Tree {
  public:
-  explicit BtrfsTree(TreeRoot root) : root_(std::move(root)) {}
+  explicit BtrfsTree(TreeRoot root)
+      : root_(std::move(root)), reader_(root_.fd.get(), root_.subvol_id) {}
 
   uint64_t id() const override { return root_.subvol_id; }
   const std::string &path() const override { return root_.path; }
   int isWritable() const override;
   int openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const override;
+  int openSame(const Inode &other, std::unique_ptr<Inode> *inode) const override;
+  int openNamed(const Directory &dir, const std::string &name,
+                std::unique_ptr<Inode> *inode) const override;
+  int createFile(const Directory &dir, const std::string &name, mode_t mode,
+                 std::unique_ptr<Inode> *inode) const override;
   int adoptDescriptor(int fd, std::unique_ptr<Inode> *inode) const override;
   int openDirectory(const Directory *start, std::string_view path,
                     std::unique_ptr<Directory> *dir) const override;
@@ -27,7 +34,12 @@ class BtrfsTree : public Tree {
   int fileSurvives(const Tree &snapshot, const char *path) const override;
 
  private:
+  // 1 where this is a snapshot that cannot change, so that what `reader_` keeps stays true; 0; -errno.
+  int isFrozen() const;
+
   const TreeRoot root_;
+  mutable TreeReader reader_;
+  mutable int frozen_ = -1;  // the answer of isFrozen(); -1: not asked yet
 };
 
 }  // namespace kest

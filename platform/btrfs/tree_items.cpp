@@ -104,6 +104,7 @@ bool decodeInode(const TreeItem &item, InodeItem *inode) {
   inode->generation = le64toh(raw.generation);
   inode->transid = le64toh(raw.transid);
   inode->size = le64toh(raw.size);
+  inode->nbytes = le64toh(raw.nbytes);
   inode->nlink = le32toh(raw.nlink);
   inode->uid = le32toh(raw.uid);
   inode->gid = le32toh(raw.gid);

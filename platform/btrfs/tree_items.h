@@ -22,6 +22,7 @@ struct InodeItem {
   uint64_t generation = 0;  // creation transaction
   uint64_t transid = 0;     // last transaction that wrote it; moves with access times, too
   uint64_t size = 0;
+  uint64_t nbytes = 0;  // that it takes, holes apart
   uint32_t nlink = 0;
   uint32_t uid = 0, gid = 0;
   uint32_t mode = 0;      // st_mode encoding

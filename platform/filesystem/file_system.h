@@ -56,8 +56,9 @@ class Inode {
  public:
   virtual ~Inode() = default;
 
-  // Complete for an inode that a tree opened. One that a directory opened by name has mode, number and
-  // size; one behind a descriptor of the caller has none of them.
+  // Complete for an inode that a tree opened, but for the generation (0) of one that it made. One that
+  // a directory opened by name has mode, number and size; one behind a descriptor of the caller has
+  // none of them.
   const InodeFacts &facts() const { return facts_; }
 
   // ---- data. Opened at the first call that needs them, in the way that it needs.
@@ -83,6 +84,7 @@ class Inode {
   // ---- attributes, as they are now.
   virtual int stat(struct stat *st) = 0;
   virtual int readAttributes(kest_iattr64_t *attr) = 0;
+  virtual int readFacts(kest_facts_t *facts) = 0;  // see kest_ifacts
   virtual int changeMode(mode_t mode) = 0;
   virtual int changeOwner(uid_t uid, gid_t gid) = 0;
   // As utimensat: UTIME_OMIT leaves a time as it is.
@@ -220,6 +222,16 @@ class Tree {
   virtual int isWritable() const = 0;  // 1 or 0
 
   virtual int openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const = 0;
+  // The inode of this tree that is the same file as `other`, an inode of a snapshot. A regular file is
+  // opened for reading and writing at once, where that is possible. -ENOENT there is none.
+  virtual int openSame(const Inode &other, std::unique_ptr<Inode> *inode) const = 0;
+  // The object `name` of a directory of this tree, as Directory::openObject, with all its facts.
+  // -EXDEV it is of another tree.
+  virtual int openNamed(const Directory &dir, const std::string &name,
+                        std::unique_ptr<Inode> *inode) const = 0;
+  // Makes a regular file of exactly this mode and opens it for reading and writing. -EEXIST.
+  virtual int createFile(const Directory &dir, const std::string &name, mode_t mode,
+                         std::unique_ptr<Inode> *inode) const = 0;
   // Takes over `fd`, a regular file of this tree that is open for reading and writing; not on failure.
   virtual int adoptDescriptor(int fd, std::unique_ptr<Inode> *inode) const = 0;
   // Opens the directory `path` beneath `start` (NULL: the root). -ELOOP where a component is a link,

@@ -1,4 +1,5 @@
-// Owner, mode, access control lists and times of any object, by path or descriptor.
+// Owner, mode, access control lists, times and single attributes of any object: by path, descriptor or
+// open inode.
 #include <cerrno>
 #include <cstring>
 
@@ -11,11 +12,13 @@
 #include "libkest/acl_format.h"
 #include "libkest/c_call.h"
 #include "libkest/kept_capability.h"
+#include "libkest/open_file.h"
 
 namespace kest {
 namespace {
 
 constexpr char kAccess[] = "system.posix_acl_access";
+constexpr char kCapability[] = "security.capability";
 constexpr char kDefault[] = "system.posix_acl_default";
 constexpr mode_t kModeBits = 07777;
 
@@ -60,12 +63,12 @@ int writeAcl(Inode &inode, const AclState &state) {
   return inode.setExactMode(state.mode);
 }
 
-int readAclBuffer(int fd, int flags, void *buf) {
+int readAclBuffer(Inode &inode, int flags, void *buf) {
   if (buf == nullptr || flags != 0) return -EINVAL;
   int32_t capacity;
   memcpy(&capacity, buf, sizeof capacity);
   AclState state;
-  if (int rc = readAcl(*inodeBehind(fd), &state); rc != 0) return rc;
+  if (int rc = readAcl(inode, &state); rc != 0) return rc;
   const std::string text = encodeAcl(state);
   const auto needed = static_cast<int32_t>(text.size());
   const bool fits = capacity >= needed;
@@ -73,10 +76,10 @@ int readAclBuffer(int fd, int flags, void *buf) {
   return fits ? 0 : -ENOSPC;
 }
 
-int writeAclBuffer(int fd, int flags, const void *buf) {
+int writeAclBuffer(Inode &inode, int flags, const void *buf) {
   AclState state;
   if (buf == nullptr || flags != 0 || !decodeAcl(buf, &state)) return -EINVAL;
-  return writeAcl(*inodeBehind(fd), state);
+  return writeAcl(inode, state);
 }
 
 int openPath(const char *path, UniqueFd *fd) {
@@ -102,21 +105,39 @@ int convertTimes(int flags, const kest_timestruc64_t times[4], struct timespec s
   return rc;
 }
 
-int changeOwner(Inode &inode, uint64_t uid, uint64_t gid) {
+// `capability` is the inode's, read already or not.
+int changeOwner(Inode &inode, uint64_t uid, uint64_t gid, KeptCapability *capability) {
   constexpr uint64_t kLargestId = UINT32_MAX - 1;  // the value above means "leave it" to the kernel
   if (uid > kLargestId || gid > kLargestId) return -EINVAL;
   struct stat st;
   if (int rc = inode.stat(&st); rc != 0) return rc;
   if (st.st_uid == uid && st.st_gid == gid) return 0;
 
-  KeptCapability capability;
   if (S_ISREG(st.st_mode)) {
-    if (int rc = capability.save(inode); rc != 0) return rc;
+    if (int rc = capability->save(inode); rc != 0) return rc;
   }
   if (int rc = inode.changeOwner(static_cast<uid_t>(uid), static_cast<gid_t>(gid)); rc != 0) return rc;
   if (S_ISLNK(st.st_mode)) return 0;
   if (int rc = inode.setExactMode(st.st_mode); rc != 0) return rc;
-  return capability.putBackIfLost(inode);
+  return capability->putBackIfLost(inode);
+}
+
+int64_t readOneXattr(Inode &inode, const char *name, void *buf, size_t size) {
+  std::string value;
+  if (int rc = inode.readXattr(name, &value); rc != 0) return rc;
+  if (value.size() > size) return -ERANGE;
+  if (!value.empty()) memcpy(buf, value.data(), value.size());
+  return static_cast<int64_t>(value.size());
+}
+
+// Runs `body`(open file), with the C interface's result.
+template <typename Body>
+auto onInode(const kest_ifile_t *file, Body body) {
+  return cCall([&]() -> decltype(body(*openFile(file))) {
+    OpenFile *open = openFile(file);
+    if (open == nullptr) return -EINVAL;
+    return body(*open);
+  });
 }
 
 }  // namespace
@@ -130,7 +151,7 @@ int kest_getacl(const char *path, int flags, void *buf) {
   return cCall([&] {
     UniqueFd fd;
     int rc = openPath(path, &fd);
-    return rc == 0 ? readAclBuffer(fd.get(), flags, buf) : rc;
+    return rc == 0 ? readAclBuffer(*inodeBehind(fd.get()), flags, buf) : rc;
   });
 }
 
@@ -138,16 +159,16 @@ int kest_putacl(const char *path, int flags, const void *buf) {
   return cCall([&] {
     UniqueFd fd;
     int rc = openPath(path, &fd);
-    return rc == 0 ? writeAclBuffer(fd.get(), flags, buf) : rc;
+    return rc == 0 ? writeAclBuffer(*inodeBehind(fd.get()), flags, buf) : rc;
   });
 }
 
 int kest_fgetacl(int fd, int flags, void *buf) {
-  return cCall([&] { return readAclBuffer(fd, flags, buf); });
+  return cCall([&] { return readAclBuffer(*inodeBehind(fd), flags, buf); });
 }
 
 int kest_fputacl(int fd, int flags, const void *buf) {
-  return cCall([&] { return writeAclBuffer(fd, flags, buf); });
+  return cCall([&] { return writeAclBuffer(*inodeBehind(fd), flags, buf); });
 }
 
 int kest_set_times_path(const char *path, int flags, const kest_timestruc64_t times[4]) {
@@ -169,7 +190,61 @@ int kest_fset_times(int fd, int flags, const kest_timestruc64_t times[4]) {
 }
 
 int kest_fchown(int fd, uint64_t uid, uint64_t gid) {
-  return cCall([=] { return changeOwner(*inodeBehind(fd), uid, gid); });
+  return cCall([=] {
+    KeptCapability capability;
+    return changeOwner(*inodeBehind(fd), uid, gid, &capability);
+  });
+}
+
+int kest_ichown(kest_ifile_t *file, uint64_t uid, uint64_t gid) {
+  return onInode(file,
+                 [=](OpenFile &open) { return changeOwner(*open.inode, uid, gid, &open.capability); });
+}
+
+int kest_ichmod(kest_ifile_t *file, mode_t mode) {
+  return onInode(file, [=](OpenFile &open) { return open.inode->changeMode(mode & kModeBits); });
+}
+
+int kest_iset_times(kest_ifile_t *file, int flags, const kest_timestruc64_t times[4]) {
+  return onInode(file, [=](OpenFile &open) {
+    struct timespec stamps[2];
+    int rc = convertTimes(flags, times, stamps);
+    return rc == 0 ? open.inode->setTimes(stamps) : rc;
+  });
+}
+
+int kest_igetacl(kest_ifile_t *file, int flags, void *buf) {
+  return onInode(file, [=](OpenFile &open) { return readAclBuffer(*open.inode, flags, buf); });
+}
+
+int kest_iputacl(kest_ifile_t *file, int flags, const void *buf) {
+  return onInode(file, [=](OpenFile &open) { return writeAclBuffer(*open.inode, flags, buf); });
+}
+
+int kest_iset_protection(kest_ifile_t *file, uint32_t protection) {
+  return onInode(file, [=](OpenFile &open) {
+    // Others have no flags to set, and a flags request on a device would reach its driver.
+    if (!S_ISREG(open.if_mode) && !S_ISDIR(open.if_mode)) return 0;
+    return open.inode->writeProtection({.immutable = (protection & KEST_FP_IMMUTABLE) != 0,
+                                        .append_only = (protection & KEST_FP_APPEND_ONLY) != 0});
+  });
+}
+
+int64_t kest_igetxattr(const kest_ifile_t *file, const char *name, void *buf, size_t size) {
+  return onInode(file, [=](OpenFile &open) -> int64_t {
+    if (name == nullptr || (buf == nullptr && size != 0)) return -EINVAL;
+    return readOneXattr(*open.inode, name, buf, size);
+  });
+}
+
+int kest_isetxattr(kest_ifile_t *file, const char *name, const void *value, size_t size) {
+  return onInode(file, [=](OpenFile &open) {
+    if (name == nullptr || (value == nullptr && size != 0)) return -EINVAL;
+    const std::string bytes(static_cast<const char *>(value), size);
+    const int rc = open.inode->writeXattr(name, bytes);
+    if (rc == 0 && strcmp(name, kCapability) == 0) open.capability.replace(&bytes);
+    return rc;
+  });
 }
 
 }  // extern "C"

@@ -15,20 +15,6 @@ namespace kest {
 
 namespace {
 
-// Makes an open inode the C interface's.
-kest_ifile_t *handOut(std::unique_ptr<Inode> inode) {
-  auto file = std::make_unique<OpenFile>();
-  const InodeFacts &facts = inode->facts();
-  file->if_inode = facts.ino;
-  file->if_kind = KEST_IFILE_KIND;
-  file->if_gen16 = static_cast<uint16_t>(facts.generation);
-  file->if_size = facts.size;
-  file->if_mode = facts.mode;
-  file->if_generation = facts.generation;
-  file->inode = std::move(inode);
-  return file.release();
-}
-
 int64_t readLink(Inode &inode, void *buf, int64_t size, int64_t offset) {
   std::string target;
   if (int rc = inode.readLink(&target); rc < 0) return rc;
@@ -68,6 +54,19 @@ int64_t writeOrPunch(OpenFile *file, const void *buf, int64_t len, int64_t offse
 
 }  // namespace
 
+kest_ifile_t *handOut(std::unique_ptr<Inode> inode) {
+  auto file = std::make_unique<OpenFile>();
+  const InodeFacts &facts = inode->facts();
+  file->if_inode = facts.ino;
+  file->if_kind = KEST_IFILE_KIND;
+  file->if_gen16 = static_cast<uint16_t>(facts.generation);
+  file->if_size = facts.size;
+  file->if_mode = facts.mode;
+  file->if_generation = facts.generation;
+  file->inode = std::move(inode);
+  return file.release();
+}
+
 OpenFile *openFile(kest_ifile_t *file) {
   return file != nullptr && file->if_kind == KEST_IFILE_KIND ? static_cast<OpenFile *>(file) : nullptr;
 }
@@ -103,6 +102,19 @@ kest_ifile_t *kest_iopen_fd(kest_fssnap_handle_t *handle, int fd) {
   return file;
 }
 
+kest_ifile_t *kest_iopen_same(kest_fssnap_handle_t *active, const kest_ifile_t *snap) {
+  kest_ifile_t *file = nullptr;
+  cCall([&] {
+    const OpenFile *other = openFile(snap);
+    if (active == nullptr || other == nullptr) return -EINVAL;
+    std::unique_ptr<Inode> inode;
+    int rc = active->tree->openSame(*other->inode, &inode);
+    if (rc == 0) file = handOut(std::move(inode));
+    return rc;
+  });
+  return file;
+}
+
 int kest_iclose(kest_ifile_t *file) {
   OpenFile *open = openFile(file);
   if (open == nullptr) {
@@ -126,6 +138,20 @@ int kest_istat(const kest_ifile_t *file, kest_iattr64_t *attr) {
   return cCall([&] {
     OpenFile *open = openFile(file);
     return open == nullptr || attr == nullptr ? -EINVAL : open->inode->readAttributes(attr);
+  });
+}
+
+int kest_ifstat(const kest_ifile_t *file, struct stat *st) {
+  return cCall([&] {
+    OpenFile *open = openFile(file);
+    return open == nullptr || st == nullptr ? -EINVAL : open->inode->stat(st);
+  });
+}
+
+int kest_ifacts(const kest_ifile_t *file, kest_facts_t *facts) {
+  return cCall([&] {
+    OpenFile *open = openFile(file);
+    return open == nullptr || facts == nullptr ? -EINVAL : open->inode->readFacts(facts);
   });
 }
 

@@ -37,6 +37,9 @@ inline OpenFile *openFile(const kest_ifile_t *file) {
   return openFile(const_cast<kest_ifile_t *>(file));
 }
 
+// Makes an open inode the C interface's.
+kest_ifile_t *handOut(std::unique_ptr<Inode> inode);
+
 // Callers rely on these places.
 static_assert(offsetof(kest_ifile, if_gen16) == 16 && offsetof(kest_ifile, if_mode) == 36);
 

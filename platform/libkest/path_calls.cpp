@@ -12,12 +12,14 @@
 #include "filesystem/clone_attribute.h"
 #include "libkest/kept_capability.h"
 #include "libkest/lifted_flags.h"
+#include "libkest/open_file.h"
 #include "libkest/path_resolution.h"
 
 namespace kest {
 namespace {
 
 constexpr mode_t kModeBits = 07777;
+constexpr mode_t kNewFileMode = 0600;
 constexpr int kCreateAttempts = 100;
 // Two processes may be at two names of one clone parent: one sets the flag again while the other still
 // needs it lifted.
@@ -138,6 +140,24 @@ int changeNames(const Place &named, std::initializer_list<Suspect> directories, 
   return rc == -EPERM ? -EROFS : rc;
 }
 
+// The name `path` is about to mean something else.
+void forget(kest_fssnap_handle *active, const char *path) {
+  if (active != nullptr) active->directories.drop(path);
+}
+
+// The open inode of what `open`(place, &inode) opens; NULL with errno.
+template <typename Open>
+kest_ifile_t *openAtPath(kest_fssnap_handle *handle, const char *path, Open open) {
+  kest_ifile_t *file = nullptr;
+  onPath(handle, path, [&](const Place &place) {
+    std::unique_ptr<Inode> inode;
+    int rc = handle == nullptr ? -EINVAL : open(place, &inode);
+    if (rc == 0) file = handOut(std::move(inode));
+    return rc;
+  });
+  return file;
+}
+
 }  // namespace
 }  // namespace kest
 
@@ -154,13 +174,18 @@ int kest_unlink(kest_fssnap_handle_t *active, const char *path, uint64_t ino) {
 }
 
 int kest_rmdir(kest_fssnap_handle_t *active, const char *path, uint64_t ino) {
-  return onPath(active, path, [=](const Place &place) { return removeDirectory(place, ino); });
+  return onPath(active, path, [=](const Place &place) {
+    forget(active, path);
+    return removeDirectory(place, ino);
+  });
 }
 
 int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to,
                           uint64_t ino) {
   return onTwoPaths(active, from, to, [=](const Place &source, const Place &target) {
     if (int rc = expectInode(source, ino); rc != 0) return rc;
+    forget(active, from);
+    forget(active, to);
     return changeNames(source, {givingDirectory(source), takingDirectory(target)},
                        [&] { return source.dir->rename(source.leaf, *target.dir, target.leaf); });
   });
@@ -214,6 +239,7 @@ int kest_anchor(kest_fssnap_handle_t *active, const char *path, int fd) {
     if (int rc = active->tree->duplicateDirectory(fd, &anchor); rc != 0) return rc;
     active->anchor = std::move(anchor);
     active->anchor_path = path;
+    active->directories.clear();  // their paths can lead elsewhere now
     return 0;
   });
 }
@@ -224,6 +250,21 @@ int kest_open_path(kest_fssnap_handle_t *handle, const char *path) {
     struct stat st;
     int rc = place.dir->openObject(place.leaf, &inode, &st);
     return rc == 0 ? inode->takeDescriptor() : rc;
+  });
+}
+
+kest_ifile_t *kest_iopen_path(kest_fssnap_handle_t *handle, const char *path) {
+  return openAtPath(handle, path, [=](const Place &place, std::unique_ptr<Inode> *inode) {
+    return handle->tree->openNamed(*place.dir, place.leaf, inode);
+  });
+}
+
+kest_ifile_t *kest_icreate(kest_fssnap_handle_t *active, const char *path) {
+  return openAtPath(active, path, [=](const Place &place, std::unique_ptr<Inode> *inode) {
+    // Only directories are named so.
+    if (place.leaf.size() > 1 && place.leaf.back() == '/') return -EISDIR;
+    return outcome(active->tree->createFile(*place.dir, place.leaf, kNewFileMode, inode),
+                   {takingDirectory(place)});
   });
 }
 

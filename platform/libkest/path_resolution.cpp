@@ -51,9 +51,31 @@ int locate(kest_fssnap_handle *handle, const char *path, Place *place) {
   const size_t leaf = slash == std::string_view::npos ? 0 : slash + 1;
   // The start itself has no last component: the call then answers for ".".
   place->leaf = end == 0 ? "." : std::string(rest.substr(leaf));
-  if (handle == nullptr) return openDirectory(rest.substr(0, end == 0 ? 1 : leaf), &place->dir);
+  std::unique_ptr<Directory> opened;
+  if (handle == nullptr) {
+    const int rc = openDirectory(rest.substr(0, end == 0 ? 1 : leaf), &opened);
+    place->dir = std::move(opened);
+    return rc;
+  }
   if (rest.substr(leaf, end - leaf) == "..") return -EXDEV;
-  return handle->tree->openDirectory(start.dir, rest.substr(0, leaf), &place->dir);
+  const std::string_view directory(path, static_cast<size_t>(rest.data() - path) + leaf);
+  place->dir = handle->directories.find(directory);
+  place->kept = place->dir != nullptr;
+  if (place->kept) return 0;
+  if (int rc = handle->tree->openDirectory(start.dir, rest.substr(0, leaf), &opened); rc != 0)
+    return rc;
+  place->dir = std::move(opened);
+  handle->directories.keep(directory, place->dir);
+  return 0;
+}
+
+bool forgetIfRemoved(kest_fssnap_handle *handle, const char *path, Place *place) {
+  struct stat st;
+  if (!place->kept || place->dir->stat(".", &st) != 0 || st.st_nlink != 0) return false;
+  // The leaf is the end of the path.
+  const std::string_view text(path);
+  handle->directories.drop(text.substr(0, text.size() - place->leaf.size()));
+  return true;
 }
 
 int expectInode(const Place &place, uint64_t ino) {
