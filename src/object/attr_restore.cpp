@@ -1,16 +1,12 @@
 #include "object/attr_restore.h"
 
 #include <sys/stat.h>
-#include <sys/xattr.h>
 
 #include <cerrno>
 #include <cstring>
 #include <vector>
 
-#include "base/fd_path.h"
-#include "base/unique_fd.h"
 #include "object/flags.h"
-#include "object/paths.h"
 #include "object/places.h"
 #include "object/xattr_restore.h"
 #include "run/run_handles.h"
@@ -32,10 +28,7 @@ enum AttrStep : int {
   kIdentify = 6,  // the object is not the copy's: another type (EINVAL) or another inode (ESTALE)
   kSetOwner = 7,
   kSetTimes = 8,
-  kOpenCopy = 10,
-  kReadCopyFlags = 11,
-  kSetImmutable = 12,  // also: the object's own flags cannot be read
-  kSetAppendOnly = 13,
+  kSetImmutable = 12,  // or append-only; also: the object's flags cannot be read
   kSetCapability = 14,
 };
 
@@ -46,40 +39,45 @@ struct AclHead {
   uint8_t type;
 };
 
-// One object whose attributes are being restored. Everything is done through a descriptor of it and one
-// of the snapshot's inode, so that no other object can come in between.
+// One object whose attributes are being restored. Everything is done on the open inode, so that no
+// other object can come in between.
 struct Target {
   const std::string &path;
   std::string snapPath;  // for traces
-  kest_ifile_t *snap;
-  UniqueFd fd;
-  struct stat st {};
-  UniqueFd snapFd;
-  kest_iattr64_t attr{};
+  const OpenObject &snap;
+  OpenObject &active;
+  bool data_written;
 };
 
-// Runs `step`, a system call or library call, and clears flags that forbid it.
+// Runs `step`, a library call, and clears flags that forbid it.
 template <typename Call>
 Result attempt(const Target &target, AttrStep step, const Call &call) {
   const Result r = retryClearing(target.path, "", [&] { return called(call()); });
   return r ? Result{} : failed(step, r.err);
 }
 
+Result setMode(const Target &target, AttrStep step, mode_t mode) {
+  if (Result r = attempt(target, step, [&] { return kest_ichmod(target.active.get(), mode); }); !r)
+    return r;
+  uint32_t &known = target.active.facts.attr.ia_mode;
+  known = (known & S_IFMT) | mode;
+  return {};
+}
+
 // The change of the owner keeps the mode, which is restored after it: until then a program would run as
 // the new owner because the old one wanted it.
 Result dropSpecialBits(const Target &target) {
-  if (!isRegular(target.st.st_mode) || (target.st.st_mode & (S_ISUID | S_ISGID)) == 0) return {};
-  const FdPath name(target.fd.get());
-  const mode_t mode = target.st.st_mode & 01777;
-  return attempt(target, kSetOwner, [&] { return chmod(name.get(), mode); });
+  const uint32_t mode = target.active.facts.attr.ia_mode;
+  if (!isRegular(mode) || (mode & (S_ISUID | S_ISGID)) == 0) return {};
+  return setMode(target, kSetOwner, mode & 01777);
 }
 
 Result restoreOwner(const Target &target) {
-  const kest_iattr64_t &attr = target.attr;
-  if (target.st.st_uid == attr.ia_uid && target.st.st_gid == attr.ia_gid) return {};
+  const kest_iattr64_t &want = target.snap.facts.attr, &have = target.active.facts.attr;
+  if (have.ia_uid == want.ia_uid && have.ia_gid == want.ia_gid) return {};
   if (Result r = dropSpecialBits(target); !r) return r;
   return attempt(target, kSetOwner,
-                 [&] { return kest_fchown(target.fd.get(), attr.ia_uid, attr.ia_gid); });
+                 [&] { return kest_ichown(target.active.get(), want.ia_uid, want.ia_gid); });
 }
 
 // A buffer that is too small is made larger once.
@@ -88,7 +86,7 @@ Result readAcl(const Target &target, std::vector<char> *acl) {
   for (bool grown = false;; grown = true) {
     AclHead head{static_cast<int32_t>(acl->size()), 0, 1};
     memcpy(acl->data(), &head, sizeof head);
-    if (kest_fgetacl(target.snapFd.get(), 0, acl->data()) == 0) return {};
+    if (kest_igetacl(target.snap.get(), 0, acl->data()) == 0) return {};
     if (errno != ENOSPC || grown) return failed(kReadAcl);
     memcpy(&head, acl->data(), sizeof head);
     if (head.length <= static_cast<int32_t>(acl->size())) return failed(kReadAcl);
@@ -96,72 +94,78 @@ Result readAcl(const Target &target, std::vector<char> *acl) {
   }
 }
 
+// Where neither object has an ACL, the mode is all that there is to restore. A write of data can drop
+// the set-user-ID and set-group-ID bits, so the mode is set again where the snapshot's has them.
+Result restoreModeAlone(const Target &target) {
+  constexpr mode_t kModeBits = 07777;
+  const uint32_t want = target.snap.facts.attr.ia_mode, have = target.active.facts.attr.ia_mode;
+  const bool may_be_dropped = target.data_written && (want & (S_ISUID | S_ISGID)) != 0;
+  if (((want ^ have) & kModeBits) == 0 && !may_be_dropped) return {};
+  return setMode(target, kPutAcl, want & kModeBits);
+}
+
 // The blob carries the twelve mode bits too. After the owner: changing that clears some of them.
 Result restoreAcl(const Target &target) {
+  if (!target.snap.has(KEST_HAS_ACL) && !target.active.has(KEST_HAS_ACL))
+    return restoreModeAlone(target);
   std::vector<char> acl;
   if (Result r = readAcl(target, &acl); !r) {
     traceLog("restoreAttr: failed to get acl. fileSnapPathP %s\n", target.snapPath.c_str());
     return r;
   }
   const Result put =
-      attempt(target, kPutAcl, [&] { return kest_fputacl(target.fd.get(), 0, acl.data()); });
+      attempt(target, kPutAcl, [&] { return kest_iputacl(target.active.get(), 0, acl.data()); });
   if (!put) traceLog("restoreAttr: failed to put acl. path %s\n", target.path.c_str());
   return put;
 }
 
-bool sameTime(const struct timespec &a, const kest_timestruc64_t &b) {
-  return a.tv_sec == b.tv_sec && a.tv_nsec == static_cast<long>(b.tv_nsec);
+bool sameTime(const kest_timestruc64_t &a, const kest_timestruc64_t &b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
 Result restoreTimes(const Target &target) {
-  const kest_iattr64_t &attr = target.attr;
-  struct stat now;
-  if (fstat(target.fd.get(), &now) != 0) return failed(kSetTimes);
-  if (sameTime(now.st_atim, attr.ia_atime) && sameTime(now.st_mtim, attr.ia_mtime)) return {};
-  const kest_timestruc64_t times[4] = {attr.ia_atime, attr.ia_mtime, attr.ia_ctime, attr.ia_createtime};
-  return attempt(target, kSetTimes, [&] { return kest_fset_times(target.fd.get(), kAllTimes, times); });
+  const kest_iattr64_t &want = target.snap.facts.attr, &have = target.active.facts.attr;
+  if (!target.data_written && sameTime(have.ia_atime, want.ia_atime) &&
+      sameTime(have.ia_mtime, want.ia_mtime))
+    return {};
+  const kest_timestruc64_t times[4] = {want.ia_atime, want.ia_mtime, want.ia_ctime, want.ia_createtime};
+  return attempt(target, kSetTimes,
+                 [&] { return kest_iset_times(target.active.get(), kAllTimes, times); });
 }
 
 // Data writes and owner changes drop a file's capability. Each of these steps keeps it for itself, but
 // of several workers on one file one can read it at the moment in which another's step has dropped it.
 // So it is compared and set once more here, where nothing drops it any more.
 Result restoreCapability(const Target &target) {
-  if (settings.noXAttr || !isRegular(target.attr.ia_mode) || target.attr.ia_xattr == 0) return {};
-  const FdPath snap_name(target.snapFd.get()), name(target.fd.get());
+  if (settings.noXAttr || target.snap.type() != S_IFREG || !target.snap.has(KEST_HAS_CAPABILITY))
+    return {};
   char wanted[256], now[256];
-  const ssize_t length = getxattr(snap_name.get(), kCapability, wanted, sizeof wanted);
+  const int64_t length = kest_igetxattr(target.snap.get(), kCapability, wanted, sizeof wanted);
   if (length < 0) return errno == ENODATA || errno == EOPNOTSUPP ? Result{} : failed(kSetCapability);
-  const ssize_t there = getxattr(name.get(), kCapability, now, sizeof now);
+  const int64_t there = kest_igetxattr(target.active.get(), kCapability, now, sizeof now);
   if (there == length && memcmp(now, wanted, static_cast<size_t>(length)) == 0) return {};
   return attempt(target, kSetCapability, [&] {
-    return setxattr(name.get(), kCapability, wanted, static_cast<size_t>(length), 0);
+    return kest_isetxattr(target.active.get(), kCapability, wanted, static_cast<size_t>(length));
   });
 }
 
-// Last of all: either flag would forbid every other step.
+// Last of all: either flag would forbid every other step. An object that carried none when it was
+// opened, and that the snapshot has without any, has none now: other workers set only what the snapshot
+// has.
 Result restoreFlags(const Target &target) {
-  const int fd = target.fd.get();
-  InodeFlags wanted, now;
-  if (Result r = getInodeFlags(target.snapFd.get(), &wanted); !r) return failed(kReadCopyFlags, r.err);
-  Result r = getInodeFlags(fd, &now);
-  if (r && now.immutable != wanted.immutable) r = setImmutableFlag(fd, wanted.immutable);
-  if (!r) return failed(kSetImmutable, r.err);
-  if (now.appendOnly != wanted.appendOnly) r = setAppendOnlyFlag(fd, wanted.appendOnly);
-  return r ? Result{} : failed(kSetAppendOnly, r.err);
+  const uint32_t wanted = target.snap.facts.protection;
+  if (wanted == 0 && target.active.facts.protection == 0) return {};
+  // A step before may have cleared them.
+  kest_facts_t now;
+  if (kest_ifacts(target.active.get(), &now) != 0) return failed(kSetImmutable);
+  if (now.protection == wanted) return {};
+  return kest_iset_protection(target.active.get(), wanted) == 0 ? Result{} : failed(kSetImmutable);
 }
 
-Result openSnapshotCopy(Target &target) {
-  if (kest_istat(target.snap, &target.attr) != 0) return failed(kIdentify);
-  if ((target.st.st_mode & S_IFMT) != (target.attr.ia_mode & S_IFMT)) return failed(kIdentify, EINVAL);
-  if (!isInodeOrReplacement(target.st, target.snap->if_inode, target.attr))
-    return failed(kIdentify, ESTALE);
-  target.snapFd.reset(kest_path_descriptor(target.snap));
-  return target.snapFd ? Result{} : failed(kOpenCopy);
-}
-
-Result restoreTarget(Target &target, int32_t phase) {
-  if (Result r = openSnapshotCopy(target); !r) return r;
-  const mode_t type = target.st.st_mode & S_IFMT;
+Result restoreTarget(const Target &target, int32_t phase) {
+  const uint32_t type = target.active.type();
+  if (type != target.snap.type()) return failed(kIdentify, EINVAL);
+  if (!isInodeOrReplacement(target.active, target.snap)) return failed(kIdentify, ESTALE);
   if (Result r = restoreOwner(target); !r) return r;
   if (type == S_IFLNK) return restoreTimes(target);
   if (type == S_IFDIR && phase != kPhaseDirs) return {};
@@ -172,27 +176,13 @@ Result restoreTarget(Target &target, int32_t phase) {
 }
 
 Result restorePath(const std::string &path, int32_t phase) {
-  Target target{.path = path, .snapPath = {}, .snap = nullptr, .fd = {}, .snapFd = {}};
-  if (Result r = openObject(path, &target.fd); !r) return failed(kOpenObject, r.err);
-  if (fstat(target.fd.get(), &target.st) != 0) return failed(kOpenObject);
+  OpenObject active, snap;
+  if (Result r = openAt(path, &active); !r) return failed(kOpenObject, r.err);
   SnapPlace place;
   if (Result r = getSnapPath(path, &place); !r)
     return place.absent ? Result{} : failed(kFindCopy, r.err);
-  Inode snap;
-  if (Result r = openInode(handles.oldFsP, place.ino, &snap); !r) return failed(kIdentify, r.err);
-  target.snapPath = std::move(place.path);
-  target.snap = snap.get();
-  return restoreTarget(target, phase);
-}
-
-Result restoreOpen(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, int32_t phase) {
-  Target target{.path = path,
-                .snapPath = {},
-                .snap = snap,
-                .fd = UniqueFd(kest_path_descriptor(active)),
-                .snapFd = {}};
-  if (!target.fd || fstat(target.fd.get(), &target.st) != 0) return failed(kOpenObject);
-  return restoreTarget(target, phase);
+  if (Result r = openSnapshotObject(place.ino, &snap); !r) return failed(kIdentify, r.err);
+  return restoreTarget({path, std::move(place.path), snap, active, false}, phase);
 }
 
 Result traced(const std::string &path, const Result &r) {
@@ -208,8 +198,10 @@ Result restoreAttr(const std::string &path, int32_t phase) {
   return phase < kPhaseMain ? Result{} : traced(path, restorePath(path, phase));
 }
 
-Result restoreAttrOf(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, int32_t phase) {
-  return phase < kPhaseMain ? Result{} : traced(path, restoreOpen(path, snap, active, phase));
+Result restoreAttrOf(const std::string &path, const OpenObject &snap, OpenObject &active, int32_t phase,
+                     bool data_written) {
+  if (phase < kPhaseMain) return {};
+  return traced(path, restoreTarget({path, {}, snap, active, data_written}, phase));
 }
 
 Result restoreRootAttr() {

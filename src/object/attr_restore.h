@@ -5,7 +5,7 @@
 #include <string>
 
 #include "base/result.h"
-#include "kest.h"
+#include "object/open_object.h"
 
 // Makes them those of the object's snapshot copy. In phases 0 to 2 nothing. Files, links, FIFOs,
 // sockets and devices: everything, in every phase. Directories: the owner alone before phase 6,
@@ -14,8 +14,11 @@
 // temporary location.
 Result restoreAttr(const std::string &path, int32_t phase);
 
-// The same for the object at `path` that `active` has open; `snap` is its snapshot copy.
-Result restoreAttrOf(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active, int32_t phase);
+// The same for the object at `path` that is open as `active`; `snap` is its snapshot copy. What the
+// facts of both say is equal is left alone. `data_written`: the file's data were written since the
+// facts were read, which changes its times.
+Result restoreAttrOf(const std::string &path, const OpenObject &snap, OpenObject &active, int32_t phase,
+                     bool data_written);
 
 // The same for the root directory of the fileset, extended attributes included (unless -x); called
 // once, when nothing changes the root directory any more.

@@ -1,7 +1,5 @@
 #include "object/name_calls.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 
 #include "kest.h"
@@ -21,15 +19,6 @@ class Now {
  private:
   std::string path_;
 };
-
-Result openFile(const char *path, int flags, UniqueFd *fd) {
-  // The mode that the file is to have must wait until its owner is set. Until then the file belongs to
-  // root, and a set-user-ID bit would make it a root program, for good if the worker dies in between.
-  constexpr mode_t kOwnersAlone = 0600;
-  // O_NONBLOCK: if a FIFO has taken the name, the open must not wait for a peer.
-  fd->reset(kest_open_file(handles.activeFsP, path, flags | O_NONBLOCK, kOwnersAlone));
-  return *fd ? Result{} : failedErrno(0);
-}
 
 }  // namespace
 
@@ -85,13 +74,12 @@ Result makeNode(const std::string &path, mode_t mode, dev_t device) {
                        [&] { return called(kest_mknod(handles.activeFsP, Now(path), mode, device)); });
 }
 
-Result openOrMakeFile(const std::string &path, UniqueFd *fd, bool *created) {
+// The library makes the file with mode 0600. The mode that it is to have must wait until its owner is
+// set: until then the file belongs to root, and a set-user-ID bit would make it a root program, for
+// good if the worker dies in between.
+Result createFile(const std::string &path, OpenObject *file) {
   return retryClearing(path, "", [&] {
-    const Now now(path);
-    *created = false;
-    const Result made = openFile(now, O_RDWR | O_CREAT | O_EXCL, fd);
-    *created = static_cast<bool>(made);
-    // The name can be free again by now, hence O_CREAT here as well.
-    return made || made.err != EEXIST ? made : openFile(now, O_RDONLY | O_CREAT, fd);
+    file->file.reset(kest_icreate(handles.activeFsP, Now(path)));
+    return *file && kest_ifacts(file->get(), &file->facts) == 0 ? Result{} : failedErrno(0);
   });
 }

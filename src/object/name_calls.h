@@ -11,7 +11,7 @@
 #include <string>
 
 #include "base/result.h"
-#include "base/unique_fd.h"
+#include "object/open_object.h"
 
 Result unlinkName(const std::string &path, uint64_t ino, bool *clearing_failed = nullptr);
 Result removeEmptyDir(const std::string &path, uint64_t ino);  // of a nested fileset: EPERM
@@ -33,6 +33,5 @@ Result leaveOwnLink(const std::string &target, const std::string &location);
 
 Result makeNode(const std::string &path, mode_t mode, dev_t device);
 
-// Opens a regular file: makes it with mode 0600 and opens it for reading and writing where the name is
-// free (*created), else opens the file that has the name for reading.
-Result openOrMakeFile(const std::string &path, UniqueFd *fd, bool *created);
+// Makes a regular file with mode 0600, open for reading and writing. EEXIST where the name is taken.
+Result createFile(const std::string &path, OpenObject *file);

@@ -21,11 +21,16 @@ kest_fssnap_handle_t *handleOf(const std::string &path) {
   return liesIn(path, active) && active.size() > snap.size() ? handles.activeFsP : handles.oldFsP;
 }
 
+uid_t ownUser() {
+  static const uid_t uid = geteuid();
+  return uid;
+}
+
 // True and where the link points to, for a link that a restore left. A user's link that was moved aside
 // is the moved inode itself.
 bool isOwnLink(const std::string &location, uint64_t ino, std::string *target) {
   struct stat st;
-  return statPath(location, &st) && S_ISLNK(st.st_mode) && st.st_uid == geteuid() && st.st_ino != ino &&
+  return statPath(location, &st) && S_ISLNK(st.st_mode) && st.st_uid == ownUser() && st.st_ino != ino &&
          readLinkTarget(location, target);
 }
 
@@ -70,7 +75,7 @@ Result readLinkTarget(const std::string &path, std::string *target) {
 bool isInodeOrReplacement(const struct stat &st, uint64_t ino, const kest_iattr64_t &attr) {
   if (st.st_ino == ino) return true;
   const auto names = static_cast<uint64_t>(std::max<int64_t>(attr.ia_nlink, 1));
-  return (st.st_uid == geteuid() || st.st_uid == attr.ia_uid) && st.st_nlink <= names &&
+  return (st.st_uid == ownUser() || st.st_uid == attr.ia_uid) && st.st_nlink <= names &&
          youngerThanWorkDirectory(st);
 }
 

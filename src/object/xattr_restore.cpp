@@ -56,7 +56,7 @@ struct Attributes {
   uint64_t ino;
   kest_ifile_t *snapInode;
   const std::string &path;
-  kest_iattr64_t attr{};
+  kest_iattr64_t attr;
 };
 
 Result putBlob(kest_ifile_t *target, const std::vector<char> &blob, const std::string &path) {
@@ -82,30 +82,34 @@ Result copyAttributes(const Attributes &from, kest_ifile_t *target) {
   return putBlob(target, blob, from.path).at(kPutAttributes);
 }
 
-// Opens the object at the path, if it is the one that the attributes are for.
-Result openTarget(const Attributes &from, Inode *target) {
+void traceNone(const Attributes &from) {
+  if (from.attr.ia_xattr != 0) return;
+  traceLog("restoreXAttr: ino %lld. No EA to restore.\n", static_cast<long long>(from.ino));
+}
+
+// The attributes of the object at the path, if it is the one that they are for.
+Result restoreAtPath(Attributes &from) {
+  if (kest_istat(from.snapInode, &from.attr) != 0) return failedErrno(kStatCopy);
+  traceNone(from);
   struct stat st;
   if (Result r = statPath(from.path, &st); !r) return r.at(kLookAtObject);
   if (!isInodeOrReplacement(st, from.ino, from.attr)) return failedErrno(kLookAtObject, ESTALE);
-  return openInode(handles.activeFsP, st.st_ino, target).at(kOpenObject);
+  Inode target;
+  if (Result r = openInode(handles.activeFsP, st.st_ino, &target); !r) return r.at(kOpenObject);
+  return copyAttributes(from, target.get());
 }
 
-// `target` null: the object at the path.
-Result restore(Attributes &from, kest_ifile_t *target) {
-  if (kest_istat(from.snapInode, &from.attr) != 0) return failedErrno(kStatCopy);
-  if (from.attr.ia_xattr == 0) {
-    traceLog("restoreXAttr: ino %lld. No EA to restore.\n", static_cast<long long>(from.ino));
-  }
-  if (target != nullptr) return copyAttributes(from, target);
-  Inode opened;
-  if (Result r = openTarget(from, &opened); !r) return r;
-  return copyAttributes(from, opened.get());
+Result restoreOpen(const Attributes &from, OpenObject &active) {
+  traceNone(from);
+  if (from.attr.ia_xattr == 0 && !active.has(KEST_HAS_BLOB)) return {};
+  return copyAttributes(from, active.get());
 }
 
-Result restoreAndTrace(Attributes from, kest_ifile_t *target) {
+template <typename Body>
+Result traced(const Attributes &from, const Body &body) {
   const long long number = static_cast<long long>(from.ino);
   traceLog("restoreXAttr: ino %lld\n", number);
-  const Result r = restore(from, target);
+  const Result r = body();
   if (!r) {
     traceLog("restoreXAttr: ino %lld, path %s, rc %d, code %d, err %d\n", number, from.path.c_str(),
              r.rc, r.code, r.err);
@@ -116,9 +120,11 @@ Result restoreAndTrace(Attributes from, kest_ifile_t *target) {
 }  // namespace
 
 Result restoreXAttr(uint64_t ino, kest_ifile_t *snapInode, const std::string &path) {
-  return restoreAndTrace({ino, snapInode, path}, nullptr);
+  Attributes from{ino, snapInode, path, {}};
+  return traced(from, [&] { return restoreAtPath(from); });
 }
 
-Result restoreXAttrOf(kest_ifile_t *snapInode, kest_ifile_t *active, const std::string &path) {
-  return restoreAndTrace({snapInode->if_inode, snapInode, path}, active);
+Result restoreXAttrOf(const OpenObject &snap, OpenObject &active, const std::string &path) {
+  const Attributes from{snap.get()->if_inode, snap.get(), path, snap.facts.attr};
+  return traced(from, [&] { return restoreOpen(from, active); });
 }

@@ -96,10 +96,11 @@ void traceLog(const char *format, ...) {
     errno = saved;
     return;
   }
+  static const long long pid = getpid();  // vfork's children trace nothing
   char prefix[256];
-  const int prefix_length = snprintf(
-      prefix, sizeof prefix, "[%s][%s][pid:%lld phase:%d pass:%d]: ", formatTimeStamp().c_str(),
-      hostName().c_str(), static_cast<long long>(getpid()), settings.phase, settings.pass);
+  const int prefix_length = snprintf(prefix, sizeof prefix,
+                                     "[%s][%s][pid:%lld phase:%d pass:%d]: ", formatTimeStamp().c_str(),
+                                     hostName().c_str(), pid, settings.phase, settings.pass);
   std::string line(prefix, static_cast<size_t>(prefix_length));
   va_list args, again;
   va_start(args, format);

@@ -36,34 +36,51 @@ Result writeHole(kest_ifile_t *to, int64_t offset, int64_t length) {
   return result;
 }
 
-Result copyPieces(kest_ifile_t *from, kest_ifile_t *to, const int64_t offset, const int64_t length) {
-  const int64_t block = settings.fsBlockSize;
-  std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(block)]);
-  if (!buffer) return failedErrno(kAllocate, ENOMEM);
-  int64_t position = offset, done = 0;
-  while (done < length) {
-    const int64_t before = position;
+// Copies a range of data, block by block.
+Result copyBlocks(kest_ifile_t *from, kest_ifile_t *to, char *buffer, int64_t offset, int64_t length) {
+  while (length > 0) {
+    int64_t position = offset;
     int hole = 0;
     errno = 0;
-    int64_t got = kest_ireadx(from, handles.iscanFromP, buffer.get(), std::min(length - done, block),
-                              &position, 0, &hole);
+    int64_t got = kest_ireadx(from, handles.iscanFromP, buffer,
+                              std::min<int64_t>(length, settings.fsBlockSize), &position, 0, &hole);
     if (got < 1) {
-      // The list asks for more than the snapshot's file holds, or it cannot be read.
       const Result result = failedErrno(kRead);
       traceLog("copyToActiveFile: readLen %ld, err %d\n", static_cast<long>(got), result.err);
       return result;
     }
-    if (done + got > length) {
-      traceLog("copyToActiveFile: bytesDone %ld + readLen %ld > len %ld", static_cast<long>(done),
-               static_cast<long>(got), static_cast<long>(length));
-      got = length - done;
-    }
-    if (position != before) return failedErrno(kReadElsewhere, EIO);
-    position += got;
+    if (position != offset) return failedErrno(kReadElsewhere, EIO);
+    got = std::min(got, length);
     errno = 0;
-    if (kest_iwritex(to, hole ? nullptr : buffer.get(), got, before, hole) != got)
-      return failedErrno(kWrite);
-    done += got;
+    if (kest_iwritex(to, hole ? nullptr : buffer, got, offset, hole) != got) return failedErrno(kWrite);
+    offset += got;
+    length -= got;
+  }
+  return {};
+}
+
+// Copies a range as it is in the snapshot's file: a hole, however long, costs one call.
+Result copyRange(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t length) {
+  std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(settings.fsBlockSize)]);
+  if (!buffer) return failedErrno(kAllocate, ENOMEM);
+  for (const int64_t end = offset + length; offset < end;) {
+    int64_t position = offset;
+    int hole = 0;
+    errno = 0;
+    const int64_t stretch = kest_ireadx(from, handles.iscanFromP, nullptr, 0, &position, end, &hole);
+    if (stretch < 1) {
+      // The list asks for more than the snapshot's file holds, or it cannot be read.
+      const Result result = failedErrno(kRead);
+      traceLog("copyToActiveFile: readLen %ld, err %d\n", static_cast<long>(stretch), result.err);
+      return result;
+    }
+    if (position != offset) return failedErrno(kReadElsewhere, EIO);
+    const int64_t part = std::min(stretch, end - offset);
+    if (Result r =
+            hole ? writeHole(to, offset, part) : copyBlocks(from, to, buffer.get(), offset, part);
+        !r)
+      return r;
+    offset += part;
   }
   return {};
 }
@@ -77,7 +94,7 @@ Result shareOrCopy(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t
   if (length < 0) return failedErrno(kCheckLength, EINVAL);
   if (Result r = shareRange(from, to, &offset, &length); !r) return r.at(kShare);
   if (length == 0) return {};
-  return hole ? writeHole(to, offset, length) : copyPieces(from, to, offset, length);
+  return hole ? writeHole(to, offset, length) : copyRange(from, to, offset, length);
 }
 
 }  // namespace

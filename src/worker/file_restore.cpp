@@ -13,6 +13,7 @@
 #include "object/attr_restore.h"
 #include "object/flags.h"
 #include "object/name_calls.h"
+#include "object/open_object.h"
 #include "object/paths.h"
 #include "object/places.h"
 #include "object/xattr_restore.h"
@@ -33,8 +34,7 @@ enum DeletedStep : int {
   kOpenDeleted = 1,
   kMadeXAttrs = 3,
   kTruncate = 4,
-  kCheckMade = 5,  // the object at the path is none that this run made for the inode
-  kOpenMade = 6,
+  kCheckMade = 5,         // the object at the path is none that this run made for the inode
   kTruncateClearing = 7,  // the flags that forbid it could not be cleared
   kFindSnapPath = 8,
   kCopyData = 9,
@@ -48,7 +48,7 @@ enum DeletedStep : int {
 // Making one object of the snapshot again at a path of the active fileset.
 class DeletedFile {
  public:
-  DeletedFile(const Record &record, Inode snap);
+  DeletedFile(const Record &record, OpenObject snap);
   Result restore();
 
  private:
@@ -56,25 +56,25 @@ class DeletedFile {
   Result makeSpecial();
   Result createFailed(const char *call, int err) const;
   Result livesElsewhere(bool *lives);
-  Result makeRegular(struct stat *st);
-  Result fill(const struct stat &st);
+  Result makeRegular();
+  Result fill();
   Result restoreXAttrs();
   Result restoreAttributes();
-  Result sizeFile(const struct stat &st);
-  Result copyData(const struct stat &st);
-  int64_t snapSize() const { return static_cast<int64_t>(snap_->if_size); }
+  Result sizeFile();
+  Result copyData();
+  int64_t snapSize() const { return snap_.facts.attr.ia_size; }
 
   const std::string &path_;
   const uint64_t ino_;
   Operation data_;  // the range that is all of the file
-  Inode snap_;
-  Inode active_;             // a regular file, once it is there; empty where it cannot be opened
+  OpenObject snap_;
+  OpenObject active_;        // a regular file, once it is there
   bool atItsPlace_ = false;  // the snapshot is known to have `ino_` at the same path
 };
 
-DeletedFile::DeletedFile(const Record &record, Inode snap)
+DeletedFile::DeletedFile(const Record &record, OpenObject snap)
     : path_(record.path), ino_(record.ino), data_(record.op), snap_(std::move(snap)) {
-  if (data_.length == 0) data_.length = snap_->if_size;
+  if (data_.length == 0) data_.length = static_cast<uint64_t>(snapSize());
 }
 
 Result DeletedFile::createFailed(const char *call, int err) const {
@@ -98,9 +98,7 @@ Result DeletedFile::makeLink() {
 }
 
 Result DeletedFile::makeSpecial() {
-  kest_iattr64_t attr;
-  if (kest_istat(snap_.get(), &attr) != 0) return failed(kReadInode);
-  const mode_t mode = snap_->if_mode;
+  const mode_t mode = snap_.facts.attr.ia_mode;
   dev_t device = 0;
   if (S_ISCHR(mode) || S_ISBLK(mode)) {
     unsigned major_no = 0, minor_no = 0;
@@ -108,7 +106,7 @@ Result DeletedFile::makeSpecial() {
     device = makedev(major_no, minor_no);
   }
   traceLog("restoreDelFile: create special file: ia_rdev %lx, mode %lx, devId %llx, path %s\n",
-           static_cast<unsigned long>(attr.ia_rdev), static_cast<unsigned long>(mode),
+           static_cast<unsigned long>(snap_.facts.attr.ia_rdev), static_cast<unsigned long>(mode),
            static_cast<unsigned long long>(device), path_.c_str());
   const Result made = makeNode(path_, mode, device);
   struct stat st;
@@ -120,22 +118,22 @@ Result DeletedFile::makeSpecial() {
 
 Result DeletedFile::restoreXAttrs() {
   if (settings.noXAttr) return {};
-  const Result result = active_ ? restoreXAttrOf(snap_.get(), active_.get(), path_)
-                                : restoreXAttr(ino_, snap_.get(), path_);
+  const Result result =
+      active_ ? restoreXAttrOf(snap_, active_, path_) : restoreXAttr(ino_, snap_.get(), path_);
   return result.at(kMadeXAttrs);
 }
 
 Result DeletedFile::restoreAttributes() {
   const Result result = active_ && atItsPlace_
-                            ? restoreAttrOf(path_, snap_.get(), active_.get(), settings.phase)
+                            ? restoreAttrOf(path_, snap_, active_, settings.phase, true)
                             : restoreAttr(path_, settings.phase);
   return result.at(kMadeAttributes);
 }
 
-Result DeletedFile::sizeFile(const struct stat &st) {
-  if (st.st_size == snapSize()) return {};
+Result DeletedFile::sizeFile() {
+  if (active_.facts.attr.ia_size == snapSize()) return {};
   bool clearing_failed = false;
-  if (Result r = truncatePath(path_, snapSize(), st.st_ino, &clearing_failed); !r)
+  if (Result r = truncatePath(path_, snapSize(), active_.get()->if_inode, &clearing_failed); !r)
     return failed(clearing_failed ? kTruncateClearing : kTruncate, r.err);
   return {};
 }
@@ -148,9 +146,7 @@ Result DeletedFile::livesElsewhere(bool *lives) {
   // as a fatal error, so the run ends with 1.
   bool clone = false;
   if (!isClone(snap_.get(), &clone) || !clone) return {};
-  kest_iattr64_t attr;
-  if (kest_istat(snap_.get(), &attr) != 0) return failed(kReadInode);
-  if (attr.ia_nlink <= 1) return {};
+  if (snap_.facts.attr.ia_nlink <= 1) return {};
   FileKind kind = kKindOther;
   if (Result r = checkFile(ino_, &kind); !r) return failed(kReadInode, r.err);
   *lives = kind == kKindSame;
@@ -158,20 +154,23 @@ Result DeletedFile::livesElsewhere(bool *lives) {
 }
 
 // The file may be there already: a lost worker made it, or phase 8 repeats its record.
-Result DeletedFile::makeRegular(struct stat *st) {
-  UniqueFd fd;
-  bool created = false;
-  if (Result r = openOrMakeFile(path_, &fd, &created); !r) return createFailed("open", r.err);
-  if (fstat(fd.get(), st) != 0) return failed(kCheckMade);
-  if (!S_ISREG(st->st_mode)) return failed(kCheckMade, EEXIST);
-  if (!isReplacement(*st, snap_.get())) return failed(kCheckMade, ESTALE);
-  const Result opened = created ? takeInode(handles.activeFsP, &fd, &active_)
-                                : openInode(handles.activeFsP, st->st_ino, &active_, 1);
-  // A flag can forbid opening an older file: copyData clears it and tries again.
-  return created ? opened.at(kOpenMade) : Result{};
+Result DeletedFile::makeRegular() {
+  constexpr int kMostAttempts = 100;  // as long as users give the name and take it away
+  Result made;
+  for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
+    made = createFile(path_, &active_);
+    if (made || made.err != EEXIST) break;
+    if (made = openAt(path_, &active_); made || made.err != ENOENT) break;
+  }
+  if (!made) return createFailed("open", made.err);
+  if (active_.type() != S_IFREG) return failed(kCheckMade, EEXIST);
+  // Its number was another file's, if it is not one that this run made.
+  struct stat st;
+  if (kest_ifstat(active_.get(), &st) != 0) return failed(kCheckMade);
+  return isReplacement(st, snap_.get()) ? Result{} : failed(kCheckMade, ESTALE);
 }
 
-Result DeletedFile::fill(const struct stat &st) {
+Result DeletedFile::fill() {
   if (settings.phase == kPhaseCreate) {
     SnapPlace place;
     if (Result r = getSnapPath(path_, &place); !r) {
@@ -184,28 +183,20 @@ Result DeletedFile::fill(const struct stat &st) {
   // accepts.
   if (Result r = restoreXAttrs(); !r) return r;
   // In phase 51 the data makes a shorter file long enough.
-  if (settings.phase == kPhaseLinks || st.st_size > snapSize()) {
-    if (Result r = sizeFile(st); !r) return r;
+  if (settings.phase == kPhaseLinks || active_.facts.attr.ia_size > snapSize()) {
+    if (Result r = sizeFile(); !r) return r;
   }
   if (data_.length > 0) {
-    if (Result r = copyData(st); !r) return r;
+    if (Result r = copyData(); !r) return r;
   }
   return restoreAttributes();
 }
 
-Result DeletedFile::copyData(const struct stat &st) {
+Result DeletedFile::copyData() {
   bool clearing_failed = false;
   const Result copied = retryClearing(
-      path_, "",
-      [&] {
-        if (!active_) {
-          if (Result r = openInode(handles.activeFsP, st.st_ino, &active_, 1); !r) return r;
-        }
-        return copyToActiveFile(snap_.get(), active_.get(), data_);
-      },
-      &clearing_failed);
+      path_, "", [&] { return copyToActiveFile(snap_.get(), active_.get(), data_); }, &clearing_failed);
   if (copied) return {};
-  if (!active_) return copied.at(kOpenMade);
   if (clearing_failed) return copied.at(kCopyClearing);
   traceLog("restoreDelFile: failed to copy data, offset %ld length %ld\n",
            static_cast<long>(data_.offset), static_cast<long>(data_.length));
@@ -213,7 +204,7 @@ Result DeletedFile::copyData(const struct stat &st) {
 }
 
 Result DeletedFile::restore() {
-  const mode_t mode = snap_->if_mode;
+  const mode_t mode = snap_.facts.attr.ia_mode;
   if (!isRegular(mode)) {
     if (Result r = S_ISLNK(mode) ? makeLink() : makeSpecial(); !r) return r;
     if (Result r = restoreXAttrs(); !r) return r;
@@ -223,14 +214,13 @@ Result DeletedFile::restore() {
     bool lives = false;
     if (Result r = livesElsewhere(&lives); !r || lives) return r;
   }
-  struct stat st;
-  if (Result r = makeRegular(&st); !r) return r;
-  return fill(st);
+  if (Result r = makeRegular(); !r) return r;
+  return fill();
 }
 
 Result restoreDeleted(const Record &record) {
-  Inode snap;
-  if (Result r = openInode(handles.oldFsP, record.ino, &snap); !r) return r.at(kOpenDeleted);
+  OpenObject snap;
+  if (Result r = openSnapshotObject(record.ino, &snap); !r) return r.at(kOpenDeleted);
   return DeletedFile(record, std::move(snap)).restore();
 }
 
@@ -247,37 +237,38 @@ enum SurvivorStep : int {
 
 // Where the path belongs to another object of the snapshot, the move back restores the attributes.
 // `active`: the object at the path; null: it is another one by now.
-Result attributesOfSurvivor(const std::string &path, kest_ifile_t *snap, kest_ifile_t *active) {
+Result attributesOfSurvivor(const Record &record, const OpenObject &snap, OpenObject *active) {
   SnapPlace place;
-  if (Result r = getSnapPath(path, &place); !r)
+  if (Result r = getSnapPath(record.path, &place); !r)
     return place.absent || r.err == ENOENT ? Result{} : failed(kAttributes, r.err);
-  if (place.ino != snap->if_inode) return {};
-  const Result result = active != nullptr ? restoreAttrOf(path, snap, active, settings.phase)
-                                          : restoreAttr(path, settings.phase);
+  if (place.ino != record.ino) return {};
+  const Result result = active != nullptr ? restoreAttrOf(record.path, snap, *active, settings.phase,
+                                                          record.op.length > 0)
+                                          : restoreAttr(record.path, settings.phase);
   return result.at(kAttributes);
 }
 
 Result restoreSurvivor(const Record &record) {
   const std::string &path = record.path;
-  Inode snap, active;
-  if (Result r = openInode(handles.oldFsP, record.ino, &snap); !r) return r.at(kOpenSnapshot);
-  const Result opened = openInode(handles.activeFsP, record.ino, &active);
+  OpenObject snap, active;
+  if (Result r = openSnapshotObject(record.ino, &snap); !r) return r.at(kOpenSnapshot);
+  const Result opened = openSameFile(snap, &active);
   struct stat st;
   const bool in_place = opened && statPath(path, &st) && st.st_ino == record.ino;
   if (!settings.noXAttr) {
-    if (Result r = in_place ? restoreXAttrOf(snap.get(), active.get(), path)
-                            : restoreXAttr(record.ino, snap.get(), path);
+    if (Result r =
+            in_place ? restoreXAttrOf(snap, active, path) : restoreXAttr(record.ino, snap.get(), path);
         !r)
       return r.at(kXAttrs);
   }
-  if (isDirectory(snap->if_mode)) return listNewDir(path, record.ino).at(kListDirectory);
-  if (isRegular(snap->if_mode)) {
+  if (snap.type() == S_IFDIR) return listNewDir(path, record.ino).at(kListDirectory);
+  if (snap.type() == S_IFREG) {
     if (!opened) return opened.at(kOpenActive);
     const Result copied =
         retryClearing(path, "", [&] { return copyToActiveFile(snap.get(), active.get(), record.op); });
     if (!copied) return copied.at(kCopyRange);
   }
-  return attributesOfSurvivor(path, snap.get(), in_place ? active.get() : nullptr);
+  return attributesOfSurvivor(record, snap, in_place ? &active : nullptr);
 }
 
 // ---- markUnfinished

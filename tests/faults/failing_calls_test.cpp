@@ -88,7 +88,7 @@ TEST_F(FailingCalls, EachCall) {
 // A failure that brings no reason is one all the same: a batch that it stops is not done.
 TEST_F(FailingCalls, FailureWithoutAnErrorNumber) {
   const std::pair<const char *, int> cases[] = {{"kest_unlink", kMain},       {"kest_ishare", kMain},
-                                                {"kest_fset_times", kDirs},   {"kest_link", kLinks},
+                                                {"kest_iset_times", kDirs},   {"kest_link", kLinks},
                                                 {"kest_rename_noreplace", 4}, {"kest_next_inode64", 0}};
   for (const auto &[call, where] : cases)
     expectFailureAndRepair({.call = call, .error = 0, .where = where, .nth = 2});
@@ -96,8 +96,8 @@ TEST_F(FailingCalls, FailureWithoutAnErrorNumber) {
 
 TEST_F(FailingCalls, NoSpace) {
   const std::pair<const char *, int> cases[] = {
-      {"kest_ishare", kMain},   {"kest_open_file", kCreate}, {"kest_ishare", kCreate},
-      {"kest_mkdir", kMain},    {"kest_link", kLinks},       {"kest_rename_noreplace", kMaster},
+      {"kest_ishare", kMain},   {"kest_icreate", kCreate}, {"kest_ishare", kCreate},
+      {"kest_mkdir", kMain},    {"kest_link", kLinks},     {"kest_rename_noreplace", kMaster},
       {"kest_symlink", kMaster}};
   for (const auto &[call, where] : cases) {
     const Fault fault{.call = call, .error = ENOSPC, .where = where, .nth = 1};

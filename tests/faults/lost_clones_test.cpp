@@ -62,7 +62,7 @@ TEST_F(LostClones, WorkerThatMakesThem) {
   expectEachRetried("kest_ishare", kClones, 5);
   expectEachRetried("kest_iputattrsx", kClones, 5);
   expectEachRetried("kest_iclone_snap", kClones, 2);
-  expectEachRetried("kest_fset_times", kClones, 5);
+  expectEachRetried("kest_iset_times", kClones, 5);
 }
 
 }  // namespace

@@ -25,14 +25,14 @@ struct Place {
 
 TEST_F(LostProcesses, WorkerInTheMiddleOfAStep) {
   const Place places[] = {{kMain, "kest_unlink", 1},      {kMain, "kest_rename_noreplace", 3},
-                          {kMain, "kest_ishare", 2},      {kMain, "kest_fset_times", 1},
-                          {kMain, "kest_iputattrsx", 4},  {kMain, "kest_mkdir", 2},
-                          {kMain, "kest_rmdir", 1},       {kCreate, "kest_open_file", 2},
+                          {kMain, "kest_ishare", 2},      {kMain, "kest_iset_times", 1},
+                          {kMain, "kest_iputattrsx", 1},  {kMain, "kest_mkdir", 2},
+                          {kMain, "kest_rmdir", 1},       {kCreate, "kest_icreate", 2},
                           {kCreate, "kest_symlink", 1},   {kCreate, "kest_mknod", 1},
-                          {kCreate, "kest_ishare", 1},    {kCreate, "kest_fset_times", 1},
-                          {kDirs, "kest_fset_times", 3},  {kDirs, "kest_fcntl", 9},
-                          {kLinks, "kest_open_file", 1},  {kLinks, "kest_link", 1},
-                          {kLinks, "kest_fset_times", 1}, {kMoveBack, "kest_fcntl", 4}};
+                          {kCreate, "kest_ishare", 1},    {kCreate, "kest_iset_times", 1},
+                          {kDirs, "kest_iset_times", 3},  {kDirs, "kest_ifacts", 9},
+                          {kLinks, "kest_icreate", 1},    {kLinks, "kest_link", 1},
+                          {kLinks, "kest_iset_times", 1}, {kMoveBack, "kest_ifacts", 4}};
   FaultAction action = FaultAction::kKillBefore;
   for (const Place &place : places) {
     expectRetried({.call = place.call, .action = action, .where = place.phase, .nth = place.nth});
@@ -64,16 +64,15 @@ TEST_F(LostProcesses, WorkerBetweenTwoNamesOfOneInode) {
 }
 
 TEST_F(LostProcesses, EngineOnceIsRetried) {
-  const Place places[] = {{kMain, "kest_ishare", 1},
-                          {kMoveBack, "kest_rename_noreplace", 2},
-                          {kCreate, "kest_open_file", 3}};
+  const Place places[] = {
+      {kMain, "kest_ishare", 1}, {kMoveBack, "kest_rename_noreplace", 2}, {kCreate, "kest_icreate", 3}};
   for (const auto &[phase, call, nth] : places)
     expectRetried({.call = call, .action = FaultAction::kKillEngine, .where = phase, .nth = nth});
 }
 
 TEST_F(LostProcesses, WhatDiesEveryTimeIsGivenUp) {
   const Place places[] = {{kMain, "kest_ishare", 2}, {kMoveBack, "kest_rename_noreplace", 2},
-                          {kCreate, "*", 3},         {kDirs, "kest_fputacl", 1},
+                          {kCreate, "*", 3},         {kDirs, "kest_iset_times", 1},
                           {kLinks, "kest_link", 1},  {kMoveBack, "kest_statfs64", 1}};
   for (const auto &[phase, call, nth] : places) {
     const bool engine = std::string(call) == "kest_statfs64";
@@ -95,7 +94,7 @@ TEST_F(LostProcesses, MasterThenTheSameCommand) {
   const std::pair<const char *, uint64_t> places[] = {{"kest_rename_noreplace", 2},
                                                       {"kest_rename_noreplace", 7},
                                                       {"kest_symlink", 1},
-                                                      {"kest_fputacl", 4}};
+                                                      {"kest_iset_times", 1}};
   for (const auto &[call, nth] : places) {
     const Fault fault{.call = call, .action = FaultAction::kKillAfter, .where = kMaster, .nth = nth};
     SCOPED_TRACE(fault.words());
@@ -114,7 +113,7 @@ TEST_F(LostProcesses, NoUsersProgramIsLeftToRoot) {
   tree().file("tool", "root's", 0755);
   takeSnapshot();
   for (const int phase : {kMain, kCreate}) {
-    for (const char *call : {"kest_fchown", "kest_fputacl"}) {
+    for (const char *call : {"kest_ichown", "kest_ichmod"}) {
       tree().remove("program");
       tree().chown("tool", kUser, kUser);
       tree().chmod("tool", 04755);

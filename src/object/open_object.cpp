@@ -1,0 +1,41 @@
+#include "object/open_object.h"
+
+#include <sys/stat.h>
+
+#include "object/paths.h"
+
+namespace {
+
+Result readFacts(OpenObject *object) {
+  if (!object->file) return failedErrno(0);
+  if (kest_ifacts(object->get(), &object->facts) == 0) return {};
+  const Result r = failedErrno(0);
+  object->file.reset();
+  return r;
+}
+
+}  // namespace
+
+Result openSnapshotObject(uint64_t ino, OpenObject *object) {
+  object->file.reset(kest_iopen64(handles.oldFsP, ino, 0, nullptr, nullptr));
+  return readFacts(object);
+}
+
+Result openAt(const std::string &path, OpenObject *object) {
+  const std::string now = resolveOwnLinks(path);
+  object->file.reset(kest_iopen_path(handles.activeFsP, now.c_str()));
+  return readFacts(object);
+}
+
+Result openSameFile(const OpenObject &snap, OpenObject *object) {
+  object->file.reset(kest_iopen_same(handles.activeFsP, snap.get()));
+  return readFacts(object);
+}
+
+bool isInodeOrReplacement(const OpenObject &active, const OpenObject &snap) {
+  struct stat st {};
+  st.st_ino = active.get()->if_inode;
+  st.st_uid = static_cast<uid_t>(active.facts.attr.ia_uid);
+  st.st_nlink = static_cast<nlink_t>(active.facts.attr.ia_nlink);
+  return isInodeOrReplacement(st, snap.get()->if_inode, snap.facts.attr);
+}
