@@ -45,11 +45,12 @@ void FileReader::seek(uint64_t position) {
   buffer_.clear();
   at_ = 0;
   read_ = position;
+  at_end_ = false;
 }
 
 Result FileReader::peek(size_t want, std::string_view *text) {
   int failure = 0;
-  for (bool at_end = false; !at_end && failure == 0 && buffer_.size() - at_ < want;) {
+  while (!at_end_ && failure == 0 && buffer_.size() - at_ < want) {
     buffer_.erase(0, at_);
     at_ = 0;
     const size_t have = buffer_.size();
@@ -57,7 +58,7 @@ Result FileReader::peek(size_t want, std::string_view *text) {
     const ssize_t got =
         pread(fd_.get(), buffer_.data() + have, buffer_.size() - have, static_cast<off_t>(read_));
     if (got < 0 && errno != EINTR) failure = errno;
-    at_end = got == 0;
+    at_end_ = got == 0;
     const auto bytes = static_cast<size_t>(std::max<ssize_t>(got, 0));
     buffer_.resize(have + bytes);
     read_ += bytes;

@@ -37,6 +37,7 @@ class FileReader {
   const size_t piece_;
   UniqueFd fd_;
   std::string buffer_;
-  size_t at_ = 0;      // of the current position in the buffer
-  uint64_t read_ = 0;  // position in the file of the buffer's end
+  size_t at_ = 0;        // of the current position in the buffer
+  uint64_t read_ = 0;    // position in the file of the buffer's end
+  bool at_end_ = false;  // a read found nothing more: the file is read as far as it went then
 };

@@ -10,7 +10,7 @@ namespace kest {
 class BtrfsTree : public Tree {
  public:
   explicit BtrfsTree(TreeRoot root)
-      : root_(std::move(root)), reader_(root_.fd.get(), root_.subvol_id) {}
+      : root_(std::move(root)), reader_(root_.fd.get(), root_.subvol_id, kFirstItems, kMostItems) {}
 
   uint64_t id() const override { return root_.subvol_id; }
   const std::string &path() const override { return root_.path; }
@@ -38,6 +38,7 @@ class BtrfsTree : public Tree {
   int isFrozen() const;
 
   const TreeRoot root_;
+  static constexpr uint32_t kFirstItems = 4, kMostItems = 64;  // of a batch of records in a worker
   mutable TreeReader reader_;
   mutable int frozen_ = -1;  // the answer of isFrozen(); -1: not asked yet
 };

@@ -13,8 +13,7 @@ namespace {
 
 constexpr size_t kSmallest = 1024;
 constexpr size_t kItemBytes = 128;  // more than most items take
-constexpr uint32_t kMostItems = 2048;
-constexpr uint64_t kNear = 4;  // inodes
+constexpr uint64_t kNear = 4;       // inodes
 constexpr TreeKey kMaxKey{kLastInode, 255, UINT64_MAX};
 
 }  // namespace
@@ -84,7 +83,7 @@ int TreeReader::fetch(const TreeKey &key, const TreeKey &from) {
   // Reading past a few inodes takes as long as one more search.
   const bool onwards = valid_ && key >= end_ && key.objectid - end_.objectid < kNear;
   want_items_ = expected_ != 0 ? expected_
-                : onwards      ? std::min(want_items_ * 2, kMostItems)
+                : onwards      ? std::min(want_items_ * 2, most_items_)
                                : first_items_;
   expected_ = 0;
   valid_ = false;

@@ -53,10 +53,13 @@ class TreeBatch {
 // are read together and kept: the closer the questions, the more of them.
 class TreeReader {
  public:
+  static constexpr uint32_t kMostItems = 2048;
   // `first_items`: how many are read for a question that is not close to the last one; the default
-  // holds an inode with its names and the first range of its data.
-  TreeReader(int fd, uint64_t tree_id, uint32_t first_items = 4)
-      : fd_(fd), tree_id_(tree_id), first_items_(first_items) {}
+  // holds an inode with its names and the first range of its data. `most_items`: up to how many are
+  // read while questions go on in order; a reader that lives for a few questions wastes what it reads
+  // ahead.
+  TreeReader(int fd, uint64_t tree_id, uint32_t first_items = 4, uint32_t most_items = kMostItems)
+      : fd_(fd), tree_id_(tree_id), first_items_(first_items), most_items_(most_items) {}
   uint64_t treeId() const { return tree_id_; }
   int fd() const { return fd_; }
 
@@ -73,7 +76,7 @@ class TreeReader {
 
   int fd_;
   uint64_t tree_id_;
-  uint32_t first_items_;
+  uint32_t first_items_, most_items_;
   TreeBatch batch_;
   TreeKey from_, end_;  // the batch holds every item in [from_, end_)
   bool valid_ = false;
