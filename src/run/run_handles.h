@@ -6,7 +6,6 @@
 #include <string>
 
 #include "base/result.h"
-#include "base/unique_fd.h"
 #include "kest.h"
 
 struct RunHandles {
@@ -39,10 +38,6 @@ Result openInode(kest_fssnap_handle_t *fs, uint64_t ino, Inode *file, int flags 
 
 // The same where a missing inode is no failure: `file` is empty then.
 Result openIfThere(kest_fssnap_handle_t *fs, uint64_t ino, Inode *file, int flags = 0);
-
-// The open inode of a regular file behind `fd`, open for reading and writing; it takes the descriptor
-// over. After a failure, whose rc is the errno, `fd` is as it was.
-Result takeInode(kest_fssnap_handle_t *fs, UniqueFd *fd, Inode *file);
 
 inline bool isRegular(uint32_t mode) {
   return S_ISREG(mode);
