@@ -32,10 +32,23 @@ Result openSameFile(const OpenObject &snap, OpenObject *object) {
   return readFacts(object);
 }
 
-bool isInodeOrReplacement(const OpenObject &active, const OpenObject &snap) {
+namespace {
+
+// What identity is judged by, as far as the facts know it.
+struct stat identityOf(const OpenObject &object) {
   struct stat st {};
-  st.st_ino = active.get()->if_inode;
-  st.st_uid = static_cast<uid_t>(active.facts.attr.ia_uid);
-  st.st_nlink = static_cast<nlink_t>(active.facts.attr.ia_nlink);
-  return isInodeOrReplacement(st, snap.get()->if_inode, snap.facts.attr);
+  st.st_ino = object.get()->if_inode;
+  st.st_uid = static_cast<uid_t>(object.facts.attr.ia_uid);
+  st.st_nlink = static_cast<nlink_t>(object.facts.attr.ia_nlink);
+  return st;
+}
+
+}  // namespace
+
+bool isInodeOrReplacement(const OpenObject &active, const OpenObject &snap) {
+  return isInodeOrReplacement(identityOf(active), snap.get()->if_inode, snap.facts.attr);
+}
+
+bool isReplacement(const OpenObject &active, const OpenObject &snap) {
+  return isInodeOrReplacement(identityOf(active), 0, snap.facts.attr);
 }

@@ -32,3 +32,5 @@ Result openSameFile(const OpenObject &snap, OpenObject *object);
 // True when the object of the active fileset is the snapshot's inode, or a process of this run made it
 // in that inode's stead (isInodeOrReplacement in object/paths.h).
 bool isInodeOrReplacement(const OpenObject &active, const OpenObject &snap);
+// The latter alone: for an inode that is gone, an object with its number could only be a stranger's.
+bool isReplacement(const OpenObject &active, const OpenObject &snap);

@@ -164,10 +164,7 @@ Result DeletedFile::makeRegular() {
   }
   if (!made) return createFailed("open", made.err);
   if (active_.type() != S_IFREG) return failed(kCheckMade, EEXIST);
-  // Its number was another file's, if it is not one that this run made.
-  struct stat st;
-  if (kest_ifstat(active_.get(), &st) != 0) return failed(kCheckMade);
-  return isReplacement(st, snap_.get()) ? Result{} : failed(kCheckMade, ESTALE);
+  return isReplacement(active_, snap_) ? Result{} : failed(kCheckMade, ESTALE);
 }
 
 Result DeletedFile::fill() {
