@@ -250,6 +250,7 @@ Result restoreSurvivor(const Record &record) {
   OpenObject snap, active;
   if (Result r = openSnapshotObject(record.ino, &snap); !r) return r.at(kOpenSnapshot);
   const Result opened = openSameFile(snap, &active);
+  if (!opened && opened.err != ENOENT) return opened.at(kOpenActive);
   struct stat st;
   const bool in_place = opened && statPath(path, &st) && st.st_ino == record.ino;
   if (!settings.noXAttr) {
