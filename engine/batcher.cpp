@@ -15,6 +15,12 @@ bool isLargeRange(const ListRecord &record) {
 
 }  // namespace
 
+size_t balancedBatchSize(uint64_t records, size_t workers, size_t most) {
+  constexpr uint64_t kBatchesPerWorker = 2, kLeast = 100;
+  const uint64_t share = records / (kBatchesPerWorker * std::max<size_t>(workers, 1)) + 1;
+  return static_cast<size_t>(std::min<uint64_t>(std::max(share, kLeast), most));
+}
+
 BatchRecord::BatchRecord(const ListRecord &record)
     : aggregate(record.aggregate), large_range(isLargeRange(record)), line(formatBatchLine(record)) {}
 

@@ -32,6 +32,11 @@ struct BatchRecord {
 
 using Batch = std::vector<BatchRecord>;
 
+// How many records a batch of a list of `records` gets, when `workers` can run at a time and a batch may
+// have `most`. The start of a worker takes as long as some twenty records, so batches are large; but
+// every worker gets several, for they do not all take equally long.
+size_t balancedBatchSize(uint64_t records, size_t workers, size_t most);
+
 // Streaming: holds at most about two batches that are not complete.
 class Batcher {
  public:

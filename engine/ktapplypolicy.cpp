@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -83,7 +84,10 @@ int applyPolicy(const Options &options) {
   WorkerSlots slots;
   if (!slots.open(&problem)) return fail(problem);
   const RunSignals signals;
-  BatchRun run({script, &directory, options.max_workers, options.batch_size}, &slots, &signals);
+  const size_t workers = std::min(options.max_workers, slots.budget());
+  BatchRun run({script, &directory, options.max_workers,
+                balancedBatchSize(records, workers, options.batch_size)},
+               &slots, &signals);
   if (!run.probe()) return fail(script.exec + " TEST failed, nothing was started");
   const RunOutcome outcome = run.run(&list);
   printf("%llu records in %llu batches, %llu failed%s\n",

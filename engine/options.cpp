@@ -13,7 +13,7 @@ const char *const kEngineUsage =
     "  -g DIRECTORY  where batch files are written\n"
     "  -r LIST       the list of records\n"
     "  -m N          workers at a time (24)\n"
-    "  -B N          records in a batch (100)\n"
+    "  -B N          most records in a batch (1000)\n"
     "  -N NODES      all, localhost or this machine's name\n"
     "  -h, --help    this text\n"
     "KT_MAX_WORKERS in the environment limits the workers of this run and all runs nested in it\n"

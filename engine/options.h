@@ -11,7 +11,7 @@ struct Options {
   std::string list;       // -r
   std::string nodes = "all";
   size_t max_workers = 24;  // -m
-  size_t batch_size = 100;  // -B
+  size_t batch_size = 1000;  // -B
   bool help = false;
 };
 

@@ -32,7 +32,7 @@ struct Settings {
   std::string filesetP;
   std::string snapOldP;
   std::string exe;               // absolute path of this program; the engine starts it for each batch
-  int32_t maxFiles = 100;        // most records in a worker's batch
+  int32_t maxFiles = 1000;       // most records in a worker's batch
   int32_t unitSize = 100;        // records that list writers put under one aggregate number
   int32_t fsBlockSize = 262144;  // bytes; the transfer unit
   int32_t frameSize = 262144 * 128;  // bytes; largest range of one data record

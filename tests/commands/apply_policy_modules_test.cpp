@@ -8,6 +8,13 @@
 
 namespace {
 
+TEST(Batcher, BalancedBatchSizes) {
+  EXPECT_EQ(balancedBatchSize(40, 4, 1000), 100u) << "a start costs more than such a share";
+  EXPECT_EQ(balancedBatchSize(4000, 4, 1000), 501u);
+  EXPECT_EQ(balancedBatchSize(1000000, 4, 1000), 1000u);
+  EXPECT_EQ(balancedBatchSize(40, 4, 7), 7u);
+}
+
 TEST(Batcher, BatchSizes) {
   struct Aggregate {
     int records, range = 0;  // range: bytes
