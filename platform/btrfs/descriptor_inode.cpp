@@ -31,17 +31,19 @@ DescriptorInode::~DescriptorInode() {
 
 int DescriptorInode::anyFd() const {
   if (read_fd_) return read_fd_.get();
-  return write_fd_ ? write_fd_.get() : fd_.get();
+  return write_fd_ ? write_fd_.get() : fd();
 }
 
 int DescriptorInode::readFd() {
-  if (held_ != Held::kPath) return fd_.get();
+  if (held_ != Held::kPath) return fd();
   if (read_fd_) return read_fd_.get();
   const mode_t mode = facts_.mode;
   if (!S_ISREG(mode) && !S_ISDIR(mode)) return -EINVAL;
   const int flags = O_RDONLY | O_NONBLOCK | (S_ISDIR(mode) ? O_DIRECTORY : 0);
-  int fd = openAgain(fd_.get(), flags | O_NOATIME);
-  if (fd == -EPERM) fd = openAgain(fd_.get(), flags);
+  const int path_fd = this->fd();
+  if (path_fd < 0) return path_fd;
+  int fd = openAgain(path_fd, flags | O_NOATIME);
+  if (fd == -EPERM) fd = openAgain(path_fd, flags);
   if (fd >= 0) read_fd_.reset(fd);
   return fd;
 }
@@ -51,7 +53,9 @@ int DescriptorInode::writeFd() {
   if (held_ == Held::kReal || held_ == Held::kBorrowed) return fd_.get();
   if (write_fd_) return write_fd_.get();
   if (!S_ISREG(facts_.mode)) return -EINVAL;
-  const int fd = openAgain(fd_.get(), O_WRONLY | O_NONBLOCK);
+  const int any = this->fd();
+  if (any < 0) return any;
+  const int fd = openAgain(any, O_WRONLY | O_NONBLOCK);
   if (fd == -EPERM) {
     Protection protection;
     if (readProtection(&protection) == 0 && protection.any()) return -EROFS;
@@ -160,7 +164,7 @@ int DescriptorInode::stretchAt(int64_t offset, int64_t end, int64_t *stop, bool 
 
 int DescriptorInode::readLink(std::string *target) {
   char buffer[PATH_MAX];
-  const ssize_t length = readlinkat(fd_.get(), "", buffer, sizeof buffer);
+  const ssize_t length = readlinkat(fd(), "", buffer, sizeof buffer);
   if (length < 0) return -errno;
   target->assign(buffer, static_cast<size_t>(length));
   return 0;

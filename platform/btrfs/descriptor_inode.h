@@ -1,6 +1,7 @@
 // An inode behind a descriptor: what the kernel's ordinary calls do with it.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -23,7 +24,7 @@ class DescriptorInode : public Inode {
   DescriptorInode(UniqueFd fd, Held held) : held_(held), fd_(std::move(fd)) {}
   ~DescriptorInode() override;
 
-  int fd() const { return fd_.get(); }
+  int fd() const { return fd_ ? fd_.get() : openLate(); }
   // Any descriptor of the inode. Calls cost less on one that is really open, where there is one.
   int anyFd() const;
   // Descriptor for reading file data, directory entries or inode flags. -EINVAL for all but files and
@@ -56,9 +57,18 @@ class DescriptorInode : public Inode {
   int duplicateDescriptor() override;
   int takeDescriptor() override;
 
+ protected:
+  // For an inode that was made without a descriptor: opens one, as `held` says, and hands it to keep().
+  // The descriptor or -errno.
+  virtual int openLate() const { return -EBADF; }
+  int keep(UniqueFd fd) const {
+    fd_ = std::move(fd);
+    return fd_.get();
+  }
+
  private:
   Held held_;
-  UniqueFd fd_;
+  mutable UniqueFd fd_;
   UniqueFd read_fd_, write_fd_;  // where fd_ is not open so, once they are needed
 };
 

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "btrfs/attributes.h"
 #include "btrfs/directory_listing.h"
 #include "btrfs/extent_diff.h"
+#include "btrfs/frozen_inode.h"
 #include "btrfs/inode.h"
 #include "btrfs/tree_compare.h"
 
@@ -16,8 +18,9 @@ BtrfsDifference::BtrfsDifference(const TreeRoot &root, uint64_t snapshot_id, uin
       snapshot_id_(snapshot_id),
       line_(line),
       active_(root.fd.get(), root.subvol_id),
-      active_names_(root.fd.get(), root.subvol_id),
-      snapshot_(root.fd.get(), snapshot_id) {}
+      snapshot_(root.fd.get(), snapshot_id),
+      walked_(root.fd.get(), root.subvol_id),
+      walked_snapshot_(root.fd.get(), snapshot_id) {}
 
 int BtrfsDifference::compute() {
   return compareTrees(root_, snapshot_id_, line_, &set_);
@@ -39,24 +42,36 @@ int BtrfsDifference::listChanged(Inode &dir, EntryList *entries) {
 }
 
 std::unique_ptr<EntryStream> BtrfsDifference::leadingEntries(Inode &dir) {
-  return std::make_unique<LeadListing>(root_, asBtrfs(dir), set_, active_names_);
+  return std::make_unique<LeadListing>(root_, asBtrfs(dir), set_, walked_);
+}
+
+int BtrfsDifference::openBoth(const Tree &snapshot, uint64_t ino, std::unique_ptr<Inode> *then,
+                              std::unique_ptr<Inode> *now) {
+  StoredInode older, newer;
+  int rc = readStored(walked_, ino, &newer);
+  if (rc == 0) rc = readStored(walked_snapshot_, ino, &older);
+  if (rc < 0) return rc;
+  if (!sameIdentity(newer.item, older.item)) return -ENOENT;
+  *then = std::make_unique<FrozenInode>(static_cast<const RootedTree &>(snapshot).root(), ino,
+                                        std::move(older));
+  *now = std::make_unique<FrozenInode>(root_, ino, std::move(newer));
+  return 0;
 }
 
 int BtrfsDifference::listChangedRanges(Inode &file, uint64_t from, uint64_t to,
                                        std::vector<FileRange> *ranges) {
-  TreeReader active(root_.fd.get(), root_.subvol_id), snapshot(root_.fd.get(), snapshot_id_);
   const InodeFacts &facts = file.facts();
   InodeItem now, then;
   now.generation = facts.generation;
   now.otime = {facts.created.tv_sec, facts.created.tv_nsec};
   now.mode = facts.mode;
-  int rc = readInode(snapshot, facts.ino, &then);
+  int rc = readInode(walked_snapshot_, facts.ino, &then);
   if (rc < 0) return rc;
   if (rc == 0 || !sameIdentity(now, then)) return -ENOENT;
   struct stat st;
   if (rc = file.stat(&st); rc < 0) return rc;
   const uint64_t end = std::min<uint64_t>({static_cast<uint64_t>(st.st_size), then.size, to});
-  return diffExtents(active, snapshot, facts.ino, from, end, SIZE_MAX, ranges);
+  return diffExtents(walked_, walked_snapshot_, facts.ino, from, end, SIZE_MAX, ranges);
 }
 
 }  // namespace kest

@@ -20,13 +20,16 @@ class BtrfsDifference : public Difference {
   int readAttributes(const DiffInode &inode, kest_iattr64_t *attr) override;
   int listChanged(Inode &dir, EntryList *entries) override;
   std::unique_ptr<EntryStream> leadingEntries(Inode &dir) override;
+  int openBoth(const Tree &snapshot, uint64_t ino, std::unique_ptr<Inode> *then,
+               std::unique_ptr<Inode> *now) override;
   int listChangedRanges(Inode &file, uint64_t from, uint64_t to,
                         std::vector<FileRange> *ranges) override;
 
  private:
   const TreeRoot &root_;
   const uint64_t snapshot_id_, line_;
-  TreeReader active_, active_names_, snapshot_;
+  TreeReader active_, snapshot_;
+  TreeReader walked_, walked_snapshot_;  // of a walk, which comes by directories
 };
 
 }  // namespace kest

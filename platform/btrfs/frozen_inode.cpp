@@ -22,7 +22,12 @@ struct timespec toTimespec(const TreeTime &time) {
   return {time.sec, static_cast<long>(time.nsec)};
 }
 
-// 0, -ENOENT, -errno.
+DescriptorInode::Held heldOf(mode_t mode, const UniqueFd &fd) {
+  return S_ISREG(mode) && !fd ? DescriptorInode::Held::kForReading : DescriptorInode::Held::kPath;
+}
+
+}  // namespace
+
 int readStored(TreeReader &tree, uint64_t ino, StoredInode *stored) {
   if (ino < kFirstInode || ino > kLastInode) return -ENOENT;
   int rc = readInode(tree, ino, &stored->item);
@@ -32,10 +37,11 @@ int readStored(TreeReader &tree, uint64_t ino, StoredInode *stored) {
   return std::min(rc, 0);
 }
 
-}  // namespace
-
-FrozenInode::FrozenInode(UniqueFd fd, Held held, const TreeRoot &root, uint64_t ino, StoredInode stored)
-    : BtrfsInode(std::move(fd), held, &root), device_(root.device), stored_(std::move(stored)) {
+FrozenInode::FrozenInode(const TreeRoot &root, uint64_t ino, StoredInode stored, UniqueFd fd)
+    : BtrfsInode(UniqueFd(), heldOf(stored.item.mode, fd), &root),
+      tree_root_(root),
+      stored_(std::move(stored)) {
+  if (fd) keep(std::move(fd));
   facts_.ino = ino;
   facts_.generation = stored_.item.generation;
   facts_.size = stored_.item.size;
@@ -46,7 +52,7 @@ FrozenInode::FrozenInode(UniqueFd fd, Held held, const TreeRoot &root, uint64_t 
 int FrozenInode::stat(struct stat *st) {
   const InodeItem &item = stored_.item;
   *st = {};
-  st->st_dev = device_;
+  st->st_dev = tree_root_.device;
   st->st_ino = facts_.ino;
   st->st_mode = item.mode;
   st->st_nlink = item.nlink;
@@ -111,21 +117,22 @@ int FrozenInode::readSharingKind(uint64_t *kind) const {
   return 1;
 }
 
+int FrozenInode::openLate() const {
+  const bool regular = S_ISREG(stored_.item.mode);
+  auto open = [&](int flags) {
+    return openEvenNameless(tree_root_.fd.get(), tree_root_.subvol_id, facts_.ino,
+                            static_cast<uint32_t>(stored_.item.generation), flags);
+  };
+  int fd = open(regular ? O_RDONLY | O_NONBLOCK | O_NOATIME : O_PATH);
+  if (fd == -EPERM && regular) fd = open(O_RDONLY | O_NONBLOCK);
+  return fd < 0 ? fd : keep(UniqueFd(fd));
+}
+
 int openFrozenInode(const TreeRoot &root, TreeReader &tree, uint64_t ino,
                     std::unique_ptr<Inode> *inode) {
   StoredInode stored;
   if (int rc = readStored(tree, ino, &stored); rc < 0) return rc;
-  const bool regular = S_ISREG(stored.item.mode);
-  auto open = [&](int flags) {
-    return openEvenNameless(root.fd.get(), root.subvol_id, ino,
-                            static_cast<uint32_t>(stored.item.generation), flags);
-  };
-  int fd = open(regular ? O_RDONLY | O_NONBLOCK | O_NOATIME : O_PATH);
-  if (fd == -EPERM && regular) fd = open(O_RDONLY | O_NONBLOCK);
-  if (fd < 0) return fd;
-  *inode = std::make_unique<FrozenInode>(
-      UniqueFd(fd), regular ? DescriptorInode::Held::kForReading : DescriptorInode::Held::kPath, root,
-      ino, std::move(stored));
+  *inode = std::make_unique<FrozenInode>(root, ino, std::move(stored));
   return 0;
 }
 
@@ -133,8 +140,7 @@ int adoptFrozenInode(const TreeRoot &root, TreeReader &tree, uint64_t ino, Uniqu
                      std::unique_ptr<Inode> *inode) {
   StoredInode stored;
   if (int rc = readStored(tree, ino, &stored); rc < 0) return rc;
-  *inode = std::make_unique<FrozenInode>(std::move(fd), DescriptorInode::Held::kPath, root, ino,
-                                         std::move(stored));
+  *inode = std::make_unique<FrozenInode>(root, ino, std::move(stored), std::move(fd));
   return 0;
 }
 

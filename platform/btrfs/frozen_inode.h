@@ -1,4 +1,4 @@
-// An inode of a snapshot that cannot change: the tree answers instead of the kernel.
+// An inode as a tree holds it: the tree answers instead of the kernel.
 #pragma once
 
 #include <memory>
@@ -16,9 +16,15 @@ struct StoredInode {
   std::vector<XattrItem> xattrs;
 };
 
+// 0, -ENOENT the tree has no such inode, or one without a name, -errno.
+int readStored(TreeReader &tree, uint64_t ino, StoredInode *stored);
+
+// No descriptor is opened before a call needs one: for the data of a regular file, for the path of
+// anything else.
 class FrozenInode : public BtrfsInode {
  public:
-  FrozenInode(UniqueFd fd, Held held, const TreeRoot &root, uint64_t ino, StoredInode stored);
+  // `fd`, where there is one, was opened with O_PATH.
+  FrozenInode(const TreeRoot &root, uint64_t ino, StoredInode stored, UniqueFd fd = UniqueFd());
 
   int stat(struct stat *st) override;
   int readAttributes(kest_iattr64_t *attr) override;
@@ -30,15 +36,15 @@ class FrozenInode : public BtrfsInode {
 
  protected:
   int readSharingKind(uint64_t *kind) const override;
+  int openLate() const override;
 
  private:
-  const dev_t device_;
+  const TreeRoot &tree_root_;
   const StoredInode stored_;
 };
 
-// Opens inode `ino` of a tree that cannot change: a regular file for reading, anything else with
-// O_PATH. `tree` reads that tree and keeps what it read for the next inodes. 0, -ENOENT no such inode,
-// or one without a name, or -errno.
+// Inode `ino` of a tree that cannot change. `tree` reads that tree and keeps what it read for the next
+// inodes. 0, -ENOENT no such inode, or one without a name, or -errno.
 int openFrozenInode(const TreeRoot &root, TreeReader &tree, uint64_t ino,
                     std::unique_ptr<Inode> *inode);
 // The same for an object of that tree that `fd` has open with O_PATH.

@@ -7,10 +7,11 @@
 
 namespace kest {
 
-class BtrfsTree : public Tree {
+class BtrfsTree : public RootedTree {
  public:
   explicit BtrfsTree(TreeRoot root)
-      : root_(std::move(root)), reader_(root_.fd.get(), root_.subvol_id, kFirstItems, kMostItems) {}
+      : RootedTree(std::move(root)),
+        reader_(root_.fd.get(), root_.subvol_id, kFirstItems, kMostItems) {}
 
   uint64_t id() const override { return root_.subvol_id; }
   const std::string &path() const override { return root_.path; }
@@ -37,7 +38,6 @@ class BtrfsTree : public Tree {
   // 1 where this is a snapshot that cannot change, so that what `reader_` keeps stays true; 0; -errno.
   int isFrozen() const;
 
-  const TreeRoot root_;
   static constexpr uint32_t kFirstItems = 4, kMostItems = 64;  // of a batch of records in a worker
   mutable TreeReader reader_;
   mutable int frozen_ = -1;  // the answer of isFrozen(); -1: not asked yet

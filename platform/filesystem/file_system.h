@@ -34,6 +34,7 @@ namespace kest {
 
 struct BlobAttributes;
 class EntryList;
+class Tree;
 
 // Whether an object is protected against changes.
 struct Protection {
@@ -199,6 +200,11 @@ class Difference {
   // The entries of the active directory `dir` that differ or lead to a difference. See
   // kest_ireaddirc64.
   virtual std::unique_ptr<EntryStream> leadingEntries(Inode &dir) = 0;
+  // Opens inode `ino` of both trees, of which `snapshot` is the older one, as each has it committed: for
+  // questions, so that no descriptor is opened before one of them needs it. -ENOENT it is not the same
+  // file in both.
+  virtual int openBoth(const Tree &snapshot, uint64_t ino, std::unique_ptr<Inode> *then,
+                       std::unique_ptr<Inode> *now) = 0;
   // Appends the ranges in [from, to) in which the active file differs from the snapshot's.
   virtual int listChangedRanges(Inode &file, uint64_t from, uint64_t to,
                                 std::vector<FileRange> *ranges) = 0;

@@ -148,9 +148,10 @@ void kest_close_inodescan(kest_iscan_t *scan);
  * the end. An inode is in a difference when identity (generation and creation time), ctime or
  * sequence differ between the trees, or only one tree has it; one whose every restorable property
  * (size, mode, owner, links, names, mtime, flags, xattrs, extents) is equal all the same is left
- * out. A deleted inode (or one deleted since the difference was computed) comes with ia_nlink 0 and the
- * snapshot's other attributes, if that has it. The root directory may be among them. A difference
- * commits the file system before it is computed; a full scan shows what is committed. -1: errno. */
+ * out. Of an inode of a difference the scan gives ia_inode, and ia_nlink 0 where the fileset had it no
+ * more when the difference was computed, else 1; kest_stat_inode64 has the rest. The root directory may
+ * be among them. A difference commits the file system before it is computed; a full scan shows what is
+ * committed. -1: errno. */
 int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t **attr);
 
 /* What the difference scan knows of an inode, as it was when the difference was computed (at the first
@@ -196,6 +197,12 @@ kest_ifile_t *kest_icreate(kest_fssnap_handle_t *active, const char *path);
  * generation, so that it is no other, and, a regular file, at once for reading and writing. NULL:
  * ENOENT there is none any more, or it has no name, errno. */
 kest_ifile_t *kest_iopen_same(kest_fssnap_handle_t *active, const kest_ifile_t *snap);
+/* Inode `ino` of `snap`, the snapshot of a difference scan, in *then, and of the fileset in *now, as each
+ * tree had it when the difference was computed: for questions about many inodes, in the order of their
+ * directories. Costs no open file before one of them is asked for its data. -1: ENOENT it is not the
+ * same file in both, errno. */
+int kest_iopen_both(kest_iscan_t *scan, const kest_fssnap_handle_t *snap, uint64_t ino,
+                    kest_ifile_t **then, kest_ifile_t **now);
 int kest_iclose(kest_ifile_t *file);
 
 /* What is known of an open inode, read once. */

@@ -6,6 +6,7 @@
 
 #include "filesystem/error_text.h"
 #include "libkest/c_call.h"
+#include "libkest/open_file.h"
 
 namespace kest {
 
@@ -18,9 +19,11 @@ int nextDifferent(kest_iscan *scan, uint64_t end_ino, const kest_iattr64_t **att
   if (rc < 0) return rc;
   const DiffInode one = difference->set().firstFrom(scan->next_ino);
   if (one.ino == 0 || one.ino > end_ino) return 0;
-  rc = difference->readAttributes(one, &scan->attr);
-  if (rc == 0) *attr = &scan->attr;
-  return rc;
+  scan->attr = {};
+  scan->attr.ia_inode = one.ino;
+  scan->attr.ia_nlink = one.alive() ? 1 : 0;
+  *attr = &scan->attr;
+  return 0;
 }
 
 int nextInode(kest_iscan *scan, uint64_t end_ino, const kest_iattr64_t **attr) {
@@ -134,6 +137,21 @@ int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino,
     int rc = scan->all->nextNow(ino, term_ino, &scan->attr);
     if (rc > 0) *attr = &scan->attr;
     return std::min(rc, 0);
+  });
+}
+
+int kest_iopen_both(kest_iscan_t *scan, const kest_fssnap_handle_t *snap, uint64_t ino,
+                    kest_ifile_t **then, kest_ifile_t **now) {
+  return cCall([&] {
+    Difference *difference;
+    int rc = differenceOf(scan, &difference);
+    if (rc < 0 || snap == nullptr || then == nullptr || now == nullptr) return rc < 0 ? rc : -EINVAL;
+    std::unique_ptr<Inode> older, newer;
+    rc = difference->openBoth(*snap->tree, ino, &older, &newer);
+    if (rc < 0) return rc;
+    *then = handOut(std::move(older));
+    *now = handOut(std::move(newer));
+    return 0;
   });
 }
 

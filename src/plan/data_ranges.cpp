@@ -119,8 +119,11 @@ struct ChangedFile {
 };
 
 Result openBoth(ChangedFile &file) {
-  Result result = openInode(handles.oldFsP, file.ino, &file.snap);
-  if (result) result = openInode(handles.activeFsP, file.ino, &file.active);
+  kest_ifile_t *then = nullptr, *now = nullptr;
+  const Result result =
+      called(kest_iopen_both(handles.iscanP, handles.oldFsP, file.ino, &then, &now));
+  file.snap.reset(then);
+  file.active.reset(now);
   if (!result) {
     traceLog("%s: cannot open ino %lld, iFromP %p, iToP %p\n", file.writer.name,
              static_cast<long long>(file.ino), static_cast<void *>(file.snap.get()),

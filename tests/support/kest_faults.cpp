@@ -136,6 +136,10 @@ WRAP(int, kest_file_survives,
 WRAP(kest_iscan_t *, kest_open_inodescan64, (Handle h, const kest_snapid_t *prev, uint64_t *most), h,
      prev, most)
 WRAP(int, kest_next_inode64, (kest_iscan_t * s, uint64_t end, const kest_iattr64_t **a), s, end, a)
+WRAP(int, kest_iopen_both,
+     (kest_iscan_t * s, const kest_fssnap_handle_t *h, uint64_t i, kest_ifile_t **then,
+      kest_ifile_t **now),
+     s, h, i, then, now)
 WRAP(int, kest_stat_inode64, (kest_iscan_t * s, uint64_t i, uint64_t t, const kest_iattr64_t **a), s, i,
      t, a)
 WRAP(int, kest_idifference, (kest_iscan_t * s, uint64_t i), s, i)
