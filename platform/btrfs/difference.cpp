@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <utility>
 
 #include "btrfs/attributes.h"
 #include "btrfs/directory_listing.h"
 #include "btrfs/extent_diff.h"
-#include "btrfs/frozen_inode.h"
 #include "btrfs/inode.h"
+#include "btrfs/inode_compare.h"
 #include "btrfs/tree_compare.h"
 
 namespace kest {
@@ -23,7 +22,7 @@ BtrfsDifference::BtrfsDifference(const TreeRoot &root, uint64_t snapshot_id, uin
       walked_snapshot_(root.fd.get(), snapshot_id) {}
 
 int BtrfsDifference::compute() {
-  return compareTrees(root_, snapshot_id_, line_, &set_);
+  return compareTrees(root_, snapshot_id_, line_, &set_, &changes_);
 }
 
 int BtrfsDifference::readAttributes(const DiffInode &inode, kest_iattr64_t *attr) {
@@ -45,17 +44,14 @@ std::unique_ptr<EntryStream> BtrfsDifference::leadingEntries(Inode &dir) {
   return std::make_unique<LeadListing>(root_, asBtrfs(dir), set_, walked_);
 }
 
-int BtrfsDifference::openBoth(const Tree &snapshot, uint64_t ino, std::unique_ptr<Inode> *then,
-                              std::unique_ptr<Inode> *now) {
-  StoredInode older, newer;
-  int rc = readStored(walked_, ino, &newer);
-  if (rc == 0) rc = readStored(walked_snapshot_, ino, &older);
+int BtrfsDifference::readChange(uint64_t ino, kest_change_t *change) {
+  if (changes_.find(ino, change)) return 0;
+  InodeItem now, then;
+  int rc = readInode(walked_, ino, &now);
+  if (rc > 0) rc = readInode(walked_snapshot_, ino, &then);
   if (rc < 0) return rc;
-  if (!sameIdentity(newer.item, older.item)) return -ENOENT;
-  *then = std::make_unique<FrozenInode>(static_cast<const RootedTree &>(snapshot).root(), ino,
-                                        std::move(older));
-  *now = std::make_unique<FrozenInode>(root_, ino, std::move(newer));
-  return 0;
+  if (rc == 0 || now.nlink == 0 || !sameIdentity(now, then)) return -ENOENT;
+  return describeChange(walked_, walked_snapshot_, ino, now, then, change);
 }
 
 int BtrfsDifference::listChangedRanges(Inode &file, uint64_t from, uint64_t to,

@@ -14,7 +14,13 @@ namespace kest {
 
 namespace {
 
-constexpr size_t kBatch = 256 * 1024;
+constexpr size_t kBatch = 64 * 1024;
+
+// A directory is listed as a whole where one entry in so many leads to a change, but not for a few, nor
+// where too many would have to be kept.
+constexpr uint64_t kEntriesPerLead = 8;
+constexpr size_t kFewLeads = 3, kMostListed = 64 * 1024;
+constexpr uint64_t kUsualEntry = 20;  // bytes that an entry of ten letters adds to a directory's size
 
 bool isDots(const char *name) {
   return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
@@ -113,9 +119,10 @@ int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const Differe
   return visitByName(difference, takeActive, takeSnapshot);
 }
 
-LeadListing::LeadListing(const TreeRoot &root, const DescriptorInode &dir, const DifferenceSet &set,
+LeadListing::LeadListing(const TreeRoot &root, DescriptorInode &dir, const DifferenceSet &set,
                          TreeReader &active)
     : root_(root),
+      opened_(dir),
       dir_(dir.facts().ino),
       set_(set),
       active_(active),
@@ -127,24 +134,82 @@ LeadListing::LeadListing(const TreeRoot &root, const DescriptorInode &dir, const
 
 int LeadListing::next(const kest_direntx64_t **entry) {
   *entry = nullptr;
+  if (!begun_) {
+    if (int rc = begin(); rc < 0) return rc;
+    begun_ = true;
+  }
   for (;;) {
     while (waiting_.empty()) {
-      NumberPair lead;
-      if (!cursor_.next(&lead) || lead.first != dir_) return 0;
-      if (lead.second == 0) {
-        takeJunctions();
-      } else if (int rc = takeInode(lead.second); rc < 0) {
-        return rc;
-      }
+      const int rc = takeNext();
+      if (rc <= 0) return rc;
     }
     current_ = waiting_.back();
     waiting_.pop_back();
-    int rc = live_.stillMeans(&current_);
+    int rc = needsCheck(current_) ? live_.stillMeans(&current_) : 1;
     if (rc < 0) return rc;
     if (rc == 0) continue;
     *entry = &current_;
     return 0;
   }
+}
+
+// A listing shows what names mean, but for directories: a nested subvolume may have the number of an
+// inode.
+bool LeadListing::needsCheck(const kest_direntx64_t &record) const {
+  return !listed_ || record.d_type == DT_DIR;
+}
+
+int LeadListing::begin() {
+  const uint64_t entries = opened_.facts().size / kUsualEntry;
+  size_t leads = 0;
+  NumberPair lead;
+  for (SortedPairs::Cursor ahead = cursor_; leads <= kMostListed && ahead.next(&lead);) {
+    if (lead.first != dir_) break;
+    ++leads;
+  }
+  listed_ = leads > kFewLeads && leads <= kMostListed && leads * kEntriesPerLead > entries;
+  return listed_ ? listAll() : 0;
+}
+
+int LeadListing::listAll() {
+  std::vector<uint64_t> wanted;
+  NumberPair lead;
+  for (SortedPairs::Cursor ahead = cursor_; ahead.next(&lead) && lead.first == dir_;)
+    wanted.push_back(lead.second);
+  const int fd = opened_.readFd();
+  if (fd < 0) return fd;
+  const HiddenEntries hidden(root_, 0);
+  const int rc = readRaw(fd, [&](const kest_direntx64_t &record) {
+    if (isDots(record.d_name) || hidden.hidesName(dir_, record.d_name) ||
+        !std::binary_search(wanted.begin(), wanted.end(), record.d_ino))
+      return 0;
+    all_.push_back({.name = record.d_name,
+                    .target = record.d_ino,
+                    .junction = false,
+                    .type = static_cast<uint8_t>(record.d_type)});
+    return 0;
+  });
+  std::stable_sort(all_.begin(), all_.end(),
+                   [](const DirEntry &a, const DirEntry &b) { return a.target < b.target; });
+  return rc;
+}
+
+// Puts the next entries, of one inode, into waiting_. 1, 0 at the end, -errno.
+int LeadListing::takeNext() {
+  NumberPair lead;
+  const bool more = cursor_.next(&lead) && lead.first == dir_;
+  if (more && lead.second == 0) {
+    takeJunctions();
+    return 1;
+  }
+  if (!listed_) {
+    if (!more) return 0;
+    const int rc = takeInode(lead.second);
+    return rc < 0 ? rc : 1;
+  }
+  if (next_ == all_.size()) return 0;
+  waiting_.push_back(toRecord(all_[next_++]));
+  return 1;
 }
 
 int LeadListing::takeInode(uint64_t ino) {

@@ -25,25 +25,33 @@ int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const Differe
                        uint64_t snapshot_id, uint64_t line, EntryList *entries);
 
 // Goes through the inodes that lie in the directory and are in the difference or lead to one that is.
-// The set has only their numbers: names are read, and checked, one inode at a time.
+// The set has only their numbers. Where they are few among the entries, their names are read from the
+// tree, and checked, one inode at a time; else the directory is listed once.
 class LeadListing : public EntryStream {
  public:
   // All must live as long; `active` is a reader of the active tree.
-  LeadListing(const TreeRoot &root, const DescriptorInode &dir, const DifferenceSet &set,
-              TreeReader &active);
+  LeadListing(const TreeRoot &root, DescriptorInode &dir, const DifferenceSet &set, TreeReader &active);
 
   int next(const kest_direntx64_t **entry) override;
 
  private:
+  int begin();
+  int listAll();
+  int takeNext();
   int takeInode(uint64_t ino);
   void takeJunctions();
+  bool needsCheck(const kest_direntx64_t &record) const;
 
   const TreeRoot &root_;
+  DescriptorInode &opened_;
   const uint64_t dir_;
   const DifferenceSet &set_;
   TreeReader &active_;
   LiveEntries live_;
   SortedPairs::Cursor cursor_;
+  bool begun_ = false, listed_ = false;  // the directory as a whole, in all_
+  std::vector<DirEntry> all_;            // what leads there, by inode number, from next_ on
+  size_t next_ = 0;
   std::vector<kest_direntx64_t> waiting_;  // of one inode, the next one last
   kest_direntx64_t current_{};
 };

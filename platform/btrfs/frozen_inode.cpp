@@ -112,11 +112,6 @@ int FrozenInode::readStorageFlags(unsigned *flags) {
   return 0;
 }
 
-int FrozenInode::readSharingKind(uint64_t *kind) const {
-  *kind = stored_.item.flags & kItemSharingKind;
-  return 1;
-}
-
 int FrozenInode::openLate() const {
   const bool regular = S_ISREG(stored_.item.mode);
   auto open = [&](int flags) {

@@ -35,7 +35,6 @@ class FrozenInode : public BtrfsInode {
   int readStorageFlags(unsigned *flags) override;
 
  protected:
-  int readSharingKind(uint64_t *kind) const override;
   int openLate() const override;
 
  private:

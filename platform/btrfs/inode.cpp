@@ -241,22 +241,6 @@ int BtrfsInode::share(Inode &from, int64_t offset, int64_t length) {
   }
 }
 
-int BtrfsInode::readSharingKind(uint64_t *kind) const {
-  TreeReader tree(root_->fd.get(), root_->subvol_id, 1);
-  InodeItem inode;
-  const int rc = readInode(tree, facts_.ino, &inode);
-  *kind = inode.flags & kItemSharingKind;
-  return rc;
-}
-
-int BtrfsInode::canShare(const Inode &from) {
-  uint64_t theirs = 0, ours = 0;
-  int rc = asBtrfs(from).readSharingKind(&theirs);
-  if (rc > 0) rc = readSharingKind(&ours);
-  if (rc == 0) return -ENOENT;
-  return rc < 0 ? rc : theirs == ours;
-}
-
 int BtrfsInode::makeCloneParent() {
   if (!S_ISREG(facts().mode)) return -EINVAL;
   Protection protection;

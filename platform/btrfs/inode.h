@@ -36,13 +36,8 @@ class BtrfsInode : public DescriptorInode {
   int limitStorage(const BlobAttributes &now, BlobAttributes *wanted) override;
   int applyStorage(const BlobAttributes &now, const BlobAttributes &wanted) override;
   int share(Inode &from, int64_t offset, int64_t length) override;
-  int canShare(const Inode &from) override;
   int makeCloneParent() override;
   int reopen(int flags, std::unique_ptr<Inode> *opened) override;
-
- protected:
-  // 1 and the flags that say how the inode's data is kept; 0 no such inode; -errno.
-  virtual int readSharingKind(uint64_t *kind) const;
 
  private:
   int carriesBlob(mode_t mode, uint32_t *answer);

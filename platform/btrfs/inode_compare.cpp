@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "btrfs/extent_diff.h"
+#include "btrfs/inode_flags.h"
 
 namespace kest {
 
@@ -73,6 +74,25 @@ int sameProperties(TreeReader &active, TreeReader &snapshot, uint64_t ino, const
   std::vector<FileRange> ranges;
   rc = diffExtents(active, snapshot, ino, 0, now.size, 1, &ranges);
   return rc < 0 ? rc : ranges.empty();
+}
+
+int describeChange(TreeReader &active, TreeReader &snapshot, uint64_t ino, const InodeItem &now,
+                   const InodeItem &then, kest_change_t *change) {
+  *change = {};
+  change->ch_size = now.size;
+  change->ch_snap_size = then.size;
+  change->ch_regular = S_ISREG(now.mode);
+  if (!change->ch_regular) return 0;
+  change->ch_shareable = ((now.flags ^ then.flags) & kItemSharingKind) == 0;
+  std::vector<FileRange> ranges;
+  constexpr size_t kEnough = 2;  // to know that there are more
+  int rc = diffExtents(active, snapshot, ino, 0, std::min(now.size, then.size), kEnough, &ranges);
+  if (rc < 0 || ranges.empty()) return rc;
+  change->ch_start = ranges.front().start;
+  change->ch_length = ranges.front().length;
+  change->ch_hole = ranges.front().hole;
+  change->ch_more = ranges.size() == kEnough;
+  return 0;
 }
 
 int fileSurvives(const TreeRoot &active_root, const TreeRoot &snapshot_root, const char *path) {

@@ -5,6 +5,7 @@
 
 #include "btrfs/tree_items.h"
 #include "btrfs/tree_root.h"
+#include "kest.h"
 
 namespace kest {
 
@@ -13,6 +14,10 @@ namespace kest {
 // whose entries are not looked at. 0, or -errno.
 int sameProperties(TreeReader &active, TreeReader &snapshot, uint64_t ino, const InodeItem &now,
                    const InodeItem &then);
+
+// What kest_ichange tells of an inode that is the same file in both trees. 0 or -errno.
+int describeChange(TreeReader &active, TreeReader &snapshot, uint64_t ino, const InodeItem &now,
+                   const InodeItem &then, kest_change_t *change);
 
 // See kest_file_survives. 1, 0 or -errno.
 int fileSurvives(const TreeRoot &active, const TreeRoot &snapshot, const char *path);

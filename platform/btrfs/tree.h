@@ -7,11 +7,10 @@
 
 namespace kest {
 
-class BtrfsTree : public RootedTree {
+class BtrfsTree : public Tree {
  public:
   explicit BtrfsTree(TreeRoot root)
-      : RootedTree(std::move(root)),
-        reader_(root_.fd.get(), root_.subvol_id, kFirstItems, kMostItems) {}
+      : root_(std::move(root)), reader_(root_.fd.get(), root_.subvol_id, kFirstItems, kMostItems) {}
 
   uint64_t id() const override { return root_.subvol_id; }
   const std::string &path() const override { return root_.path; }
@@ -38,6 +37,7 @@ class BtrfsTree : public RootedTree {
   // 1 where this is a snapshot that cannot change, so that what `reader_` keeps stays true; 0; -errno.
   int isFrozen() const;
 
+  const TreeRoot root_;
   static constexpr uint32_t kFirstItems = 4, kMostItems = 64;  // of a batch of records in a worker
   mutable TreeReader reader_;
   mutable int frozen_ = -1;  // the answer of isFrozen(); -1: not asked yet

@@ -71,13 +71,15 @@ class TouchedInodes {
 
 class TreeComparison {
  public:
-  TreeComparison(const TreeRoot &root, uint64_t snapshot_id, uint64_t line, DifferenceSet *difference)
+  TreeComparison(const TreeRoot &root, uint64_t snapshot_id, uint64_t line, DifferenceSet *difference,
+                 ChangeNotes *changes)
       : root_(root),
         line_(line),
         hidden_(root, snapshot_id),
         active_(root.fd.get(), root.subvol_id),
         snapshot_(root.fd.get(), snapshot_id),
-        difference_(difference) {}
+        difference_(difference),
+        changes_(changes) {}
 
   int compute();
 
@@ -97,6 +99,7 @@ class TreeComparison {
   bool untouched(const InodeItem &now, const InodeItem &then) const;
   int visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot);
   int compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot, unsigned *state);
+  int noteChange(uint64_t ino, const InodeItem &active, const InodeItem &snapshot);
   int visitChildren(Side *side, uint64_t dir);
   int addPending(const DirEntry &entry);
   int visitThese(std::vector<uint64_t> *inodes);
@@ -116,6 +119,7 @@ class TreeComparison {
   std::vector<uint64_t> pending_, folders_;  // inodes whose names came or went: directories apart
   PairSorter found_, leads_;
   DifferenceSet *difference_;
+  ChangeNotes *changes_;
 };
 
 int TreeComparison::compute() {
@@ -126,6 +130,7 @@ int TreeComparison::compute() {
   if (rc == 0) rc = visitTouched();
   if (rc == 0) rc = visitPending();
   if (rc < 0) return rc;
+  changes_->sort();
   difference_->setInodes(found_.finish());
   rc = findJunctions();
   return rc == 0 ? climb() : rc;
@@ -255,15 +260,27 @@ int TreeComparison::compareSame(uint64_t ino, const InodeItem &active, const Ino
   if (rc < 0) return rc;
   if (!entries.active.empty() || !entries.snapshot.empty()) {
     *state |= KEST_DI_ENTRIES;
-    return 1;
+    return noteChange(ino, active, snapshot);
   }
   rc = sameProperties(active_.properties, snapshot_.properties, ino, active, snapshot);
   if (rc != 0) return std::min(rc, 0);
-  if (!S_ISREG(active.mode)) return 1;
-  rc = hasXattr(active_.properties, ino, kCloneAttribute);
-  if (rc == 0) rc = hasXattr(snapshot_.inodes, ino, kCloneAttribute);
-  if (rc > 0) *state |= KEST_DI_CLONE;
-  return rc < 0 ? rc : 1;
+  if (S_ISREG(active.mode)) {
+    rc = hasXattr(active_.properties, ino, kCloneAttribute);
+    if (rc == 0) rc = hasXattr(snapshot_.inodes, ino, kCloneAttribute);
+    if (rc > 0) *state |= KEST_DI_CLONE;
+  }
+  return rc < 0 ? rc : noteChange(ino, active, snapshot);
+}
+
+// 1 or -errno.
+int TreeComparison::noteChange(uint64_t ino, const InodeItem &active, const InodeItem &snapshot) {
+  if (changes_->full()) return 1;
+  kest_change_t change;
+  const int rc =
+      describeChange(active_.properties, snapshot_.inodes, ino, active, snapshot, &change);
+  if (rc < 0) return rc;
+  changes_->add(ino, change);
+  return 1;
 }
 
 int TreeComparison::visitChildren(Side *side, uint64_t dir) {
@@ -376,8 +393,9 @@ int TreeComparison::climb() {
 
 }  // namespace
 
-int compareTrees(const TreeRoot &root, uint64_t snapshot_id, uint64_t line, DifferenceSet *difference) {
-  return TreeComparison(root, snapshot_id, line, difference).compute();
+int compareTrees(const TreeRoot &root, uint64_t snapshot_id, uint64_t line, DifferenceSet *difference,
+                 ChangeNotes *changes) {
+  return TreeComparison(root, snapshot_id, line, difference, changes).compute();
 }
 
 }  // namespace kest

@@ -3,13 +3,11 @@
 
 #include <cstdint>
 #include <string>
-#include <utility>
 
 #include <sys/types.h>
 
 #include "base/unique_fd.h"
 #include "btrfs/subvolume.h"
-#include "filesystem/file_system.h"
 
 namespace kest {
 
@@ -24,16 +22,6 @@ struct TreeRoot {
 
   bool isSnapshot() const { return subvol_id != fileset_id; }
   std::string displayName() const { return top_path.empty() ? "/" : top_path; }
-};
-
-// What every tree of a btrfs has.
-class RootedTree : public Tree {
- public:
-  explicit RootedTree(TreeRoot root) : root_(std::move(root)) {}
-  const TreeRoot &root() const { return root_; }
-
- protected:
-  const TreeRoot root_;
 };
 
 }  // namespace kest

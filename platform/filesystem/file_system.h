@@ -34,7 +34,6 @@ namespace kest {
 
 struct BlobAttributes;
 class EntryList;
-class Tree;
 
 // Whether an object is protected against changes.
 struct Protection {
@@ -115,7 +114,6 @@ class Inode {
   // Lets [offset, offset + length) of this file be the same blocks as in `from`. Both are open, this
   // one for writing. -EINVAL: it cannot be shared, which calls for a copy. -EROFS: the flags forbid it.
   virtual int share(Inode &from, int64_t offset, int64_t length) = 0;
-  virtual int canShare(const Inode &from) = 0;  // whole blocks of the two files. 1 or 0
   // See kest_clone_snap.
   virtual int makeCloneParent() = 0;
 
@@ -200,11 +198,8 @@ class Difference {
   // The entries of the active directory `dir` that differ or lead to a difference. See
   // kest_ireaddirc64.
   virtual std::unique_ptr<EntryStream> leadingEntries(Inode &dir) = 0;
-  // Opens inode `ino` of both trees, of which `snapshot` is the older one, as each has it committed: for
-  // questions, so that no descriptor is opened before one of them needs it. -ENOENT it is not the same
-  // file in both.
-  virtual int openBoth(const Tree &snapshot, uint64_t ino, std::unique_ptr<Inode> *then,
-                       std::unique_ptr<Inode> *now) = 0;
+  // See kest_ichange.
+  virtual int readChange(uint64_t ino, kest_change_t *change) = 0;
   // Appends the ranges in [from, to) in which the active file differs from the snapshot's.
   virtual int listChangedRanges(Inode &file, uint64_t from, uint64_t to,
                                 std::vector<FileRange> *ranges) = 0;

@@ -166,6 +166,21 @@ int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t
 #define KEST_DI_CLONE 0x40   /* a regular file of both, with clone attributes in either tree */
 int kest_idifference(kest_iscan_t *scan, uint64_t ino);
 
+/* What a walk needs to know of an inode that is the same file in both trees, as they were when the
+ * difference was computed. Costs no open file, and, in the difference, mostly no look at a tree. -1: ENOENT
+ * it is not the same file in both, errno. */
+typedef struct kest_change {
+  uint64_t ch_size, ch_snap_size; /* bytes, of the fileset's and of the snapshot's */
+  uint64_t ch_start, ch_length;   /* of a regular file: the first range below both sizes in which they
+                                     differ, as kest_ireadx finds it; length 0: there is none */
+  uint8_t ch_hole;                /* the snapshot's file has a hole there */
+  uint8_t ch_more;                /* there are more ranges, which kest_ireadx finds */
+  uint8_t ch_shareable;           /* kest_ishare can share whole blocks of the two; 0 for all but
+                                     regular files */
+  uint8_t ch_regular;             /* it is a regular file */
+} kest_change_t;
+int kest_ichange(kest_iscan_t *scan, uint64_t ino, kest_change_t *change);
+
 /* Where a walk over the active fileset has to go: 1 when the active inode itself, or anything below it,
  * is in the difference, or a junction lies below it, as it was when the difference was computed; else
  * 0. -1: errno. */
@@ -197,12 +212,6 @@ kest_ifile_t *kest_icreate(kest_fssnap_handle_t *active, const char *path);
  * generation, so that it is no other, and, a regular file, at once for reading and writing. NULL:
  * ENOENT there is none any more, or it has no name, errno. */
 kest_ifile_t *kest_iopen_same(kest_fssnap_handle_t *active, const kest_ifile_t *snap);
-/* Inode `ino` of `snap`, the snapshot of a difference scan, in *then, and of the fileset in *now, as each
- * tree had it when the difference was computed: for questions about many inodes, in the order of their
- * directories. Costs no open file before one of them is asked for its data. -1: ENOENT it is not the
- * same file in both, errno. */
-int kest_iopen_both(kest_iscan_t *scan, const kest_fssnap_handle_t *snap, uint64_t ino,
-                    kest_ifile_t **then, kest_ifile_t **now);
 int kest_iclose(kest_ifile_t *file);
 
 /* What is known of an open inode, read once. */
@@ -379,9 +388,6 @@ int kest_iset_clone_parent(kest_ifile_t *file, uint64_t parent);
  * block, a no-copy-on-write file against an ordinary one, another file system), which calls for a copy,
  * EROFS the flags forbid it, errno. */
 int kest_ishare(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t len);
-
-/* Whether that can be done with whole blocks of the two, as the committed trees say: 1, 0, -1 errno. */
-int kest_ishareable(kest_ifile_t *from, kest_ifile_t *to);
 
 #define KEST_BLOCK_MAP 86
 #define KEST_BLOCK_MAP_EXTENTS 128

@@ -90,11 +90,6 @@ int share(OpenFile *from, OpenFile *to, int64_t offset, int64_t len) {
   return rc == 0 ? kept : rc;
 }
 
-int shareable(const OpenFile *from, const OpenFile *to) {
-  if (!S_ISREG(from->if_mode) || !S_ISREG(to->if_mode)) return 0;
-  return to->inode->canShare(*from->inode);
-}
-
 }  // namespace
 
 }  // namespace kest
@@ -120,13 +115,6 @@ int kest_ishare(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t le
   return cCall([&] {
     OpenFile *source = openFile(from), *target = openFile(to);
     return source != nullptr && target != nullptr ? share(source, target, offset, len) : -EINVAL;
-  });
-}
-
-int kest_ishareable(kest_ifile_t *from, kest_ifile_t *to) {
-  return cCall([&] {
-    OpenFile *source = openFile(from), *target = openFile(to);
-    return source != nullptr && target != nullptr ? shareable(source, target) : -EINVAL;
   });
 }
 

@@ -6,7 +6,6 @@
 
 #include "filesystem/error_text.h"
 #include "libkest/c_call.h"
-#include "libkest/open_file.h"
 
 namespace kest {
 
@@ -140,18 +139,12 @@ int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino,
   });
 }
 
-int kest_iopen_both(kest_iscan_t *scan, const kest_fssnap_handle_t *snap, uint64_t ino,
-                    kest_ifile_t **then, kest_ifile_t **now) {
+int kest_ichange(kest_iscan_t *scan, uint64_t ino, kest_change_t *change) {
   return cCall([&] {
     Difference *difference;
     int rc = differenceOf(scan, &difference);
-    if (rc < 0 || snap == nullptr || then == nullptr || now == nullptr) return rc < 0 ? rc : -EINVAL;
-    std::unique_ptr<Inode> older, newer;
-    rc = difference->openBoth(*snap->tree, ino, &older, &newer);
-    if (rc < 0) return rc;
-    *then = handOut(std::move(older));
-    *now = handOut(std::move(newer));
-    return 0;
+    if (rc < 0 || change == nullptr) return rc < 0 ? rc : -EINVAL;
+    return difference->readChange(ino, change);
   });
 }
 

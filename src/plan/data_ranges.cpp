@@ -17,7 +17,7 @@ namespace {
 enum RangeStep : int {
   kWriteRecord = 2,
   kOpenInodes = 11,
-  kTruncate = 14,  // also: whether blocks can be shared is unknown
+  kTruncate = 14,
   kListChanges = 15,
   kListTail = 16,
   kOpenDeleted = 17,
@@ -114,24 +114,19 @@ struct ChangedFile {
   const RangeWriter &writer;
   const std::string &path;
   uint64_t ino;
-  Inode snap, active;
+  kest_change_t change{};
   int64_t snap_size = 0, active_size = 0;  // bytes
 };
 
-Result openBoth(ChangedFile &file) {
-  kest_ifile_t *then = nullptr, *now = nullptr;
-  const Result result =
-      called(kest_iopen_both(handles.iscanP, handles.oldFsP, file.ino, &then, &now));
-  file.snap.reset(then);
-  file.active.reset(now);
-  if (!result) {
+Result lookAt(ChangedFile &file) {
+  if (const Result r = called(kest_ichange(handles.iscanP, file.ino, &file.change)); !r) {
     traceLog("%s: cannot open ino %lld, iFromP %p, iToP %p\n", file.writer.name,
-             static_cast<long long>(file.ino), static_cast<void *>(file.snap.get()),
-             static_cast<void *>(file.active.get()));
-    return failed(kOpenInodes, result.err);
+             static_cast<long long>(file.ino), static_cast<void *>(nullptr),
+             static_cast<void *>(nullptr));
+    return failed(kOpenInodes, r.err);
   }
-  file.snap_size = static_cast<int64_t>(file.snap->if_size);
-  file.active_size = static_cast<int64_t>(file.active->if_size);
+  file.snap_size = static_cast<int64_t>(file.change.ch_snap_size);
+  file.active_size = static_cast<int64_t>(file.change.ch_size);
   return {};
 }
 
@@ -146,11 +141,18 @@ Result truncateActive(const ChangedFile &file, int64_t to) {
 
 // The ranges below both sizes in which the files differ.
 Result listDifferences(const ChangedFile &file, DataWalk &walk) {
+  const kest_change_t &change = file.change;
+  const DataRange first{static_cast<int64_t>(change.ch_start), static_cast<int64_t>(change.ch_length),
+                        change.ch_hole != 0};
+  if (Result r = walk.addRange(first); !r) return failed(kListChanges, r.err);
+  if (!change.ch_more) return {};
+  Inode active;
+  if (Result r = openInode(handles.activeFsP, file.ino, &active); !r) return r.at(kListChanges);
   const int64_t common = std::min(file.snap_size, file.active_size);
-  for (int64_t offset = 0; offset < common;) {
+  for (int64_t offset = first.end(); offset < common;) {
     int hole = 0;
     const int64_t length =
-        kest_ireadx(file.active.get(), handles.iscanP, nullptr, 0, &offset, common, &hole);
+        kest_ireadx(active.get(), handles.iscanP, nullptr, 0, &offset, common, &hole);
     if (length < 0) return failed(kListChanges);
     if (length == 0) break;
     if (Result r = walk.addRange({offset, length, hole != 0}); !r) return failed(kListChanges, r.err);
@@ -164,11 +166,14 @@ Result listDifferences(const ChangedFile &file, DataWalk &walk) {
 // can become one again.
 Result listLostTail(const ChangedFile &file, DataWalk &walk) {
   const int64_t snap_size = file.snap_size, active_size = file.active_size;
-  const int64_t tail = active_size < snap_size ? active_size - active_size % kBlock : snap_size;
+  if (active_size >= snap_size) return {};
+  const int64_t tail = active_size - active_size % kBlock;
+  Inode snap;
+  if (Result r = openInode(handles.oldFsP, file.ino, &snap); !r) return r.at(kListTail);
   for (int64_t offset = tail; offset < snap_size;) {
     int hole = 0;
     int64_t length =
-        kest_ireadx(file.snap.get(), handles.iscanFromP, nullptr, 0, &offset, snap_size, &hole);
+        kest_ireadx(snap.get(), handles.iscanFromP, nullptr, 0, &offset, snap_size, &hole);
     if (length < 0) return failed(kListTail);
     // The file ends before its size: data that is not listed would be missing.
     if (length == 0) return failed(kListTail, EIO);
@@ -189,22 +194,32 @@ bool countsAsClone(kest_ifile_t *snap, CloneAttr *attr = nullptr, CloneSnapAttr 
   return isClone(snap, &clone, attr, attr_snap) && clone;
 }
 
+// A file of another clone state is never listed as changed, it is made again: the active file carries the
+// snapshot's state.
+Result readCloneState(const ChangedFile &file, bool *clone) {
+  *clone = false;
+  if (!mayBeClone(file.ino)) return {};
+  Inode snap;
+  if (Result r = openInode(handles.oldFsP, file.ino, &snap); !r) return r.at(kOpenInodes);
+  *clone = countsAsClone(snap.get());
+  return {};
+}
+
 }  // namespace
 
 Result listChangedFile(const RangeWriter &writer, WorkFile &list, const std::string &path,
                        uint64_t ino) {
-  ChangedFile file{.writer = writer, .path = path, .ino = ino, .snap = nullptr, .active = nullptr};
-  if (Result r = openBoth(file); !r) return r;
-  // A file of another clone state is never listed here, it is made again: the active file carries the
-  // snapshot's state.
-  const bool clone = mayBeClone(ino) && countsAsClone(file.snap.get());
-  const int shareable = kest_ishareable(file.snap.get(), file.active.get());
-  if (shareable < 0) return failed(kTruncate);
-  DataWalk walk(list, path, ino, kOpRestoreDiffFile, clone, shareable > 0);
-  if (!isRegular(file.snap->if_mode)) return walk.finish().at(kWriteRecord);
+  ChangedFile file{.writer = writer, .path = path, .ino = ino};
+  if (Result r = lookAt(file); !r) return r;
+  const kest_change_t &change = file.change;
+  bool clone = false;
+  if (change.ch_regular)
+    if (Result r = readCloneState(file, &clone); !r) return r;
+  DataWalk walk(list, path, ino, kOpRestoreDiffFile, clone, change.ch_shareable != 0);
+  if (!change.ch_regular) return walk.finish().at(kWriteRecord);
 
   // Copy-on-write can be turned on and off for an empty file only.
-  if (shareable == 0 && !clone && !settings.noXAttr) {
+  if (!change.ch_shareable && !clone && !settings.noXAttr) {
     if (file.active_size > 0)
       if (Result r = truncateActive(file, 0); !r) return r;
     return walk.addWhole(file.snap_size).at(kWriteRecord);

@@ -41,7 +41,7 @@ inline constexpr const char *kProgramStart = "program start";
 
 // The file that the preloaded fault library, in every process of a run, and the test share.
 struct FaultRecord {
-  static constexpr uint32_t kCalls = 97, kPhases = 64;
+  static constexpr uint32_t kCalls = 96, kPhases = 64;
   static constexpr const char *kVariable = "KEST_FAULT_RECORD";  // in the environment: its path
 
   Fault fault;

@@ -136,10 +136,7 @@ WRAP(int, kest_file_survives,
 WRAP(kest_iscan_t *, kest_open_inodescan64, (Handle h, const kest_snapid_t *prev, uint64_t *most), h,
      prev, most)
 WRAP(int, kest_next_inode64, (kest_iscan_t * s, uint64_t end, const kest_iattr64_t **a), s, end, a)
-WRAP(int, kest_iopen_both,
-     (kest_iscan_t * s, const kest_fssnap_handle_t *h, uint64_t i, kest_ifile_t **then,
-      kest_ifile_t **now),
-     s, h, i, then, now)
+WRAP(int, kest_ichange, (kest_iscan_t * s, uint64_t i, kest_change_t *c), s, i, c)
 WRAP(int, kest_stat_inode64, (kest_iscan_t * s, uint64_t i, uint64_t t, const kest_iattr64_t **a), s, i,
      t, a)
 WRAP(int, kest_idifference, (kest_iscan_t * s, uint64_t i), s, i)
@@ -180,7 +177,6 @@ WRAP(int, kest_iclone_copy, (kest_ifile_t * f, Handle h, const char *p), f, h, p
 WRAP(int, kest_iclone_attr, (kest_ifile_t * f, uint8_t *c, uint8_t *s), f, c, s)
 WRAP(int, kest_iset_clone_parent, (kest_ifile_t * f, uint64_t p), f, p)
 WRAP(int, kest_ishare, (kest_ifile_t * a, kest_ifile_t *b, int64_t o, int64_t l), a, b, o, l)
-WRAP(int, kest_ishareable, (kest_ifile_t * a, kest_ifile_t *b), a, b)
 WRAP(int, kest_fcntl, (int f, void *r), f, r)
 WRAP(int, kest_unlink, (Handle h, const char *p, uint64_t i), h, p, i)
 WRAP(int, kest_rmdir, (Handle h, const char *p, uint64_t i), h, p, i)

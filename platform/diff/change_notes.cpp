@@ -1,0 +1,19 @@
+#include "diff/change_notes.h"
+
+#include <algorithm>
+
+namespace kest {
+
+void ChangeNotes::sort() {
+  std::sort(notes_.begin(), notes_.end(), [](const Note &a, const Note &b) { return a.ino < b.ino; });
+}
+
+bool ChangeNotes::find(uint64_t ino, kest_change_t *change) const {
+  const auto found = std::lower_bound(notes_.begin(), notes_.end(), ino,
+                                      [](const Note &one, uint64_t number) { return one.ino < number; });
+  if (found == notes_.end() || found->ino != ino) return false;
+  *change = found->change;
+  return true;
+}
+
+}  // namespace kest
