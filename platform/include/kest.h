@@ -204,10 +204,10 @@ kest_ifile_t *kest_iopen_fd(kest_fssnap_handle_t *handle, int fd);
 /* The object at `path`, of any type, opened as it stands there: a device or FIFO is not opened for
  * real, and the final component is not followed. Resolved like the path calls below. NULL: errno. */
 kest_ifile_t *kest_iopen_path(kest_fssnap_handle_t *handle, const char *path);
-/* Makes a regular file at `path` (mode 0600, the caller's), with everything as kest_open_file with
- * O_CREAT | O_EXCL, and opens it for reading and writing. NULL: EEXIST something has the name, EROFS
+/* Makes a regular file at `path` (exactly of this mode, the caller's), with everything as kest_open_file
+ * with O_CREAT | O_EXCL, and opens it for reading and writing. NULL: EEXIST something has the name, EROFS
  * the flags of the directory forbid it, errno. */
-kest_ifile_t *kest_icreate(kest_fssnap_handle_t *active, const char *path);
+kest_ifile_t *kest_icreate(kest_fssnap_handle_t *active, const char *path, mode_t mode);
 /* The active inode that is the same file as `snap`, an open inode of a snapshot: opened by number and
  * generation, so that it is no other, and, a regular file, at once for reading and writing. NULL:
  * ENOENT there is none any more, or it has no name, errno. */

@@ -84,8 +84,6 @@ int kest_iclone_attr(kest_ifile_t *file, uint8_t clone[16], uint8_t clone_snap[8
     OpenFile *open = openFile(file);
     if (open == nullptr) return -EINVAL;
     if (!S_ISREG(file->if_mode)) return 0;
-    // Most callers go on to read the file.
-    if (int rc = open->inode->openForReading(); rc < 0) return rc;
     CloneAttribute attribute;
     int rc = readCloneAttribute(*open->inode, &attribute);
     if (rc <= 0) return rc;

@@ -151,7 +151,10 @@ int kest_ifstat(const kest_ifile_t *file, struct stat *st) {
 int kest_ifacts(const kest_ifile_t *file, kest_facts_t *facts) {
   return cCall([&] {
     OpenFile *open = openFile(file);
-    return open == nullptr || facts == nullptr ? -EINVAL : open->inode->readFacts(facts);
+    if (open == nullptr || facts == nullptr) return -EINVAL;
+    const int rc = open->inode->readFacts(facts);
+    if (rc == 0 && (facts->has & KEST_HAS_CAPABILITY) == 0) open->capability.replace(nullptr);
+    return rc;
   });
 }
 

@@ -19,7 +19,6 @@ namespace kest {
 namespace {
 
 constexpr mode_t kModeBits = 07777;
-constexpr mode_t kNewFileMode = 0600;
 constexpr int kCreateAttempts = 100;
 // Two processes may be at two names of one clone parent: one sets the flag again while the other still
 // needs it lifted.
@@ -259,11 +258,11 @@ kest_ifile_t *kest_iopen_path(kest_fssnap_handle_t *handle, const char *path) {
   });
 }
 
-kest_ifile_t *kest_icreate(kest_fssnap_handle_t *active, const char *path) {
+kest_ifile_t *kest_icreate(kest_fssnap_handle_t *active, const char *path, mode_t mode) {
   return openAtPath(active, path, [=](const Place &place, std::unique_ptr<Inode> *inode) {
     // Only directories are named so.
     if (place.leaf.size() > 1 && place.leaf.back() == '/') return -EISDIR;
-    return outcome(active->tree->createFile(*place.dir, place.leaf, kNewFileMode, inode),
+    return outcome(active->tree->createFile(*place.dir, place.leaf, mode & 07777, inode),
                    {takingDirectory(place)});
   });
 }

@@ -9,6 +9,16 @@
 
 namespace {
 
+// Until its owner is set, a new file belongs to root and to the group of root, or of its directory. So it
+// gets at once what is safe with any owner, for good if the worker dies in between: a set-user-ID bit
+// would make it a root program, and a group that may do more than everybody could be the wrong one.
+mode_t modeAtBirth(mode_t mode) {
+  constexpr mode_t kSpecialBits = 07000, kPermissions = 0777, kOwnerAlone = 0600;
+  const mode_t group = (mode >> 3) & 7, others = mode & 7;
+  const bool safe = (mode & kSpecialBits) == 0 && (group & ~others) == 0;
+  return safe ? mode & kPermissions : kOwnerAlone;
+}
+
 // Where the library is to find `path` now. Resolved anew for every attempt: while flags are cleared,
 // another directory may go home.
 class Now {
@@ -74,12 +84,9 @@ Result makeNode(const std::string &path, mode_t mode, dev_t device) {
                        [&] { return called(kest_mknod(handles.activeFsP, Now(path), mode, device)); });
 }
 
-// The library makes the file with mode 0600. The mode that it is to have must wait until its owner is
-// set: until then the file belongs to root, and a set-user-ID bit would make it a root program, for
-// good if the worker dies in between.
-Result createFile(const std::string &path, OpenObject *file) {
+Result createFile(const std::string &path, mode_t mode, OpenObject *file) {
   return retryClearing(path, "", [&] {
-    file->file.reset(kest_icreate(handles.activeFsP, Now(path)));
+    file->file.reset(kest_icreate(handles.activeFsP, Now(path), modeAtBirth(mode)));
     return *file && kest_ifacts(file->get(), &file->facts) == 0 ? Result{} : failedErrno(0);
   });
 }

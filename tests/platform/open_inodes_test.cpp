@@ -165,14 +165,14 @@ TEST_F(OpenInodes, ChangeThemselvesAlone) {
   tree_->dir("shared");
   tree_->setXattr("shared", "system.posix_acl_default", kAcl);
   const mode_t mask = umask(0277);
-  Inode made(kest_icreate(active_.get(), at("shared/made").c_str()));
+  Inode made(kest_icreate(active_.get(), at("shared/made").c_str(), 0600));
   umask(mask);
   ASSERT_NE(nullptr, made);
   EXPECT_EQ(inode("shared/made"), made->if_inode);
   EXPECT_EQ(S_IFREG | 0600u, statOf(at("shared/made")).st_mode);
   EXPECT_EQ(S_IFREG | 0600u, made->if_mode);
   errno = 0;
-  EXPECT_EQ(nullptr, kest_icreate(active_.get(), at("shared/made").c_str()));
+  EXPECT_EQ(nullptr, kest_icreate(active_.get(), at("shared/made").c_str(), 0600));
   EXPECT_EQ(EEXIST, errno);
 
   EXPECT_EQ(4, kest_iwritex(made.get(), "text", 4, 0, 0));
@@ -201,7 +201,7 @@ TEST_F(OpenInodes, ChangeThemselvesAlone) {
 
 TEST_F(OpenInodes, KeptDirectoriesFollowTheirNames) {
   const auto make = [&](const std::string &name) {
-    return Inode(kest_icreate(active_.get(), at(name).c_str())) != nullptr;
+    return Inode(kest_icreate(active_.get(), at(name).c_str(), 0600)) != nullptr;
   };
   const auto rename = [&](const std::string &from, const std::string &to) {
     return kest_rename_noreplace(active_.get(), at(from).c_str(), at(to).c_str(), 0);

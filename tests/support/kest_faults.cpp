@@ -145,7 +145,7 @@ WRAP(kest_ifile_t *, kest_iopen64, (Handle h, uint64_t i, int f, const void *a, 
      a, l)
 WRAP(kest_ifile_t *, kest_iopen_fd, (Handle h, int f), h, f)
 WRAP(kest_ifile_t *, kest_iopen_path, (Handle h, const char *p), h, p)
-WRAP(kest_ifile_t *, kest_icreate, (Handle h, const char *p), h, p)
+WRAP(kest_ifile_t *, kest_icreate, (Handle h, const char *p, mode_t m), h, p, m)
 WRAP(kest_ifile_t *, kest_iopen_same, (Handle h, const kest_ifile_t *f), h, f)
 WRAP(int, kest_ifacts, (const kest_ifile_t *f, kest_facts_t *a), f, a)
 WRAP(int, kest_same_file, (const kest_ifile_t *a, const kest_ifile_t *b), a, b)
