@@ -96,6 +96,7 @@ int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const Differe
   EntryDifference difference;
   int rc = diffDirectories(active, snapshot, facts.ino, facts.size, line, hidden, &difference);
   if (rc < 0) return rc;
+  dropPairs(&difference, [&](uint64_t then, uint64_t now) { return set.twinOf(then) == now; });
   LiveEntries live(root, dir.fd(), facts.ino);
 
   auto takeActive = [&](const DirEntry &entry) {

@@ -29,11 +29,9 @@ bool cutBeginning(std::string_view dir, std::string_view *path) {
 
 class InnerMounts {
  public:
-  InnerMounts(const TreeRoot &root, const TreeRoot &other, const HiddenEntries &hidden,
-              const DifferenceSet &difference)
+  InnerMounts(const TreeRoot &root, const HiddenEntries &hidden, const DifferenceSet &difference)
       : root_(root),
         tree_(root.fd.get(), root.subvol_id),
-        other_(root.fd.get(), other.subvol_id),
         hidden_(hidden),
         difference_(difference) {}
 
@@ -96,14 +94,12 @@ class InnerMounts {
       }
       ino = entry.target;
     }
-    InodeItem item;
-    int rc = readInode(other_, ino, &item);
-    if (rc <= 0) return rc < 0 ? rc : 1;
-    return difference_.find(ino).alive() || difference_.leads(ino);
+    // An inode that the other tree does not have is in the difference, unless it has a twin there.
+    return difference_.find(ino).state != 0 || difference_.leads(ino);
   }
 
   const TreeRoot &root_;
-  TreeReader tree_, other_;
+  TreeReader tree_;
   const HiddenEntries &hidden_;
   const DifferenceSet &difference_;
   std::vector<Mount> mounts_;
@@ -116,7 +112,7 @@ int findMountInTheWay(const TreeRoot &active, const TreeRoot &snapshot, const Di
                       std::string *point) {
   const HiddenEntries hidden(active, snapshot.subvol_id);
   for (const TreeRoot *one : {&active, &snapshot}) {
-    InnerMounts mounts(*one, one == &active ? snapshot : active, hidden, difference);
+    InnerMounts mounts(*one, hidden, difference);
     int rc = mounts.begin();
     if (rc == 0) rc = mounts.firstInTheWay(point);
     if (rc != 0) return rc;

@@ -8,9 +8,12 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <string_view>
 
 #include "btrfs/extent_diff.h"
 #include "btrfs/inode_flags.h"
+#include "filesystem/clone_attribute.h"
 
 namespace kest {
 
@@ -19,6 +22,18 @@ namespace {
 // Hints of the kernel to itself, which no restore can set.
 constexpr uint64_t kHasPreallocated = 1u << 4, kRootItemInit = 1u << 31;
 constexpr uint64_t kPrivateFlags = kHasPreallocated | kRootItemInit;
+
+// Whether both are the same names, though in other directories.
+bool sameNamesElsewhere(const std::vector<NameRef> &now, const std::vector<NameRef> &then) {
+  if (now.size() == 1 && then.size() == 1) return now.front().name == then.front().name;
+  const auto sorted = [](const std::vector<NameRef> &names) {
+    std::vector<std::string_view> list;
+    for (const NameRef &one : names) list.push_back(one.name);
+    std::sort(list.begin(), list.end());
+    return list;
+  };
+  return sorted(now) == sorted(then);
+}
 
 // 1 when both trees know directory `dir` by the same path from the root. 0, -errno.
 int sameWayUp(TreeReader &active, TreeReader &snapshot, uint64_t dir) {
@@ -54,26 +69,48 @@ std::vector<NameRef> namesOf(const char *path, const std::vector<NameRef> &names
 
 }  // namespace
 
-int sameProperties(TreeReader &active, TreeReader &snapshot, uint64_t ino, const InodeItem &now,
-                   const InodeItem &then) {
-  if (now.mode != then.mode || now.uid != then.uid || now.gid != then.gid || now.nlink != then.nlink ||
-      now.mtime != then.mtime || now.rdev != then.rdev ||
-      ((now.flags ^ then.flags) & ~kPrivateFlags) != 0)
-    return 0;
-  // The size of a directory is that of its names and includes hidden entries.
-  if (!S_ISDIR(now.mode) && now.size != then.size) return 0;
-  std::vector<NameRef> names_now, names_then;
-  int rc = readNames(active, ino, &names_now);
-  if (rc > 0) rc = readNames(snapshot, ino, &names_then);
-  if (rc < 0 || names_now != names_then) return std::min(rc, 0);
-  std::vector<XattrItem> xattrs_now, xattrs_then;
-  rc = readXattrs(active, ino, &xattrs_now);
-  if (rc > 0) rc = readXattrs(snapshot, ino, &xattrs_then);
-  if (rc < 0 || xattrs_now != xattrs_then) return std::min(rc, 0);
-  if (!S_ISREG(now.mode) && !S_ISLNK(now.mode)) return 1;
-  std::vector<FileRange> ranges;
-  rc = diffExtents(active, snapshot, ino, 0, now.size, 1, &ranges);
-  return rc < 0 ? rc : ranges.empty();
+bool sameItem(const InodeItem &now, const InodeItem &then) {
+  return now.mode == then.mode && now.uid == then.uid && now.gid == then.gid &&
+         now.nlink == then.nlink && now.mtime == then.mtime && now.rdev == then.rdev &&
+         ((now.flags ^ then.flags) & ~kPrivateFlags) == 0 &&
+         (S_ISDIR(now.mode) || now.size == then.size);
+}
+
+int readNamesAndXattrs(const InodeOfTree &inode, InodeRecord *record) {
+  int rc = readNames(inode.tree, inode.ino, &record->names);
+  if (rc > 0) rc = readXattrs(inode.tree, inode.ino, &record->xattrs);
+  if (rc < 0) return rc;
+  record->clone_xattrs.clear();
+  if (!S_ISREG(record->item.mode)) return 0;
+  const auto ours = [](const XattrItem &one) { return isCloneAttribute(one.name); };
+  std::copy_if(record->xattrs.begin(), record->xattrs.end(), std::back_inserter(record->clone_xattrs),
+               ours);
+  if (!record->clone_xattrs.empty()) std::erase_if(record->xattrs, ours);
+  return 0;
+}
+
+int compareInodes(const InodeOfTree &active, InodeRecord *now, const InodeOfTree &snapshot,
+                  InodeRecord *then, unsigned *unequal) {
+  *unequal = kOther;
+  if (!sameItem(now->item, then->item)) return 0;
+  int rc = readNamesAndXattrs(active, now);
+  if (rc == 0) rc = readNamesAndXattrs(snapshot, then);
+  if (rc < 0 || now->xattrs != then->xattrs) return rc;
+  unsigned found = 0;
+  if (now->names != then->names) {
+    if (!sameNamesElsewhere(now->names, then->names)) return 0;
+    found |= kParents;
+  }
+  if (now->clone_xattrs != then->clone_xattrs) found |= kCloneRelation;
+  const mode_t mode = now->item.mode;
+  if (S_ISREG(mode) || S_ISLNK(mode)) {
+    // A clone is one by the blocks that it shares. Links are stored with their inode.
+    const bool clone = !now->clone_xattrs.empty() || !then->clone_xattrs.empty();
+    rc = sameData(active, snapshot, now->item.size, clone || S_ISLNK(mode));
+    if (rc <= 0) return rc;
+  }
+  *unequal = found;
+  return 0;
 }
 
 int describeChange(TreeReader &active, TreeReader &snapshot, uint64_t ino, const InodeItem &now,
@@ -105,12 +142,15 @@ int fileSurvives(const TreeRoot &active_root, const TreeRoot &snapshot_root, con
   if (syncfs(active_root.fd.get()) < 0) return -errno;
   TreeReader active(active_root.fd.get(), active_root.subvol_id);
   TreeReader snapshot(active_root.fd.get(), snapshot_root.subvol_id);
-  InodeItem now, then;
-  int rc = readInode(active, status.st_ino, &now);
-  if (rc > 0) rc = readInode(snapshot, status.st_ino, &then);
-  if (rc > 0) rc = sameIdentity(now, then);
-  if (rc > 0 && (now.ctime != then.ctime || now.sequence != then.sequence))
-    rc = sameProperties(active, snapshot, status.st_ino, now, then);
+  InodeRecord now, then;
+  int rc = readInode(active, status.st_ino, &now.item);
+  if (rc > 0) rc = readInode(snapshot, status.st_ino, &then.item);
+  if (rc > 0) rc = sameIdentity(now.item, then.item);
+  if (rc > 0 && (now.item.ctime != then.item.ctime || now.item.sequence != then.item.sequence)) {
+    unsigned unequal;
+    rc = compareInodes({active, status.st_ino}, &now, {snapshot, status.st_ino}, &then, &unequal);
+    if (rc == 0) rc = unequal == 0;
+  }
   std::vector<NameRef> names;
   if (rc > 0) rc = readNames(active, status.st_ino, &names);
   if (rc <= 0) return rc;

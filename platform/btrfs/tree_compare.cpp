@@ -15,6 +15,7 @@
 #include "btrfs/inode_compare.h"
 #include "btrfs/relatives.h"
 #include "btrfs/tree_items.h"
+#include "btrfs/twin_search.h"
 #include "filesystem/clone_attribute.h"
 
 namespace kest {
@@ -26,6 +27,13 @@ constexpr size_t kScanBytes = 256 * 1024;
 constexpr int64_t kClockMargin = 2;  // seconds
 
 constexpr size_t kPendingMost = 64 * 1024;
+
+constexpr unsigned kBoth = KEST_DI_ACTIVE | KEST_DI_SNAPSHOT;
+
+// Of an inode of both trees, beside KEST_DI_* bits.
+constexpr unsigned kDiffers = 1u << 16;    // it is in the difference
+constexpr unsigned kDoubtful = 1u << 17;   // twins decide
+constexpr unsigned kRelations = 1u << 18;  // whether names and clone attributes are equal
 
 bool severalNames(const InodeItem *item) {
   return item != nullptr && !S_ISDIR(item->mode) && item->nlink > 1;
@@ -69,6 +77,21 @@ class TouchedInodes {
   InodeItem item_;
 };
 
+// Says whether numbers, which never decrease, are among the first ones of pairs.
+class FirstNumbers {
+ public:
+  explicit FirstNumbers(const SortedPairs &pairs) : cursor_(pairs.begin()), more_(cursor_.next(&next_)) {}
+  bool contain(uint64_t number) {
+    while (more_ && next_.first < number) more_ = cursor_.next(&next_);
+    return more_ && next_.first == number;
+  }
+
+ private:
+  SortedPairs::Cursor cursor_;
+  NumberPair next_;
+  bool more_;
+};
+
 class TreeComparison {
  public:
   TreeComparison(const TreeRoot &root, uint64_t snapshot_id, uint64_t line, DifferenceSet *difference,
@@ -100,6 +123,7 @@ class TreeComparison {
   int visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot);
   int compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot, unsigned *state);
   int noteChange(uint64_t ino, const InodeItem &active, const InodeItem &snapshot);
+  bool pairEntries(uint64_t dir, const EntryDifference &entries);
   int visitChildren(Side *side, uint64_t dir);
   int addPending(const DirEntry &entry);
   int visitThese(std::vector<uint64_t> *inodes);
@@ -107,6 +131,10 @@ class TreeComparison {
   int record(uint64_t ino, unsigned state);
   int addLeadsTo(uint64_t ino);
   int findJunctions();
+  int settle();
+  int leaveOutTwins(const SortedPairs &found, const SortedPairs &leads, const SortedPairs &twins);
+  int describeHalf(uint64_t ino, unsigned *state);
+  int settleDoubtful(TwinSearch *twins);
   int climb();
 
   const TreeRoot &root_;
@@ -118,6 +146,9 @@ class TreeComparison {
   std::unordered_set<uint64_t> not_shown_;   // inodes in hidden folders, the folders included
   std::vector<uint64_t> pending_, folders_;  // inodes whose names came or went: directories apart
   PairSorter found_, leads_;
+  PairSorter candidates_;         // of an inode of either tree alone, the snapshot's first, of one name
+  PairSorter doubts_, needed_;    // become the next two
+  SortedPairs doubtful_, needs_;  // inodes that depend on twins; directories, and inodes to have one
   DifferenceSet *difference_;
   ChangeNotes *changes_;
 };
@@ -131,9 +162,8 @@ int TreeComparison::compute() {
   if (rc == 0) rc = visitPending();
   if (rc < 0) return rc;
   changes_->sort();
-  difference_->setInodes(found_.finish());
   rc = findJunctions();
-  return rc == 0 ? climb() : rc;
+  return rc == 0 ? settle() : rc;
 }
 
 // The subvolume that was created in the transaction of the line knows when that was. If it has been
@@ -232,7 +262,13 @@ int TreeComparison::visit(uint64_t ino, const InodeItem *active, const InodeItem
   if (active != nullptr && snapshot != nullptr && sameIdentity(*active, *snapshot)) {
     if (untouched(*active, *snapshot)) return 0;
     int rc = compareSame(ino, *active, *snapshot, &state);
-    if (rc <= 0) return rc;
+    if (rc < 0 || (state & (kDiffers | kDoubtful)) == 0) return rc;
+    if ((state & kDoubtful) != 0) {
+      doubts_.add({ino, state & ~kDoubtful});
+      return 0;
+    }
+    state &= ~kDiffers;
+    if (rc = noteChange(ino, *active, *snapshot); rc < 0) return rc;
   } else {
     if (active != nullptr && snapshot != nullptr) state |= KEST_DI_REPLACED;
     int rc = 0;
@@ -246,7 +282,8 @@ int TreeComparison::visit(uint64_t ino, const InodeItem *active, const InodeItem
   return record(ino, state);
 }
 
-// 1 when the inode, the same in both trees, differs in anything that can be restored; 0, -errno.
+// Sets kDiffers where the inode, the same in both trees, differs in anything that can be restored, and
+// kDoubtful where twins decide. 0 or -errno.
 int TreeComparison::compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot,
                                 unsigned *state) {
   EntryDifference entries;
@@ -258,29 +295,51 @@ int TreeComparison::compareSame(uint64_t ino, const InodeItem &active, const Ino
     for (const DirEntry &entry : *side)
       if (rc == 0) rc = addPending(entry);
   if (rc < 0) return rc;
-  if (!entries.active.empty() || !entries.snapshot.empty()) {
-    *state |= KEST_DI_ENTRIES;
-    return noteChange(ino, active, snapshot);
+  if (!pairEntries(ino, entries)) {
+    *state |= KEST_DI_ENTRIES | kDiffers;
+    return 0;
   }
-  rc = sameProperties(active_.properties, snapshot_.properties, ino, active, snapshot);
-  if (rc != 0) return std::min(rc, 0);
-  if (S_ISREG(active.mode)) {
-    rc = hasXattr(active_.properties, ino, kCloneAttribute);
-    if (rc == 0) rc = hasXattr(snapshot_.inodes, ino, kCloneAttribute);
-    if (rc > 0) *state |= KEST_DI_CLONE;
-  }
-  return rc < 0 ? rc : noteChange(ino, active, snapshot);
+  if (!entries.active.empty()) *state |= kDoubtful;
+  unsigned unequal;
+  InodeRecord now{.item = active, .names = {}, .xattrs = {}, .clone_xattrs = {}};
+  InodeRecord then{.item = snapshot, .names = {}, .xattrs = {}, .clone_xattrs = {}};
+  rc = compareInodes({active_.properties, ino}, &now, {snapshot_.properties, ino}, &then, &unequal);
+  if (rc < 0 || unequal == 0) return rc;
+  if ((unequal & kOther) != 0)
+    *state |= kDiffers;
+  else
+    *state |= kDoubtful | kRelations;
+  if (!S_ISREG(active.mode)) return 0;
+  rc = hasXattr(active_.properties, ino, kCloneAttribute);
+  if (rc == 0) rc = hasXattr(snapshot_.inodes, ino, kCloneAttribute);
+  if (rc > 0) *state |= KEST_DI_CLONE;
+  return std::min(rc, 0);
 }
 
-// 1 or -errno.
+// Takes two files of one name, each of which only one of the directories has, for candidates. Whether
+// all entries could be paired in this way; a nested fileset that only the snapshot has is passed over.
+bool TreeComparison::pairEntries(uint64_t dir, const EntryDifference &entries) {
+  bool all = true;
+  visitNamePairs(entries, [&](const DirEntry *now, const DirEntry *then) {
+    if (then != nullptr && then->junction) then = nullptr;
+    if (now == nullptr && then == nullptr) return;
+    if (now == nullptr || then == nullptr || now->junction || now->type != then->type) {
+      all = false;
+      return;
+    }
+    candidates_.add({then->target, now->target});
+    needed_.add({dir, then->target});
+  });
+  return all;
+}
+
 int TreeComparison::noteChange(uint64_t ino, const InodeItem &active, const InodeItem &snapshot) {
-  if (changes_->full()) return 1;
+  if (changes_->full()) return 0;
   kest_change_t change;
   const int rc =
       describeChange(active_.properties, snapshot_.inodes, ino, active, snapshot, &change);
-  if (rc < 0) return rc;
-  changes_->add(ino, change);
-  return 1;
+  if (rc == 0) changes_->add(ino, change);
+  return rc;
 }
 
 int TreeComparison::visitChildren(Side *side, uint64_t dir) {
@@ -358,6 +417,83 @@ int TreeComparison::findJunctions() {
     leads_.add({one.dir, 0});
   }
   difference_->setJunctions(std::move(junctions));
+  return 0;
+}
+
+// Finds the twins, and with them what the difference is.
+int TreeComparison::settle() {
+  const SortedPairs found = found_.finish(), leads = leads_.finish();
+  doubtful_ = doubts_.finish();
+  needs_ = needed_.finish();
+  TwinSearch twins(root_, snapshot_.inodes.treeId(), hidden_, found);
+  int rc = twins.search(candidates_.finish());
+  if (rc < 0) return rc;
+  do {
+    rc = leaveOutTwins(found, leads, twins.twins());
+    if (rc == 0) rc = settleDoubtful(&twins);
+    if (rc < 0) return rc;
+    difference_->setInodes(found_.finish());
+    rc = climb();
+    if (rc == 0) rc = twins.dropThoseThatLead(*difference_);
+  } while (rc > 0);
+  if (rc == 0) difference_->setTwins(twins.twins());
+  return rc;
+}
+
+int TreeComparison::leaveOutTwins(const SortedPairs &found, const SortedPairs &leads,
+                                  const SortedPairs &twins) {
+  if (twins.empty()) {
+    found_.add(SortedPairs(found));
+    leads_.add(SortedPairs(leads));
+    return 0;
+  }
+  PairSorter turned;
+  NumberPair pair;
+  for (SortedPairs::Cursor cursor = twins.begin(); cursor.next(&pair);)
+    turned.add({pair.second, pair.first});
+  const SortedPairs by_active = turned.finish();
+  FirstNumbers in_snapshot(twins), in_active(by_active);
+  for (SortedPairs::Cursor cursor = found.begin(); cursor.next(&pair);) {
+    auto state = static_cast<unsigned>(pair.second);
+    if (in_snapshot.contain(pair.first)) state &= ~KEST_DI_SNAPSHOT;
+    if (in_active.contain(pair.first)) state &= ~KEST_DI_ACTIVE;
+    if ((state & kBoth) == 0) continue;
+    if (state != pair.second)
+      if (int rc = describeHalf(pair.first, &state); rc < 0) return rc;
+    found_.add({pair.first, state});
+  }
+  for (SortedPairs::Cursor cursor = leads.begin(); cursor.next(&pair);)
+    if (by_active.secondOf(pair.second) == 0) leads_.add(pair);
+  return 0;
+}
+
+// Of two files of one number, one has a twin: says what the other one is.
+int TreeComparison::describeHalf(uint64_t ino, unsigned *state) {
+  InodeItem item;
+  Side &side = (*state & KEST_DI_ACTIVE) != 0 ? active_ : snapshot_;
+  int rc = readInode(side.inodes, ino, &item);
+  if (rc <= 0) return rc < 0 ? rc : -EUCLEAN;
+  *state &= kBoth;
+  if (S_ISDIR(item.mode)) *state |= KEST_DI_DIR;
+  if (severalNames(&item)) *state |= KEST_DI_LINKED;
+  return 0;
+}
+
+// Records those that differ although twins count as one.
+int TreeComparison::settleDoubtful(TwinSearch *twins) {
+  SortedPairs::Cursor need = needs_.begin();
+  NumberPair needed, pair;
+  bool more = need.next(&needed);
+  for (SortedPairs::Cursor cursor = doubtful_.begin(); cursor.next(&pair);) {
+    auto state = static_cast<unsigned>(pair.second);
+    for (; more && needed.first <= pair.first; more = need.next(&needed))
+      if (needed.first == pair.first && twins->twins().secondOf(needed.second) == 0)
+        state |= KEST_DI_ENTRIES | kDiffers;
+    int rc = (state & (kDiffers | kRelations)) == kRelations ? twins->sameRelations(pair.first) : 1;
+    if (rc == 0) state |= kDiffers;
+    if (rc >= 0 && (state & kDiffers) != 0) rc = record(pair.first, state & ~(kDiffers | kRelations));
+    if (rc < 0) return rc;
+  }
   return 0;
 }
 

@@ -242,6 +242,15 @@ int findEntry(TreeReader &tree, uint64_t dir, std::string_view name, DirEntryIte
   return 0;
 }
 
+int nextHash(TreeReader &tree, uint64_t dir, uint64_t hash, std::vector<DirEntryItem> *entries) {
+  entries->clear();
+  const TreeItem *item;
+  int rc = tree.at({dir, BTRFS_DIR_ITEM_KEY, hash}, &item);
+  if (rc <= 0) return rc;
+  if (item->key.objectid != dir || item->key.type != BTRFS_DIR_ITEM_KEY) return 0;
+  return decodeDirEntries(*item, entries) && !entries->empty() ? 1 : -EUCLEAN;
+}
+
 int nextEntry(TreeReader &tree, uint64_t dir, uint64_t index, DirEntryItem *entry) {
   const TreeItem *item;
   int rc = tree.at({dir, BTRFS_DIR_INDEX_KEY, index}, &item);

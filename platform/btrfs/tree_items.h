@@ -82,6 +82,8 @@ int readXattrs(TreeReader &tree, uint64_t ino, std::vector<XattrItem> *xattrs);
 int hasXattr(TreeReader &tree, uint64_t ino, std::string_view name);
 // The entry `name` of directory `dir`, by its hash; `index` is not set.
 int findEntry(TreeReader &tree, uint64_t dir, std::string_view name, DirEntryItem *entry);
+// The entries of directory `dir` with the next hash that is at least `hash`, which is their index.
+int nextHash(TreeReader &tree, uint64_t dir, uint64_t hash, std::vector<DirEntryItem> *entries);
 inline constexpr uint32_t kDirectoryItems = 50;  // first_items of a reader of whole directories
 // The next entry of directory `dir` with an index of at least `index`.
 int nextEntry(TreeReader &tree, uint64_t dir, uint64_t index, DirEntryItem *entry);

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "diff/sorted_pairs.h"
@@ -34,6 +35,9 @@ class DifferenceSet {
   // Pairs of an active directory and an inode in it that differs or leads to one that does; the second
   // number is 0 where a junction is linked in the directory.
   void setLeads(SortedPairs leads) { leads_ = std::move(leads); }
+  // Pairs of an inode of the snapshot and one of the fileset that count as the same; neither is in the
+  // set. In pairs of their numbers in the snapshot and in the fileset.
+  void setTwins(SortedPairs twins) { twins_ = std::move(twins); }
   void setJunctions(std::vector<Junction> junctions);
 
   DiffInode find(uint64_t ino) const;
@@ -43,10 +47,12 @@ class DifferenceSet {
   // The leads of `dir` and of the directories after it, in order. The set must live as long and not
   // move.
   SortedPairs::Cursor leadsFrom(uint64_t dir) const { return leads_.from({dir, 0}); }
+  // The active inode that is the twin of inode `ino` of the snapshot; 0: none.
+  uint64_t twinOf(uint64_t ino) const { return twins_.secondOf(ino); }
   std::span<const Junction> junctionsIn(uint64_t dir) const;
 
  private:
-  SortedPairs inodes_, leads_;
+  SortedPairs inodes_, leads_, twins_;
   std::vector<Junction> junctions_;  // by directory
 };
 

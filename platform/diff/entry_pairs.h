@@ -54,6 +54,34 @@ int dropCommonEntries(EntryDifference *difference, Same same) {
   return 0;
 }
 
+// Calls visit(active, snapshot) for every name, with the entry of each list, NULL where it has none.
+template <typename Visit>
+void visitNamePairs(const EntryDifference &difference, Visit visit) {
+  auto now = difference.active.begin(), now_end = difference.active.end();
+  auto then = difference.snapshot.begin(), then_end = difference.snapshot.end();
+  while (now != now_end || then != then_end) {
+    const bool from_now = now != now_end && (then == then_end || now->name <= then->name);
+    const bool from_then = then != then_end && (now == now_end || then->name <= now->name);
+    visit(from_now ? &*now : nullptr, from_then ? &*then : nullptr);
+    now += from_now;
+    then += from_then;
+  }
+}
+
+// Drops the names under which both have a file, and same(snapshot's number, active number).
+template <typename Same>
+void dropPairs(EntryDifference *difference, Same same) {
+  EntryDifference left;
+  visitNamePairs(*difference, [&](const DirEntry *now, const DirEntry *then) {
+    if (now != nullptr && then != nullptr && !now->junction && !then->junction &&
+        same(then->target, now->target))
+      return;
+    if (now != nullptr) left.active.push_back(*now);
+    if (then != nullptr) left.snapshot.push_back(*then);
+  });
+  *difference = std::move(left);
+}
+
 // Visits both lists by name; of one name, the active entry comes first. Ends with the first answer
 // below 0 of a visitor. 0, or that answer.
 template <typename VisitActive, typename VisitSnapshot>

@@ -68,6 +68,11 @@ SortedPairs::Cursor SortedPairs::from(const NumberPair &pair) const {
   return cursor;
 }
 
+uint64_t SortedPairs::secondOf(uint64_t first) const {
+  NumberPair found;
+  return from({first, 0}).next(&found) && found.first == first ? found.second : 0;
+}
+
 void PairSorter::add(const NumberPair &pair) {
   unsorted_.push_back(pair);
   if (unsorted_.size() == kRunPairs) endRun();

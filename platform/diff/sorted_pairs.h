@@ -35,6 +35,8 @@ class SortedPairs {
   size_t memory() const { return bytes_.capacity() + blocks_.capacity() * sizeof(Block); }  // bytes
   // Begins with the first pair that is not below `pair`.
   Cursor from(const NumberPair &pair) const;
+  // The second number of the first pair that begins with `first`; 0 where there is none.
+  uint64_t secondOf(uint64_t first) const;
   Cursor begin() const { return from({}); }
   // Adds a pair that is above all others.
   void append(const NumberPair &pair);

@@ -9,8 +9,6 @@
 namespace kest {
 namespace {
 
-constexpr char kCloneSnap[] = "trusted.kest.CLONESNAP";
-
 // 1 and the first bytes of the attribute; 0 absent or too short; -errno.
 template <size_t N>
 int readFirst(Inode &inode, const char *name, std::array<uint8_t, N> *bytes) {
@@ -47,6 +45,12 @@ void CloneAttribute::setSnapshot(uint32_t id) {
   clone[12] |= 0x40;
 }
 
+uint32_t CloneAttribute::snapshot() const {
+  uint32_t big;
+  memcpy(&big, clone_snap.data() + 4, sizeof big);
+  return be32toh(big);
+}
+
 void CloneAttribute::setDepth(unsigned depth) {
   clone[14] = static_cast<uint8_t>(depth >> 8);
   clone[15] = static_cast<uint8_t>(depth);
@@ -56,13 +60,13 @@ int readCloneAttribute(Inode &inode, CloneAttribute *attribute) {
   *attribute = {};
   int rc = readFirst(inode, kCloneAttribute, &attribute->clone);
   if (rc <= 0 || !attribute->namesSnapshot()) return rc;
-  return readFirst(inode, kCloneSnap, &attribute->clone_snap);
+  return readFirst(inode, kCloneSnapAttribute, &attribute->clone_snap);
 }
 
 int writeCloneAttribute(Inode &inode, const CloneAttribute &attribute) {
   // A process may die in between: the flag that announces the second attribute is written after it.
   if (attribute.namesSnapshot()) {
-    if (int rc = writeAll(inode, kCloneSnap, attribute.clone_snap); rc != 0) return rc;
+    if (int rc = writeAll(inode, kCloneSnapAttribute, attribute.clone_snap); rc != 0) return rc;
   }
   return writeAll(inode, kCloneAttribute, attribute.clone);
 }

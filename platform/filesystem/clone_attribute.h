@@ -3,12 +3,17 @@
 
 #include <array>
 #include <cstdint>
+#include <string_view>
 
 #include "filesystem/file_system.h"
 
 namespace kest {
 
 inline constexpr char kCloneAttribute[] = "trusted.kest.CLONE";
+inline constexpr char kCloneSnapAttribute[] = "trusted.kest.CLONESNAP";
+inline bool isCloneAttribute(std::string_view name) {
+  return name == kCloneAttribute || name == kCloneSnapAttribute;
+}
 
 struct CloneAttribute {
   std::array<uint8_t, 16> clone{};
@@ -20,6 +25,7 @@ struct CloneAttribute {
   void setIsParent() { clone[12] |= 0x80; }
   bool namesSnapshot() const { return (clone[12] & 0x40) != 0; }
   void setSnapshot(uint32_t id);
+  uint32_t snapshot() const;
   // 0: no clone itself
   unsigned depth() const { return clone[14] << 8 | clone[15]; }
   void setDepth(unsigned depth);

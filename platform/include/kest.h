@@ -147,14 +147,22 @@ void kest_close_inodescan(kest_iscan_t *scan);
 /* 0 and the next inode in increasing number, each once, up to and including `end_ino`; 0 and NULL at
  * the end. An inode is in a difference when identity (generation and creation time), ctime or
  * sequence differ between the trees, or only one tree has it; one whose every restorable property
- * (size, mode, owner, links, names, mtime, flags, xattrs, extents) is equal all the same is left
- * out. Of an inode of a difference the scan gives ia_inode, and ia_nlink 0 where the fileset had it no
- * more when the difference was computed, else 1; kest_stat_inode64 has the rest. The root directory may
- * be among them. A difference commits the file system before it is computed; a full scan shows what is
- * committed. -1: errno. */
+ * (size, mode, owner, links, names, mtime, flags, xattrs, data) is equal all the same is left out,
+ * and so are twins (below). Of an inode of a difference the scan gives ia_inode, and ia_nlink 0 where
+ * the fileset had it no more when the difference was computed, else 1; kest_stat_inode64 has the rest.
+ * The root directory may be among them. A difference commits the file system before it is computed; a
+ * full scan shows what is committed. -1: errno. */
 int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t **attr);
 
-/* What the difference scan knows of an inode, as it was when the difference was computed (at the first
+/* Two inodes are twins where only the snapshot has the one and only the fileset the other (the number of
+ * one may be that of another file in the other tree), and nothing but the number, the generation, and
+ * the times of change and creation tells them apart: every restorable property is equal, and the names
+ * in the same directories; clones have the same parent, and everything in directories is equal, down to
+ * the last file. In all of this twins count as one: a tree that was made again is a tree of twins. Data
+ * are compared by their extents, and read where these differ (of clones, they are another file then).
+ * Twins are not in the difference: no call below reports them, and what differs by them alone is equal.
+ *
+ * What the difference scan knows of an inode, as it was when the difference was computed (at the first
  * question): 0 where it is not in the difference, else KEST_DI_* bits, one of the first two among them.
  * Costs no look at the file system. -1: errno. */
 #define KEST_DI_ACTIVE 0x1   /* the fileset has an inode of this number, with a name */
@@ -165,6 +173,10 @@ int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t
 #define KEST_DI_ENTRIES 0x20 /* a directory of both, with entries that only one of them has */
 #define KEST_DI_CLONE 0x40   /* a regular file of both, with clone attributes in either tree */
 int kest_idifference(kest_iscan_t *scan, uint64_t ino);
+
+/* 0 and the number of the active inode that is the twin of inode `ino` of the snapshot, 0 where it has
+ * none. -1: errno. */
+int kest_twin(kest_iscan_t *scan, uint64_t ino, uint64_t *active);
 
 /* What a walk needs to know of an inode that is the same file in both trees, as they were when the
  * difference was computed. Costs no open file, and, in the difference, mostly no look at a tree. -1: ENOENT
@@ -296,7 +308,7 @@ int64_t kest_iwritex(kest_ifile_t *file, const void *buf, int64_t len, int64_t o
 int kest_ireaddir64(kest_ifile_t *dir, const kest_direntx64_t **entry);
 
 /* Next entry by (name, inode, generation) that only one of the two directories of this inode number
- * holds, across a difference scan; `dir` is the active one. Entries of the snapshot carry
+ * holds (twins count as one inode), across a difference scan; `dir` is the active one. Entries of the snapshot carry
  * KEST_DT_SNAP; a name that now means another object comes twice. Entries come by name; those of a
  * directory that only the fileset has come in the order of the directory. The listing is taken whole at
  * the first call and checked against the live directory: entries that are gone by then, and those that

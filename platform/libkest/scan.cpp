@@ -119,6 +119,16 @@ int kest_idifference(kest_iscan_t *scan, uint64_t ino) {
   });
 }
 
+int kest_twin(kest_iscan_t *scan, uint64_t ino, uint64_t *active) {
+  return cCall([&] {
+    if (active == nullptr) return -EINVAL;
+    Difference *difference;
+    int rc = differenceOf(scan, &difference);
+    if (rc == 0) *active = difference->set().twinOf(ino);
+    return rc;
+  });
+}
+
 int kest_leads_to_change(kest_iscan_t *scan, uint64_t ino) {
   return cCall([&] {
     Difference *difference;

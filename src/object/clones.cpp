@@ -279,6 +279,13 @@ Result recordCloneParentIno(const std::string &path, uint64_t ino) {
   return traceUnrecorded(path, ino, appendParent(path, ino, st.st_ino));
 }
 
+Result recordTwinParent(const std::string &path, uint64_t parent) {
+  uint64_t twin = 0, recorded = 0;
+  if (Result r = called(kest_twin(handles.iscanP, parent, &twin)); !r || twin == 0) return r;
+  if (Result r = readNewParent(parent, &recorded); !r || recorded == twin) return r;
+  return traceUnrecorded(path, parent, appendParent(path, parent, twin));
+}
+
 Result readNewParent(uint64_t ino, uint64_t *now) {
   *now = 0;
   std::string text;

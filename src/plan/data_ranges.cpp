@@ -245,6 +245,9 @@ Result listDeletedFile(const RangeWriter &writer, WorkFile &copy_list, const std
   const bool clone = countsAsClone(snap.get(), &attr, &attr_snap);
   if (clone) {
     const bool from_data = restoredFromData(path, attr, attr_snap);
+    if (!from_data && !attr.parentInSnapshot()) {
+      if (Result r = recordTwinParent(path, attr.parentIno()); !r) return r.at(kListClone);
+    }
     if (!from_data || attr.isParent()) {
       if (Result r = listClone(path, false, attr); !r) {
         traceLog("%s: failed to listClone %s\n", writer.name, path.c_str());

@@ -28,9 +28,11 @@ Result readBucket(const std::string &bucket, NewParents *parents) {
     if (Result r = nextEntry(dir, &entry); !r || !entry) return r;
     const std::optional<uint64_t> then = parseNewParentName(entry->d_name);
     if (!then) continue;
-    uint64_t now = 0;
+    uint64_t now = 0, twin = 0;
     if (Result r = readNewParent(*then, &now); !r) return r;
-    if (now != 0) (*parents)[*then] = now;
+    if (Result r = called(kest_twin(handles.iscanP, *then, &twin)); !r) return r;
+    // Every survivor that is a clone of a twin knows its number already.
+    if (now != 0 && now != twin) (*parents)[*then] = now;
   }
 }
 

@@ -143,6 +143,7 @@ std::string print(const History &history) {
   };
   section("initial:\n", history.initial);
   section("changes:\n", history.changes);
+  section("later:\n", history.later);
   return text;
 }
 
@@ -159,6 +160,8 @@ History parseHistory(const std::string &text) {
       section = &history.initial;
     else if (line == "changes:")
       section = &history.changes;
+    else if (line == "later:")
+      section = &history.later;
     else
       section->push_back(parse(line));
   }

@@ -29,9 +29,10 @@ Operation parse(const std::string &line);
 struct History {
   std::vector<Operation> initial;  // build the tree of which the snapshot is taken
   std::vector<Operation> changes;  // since the snapshot
+  std::vector<Operation> later;    // since the first restore; it is followed by another one
 };
 
-// Numbered lines in two sections, and back; numbers in front of lines are ignored.
+// Numbered lines in three sections, and back; numbers in front of lines are ignored.
 std::string print(const History &history);
 History parseHistory(const std::string &text);
 

@@ -31,7 +31,8 @@ constexpr int kMostTries = 600;              // of a shrinking
 
 // "mtime", "left over", "remade": lines of one kind count as the same failure.
 std::string kindOf(const std::string &line) {
-  return line.substr(0, std::min(line.find(" of "), line.find(": ")));
+  const std::string kind = line.substr(0, std::min(line.find(" of "), line.find(": ")));
+  return kind.substr(kind.starts_with("later, ") ? 7 : 0);
 }
 
 // A run that starts its engine four times at most survives three losses, wherever they are.
@@ -101,7 +102,8 @@ Outcome Runner::generate(uint64_t seed) {
   History history;
   Outcome outcome = run(
       seed, [&](TreeBuilder &tree) { history.initial = generator.buildInitial(tree); },
-      [&](TreeBuilder &tree) { history.changes = generator.change(tree); });
+      [&](TreeBuilder &tree) { history.changes = generator.change(tree); },
+      [&](TreeBuilder &tree) { history.later = generator.change(tree); });
   outcome.history = std::move(history);
   return outcome;
 }
@@ -112,12 +114,14 @@ Outcome Runner::replay(const History &history, uint64_t seed) {
       for (const Operation &operation : operations) apply(tree, operation);
     };
   };
-  Outcome outcome = run(seed, applyAll(history.initial), applyAll(history.changes));
+  Outcome outcome =
+      run(seed, applyAll(history.initial), applyAll(history.changes), applyAll(history.later));
   outcome.history = history;
   return outcome;
 }
 
-Outcome Runner::run(uint64_t seed, const Builder &initial, const Builder &changes) {
+Outcome Runner::run(uint64_t seed, const Builder &initial, const Builder &changes,
+                    const Builder &later) {
   if (runs_++ % kRunsPerFileSystem == kRunsPerFileSystem - 1) freshFileSystem();
   std::string fileset = "h" + std::to_string(runs_), snapshot = fileset + "-snap";
   Outcome outcome;
@@ -130,6 +134,13 @@ Outcome Runner::run(uint64_t seed, const Builder &initial, const Builder &change
     changes(tree);
   }
   outcome.problems = restoreAndJudge(seed, fileset, snapshot, &outcome);
+  // What the first restore made again is changed in turn.
+  if (outcome.problems.empty()) {
+    TreeBuilder tree(fs_->path(fileset));
+    later(tree);
+    for (const std::string &line : restoreAndJudge(seed + 1, fileset, snapshot, &outcome))
+      outcome.problems.push_back("later, " + line);
+  }
   fs_->destroySubvolume(snapshot);
   fs_->destroySubvolume(fileset);
   return outcome;
@@ -184,6 +195,26 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
   crossCheck("afterwards, ", after);
   add("", remadeOrTouched(want, before, after, !settings_.killBefore && !settings_.loseWorkers));
   add("snapshot changed: ", compare(want, testsupport::fingerprint(fs_->path(snapshot))));
+  return problems.empty() ? judgeAgain(fileset, snapshot, options, want, outcome) : problems;
+}
+
+// A restore of what is restored must find nothing to do, whatever was made again.
+std::vector<std::string> Runner::judgeAgain(const std::string &fileset, const std::string &snapshot,
+                                            const RunOptions &options, const TreePrint &want,
+                                            Outcome *outcome) {
+  const TreePrint before = testsupport::fingerprint(fs_->path(fileset));
+  const RunResult result = testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, {}, options);
+  const TreePrint after = testsupport::fingerprint(fs_->path(fileset));
+  std::vector<std::string> problems = compare(want, after);
+  const std::vector<std::string> touched = exchangedOrChanged(before, after);
+  problems.insert(problems.end(), touched.begin(), touched.end());
+  if (result.exitStatus != 0) problems.push_back("exit status: " + std::to_string(result.exitStatus));
+  // The program counts one more than it lists.
+  if ((result.err + result.out).find("] 1 operations have been added") == std::string::npos)
+    problems.push_back("operations: something was listed");
+  if (problems.empty()) return {};
+  outcome->runText = "again, " + result.describe();
+  for (std::string &line : problems) line = "again, " + line;
   return problems;
 }
 
@@ -209,7 +240,7 @@ Outcome Runner::shrink(const Outcome &failed, uint64_t seed) {
   int tries = kMostTries;
   for (bool changed = true; changed && tries > 0;) {
     changed = false;
-    for (auto section : {&History::changes, &History::initial}) {
+    for (auto section : {&History::later, &History::changes, &History::initial}) {
       for (size_t piece = std::max<size_t>(1, (best.history.*section).size() / 2);; piece /= 2) {
         for (size_t at = 0; at < (best.history.*section).size() && tries > 0; --tries) {
           History smaller = best.history;

@@ -10,6 +10,7 @@
 #include "histories/operation.h"
 #include "support/loop_btrfs.h"
 #include "support/restore_run.h"
+#include "support/tree_fingerprint.h"
 
 namespace histories {
 
@@ -39,9 +40,12 @@ class Runner {
 
  private:
   using Builder = std::function<void(testsupport::TreeBuilder &)>;
-  Outcome run(uint64_t seed, const Builder &initial, const Builder &changes);
+  Outcome run(uint64_t seed, const Builder &initial, const Builder &changes, const Builder &later);
   std::vector<std::string> restoreAndJudge(uint64_t seed, const std::string &fileset,
                                            const std::string &snapshot, Outcome *outcome);
+  std::vector<std::string> judgeAgain(const std::string &fileset, const std::string &snapshot,
+                                      const testsupport::RunOptions &options,
+                                      const testsupport::TreePrint &want, Outcome *outcome);
   bool failsAlike(const History &history, uint64_t seed, const std::vector<std::string> &problems,
                   Outcome *outcome);
   void freshFileSystem();

@@ -30,7 +30,9 @@ std::string script(const std::string &name, const std::string &body) {
 }
 
 std::string swappingRestore() {
-  return script("swap", "btrfs -q subvolume delete $1/$3 && btrfs -q subvolume snapshot $1/$5 $1/$3");
+  return script("swap",
+                "echo '[now] 1 operations have been added to list.'; "
+                "btrfs -q subvolume delete $1/$3 && btrfs -q subvolume snapshot $1/$5 $1/$3");
 }
 
 History generated(LoopBtrfs &fs, const std::string &fileset, const std::string &profile,

@@ -73,6 +73,20 @@ class Survivors {
 
 }  // namespace
 
+std::vector<std::string> exchangedOrChanged(const TreePrint &before, const TreePrint &after) {
+  std::vector<std::string> lines;
+  for (const auto &[path, then] : before.objects) {
+    const auto now = after.objects.find(path);
+    if (path.empty() || now == after.objects.end()) continue;
+    if (!sameObject(then, now->second))
+      lines.push_back("exchanged: " + shown(path) + ", inode " + std::to_string(then.inode) +
+                      ", now it is " + std::to_string(now->second.inode));
+    else if (!sameTime(then.ctime, now->second.ctime))
+      lines.push_back("changed again: " + shown(path));
+  }
+  return lines;
+}
+
 std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePrint &before,
                                          const TreePrint &after, bool timesToo) {
   std::vector<std::string> lines;

@@ -17,6 +17,9 @@ namespace testsupport {
 std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePrint &before,
                                          const TreePrint &after, bool timesToo);
 
+// Everything but the root that is another inode than before, or was changed in any way.
+std::vector<std::string> exchangedOrChanged(const TreePrint &before, const TreePrint &after);
+
 // Returns when the clock that the file system stamps changes with has moved on. What is done afterwards
 // has another change time than what was done before; without it both can lie in one tick (some ms).
 void awaitClockTick();
