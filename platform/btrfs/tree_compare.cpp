@@ -6,11 +6,14 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "base/threads.h"
 #include "btrfs/entry_diff.h"
 #include "btrfs/inode_compare.h"
 #include "btrfs/relatives.h"
@@ -28,6 +31,8 @@ constexpr int64_t kClockMargin = 2;  // seconds
 
 constexpr size_t kPendingMost = 64 * 1024;
 
+constexpr size_t kWorthThreads = 256;  // inodes
+
 constexpr unsigned kBoth = KEST_DI_ACTIVE | KEST_DI_SNAPSHOT;
 
 // Of an inode of both trees, beside KEST_DI_* bits.
@@ -35,52 +40,125 @@ constexpr unsigned kDiffers = 1u << 16;    // it is in the difference
 constexpr unsigned kDoubtful = 1u << 17;   // twins decide
 constexpr unsigned kRelations = 1u << 18;  // whether names and clone attributes are equal
 
+void sortOnce(std::vector<uint64_t> *numbers) {
+  std::sort(numbers->begin(), numbers->end());
+  numbers->erase(std::unique(numbers->begin(), numbers->end()), numbers->end());
+}
+
 bool severalNames(const InodeItem *item) {
   return item != nullptr && !S_ISDIR(item->mode) && item->nlink > 1;
 }
 
-// The inodes of one tree that were written after the line, by number.
-class TouchedInodes {
+// The inodes of a batch of items that were written after the line, by number.
+class TouchedInBatch {
  public:
-  TouchedInodes(int fd, uint64_t tree_id, uint64_t line) : fd_(fd), tree_id_(tree_id), line_(line) {}
+  explicit TouchedInBatch(uint64_t line) : line_(line) {}
 
+  void begin(const TreeBatch &batch) {
+    batch_ = &batch;
+    position_ = 0;
+  }
   // 0 or -errno; afterwards ino() is the next one, or 0.
   int next() {
-    for (;;) {
-      for (; position_ < batch_.items().size(); ++position_) {
-        const TreeItem &item = batch_.items()[position_];
-        if (item.key.type != BTRFS_INODE_ITEM_KEY) continue;
-        if (!decodeInode(item, &item_)) return -EUCLEAN;
-        // A block that was written comes with all its inodes.
-        if (item_.transid <= line_) continue;
-        ino_ = item.key.objectid;
-        ++position_;
-        return 0;
-      }
-      if (!batch_.items().empty()) from_ = batch_.items().back().key.next();
-      ino_ = 0;
-      position_ = 0;
-      int rc = batch_.read(fd_, tree_id_, from_, {kLastInode, 255, UINT64_MAX}, line_ + 1, kScanBytes);
-      if (rc < 0 || batch_.items().empty()) return rc;
+    ino_ = 0;
+    for (; position_ < batch_->items().size(); ++position_) {
+      const TreeItem &item = batch_->items()[position_];
+      if (item.key.type != BTRFS_INODE_ITEM_KEY) continue;
+      if (!decodeInode(item, &item_)) return -EUCLEAN;
+      // A block that was written comes with all its inodes.
+      if (item_.transid <= line_) continue;
+      ino_ = item.key.objectid;
+      ++position_;
+      break;
     }
+    return 0;
   }
   uint64_t ino() const { return ino_; }
   const InodeItem &item() const { return item_; }
 
  private:
-  int fd_;
-  uint64_t tree_id_, line_;
-  TreeBatch batch_;
+  uint64_t line_;
+  const TreeBatch *batch_ = nullptr;
   size_t position_ = 0;
-  TreeKey from_{kFirstInode, 0, 0};
   uint64_t ino_ = 0;
   InodeItem item_;
+};
+
+// The inodes of one tree in [first, last] that were written after the line, by number.
+class TouchedInodes {
+ public:
+  TouchedInodes(int fd, uint64_t tree_id, uint64_t line, uint64_t first, uint64_t last)
+      : fd_(fd), tree_id_(tree_id), line_(line), from_{first, 0, 0}, last_(last), touched_(line) {
+    touched_.begin(batch_);
+  }
+
+  // 0 or -errno; afterwards ino() is the next one, or 0.
+  int next() {
+    for (;;) {
+      if (int rc = touched_.next(); rc < 0 || touched_.ino() != 0) return rc;
+      int rc = batch_.read(fd_, tree_id_, from_, {last_, 255, UINT64_MAX}, line_ + 1, kScanBytes);
+      if (rc < 0 || batch_.items().empty()) return rc;
+      from_ = batch_.items().back().key.next();
+      touched_.begin(batch_);
+    }
+  }
+  uint64_t ino() const { return touched_.ino(); }
+  const InodeItem &item() const { return touched_.item(); }
+
+ private:
+  int fd_;
+  uint64_t tree_id_, line_;
+  TreeKey from_;
+  uint64_t last_;
+  TreeBatch batch_;
+  TouchedInBatch touched_;
+};
+
+// What one thread takes at a time: the inodes of both trees in [first, last], and the items of the
+// active tree's touched blocks among them.
+struct TouchedChunk {
+  uint64_t first = 0, last = 0;
+  TreeBatch active;
+};
+
+// Divides the touched blocks of the active tree among threads.
+class TouchedChunks {
+ public:
+  TouchedChunks(int fd, uint64_t tree_id, uint64_t line) : fd_(fd), tree_id_(tree_id), line_(line) {}
+
+  // 1, 0 at the end, -errno. The last chunk goes to the end of the snapshot.
+  int next(TouchedChunk *chunk) {
+    const std::lock_guard<std::mutex> hold(mutex_);
+    if (at_end_) return 0;
+    int rc =
+        chunk->active.read(fd_, tree_id_, from_, {kLastInode, 255, UINT64_MAX}, line_ + 1, kScanBytes);
+    if (rc < 0) return rc;
+    at_end_ = chunk->active.items().empty();
+    chunk->first = first_;
+    chunk->last = kLastInode;
+    if (at_end_) return 1;
+    const TreeKey &end = chunk->active.items().back().key;
+    chunk->last = end.objectid;
+    from_ = end.next();
+    // What is left of the last inode has no inode item: it is no inode of the next chunk.
+    first_ = end.objectid + 1;
+    return 1;
+  }
+
+ private:
+  std::mutex mutex_;
+  int fd_;
+  uint64_t tree_id_, line_;
+  TreeKey from_{kFirstInode, 0, 0};
+  uint64_t first_ = kFirstInode;
+  bool at_end_ = false;
 };
 
 // Says whether numbers, which never decrease, are among the first ones of pairs.
 class FirstNumbers {
  public:
-  explicit FirstNumbers(const SortedPairs &pairs) : cursor_(pairs.begin()), more_(cursor_.next(&next_)) {}
+  explicit FirstNumbers(const SortedPairs &pairs)
+      : cursor_(pairs.begin()), more_(cursor_.next(&next_)) {}
   bool contain(uint64_t number) {
     while (more_ && next_.first < number) more_ = cursor_.next(&next_);
     return more_ && next_.first == number;
@@ -92,33 +170,51 @@ class FirstNumbers {
   bool more_;
 };
 
-class TreeComparison {
- public:
-  TreeComparison(const TreeRoot &root, uint64_t snapshot_id, uint64_t line, DifferenceSet *difference,
-                 ChangeNotes *changes)
-      : root_(root),
-        line_(line),
-        hidden_(root, snapshot_id),
-        active_(root.fd.get(), root.subvol_id),
-        snapshot_(root.fd.get(), snapshot_id),
-        difference_(difference),
-        changes_(changes) {}
+// Each has readers for three purposes, so that one does not drive out the neighbours that another will
+// need.
+struct Side {
+  Side(int fd, uint64_t tree)
+      : inodes(fd, tree), properties(fd, tree), entries(fd, tree, kDirectoryItems) {}
+  TreeReader inodes, properties, entries;
+};
 
-  int compute();
+// What all threads of a comparison know, and none changes.
+struct Common {
+  const TreeRoot &root;
+  const uint64_t snapshot_id, line;
+  const HiddenEntries hidden;
+  int64_t line_time = INT64_MIN;                // seconds; when the transaction of the line was written
+  bool snapshot_changed = false;                // the snapshot has a history of its own after the line
+  std::unordered_set<uint64_t> not_shown = {};  // inodes in hidden folders, the folders included
+};
+
+// One thread's part of a comparison: decides about inodes, and keeps what it found. All calls that can
+// fail return 0 or -errno.
+class InodeVisitor {
+ public:
+  explicit InodeVisitor(const Common &common)
+      : common_(common),
+        active_(common.root.fd.get(), common.root.subvol_id),
+        snapshot_(common.root.fd.get(), common.snapshot_id) {}
+
+  int visitTouched(TouchedChunks *chunks);
+  // In order, so that neighbours are read together.
+  int visitThese(const uint64_t *begin, const uint64_t *end);
+  int record(uint64_t ino, unsigned state);
+  int addLeadsTo(uint64_t ino);
+
+  Side &active() { return active_; }
+  Side &snapshot() { return snapshot_; }
+
+  // What was found.
+  std::vector<uint64_t> pending, folders;  // inodes whose names came or went: directories apart
+  PairSorter found, leads;
+  PairSorter candidates;      // of an inode of either tree alone, the snapshot's first, of one name
+  PairSorter doubts, needed;  // inodes that depend on twins; directories, and inodes to have one
+  ChangeNotes changes;
 
  private:
-  // Each has readers for three purposes, so that one does not drive out the neighbours that another
-  // will need.
-  struct Side {
-    Side(int fd, uint64_t tree)
-        : inodes(fd, tree), properties(fd, tree), entries(fd, tree, kDirectoryItems) {}
-    TreeReader inodes, properties, entries;
-  };
-
-  int findLineTime();
-  int findHidden();
-  int collectBelow(Side *side, uint64_t dir);
-  int visitTouched();
+  int visitChunk(const TouchedChunk &chunk);
   bool untouched(const InodeItem &now, const InodeItem &then) const;
   int visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot);
   int compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot, unsigned *state);
@@ -126,10 +222,32 @@ class TreeComparison {
   bool pairEntries(uint64_t dir, const EntryDifference &entries);
   int visitChildren(Side *side, uint64_t dir);
   int addPending(const DirEntry &entry);
-  int visitThese(std::vector<uint64_t> *inodes);
+
+  const Common &common_;
+  Side active_, snapshot_;
+};
+
+class TreeComparison {
+ public:
+  TreeComparison(const TreeRoot &root, uint64_t snapshot_id, uint64_t line, DifferenceSet *difference,
+                 ChangeNotes *changes)
+      : common_{root, snapshot_id, line, HiddenEntries(root, snapshot_id)},
+        difference_(difference),
+        changes_(changes) {
+    for (size_t i = 0; i < usefulThreads(); ++i)
+      visitors_.push_back(std::make_unique<InodeVisitor>(common_));
+  }
+
+  int compute();
+
+ private:
+  int findLineTime();
+  int findHidden();
+  int collectBelow(Side *side, uint64_t dir);
+  int visitTouched();
+  int visitAll(std::vector<uint64_t> InodeVisitor::*list);
   int visitPending();
-  int record(uint64_t ino, unsigned state);
-  int addLeadsTo(uint64_t ino);
+  void collect();
   int findJunctions();
   int settle();
   int leaveOutTwins(const SortedPairs &found, const SortedPairs &leads, const SortedPairs &twins);
@@ -137,97 +255,34 @@ class TreeComparison {
   int settleDoubtful(TwinSearch *twins);
   int climb();
 
-  const TreeRoot &root_;
-  uint64_t line_;
-  int64_t line_time_ = INT64_MIN;  // seconds; when the transaction of the line was written
-  HiddenEntries hidden_;
-  Side active_, snapshot_;
-  bool snapshot_changed_ = false;            // the snapshot has a history of its own after the line
-  std::unordered_set<uint64_t> not_shown_;   // inodes in hidden folders, the folders included
-  std::vector<uint64_t> pending_, folders_;  // inodes whose names came or went: directories apart
-  PairSorter found_, leads_;
-  PairSorter candidates_;         // of an inode of either tree alone, the snapshot's first, of one name
-  PairSorter doubts_, needed_;    // become the next two
+  InodeVisitor &first() { return *visitors_.front(); }
+
+  Common common_;
+  std::vector<std::unique_ptr<InodeVisitor>> visitors_;  // one a thread; the first keeps what all found
   SortedPairs doubtful_, needs_;  // inodes that depend on twins; directories, and inodes to have one
   DifferenceSet *difference_;
   ChangeNotes *changes_;
 };
 
-int TreeComparison::compute() {
-  // Delayed updates and unwritten data are in no tree yet.
-  if (syncfs(root_.fd.get()) < 0) return -errno;
-  int rc = findLineTime();
-  if (rc == 0) rc = findHidden();
-  if (rc == 0) rc = visitTouched();
-  if (rc == 0) rc = visitPending();
-  if (rc < 0) return rc;
-  changes_->sort();
-  rc = findJunctions();
-  return rc == 0 ? settle() : rc;
-}
-
-// The subvolume that was created in the transaction of the line knows when that was. If it has been
-// deleted since, every inode that was written is compared in full.
-int TreeComparison::findLineTime() {
-  SubvolumeTable table;
-  int rc = table.load(root_.fd.get());
-  if (rc < 0) return rc;
-  for (const Subvolume &one : table.all())
-    if (one.otransid == line_) line_time_ = one.created;
-  return 0;
-}
-
-// Folders that are hidden as a whole may be ordinary directories with ordinary files in them.
-int TreeComparison::findHidden() {
-  for (Side *side : {&active_, &snapshot_}) {
-    for (const char *name : {".snapshots", ".unlinked"}) {
-      if (!hidden_.hidesName(kFirstInode, name)) continue;
-      DirEntryItem entry;
-      int rc = findEntry(side->inodes, kFirstInode, name, &entry);
-      if (rc < 0) return rc;
-      if (rc == 0 || entry.junction) continue;
-      rc = collectBelow(side, entry.target);
-      if (rc < 0) return rc;
-    }
+int InodeVisitor::visitTouched(TouchedChunks *chunks) {
+  TouchedChunk chunk;
+  for (;;) {
+    int rc = chunks->next(&chunk);
+    if (rc > 0)
+      rc = visitChunk(chunk);
+    else
+      return rc;
+    if (rc < 0) return rc;
   }
-  return 0;
-}
-
-int TreeComparison::collectBelow(Side *side, uint64_t dir) {
-  // A tree's directories have one name each: nothing is met twice.
-  std::vector<uint64_t> folders{dir};
-  not_shown_.insert(dir);
-  while (!folders.empty()) {
-    uint64_t folder = folders.back();
-    folders.pop_back();
-    DirEntryItem entry;
-    for (uint64_t index = 0;; index = entry.index + 1) {
-      int rc = nextEntry(side->entries, folder, index, &entry);
-      if (rc < 0) return rc;
-      if (rc == 0) break;
-      if (entry.junction) continue;
-      not_shown_.insert(entry.target);
-      if (entry.type == DT_DIR) folders.push_back(entry.target);
-    }
-  }
-  return 0;
-}
-
-// Whether an inode that was written after the line did not change (only its access time, say). An equal
-// ctime alone does not prove it: two changes within one tick of the clock leave the same ctime, and the
-// second may leave the sequence as it is. So it counts only where it is clearly before the line.
-bool TreeComparison::untouched(const InodeItem &now, const InodeItem &then) const {
-  return now.ctime == then.ctime && now.sequence == then.sequence &&
-         now.ctime.sec + kClockMargin < line_time_;
 }
 
 // Goes through the touched inodes of both trees as one.
-int TreeComparison::visitTouched() {
-  TouchedInodes now(root_.fd.get(), active_.inodes.treeId(), line_);
-  TouchedInodes then(root_.fd.get(), snapshot_.inodes.treeId(), line_);
+int InodeVisitor::visitChunk(const TouchedChunk &chunk) {
+  TouchedInBatch now(common_.line);
+  now.begin(chunk.active);
   int rc = now.next();
-  if (rc == 0) rc = then.next();
-  snapshot_changed_ = then.ino() != 0;
+  TouchedInodes then(common_.root.fd.get(), common_.snapshot_id, common_.line, chunk.first, chunk.last);
+  if (rc == 0 && common_.snapshot_changed && chunk.first <= chunk.last) rc = then.next();
   while (rc == 0 && (now.ino() != 0 || then.ino() != 0)) {
     const bool from_active = now.ino() != 0 && (then.ino() == 0 || now.ino() <= then.ino());
     const bool from_snapshot = then.ino() != 0 && (now.ino() == 0 || then.ino() <= now.ino());
@@ -247,9 +302,33 @@ int TreeComparison::visitTouched() {
   return rc;
 }
 
+int InodeVisitor::visitThese(const uint64_t *begin, const uint64_t *end) {
+  for (const uint64_t *ino = begin; ino != end; ++ino) {
+    InodeItem active, snapshot;
+    int found_active = readInode(active_.inodes, *ino, &active);
+    int found_snapshot = found_active < 0 ? 0 : readInode(snapshot_.inodes, *ino, &snapshot);
+    if (found_active < 0 || found_snapshot < 0) return std::min(found_active, found_snapshot);
+    // Visited already.
+    if (found_active > 0 && active.transid > common_.line) continue;
+    if (found_snapshot > 0 && snapshot.transid > common_.line) continue;
+    int rc =
+        visit(*ino, found_active > 0 ? &active : nullptr, found_snapshot > 0 ? &snapshot : nullptr);
+    if (rc < 0) return rc;
+  }
+  return 0;
+}
+
+// Whether an inode that was written after the line did not change (only its access time, say). An equal
+// ctime alone does not prove it: two changes within one tick of the clock leave the same ctime, and the
+// second may leave the sequence as it is. So it counts only where it is clearly before the line.
+bool InodeVisitor::untouched(const InodeItem &now, const InodeItem &then) const {
+  return now.ctime == then.ctime && now.sequence == then.sequence &&
+         now.ctime.sec + kClockMargin < common_.line_time;
+}
+
 // Decides about one inode, and makes pending those whose names it shows to have come or gone. 0 or
 // -errno.
-int TreeComparison::visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot) {
+int InodeVisitor::visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot) {
   // Unlinked but still open somewhere: gone.
   if (active != nullptr && active->nlink == 0) active = nullptr;
   if (snapshot != nullptr && snapshot->nlink == 0) snapshot = nullptr;
@@ -264,7 +343,7 @@ int TreeComparison::visit(uint64_t ino, const InodeItem *active, const InodeItem
     int rc = compareSame(ino, *active, *snapshot, &state);
     if (rc < 0 || (state & (kDiffers | kDoubtful)) == 0) return rc;
     if ((state & kDoubtful) != 0) {
-      doubts_.add({ino, state & ~kDoubtful});
+      doubts.add({ino, state & ~kDoubtful});
       return 0;
     }
     state &= ~kDiffers;
@@ -275,7 +354,7 @@ int TreeComparison::visit(uint64_t ino, const InodeItem *active, const InodeItem
     if (snapshot != nullptr && S_ISDIR(snapshot->mode)) rc = visitChildren(&snapshot_, ino);
     // Whatever only the fileset has was made after the line, and the search found it, unless the
     // snapshot has a history of its own in which it was deleted.
-    if (rc == 0 && active != nullptr && S_ISDIR(active->mode) && snapshot_changed_)
+    if (rc == 0 && active != nullptr && S_ISDIR(active->mode) && common_.snapshot_changed)
       rc = visitChildren(&active_, ino);
     if (rc < 0) return rc;
   }
@@ -284,13 +363,13 @@ int TreeComparison::visit(uint64_t ino, const InodeItem *active, const InodeItem
 
 // Sets kDiffers where the inode, the same in both trees, differs in anything that can be restored, and
 // kDoubtful where twins decide. 0 or -errno.
-int TreeComparison::compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot,
-                                unsigned *state) {
+int InodeVisitor::compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot,
+                              unsigned *state) {
   EntryDifference entries;
   int rc = 0;
   if (S_ISDIR(active.mode))
-    rc =
-        diffDirectories(active_.entries, snapshot_.entries, ino, active.size, line_, hidden_, &entries);
+    rc = diffDirectories(active_.entries, snapshot_.entries, ino, active.size, common_.line,
+                         common_.hidden, &entries);
   for (const std::vector<DirEntry> *side : {&entries.snapshot, &entries.active})
     for (const DirEntry &entry : *side)
       if (rc == 0) rc = addPending(entry);
@@ -318,7 +397,7 @@ int TreeComparison::compareSame(uint64_t ino, const InodeItem &active, const Ino
 
 // Takes two files of one name, each of which only one of the directories has, for candidates. Whether
 // all entries could be paired in this way; a nested fileset that only the snapshot has is passed over.
-bool TreeComparison::pairEntries(uint64_t dir, const EntryDifference &entries) {
+bool InodeVisitor::pairEntries(uint64_t dir, const EntryDifference &entries) {
   bool all = true;
   visitNamePairs(entries, [&](const DirEntry *now, const DirEntry *then) {
     if (then != nullptr && then->junction) then = nullptr;
@@ -327,22 +406,21 @@ bool TreeComparison::pairEntries(uint64_t dir, const EntryDifference &entries) {
       all = false;
       return;
     }
-    candidates_.add({then->target, now->target});
-    needed_.add({dir, then->target});
+    candidates.add({then->target, now->target});
+    needed.add({dir, then->target});
   });
   return all;
 }
 
-int TreeComparison::noteChange(uint64_t ino, const InodeItem &active, const InodeItem &snapshot) {
-  if (changes_->full()) return 0;
+int InodeVisitor::noteChange(uint64_t ino, const InodeItem &active, const InodeItem &snapshot) {
+  if (changes.full()) return 0;
   kest_change_t change;
-  const int rc =
-      describeChange(active_.properties, snapshot_.inodes, ino, active, snapshot, &change);
-  if (rc == 0) changes_->add(ino, change);
+  const int rc = describeChange(active_.properties, snapshot_.inodes, ino, active, snapshot, &change);
+  if (rc == 0) changes.add(ino, change);
   return rc;
 }
 
-int TreeComparison::visitChildren(Side *side, uint64_t dir) {
+int InodeVisitor::visitChildren(Side *side, uint64_t dir) {
   DirEntryItem entry;
   for (uint64_t index = 0;; index = entry.index + 1) {
     int rc = nextEntry(side->entries, dir, index, &entry);
@@ -354,67 +432,151 @@ int TreeComparison::visitChildren(Side *side, uint64_t dir) {
 
 // Directories wait until the end, because only they make others pending; the rest is visited as soon as
 // there is much of it.
-int TreeComparison::addPending(const DirEntry &entry) {
+int InodeVisitor::addPending(const DirEntry &entry) {
   if (entry.junction) return 0;
-  std::vector<uint64_t> &list = entry.type == DT_DIR ? folders_ : pending_;
+  std::vector<uint64_t> &list = entry.type == DT_DIR ? folders : pending;
   list.push_back(entry.target);
-  return pending_.size() < kPendingMost ? 0 : visitThese(&pending_);
+  if (pending.size() < kPendingMost) return 0;
+  std::vector<uint64_t> these;
+  these.swap(pending);
+  sortOnce(&these);
+  return visitThese(these.data(), these.data() + these.size());
 }
 
-// In order, so that neighbours are read together; empties the list.
-int TreeComparison::visitThese(std::vector<uint64_t> *inodes) {
-  std::vector<uint64_t> these;
-  these.swap(*inodes);
-  std::sort(these.begin(), these.end());
-  these.erase(std::unique(these.begin(), these.end()), these.end());
-  for (uint64_t ino : these) {
-    InodeItem active, snapshot;
-    int found_active = readInode(active_.inodes, ino, &active);
-    int found_snapshot = found_active < 0 ? 0 : readInode(snapshot_.inodes, ino, &snapshot);
-    if (found_active < 0 || found_snapshot < 0) return std::min(found_active, found_snapshot);
-    // Visited already.
-    if (found_active > 0 && active.transid > line_) continue;
-    if (found_snapshot > 0 && snapshot.transid > line_) continue;
-    int rc = visit(ino, found_active > 0 ? &active : nullptr, found_snapshot > 0 ? &snapshot : nullptr);
-    if (rc < 0) return rc;
+int InodeVisitor::record(uint64_t ino, unsigned state) {
+  // A file with several names may have one that is not hidden.
+  if ((state & KEST_DI_LINKED) == 0 && common_.not_shown.contains(ino)) return 0;
+  found.add({ino, state});
+  return (state & KEST_DI_ACTIVE) != 0 ? addLeadsTo(ino) : 0;
+}
+
+int InodeVisitor::addLeadsTo(uint64_t ino) {
+  int rc = visitNames(active_.properties, ino, [&](uint64_t parent, std::string_view) {
+    if (parent != ino && !common_.not_shown.contains(parent)) leads.add({parent, ino});
+  });
+  return std::min(rc, 0);
+}
+
+int TreeComparison::compute() {
+  // Delayed updates and unwritten data are in no tree yet.
+  if (syncfs(common_.root.fd.get()) < 0) return -errno;
+  int rc = findLineTime();
+  if (rc == 0) rc = findHidden();
+  if (rc == 0) rc = visitTouched();
+  if (rc == 0) rc = visitPending();
+  if (rc < 0) return rc;
+  collect();
+  rc = findJunctions();
+  return rc == 0 ? settle() : rc;
+}
+
+// The subvolume that was created in the transaction of the line knows when that was. If it has been
+// deleted since, every inode that was written is compared in full.
+int TreeComparison::findLineTime() {
+  SubvolumeTable table;
+  int rc = table.load(common_.root.fd.get());
+  if (rc < 0) return rc;
+  for (const Subvolume &one : table.all())
+    if (one.otransid == common_.line) common_.line_time = one.created;
+  return 0;
+}
+
+// Folders that are hidden as a whole may be ordinary directories with ordinary files in them.
+int TreeComparison::findHidden() {
+  for (Side *side : {&first().active(), &first().snapshot()}) {
+    for (const char *name : {".snapshots", ".unlinked"}) {
+      if (!common_.hidden.hidesName(kFirstInode, name)) continue;
+      DirEntryItem entry;
+      int rc = findEntry(side->inodes, kFirstInode, name, &entry);
+      if (rc < 0) return rc;
+      if (rc == 0 || entry.junction) continue;
+      rc = collectBelow(side, entry.target);
+      if (rc < 0) return rc;
+    }
   }
   return 0;
 }
 
-int TreeComparison::visitPending() {
-  int rc = 0;
-  while (rc == 0 && !folders_.empty()) rc = visitThese(&folders_);
-  if (rc == 0) rc = visitThese(&pending_);
-  folders_ = {};
-  pending_ = {};
-  return rc;
+int TreeComparison::collectBelow(Side *side, uint64_t dir) {
+  // A tree's directories have one name each: nothing is met twice.
+  std::vector<uint64_t> folders{dir};
+  common_.not_shown.insert(dir);
+  while (!folders.empty()) {
+    uint64_t folder = folders.back();
+    folders.pop_back();
+    DirEntryItem entry;
+    for (uint64_t index = 0;; index = entry.index + 1) {
+      int rc = nextEntry(side->entries, folder, index, &entry);
+      if (rc < 0) return rc;
+      if (rc == 0) break;
+      if (entry.junction) continue;
+      common_.not_shown.insert(entry.target);
+      if (entry.type == DT_DIR) folders.push_back(entry.target);
+    }
+  }
+  return 0;
 }
 
-int TreeComparison::record(uint64_t ino, unsigned state) {
-  // A file with several names may have one that is not hidden.
-  if ((state & KEST_DI_LINKED) == 0 && not_shown_.contains(ino)) return 0;
-  found_.add({ino, state});
-  return (state & KEST_DI_ACTIVE) != 0 ? addLeadsTo(ino) : 0;
+int TreeComparison::visitTouched() {
+  TouchedInodes then(common_.root.fd.get(), common_.snapshot_id, common_.line, kFirstInode, kLastInode);
+  if (int rc = then.next(); rc < 0) return rc;
+  common_.snapshot_changed = then.ino() != 0;
+  TouchedChunks chunks(common_.root.fd.get(), common_.root.subvol_id, common_.line);
+  return inThreads(visitors_.size(), [&](size_t i) { return visitors_[i]->visitTouched(&chunks); });
 }
 
-int TreeComparison::addLeadsTo(uint64_t ino) {
-  int rc = visitNames(active_.properties, ino, [&](uint64_t parent, std::string_view) {
-    if (parent != ino && !not_shown_.contains(parent)) leads_.add({parent, ino});
+// Visits what the visitors have in their lists, which are empty then, but for what this adds.
+int TreeComparison::visitAll(std::vector<uint64_t> InodeVisitor::*list) {
+  std::vector<uint64_t> all;
+  for (auto &one : visitors_) {
+    std::vector<uint64_t> &its = (*one).*list;
+    all.insert(all.end(), its.begin(), its.end());
+    its = {};
+  }
+  sortOnce(&all);
+  const size_t share = all.size() / visitors_.size() + 1;
+  return inThreads(all.size() < kWorthThreads ? 1 : visitors_.size(), [&](size_t i) {
+    const size_t begin = all.size() < kWorthThreads ? 0 : std::min(i * share, all.size());
+    const size_t end = all.size() < kWorthThreads ? all.size() : std::min(begin + share, all.size());
+    return visitors_[i]->visitThese(all.data() + begin, all.data() + end);
   });
-  return std::min(rc, 0);
+}
+
+// Directories come first, because only they make others pending.
+int TreeComparison::visitPending() {
+  const auto any_folder = [](const auto &one) { return !one->folders.empty(); };
+  int rc = 0;
+  while (rc == 0 && std::any_of(visitors_.begin(), visitors_.end(), any_folder))
+    rc = visitAll(&InodeVisitor::folders);
+  return rc == 0 ? visitAll(&InodeVisitor::pending) : rc;
+}
+
+// Brings together what the threads found.
+void TreeComparison::collect() {
+  for (auto &one : visitors_) changes_->take(&one->changes);
+  changes_->sort();
+  for (size_t i = 1; i < visitors_.size(); ++i) {
+    InodeVisitor &other = *visitors_[i];
+    first().found.add(other.found.finish());
+    first().leads.add(other.leads.finish());
+    first().candidates.add(other.candidates.finish());
+    first().doubts.add(other.doubts.finish());
+    first().needed.add(other.needed.finish());
+  }
 }
 
 int TreeComparison::findJunctions() {
   std::vector<Subvolume> nested;
   std::vector<Junction> junctions;
-  int rc = listNested(root_.fd.get(), root_.subvol_id, 0, &nested);
+  int rc = listNested(common_.root.fd.get(), common_.root.subvol_id, 0, &nested);
   if (rc < 0) return rc;
   for (const Subvolume &one : nested) {
-    rc = not_shown_.contains(one.dir) ? 1 : hidden_.hidesSubvolume(one.dir, one.name, one.id);
+    rc = common_.not_shown.contains(one.dir) ? 1
+                                             : common_.hidden.hidesSubvolume(one.dir, one.name, one.id);
     if (rc < 0) return rc;
     if (rc > 0) continue;
     junctions.push_back({one.dir, one.id, one.name});
-    leads_.add({one.dir, 0});
+    first().leads.add({one.dir, 0});
   }
   difference_->setJunctions(std::move(junctions));
   return 0;
@@ -422,17 +584,17 @@ int TreeComparison::findJunctions() {
 
 // Finds the twins, and with them what the difference is.
 int TreeComparison::settle() {
-  const SortedPairs found = found_.finish(), leads = leads_.finish();
-  doubtful_ = doubts_.finish();
-  needs_ = needed_.finish();
-  TwinSearch twins(root_, snapshot_.inodes.treeId(), hidden_, found);
-  int rc = twins.search(candidates_.finish());
+  const SortedPairs found = first().found.finish(), leads = first().leads.finish();
+  doubtful_ = first().doubts.finish();
+  needs_ = first().needed.finish();
+  TwinSearch twins(common_.root, common_.snapshot_id, common_.hidden, found);
+  int rc = twins.search(first().candidates.finish());
   if (rc < 0) return rc;
   do {
     rc = leaveOutTwins(found, leads, twins.twins());
     if (rc == 0) rc = settleDoubtful(&twins);
     if (rc < 0) return rc;
-    difference_->setInodes(found_.finish());
+    difference_->setInodes(first().found.finish());
     rc = climb();
     if (rc == 0) rc = twins.dropThoseThatLead(*difference_);
   } while (rc > 0);
@@ -443,8 +605,8 @@ int TreeComparison::settle() {
 int TreeComparison::leaveOutTwins(const SortedPairs &found, const SortedPairs &leads,
                                   const SortedPairs &twins) {
   if (twins.empty()) {
-    found_.add(SortedPairs(found));
-    leads_.add(SortedPairs(leads));
+    first().found.add(SortedPairs(found));
+    first().leads.add(SortedPairs(leads));
     return 0;
   }
   PairSorter turned;
@@ -460,17 +622,17 @@ int TreeComparison::leaveOutTwins(const SortedPairs &found, const SortedPairs &l
     if ((state & kBoth) == 0) continue;
     if (state != pair.second)
       if (int rc = describeHalf(pair.first, &state); rc < 0) return rc;
-    found_.add({pair.first, state});
+    first().found.add({pair.first, state});
   }
   for (SortedPairs::Cursor cursor = leads.begin(); cursor.next(&pair);)
-    if (by_active.secondOf(pair.second) == 0) leads_.add(pair);
+    if (by_active.secondOf(pair.second) == 0) first().leads.add(pair);
   return 0;
 }
 
 // Of two files of one number, one has a twin: says what the other one is.
 int TreeComparison::describeHalf(uint64_t ino, unsigned *state) {
   InodeItem item;
-  Side &side = (*state & KEST_DI_ACTIVE) != 0 ? active_ : snapshot_;
+  Side &side = (*state & KEST_DI_ACTIVE) != 0 ? first().active() : first().snapshot();
   int rc = readInode(side.inodes, ino, &item);
   if (rc <= 0) return rc < 0 ? rc : -EUCLEAN;
   *state &= kBoth;
@@ -491,7 +653,8 @@ int TreeComparison::settleDoubtful(TwinSearch *twins) {
         state |= KEST_DI_ENTRIES | kDiffers;
     int rc = (state & (kDiffers | kRelations)) == kRelations ? twins->sameRelations(pair.first) : 1;
     if (rc == 0) state |= kDiffers;
-    if (rc >= 0 && (state & kDiffers) != 0) rc = record(pair.first, state & ~(kDiffers | kRelations));
+    if (rc >= 0 && (state & kDiffers) != 0)
+      rc = first().record(pair.first, state & ~(kDiffers | kRelations));
     if (rc < 0) return rc;
   }
   return 0;
@@ -502,7 +665,7 @@ int TreeComparison::climb() {
   PairSorter all;
   std::vector<uint64_t> climbed;  // directories, by number
   for (;;) {
-    SortedPairs latest = leads_.finish();
+    SortedPairs latest = first().leads.finish();
     std::vector<uint64_t> step;
     NumberPair lead;
     for (SortedPairs::Cursor cursor = latest.begin(); cursor.next(&lead);) {
@@ -516,7 +679,7 @@ int TreeComparison::climb() {
     all.add(std::move(latest));
     if (step.empty()) break;
     for (uint64_t dir : step) {
-      int rc = addLeadsTo(dir);
+      int rc = first().addLeadsTo(dir);
       if (rc < 0) return rc;
     }
     const auto before = static_cast<ptrdiff_t>(climbed.size());

@@ -4,13 +4,21 @@
 
 namespace kest {
 
+void ChangeNotes::take(ChangeNotes *other) {
+  const size_t room = std::min(kMost - notes_.size(), other->notes_.size());
+  notes_.insert(notes_.end(), other->notes_.begin(),
+                other->notes_.begin() + static_cast<ptrdiff_t>(room));
+  other->notes_ = {};
+}
+
 void ChangeNotes::sort() {
   std::sort(notes_.begin(), notes_.end(), [](const Note &a, const Note &b) { return a.ino < b.ino; });
 }
 
 bool ChangeNotes::find(uint64_t ino, kest_change_t *change) const {
-  const auto found = std::lower_bound(notes_.begin(), notes_.end(), ino,
-                                      [](const Note &one, uint64_t number) { return one.ino < number; });
+  const auto found =
+      std::lower_bound(notes_.begin(), notes_.end(), ino,
+                       [](const Note &one, uint64_t number) { return one.ino < number; });
   if (found == notes_.end() || found->ino != ino) return false;
   *change = found->change;
   return true;

@@ -9,9 +9,9 @@
 
 namespace {
 
-// Until its owner is set, a new file belongs to root and to the group of root, or of its directory. So it
-// gets at once what is safe with any owner, for good if the worker dies in between: a set-user-ID bit
-// would make it a root program, and a group that may do more than everybody could be the wrong one.
+// Until its owner is set, a new file belongs to root and to the group of root, or of its directory. So
+// it gets at once what is safe with any owner, for good if the worker dies in between: a set-user-ID
+// bit would make it a root program, and a group that may do more than everybody could be the wrong one.
 mode_t modeAtBirth(mode_t mode) {
   constexpr mode_t kSpecialBits = 07000, kPermissions = 0777, kOwnerAlone = 0600;
   const mode_t group = (mode >> 3) & 7, others = mode & 7;

@@ -172,8 +172,7 @@ Result listLostTail(const ChangedFile &file, DataWalk &walk) {
   if (Result r = openInode(handles.oldFsP, file.ino, &snap); !r) return r.at(kListTail);
   for (int64_t offset = tail; offset < snap_size;) {
     int hole = 0;
-    int64_t length =
-        kest_ireadx(snap.get(), handles.iscanFromP, nullptr, 0, &offset, snap_size, &hole);
+    int64_t length = kest_ireadx(snap.get(), handles.iscanFromP, nullptr, 0, &offset, snap_size, &hole);
     if (length < 0) return failed(kListTail);
     // The file ends before its size: data that is not listed would be missing.
     if (length == 0) return failed(kListTail, EIO);
@@ -194,8 +193,8 @@ bool countsAsClone(kest_ifile_t *snap, CloneAttr *attr = nullptr, CloneSnapAttr 
   return isClone(snap, &clone, attr, attr_snap) && clone;
 }
 
-// A file of another clone state is never listed as changed, it is made again: the active file carries the
-// snapshot's state.
+// A file of another clone state is never listed as changed, it is made again: the active file carries
+// the snapshot's state.
 Result readCloneState(const ChangedFile &file, bool *clone) {
   *clone = false;
   if (!mayBeClone(file.ino)) return {};
