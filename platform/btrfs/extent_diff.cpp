@@ -87,8 +87,8 @@ int visitStretches(const InodeOfTree &active, const InodeOfTree &snapshot, uint6
   return 0;
 }
 
-// Whether the stretch of a file of `size` bytes has a whole block, so that one can tell a hole from data
-// there.
+// Whether the stretch of a file of `size` bytes has a whole block, so that one can tell a hole from
+// data there.
 bool hasBlock(const Stretch &stretch, uint64_t size) {
   const uint64_t first = (stretch.start + kBlock - 1) / kBlock * kBlock;
   return first < (stretch.end == size ? size : stretch.end / kBlock * kBlock);

@@ -30,10 +30,7 @@ bool cutBeginning(std::string_view dir, std::string_view *path) {
 class InnerMounts {
  public:
   InnerMounts(const TreeRoot &root, const HiddenEntries &hidden, const DifferenceSet &difference)
-      : root_(root),
-        tree_(root.fd.get(), root.subvol_id),
-        hidden_(hidden),
-        difference_(difference) {}
+      : root_(root), tree_(root.fd.get(), root.subvol_id), hidden_(hidden), difference_(difference) {}
 
   int begin() {
     if (int rc = readMounts(&mounts_); rc < 0) return rc;

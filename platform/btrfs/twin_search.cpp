@@ -127,15 +127,14 @@ int TwinSearch::searchFamily(const NumberPair &top, Family *family) {
 }
 
 int TwinSearch::comparePair(const NumberPair &pair, Family *family) {
+  if (const auto known = family->linked.find(pair.first); known != family->linked.end())
+    return known->second == pair.second;
   InodeRecord now, then;
   int rc = readInode(snapshot_, pair.first, &then.item);
   if (rc > 0) rc = readInode(active_, pair.second, &now.item);
   if (rc <= 0) return rc;
   const bool is_directory = S_ISDIR(now.item.mode);
-  if (!is_directory && now.item.nlink > 1) {
-    const auto [known, is_new] = family->linked.emplace(pair.first, pair.second);
-    if (!is_new) return known->second == pair.second;
-  }
+  if (!is_directory && now.item.nlink > 1) family->linked.emplace(pair.first, pair.second);
   unsigned unequal = 0;
   rc = compareInodes({active_, pair.second}, &now, {snapshot_, pair.first}, &then, &unequal);
   if (rc < 0 || (unequal & kOther) != 0) return rc;

@@ -35,8 +35,7 @@ class DifferenceSet {
   // Pairs of an active directory and an inode in it that differs or leads to one that does; the second
   // number is 0 where a junction is linked in the directory.
   void setLeads(SortedPairs leads) { leads_ = std::move(leads); }
-  // Pairs of an inode of the snapshot and one of the fileset that count as the same; neither is in the
-  // set. In pairs of their numbers in the snapshot and in the fileset.
+  // Pairs of an inode of the snapshot and one of the fileset that count as one; neither is in the set.
   void setTwins(SortedPairs twins) { twins_ = std::move(twins); }
   void setJunctions(std::vector<Junction> junctions);
 

@@ -6,7 +6,8 @@
 // - Tree: a fileset or a snapshot. It opens inodes by number and directories by path, finds the names
 //   of an inode, scans its inodes, and compares itself with a snapshot.
 // - Difference: the inodes in which a fileset and a snapshot differ, with their attributes, their
-//   changed entries and ranges, and the entries through which a walk gets to them.
+//   changed entries and ranges, and the entries through which a walk gets to them. Twins, which are
+//   equal in all but their numbers, are not among them (kest.h says what they are).
 // - Inode: an open inode, with its data, attributes and flags. It can share ranges with another file.
 // - Directory: a directory held open, whose entries are made, renamed and removed by name.
 //

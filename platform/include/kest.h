@@ -154,13 +154,14 @@ void kest_close_inodescan(kest_iscan_t *scan);
  * full scan shows what is committed. -1: errno. */
 int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t **attr);
 
-/* Two inodes are twins where only the snapshot has the one and only the fileset the other (the number of
- * one may be that of another file in the other tree), and nothing but the number, the generation, and
- * the times of change and creation tells them apart: every restorable property is equal, and the names
- * in the same directories; clones have the same parent, and everything in directories is equal, down to
- * the last file. In all of this twins count as one: a tree that was made again is a tree of twins. Data
- * are compared by their extents, and read where these differ (of clones, they are another file then).
- * Twins are not in the difference: no call below reports them, and what differs by them alone is equal.
+/* Two inodes are twins where only the snapshot has the one and only the fileset the other (the number
+ * of one may be that of another file in the other tree), and nothing but the number, the generation,
+ * and the times of change and creation tells them apart: every restorable property is equal, and the
+ * names in the same directories; clones have the same parent, and everything in directories is equal,
+ * down to the last file. In all of this twins count as one: a tree that was made again is a tree of
+ * twins. Data are compared by their extents, and read where these differ (of clones, they are another
+ * file then). Twins are not in the difference: no call below reports them, and what differs by them
+ * alone is equal.
  *
  * What the difference scan knows of an inode, as it was when the difference was computed (at the first
  * question): 0 where it is not in the difference, else KEST_DI_* bits, one of the first two among them.
@@ -308,11 +309,11 @@ int64_t kest_iwritex(kest_ifile_t *file, const void *buf, int64_t len, int64_t o
 int kest_ireaddir64(kest_ifile_t *dir, const kest_direntx64_t **entry);
 
 /* Next entry by (name, inode, generation) that only one of the two directories of this inode number
- * holds (twins count as one inode), across a difference scan; `dir` is the active one. Entries of the snapshot carry
- * KEST_DT_SNAP; a name that now means another object comes twice. Entries come by name; those of a
- * directory that only the fileset has come in the order of the directory. The listing is taken whole at
- * the first call and checked against the live directory: entries that are gone by then, and those that
- * have come back, are left out. A directory whose entries are equal costs nothing. */
+ * holds (twins count as one inode), across a difference scan; `dir` is the active one. Entries of the
+ * snapshot carry KEST_DT_SNAP; a name that now means another object comes twice. Entries come by name;
+ * those of a directory that only the fileset has come in the order of the directory. The listing is
+ * taken whole at the first call and checked against the live directory: entries that are gone by then,
+ * and those that have come back, are left out. A directory whose entries are equal costs nothing. */
 int kest_ireaddirx64(kest_ifile_t *dir, kest_iscan_t *scan, const kest_direntx64_t **entry);
 
 /* Like kest_ireaddir64, but only the entries of the active directory that matter to a walk: inodes of

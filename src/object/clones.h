@@ -31,9 +31,9 @@ Result otherSnapshot(uint32_t id, kest_fssnap_handle_t **handle);
 // the snapshot. Failures are traced; EINVAL where the file is no clone parent.
 Result recordCloneParentIno(const std::string &path, uint64_t ino);
 
-// The same for a clone parent that has a twin in the active fileset and is not made again, in the file of
-// `parent`, its number in the snapshot; `path` is that of a clone, for trace lines. Nothing where it has
-// no twin. Master only.
+// The same for a clone parent that has a twin in the active fileset and is not made again, in the file
+// of `parent`, its number in the snapshot; `path` is that of a clone, for trace lines. Nothing where it
+// has no twin. Master only.
 Result recordTwinParent(const std::string &path, uint64_t parent);
 
 // The number that the clone parent `ino` of the snapshot has now: the last recorded one that is a

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 
 #include "platform/kest_reader.h"
@@ -156,6 +157,55 @@ TEST_F(Difference, ListsChangedEntries) {
   EXPECT_EQ(2, seen);
 }
 
+// Copies stand in for what a restore makes again.
+TEST_F(Difference, LeavesOutTwins) {
+  tree_->dirs("made/again/deep");
+  tree_->dirs("keep");
+  tree_->file("plain", "text");
+  tree_->setXattr("plain", "user.a", "1");
+  tree_->file("made/again/deep/f", "text");
+  tree_->symlink("plain", "made/again/link");
+  tree_->link("made/again/deep/f", "made/again/g");
+  tree_->link("made/again/deep/f", "keep/h");
+  tree_->file("made/again/survivor", "text");
+  const std::string snap = snapshot();
+  std::map<std::string, ino_t> then;
+  for (const char *path : {"plain", "made", "made/again/deep/f", "made/again/survivor"})
+    then[path] = inode(path);
+  const auto run = [&](const std::string &command) {
+    testsupport::runCommand("cd '" + root() + "' && snap='" + snap + "' && " + command);
+  };
+  const std::string copy_plain = "rm plain && cp -a \"$snap/plain\" .";
+  run("mv made/again/survivor aside && rm -r made keep && cp -a \"$snap/made\" \"$snap/keep\" . && "
+      "mv aside made/again/survivor && touch -r \"$snap/made/again\" made/again && " +
+      copy_plain);
+  Scan scan = openDifference(active_, snapshot_);
+  EXPECT_EQ(numbers({"."}), inodesOf(scan));
+  EXPECT_EQ("", changes(scan, "."));
+  EXPECT_EQ("", leadingEntries(active_, scan, inode(".")));
+  for (const auto &[path, ino] : then) {
+    uint64_t twin = 1;
+    EXPECT_EQ(0, kest_twin(scan.get(), ino, &twin));
+    EXPECT_EQ(ino == inode(path) ? 0 : inode(path), twin) << path;
+    EXPECT_EQ(0, kest_leads_to_change(scan.get(), inode(path))) << path;
+  }
+  // What differs below a directory, or in it, takes all with it that depends on it.
+  tree_->append("made/again/survivor", "!");
+  EXPECT_EQ("keep keep@snap made made@snap", changes(openDifference(active_, snapshot_), "."));
+  const std::function<void()> near_misses[] = {
+      [&] { tree_->chmod("plain", 0600); }, [&] { tree_->setXattr("plain", "user.a", "2"); },
+      [&] { run("touch -d @1 plain"); }, [&] { tree_->link("plain", "second"); },
+      [&] { run("printf texT > plain && touch -r \"$snap/plain\" plain"); }};
+  for (const auto &change : near_misses) {
+    run(copy_plain);
+    EXPECT_EQ("keep keep@snap made made@snap", changes(openDifference(active_, snapshot_), "."));
+    change();
+    const std::string found = changes(openDifference(active_, snapshot_), ".");
+    EXPECT_NE(std::string::npos, found.find("plain plain@snap")) << found;
+    run("rm -f second");
+  }
+}
+
 TEST_F(Difference, LeadsToChangesAndJunctionsAlone) {
   for (const char *dir : {"quiet/q", "way/down/far", "moved/in", "links", "flags", "holds/junction"})
     tree_->dirs(dir);
@@ -250,7 +300,7 @@ TEST_F(Difference, UnitesBothTreesAfterARollback) {
   tree_->remove("dir/common");
   tree_->append("base", "later");
   ino_t later = inode("dir/later");
-  snapshot("second");
+  const std::string second = snapshot("second");
   EXPECT_EQ("", inodes());
   // Roll back: the fileset is now a snapshot itself, and the second snapshot its cousin.
   tree_ = std::make_unique<TreeBuilder>(fs_->snapshot("first of " + name_, "rolled", false));
@@ -265,6 +315,12 @@ TEST_F(Difference, UnitesBothTreesAfterARollback) {
   EXPECT_EQ(numbers({".", "base", "dir", "dir/common", "own"}), inodes());
   EXPECT_EQ("common later@snap", changes(scan, "dir"));
   EXPECT_EQ("own", changes(scan, "."));
+  // Of two files of one number each may have a twin of its own.
+  testsupport::runCommand("cp -a '" + second + "/dir/later' '" + at("dir/later") + "'");
+  scan = openDifference(active_, snapshot_);
+  EXPECT_EQ(KEST_DI_ACTIVE, kest_idifference(scan.get(), later));
+  EXPECT_EQ(0, kest_idifference(scan.get(), inode("dir/later")));
+  EXPECT_EQ("common", changes(scan, "dir"));
 }
 
 TEST_F(Difference, MaximumCoversBothTrees) {

@@ -6,6 +6,7 @@
 
 #include "scenario/restore_fixture.h"
 #include "support/fault_plan.h"
+#include "support/survival.h"
 
 using namespace scenario;
 using testsupport::compare;
@@ -52,6 +53,52 @@ TEST_F(Runs, TwoInARow) {
   expectRestored();
   expectRestored("newer");
   expectRestored();
+}
+
+// What a restore made again counts as the snapshot's: the next one leaves it alone, and makes only what
+// changed since.
+TEST_F(Runs, NothingIsMadeAgainTwice) {
+  constexpr int kFiles = 300;
+  const auto file = [](int i) { return "old/d" + std::to_string(i % 6) + "/f" + std::to_string(i); };
+  for (int i = 0; i < kFiles; ++i) {
+    if (i < 6) tree().dirs("old/d" + std::to_string(i) + "/below");
+    tree().file(file(i), "text");
+  }
+  for (int i = 0; i < kFiles; ++i) tree().link(file(i), "old/d0/l" + std::to_string(i));
+  tree().dirs("clones");
+  tree().big("parent", 100000, 1);
+  tree().cloneParent("parent");
+  for (const char *clone : {"clones/a", "clones/b", "survivor"}) tree().clone("parent", clone);
+  tree().big("nocow", 0, 1);
+  tree().noCow("nocow");
+  tree().pattern("nocow", 0, 50000, 2);
+  tree().immutable("old/d1");
+  takeSnapshot();
+  tree().immutable("old/d1", false);
+  tree().immutable("parent", false);
+  for (const char *gone : {"old", "clones", "parent"}) tree().removeTree(gone);
+  tree().pattern("nocow", 4096, 9000, 3);
+  expectRestored();
+
+  testsupport::FaultPlan counter(testsupport::Fault{.call = "none"});
+  RunOptions counted;
+  counted.environment = counter.environment();
+  // A mount hinders nobody where nothing has to be done.
+  ASSERT_EQ(mount("none", (root() + "/old/d2/below").c_str(), "tmpfs", 0, nullptr), 0);
+  EXPECT_EQ(restore("snap", {}, counted).exitStatus, 0);
+  EXPECT_EQ(umount((root() + "/old/d2/below").c_str()), 0);
+  for (const auto &[call, times] : counter.made())
+    EXPECT_EQ(call.second, testsupport::kMaster) << call.first << ": nothing is left for a worker";
+  EXPECT_LE((counter.made()[{testsupport::kTreeSearch, testsupport::kMaster}]), uint32_t{kFiles * 2});
+
+  const testsupport::TreePrint before = fingerprint(root());
+  tree().remove("clones/b");
+  tree().file("clones/new");
+  tree().setXattr("clones/a", "user.x", "y");
+  expectRestored();
+  testsupport::TreePrint after = fingerprint(root());
+  for (const char *changed : {"clones", "clones/a", "clones/b"}) after.objects.erase(changed);
+  EXPECT_EQ(joined(testsupport::exchangedOrChanged(before, after)), "");
 }
 
 // A worker for a hundred changed files, and none where nothing is listed.
