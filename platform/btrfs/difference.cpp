@@ -37,7 +37,7 @@ int BtrfsDifference::readAttributes(const DiffInode &inode, kest_iattr64_t *attr
 }
 
 int BtrfsDifference::listChanged(Inode &dir, EntryList *entries) {
-  return listChangedEntries(root_, asBtrfs(dir), set_, snapshot_id_, line_, entries);
+  return listChangedEntries(root_, asBtrfs(dir), set_, changes_, snapshot_id_, line_, entries);
 }
 
 std::unique_ptr<EntryStream> BtrfsDifference::leadingEntries(Inode &dir) {

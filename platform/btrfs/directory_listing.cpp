@@ -82,7 +82,8 @@ int listDirectory(const TreeRoot &root, DescriptorInode &dir, const HiddenEntrie
 }
 
 int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const DifferenceSet &set,
-                       uint64_t snapshot_id, uint64_t line, EntryList *entries) {
+                       const ChangeNotes &notes, uint64_t snapshot_id, uint64_t line,
+                       EntryList *entries) {
   entries->clear();
   const InodeFacts &facts = dir.facts();
   const DiffInode own = set.find(facts.ino);
@@ -91,11 +92,15 @@ int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const Differe
   // A directory that only the fileset has is new as a whole.
   if (!own.inSnapshot() || own.replaced()) return listDirectory(root, dir, hidden, false, entries);
   if ((own.state & KEST_DI_ENTRIES) == 0) return 0;
-  const int fs = root.fd.get();
-  TreeReader active(fs, root.subvol_id, 1), snapshot(fs, snapshot_id, 1);
   EntryDifference difference;
-  int rc = diffDirectories(active, snapshot, facts.ino, facts.size, line, hidden, &difference);
-  if (rc < 0) return rc;
+  if (const EntryDifference *noted = notes.findEntries(facts.ino); noted != nullptr) {
+    difference = *noted;
+  } else {
+    const int fs = root.fd.get();
+    TreeReader active(fs, root.subvol_id, 1), snapshot(fs, snapshot_id, 1);
+    int rc = diffDirectories(active, snapshot, facts.ino, facts.size, line, hidden, &difference);
+    if (rc < 0) return rc;
+  }
   dropPairs(&difference, [&](uint64_t then, uint64_t now) { return set.twinOf(then) == now; });
   LiveEntries live(root, dir.fd(), facts.ino);
 
@@ -111,11 +116,9 @@ int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const Differe
     if (there < 0 || (there > 0 && (entry.junction || !set.find(entry.target).replaced())))
       return there;
     record.d_type |= KEST_DT_SNAP;
-    InodeItem item;
-    int found = entry.junction ? 0 : readInode(snapshot, entry.target, &item);
-    record.d_gen = found > 0 ? item.generation : 0;
+    record.d_gen = 0;
     entries->add(record);
-    return found;
+    return 0;
   };
   return visitByName(difference, takeActive, takeSnapshot);
 }

@@ -9,6 +9,7 @@
 #include "btrfs/relatives.h"
 #include "btrfs/tree_items.h"
 #include "btrfs/tree_root.h"
+#include "diff/change_notes.h"
 #include "filesystem/entry_list.h"
 
 namespace kest {
@@ -18,11 +19,13 @@ namespace kest {
 int listDirectory(const TreeRoot &root, DescriptorInode &dir, const HiddenEntries &hidden, bool dots,
                   EntryList *entries);
 
-// Compares the directory with the snapshot's and drops what the live one contradicts. `set` decides
-// whether there is anything to compare, and says which inode numbers were used again. `line`: the last
-// transaction that both trees have in common. 0 or -errno.
+// Compares the directory with the snapshot's, unless the comparison of the trees noted how they differ,
+// and drops what the live one contradicts. `set` decides whether there is anything to compare, and says
+// which inode numbers were used again. `line`: the last transaction that both trees have in common. 0
+// or -errno.
 int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const DifferenceSet &set,
-                       uint64_t snapshot_id, uint64_t line, EntryList *entries);
+                       const ChangeNotes &notes, uint64_t snapshot_id, uint64_t line,
+                       EntryList *entries);
 
 // Goes through the inodes that lie in the directory and are in the difference or lead to one that is.
 // The set has only their numbers. Where they are few among the entries, their names are read from the

@@ -374,6 +374,7 @@ int InodeVisitor::compareSame(uint64_t ino, const InodeItem &active, const Inode
     for (const DirEntry &entry : *side)
       if (rc == 0) rc = addPending(entry);
   if (rc < 0) return rc;
+  if (!entries.active.empty() || !entries.snapshot.empty()) changes.addEntries(ino, entries);
   if (!pairEntries(ino, entries)) {
     *state |= KEST_DI_ENTRIES | kDiffers;
     return 0;

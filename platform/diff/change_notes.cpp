@@ -9,6 +9,8 @@ void ChangeNotes::take(ChangeNotes *other) {
   notes_.insert(notes_.end(), other->notes_.begin(),
                 other->notes_.begin() + static_cast<ptrdiff_t>(room));
   other->notes_ = {};
+  directories_.merge(other->directories_);
+  entries_ += other->entries_;
 }
 
 void ChangeNotes::sort() {
@@ -22,6 +24,18 @@ bool ChangeNotes::find(uint64_t ino, kest_change_t *change) const {
   if (found == notes_.end() || found->ino != ino) return false;
   *change = found->change;
   return true;
+}
+
+void ChangeNotes::addEntries(uint64_t dir, const EntryDifference &entries) {
+  const size_t count = entries.active.size() + entries.snapshot.size();
+  if (entries_ + count > kMost) return;
+  entries_ += count;
+  directories_.emplace(dir, entries);
+}
+
+const EntryDifference *ChangeNotes::findEntries(uint64_t dir) const {
+  const auto found = directories_.find(dir);
+  return found == directories_.end() ? nullptr : &found->second;
 }
 
 }  // namespace kest

@@ -3,14 +3,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <unordered_map>
 #include <vector>
 
+#include "diff/entry_pairs.h"
 #include "kest.h"
 
 namespace kest {
 
-// Holds the first kMost inodes that are noted, 4 MiB of them. The walk reads what it asks about the
-// rest from the trees.
+// Holds the first kMost inodes that are noted, and directories with about as many entries: some 10 MiB.
+// The walk reads what it asks about the rest from the trees.
 class ChangeNotes {
  public:
   static constexpr size_t kMost = 1 << 16;
@@ -23,12 +25,18 @@ class ChangeNotes {
   void sort();
   bool find(uint64_t ino, kest_change_t *change) const;
 
+  // The entries that only one of the two directories of this number has.
+  void addEntries(uint64_t dir, const EntryDifference &entries);
+  const EntryDifference *findEntries(uint64_t dir) const;  // NULL where they were not noted
+
  private:
   struct Note {
     uint64_t ino;
     kest_change_t change;
   };
   std::vector<Note> notes_;
+  std::unordered_map<uint64_t, EntryDifference> directories_;
+  size_t entries_ = 0;  // in all of them
 };
 
 }  // namespace kest

@@ -64,8 +64,8 @@ typedef struct kest_ifile {
 
 typedef struct kest_direntx64 {
   uint64_t d_ino;  /* of a junction: its subvolume id */
-  uint64_t d_gen;  /* generation of the inode; 0 where the call did not have to look it up
-                      (full listings of anything but directories) */
+  uint64_t d_gen;  /* generation of the inode; 0 where the call did not have to look it up (most
+                      entries but directories, and those that only the snapshot has) */
   uint16_t d_type; /* DT_* values; KEST_DT_SNAP added for an entry that only the snapshot has */
   uint16_t d_pad;
   uint32_t d_flags;
