@@ -178,13 +178,17 @@ Result isBrokenParent(uint64_t ino, bool *broken) {
 // A clone that the difference knows was compared already.
 Result compareUnchanged(uint64_t ino, Report *report) {
   const int known = kest_idifference(handles.iscanP, ino);
-  if (known != 0) return known < 0 ? failedErrno(0) : Result{};
+  if (known < 0) return failedErrno(0);
+  if (known & KEST_DI_SNAPSHOT) return {};
   Inode active, snapshot;
-  if (Result r = openIfThere(handles.activeFsP, ino, &active); !r || !active) return r;
+  uint64_t twin = 0;
+  if (Result r = called(kest_twin(handles.iscanP, ino, &twin)); !r) return r;
+  if (Result r = openIfThere(handles.activeFsP, twin != 0 ? twin : ino, &active); !r || !active)
+    return r;
   if (Result r = openIfThere(handles.oldFsP, ino, &snapshot); !r || !snapshot) return r;
   Clone clone;
   if (Result r = readClone(snapshot.get(), &clone); !r) return r;
-  if (clone.depth() == 0 || kest_same_file(active.get(), snapshot.get()) != 1) return {};
+  if (clone.depth() == 0 || (twin == 0 && kest_same_file(active.get(), snapshot.get()) != 1)) return {};
   std::string path;
   if (Result r = firstPath(handles.oldFsP, ino, &path); !r) return r;
   return compareClones(active.get(), snapshot.get(), path, report);

@@ -66,6 +66,15 @@ bool countsAsClone(kest_ifile_t *file, CloneAttr *attr) {
   return isClone(file, &clone, attr) && clone;
 }
 
+// The inode that is the clone `ino` of the snapshot now, survivor or twin; 0: none.
+Result numberNow(uint64_t ino, uint64_t *now) {
+  if (Result r = called(kest_twin(handles.iscanP, ino, now)); !r || *now != 0) return r;
+  FileKind kind = kKindOther;
+  if (Result r = checkFile(ino, &kind); !r) return r;
+  if (kind == kKindSame) *now = ino;
+  return {};
+}
+
 Result followParent(uint64_t ino, const NewParents &parents) {
   Inode snap, active;
   CloneAttr attr;
@@ -73,9 +82,9 @@ Result followParent(uint64_t ino, const NewParents &parents) {
   if (!countsAsClone(snap.get(), &attr) || attr.depth() == 0 || attr.parentInSnapshot()) return {};
   const auto parent = parents.find(attr.parentIno());
   if (parent == parents.end()) return {};
-  FileKind kind = kKindSame;
-  if (Result r = checkFile(ino, &kind); !r || kind != kKindSame) return r;
-  if (Result r = openInode(handles.activeFsP, ino, &active); !r) return r;
+  uint64_t now = 0;
+  if (Result r = numberNow(ino, &now); !r || now == 0) return r;
+  if (Result r = openInode(handles.activeFsP, now, &active); !r) return r;
   if (!countsAsClone(active.get(), &attr) || attr.parentIno() == parent->second) return {};
   traceLog("clone %lld: the parent %lld is %lld now\n", static_cast<long long>(ino),
            static_cast<long long>(parent->first), static_cast<long long>(parent->second));
