@@ -41,6 +41,7 @@ int becomeProgram(const Child &child) {
   if (start.own_group && setpgid(0, 0) != 0) return errno;
   if (start.standard_input >= 0 && !putAt(start.standard_input, STDIN_FILENO)) return errno;
   if (start.standard_output >= 0 && !putAt(start.standard_output, STDOUT_FILENO)) return errno;
+  if (start.standard_error >= 0 && !putAt(start.standard_error, STDERR_FILENO)) return errno;
   if (start.inherited >= 0 && fcntl(start.inherited, F_SETFD, 0) != 0) return errno;
   if (start.default_signals) forgetHandlers();
   sigset_t none;

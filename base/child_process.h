@@ -13,6 +13,7 @@ struct ProcessStart {
   // Descriptors that take these places in the program; -1: the caller's stay.
   int standard_input = -1;
   int standard_output = -1;
+  int standard_error = -1;
   int inherited = -1;  // a close-on-exec descriptor that the program is to have all the same; -1: none
   const sigset_t *mask = nullptr;  // the program's signal mask; null: nothing blocked
   bool own_group = false;          // makes the program the leader of a process group of its own

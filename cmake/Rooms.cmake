@@ -20,4 +20,5 @@ set(FSETRESTORE_ROOMS
   plan=base|formats|messages|run|scan|records|object
   worker=base|formats|messages|run|scan|records|object|policy
   restore=base|formats|messages|run|scan|records|object|policy|plan|worker
-  fsetcompare=base|formats|messages|run|scan|object)
+  fsetcompare=base|formats|messages|run|scan|object
+  front=base|formats|messages)

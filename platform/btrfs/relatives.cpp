@@ -78,7 +78,7 @@ int findLine(const TreeRoot &root, uint64_t snapshot_id, uint64_t *line) {
 
 bool HiddenEntries::hidesName(uint64_t dir, std::string_view name) const {
   if (dir != kFirstInode) return false;
-  return name == ".snapshots" || (root_.fileset_id == kTopLevel && name == ".unlinked");
+  return name == ".snapshots" || (root_.fileset_id == kTopLevel && (name == ".unlinked" || name == ".fset"));
 }
 
 int HiddenEntries::hidesSubvolume(uint64_t dir, std::string_view name, uint64_t id) const {

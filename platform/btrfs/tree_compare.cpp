@@ -485,7 +485,7 @@ int TreeComparison::findLineTime() {
 // Folders that are hidden as a whole may be ordinary directories with ordinary files in them.
 int TreeComparison::findHidden() {
   for (Side *side : {&first().active(), &first().snapshot()}) {
-    for (const char *name : {".snapshots", ".unlinked"}) {
+    for (const char *name : {".snapshots", ".unlinked", ".fset"}) {
       if (!common_.hidden.hidesName(kFirstInode, name)) continue;
       DirEntryItem entry;
       int rc = findEntry(side->inodes, kFirstInode, name, &entry);

@@ -1,0 +1,53 @@
+#include "front/backup.h"
+
+#include <btrfsutil.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "front/text.h"
+#include "front/trouble.h"
+#include "messages/front_texts.h"
+
+namespace front {
+
+namespace {
+
+constexpr int kMostTries = 1000;  // backups of one fileset within one second
+
+[[noreturn]] void cannotTake(int error) {
+  throw Trouble(frontText(FrontText::kNoBackup, strerror(error)));
+}
+
+// Old states hold what their owners have hidden or repaired since: nobody but root may look.
+UniqueFd openFolder(const std::string &top) {
+  const UniqueFd above(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!above) cannotTake(errno);
+  if (mkdirat(above.get(), kBackupFolder, 0700) != 0 && errno != EEXIST) cannotTake(errno);
+  UniqueFd folder(openat(above.get(), kBackupFolder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  struct stat status;
+  if (!folder || fstat(folder.get(), &status) != 0) cannotTake(errno);
+  if (status.st_uid != 0 || (status.st_mode & 0022) != 0) cannotTake(EPERM);
+  return folder;
+}
+
+}  // namespace
+
+std::string takeBackup(const Fileset &fileset, Backup kind, int64_t now) {
+  if (fileset.top.point().empty()) cannotTake(ENXIO);
+  const UniqueFd folder = openFolder(fileset.top.point());
+  const std::string name = backupName(fileset, kind, now);
+  for (int number = 1; number <= kMostTries; ++number) {
+    const std::string tried = number == 1 ? name : name + "." + std::to_string(number);
+    const btrfs_util_error error =
+        btrfs_util_create_snapshot_fd2(fileset.root.get(), folder.get(), tried.c_str(),
+                                       BTRFS_UTIL_CREATE_SNAPSHOT_READ_ONLY, nullptr, nullptr);
+    if (error == BTRFS_UTIL_OK) return std::string(kBackupFolder) + "/" + tried;
+    if (errno != EEXIST) cannotTake(errno);
+  }
+  cannotTake(EEXIST);
+}
+
+}  // namespace front

@@ -1,0 +1,26 @@
+#include "front/question.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+
+namespace front {
+
+bool canAsk() {
+  return isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+}
+
+bool ask(const std::string &question) {
+  fflush(stdout);
+  fprintf(stderr, "%s ", question.c_str());
+  fflush(stderr);
+  char *raw = nullptr;
+  size_t size = 0;
+  const ssize_t length = getline(&raw, &size, stdin);
+  const std::unique_ptr<char, decltype(&free)> answer(raw, free);
+  return length > 0 && rpmatch(answer.get()) == 1;
+}
+
+}  // namespace front

@@ -1,0 +1,295 @@
+#include "front/run_watch.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <memory>
+#include <vector>
+
+#include "base/file_io.h"
+#include "formats/list_record.h"
+#include "formats/policy_text.h"
+#include "formats/work_names.h"
+#include "front/text.h"
+#include "messages/front_texts.h"
+
+namespace front {
+
+namespace {
+
+constexpr std::chrono::seconds kRateWindow{10};
+
+// Lists in the order in which a run works them off; phases as in docs/formats.md.
+enum Rank { kUnknown = -1, kMain, kCloneDelete, kMoveBack, kPending, kCreate, kClones, kLinks, kDirs };
+
+int rankOfPhase(int phase) {
+  switch (phase) {
+    case 3:
+      return kMain;
+    case 31:
+      return kCloneDelete;
+    case 4:
+      return kMoveBack;
+    case 5:
+      return kPending;
+    case 51:
+      return kCreate;
+    case 7:
+      return kClones;
+    case 8:
+      return kLinks;
+    case 6:
+      return kDirs;
+    default:
+      return kUnknown;
+  }
+}
+
+int rankOfList(const std::string &name) {
+  if (name == kOpList || name == kOpListMove) return kMain;
+  if (parseCloneDeleteList(name)) return kCloneDelete;
+  if (name == kRegMoveList) return kMoveBack;
+  if (name == kRegPendingMvList) return kPending;
+  if (name == kOpListCopy) return kCreate;
+  if (parseCloneList(name)) return kClones;
+  if (name == kLinkIno) return kLinks;
+  if (name == kDirLast) return kDirs;  // not dir.new, of which it is made
+  return kUnknown;
+}
+
+struct DirCloser {
+  void operator()(DIR *dir) const { closedir(dir); }
+};
+
+// The names in a directory below `dir`; none where it cannot be read.
+std::vector<std::string> namesIn(int dir, const std::string &path) {
+  std::vector<std::string> names;
+  const int fd = openat(dir, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return names;
+  const std::unique_ptr<DIR, DirCloser> stream(fdopendir(fd));
+  if (!stream) {
+    close(fd);
+    return names;
+  }
+  while (const dirent *entry = readdir(stream.get()))
+    if (entry->d_name[0] != '.') names.emplace_back(entry->d_name);
+  return names;
+}
+
+UniqueFd openFile(int dir, const std::string &name, struct stat *status) {
+  UniqueFd fd(openat(dir, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (fd && (fstat(fd.get(), status) != 0 || !S_ISREG(status->st_mode))) fd.reset();
+  return fd;
+}
+
+bool isRestore(pid_t pid) {
+  const UniqueFd fd(open(("/proc/" + std::to_string(pid) + "/comm").c_str(), O_RDONLY | O_CLOEXEC));
+  std::string name;
+  return fd && readToEnd(fd.get(), &name) && name.starts_with("fsetrestore");
+}
+
+// The value behind an option in the words of a worker's command line.
+int optionValue(const std::vector<std::string> &words, const char *option) {
+  int value = 0;
+  for (size_t at = 0; at + 1 < words.size(); ++at)
+    if (words[at] == option) value = atoi(words[at + 1].c_str());
+  return value;
+}
+
+}  // namespace
+
+// The youngest of root's own: what runs that were cut off left behind is older. Inode numbers only
+// grow.
+bool RunWatch::findDirectory() {
+  const std::string start = workDirName(0).substr(0, workDirName(0).size() - 1);
+  ino_t youngest = 0;
+  for (const std::string &name : namesIn(root_, ".")) {
+    if (!name.starts_with(start)) continue;
+    pid_t number = 0;
+    const char *end = name.data() + name.size();
+    if (std::from_chars(name.data() + start.size(), end, number).ptr != end) continue;
+    UniqueFd dir(openat(root_, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status;
+    if (!dir || fstat(dir.get(), &status) != 0) continue;
+    if (status.st_uid != 0 || (status.st_mode & 0022) != 0 || status.st_ino < youngest) continue;
+    youngest = status.st_ino;
+    dir_ = std::move(dir);
+    name_ = name;
+    number_ = number;
+  }
+  return youngest != 0;
+}
+
+// Whoever runs an engine on a list of the master's writes here which phase it is.
+void RunWatch::readPolicy(Progress *progress) {
+  struct stat status;
+  const UniqueFd fd = openFile(dir_.get(), kPolicy, &status);
+  std::string text, problem;
+  ScriptRule rule;
+  if (!fd || !readToEnd(fd.get(), &text) || !parsePolicy(text, &rule, &problem)) return;
+  progress->phase = optionValue(rule.options, "-p");
+  progress->pass = optionValue(rule.options, "-s");
+  if (const int caller = optionValue(rule.options, "-c"); caller > 0) progress->pid = caller;
+}
+
+void RunWatch::countList(int dir, const std::string &name, const std::string &key, int rank,
+                         bool nested) {
+  struct stat status;
+  UniqueFd fd = openFile(dir, name, &status);
+  if (!fd) return;
+  List &list = lists_[key];
+  list.seen = true;
+  list.rank = rank;
+  list.nested = nested;
+  if (list.inode != status.st_ino || static_cast<uint64_t>(status.st_size) < list.position) {
+    finished_ += list.records;  // emptied for the next pass, or another file of this name
+    list.inode = status.st_ino;
+    list.position = list.records = 0;
+  }
+  if (static_cast<uint64_t>(status.st_size) == list.position) return;
+  ListReader reader;
+  if (!reader.open(std::move(fd))) return;
+  reader.seek(list.position);
+  // A record that is not whole yet is counted the next time.
+  for (ListRecord record;;) {
+    bool end = false;
+    if (!reader.next(&record, &end) || end) break;
+    ++list.records;
+    list.position = reader.position();
+  }
+}
+
+void RunWatch::countLists(int dir, const std::string &folder, int rank) {
+  for (const std::string &name : namesIn(dir, folder)) {
+    const std::string path = folder + "/" + name;
+    if (rank != kUnknown) {
+      if (parseDirSetList(name)) countList(dir, path, path, rank, true);
+    } else if (const int own = rankOfList(name); own != kUnknown) {
+      countList(dir, path, path, own, false);
+    } else if (name.starts_with("DelDir_") || name.starts_with("NewDir_")) {
+      countLists(dir, path, kMain);
+    }
+  }
+}
+
+void RunWatch::countCheckpoints(pid_t caller, int rank) {
+  if (rank != rank_) {
+    rank_ = rank;
+    gone_lines_ = 0;
+    checkpoints_.clear();
+  }
+  for (auto &[name, one] : checkpoints_) one.seen = false;
+  const std::string prefix = checkpointPrefix(caller);
+  for (const std::string &name : namesIn(dir_.get(), kCheckpointDir)) {
+    Checkpoint &one = checkpoints_[name];
+    one.seen = true;
+    one.own = name.starts_with(prefix);
+    struct stat status;
+    const UniqueFd fd = openFile(dir_.get(), std::string(kCheckpointDir) + "/" + name, &status);
+    if (!fd || static_cast<uint64_t>(status.st_size) <= one.position) continue;
+    if (lseek(fd.get(), static_cast<off_t>(one.position), SEEK_SET) < 0) continue;
+    std::string text;
+    if (!readToEnd(fd.get(), &text)) continue;
+    one.lines += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n'));
+    one.position += text.size();
+  }
+  for (auto at = checkpoints_.begin(); at != checkpoints_.end();) {
+    if (!at->second.seen && at->second.own) gone_lines_ += at->second.lines;
+    at = at->second.seen ? std::next(at) : checkpoints_.erase(at);
+  }
+}
+
+void RunWatch::measureRate(Progress *progress) {
+  const auto now = Clock::now();
+  samples_.emplace_back(now, progress->done);
+  while (samples_.size() > 2 && now - samples_.front().first > kRateWindow) samples_.pop_front();
+  const double seconds = std::chrono::duration<double>(now - samples_.front().first).count();
+  const auto more = static_cast<double>(progress->done - samples_.front().second);
+  if (seconds > 0) progress->per_second = more / seconds;
+  if (progress->phase != 0 && progress->per_second > 0)
+    progress->seconds_left = static_cast<int64_t>(
+        static_cast<double>(progress->total - progress->done) / progress->per_second + 0.5);
+}
+
+std::optional<Progress> RunWatch::look() {
+  if (!dir_ && !findDirectory()) return std::nullopt;
+  Progress progress;
+  progress.work_directory = name_;
+  progress.pid = number_;
+  readPolicy(&progress);
+  struct stat status;
+  const bool ours = pid_ == 0 || progress.pid == pid_ || number_ == pid_;
+  if (!ours || !isRestore(progress.pid) || fstat(dir_.get(), &status) != 0 || status.st_nlink == 0) {
+    dir_.reset();  // another one may begin
+    return std::nullopt;
+  }
+  const int rank = rankOfPhase(progress.phase);
+  for (auto &[key, list] : lists_) list.seen = false;
+  countLists(dir_.get(), ".", kUnknown);
+  countCheckpoints(progress.pid, rank);
+
+  uint64_t done = 0, here = 0, nested = 0, lines = gone_lines_, nested_lines = 0;
+  for (auto at = lists_.begin(); at != lists_.end();) {
+    const List &list = at->second;
+    if (!list.seen) {
+      finished_ += list.records;
+      at = lists_.erase(at);
+      continue;
+    }
+    progress.total += list.records;
+    if (list.rank < rank) done += list.records;
+    if (list.rank == rank) (list.nested ? nested : here) += list.records;
+    ++at;
+  }
+  for (const auto &[name, one] : checkpoints_) (one.own ? lines : nested_lines) += one.lines;
+  done += finished_ + std::min(here, lines) + std::min(nested, nested_lines);
+  progress.total += finished_;
+  most_done_ = std::max(most_done_, std::min(done, progress.total));
+  progress.done = std::min(most_done_, progress.total);
+  measureRate(&progress);
+  return progress;
+}
+
+std::string phaseText(int phase) {
+  switch (phase) {
+    case 3:
+      return frontText(FrontText::kPhaseMain);
+    case 31:
+      return frontText(FrontText::kPhaseCloneDelete);
+    case 4:
+    case 5:
+      return frontText(FrontText::kPhaseMoveBack);
+    case 51:
+      return frontText(FrontText::kPhaseCreate);
+    case 7:
+      return frontText(FrontText::kPhaseClones);
+    case 8:
+      return frontText(FrontText::kPhaseLinks);
+    case 6:
+      return frontText(FrontText::kPhaseDirs);
+    default:
+      return frontText(FrontText::kPhaseRead);
+  }
+}
+
+std::string progressText(const Progress &progress) {
+  std::string text = phaseText(progress.phase) + "  ";
+  const int64_t done = static_cast<int64_t>(progress.done),
+                total = static_cast<int64_t>(progress.total);
+  if (progress.phase == 0) return text + frontText(FrontText::kFoundSoFar, total);
+  const int percent = total == 0 ? 100 : static_cast<int>(done * 100 / total);
+  text += frontText(FrontText::kDoneOf, done, total, percent);
+  if (progress.per_second >= 1)
+    text += "  " + frontText(FrontText::kPerSecond, static_cast<int64_t>(progress.per_second));
+  if (progress.seconds_left)
+    text += "  " + frontText(FrontText::kLeft, ageText(*progress.seconds_left));
+  return text;
+}
+
+}  // namespace front

@@ -1,0 +1,62 @@
+#include "front/top_mount.h"
+
+#include <linux/magic.h>
+#include <sched.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/mount.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "front/text.h"
+#include "front/trouble.h"
+#include "messages/front_texts.h"
+
+namespace front {
+
+namespace {
+
+// A mount point in the fileset would be in the way of its restore, so the folder for it is looked for
+// on memory file systems first.
+std::string folderForMountPoint() {
+  static constexpr const char *kFolders[] = {"/run", "/dev/shm", "/tmp"};
+  for (const char *folder : kFolders) {
+    struct statfs figures;
+    if (statfs(folder, &figures) == 0 && figures.f_type != BTRFS_SUPER_MAGIC &&
+        access(folder, W_OK) == 0)
+      return folder;
+  }
+  return kFolders[0];
+}
+
+[[noreturn]] void cannotMount(const std::string &device) {
+  throw Trouble(frontText(FrontText::kCannotMountTop, shown(device), strerror(errno)));
+}
+
+}  // namespace
+
+TopMount::TopMount(const std::string &device, bool read_only) {
+  // Slave: nothing of ours shows outside, and what is unmounted outside is not kept busy by us.
+  if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0)
+    cannotMount(device);
+  std::string point = folderForMountPoint() + "/fset.XXXXXX";
+  if (!mkdtemp(point.data())) cannotMount(device);
+  const unsigned long flags = MS_NOATIME | MS_NODEV | MS_NOSUID | (read_only ? MS_RDONLY : 0);
+  if (mount(device.c_str(), point.c_str(), "btrfs", flags, "subvolid=5") != 0) {
+    const int error = errno;
+    rmdir(point.c_str());
+    errno = error;
+    cannotMount(device);
+  }
+  point_ = point;
+}
+
+TopMount::~TopMount() {
+  if (point_.empty()) return;
+  umount2(point_.c_str(), MNT_DETACH);
+  rmdir(point_.c_str());
+}
+
+}  // namespace front

@@ -1,0 +1,73 @@
+#include "front/users.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+
+#include "base/file_io.h"
+#include "base/unique_fd.h"
+
+namespace front {
+
+namespace {
+
+struct DirCloser {
+  void operator()(DIR *dir) const { closedir(dir); }
+};
+
+// Calls visit(name) for every entry until it says yes; then true.
+template <typename Visit>
+bool anyEntry(const std::string &path, Visit visit) {
+  const std::unique_ptr<DIR, DirCloser> dir(opendir(path.c_str()));
+  if (!dir) return false;
+  while (const dirent *entry = readdir(dir.get()))
+    if (entry->d_name[0] != '.' && visit(std::string(entry->d_name))) return true;
+  return false;
+}
+
+// Never asks a server that may be away: what is on another machine is not on this file system.
+bool liesOn(const std::string &path, dev_t device) {
+  struct statx status;
+  if (statx(AT_FDCWD, path.c_str(), AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC, STATX_TYPE, &status) != 0)
+    return false;
+  return makedev(status.stx_dev_major, status.stx_dev_minor) == device;
+}
+
+bool uses(const std::string &process, dev_t device) {
+  for (const char *link : {"/cwd", "/root", "/exe"})
+    if (liesOn(process + link, device)) return true;
+  for (const char *folder : {"/fd", "/map_files"})
+    if (anyEntry(process + folder, [&](const std::string &name) {
+          return liesOn(process + folder + "/" + name, device);
+        }))
+      return true;
+  return false;
+}
+
+std::string nameOf(const std::string &process) {
+  const UniqueFd fd(open((process + "/comm").c_str(), O_RDONLY | O_CLOEXEC));
+  std::string name;
+  if (!fd || !readToEnd(fd.get(), &name)) return "?";
+  if (name.ends_with('\n')) name.pop_back();
+  return name;
+}
+
+}  // namespace
+
+std::vector<User> findUsers(dev_t device) {
+  std::vector<User> users;
+  anyEntry("/proc", [&](const std::string &name) {
+    const pid_t pid = static_cast<pid_t>(strtol(name.c_str(), nullptr, 10));
+    const std::string process = "/proc/" + name;
+    if (pid > 0 && pid != getpid() && uses(process, device)) users.push_back({pid, nameOf(process)});
+    return false;
+  });
+  return users;
+}
+
+}  // namespace front
