@@ -162,9 +162,11 @@ Fileset findFileset(const Place &given, bool to_change) {
   struct stat status;
   if (fstat(fileset.root.get(), &status) != 0) cannotRead(fileset.root_path, errno);
   fileset.device_number = status.st_dev;
-  for (const MountLine &mount : mounts)
-    if (stat(mount.point.c_str(), &status) == 0 && status.st_dev == fileset.device_number)
-      fileset.mounts.push_back(mount.point);
+  for (const MountLine &mount : mounts) {
+    const std::string whole = placeIn(mount, fileset.path), &seen = whole.empty() ? mount.point : whole;
+    if (stat(seen.c_str(), &status) == 0 && status.st_dev == fileset.device_number)
+      fileset.mounts.push_back(seen);
+  }
   fileset.named = nameForUser(place, fileset);
   return fileset;
 }

@@ -23,7 +23,7 @@ struct Fileset {
   UniqueFd root;                    // its root directory
   std::string root_path;            // where that is visible to this process and its children
   std::string device;               // a path on the file system, as the commands' Device
-  std::vector<std::string> mounts;  // mount points that show it or a part of it, to everybody
+  std::vector<std::string> mounts;  // where mounts show it, or a part of it, to everybody
   std::string named;                // how the user names it: arguments for the next fset, shell words
   TopMount top;
 

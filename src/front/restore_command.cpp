@@ -17,6 +17,7 @@
 #include "front/json.h"
 #include "front/question.h"
 #include "front/restore_run.h"
+#include "front/run_watch.h"
 #include "front/text.h"
 #include "front/trouble.h"
 #include "front/users.h"
@@ -137,10 +138,13 @@ int restoreCommand(const Request &request) {
   const Snapshot &snapshot =
       undo ? chooseUndo(all, fileset) : chooseSnapshot(all, request.snapshot, fileset, now);
   Run run{.request = request, .fileset = fileset, .snapshot = snapshot, .now = now};
-  // The restore refuses to run in a directory that it may have to move; and the user must not be asked
-  // about differences that were not all seen.
+  // The backup of a state that is half restored would be of no use.
+  if (RunWatch(fileset.root.get()).look())
+    throw Trouble(frontText(FrontText::kRestoreRuns, shown(fileset.name())));
+  // The restore refuses to run in a directory that it may have to move.
   if (chdir("/") != 0) throw Trouble(frontText(FrontText::kNotCompared));
   const Verdict verdict = compareWith(fileset, snapshot, false, {}, &run.summary);
+  // Nobody is asked about differences that were not all seen.
   if (verdict == Verdict::kTrouble) throw Trouble(frontText(FrontText::kNotCompared));
   if (verdict == Verdict::kEqual) {
     say(run, frontText(FrontText::kEqual, shown(fileset.name()), shown(snapshot.name),

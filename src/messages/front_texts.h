@@ -109,6 +109,7 @@ enum class FrontText : int {
   kHelpSnapshot,
   kSnapshotMissing,
   kTryHelp,
+  kRestoreRuns,
   kEnd
 };
 
@@ -235,6 +236,7 @@ inline constexpr FrontEntry kFrontTexts[] = {
     {FrontText::kSnapshotMissing,
      "which SNAPSHOT? (a shell takes #42 for a comment: write '#42' or 42)"},
     {FrontText::kTryHelp, "\"fset --help\" shows what there is."},
+    {FrontText::kRestoreRuns, "a restore of %s is running: \"fset progress\" shows it. Nothing was changed"},
 };
 
 namespace message_check {

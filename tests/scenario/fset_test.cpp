@@ -1,0 +1,217 @@
+// fset on plain snapshots: what a person types, what he is asked and told, and that nothing happens
+// before he says yes.
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "scenario/fset_fixture.h"
+#include "support/survival.h"
+
+using namespace scenario;
+using testsupport::compare;
+using testsupport::fingerprint;
+using testsupport::joined;
+
+namespace {
+
+class Fset : public RestoreFixture {
+ protected:
+  void SetUp() override {
+    RestoreFixture::SetUp();
+    tree().dirs("projects/a");
+    tree().file("projects/a/changed", "before");
+    tree().file("projects/a/deleted", std::string(5000, 'x'));
+    tree().dir("mail");
+    takeSnapshot();
+  }
+  void TearDown() override {
+    testsupport::runCommand("btrfs -q subvolume delete " + fs().mountPoint() + "/.fset/* 2>&1; rmdir " +
+                            fs().mountPoint() + "/.fset || true");
+    RestoreFixture::TearDown();
+  }
+  void wreck() {
+    tree().write("projects/a/changed", 0, "after!");
+    tree().remove("projects/a/deleted");
+    tree().file("new", "new");
+  }
+  bool haveBackups() const { return std::filesystem::exists(fs().mountPoint() + "/.fset"); }
+  // On a terminal of its own, where somebody types `typed`. What is shown, with the bare status behind.
+  std::string onTerminal(const std::string &command, const std::string &typed) {
+    testsupport::runCommand("cd " + root() + "/mail && { printf '" + typed +
+                            "' | TERM=xterm script -qec '" + command +
+                            "; echo status $?' /dev/null; } > /mnt/typescript 2>&1");
+    return testsupport::readAll("/mnt/typescript");
+  }
+};
+
+TEST_F(Fset, ThereAndBackFromWhereOneStands) {
+  wreck();
+  const TreePrint wrecked = fingerprint(root());
+  RunResult result = runFset({"list"}, root() + "/mail");
+  EXPECT_EQ(result.exitStatus, 0);
+  EXPECT_TRUE(std::regex_search(
+      result.out, std::regex("Snapshots of " + fileset() + "\n.*\n  20[-0-9]+ [:0-9]+  \\d+ s +" +
+                             snapshotName() + "  plain    " + snapshotName() + "\n")))
+      << result.describe();
+  result = runFset({"diff", snapshotName()}, root() + "/mail");
+  EXPECT_EQ(result.exitStatus, 1);
+  for (const char *line :
+       {"+ comes back", "+ projects/a/deleted  (file, 4.9 KiB)\n", "- new  (file, 3 B)\n",
+        "~ projects/a/changed  (mtime, data, 6 B)\n", "  projects  "})
+    EXPECT_NE(result.out.find(line), std::string::npos) << line << result.describe();
+  EXPECT_EQ(joined(compare(wrecked, fingerprint(root()))), "");
+  expectThereAndBack({root() + "/mail"}, root(), "latest", fs().path(snapshotName()));
+
+  result = runFset({"list", root()});
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '*'), 2) << result.describe();
+  result = runFset({"undo", root(), "--yes"});  // again: to the same state
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  EXPECT_NE(result.out.find("there is nothing to restore"), std::string::npos) << result.describe();
+  struct stat st;
+  ASSERT_EQ(stat((fs().mountPoint() + "/.fset").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0700u);
+}
+
+TEST_F(Fset, NothingChangesWithoutAYes) {
+  wreck();
+  const TreePrint wrecked = fingerprint(root());
+  RunResult result = runFset({"restore", root(), snapshotName()});
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_NE(result.err.find("Nothing was changed"), std::string::npos) << result.describe();
+  EXPECT_EQ(fsetJson({"restore", root(), snapshotName()}, 1)["command"], "restore");
+  const std::string restore = "/usr/qtx/kest/bin/fset restore latest";
+  for (const char *typed : {"n\\n", "\\n", "maybe\\n", ""}) {
+    const std::string shown = onTerminal(restore, typed);
+    EXPECT_NE(shown.find("[y/N]"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("Nothing was changed"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("status 1"), std::string::npos) << shown;
+    EXPECT_NE(shown.find("In use by: "), std::string::npos) << shown;  // by the shell that stands there
+  }
+  EXPECT_EQ(joined(compare(wrecked, fingerprint(root()))), "");
+  EXPECT_FALSE(haveBackups());
+
+  // Usage, and what cannot be: a message and the status of a failure, nothing else.
+  const std::vector<std::vector<std::string>> wrong = {{},
+                                                       {"nosuch"},
+                                                       {"restore"},
+                                                       {"list", "--nosuch"},
+                                                       {"diff", root(), snapshotName(), "x"},
+                                                       {"diff", root(), "nosuch"},
+                                                       {"diff", "/nowhere", "x"},
+                                                       {"list", "/proc"},
+                                                       {"list", "/dev/null"},
+                                                       {"undo", root(), "--yes"},
+                                                       {"restore", root(), "2001-01-01", "--yes"},
+                                                       {"list", "--fileset", "nosuch", root()}};
+  for (const auto &arguments : wrong) {
+    result = runFset(arguments);
+    const bool changing = !arguments.empty() && (arguments[0] == "restore" || arguments[0] == "undo");
+    EXPECT_EQ(result.exitStatus, changing ? 1 : 2) << result.describe();
+    EXPECT_EQ(result.err.rfind("fset: ", 0), 0u) << result.describe();
+  }
+  EXPECT_EQ(runFset({"diff", root(), "nosuch"}).out, "");
+  EXPECT_NE(fsetJson({"diff", root(), "nosuch"}, 2)["error"], "");
+
+  const std::string shown = onTerminal(restore, "y\\n");
+  EXPECT_NE(shown.find("status 0"), std::string::npos) << shown;
+  EXPECT_EQ(shown.find("Prepare restore"), std::string::npos) << shown;
+  EXPECT_EQ(joined(compare(fingerprint(fs().path(snapshotName())), fingerprint(root()))), "");
+}
+
+TEST_F(Fset, WhatIsMountedNowhereAndTheTopLevelItself) {
+  wreck();
+  // Neither fileset nor snapshot is visible: only a stranger is mounted.
+  fs().createSubvolume("stranger");
+  detach();
+  fs().remount("", "stranger");
+  RunResult result = runFset({"diff", "--stat", "--fileset", fileset(), fs().mountPoint(), "latest"});
+  EXPECT_EQ(result.exitStatus, 1) << result.describe();
+  result = runFset({"restore", "--yes", "--fileset", fileset(), fs().mountPoint(), "latest"});
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  fs().unmount();
+  // Not even the file system is: it is named by its device.
+  testsupport::runCommand("losetup -f --show " + fs().image() + " | tr -d '\\n' > /mnt/loop");
+  const std::string loop = testsupport::readAll("/mnt/loop");
+  EXPECT_EQ(runFset({"list", loop}).exitStatus, 2) << "which of its subvolumes?";
+  EXPECT_EQ(fsetJson({"list", "--fileset", "/" + fileset(), loop})["snapshots"].size(), 2u);
+  result = runFset({"undo", "--yes", "--fileset", fileset(), loop});
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  testsupport::runCommand("losetup -d " + loop);
+  remount();
+  EXPECT_TRUE(tree().exists("new"));
+  EXPECT_EQ(testsupport::readAll("/proc/self/mountinfo").find("/fset."), std::string::npos);
+  fs().destroySubvolume("stranger");
+
+  const std::string top = fs().mountPoint();
+  TreeBuilder(top).file("of the top", "text");
+  fs().snapshot("", "top-snap");
+  testsupport::awaitClockTick();
+  TreeBuilder(top).remove("of the top");
+  EXPECT_EQ(fsetJson({"restore", top, "top-snap", "--yes"})["differences_left"], 0);
+  EXPECT_EQ(TreeBuilder(top).read("of the top"), "text");
+  EXPECT_EQ(fsetJson({"undo", top, "--yes"})["differences_left"], 0);
+  EXPECT_FALSE(TreeBuilder(top).exists("of the top"));
+  fs().destroySubvolume("top-snap");
+}
+
+TEST_F(Fset, NamesOfAnyBytes) {
+  tree().file("a\nb\x1b[31m\xff", "x");
+  const std::string odd = "odd \xff\x1b';$(touch hacked)";
+  fs().snapshot(fileset(), odd);
+  testsupport::awaitClockTick();
+  tree().remove("a\nb\x1b[31m\xff");
+  for (const std::vector<std::string> &arguments :
+       std::vector<std::vector<std::string>>{{"list", root()}, {"diff", root(), odd}}) {
+    const RunResult result = runFset(arguments);
+    EXPECT_EQ(result.out.find_first_of("\x1b\xff"), std::string::npos) << result.describe();
+    EXPECT_NE(result.out.find("\\xff"), std::string::npos) << result.describe();
+  }
+  const Json diff = fsetJson({"diff", root(), odd}, 1);
+  EXPECT_EQ(diff["snapshot"]["name_hex"], "6f646420ff1b273b2428746f756368206861636b656429");
+  EXPECT_TRUE(std::any_of(diff["differences"].begin(), diff["differences"].end(), [](const Json &one) {
+    return one.value("path_hex", "") == "610a621b5b33316dff" &&
+           one["path"] == "a\nb\x1b[31m\xef\xbf\xbd";
+  })) << diff.dump(2);
+  expectThereAndBack({root()}, root(), odd, fs().path(odd));
+  EXPECT_FALSE(std::filesystem::exists("/hacked"));
+  fs().destroySubvolume(odd);
+}
+
+TEST_F(Fset, ProgressAndSignalsOfARunningRestore) {
+  for (int number = 0; number < 4000; ++number)
+    tree().file("mail/" + std::to_string(number), std::to_string(number));
+  takeSnapshot("many");
+  tree().removeTree("mail");
+  EXPECT_EQ(fsetJson({"progress", root()}, 1)["running"], false);
+
+  RunOptions running;
+  running.program = "/usr/qtx/kest/bin/fset";
+  running.environment = {{"KT_MAX_WORKERS", "1"}};
+  testsupport::Running restore({"restore", root(), snapshotName("many"), "--yes"}, running);
+  Json progress;
+  EXPECT_TRUE(testsupport::waitUntil(
+      [&] {
+        const RunResult look = runFset({"progress", root(), "--json"});
+        progress = Json::parse(look.out, nullptr, false);
+        return look.exitStatus == 0 && progress["progress"]["phase"] == 51 &&
+               progress["progress"]["done"] > 0;
+      },
+      30))
+      << restore.said();
+  EXPECT_GE(progress["progress"]["total"], 4000) << progress.dump(2);
+  EXPECT_LE(progress["progress"]["done"], progress["progress"]["total"]);
+  EXPECT_EQ(fsetJson({"restore", root(), snapshotName("many"), "--yes"}, 1).contains("error"), true)
+      << "two at once";
+  kill(restore.pid(), SIGTERM);
+  EXPECT_TRUE(testsupport::waitUntil([&] { return restore.ended(); }, 30));
+  EXPECT_EQ(restore.exitStatus(), 1) << restore.said();
+  EXPECT_NE(restore.said().find("Stopped by a signal"), std::string::npos) << restore.said();
+  EXPECT_TRUE(restore.living().empty());
+  EXPECT_EQ(runFset({"restore", root(), snapshotName("many"), "--yes"}).exitStatus, 0);
+  EXPECT_EQ(joined(compare(fingerprint(fs().path(snapshotName("many"))), fingerprint(root()))), "");
+}
+
+}  // namespace
