@@ -1,4 +1,4 @@
-// Objects for programs, as docs/fset-json.md describes them.
+// Objects for programs, as the page fset(8) describes them.
 #pragma once
 
 #include <nlohmann/json.hpp>
