@@ -63,8 +63,9 @@ std::vector<std::string> namesOf(const std::vector<const Snapshot *> &these) {
   return names;
 }
 
+// Timeshift leaves its snapshots writable.
 bool isAState(const Snapshot &one) {
-  return one.read_only && one.maker != Maker::kFset;
+  return one.maker != Maker::kFset && (one.read_only || one.maker == Maker::kTimeshift);
 }
 
 }  // namespace

@@ -34,15 +34,18 @@ inline Json fsetJson(std::vector<std::string> arguments, int status = 0,
 // list, diff, restore and undo of the fileset of `place`, with its tree at `root`, to `snapshot`, whose
 // tree stands at `snapshotRoot`: that the tree becomes what it was, and then again what it had become.
 inline void expectThereAndBack(const std::vector<std::string> &place, const std::string &root,
-                               const std::string &snapshot, const std::string &snapshotRoot) {
+                               const std::string &snapshot, const std::string &snapshotRoot,
+                               const testsupport::FingerprintOptions &options = {}) {
   using testsupport::compare;
-  using testsupport::fingerprint;
   using testsupport::joined;
   const auto with = [&](const char *command, std::vector<std::string> more) {
     std::vector<std::string> all{command};
     all.insert(all.end(), place.begin(), place.end());
     all.insert(all.end(), more.begin(), more.end());
     return all;
+  };
+  const auto fingerprint = [&](const std::string &tree) {
+    return testsupport::fingerprint(tree, options);
   };
   const TreePrint wrecked = fingerprint(root), want = fingerprint(snapshotRoot);
   ASSERT_NE(joined(compare(want, wrecked)), "");
