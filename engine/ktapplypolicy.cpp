@@ -110,8 +110,8 @@ int main(int argc, char **argv) {
     fprintf(stderr, "ktapplypolicy: %s\n%s", problem.c_str(), kEngineUsage);
     return 1;
   }
-  if (options.help) {
-    fputs(kEngineUsage, stdout);
+  if (options.help || options.version) {
+    fputs(options.help ? kEngineUsage : "ktapplypolicy " FSETRESTORE_VERSION "\n", stdout);
     return 0;
   }
   return applyPolicy(options);

@@ -16,6 +16,7 @@ const char *const kEngineUsage =
     "  -B N          most records in a batch (1000)\n"
     "  -N NODES      all, localhost or this machine's name\n"
     "  -h, --help    this text\n"
+    "  --version     the version\n"
     "KT_MAX_WORKERS in the environment limits the workers of this run and all runs nested in it\n"
     "(twice the number of processors, at least 4).\n"
     "KT_DIRECTORY, <device>:<inode>, is what DIRECTORY has to be; in any case it is the caller's, and\n"
@@ -34,7 +35,8 @@ bool parseCount(const char *text, size_t *value) {
 }  // namespace
 
 bool parseOptions(int argc, char **argv, Options *options, std::string *problem) {
-  static const struct option kLong[] = {{"help", no_argument, nullptr, 'h'}, {}};
+  static const struct option kLong[] = {
+      {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'V'}, {}};
   optind = 0;  // starts getopt anew
   opterr = 0;
   int letter;
@@ -54,6 +56,9 @@ bool parseOptions(int argc, char **argv, Options *options, std::string *problem)
         break;
       case 'h':
         options->help = true;
+        return true;
+      case 'V':
+        options->version = true;
         return true;
       case 'm':
       case 'B':

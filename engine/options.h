@@ -13,6 +13,7 @@ struct Options {
   size_t max_workers = 24;  // -m
   size_t batch_size = 1000;  // -B
   bool help = false;
+  bool version = false;
 };
 
 extern const char *const kEngineUsage;

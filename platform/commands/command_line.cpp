@@ -13,13 +13,20 @@ namespace kest {
 
 bool CommandLine::parse(int argc, char **argv, const std::string &letters, size_t words, int *status,
                         size_t most_words) {
-  static const struct option kLong[] = {{"help", no_argument, nullptr, 'h'}, {}};
+  constexpr int kVersion = 256;  // no letter
+  static const struct option kLong[] = {
+      {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, kVersion}, {}};
   std::string all = ":h" + letters;
   opterr = 0;
   int letter;
   while ((letter = getopt_long(argc, argv, all.c_str(), kLong, nullptr)) != -1) {
     if (letter == 'h') {
       fputs(usage_, stdout);
+      *status = finish();
+      return false;
+    }
+    if (letter == kVersion) {
+      printf("%s %s\n", name_, FSETRESTORE_VERSION);
       *status = finish();
       return false;
     }

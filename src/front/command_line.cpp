@@ -97,6 +97,11 @@ bool readCommandLine(int argc, char **argv, Request *request, int *status) {
   addChanging(undo, request);
   CLI::App *progress = addCommand(&app, "progress", frontText(FrontText::kHelpProgress), request);
   addPath(progress, request);
+  // Not for people: hidden by its empty group.
+  CLI::App *complete = addCommand(&app, "complete", "", request);
+  complete->group("");
+  complete->add_option("KIND", request->snapshot)->required();
+  addPath(complete, request);
   try {
     app.parse(argc, argv);
     if ((*diff || *restore) && words.words.empty())

@@ -10,5 +10,8 @@ int diffCommand(const Request &request);
 // restore and undo.
 int restoreCommand(const Request &request);
 int progressCommand(const Request &request);
+// For the completion of the shell: what the word after request.snapshot, "snapshots" or "filesets",
+// can be, a line each: the word, a tab, and the date of a snapshot.
+int completeCommand(const Request &request);
 
 }  // namespace front

@@ -21,6 +21,7 @@ int run(const Request &request) {
   if (request.command == "list") return listCommand(request);
   if (request.command == "diff") return diffCommand(request);
   if (request.command == "progress") return progressCommand(request);
+  if (request.command == "complete") return completeCommand(request);
   return restoreCommand(request);
 }
 

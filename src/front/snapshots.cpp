@@ -26,6 +26,7 @@ namespace {
 
 constexpr char kBeforeRestore[] = "-before-restore-";
 constexpr char kBeforeUndo[] = "-before-undo-";
+constexpr uint64_t kTopLevel = 5;
 constexpr size_t kNamePart = 180;  // bytes of the fileset's name in that of a backup
 
 std::string lastComponent(const std::string &path) {
@@ -139,6 +140,29 @@ Snapshot described(const char *path, const struct btrfs_util_subvolume_info &inf
   return one;
 }
 
+// Calls visit(path, info) for every subvolume but the top level.
+template <typename Visit>
+void forEachSubvolume(const Fileset &fileset, Visit visit) {
+  using Iterator = btrfs_util_subvolume_iterator;
+  Iterator *raw = nullptr;
+  if (btrfs_util_create_subvolume_iterator_fd(fileset.root.get(), kTopLevel, 0, &raw) != BTRFS_UTIL_OK)
+    throw Trouble(frontText(FrontText::kCannotRead, shown(fileset.root_path), strerror(errno)));
+  const std::unique_ptr<Iterator, decltype(&btrfs_util_destroy_subvolume_iterator)> iterator(
+      raw, btrfs_util_destroy_subvolume_iterator);
+  for (;;) {
+    char *path = nullptr;
+    struct btrfs_util_subvolume_info info;
+    const btrfs_util_error error =
+        btrfs_util_subvolume_iterator_next_info(iterator.get(), &path, &info);
+    if (error == BTRFS_UTIL_ERROR_STOP_ITERATION) return;
+    if (error == BTRFS_UTIL_ERROR_SUBVOLUME_NOT_FOUND) continue;  // deleted a moment ago
+    if (error != BTRFS_UTIL_OK)
+      throw Trouble(frontText(FrontText::kCannotRead, shown(fileset.root_path), strerror(errno)));
+    const std::unique_ptr<char, decltype(&free)> owned(path, free);
+    visit(path, info);
+  }
+}
+
 }  // namespace
 
 const char *makerName(Maker maker) {
@@ -152,25 +176,11 @@ std::vector<Snapshot> listSnapshots(const Fileset &fileset) {
   const UniqueFd top(fileset.top.point().empty()
                          ? -1
                          : open(fileset.top.point().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  btrfs_util_subvolume_iterator *raw = nullptr;
-  if (btrfs_util_create_subvolume_iterator_fd(fileset.root.get(), 5, 0, &raw) != BTRFS_UTIL_OK)
-    throw Trouble(frontText(FrontText::kCannotRead, shown(fileset.root_path), strerror(errno)));
-  const std::unique_ptr<btrfs_util_subvolume_iterator, decltype(&btrfs_util_destroy_subvolume_iterator)>
-      iterator(raw, btrfs_util_destroy_subvolume_iterator);
-  for (;;) {
-    char *path = nullptr;
-    struct btrfs_util_subvolume_info info;
-    const btrfs_util_error error =
-        btrfs_util_subvolume_iterator_next_info(iterator.get(), &path, &info);
-    if (error == BTRFS_UTIL_ERROR_STOP_ITERATION) break;
-    if (error == BTRFS_UTIL_ERROR_SUBVOLUME_NOT_FOUND) continue;  // deleted a moment ago
-    if (error != BTRFS_UTIL_OK)
-      throw Trouble(frontText(FrontText::kCannotRead, shown(fileset.root_path), strerror(errno)));
-    const std::unique_ptr<char, decltype(&free)> owned(path, free);
-    if (!related.contains(info.id)) continue;
+  forEachSubvolume(fileset, [&](const char *path, const struct btrfs_util_subvolume_info &info) {
+    if (!related.contains(info.id)) return;
     all.push_back(described(path, info));
     findMaker(top.get(), &all.back());
-  }
+  });
   makeNamesUnique(&all);
   std::sort(all.begin(), all.end(), [](const Snapshot &a, const Snapshot &b) {
     return a.created != b.created ? a.created > b.created
@@ -178,6 +188,12 @@ std::vector<Snapshot> listSnapshots(const Fileset &fileset) {
                                   : a.id > b.id;
   });
   return all;
+}
+
+std::vector<std::string> listFilesets(const Fileset &fileset) {
+  std::vector<std::string> paths;
+  forEachSubvolume(fileset, [&](const char *path, const auto &) { paths.emplace_back(path); });
+  return paths;
 }
 
 std::string backupName(const Fileset &fileset, Backup kind, int64_t now) {

@@ -39,6 +39,9 @@ struct Snapshot {
 // Trouble.
 std::vector<Snapshot> listSnapshots(const Fileset &fileset);
 
+// The path of every subvolume of the file system, below its top. Throws Trouble.
+std::vector<std::string> listFilesets(const Fileset &fileset);
+
 // The name of a new one of this program's own.
 std::string backupName(const Fileset &fileset, Backup kind, int64_t now);
 

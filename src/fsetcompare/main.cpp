@@ -4,6 +4,9 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+
 #include "base/result.h"
 #include "base/unique_fd.h"
 #include "fsetcompare/report.h"
@@ -18,16 +21,27 @@ namespace {
 
 enum Status { kEqual = 0, kDifferent = 1, kTrouble = 2 };
 
+struct Options {
+  bool full = false;
+  bool help = false, version = false;
+};
+
 // False: usage.
-bool readOptions(int argc, char **argv, bool *full) {
-  const option kLong[] = {{"full", no_argument, nullptr, 'f'}, {nullptr, 0, nullptr, 0}};
+bool readOptions(int argc, char **argv, Options *options) {
+  const option kLong[] = {{"full", no_argument, nullptr, 'f'},
+                          {"help", no_argument, nullptr, 'h'},
+                          {"version", no_argument, nullptr, 'V'},
+                          {nullptr, 0, nullptr, 0}};
   for (int letter; (letter = getopt_long(argc, argv, "j:o:", kLong, nullptr)) != -1;) {
     if (letter == 'j') {
       settings.filesetP = optarg;
     } else if (letter == 'o') {
       settings.snapOldP = optarg;
     } else if (letter == 'f') {
-      *full = true;
+      options->full = true;
+    } else if (letter == 'h' || letter == 'V') {
+      (letter == 'h' ? options->help : options->version) = true;
+      return true;
     } else {
       return false;
     }
@@ -35,6 +49,17 @@ bool readOptions(int argc, char **argv, bool *full) {
   if (optind + 1 != argc || settings.filesetP.empty() || settings.snapOldP.empty()) return false;
   settings.deviceP = argv[optind];
   return true;
+}
+
+// The words that were asked for, on standard output.
+Status tell(const Options &options) {
+  if (options.help)
+    fputs(messageText(Message::kCompareHelp), stdout);
+  else
+    puts("fsetcompare " FSETRESTORE_VERSION);
+  if (fflush(stdout) == 0 && ferror(stdout) == 0) return kEqual;
+  userMessage(Message::kOutputLost, strerror(errno));
+  return kTrouble;
 }
 
 // No tree shows what has not been written yet.
@@ -66,13 +91,14 @@ Status compare(bool full) {
 int main(int argc, char **argv) {
   initMessages();
   settings.role = Role::kComparison;
-  bool full = false;
-  if (!readOptions(argc, argv, &full)) {
+  Options options;
+  if (!readOptions(argc, argv, &options)) {
     userMessage(Message::kCompareUsage, argc > 0 ? basename(argv[0]) : "fsetcompare");
     return kTrouble;
   }
+  if (options.help || options.version) return tell(options);
   Result opened;
-  const Status status = openRun(nullptr, &opened) == Opened::kReady ? compare(full) : kTrouble;
+  const Status status = openRun(nullptr, &opened) == Opened::kReady ? compare(options.full) : kTrouble;
   releaseHandles();
   return status;
 }

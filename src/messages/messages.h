@@ -88,6 +88,7 @@ enum class Message : int {
   kOtherNode,
   // fsetcompare.
   kCompareUsage,
+  kCompareHelp,
   kCannotCompare,
   kCompareBrokeOff,
   kOutputLost,
@@ -218,6 +219,16 @@ inline constexpr MessageText kMessages[] = {
     {Message::kOtherNode, 0, 0,
      "The node \"%s\" is not this machine: the file system is local. Nothing was changed.\n"},
     {Message::kCompareUsage, 0, 0, "Usage: %s Device -j FileSet -o SnapShot [--full]\n"},
+    {Message::kCompareHelp, 0, 0,
+     "Usage: fsetcompare Device -j FileSet -o SnapShot [--full]\n"
+     "Prints a line for everything in which a fileset differs from its snapshot, and a count.\n"
+     "  Device        a path on the mounted file system, or its block device\n"
+     "  -j FileSet    the path of the subvolume below the top of the file system\n"
+     "  -o SnapShot   the last component of the snapshot's path, or all of it\n"
+     "  --full        reads both trees, byte by byte\n"
+     "  --help        this text\n"
+     "  --version     the version\n"
+     "Exit status: 0 equal; 1 different; 2 that could not be found out.\n"},
     {Message::kCannotCompare, 0, 0, "Cannot compare %s: %s\n"},
     {Message::kCompareBrokeOff, 0, 0, "The comparison broke off: %s\n"},
     {Message::kOutputLost, 0, 0, "Not every difference could be printed: %s\n"},

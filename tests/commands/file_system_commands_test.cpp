@@ -201,11 +201,16 @@ TEST_F(Commands, ClonesByHand) {
 }
 
 TEST(CommandLines, HelpAndMistakes) {
+  for (std::string name : {"ktapplypolicy", "fsetcompare", "fset"}) {
+    EXPECT_NE(command(name + " --help 2>/dev/null").out.find("sage: " + name), std::string::npos);
+    EXPECT_EQ(command(name + " --version 2>/dev/null").out.rfind(name + " 0.", 0), 0u);
+  }
   for (std::string name :
        {"ktfsctl", "ktlsfileset", "ktlssnapshot", "ktunlinkfileset", "kxfindinode", "ktclone"}) {
     Result help = command(name + " --help 2>/dev/null");
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.out.substr(0, 7 + name.size()), "Usage: " + name);
+    EXPECT_EQ(command(name + " --version").out.rfind(name + " 0.", 0), 0u);
     for (std::string wrong : {" -Z", " --zero", "", " a b c d"})
       expectFails(name + wrong, "Usage: " + name);
   }

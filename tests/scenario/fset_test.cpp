@@ -180,6 +180,25 @@ TEST_F(Fset, NamesOfAnyBytes) {
   fs().destroySubvolume(odd);
 }
 
+TEST_F(Fset, CompletionKnowsSnapshotsAndTheirDates) {
+  const auto completed = [&](const std::string &line) {
+    testsupport::runCommand(
+        "PATH=/usr/qtx/kest/bin:$PATH bash -c '. " FSET_COMPLETION " && COMP_WORDS=(" + line +
+        ") COMP_TYPE=9 && COMP_CWORD=$((${#COMP_WORDS[@]} - 1)) && _fset 2>/dev/null; "
+        "printf \"%s\\n\" \"${COMPREPLY[@]}\" > /mnt/completed'");
+    return testsupport::readAll("/mnt/completed");
+  };
+  EXPECT_EQ(completed("fset re"), "restore\n");
+  EXPECT_EQ(completed("fset restore --n"), "--no-backup\n");
+  EXPECT_EQ(completed("fset diff " + root() + " " + snapshotName()), snapshotName() + "\n");
+  takeSnapshot("snap2");
+  EXPECT_TRUE(std::regex_match(completed("fset diff " + root() + " " + fileset()),
+                               std::regex("(set\\d+-snap2?  \\(20[-0-9]+ [:0-9]+\\)\n){2}")))
+      << completed("fset diff " + root() + " " + fileset());
+  EXPECT_EQ(completed("fset list " + fs().mountPoint() + " --fileset " + snapshotName("snap2")),
+            snapshotName("snap2") + "\n");
+}
+
 TEST_F(Fset, ProgressAndSignalsOfARunningRestore) {
   for (int number = 0; number < 4000; ++number)
     tree().file("mail/" + std::to_string(number), std::to_string(number));

@@ -1,0 +1,33 @@
+// fset complete: words for the shell's completion.
+#include <cstdio>
+#include <string>
+
+#include "front/commands.h"
+#include "front/json.h"
+#include "front/snapshots.h"
+#include "front/text.h"
+#include "front/when.h"
+
+namespace front {
+
+namespace {
+
+// What would be shown otherwise than it is typed is left out.
+void printWord(const std::string &word, const std::string &date) {
+  if (shown(word) == word) printf("%s\t%s\n", word.c_str(), date.c_str());
+}
+
+}  // namespace
+
+int completeCommand(const Request &request) {
+  const Fileset fileset = findFileset(request.place, false);
+  if (request.snapshot == "filesets") {
+    for (const std::string &path : listFilesets(fileset)) printWord(path, "");
+  } else {
+    for (const Snapshot &one : listSnapshots(fileset)) printWord(one.name, localTime(one.created));
+  }
+  flushOutput();
+  return kDone;
+}
+
+}  // namespace front
