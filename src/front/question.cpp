@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <memory>
 
+#include "messages/front_texts.h"
+
 namespace front {
 
 bool canAsk() {
@@ -20,7 +22,7 @@ bool ask(const std::string &question) {
   size_t size = 0;
   const ssize_t length = getline(&raw, &size, stdin);
   const std::unique_ptr<char, decltype(&free)> answer(raw, free);
-  return length > 0 && rpmatch(answer.get()) == 1;
+  return length > 0 && frontText(FrontText::kYesLetters).find(answer.get()[0]) != std::string::npos;
 }
 
 }  // namespace front

@@ -1,12 +1,15 @@
 #include "messages/catalogue.h"
 
+#include <langinfo.h>
 #include <locale.h>
 #include <nl_types.h>
 #include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <cerrno>
+#include <string>
 
 namespace {
 
@@ -58,13 +61,41 @@ int nextConversion(const char **at, char type[4]) {
   }
 }
 
+// The language of messages, two or three letters, by the environment alone: the C library says "C" for
+// a locale that was not generated on this machine. "" for none, and where the text would not be UTF-8.
+std::string wantedLanguage() {
+  const char *locale = nullptr;
+  for (const char *name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
+    locale = getenv(name);
+    if (locale && *locale) break;
+  }
+  if (!locale) return "";
+  const size_t letters = strspn(locale, "abcdefghijklmnopqrstuvwxyz");
+  if (letters < 2 || letters > 3 || !strchr("_.@", locale[letters])) return "";
+  const bool utf8 = strcasestr(locale, "utf-8") || strcasestr(locale, "utf8") ||
+                    strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+  return utf8 ? std::string(locale, letters) : "";
+}
+
+// By the C library's own search path, else where this system and its package put it.
+nl_catd openCatalogue() {
+  nl_catd found = catopen("kest.cat", NL_CAT_LOCALE);
+  const std::string language = found == kNoCatalogue ? wantedLanguage() : "";
+  if (language.empty()) return found;
+  for (const char *folder : {"/usr/share/locale/", "/usr/qtx/kest/share/locale/"}) {
+    found = catopen((folder + language + "/LC_MESSAGES/kest.cat").c_str(), 0);
+    if (found != kNoCatalogue) break;
+  }
+  return found;
+}
+
 }  // namespace
 
 void initMessages() {
   // What texts need; each of the other categories would be a file more to open at every start.
   setlocale(LC_CTYPE, "");
   setlocale(LC_MESSAGES, "");
-  CatHandle = catopen("kest.cat", 0);
+  CatHandle = openCatalogue();
   setlinebuf(stdout);
   setlinebuf(stderr);
 }

@@ -110,6 +110,7 @@ enum class FrontText : int {
   kSnapshotMissing,
   kTryHelp,
   kRestoreRuns,
+  kYesLetters,
   kEnd
 };
 
@@ -237,6 +238,7 @@ inline constexpr FrontEntry kFrontTexts[] = {
      "which SNAPSHOT? (a shell takes #42 for a comment: write '#42' or 42)"},
     {FrontText::kTryHelp, "\"fset --help\" shows what there is."},
     {FrontText::kRestoreRuns, "a restore of %s is running: \"fset progress\" shows it. Nothing was changed"},
+    {FrontText::kYesLetters, "yY"},  // with which a yes can begin
 };
 
 namespace message_check {

@@ -1,6 +1,7 @@
 #include "messages/messages.h"
 
 #include <gtest/gtest.h>
+#include <nl_types.h>
 #include <stdlib.h>
 
 #include <cerrno>
@@ -8,6 +9,7 @@
 #include <fstream>
 
 #include "messages/catalogue.h"
+#include "messages/front_texts.h"
 
 namespace {
 
@@ -51,6 +53,23 @@ TEST(Catalogue, UnfitTextsAreNotUsedAndErrnoIsKept) {
             "[T] Restore files ...\n"
             "[T] Pass 2, 5000000000 inodes have been scanned. 37% of total.\n");
   std::filesystem::remove_all(folder);
+}
+
+// Every entry of the programs stands in the German catalogue, fits its arguments and ends as it does.
+TEST(Catalogue, GermanIsWholeAndFits) {
+  const nl_catd german = catopen(GERMAN_CATALOGUE, 0);
+  ASSERT_NE(german, reinterpret_cast<nl_catd>(-1)) << GERMAN_CATALOGUE;
+  const auto check = [&](int set, int number, const std::string &text) {
+    const std::string translated = catgets(german, set, number, "");
+    EXPECT_NE(translated, "") << set << ":" << number << " " << text;
+    EXPECT_TRUE(sameConversions(translated.c_str(), text.c_str())) << text << translated;
+    EXPECT_EQ(translated.ends_with('\n'), text.ends_with('\n')) << text << translated;
+  };
+  for (const MessageText &entry : kMessages)
+    if (entry.set != 0) check(entry.set, entry.number, entry.text);
+  for (const FrontEntry &entry : kFrontTexts) check(kFrontSet, static_cast<int>(entry.id), entry.text);
+  EXPECT_STREQ(catgets(german, kFrontSet, static_cast<int>(FrontText::kEnd), "none"), "none");
+  catclose(german);
 }
 
 }  // namespace

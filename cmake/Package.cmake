@@ -1,0 +1,31 @@
+# The Debian package: cpack --preset deb. Programs and library stand where the restore looks for them; what a
+# system looks for elsewhere is put there by cmake/ArrangePackage.cmake.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME fsetrestore)
+set(CPACK_PACKAGE_VENDOR fsetrestore)
+set(FSETRESTORE_MAINTAINER "fsetrestore authors <authors@fsetrestore.invalid>" CACHE STRING
+  "name and address of whoever builds the package")
+set(CPACK_PACKAGE_CONTACT ${FSETRESTORE_MAINTAINER})
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "put btrfs subvolumes back to snapshots in place")
+set(CPACK_PACKAGE_DESCRIPTION
+"fset lists the snapshots of a subvolume, shows what differs, puts it back to
+one of them and undoes that again. Mounts, open files and inodes stay valid,
+and the work grows with the difference alone. The layouts of the usual
+snapshot tools work as they are.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr/qtx/kest)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+# From what the programs are linked with; date(1) and a shell are in every system.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/lib)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_PRE_BUILD_SCRIPTS ${CMAKE_SOURCE_DIR}/cmake/ArrangePackage.cmake)
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_BINARY_DIR}/PackageSource.cmake)
+file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/PackageSource.cmake
+  CONTENT "set(FSETRESTORE_SOURCE \"${CMAKE_SOURCE_DIR}\")\n")
+include(CPack)
