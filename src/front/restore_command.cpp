@@ -161,7 +161,7 @@ int restoreCommand(const Request &request) {
     return kNotDone;
   }
   if (!request.no_backup) {
-    run.backup = takeBackup(fileset, undo ? Backup::kBeforeUndo : Backup::kBeforeRestore, now);
+    run.backup = takeBackup(fileset, undo ? Backup::kBeforeUndo : Backup::kBeforeRestore, time(nullptr));
     run.undo = undo ? "fset restore " + fileset.named + " " + shellWord("/" + run.backup)
                     : "fset undo " + fileset.named;
     say(run, frontText(FrontText::kBackupTaken, shown(run.backup)) + "\n");
