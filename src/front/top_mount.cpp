@@ -2,6 +2,7 @@
 
 #include <linux/magic.h>
 #include <sched.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mount.h>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 
 #include "front/text.h"
 #include "front/trouble.h"
@@ -21,7 +23,7 @@ namespace {
 // A mount point in the fileset would be in the way of its restore, so the folder for it is looked for
 // on memory file systems first.
 std::string folderForMountPoint() {
-  static constexpr const char *kFolders[] = {"/run", "/dev/shm", "/tmp"};
+  static constexpr const char *kFolders[] = {"/run", "/dev/shm", "/dev", "/tmp"};
   for (const char *folder : kFolders) {
     struct statfs figures;
     if (statfs(folder, &figures) == 0 && figures.f_type != BTRFS_SUPER_MAGIC &&
@@ -29,6 +31,28 @@ std::string folderForMountPoint() {
       return folder;
   }
   return kFolders[0];
+}
+
+// A signal that ends this process must not leave its mount point behind. While a
+// restore runs, restore_run has these signals.
+char signalled_point[64];
+
+void removeAndEnd(int number) {
+  umount2(signalled_point, MNT_DETACH);
+  rmdir(signalled_point);
+  signal(number, SIG_DFL);
+  raise(number);
+}
+
+void removeOnSignals(const std::string &point) {
+  snprintf(signalled_point, sizeof signalled_point, "%s", point.c_str());
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+    struct sigaction action;
+    if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) continue;
+    action = {};
+    action.sa_handler = removeAndEnd;
+    sigaction(number, &action, nullptr);
+  }
 }
 
 [[noreturn]] void cannotMount(const std::string &device) {
@@ -43,6 +67,7 @@ TopMount::TopMount(const std::string &device, bool read_only) {
     cannotMount(device);
   std::string point = folderForMountPoint() + "/fset.XXXXXX";
   if (!mkdtemp(point.data())) cannotMount(device);
+  removeOnSignals(point);
   const unsigned long flags = MS_NOATIME | MS_NODEV | MS_NOSUID | (read_only ? MS_RDONLY : 0);
   if (mount(device.c_str(), point.c_str(), "btrfs", flags, "subvolid=5") != 0) {
     const int error = errno;

@@ -184,7 +184,8 @@ inline constexpr FrontEntry kFrontTexts[] = {
     {FrontText::kStillDiffers,
      "The restore is done, but %lld differences are left or new: is somebody at work there?"},
     {FrontText::kRestoreFailed,
-     "The restore failed (exit status %d); the lines above say why. The same command finishes it."},
+     "The restore failed (exit status %d); the lines above say why. Put that right and run the same "
+     "command again."},
     {FrontText::kUndoWith, "To go back to the state before:"},
     {FrontText::kPhaseRead, "reading the trees"},
     {FrontText::kPhaseMain, "changing and removing"},
@@ -237,7 +238,8 @@ inline constexpr FrontEntry kFrontTexts[] = {
     {FrontText::kSnapshotMissing,
      "which SNAPSHOT? (a shell takes #42 for a comment: write '#42' or 42)"},
     {FrontText::kTryHelp, "\"fset --help\" shows what there is."},
-    {FrontText::kRestoreRuns, "a restore of %s is running: \"fset progress\" shows it. Nothing was changed"},
+    {FrontText::kRestoreRuns,
+     "a restore of %s is running: \"fset progress\" shows it. Nothing was changed"},
     {FrontText::kYesLetters, "yY"},  // with which a yes can begin
 };
 

@@ -126,8 +126,9 @@ void engineOptions(std::string_view input) {
     FUZZ_CHECK(!problem.empty());
     return;
   }
-  FUZZ_CHECK(options.help || (!options.device.empty() && !options.policy.empty() &&
-                              !options.list.empty() && !options.directory.empty()));
+  FUZZ_CHECK(options.help || options.version ||
+             (!options.device.empty() && !options.policy.empty() && !options.list.empty() &&
+              !options.directory.empty()));
   FUZZ_CHECK(options.max_workers >= 1 && options.batch_size >= 1);
 }
 
