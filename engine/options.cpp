@@ -4,6 +4,8 @@
 
 #include <charconv>
 #include <cstring>
+#include <string>
+#include <vector>
 
 const char *const kEngineUsage =
     "Usage: ktapplypolicy DEVICE -P POLICY -g DIRECTORY -r LIST [-m N] [-B N] [-N NODES]\n"
@@ -40,8 +42,14 @@ bool parseOptions(int argc, char **argv, Options *options, std::string *problem)
   optind = 0;  // starts getopt anew
   opterr = 0;
   int letter;
-  while ((letter = getopt_long(argc, argv, ":P:g:r:m:B:N:h", kLong, nullptr)) != -1) {
+  std::vector<std::string> devices;
+  // With the leading '-', getopt returns words that are no options in their order, whatever
+  // POSIXLY_CORRECT says.
+  while ((letter = getopt_long(argc, argv, "-:P:g:r:m:B:N:h", kLong, nullptr)) != -1) {
     switch (letter) {
+      case 1:
+        devices.push_back(optarg);
+        break;
       case 'P':
         options->policy = optarg;
         break;
@@ -75,11 +83,12 @@ bool parseOptions(int argc, char **argv, Options *options, std::string *problem)
         return false;
     }
   }
-  if (optind != argc - 1 || !*argv[optind]) {
+  devices.insert(devices.end(), argv + optind, argv + argc);
+  if (devices.size() != 1 || devices.front().empty()) {
     *problem = "exactly one device is needed";
     return false;
   }
-  options->device = argv[optind];
+  options->device = devices.front();
   if (options->policy.empty() || options->directory.empty() || options->list.empty()) {
     *problem = "-P, -g and -r are needed";
     return false;

@@ -16,10 +16,16 @@ bool CommandLine::parse(int argc, char **argv, const std::string &letters, size_
   constexpr int kVersion = 256;  // no letter
   static const struct option kLong[] = {
       {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, kVersion}, {}};
-  std::string all = ":h" + letters;
+  // With the leading '-', getopt returns words that are no options in their order, whatever
+  // POSIXLY_CORRECT says.
+  std::string all = "-:h" + letters;
   opterr = 0;
   int letter;
   while ((letter = getopt_long(argc, argv, all.c_str(), kLong, nullptr)) != -1) {
+    if (letter == 1) {
+      words_.push_back(optarg);
+      continue;
+    }
     if (letter == 'h') {
       fputs(usage_, stdout);
       *status = finish();
@@ -37,7 +43,7 @@ bool CommandLine::parse(int argc, char **argv, const std::string &letters, size_
     }
     options_[static_cast<char>(letter)] = optarg ? optarg : "";
   }
-  words_.assign(argv + optind, argv + argc);
+  words_.insert(words_.end(), argv + optind, argv + argc);
   if (words_.size() >= words && words_.size() <= std::max(words, most_words)) return true;
   *status = usageError(words_.size() < words ? "too few arguments" : "too many arguments");
   return false;

@@ -32,8 +32,13 @@ bool readOptions(int argc, char **argv, Options *options) {
                           {"help", no_argument, nullptr, 'h'},
                           {"version", no_argument, nullptr, 'V'},
                           {nullptr, 0, nullptr, 0}};
-  for (int letter; (letter = getopt_long(argc, argv, "j:o:", kLong, nullptr)) != -1;) {
-    if (letter == 'j') {
+  // With the leading '-', getopt returns words that are no options in their order, whatever
+  // POSIXLY_CORRECT says.
+  for (int letter; (letter = getopt_long(argc, argv, "-j:o:", kLong, nullptr)) != -1;) {
+    if (letter == 1) {
+      if (!settings.deviceP.empty()) return false;
+      settings.deviceP = optarg;
+    } else if (letter == 'j') {
       settings.filesetP = optarg;
     } else if (letter == 'o') {
       settings.snapOldP = optarg;
@@ -46,9 +51,12 @@ bool readOptions(int argc, char **argv, Options *options) {
       return false;
     }
   }
-  if (optind + 1 != argc || settings.filesetP.empty() || settings.snapOldP.empty()) return false;
-  settings.deviceP = argv[optind];
-  return true;
+  // Words that follow "--".
+  for (; optind < argc; ++optind) {
+    if (!settings.deviceP.empty()) return false;
+    settings.deviceP = argv[optind];
+  }
+  return !settings.deviceP.empty() && !settings.filesetP.empty() && !settings.snapOldP.empty();
 }
 
 // The words that were asked for, on standard output.
