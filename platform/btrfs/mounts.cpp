@@ -5,6 +5,7 @@
 #include <linux/magic.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 #include <sys/vfs.h>
 #include <algorithm>
@@ -113,24 +114,31 @@ int openSubvolume(const MountedFileSystem &fs, uint64_t id, const std::string &t
       below = top_path.substr(mount.root.size());
     }
     if (below == "/") below.clear();
-    int rank = i == 0 ? 0 : (below.empty() ? 1 : 3) + (mount.read_only ? 1 : 0);
+    int rank = i == 0 ? 0 : below.empty() ? 1 : 2;
     candidates.push_back({rank, (mount.point == "/" ? "" : mount.point) + below});
   }
   std::stable_sort(candidates.begin(), candidates.end(),
                    [](const Candidate &a, const Candidate &b) { return a.rank < b.rank; });
-  for (const Candidate &one : candidates) {
+  UniqueFd read_only;
+  for (Candidate &one : candidates) {
     UniqueFd fd(openMounted(one.path.empty() ? "/" : one.path));
     struct stat status;
+    struct statvfs figures;
     Uuid fsid;
     uint64_t found;
     if (!fd || fstat(fd.get(), &status) < 0 || status.st_ino != kFirstInode || !onBtrfs(fd.get()))
       continue;
     if (subvolumeIdOf(fd.get(), &found) < 0 || found != id) continue;
     if (fileSystemIdOf(fd.get(), &fsid) < 0 || fsid != fs.fsid) continue;
-    *path = one.path;
-    return fd.release();
+    // The path may lead over another mount than the one that it begins with: what counts is where it
+    // ends.
+    const bool writable = fstatvfs(fd.get(), &figures) == 0 && (figures.f_flag & ST_RDONLY) == 0;
+    if (!writable && read_only) continue;
+    *path = std::move(one.path);
+    if (writable) return fd.release();
+    read_only = std::move(fd);
   }
-  return -ENXIO;
+  return read_only ? read_only.release() : -ENXIO;
 }
 
 }  // namespace kest

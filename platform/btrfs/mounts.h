@@ -23,9 +23,10 @@ struct MountedFileSystem {
 int findFileSystem(const std::string &device, MountedFileSystem *fs);
 
 // Opens the root directory of subvolume `id`, whose path below the top is `top_path`, through the best
-// of the mounts: the one that the argument named, one of the subvolume itself, a writable one, any.
-// Candidates are opened and checked, so that a mount point hidden below another mount is not taken. The
-// descriptor and its path (no trailing slash); -ENXIO when no mount shows it.
+// of the mounts: a writable one before any that is not, and of several the one that the argument named,
+// one of the subvolume itself, any. Candidates are opened and checked, so that a mount point hidden
+// below another mount is not taken. The descriptor and its path (no trailing slash); -ENXIO when no
+// mount shows it.
 int openSubvolume(const MountedFileSystem &fs, uint64_t id, const std::string &top_path,
                   std::string *path);
 

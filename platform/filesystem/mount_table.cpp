@@ -22,8 +22,8 @@ bool parseMount(std::string_view line, Mount *mount) {
   const auto number = [](const std::string &word, int *value) {
     return sscanf(word.c_str(), "%d", value) == 1;
   };
-  const std::string id = next(), parent = next(), device = next(), root = next(), point = next(),
-                    options = next();
+  const std::string id = next(), parent = next(), device = next(), root = next(), point = next();
+  next();  // the options of the mount
   if (!number(id, &mount->id) || !number(parent, &mount->parent_id) || root.empty() || point.empty() ||
       sscanf(device.c_str(), "%u:%u", &mount->major_no, &mount->minor_no) != 2)
     return false;
@@ -33,7 +33,6 @@ bool parseMount(std::string_view line, Mount *mount) {
   mount->root = octalUnescaped(root);
   if (mount->root.starts_with('/')) mount->root.erase(0, 1);
   mount->point = octalUnescaped(point);
-  mount->read_only = options == "ro" || options.starts_with("ro,");
   return true;
 }
 

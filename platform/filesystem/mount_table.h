@@ -13,7 +13,6 @@ struct Mount {
   unsigned major_no = 0, minor_no = 0;  // of the superblock
   std::string root;                     // path below the top of its file system, no leading slash
   std::string point;                    // mount point
-  bool read_only = false;
 };
 
 // A line of /proc/self/mountinfo.
