@@ -9,6 +9,7 @@
 
 #include "btrfs/beneath.h"
 #include "btrfs/clone.h"
+#include "btrfs/file_handle.h"
 #include "btrfs/frozen_inode.h"
 #include "btrfs/inode.h"
 #include "btrfs/inode_flags.h"
@@ -39,6 +40,13 @@ int refuseOtherTree(const TreeRoot &root, int dir) {
   struct stat st;
   if (fstat(dir, &st) != 0) return -errno;
   return st.st_dev == root.device ? 0 : -EXDEV;
+}
+
+// Whether `name` is the nested subvolume `id`. 0, -ESTALE or -errno.
+int expectFileset(int dir, const std::string &name, uint64_t id) {
+  InodeAddress address;
+  if (int rc = addressOf(dir, name.c_str(), &address); rc != 0) return rc == -EXDEV ? -ESTALE : rc;
+  return address.subvol_id == id && address.ino == kFirstInode ? 0 : -ESTALE;
 }
 
 }  // namespace
@@ -84,6 +92,18 @@ int BtrfsDirectory::link(Inode &inode, const std::string &name) {
 int BtrfsDirectory::rename(const std::string &name, Directory &to, const std::string &to_name) {
   const int target = static_cast<BtrfsDirectory &>(to).fd();
   return resultOf(renameat2(fd(), name.c_str(), target, to_name.c_str(), RENAME_NOREPLACE));
+}
+
+int BtrfsDirectory::renameFileset(const std::string &name, uint64_t id, Directory &to,
+                                  const std::string &to_name) {
+  auto &target = static_cast<BtrfsDirectory &>(to);
+  if (int rc = expectFileset(fd(), name, id); rc != 0) return rc;
+  int rc = movingSubvolume(fd(), name, [&] { return rename(name, to, to_name); });
+  if (rc != 0) return rc;
+  // Who may write to the directory can have exchanged the name since it was looked at.
+  if (expectFileset(target.fd(), to_name, id) != -ESTALE) return 0;
+  rc = target.rename(to_name, *this, name);
+  return rc != 0 ? rc : -ESTALE;
 }
 
 int BtrfsDirectory::removeFile(const std::string &name) {

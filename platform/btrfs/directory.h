@@ -25,6 +25,8 @@ class BtrfsDirectory : public Directory {
   int makeSymlink(const std::string &name, const char *target) override;
   int link(Inode &inode, const std::string &name) override;
   int rename(const std::string &name, Directory &to, const std::string &to_name) override;
+  int renameFileset(const std::string &name, uint64_t id, Directory &to,
+                    const std::string &to_name) override;
   int removeFile(const std::string &name) override;
   int removeDirectory(const std::string &name) override;
   int makeClone(const std::string &name, Inode &parent) override;

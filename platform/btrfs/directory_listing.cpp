@@ -67,7 +67,8 @@ int listDirectory(const TreeRoot &root, DescriptorInode &dir, const HiddenEntrie
       if (dots) entries->add(record);
       return 0;
     }
-    if (hidden.hidesName(facts.ino, record.d_name)) return 0;
+    if (int hides = hidden.hidesName(facts.ino, record.d_name, record.d_type & 0xff); hides != 0)
+      return std::min(hides, 0);
     if (record.d_type == DT_DIR) {
       int there = live.resolve(&record);
       if (there <= 0) return there;
@@ -184,9 +185,10 @@ int LeadListing::listAll() {
   if (fd < 0) return fd;
   const HiddenEntries hidden(root_, 0);
   const int rc = readRaw(fd, [&](const kest_direntx64_t &record) {
-    if (isDots(record.d_name) || hidden.hidesName(dir_, record.d_name) ||
-        !std::binary_search(wanted.begin(), wanted.end(), record.d_ino))
+    if (isDots(record.d_name) || !std::binary_search(wanted.begin(), wanted.end(), record.d_ino))
       return 0;
+    if (int hides = hidden.hidesName(dir_, record.d_name, record.d_type & 0xff); hides != 0)
+      return std::min(hides, 0);
     all_.push_back({.name = record.d_name,
                     .target = record.d_ino,
                     .junction = false,
@@ -224,12 +226,15 @@ int LeadListing::takeInode(uint64_t ino) {
   DirEntry entry;
   entry.target = ino;
   entry.type = IFTODT(item.mode);
+  int failed = 0;
   rc = visitNamesIn(active_, ino, dir_, [&](uint64_t, std::string_view name) {
-    if (hidden.hidesName(dir_, name)) return;
+    const int hides = hidden.hidesName(dir_, name, entry.type);
+    if (hides < 0) failed = hides;
+    if (hides != 0) return;
     entry.name = name;
     waiting_.push_back(toRecord(entry));
   });
-  return std::min(rc, 0);
+  return std::min({rc, failed, 0});
 }
 
 void LeadListing::takeJunctions() {

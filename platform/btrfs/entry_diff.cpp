@@ -61,7 +61,7 @@ int dropHidden(const HiddenEntries &hidden, uint64_t dir, std::vector<DirEntry> 
   std::vector<DirEntry> shown;
   for (DirEntry &entry : *entries) {
     int hide = entry.junction ? hidden.hidesSubvolume(dir, entry.name, entry.target)
-                              : hidden.hidesName(dir, entry.name);
+                              : hidden.hidesName(dir, entry.name, entry.type);
     if (hide < 0) return hide;
     if (hide == 0) shown.push_back(std::move(entry));
   }

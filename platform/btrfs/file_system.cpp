@@ -84,7 +84,7 @@ int BtrfsFileSystem::openTree(const char *fileset_name, const char *snapshot_nam
   if (root.path.empty()) root.path = "/";
   if (target != fileset) {
     uint64_t line = 0;
-    table.related(fileset->id, target->id, &line);
+    if (rc = table.related(fileset->id, target->id, &line); rc < 0) return rc;
     rememberSnapshot(root, target->id, line);
   }
   *tree = std::make_unique<BtrfsTree>(std::move(root));

@@ -37,6 +37,18 @@ std::string listNames(const SubvolumeTable &table, const std::vector<const Subvo
   return text;
 }
 
+// Every subvolume that is related to the fileset. 0 or -errno.
+int findRelatives(const SubvolumeTable &table, const Subvolume &fileset,
+                  std::vector<const Subvolume *> *relatives) {
+  for (const Subvolume &one : table.all()) {
+    if (one.deleted || one.id == fileset.id) continue;
+    const int kin = table.related(fileset.id, one.id, nullptr);
+    if (kin < 0) return kin;
+    if (kin > 0) relatives->push_back(&one);
+  }
+  return 0;
+}
+
 }  // namespace
 
 const Subvolume *findByPath(const SubvolumeTable &table, const std::string &text) {
@@ -69,11 +81,11 @@ int findSnapshot(const SubvolumeTable &table, const std::string &name, const Sub
   bool unrelated = false;
   for (const Subvolume &one : table.all()) {
     if (one.deleted || one.id == fileset.id) continue;
-    bool kin = table.related(fileset.id, one.id, nullptr);
-    if (kin) snapshots.push_back(&one);
     if (path.empty() || one.name != lastComponent(path)) continue;
     if (by_path && (table.pathOf(one.id, &found) < 0 || found != path)) continue;
-    if (kin)
+    const int kin = table.related(fileset.id, one.id, nullptr);
+    if (kin < 0) return kin;
+    if (kin > 0)
       matches.push_back(&one);
     else
       unrelated = true;
@@ -95,6 +107,7 @@ int findSnapshot(const SubvolumeTable &table, const std::string &name, const Sub
   }
   if (unrelated || path == trimSlashes(fileset_name))
     return failWith(EINVAL, name + " is not a snapshot of fileset " + fileset_name);
+  if (int rc = findRelatives(table, fileset, &snapshots); rc < 0) return rc;
   return failWith(ENOENT,
                   "fileset " + fileset_name + " has no snapshot " + name + listNames(table, snapshots));
 }
@@ -102,13 +115,12 @@ int findSnapshot(const SubvolumeTable &table, const std::string &name, const Sub
 int listSnapshots(const SubvolumeTable &table, const Subvolume &fileset,
                   std::vector<NamedSnapshot> *snapshots) {
   std::map<std::string, int> uses;
-  for (const Subvolume &one : table.all()) {
-    if (one.deleted || one.id == kTopLevel || one.id == fileset.id || one.parent_id == 0 ||
-        !table.related(fileset.id, one.id, nullptr)) {
-      continue;
-    }
-    snapshots->push_back({&one, one.name});
-    uses[one.name]++;
+  std::vector<const Subvolume *> relatives;
+  if (int rc = findRelatives(table, fileset, &relatives); rc < 0) return rc;
+  for (const Subvolume *one : relatives) {
+    if (one->id == kTopLevel || one->parent_id == 0) continue;
+    snapshots->push_back({one, one->name});
+    uses[one->name]++;
   }
   for (NamedSnapshot &one : *snapshots) {
     if (uses[one.name] < 2) continue;

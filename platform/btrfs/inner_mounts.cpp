@@ -81,9 +81,9 @@ class InnerMounts {
     for (size_t at = 0, end; at < below.size(); at = end + 1) {
       end = std::min(below.find('/', at), below.size());
       const std::string name = below.substr(at, end - at);
-      if (hidden_.hidesName(ino, name)) return 0;
       DirEntryItem entry;
       if (int rc = findEntry(tree_, ino, name, &entry); rc <= 0) return rc;
+      if (int rc = hidden_.hidesName(ino, name, entry.type); rc != 0) return std::min(rc, 0);
       if (entry.junction) {
         // What lies inside the junction is another fileset's; the junction itself would be moved away.
         int rc = hidden_.hidesSubvolume(ino, name, entry.target);

@@ -1,10 +1,13 @@
 #include "btrfs/relatives.h"
 
+#include <dirent.h>
 #include <algorithm>
 #include <cerrno>
 #include <map>
 #include <mutex>
+#include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "btrfs/tree_items.h"
@@ -22,6 +25,9 @@ struct Comparison {
 std::mutex mutex;
 std::vector<Comparison> comparisons;                           // the latest last
 std::map<std::tuple<Uuid, uint64_t, uint64_t>, bool> related;  // file system, fileset, other subvolume
+std::map<std::pair<Uuid, uint64_t>, bool> keepers;  // filesets whose folder for snapshots holds some
+
+constexpr std::string_view kSnapshotFolder = ".snapshots";
 
 int isRelated(const TreeRoot &root, uint64_t id) {
   auto key = std::make_tuple(root.fsid, root.fileset_id, id);
@@ -35,10 +41,58 @@ int isRelated(const TreeRoot &root, uint64_t id) {
   if (rc < 0) return rc;
   // All at once: a fileset that holds one of its snapshots often holds more.
   std::lock_guard lock(mutex);
-  for (const Subvolume &one : table.all())
-    related[std::make_tuple(root.fsid, root.fileset_id, one.id)] =
-        table.related(root.fileset_id, one.id, nullptr);
+  for (const Subvolume &one : table.all()) {
+    rc = table.related(root.fileset_id, one.id, nullptr);
+    if (rc < 0) return rc;
+    related[std::make_tuple(root.fsid, root.fileset_id, one.id)] = rc > 0;
+  }
   return related[key];
+}
+
+// Whether directory `dir` of the tree is `above` or lies below it. 1, 0 or -errno.
+int liesBelow(TreeReader &tree, uint64_t dir, uint64_t above) {
+  while (dir != above && dir != kFirstInode) {
+    std::vector<NameRef> names;
+    const int rc = readNames(tree, dir, &names);
+    if (rc <= 0) return rc;
+    if (names.empty()) return 0;
+    dir = names.front().parent;
+  }
+  return dir == above;
+}
+
+// Whether the fileset's folder for snapshots is a subvolume of its own, or holds one of its snapshots.
+// 1, 0 or -errno.
+int findKeptSnapshot(const TreeRoot &root) {
+  const int fd = root.fd.get();
+  TreeReader tree(fd, root.fileset_id);
+  DirEntryItem folder;
+  int rc = findEntry(tree, kFirstInode, kSnapshotFolder, &folder);
+  if (rc <= 0 || folder.junction) return rc;
+  std::vector<Subvolume> nested;
+  rc = listNested(fd, root.fileset_id, 0, &nested);
+  if (rc < 0) return rc;
+  for (const Subvolume &one : nested) {
+    rc = isRelated(root, one.id);
+    if (rc > 0) rc = liesBelow(tree, one.dir, folder.target);
+    if (rc != 0) return rc;
+  }
+  return 0;
+}
+
+// The same, looked up once: what the fileset's own restore does cannot change it.
+int keepsSnapshots(const TreeRoot &root) {
+  const auto key = std::make_pair(root.fsid, root.fileset_id);
+  {
+    std::lock_guard lock(mutex);
+    const auto known = keepers.find(key);
+    if (known != keepers.end()) return known->second;
+  }
+  const int rc = findKeptSnapshot(root);
+  if (rc < 0) return rc;
+  std::lock_guard lock(mutex);
+  keepers[key] = rc > 0;
+  return rc;
 }
 
 }  // namespace
@@ -71,18 +125,19 @@ int findLine(const TreeRoot &root, uint64_t snapshot_id, uint64_t *line) {
   SubvolumeTable table;
   int rc = table.load(root.fd.get());
   if (rc < 0) return rc;
-  if (snapshot_id == root.subvol_id || !table.related(root.subvol_id, snapshot_id, line))
-    return -EINVAL;
-  return 0;
+  if (snapshot_id == root.subvol_id) return -EINVAL;
+  rc = table.related(root.subvol_id, snapshot_id, line);
+  return rc > 0 ? 0 : rc < 0 ? rc : -EINVAL;
 }
 
-bool HiddenEntries::hidesName(uint64_t dir, std::string_view name) const {
-  if (dir != kFirstInode) return false;
-  return name == ".snapshots" || (root_.fileset_id == kTopLevel && (name == ".unlinked" || name == ".fset"));
+int HiddenEntries::hidesName(uint64_t dir, std::string_view name, uint8_t type) const {
+  if (dir != kFirstInode || type != DT_DIR) return 0;
+  if (name == ".unlinked" || name == ".fset") return root_.fileset_id == kTopLevel;
+  return name == kSnapshotFolder ? keepsSnapshots(root_) : 0;
 }
 
 int HiddenEntries::hidesSubvolume(uint64_t dir, std::string_view name, uint64_t id) const {
-  if (hidesName(dir, name)) return 1;
+  if (int rc = hidesName(dir, name, DT_DIR); rc != 0) return rc;
   if (snapshot_id_ != 0) {
     uint64_t active_dir;
     std::string active_name;

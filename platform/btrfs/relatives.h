@@ -20,15 +20,15 @@ uint64_t currentSnapshot(const TreeRoot &root);
 int findLine(const TreeRoot &root, uint64_t snapshot_id, uint64_t *line);
 
 // Decides which entries of the fileset and of one of its snapshots a restore leaves alone: snapshots of
-// the fileset, the folders in which snapshot tools keep them, and nested subvolumes whose place has not
-// changed since the snapshot.
+// the fileset, the folder .snapshots at its top while it holds some, the folder .unlinked at the top of
+// the file system, and nested subvolumes whose place has not changed since the snapshot.
 class HiddenEntries {
  public:
   // `snapshot_id` 0: there is nothing to compare with. `root` must live as long.
   HiddenEntries(const TreeRoot &root, uint64_t snapshot_id) : root_(root), snapshot_id_(snapshot_id) {}
 
-  // A file or directory of this name in directory `dir`.
-  bool hidesName(uint64_t dir, std::string_view name) const;
+  // A file or directory of this name and type (DT_*) in directory `dir`. 1, 0 or -errno.
+  int hidesName(uint64_t dir, std::string_view name, uint8_t type) const;
   // Nested subvolume `id`, which is linked as `name` in directory `dir`, or whose stub the snapshot has
   // there. 1, 0 or -errno.
   int hidesSubvolume(uint64_t dir, std::string_view name, uint64_t id) const;

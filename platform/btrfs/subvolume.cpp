@@ -1,6 +1,7 @@
 #include "btrfs/subvolume.h"
 
 #include <endian.h>
+#include <fcntl.h>
 #include <linux/btrfs.h>
 #include <linux/btrfs_tree.h>
 #include <sys/ioctl.h>
@@ -8,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "btrfs/tree_items.h"
+#include "base/unique_fd.h"
 
 namespace kest {
 
@@ -66,6 +67,7 @@ const Uuid kNoUuid{};
 int SubvolumeTable::load(int fd) {
   fd_ = fd;
   all_.clear();
+  births_.clear();
   auto visit = [&](const TreeItem &item) {
     uint64_t id = item.key.objectid;
     if (id != kTopLevel && id < kFirstInode) return;
@@ -96,32 +98,55 @@ const Subvolume *SubvolumeTable::byUuid(const Uuid &uuid) const {
   return nullptr;
 }
 
-bool SubvolumeTable::related(uint64_t a, uint64_t b, uint64_t *line) const {
-  struct Ancestor {
-    Uuid uuid;
-    uint64_t left;  // transaction at which the line to our subvolume left it; UINT64_MAX: it is ours
-  };
-  auto chainOf = [&](uint64_t id) {
-    std::vector<Ancestor> chain;
-    const Subvolume *one = find(id);
-    if (one == nullptr) return chain;
-    if (one->uuid != kNoUuid) chain.push_back({one->uuid, UINT64_MAX});
-    // A deleted ancestor has no item any more, but its UUID still ties its descendants together.
-    while (one != nullptr && one->parent_uuid != kNoUuid && chain.size() <= all_.size()) {
-      chain.push_back({one->parent_uuid, one->otransid});
-      one = byUuid(one->parent_uuid);
-    }
-    return chain;
-  };
-  std::vector<Ancestor> chain_a = chainOf(a), chain_b = chainOf(b);
-  for (const Ancestor &x : chain_a) {
-    for (const Ancestor &y : chain_b) {
+SubvolumeTable::Chain SubvolumeTable::chainOf(uint64_t id) const {
+  Chain chain;
+  const Subvolume *one = find(id);
+  if (one == nullptr) return chain;
+  if (one->uuid != kNoUuid) chain.ancestors.push_back({one->uuid, UINT64_MAX});
+  // A deleted ancestor has no item any more, but its UUID still ties its descendants together.
+  while (one != nullptr && one->parent_uuid != kNoUuid && chain.ancestors.size() <= all_.size()) {
+    chain.ancestors.push_back({one->parent_uuid, one->otransid});
+    one = byUuid(one->parent_uuid);
+  }
+  chain.whole = one != nullptr && one->uuid != kNoUuid;
+  return chain;
+}
+
+int SubvolumeTable::birthOf(uint64_t id, std::optional<Birth> *birth) const {
+  auto known = births_.find(id);
+  if (known == births_.end()) {
+    TreeReader tree(fd_, id, 1);
+    InodeItem root;
+    const int rc = readInode(tree, kFirstInode, &root);
+    if (rc < 0 && rc != -ENOENT) return rc;
+    std::optional<Birth> read;
+    if (rc > 0) read = {root.generation, root.otime};
+    known = births_.emplace(id, read).first;
+  }
+  *birth = known->second;
+  return 0;
+}
+
+int SubvolumeTable::relatedByBirth(uint64_t a, uint64_t b, uint64_t *line) const {
+  std::optional<Birth> mine, theirs;
+  int rc = birthOf(a, &mine);
+  if (rc == 0) rc = birthOf(b, &theirs);
+  if (rc < 0 || !mine || !theirs || *mine != *theirs) return rc;
+  // Nobody knows any more where the two parted: at the earliest right after their birth.
+  if (line != nullptr) *line = mine->generation > 0 ? mine->generation - 1 : 0;
+  return 1;
+}
+
+int SubvolumeTable::related(uint64_t a, uint64_t b, uint64_t *line) const {
+  const Chain mine = chainOf(a), theirs = chainOf(b);
+  for (const Ancestor &x : mine.ancestors) {
+    for (const Ancestor &y : theirs.ancestors) {
       if (x.uuid != y.uuid) continue;
       if (line != nullptr) *line = std::min(x.left, y.left);
-      return true;
+      return 1;
     }
   }
-  return false;
+  return mine.whole && theirs.whole ? 0 : relatedByBirth(a, b, line);
 }
 
 int SubvolumeTable::pathOf(uint64_t id, std::string *path) const {
@@ -185,6 +210,24 @@ int isReadOnly(int fd) {
   uint64_t flags = 0;
   if (ioctl(fd, BTRFS_IOC_SUBVOL_GETFLAGS, &flags) < 0) return -errno;
   return (flags & BTRFS_SUBVOL_RDONLY) != 0 ? 1 : 0;
+}
+
+int movingSubvolume(int dir_fd, const std::string &name, const std::function<int()> &step) {
+  int rc = step();
+  if (rc != -EROFS) return rc;
+  UniqueFd root(openat(dir_fd, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!root) return -errno;
+  btrfs_ioctl_get_subvol_info_args info;
+  memset(&info, 0, sizeof info);
+  if (ioctl(root.get(), BTRFS_IOC_GET_SUBVOL_INFO, &info) < 0) return -errno;
+  const bool received = memcmp(info.received_uuid, kNoUuid.data(), kNoUuid.size()) != 0;
+  if (!(info.flags & BTRFS_ROOT_SUBVOL_RDONLY) || received) return -EROFS;
+  uint64_t flags = 0;
+  if (ioctl(root.get(), BTRFS_IOC_SUBVOL_SETFLAGS, &flags) < 0) return -errno;
+  rc = step();
+  flags = BTRFS_SUBVOL_RDONLY;
+  if (ioctl(root.get(), BTRFS_IOC_SUBVOL_SETFLAGS, &flags) < 0 && rc == 0) rc = -errno;
+  return rc;
 }
 
 int directoryPath(int fd, uint64_t subvol_id, uint64_t dir, std::string *path) {

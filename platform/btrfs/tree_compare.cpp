@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -212,6 +213,7 @@ class InodeVisitor {
   PairSorter candidates;      // of an inode of either tree alone, the snapshot's first, of one name
   PairSorter doubts, needed;  // inodes that depend on twins; directories, and inodes to have one
   ChangeNotes changes;
+  std::map<uint64_t, NameRef> homes;  // of nested subvolumes, by id, that the snapshot has elsewhere
 
  private:
   int visitChunk(const TouchedChunk &chunk);
@@ -222,6 +224,7 @@ class InodeVisitor {
   bool pairEntries(uint64_t dir, const EntryDifference &entries);
   int visitChildren(Side *side, uint64_t dir);
   int addPending(const DirEntry &entry);
+  void noteHome(uint64_t dir, const DirEntry &entry);
 
   const Common &common_;
   Side active_, snapshot_;
@@ -370,6 +373,7 @@ int InodeVisitor::compareSame(uint64_t ino, const InodeItem &active, const Inode
   if (S_ISDIR(active.mode))
     rc = diffDirectories(active_.entries, snapshot_.entries, ino, active.size, common_.line,
                          common_.hidden, &entries);
+  for (const DirEntry &entry : entries.snapshot) noteHome(ino, entry);
   for (const std::vector<DirEntry> *side : {&entries.snapshot, &entries.active})
     for (const DirEntry &entry : *side)
       if (rc == 0) rc = addPending(entry);
@@ -426,6 +430,7 @@ int InodeVisitor::visitChildren(Side *side, uint64_t dir) {
   for (uint64_t index = 0;; index = entry.index + 1) {
     int rc = nextEntry(side->entries, dir, index, &entry);
     if (rc <= 0) return rc;
+    if (side == &snapshot_) noteHome(dir, entry);
     rc = addPending(entry);
     if (rc < 0 || entry.index == UINT64_MAX) return rc;
   }
@@ -442,6 +447,11 @@ int InodeVisitor::addPending(const DirEntry &entry) {
   these.swap(pending);
   sortOnce(&these);
   return visitThese(these.data(), these.data() + these.size());
+}
+
+// An entry that only the snapshot has.
+void InodeVisitor::noteHome(uint64_t dir, const DirEntry &entry) {
+  if (entry.junction) homes.emplace(entry.target, NameRef{dir, entry.name});
 }
 
 int InodeVisitor::record(uint64_t ino, unsigned state) {
@@ -486,11 +496,13 @@ int TreeComparison::findLineTime() {
 int TreeComparison::findHidden() {
   for (Side *side : {&first().active(), &first().snapshot()}) {
     for (const char *name : {".snapshots", ".unlinked", ".fset"}) {
-      if (!common_.hidden.hidesName(kFirstInode, name)) continue;
       DirEntryItem entry;
       int rc = findEntry(side->inodes, kFirstInode, name, &entry);
       if (rc < 0) return rc;
       if (rc == 0 || entry.junction) continue;
+      rc = common_.hidden.hidesName(kFirstInode, name, entry.type);
+      if (rc < 0) return rc;
+      if (rc == 0) continue;
       rc = collectBelow(side, entry.target);
       if (rc < 0) return rc;
     }
@@ -563,6 +575,7 @@ void TreeComparison::collect() {
     first().candidates.add(other.candidates.finish());
     first().doubts.add(other.doubts.finish());
     first().needed.add(other.needed.finish());
+    first().homes.merge(other.homes);
   }
 }
 
@@ -576,7 +589,12 @@ int TreeComparison::findJunctions() {
                                              : common_.hidden.hidesSubvolume(one.dir, one.name, one.id);
     if (rc < 0) return rc;
     if (rc > 0) continue;
-    junctions.push_back({one.dir, one.id, one.name});
+    Junction junction{.dir = one.dir, .id = one.id, .name = one.name, .home_name = {}};
+    if (const auto home = first().homes.find(one.id); home != first().homes.end()) {
+      junction.home_dir = home->second.parent;
+      junction.home_name = home->second.name;
+    }
+    junctions.push_back(std::move(junction));
     first().leads.add({one.dir, 0});
   }
   difference_->setJunctions(std::move(junctions));

@@ -1,9 +1,6 @@
 #include "btrfs/unlink_fileset.h"
 
 #include <fcntl.h>
-#include <linux/btrfs.h>
-#include <linux/btrfs_tree.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
@@ -65,7 +62,8 @@ int openKept(int on) {
   UniqueFd top_fd(top);
   if (mkdirat(top, kKept, 0700) < 0 && errno != EEXIST) return -errno;
   int kept = openat(top, kKept, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-  return kept < 0 ? -errno : kept;
+  if (kept >= 0) return kept;
+  return errno == ELOOP ? -ENOTDIR : -errno;
 }
 
 int renameAside(const Nested &nested, int kept, std::string *target) {
@@ -79,26 +77,6 @@ int renameAside(const Nested &nested, int kept, std::string *target) {
     }
     if (errno != EEXIST) return -errno;
   }
-}
-
-// A read-only subvolume refuses the move, since its ".." changes, so the flag is lifted for the step.
-// It is not lifted from a received one, for the kernel may then forget its origin.
-int renameReadOnly(const Nested &nested, int kept, std::string *target) {
-  UniqueFd root(openat(nested.parent.get(), nested.name.c_str(),
-                       O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!root) return -errno;
-  struct btrfs_ioctl_get_subvol_info_args info;
-  memset(&info, 0, sizeof(info));
-  if (ioctl(root.get(), BTRFS_IOC_GET_SUBVOL_INFO, &info) < 0) return -errno;
-  const Uuid none{};
-  bool received = memcmp(info.received_uuid, none.data(), none.size()) != 0;
-  if (!(info.flags & BTRFS_ROOT_SUBVOL_RDONLY) || received) return -EROFS;
-  uint64_t flags = 0;
-  if (ioctl(root.get(), BTRFS_IOC_SUBVOL_SETFLAGS, &flags) < 0) return -errno;
-  int rc = renameAside(nested, kept, target);
-  flags = BTRFS_SUBVOL_RDONLY;
-  if (ioctl(root.get(), BTRFS_IOC_SUBVOL_SETFLAGS, &flags) < 0 && rc == 0) rc = -errno;
-  return rc;
 }
 
 }  // namespace
@@ -116,8 +94,8 @@ int unlinkSubvolume(const MountedFileSystem &fs, const std::string &device, cons
   const UniqueFd kept(openKept(nested.parent.get()));
   if (!kept) return failed(std::string(kKept) + " at the top of the file system", kept.get());
   std::string target;
-  int rc = renameAside(nested, kept.get(), &target);
-  if (rc == -EROFS) rc = renameReadOnly(nested, kept.get(), &target);
+  const int rc = movingSubvolume(nested.parent.get(), nested.name,
+                                 [&] { return renameAside(nested, kept.get(), &target); });
   if (rc < 0) return failed(path, rc);
   *where = std::string(kKept) + "/" + target;
   return 0;

@@ -35,4 +35,10 @@ std::span<const Junction> DifferenceSet::junctionsIn(uint64_t dir) const {
   return {first, last};
 }
 
+const Junction *DifferenceSet::junction(uint64_t id) const {
+  const auto found = std::find_if(junctions_.begin(), junctions_.end(),
+                                  [id](const Junction &one) { return one.id == id; });
+  return found == junctions_.end() ? nullptr : &*found;
+}
+
 }  // namespace kest

@@ -26,6 +26,9 @@ struct DiffInode {
 struct Junction {
   uint64_t dir = 0, id = 0;  // the directory that it is linked in; its number
   std::string name;
+  // Where the snapshot has it: directory and name; 0 where the snapshot does not have it.
+  uint64_t home_dir = 0;
+  std::string home_name;
 };
 
 class DifferenceSet {
@@ -49,6 +52,7 @@ class DifferenceSet {
   // The active inode that is the twin of inode `ino` of the snapshot; 0: none.
   uint64_t twinOf(uint64_t ino) const { return twins_.secondOf(ino); }
   std::span<const Junction> junctionsIn(uint64_t dir) const;
+  const Junction *junction(uint64_t id) const;  // NULL: there is none of this number
 
  private:
   SortedPairs inodes_, leads_, twins_;

@@ -147,6 +147,10 @@ class Directory {
   virtual int link(Inode &inode, const std::string &name) = 0;
   // -EEXIST where the target exists.
   virtual int rename(const std::string &name, Directory &to, const std::string &to_name) = 0;
+  // The same for the nested fileset `id`, which may be read-only. -ESTALE where `name` is another
+  // object.
+  virtual int renameFileset(const std::string &name, uint64_t id, Directory &to,
+                            const std::string &to_name) = 0;
   virtual int removeFile(const std::string &name) = 0;
   virtual int removeDirectory(const std::string &name) = 0;
   // A clone of the clone parent `parent`, which appears whole or not at all; see kest_clone_copy.

@@ -199,6 +199,11 @@ int kest_ichange(kest_iscan_t *scan, uint64_t ino, kest_change_t *change);
  * 0. -1: errno. */
 int kest_leads_to_change(kest_iscan_t *scan, uint64_t ino);
 
+/* Where the snapshot has the nested fileset `id` (the number of a junction that the difference scan
+ * knows): 1, the inode number of its directory in the snapshot and its name there; 0 where the snapshot
+ * does not have it. `name` holds 256 bytes. -1: errno. */
+int kest_junction_home(kest_iscan_t *scan, uint64_t id, uint64_t *dir, char *name);
+
 /* 0 and the attributes of the first inode of the scan in [ino, term_ino), or NULL when it holds none
  * (difference scan: unchanged or deleted). Full scan: attributes read at the time of the call. */
 int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino, const kest_iattr64_t **attr);
@@ -433,6 +438,8 @@ int kest_unlink(kest_fssnap_handle_t *active, const char *path, uint64_t ino);
 int kest_rmdir(kest_fssnap_handle_t *active, const char *path, uint64_t ino);
 /* EEXIST where `to` exists. */
 int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const char *to, uint64_t ino);
+/* The same for the nested fileset `id`, also a read-only one: ESTALE where `from` is something else. */
+int kest_move_junction(kest_fssnap_handle_t *active, const char *from, const char *to, uint64_t id);
 /* Keeps file capabilities. */
 int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size, uint64_t ino);
 /* open(2) with `flags` and `mode`; O_CLOEXEC and O_NOFOLLOW are added, and the umask does not apply.

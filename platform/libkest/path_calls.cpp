@@ -139,6 +139,27 @@ int changeNames(const Place &named, std::initializer_list<Suspect> directories, 
   return rc == -EPERM ? -EROFS : rc;
 }
 
+// The flags of the fileset's own root directory are lifted for the step; those of the other directories
+// forbid it. 0 or -errno.
+int moveFileset(const Place &source, const Place &target, uint64_t id) {
+  const auto move = [&] {
+    return source.dir->renameFileset(source.leaf, id, *target.dir, target.leaf);
+  };
+  if (int rc = move(); rc != -EPERM) return rc;
+  if (flagsForbid(givingDirectory(source)) || flagsForbid(takingDirectory(target))) return -EROFS;
+  std::unique_ptr<Inode> root;
+  struct stat st;
+  Protection protection;
+  int rc = source.dir->openObject(source.leaf, &root, &st);
+  if (rc == 0) rc = root->readProtection(&protection);
+  if (rc != 0 || !protection.any()) return rc != 0 ? rc : -EPERM;
+  LiftedFlags lifted(*root);
+  if (rc = lifted.lift(protection); rc != 0) return rc;
+  rc = move();
+  const int set = lifted.setAgain();
+  return rc != 0 ? rc : set;
+}
+
 // The name `path` is about to mean something else.
 void forget(kest_fssnap_handle *active, const char *path) {
   if (active != nullptr) active->directories.drop(path);
@@ -187,6 +208,14 @@ int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const 
     forget(active, to);
     return changeNames(source, {givingDirectory(source), takingDirectory(target)},
                        [&] { return source.dir->rename(source.leaf, *target.dir, target.leaf); });
+  });
+}
+
+int kest_move_junction(kest_fssnap_handle_t *active, const char *from, const char *to, uint64_t id) {
+  return onTwoPaths(active, from, to, [=](const Place &source, const Place &target) {
+    forget(active, from);
+    forget(active, to);
+    return moveFileset(source, target, id);
   });
 }
 

@@ -137,6 +137,19 @@ int kest_leads_to_change(kest_iscan_t *scan, uint64_t ino) {
   });
 }
 
+int kest_junction_home(kest_iscan_t *scan, uint64_t id, uint64_t *dir, char *name) {
+  return cCall([&] {
+    if (dir == nullptr || name == nullptr) return -EINVAL;
+    Difference *difference;
+    if (int rc = differenceOf(scan, &difference); rc < 0) return rc;
+    const Junction *junction = difference->set().junction(id);
+    if (junction == nullptr || junction->home_dir == 0) return 0;
+    *dir = junction->home_dir;
+    name[junction->home_name.copy(name, 255)] = '\0';
+    return 1;
+  });
+}
+
 int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino,
                       const kest_iattr64_t **attr) {
   return cCall([&] {

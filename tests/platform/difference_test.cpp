@@ -223,6 +223,7 @@ TEST_F(Difference, LeadsToChangesAndJunctionsAlone) {
   tree_->chmod("flags", 0700);
   tree_->append(".snapshots/1/info", "!");
   fs_->createSubvolume(name_ + "/holds/junction/nested");
+  fs_->snapshot(name_, name_ + "/.snapshots/1/kept");  // makes it a folder that is left alone
   Scan scan = openDifference(active_, snapshot_);
   const auto leads = [&](const std::string &dir) { return leadingEntries(active_, scan, inode(dir)); };
   EXPECT_EQ("nested=", leads("holds/junction").substr(0, 7));
