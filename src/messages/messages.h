@@ -86,6 +86,16 @@ enum class Message : int {
   kMountInTheWay,
   kMountsUnknown,
   kOtherNode,
+  kPathTooLongWhere,
+  kCommandEnded,
+  kNoRights,
+  kUserNamespace,
+  kFewDescriptors,
+  kComparisonFailed,
+  kListFailed,
+  kUnlinked,
+  kUnlinkedFromHome,
+  kUnlinkFailed,
   // fsetcompare.
   kCompareUsage,
   kCompareHelp,
@@ -218,6 +228,25 @@ inline constexpr MessageText kMessages[] = {
      "Cannot tell what is mounted inside the fileset %s: %s. Nothing was restored.\n"},
     {Message::kOtherNode, 0, 0,
      "The node \"%s\" is not this machine: the file system is local. Nothing was changed.\n"},
+    {Message::kPathTooLongWhere, 0, 0, "The first one, of %lld bytes: %s\n"},
+    {Message::kCommandEnded, 0, 0, "%s ended with exit status %d.\n"},
+    {Message::kNoRights, 0, 0,
+     "This process lacks %s. Run it as root, in a container with these capabilities. Nothing was "
+     "changed.\n"},
+    {Message::kUserNamespace, 0, 0,
+     "This process runs in a user namespace, where it lacks CAP_SYS_ADMIN and the other capabilities "
+     "that the file system asks for. Run it as root outside of it. Nothing was changed.\n"},
+    {Message::kFewDescriptors, 0, 0,
+     "This process may open %lld files at a time and needs %lld: raise the limit (ulimit -n). Nothing "
+     "was changed.\n"},
+    {Message::kComparisonFailed, 0, 0, "Cannot compare the fileset %s with its snapshot: %s.\n"},
+    {Message::kListFailed, 0, 0, "Cannot work off the list %s: %s.\n"},
+    {Message::kUnlinked, 0, 0,
+     "The nested fileset at %s is not in the snapshot. It was unlinked; all its data is at %s.\n"},
+    {Message::kUnlinkedFromHome, 0, 0,
+     "The nested fileset at %s belongs at %s, where something else stands. It was unlinked; all its "
+     "data is at %s.\n"},
+    {Message::kUnlinkFailed, 0, 0, "Failed to unlink the nested fileset at %s. exit status %d\n"},
     {Message::kCompareUsage, 0, 0, "Usage: %s Device -j FileSet -o SnapShot [--full]\n"},
     {Message::kCompareHelp, 0, 0,
      "Usage: fsetcompare Device -j FileSet -o SnapShot [--full]\n"

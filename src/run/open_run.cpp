@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "messages/messages.h"
+#include "run/rights.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/work_dir.h"
@@ -18,8 +19,8 @@ Result openTree(const char *snapshot, kest_fssnap_handle_t **handle) {
       kest_get_fset_snaphandle_by_name(settings.deviceP.c_str(), settings.filesetP.c_str(), snapshot);
   if (*handle) return {};
   const Result result = failedErrno(0);
-  userMessage(Message::kNoHandle, settings.filesetP, snapshot ? snapshot : "(null)", settings.deviceP,
-              kest_error_text());
+  userMessage(Message::kNoHandle, settings.filesetP, snapshot ? snapshot : "none (the active fileset)",
+              settings.deviceP, kest_error_text());
   return result;
 }
 
@@ -39,6 +40,7 @@ Result readRootIno() {
   struct stat st;
   if (Result r = called(kest_lstat(handles.activeFsP, handles.rootPath.c_str(), &st)); !r) {
     userMessage(Message::kNoRootInode, settings.filesetP);
+    userMessage(Message::kFileError, handles.rootPath, strerror(r.err));
     return r;
   }
   handles.rootIno = st.st_ino;
@@ -85,6 +87,8 @@ Result openScans(uint64_t *max_ino) {
 
 Result openAll(const MasterSteps *master, Opened *failure) {
   *failure = Opened::kRelease;
+  if (settings.role != Role::kWorker)
+    if (Result r = checkRights(); !r) return r;
   if (Result r = openTree(nullptr, &handles.activeFsP); !r) return r;
   if (Result r = openTree(settings.snapOldP.c_str(), &handles.oldFsP); !r) return r;
   *failure = Opened::kEnd;
