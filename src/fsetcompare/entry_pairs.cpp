@@ -22,8 +22,11 @@ Result addAll(const Next &next, bool from_snapshot, EntryPairs *pairs) {
     if (name == "." || name == "..") continue;
     const bool snapshot = from_snapshot || (entry->d_type & KEST_DT_SNAP) != 0;
     const bool junction = (entry->d_flags & (KEST_DF_JUNCTION | KEST_DF_JUNCTION2)) != 0;
-    if (snapshot && junction) continue;
     EntryPair &pair = (*pairs)[std::string(name)];
+    if (snapshot && junction) {
+      pair.nested = entry->d_ino;
+      continue;
+    }
     (snapshot ? pair.snapshot : pair.active) =
         Entry{entry->d_ino, static_cast<uint32_t>(DTTOIF(entry->d_type & ~KEST_DT_SNAP)), junction};
   }

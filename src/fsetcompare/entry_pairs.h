@@ -13,13 +13,13 @@
 
 struct Entry {
   uint64_t ino = 0;
-  uint32_t mode = 0;  // the type alone, as in st_mode
-  bool junction =
-      false;  // a nested fileset; never of the snapshot, where it could not be restored from
+  uint32_t mode = 0;      // the type alone, as in st_mode
+  bool junction = false;  // a nested fileset, whose number `ino` is then; never of the snapshot
 };
 
 struct EntryPair {
   std::optional<Entry> active, snapshot;
+  std::optional<uint64_t> nested;  // the number of the nested fileset that the snapshot has here
 };
 using EntryPairs = std::map<std::string, EntryPair>;
 

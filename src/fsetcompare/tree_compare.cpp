@@ -55,6 +55,24 @@ Result compareObjects(kest_ifile_t *active, kest_ifile_t *snapshot, bool by_diff
   return compareClones(active, snapshot, path, report);
 }
 
+// A nested fileset that only the snapshot has, which no restore brings back, or that stands where the
+// snapshot has it.
+bool isNestedAlone(const EntryPair &pair) {
+  if (!pair.nested || pair.snapshot) return false;
+  return !pair.active || (pair.active->junction && pair.active->ino == *pair.nested);
+}
+
+// The path at which the snapshot has the nested fileset `id`. False where it does not have it.
+bool nestedHome(uint64_t id, std::string *path) {
+  uint64_t dir = 0;
+  char name[256];
+  if (kest_junction_home(handles.iscanP, id, &dir, name) != 1) return false;
+  std::string parent;
+  if (dir != handles.rootIno && !firstPath(handles.oldFsP, dir, &parent)) return false;
+  *path = join(parent, name);
+  return true;
+}
+
 // Two objects that changed places and equal each other in everything that is compared did not change
 // anything. What cannot be compared is not equal.
 bool areEqual(uint64_t active_ino, uint64_t snapshot_ino) {
@@ -73,6 +91,7 @@ bool areEqual(uint64_t active_ino, uint64_t snapshot_ino) {
   if (!addListing(handles.oldFsP, snapshot_ino, &pairs)) return false;
   return std::all_of(pairs.begin(), pairs.end(), [](const auto &one) {
     const EntryPair &pair = one.second;
+    if (isNestedAlone(pair)) return true;
     return pair.active && pair.snapshot && !pair.active->junction &&
            areEqual(pair.active->ino, pair.snapshot->ino);
   });
@@ -157,8 +176,13 @@ class TreeComparison {
   }
 
   void visit(const EntryPair &pair, const std::string &active_path, const std::string &path) {
+    if (isNestedAlone(pair)) return;
     if (pair.active && pair.active->junction) {
-      report_->difference("extra", active_path, {"fileset"});
+      std::string home;
+      if (nestedHome(pair.active->ino, &home))
+        report_->difference("moved", home, {active_path});
+      else
+        report_->difference("extra", active_path, {"fileset"});
       if (pair.snapshot) onlyInSnapshot(pair.snapshot->ino, path);
     } else if (!pair.active) {
       onlyInSnapshot(pair.snapshot->ino, path);
