@@ -65,6 +65,12 @@ std::string destinationName(uint64_t ino) {
 std::string newParentName(uint64_t ino) {
   return inBucket(ino, number(ino).append(kNewParentEnd));
 }
+std::string filesetLocationName(uint64_t id) {
+  return tempLocationName(id) + ".fileset";
+}
+std::string filesetDestinationName(uint64_t id) {
+  return destinationName(id) + ".fileset";
+}
 
 bool isBucketName(std::string_view name) {
   return name.starts_with(kBucketStart);

@@ -35,6 +35,9 @@ std::string tempLocationName(uint64_t ino);         // MOVE_<n>/_<ino>
 std::string cloneDeleteLocationName(uint64_t ino);  // MOVE_<n>/_<ino>.delclone
 std::string destinationName(uint64_t ino);          // MOVE_<n>/<ino>_
 std::string newParentName(uint64_t ino);            // MOVE_<n>/<ino>.clone.newParent
+// The same for a nested fileset, by its number: where it waits, and where it belongs.
+std::string filesetLocationName(uint64_t id);     // MOVE_<n>/_<id>.fileset
+std::string filesetDestinationName(uint64_t id);  // MOVE_<n>/<id>_.fileset
 
 bool isBucketName(std::string_view name);
 // The inode number of an object moved aside, from its name in a bucket ("_<ino>" and what follows).

@@ -244,8 +244,8 @@ inline constexpr MessageText kMessages[] = {
     {Message::kUnlinked, 0, 0,
      "The nested fileset at %s is not in the snapshot. It was unlinked; all its data is at %s.\n"},
     {Message::kUnlinkedFromHome, 0, 0,
-     "The nested fileset at %s belongs at %s, where something else stands. It was unlinked; all its "
-     "data is at %s.\n"},
+     "The nested fileset at %s belongs at %s, which is taken or gone. It was unlinked; all its data is "
+     "at %s.\n"},
     {Message::kUnlinkFailed, 0, 0, "Failed to unlink the nested fileset at %s. exit status %d\n"},
     {Message::kCompareUsage, 0, 0, "Usage: %s Device -j FileSet -o SnapShot [--full]\n"},
     {Message::kCompareHelp, 0, 0,

@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
+#include <cstring>
 
+#include "messages/messages.h"
 #include "object/paths.h"
 #include "run/path.h"
 #include "run/run_handles.h"
@@ -34,22 +35,27 @@ Result search(const std::string &path, bool *junction) {
   }
 }
 
-Result unlinkFileset(const std::string &path) {
+// The reason of a failure is the command's last word, on standard error.
+Result unlinkFileset(const std::string &path, const std::string &shown, const std::string &home) {
   const std::string command = "/usr/qtx/kest/bin/ktunlinkfileset " + shellWord(settings.deviceP) +
-                              " -J " + shellWord(resolveOwnLinks(path)) + " 2>/dev/null";
+                              " -J " + shellWord(resolveOwnLinks(path));
   if (!checkCommand(command)) return failed(kUnlinkFileset, ENAMETOOLONG);
   std::string output;
   int status = 0;
-  if (Result r = runCommandOutput(command, &output, &status); !r) return failed(kUnlinkFileset, r.err);
+  if (Result r = runCommandOutput(command, &output, &status); !r) {
+    userMessage(Message::kFileError, "ktunlinkfileset", strerror(r.err));
+    return failed(kUnlinkFileset, r.err);
+  }
   if (status != 0) {
-    fprintf(stderr, "Failed to unlink the nested fileset at %s. exit status %d\n", path.c_str(),
-            status);
+    userMessage(Message::kUnlinkFailed, shown, status);
     return failed(kUnlinkFileset, EIO);
   }
   output.resize(std::min(output.find('\n'), output.size()));
-  fprintf(stderr,
-          "The nested fileset at %s is not in the snapshot. It was unlinked; all its data is at %s.\n",
-          path.c_str(), output.c_str());
+  if (home.empty()) {
+    userMessage(Message::kUnlinked, shown, output);
+  } else {
+    userMessage(Message::kUnlinkedFromHome, shown, home, output);
+  }
   return {};
 }
 
@@ -72,9 +78,9 @@ Result checkJunction(const std::string &path, bool *junction) {
   return r;
 }
 
-Result unlinkJunction(const std::string &path) {
+Result unlinkJunction(const std::string &path, const std::string &shown, const std::string &home) {
   traceLog("unlinkJunction: unlink fileset in junction %s\n", path.c_str());
-  const Result r = unlinkFileset(path);
+  const Result r = unlinkFileset(path, shown, home);
   if (!r) {
     traceLog("unlinkJunction: %s, rc %d, code %d, err %d\n", path.c_str(), r.rc, r.code, r.err);
   }

@@ -14,5 +14,7 @@ bool isJunction(const std::string &path, const kest_direntx64_t &entry);
 Result checkJunction(const std::string &path, bool *junction);
 
 // Unlinks the fileset at `path`; its data moves to .unlinked at the top of the file system, and a
-// message names the place. Fails with rc -1 when the command is too long, cannot be started or fails.
-Result unlinkJunction(const std::string &path);
+// message names the place, and the fileset by the path `shown`. `home`, if not empty, is where the
+// snapshot has it, where it could not be moved. Fails with rc -1, after a message, when the command is too
+// long, cannot be started or fails.
+Result unlinkJunction(const std::string &path, const std::string &shown, const std::string &home = "");

@@ -5,6 +5,7 @@
 #include "kest.h"
 #include "object/flags.h"
 #include "object/paths.h"
+#include "run/path.h"
 #include "run/run_handles.h"
 
 namespace {
@@ -52,6 +53,20 @@ Result renameBack(const std::string &from, const std::string &to) {
   return retryClearing(from, to, [&] {
     return called(kest_rename_noreplace(handles.activeFsP, Now(from), Now(to), 0));
   });
+}
+
+Result moveFilesetAside(const std::string &from, const std::string &to, uint64_t id) {
+  std::string parent = from;
+  cutPath(parent);
+  return retryClearing(parent, "", [&] {
+    return called(kest_move_junction(handles.activeFsP, Now(from), Now(to), id));
+  });
+}
+
+// There is nothing at `to` whose flags could be cleared: the clearing begins above it.
+Result moveFilesetHome(const std::string &from, const std::string &to, uint64_t id) {
+  return retryClearing(
+      to, "", [&] { return called(kest_move_junction(handles.activeFsP, Now(from), Now(to), id)); });
 }
 
 Result linkName(const std::string &from, const std::string &to, uint64_t ino) {

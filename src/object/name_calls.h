@@ -21,6 +21,11 @@ Result removeEmptyDir(const std::string &path, uint64_t ino);  // of a nested fi
 Result renameAside(const std::string &from, const std::string &to, uint64_t ino);
 Result renameBack(const std::string &from, const std::string &to);
 
+// The same for the nested fileset `id`, whose own flags stay as they are: to a place in the work
+// directory, and from there.
+Result moveFilesetAside(const std::string &from, const std::string &to, uint64_t id);
+Result moveFilesetHome(const std::string &from, const std::string &to, uint64_t id);
+
 Result linkName(const std::string &from, const std::string &to, uint64_t ino);
 Result truncatePath(const std::string &path, int64_t size, uint64_t ino,
                     bool *clearing_failed = nullptr);

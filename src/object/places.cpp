@@ -40,9 +40,8 @@ enum SnapPathStep : int {
 };
 
 // Steps of the destination file alone, with the trace lines of one that cannot be written.
-Result writeDestination(const std::string &path, uint64_t ino) {
+Result writeDestination(const std::string &file, const std::string &path, uint64_t ino) {
   std::unique_ptr<WorkFile> stream;
-  const std::string file = destinationFile(ino);
   if (Result r = openBucketFile("fetchFile", file, WorkFile::Mode::kTruncate, path, ino, &stream); !r)
     return r;
   Result written = stream->append(path);
@@ -53,6 +52,13 @@ Result writeDestination(const std::string &path, uint64_t ino) {
   }
   const Result closed = closeWorkFile(stream, file).at(kCloseFile);
   return firstFailure(written.at(kWriteFile), closed);
+}
+
+// `file` is empty where its path would be too long.
+Result readPlace(const std::string &file, std::string *destination) {
+  if (file.empty()) return errnoResult(ENAMETOOLONG);
+  if (Result r = readWholeFile(file, destination); !r) return r;
+  return errnoResult(destination->empty() ? ENODATA : 0);
 }
 
 void traceUnresolved(const char *routine, uint64_t ino, const Result &r) {
@@ -181,7 +187,7 @@ Result openBucketFile(const char *routine, const std::string &file, WorkFile::Mo
 }
 
 Result fetchFile(const std::string &path, uint64_t ino) {
-  const Result r = writeDestination(path, ino);
+  const Result r = writeDestination(destinationFile(ino), path, ino);
   if (!r) {
     traceLog("fetchFile: path %s, ino %lld, rc %d, code %d, error %d\n", path.c_str(),
              static_cast<long long>(ino), r.rc, r.code, r.err);
@@ -189,11 +195,16 @@ Result fetchFile(const std::string &path, uint64_t ino) {
   return r;
 }
 
+Result writeFilesetDestination(const std::string &path, uint64_t id) {
+  return writeDestination(filesetDestination(id), path, id);
+}
+
+Result readFilesetDestination(uint64_t id, std::string *destination) {
+  return readPlace(filesetDestination(id), destination);
+}
+
 Result readDestination(uint64_t ino, std::string *destination) {
-  const std::string file = destinationFile(ino);
-  if (file.empty()) return errnoResult(ENAMETOOLONG);
-  if (Result r = readWholeFile(file, destination); !r) return r;
-  return errnoResult(destination->empty() ? ENODATA : 0);
+  return readPlace(destinationFile(ino), destination);
 }
 
 Result getOrigPathBeforeRename(const std::string &path, std::string *result, uint64_t ino) {

@@ -17,7 +17,11 @@ Result fetchFile(const std::string &path, uint64_t ino);
 // is recorded, ENODATA the record is empty.
 Result readDestination(uint64_t ino, std::string *destination);
 
-// The same with trace lines; `path` is used in them only. rc of a failure is -1.
+// The same for the nested fileset `id`.
+Result writeFilesetDestination(const std::string &path, uint64_t id);
+Result readFilesetDestination(uint64_t id, std::string *destination);
+
+// readDestination with trace lines; `path` is used in them only. rc of a failure is -1.
 Result getOrigPathBeforeRename(const std::string &path, std::string *result, uint64_t ino);
 
 // Where the object at `path` belongs in the active fileset. The rule for temporary locations is applied

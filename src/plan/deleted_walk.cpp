@@ -2,6 +2,7 @@
 
 #include "object/junction.h"
 #include "plan/entries.h"
+#include "plan/walk_failure.h"
 #include "records/aggregate.h"
 #include "run/path.h"
 #include "run/run_handles.h"
@@ -133,6 +134,7 @@ Result traverseDelDir(MasterLists &lists, uint64_t rootIno, std::string &path, u
              walk.failedAt().c_str());
     traceLog("traverseDelDir: ino %lld, rc %d, code %d, err %d\n", static_cast<long long>(ino),
              result.rc, result.code, result.err);
+    (void)failedAt(walk.failedAt(), result);
   }
   aggregates.main.iAgg = saved_aggregate;
   return result;

@@ -1,6 +1,7 @@
 #include "plan/lists.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
 
 #include "messages/messages.h"
@@ -39,7 +40,9 @@ constexpr RangeWriter kMainWriter{"ListRecord", 211}, kSetWriter{"DirListRecord"
 Result openMainList(const char *name, WorkFile::Mode mode, std::unique_ptr<WorkFile> *list) {
   const std::string path = workPath(name);
   const Result result = WorkFile::open(path, mode, list);
-  if (!result) userMessage(Message::kFileError, path, messageText(Message::kOpenFailed));
+  if (!result)
+    userMessage(Message::kFileError, path,
+                messageText(Message::kOpenFailed) + std::string(": ") + strerror(result.err));
   return result;
 }
 

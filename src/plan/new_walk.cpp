@@ -1,6 +1,8 @@
 #include "plan/new_walk.h"
 
 #include "object/junction.h"
+#include "plan/nested.h"
+#include "plan/walk_failure.h"
 #include "records/aggregate.h"
 #include "records/side_lists.h"
 #include "run/path.h"
@@ -69,7 +71,8 @@ class NewWalk {
     const bool junction = isJunction(path_, entry);
     PathName name(path_, entry.d_name);
     if (!name.ok()) return failed(junction ? kJunctionPathTooLong : kPathTooLong, ENAMETOOLONG);
-    const Result result = junction ? unlinkJunction(path_).at(kUnlinkJunction) : settle(entry);
+    const Result result =
+        junction ? settleNested(path_, entry.d_ino).at(kUnlinkJunction) : settle(entry);
     if (!result) failedAt_ = path_;
     return result;
   }
@@ -147,6 +150,7 @@ Result traverseNewDir(MasterLists &lists, const CommonWalker &walkCommon, uint64
     traceLog("traverseNewDir: Path %s, dirDepth %d, ino %lld, pass %d, rc %d, code %d, err %d\n",
              walk.failedAt().c_str(), lists.dirDepth, static_cast<long long>(ino), settings.pass,
              result.rc, result.code, result.err);
+    (void)failedAt(walk.failedAt(), result);
   }
   aggregates.main.iAgg = saved_aggregate;
   return result;

@@ -13,7 +13,9 @@
 #include "object/places.h"
 #include "plan/deleted_walk.h"
 #include "plan/entries.h"
+#include "plan/nested.h"
 #include "plan/new_walk.h"
+#include "plan/walk_failure.h"
 #include "records/aggregate.h"
 #include "records/side_lists.h"
 #include "run/path.h"
@@ -145,10 +147,10 @@ Result CommonWalk::traverseCommonDir(const std::string &path, uint64_t ino) {
   if (!result) {
     traceLog("traverseCommonDir: path %s, ino %lld, rc %d, code %d, error %d\n", path.c_str(),
              number(ino), result.rc, result.code, result.err);
-  } else if (ino == handles.rootIno) {
-    tracePassedOver();
+    return failedAt(path, result);
   }
-  return result;
+  if (ino == handles.rootIno) tracePassedOver();
+  return {};
 }
 
 Result CommonWalk::readBoth(CommonDir &dir) {
@@ -201,7 +203,7 @@ Result CommonWalk::readChangedEntries(CommonDir &dir) {
              number(entry->d_ino), entry->d_type, entry->d_flags);
     const Result result = isSnapEntry(*entry) ? onlyInSnapshot(dir, *entry, in_range)
                                               : onlyInActive(dir, *entry, in_range);
-    if (!result) return result;
+    if (!result) return failedAt(dir.path + "/" + entry->d_name, result);
   }
 }
 
@@ -274,7 +276,7 @@ Result CommonWalk::onlyInActive(CommonDir &dir, const kest_direntx64_t &entry, b
   if (isJunction(dir.path, entry)) {
     PathName name(dir.path, entry.d_name);
     if (!name.ok()) return failed(kJunctionPathTooLong, ENAMETOOLONG);
-    return unlinkJunction(dir.path).at(kUnlinkNewJunction);
+    return settleNested(dir.path, ino).at(kUnlinkNewJunction);
   }
   if (in_range) {
     DiffItem *item = findItem(ino);
@@ -308,7 +310,7 @@ Result CommonWalk::readLeadingEntries(CommonDir &dir) {
     ++entries_;
     traceLog("traverseCommonDir:[2] d_name %s, d_ino %lld, d_type 0x%X, d_flag 0x%X\n", entry->d_name,
              number(entry->d_ino), entry->d_type, entry->d_flags);
-    if (Result r = leadingEntry(dir, *entry); !r) return r;
+    if (Result r = leadingEntry(dir, *entry); !r) return failedAt(dir.path + "/" + entry->d_name, r);
   }
 }
 
@@ -320,7 +322,7 @@ Result CommonWalk::leadingEntry(CommonDir &dir, const kest_direntx64_t &entry) {
     if (settings.Verb) traceLog("Skip shareDir. Path %s\n", dir.path.c_str());
     return {};
   }
-  if (isJunction(dir.path, entry)) return unlinkJunction(dir.path).at(kUnlinkJunction);
+  if (isJunction(dir.path, entry)) return settleNested(dir.path, ino).at(kUnlinkJunction);
   if (isDirEntry(entry)) return directory(dir, ino);
   // Without an item the object is unchanged or belongs to another pass, however many names it has.
   DiffItem *item = inPassRange(ino) ? findItem(ino) : nullptr;

@@ -100,7 +100,7 @@ Result removeBelow(const Dir &dir, std::string &path, dev_t device) {
 
 struct Aside {
   std::string path;
-  uint64_t ino = 0;
+  uint64_t ino = 0;    // or the number of a nested fileset
   Result result = {};  // why it could not be put back
 };
 
@@ -133,6 +133,15 @@ Result findAside(const std::string &work_dir, std::vector<Aside> *found) {
   }
 }
 
+bool isFileset(const Aside &aside) {
+  return aside.path == filesetLocation(aside.ino);
+}
+
+Result recordedPlace(const Aside &aside, std::string *destination) {
+  return isFileset(aside) ? readFilesetDestination(aside.ino, destination)
+                          : readDestination(aside.ino, destination);
+}
+
 Result putBack(const Aside &aside) {
   // The deletion of a clone was decided before it was moved aside: it goes, and its space with it.
   if (aside.path == cloneDeleteLocation(aside.ino)) {
@@ -141,8 +150,9 @@ Result putBack(const Aside &aside) {
     return removed;
   }
   std::string destination;
-  if (Result r = readDestination(aside.ino, &destination); !r) return r;
-  const Result moved = renameBack(aside.path, destination);
+  if (Result r = recordedPlace(aside, &destination); !r) return r;
+  const Result moved = isFileset(aside) ? moveFilesetHome(aside.path, destination, aside.ino)
+                                        : renameBack(aside.path, destination);
   traceLog("cleanup: put back %s as %s, err %d\n", aside.path.c_str(), destination.c_str(), moved.err);
   return moved;
 }
@@ -150,7 +160,7 @@ Result putBack(const Aside &aside) {
 void nameKept(const std::vector<Aside> &aside, const std::string &work_dir) {
   for (size_t i = 0; i < aside.size() && i < kNamedAside; ++i) {
     std::string destination;
-    if (!readDestination(aside[i].ino, &destination)) destination = "?";
+    if (!recordedPlace(aside[i], &destination)) destination = "?";
     userMessage(Message::kKeptAside, aside[i].path, destination, strerror(aside[i].result.err));
   }
   userMessage(Message::kWorkDirKept, work_dir, static_cast<int64_t>(aside.size()));

@@ -1,6 +1,7 @@
 #include "restore/fileset_services.h"
 
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <memory>
@@ -29,14 +30,17 @@ Result askFileSystem(const std::string &command, std::string *output, int *statu
   return runCommandOutput(command, output, status);
 }
 
-Result fileSystemControl(const std::string &command, Message cannot_start) {
+// Runs "ktfsctl <device> <word>", whose messages go to standard error.
+Result fileSystemControl(const std::string &command, const char *label, Message cannot_start) {
   if (Result r = checkCommand(command); !r) return r;
   int status = 0;
   if (Result r = runCommand(command, &status); !r) {
     printMessage(cannot_start);
     return failed(0, r.err);
   }
-  return {.rc = status == kAlreadyDone ? 0 : status};
+  if (status == 0 || status == kAlreadyDone) return {};
+  userMessage(Message::kCommandEnded, label, status);
+  return {.rc = status};
 }
 
 Result writeSnapshotList(const std::string &text) {
@@ -64,15 +68,23 @@ bool isLocalFileset(std::string_view listing) {
 }
 
 Result checkFilesetType() {
-  const std::string command = "exec /usr/qtx/kest/bin/ktlsfileset " + shellWord(settings.deviceP) +
-                              " " + filesetWord() + " -Y 2>/dev/null";
+  const std::string command =
+      "exec /usr/qtx/kest/bin/ktlsfileset " + shellWord(settings.deviceP) + " " + filesetWord() + " -Y";
   std::string output;
   int status = 0;
-  if (Result r = askFileSystem(command, &output, &status); !r) {
-    userMessage(Message::kFilesetCheckFailed, settings.filesetP);
-    return failed(0, r.err);
+  const Result asked = askFileSystem(command, &output, &status);
+  if (asked && status == 0 && !output.empty()) {
+    if (isLocalFileset(output)) return {};
+    userMessage(Message::kRemoteCaching);
+    return {.rc = kRemoteFileset};
   }
-  return {.rc = isLocalFileset(output) ? 0 : kRemoteFileset};
+  userMessage(Message::kFilesetCheckFailed, settings.filesetP);
+  if (asked) {
+    userMessage(Message::kCommandEnded, "ktlsfileset", status);
+  } else {
+    userMessage(Message::kFileError, "ktlsfileset", strerror(asked.err));
+  }
+  return failed(0, asked ? EIO : asked.err);
 }
 
 void listSnapshots() {
@@ -94,10 +106,9 @@ Result syncFileset() {
   if (Result r = called(chdir("/")); !r) return r;
   const std::string device = shellWord(settings.deviceP);
   const Result suspended =
-      fileSystemControl("cd /;exec /usr/qtx/kest/bin/ktfsctl " + device + " suspend > /dev/null 2>&1",
-                        Message::kNoSuspendProcess);
+      fileSystemControl("cd /;exec /usr/qtx/kest/bin/ktfsctl " + device + " suspend > /dev/null",
+                        "ktfsctl suspend", Message::kNoSuspendProcess);
   if (!suspended) return suspended;
-  return fileSystemControl(
-      "cd /; exec /usr/qtx/kest/bin/ktfsctl " + device + " resume > /dev/null 2>&1",
-      Message::kNoResumeProcess);
+  return fileSystemControl("cd /; exec /usr/qtx/kest/bin/ktfsctl " + device + " resume > /dev/null",
+                           "ktfsctl resume", Message::kNoResumeProcess);
 }

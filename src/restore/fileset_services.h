@@ -5,8 +5,8 @@
 
 #include "base/result.h"
 
-// Whether the fileset may be restored. rc of a failure is 1 for one of the remote-caching kind (or when
-// the answer cannot be read), -1, after a message, when the command cannot be started.
+// Whether the fileset may be restored. rc of a failure, after a message, is 1 for one of the
+// remote-caching kind, -1 where that could not be found out.
 Result checkFilesetType();
 
 // Whether the listing of one fileset (a line of titles, a line of fields) says that nothing caches it.

@@ -1,5 +1,7 @@
 #include "restore/late_lists.h"
 
+#include <string.h>
+
 #include <algorithm>
 #include <charconv>
 #include <functional>
@@ -12,6 +14,7 @@
 #include "formats/list_record.h"
 #include "messages/messages.h"
 #include "object/move_file.h"
+#include "object/places.h"
 #include "records/side_lists.h"
 #include "run/settings.h"
 #include "run/stop_signal.h"
@@ -161,6 +164,9 @@ Result doFinalDirMove() {
     if (Result r = moveFile(waiting, ino, kPhaseDirs, nullptr, false); !r) {
       traceLog("doFinalDirMove: move %s failed, ino %lld\n", waiting.c_str(),
                static_cast<long long>(ino));
+      std::string destination;
+      if (!readDestination(ino, &destination)) destination = waiting;
+      userMessage(Message::kObjectFailed, destination, strerror(r.reason()));
       return r;
     }
   }

@@ -8,7 +8,10 @@
 #include "messages/messages.h"
 #include "object/attr_restore.h"
 #include "object/paths.h"
+#include "plan/former_places.h"
+#include "plan/nested.h"
 #include "plan/walk.h"
+#include "plan/walk_failure.h"
 #include "policy/command_lines.h"
 #include "records/aggregate.h"
 #include "restore/clean_up.h"
@@ -34,6 +37,7 @@ Result prepareTable(const char *argv0, uint64_t item_limit) {
   if (mem == 0) {
     if (Result r = setMaxMemUsage(&mem); !r) {
       userMessage(Message::kNoMemoryLimit, basename(argv0));
+      userMessage(Message::kFileError, "/proc/meminfo", strerror(r.err));
       return r;
     }
   }
@@ -54,6 +58,8 @@ Result constructLists(MasterLists &lists) {
   userMessage(Message::kConstruct, formatTimeStamp());
   if (Result r = lists.openForPass(); !r) return r;
   if (Result r = walkNames(lists); !r) {
+    // A signal and a path too long have messages of their own.
+    if (stopSignal() == 0 && !settings.path2long) tellWalkFailure(handles.rootPath, r);
     userMessage(Message::kConstructFailed);
     dumpDiffTable();
     return byReason(r);
@@ -65,7 +71,10 @@ Result constructLists(MasterLists &lists) {
 
 Result runPass(MasterLists &lists) {
   ++settings.pass;
-  if (Result r = scanPass(); !r) return r;
+  if (Result r = scanPass(); !r) {
+    userMessage(Message::kComparisonFailed, settings.filesetP, strerror(r.reason()));
+    return r;
+  }
   if (Result r = constructLists(lists); !r) return r;
   reportOpCount(true);
   if (settings.Verb) dumpDiffTable();
@@ -76,6 +85,7 @@ Result runPass(MasterLists &lists) {
   const Result made = checkpoints.empty() ? errnoResult(ENAMETOOLONG) : makeWorkDirectory(checkpoints);
   if (!made) {
     userMessage(Message::kNoCheckpointDir);
+    userMessage(Message::kFileError, workPath(kCheckpointDir), strerror(made.err));
     return made;
   }
   return runPassPhases(lists);
@@ -101,9 +111,20 @@ Result runPassesAndPhases(MasterLists &lists) {
   settings.dirsSettled = true;
   if (Result r = moveDirectories(lists); !r) return r;
   if (Result r = runLatePhases(); !r) return r;
+  if (Result r = bringNestedHome(); !r) {
+    userMessage(Message::kMoveDirsFailed);
+    return byReason(r);
+  }
   if (Result r = settleDirectories(); !r) return r;
   userMessage(Message::kCompleted, formatTimeStamp());
   return {};
+}
+
+// A path cut in the middle for a message.
+std::string shortened(const std::string &path) {
+  constexpr size_t kBegin = 300, kEnd = 150;  // bytes that stay
+  if (path.size() <= kBegin + kEnd) return path;
+  return path.substr(0, kBegin) + "..." + path.substr(path.size() - kEnd);
 }
 
 bool isFull(int rc) {
@@ -165,6 +186,8 @@ Result endRun(Result result, bool worthless, Result *tidied) {
   bool force = false;
   if (settings.path2long) {
     userMessage(Message::kPathTooLong);
+    const std::string path = formerPath(settings.longPath);
+    userMessage(Message::kPathTooLongWhere, static_cast<int64_t>(path.size()), shortened(path));
     worthless = force = true;
   }
   if (isFull(result.rc) || isFull(marker)) {

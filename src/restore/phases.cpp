@@ -1,5 +1,6 @@
 #include "restore/phases.h"
 
+#include <string.h>
 #include <sys/stat.h>
 
 #include <optional>
@@ -43,6 +44,7 @@ Result runPhase(const PhaseList &list) {
 
 Result failPhase(const PhaseList &list, int err) {
   traceLog("Main: list %s, err %d\n", list.name.c_str(), err);
+  userMessage(Message::kListFailed, list.name, strerror(err));
   userMessage(list.failure);
   return failedErrno(0, err);
 }

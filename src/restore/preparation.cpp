@@ -89,10 +89,7 @@ Result prepareMaster() {
   }
   if (Result r = lockFileset(); !r) return r;
   if (Result r = selfCheck(); !r) return r;
-  if (Result r = checkFilesetType(); !r) {
-    userMessage(Message::kRemoteCaching);
-    return r;
-  }
+  if (Result r = checkFilesetType(); !r) return r;
   if (stopSignal() != 0) {
     userMessage(Message::kStoppedBefore, strsignal(stopSignal()), settings.filesetP);
     return errnoResult(EINTR);

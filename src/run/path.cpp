@@ -4,6 +4,7 @@
 
 bool appendPath(std::string &dir, std::string_view name) {
   if (dir.size() + name.size() + 3 >= kPathMax) {
+    if (!settings.path2long) settings.longPath = dir + "/" + std::string(name);
     settings.path2long = true;
     return false;
   }

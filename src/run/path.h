@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
-// Appends "/" and `name` in place; false, with `dir` unchanged and path2long set, when the lengths
-// plus 3 are not below 4096.
+// Appends "/" and `name` in place; false, with `dir` unchanged and path2long and longPath set, when the
+// lengths plus 3 are not below 4096.
 bool appendPath(std::string &dir, std::string_view name);
 
 // Cuts the last component: a trailing "/" alone, else from the last "/" on, never a "/" at the start.

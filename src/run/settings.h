@@ -46,6 +46,7 @@ struct Settings {
   int32_t pass = 0;          // scan pass, from 1
   std::string shareDir;      // path of the work directory; empty in comparisons
   bool path2long = false;    // a path would have reached 4096 bytes
+  std::string longPath;      // the first one that would have
   bool dirsSettled = false;  // master: the final directory move has begun
 
   int32_t threads = 36;      // -m

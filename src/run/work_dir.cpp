@@ -43,6 +43,12 @@ std::string destinationFile(uint64_t ino) {
 std::string newParentFile(uint64_t ino) {
   return workPath(newParentName(ino));
 }
+std::string filesetLocation(uint64_t id) {
+  return workPath(filesetLocationName(id));
+}
+std::string filesetDestination(uint64_t id) {
+  return workPath(filesetDestinationName(id));
+}
 std::string dirSet(uint64_t ino, bool deleted) {
   return workPath(dirSetName(ino, deleted));
 }

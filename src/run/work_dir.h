@@ -35,6 +35,8 @@ std::string tempLocation(uint64_t ino);  // where a moved-away object waits
 std::string cloneDeleteLocation(uint64_t ino);
 std::string destinationFile(uint64_t ino);  // tells where it must end up
 std::string newParentFile(uint64_t ino);
+std::string filesetLocation(uint64_t id);     // where a nested fileset waits
+std::string filesetDestination(uint64_t id);  // tells where it must end up
 std::string dirSet(uint64_t ino, bool deleted);
 std::string dirSetList(uint64_t ino, bool deleted, int depth);
 std::string dirSetMoveList(uint64_t ino, bool deleted, int depth);

@@ -141,7 +141,7 @@ Result removeFailed(const std::string &path, int err) {
 Result removeJunction(const std::string &path, int err) {
   bool junction = false;
   if (!checkJunction(path, &junction) || !junction) return removeFailed(path, err);
-  if (Result r = unlinkJunction(path); !r) return failed(kUnlinkJunction, r.err);
+  if (Result r = unlinkJunction(path, path); !r) return failed(kUnlinkJunction, r.err);
   struct stat st;
   if (Result r = statPath(path, &st); !r && r.err == ENOENT) return {};
   const Result stub = removeEmptyDir(path, 0);  // what the nested fileset leaves at its path

@@ -1,11 +1,12 @@
-// Nested subvolumes: what the snapshot does not know goes to .unlinked with all its data, what stood
-// where it stands is left alone, and nothing of either is ever lost.
+// Nested subvolumes: what the snapshot does not know goes to .unlinked with all its data, what it knows
+// elsewhere goes home, what stood where it stands is left alone, and nothing of any is ever lost.
 #include <fcntl.h>
 #include <linux/btrfs.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 
 #include <filesystem>
+#include <map>
 
 #include "scenario/restore_fixture.h"
 #include "support/descriptor.h"
@@ -152,6 +153,10 @@ TEST_F(Junctions, MadeSinceGoAsideWithAllTheirData) {
 
   RunResult result = expectEqual();
   for (const Nested &one : all) expectUnlinked(one, result);
+  // Places are told as they were, not as the run had set them aside.
+  for (const char *place : {"/stays/moved/sub/inMoved is", "/other name/before is"})
+    EXPECT_NE(result.err.find(root() + place), std::string::npos) << place << "\n" << result.err;
+  EXPECT_EQ(result.err.find("RestoreTemp"), std::string::npos) << result.err;
   const std::string within = fs().path(all.back().kept() + "/nested");
   EXPECT_EQ(joined(compare(inner.contents, fingerprint(within))), "");
   EXPECT_EQ(subvolumeId(within), inner.id);
@@ -179,32 +184,65 @@ TEST_F(Junctions, StoodThereAreLeftAlone) {
   EXPECT_EQ(result.err.find(".unlinked"), std::string::npos) << result.err;
 }
 
-TEST_F(Junctions, MovedSinceGoAsideAndDeletedAreSkipped) {
-  for (const char *dir : {"a", "b", "d/e"}) tree().dirs(dir);
-  for (const char *path : {"a/renamed", "a/moved", "a/parted", "d/e/gone", "d/replaced", "gone"})
+TEST_F(Junctions, MovedSinceGoHomeAndDeletedAreSkipped) {
+  for (const char *dir : {"a", "b", "d/e", "old/deep"}) tree().dirs(dir);
+  for (const char *path : {"a/renamed", "a/moved", "a/parted", "a/one", "b/other", "d/e/gone",
+                           "d/e/out", "d/replaced", "d/covered", "gone", "old/deep/along"})
     make(path);
+  make("a/readonly", true);
   takeSnapshot();
   tree().rename("a/renamed", "a/otherwise");
   tree().rename("a/moved", "b/moved");
   tree().file("a/moved", "another thing in its place");
+  tree().exchange("a/one", "b/other");
+  tree().rename("a/readonly", "a/still readonly");
+  // A plain directory in the way is a new directory.
+  tree().rename("d/covered", "b/covered");
+  tree().dir("d/covered");
+  tree().file("d/covered/file", "goes");
   // The same name in a directory of the same name, which is another directory.
   tree().rename("a", "formerly");
   tree().dirs("a");
   tree().rename("formerly/parted", "a/parted");
+  tree().rename("old", "formerly/new");
+  tree().rename("formerly/new/deep/along", "along");
   for (const char *path : {"d/e/gone", "d/replaced", "gone"})
     fs().destroySubvolume(fileset() + "/" + path);
   tree().file("d/replaced", "a file");
+  tree().dirs("fresh/dir");
+  tree().rename("d/e/out", "fresh/dir/out");
   tree().removeTree("d/e");
   tree().dirs("gone/new");
+  tree().immutable("b");
+  tree().immutable("formerly/otherwise");
 
-  std::vector<Nested> all;
-  for (const char *path : {"formerly/otherwise", "b/moved", "a/parted"}) all.push_back(remember(path));
+  std::map<std::string, Nested> all;  // by their homes
+  for (const auto &[now, home] :
+       std::map<std::string, std::string>{{"formerly/otherwise", "a/renamed"},
+                                          {"b/moved", "a/moved"},
+                                          {"a/parted", "a/parted"},
+                                          {"formerly/one", "b/other"},
+                                          {"b/other", "a/one"},
+                                          {"formerly/still readonly", "a/readonly"},
+                                          {"b/covered", "d/covered"},
+                                          {"along", "old/deep/along"},
+                                          {"fresh/dir/out", "d/e/out"}})
+    all.emplace(home, remember(now));
+  const std::vector<std::string> compare{fs().mountPoint(), "-j", fileset(), "-o", snapshotName()};
+  const testsupport::RunOptions comparison{.program = "/usr/qtx/kest/bin/fsetcompare"};
+  EXPECT_NE(testsupport::runProgram(compare, comparison).out.find("moved\ta/one\tb/other\n"),
+            std::string::npos);
   RunResult result = expectEqual();
-  for (const Nested &one : all) expectUnlinked(one, result);
+  for (auto &[home, nested] : all) {
+    nested.path = home;
+    expectUntouched(nested, result);
+  }
+  EXPECT_EQ(result.err.find("nlinked"), std::string::npos) << result.err;
+  EXPECT_EQ(testsupport::runProgram(compare, comparison).exitStatus, 0);
 }
 
 // The directory is gone, and its inode number is given again to one of the same name.
-TEST_F(Junctions, InADirectoryThatOnlyHasTheNumberGoesAside) {
+TEST_F(Junctions, InADirectoryThatOnlyHasTheNumberGoesHome) {
   tree().dir("d");
   make("d/nested");
   takeSnapshot();
@@ -216,7 +254,7 @@ TEST_F(Junctions, InADirectoryThatOnlyHasTheNumberGoesAside) {
   ASSERT_EQ(tree().inode("d"), number) << "the kernel gave no number twice";
   tree().rename("nested", "d/nested");
   Nested nested = remember("d/nested");
-  expectUnlinked(nested, expectEqual());
+  expectUntouched(nested, expectEqual());
 }
 
 // Of the fileset as well as of the snapshots kept in it.
@@ -248,6 +286,22 @@ TEST_F(Junctions, SnapshotsInTheFilesetStay) {
   EXPECT_EQ(result.err.find(".unlinked"), std::string::npos) << result.err;
 }
 
+// A folder .snapshots without any is a directory like others.
+TEST_F(Junctions, FolderWithoutSnapshotsIsRestored) {
+  tree().dirs(".snapshots/mine");
+  tree().file(".snapshots/mine/file", "text");
+  make(".snapshots/nested");
+  takeSnapshot();
+  tree().append(".snapshots/mine/file", "more");
+  tree().file(".snapshots/new");
+  const RunResult compared =
+      testsupport::runProgram({fs().mountPoint(), "-j", fileset(), "-o", snapshotName()},
+                              {.program = "/usr/qtx/kest/bin/fsetcompare"});
+  EXPECT_NE(compared.out.find("extra\t.snapshots/new\t"), std::string::npos) << compared.out;
+  const Nested nested = remember(".snapshots/nested");
+  expectUntouched(nested, expectEqual());
+}
+
 TEST_F(Junctions, FailingUnlinkFailsTheRunAndLosesNothing) {
   tree().dirs("d");
   tree().file("d/f", "text");
@@ -265,6 +319,15 @@ TEST_F(Junctions, FailingUnlinkFailsTheRunAndLosesNothing) {
   EXPECT_NE(failed.err.find("Failed to unlink the nested fileset at"), std::string::npos) << failed.err;
   expectUntouched(nested, failed);
   expectUntouched(other, failed);
+  // A user's file has the name of the folder.
+  std::filesystem::remove(fs().path(".unlinked"));
+  TreeBuilder(fs().mountPoint()).file(".unlinked", "a user's");
+  failed = restore();
+  EXPECT_EQ(failed.exitStatus, 1) << failed.describe();
+  EXPECT_NE(failed.err.find(".unlinked at the top of the file system: Not a directory"),
+            std::string::npos)
+      << failed.err;
+  TreeBuilder(fs().mountPoint()).remove(".unlinked");
   RunResult result = expectEqual();
   expectUnlinked(nested, result);
   expectUnlinked(other, result);

@@ -50,7 +50,7 @@ TEST_F(Paths, FlagsOfAnEntryMakeItAJunction) {
 
 TEST_F(Paths, CommandThatWouldBeCutOffIsNotRun) {
   testing::internal::CaptureStderr();
-  EXPECT_EQ(unlinkJunction("/fs/" + std::string(2040, 'x')).err, ENAMETOOLONG);
+  EXPECT_EQ(unlinkJunction("/fs/" + std::string(2040, 'x'), "/fs").err, ENAMETOOLONG);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("is not run"), std::string::npos);
 }
 
