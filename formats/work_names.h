@@ -24,6 +24,7 @@ inline constexpr char kErrorLog[] = "ErrorLog";
 inline constexpr char kFatalError[] = "fatal.error";
 inline constexpr char kSnapList[] = "snapList";
 inline constexpr char kDiffTable[] = "diffTable";
+inline constexpr char kRoom[] = "room";
 
 // A list that is being rewritten without its done records, and the list as it was.
 std::string rewrittenList(std::string_view list);  // <list>.tmp

@@ -2,6 +2,7 @@
 // alone, two or three bytes each.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -42,6 +43,7 @@ class DifferenceSet {
   void setTwins(SortedPairs twins) { twins_ = std::move(twins); }
   void setJunctions(std::vector<Junction> junctions);
 
+  size_t size() const { return inodes_.size(); }
   DiffInode find(uint64_t ino) const;
   DiffInode firstFrom(uint64_t ino) const;  // the next one by number; ino 0: none
   // Whether something in the active directory `dir` differs or leads to a difference.

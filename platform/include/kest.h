@@ -194,6 +194,9 @@ typedef struct kest_change {
 } kest_change_t;
 int kest_ichange(kest_iscan_t *scan, uint64_t ino, kest_change_t *change);
 
+/* How many inodes differ, as it was when the difference was computed. -1: errno. */
+int64_t kest_difference_size(kest_iscan_t *scan);
+
 /* Where a walk over the active fileset has to go: 1 when the active inode itself, or anything below it,
  * is in the difference, or a junction lies below it, as it was when the difference was computed; else
  * 0. -1: errno. */

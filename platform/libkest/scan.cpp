@@ -129,6 +129,17 @@ int kest_twin(kest_iscan_t *scan, uint64_t ino, uint64_t *active) {
   });
 }
 
+int64_t kest_difference_size(kest_iscan_t *scan) {
+  int64_t size = 0;
+  const int rc = cCall([&] {
+    Difference *difference;
+    if (int failed = differenceOf(scan, &difference); failed < 0) return failed;
+    size = static_cast<int64_t>(difference->set().size());
+    return 0;
+  });
+  return rc < 0 ? rc : size;
+}
+
 int kest_leads_to_change(kest_iscan_t *scan, uint64_t ino) {
   return cCall([&] {
     Difference *difference;

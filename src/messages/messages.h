@@ -93,6 +93,7 @@ enum class Message : int {
   kFewDescriptors,
   kComparisonFailed,
   kListFailed,
+  kRoomMade,
   kUnlinked,
   kUnlinkedFromHome,
   kUnlinkFailed,
@@ -241,6 +242,9 @@ inline constexpr MessageText kMessages[] = {
      "was changed.\n"},
     {Message::kComparisonFailed, 0, 0, "Cannot compare the fileset %s with its snapshot: %s.\n"},
     {Message::kListFailed, 0, 0, "Cannot work off the list %s: %s.\n"},
+    {Message::kRoomMade, 0, 0,
+     "There was no room for the lists of the restore: %lld files that the snapshot does not have, %lld "
+     "bytes, were removed first.\n"},
     {Message::kUnlinked, 0, 0,
      "The nested fileset at %s is not in the snapshot. It was unlinked; all its data is at %s.\n"},
     {Message::kUnlinkedFromHome, 0, 0,

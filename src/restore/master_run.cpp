@@ -17,6 +17,7 @@
 #include "restore/clean_up.h"
 #include "restore/fileset_services.h"
 #include "restore/late_lists.h"
+#include "restore/make_room.h"
 #include "restore/memory_budget.h"
 #include "restore/phases.h"
 #include "restore/preparation.h"
@@ -72,7 +73,8 @@ Result constructLists(MasterLists &lists) {
 Result runPass(MasterLists &lists) {
   ++settings.pass;
   if (Result r = scanPass(); !r) {
-    userMessage(Message::kComparisonFailed, settings.filesetP, strerror(r.reason()));
+    if (stopSignal() == 0)
+      userMessage(Message::kComparisonFailed, settings.filesetP, strerror(r.reason()));
     return r;
   }
   if (Result r = constructLists(lists); !r) return r;
@@ -127,10 +129,6 @@ std::string shortened(const std::string &path) {
   return path.substr(0, kBegin) + "..." + path.substr(path.size() - kEnd);
 }
 
-bool isFull(int rc) {
-  return rc == ENOSPC || rc == EDQUOT;
-}
-
 // Removes the work directory where it can go; it is missing when the run ended before it was made.
 Result tidyUp(bool worthless, bool force) {
   struct stat st;
@@ -169,7 +167,8 @@ Result restoreFileset(int argc, char **argv, uint64_t item_limit, MasterLists &l
   }
   if (Result r = checkCommandLines(); !r) return r;
   userMessage(Message::kScan, formatTimeStamp());
-  if (Result r = mountCheck(); !r) return r;
+  if (Result r = mountCheck(handles.iscanP); !r) return r;
+  if (Result r = makeRoomForLists(); !r) return r;
   *worthless = false;
   return runPassesAndPhases(lists);
 }

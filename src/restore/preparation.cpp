@@ -12,6 +12,7 @@
 #include "object/flags.h"
 #include "object/paths.h"
 #include "restore/fileset_services.h"
+#include "restore/make_room.h"
 #include "restore/start_checks.h"
 #include "run/open_run.h"
 #include "run/path.h"
@@ -40,8 +41,10 @@ bool runsInsideFileset() {
 Result clearRootFlags() {
   UniqueFd root;
   if (Result r = openObject(handles.rootPath, &root); !r) return r;
-  if (Result r = getInodeFlags(root.get(), &rootFlags); !r) return r;
-  if (!rootFlags.immutable && !rootFlags.appendOnly) return {};
+  InodeFlags now;
+  if (Result r = getInodeFlags(root.get(), &now); !r) return r;
+  if (!now.immutable && !now.appendOnly) return {};
+  rootFlags = now;  // not those of an attempt that came after the one that cleared them
   return clearInodeFlags(root.get());
 }
 
@@ -71,6 +74,8 @@ Result makeTopDirectory() {
       settings.shareDir = path;
       return holdNewWorkDirectory();
     }
+    // Where there is no room, its mode may be what could not be set any more.
+    if (isFull(made.err)) (void)kest_rmdir(handles.activeFsP, path.c_str(), 0);
     if (made.err != EEXIST) return made;
   }
   return errnoResult(EEXIST);
@@ -94,9 +99,11 @@ Result prepareMaster() {
     userMessage(Message::kStoppedBefore, strsignal(stopSignal()), settings.filesetP);
     return errnoResult(EINTR);
   }
-  const Result made = makeTopDirectory();
+  Result made = makeTopDirectory();
+  if (isFull(made.err)) made = makeRoom(makeTopDirectory);
   if (!made) {
     userMessage(Message::kNoWorkDir, strerror(made.err));
+    if (isFull(made.err)) userMessage(Message::kNoSpace);
     putBackRootFlags();
   }
   return made;

@@ -105,10 +105,9 @@ Result selfCheck() {
   return {};
 }
 
-Result mountCheck() {
+Result mountCheck(kest_iscan_t *scan) {
   char point[kPathMax];
-  const int found =
-      kest_mount_in_the_way(handles.activeFsP, handles.oldFsP, handles.iscanP, point, sizeof point);
+  const int found = kest_mount_in_the_way(handles.activeFsP, handles.oldFsP, scan, point, sizeof point);
   if (found == 0) return {};
   if (found < 0) {
     const Result result = failedErrno(0);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/result.h"
+#include "kest.h"
 
 // Takes the lock on the root directory of the active fileset (handles.rootPath), the same through every
 // mount of the file system, so that one restore of a fileset runs at a time. Every command of the run
@@ -15,6 +16,6 @@ Result lockFileset();
 // warning. rc of a failure is an errno, after a message.
 Result selfCheck();
 
-// Nothing may be mounted on what the restore would have to touch. Once the scans are open; computes the
-// difference. rc of a failure is an errno, after a message.
-Result mountCheck();
+// Nothing may be mounted on what the restore would have to touch. Computes the difference of `scan`. rc
+// of a failure is an errno, after a message.
+Result mountCheck(kest_iscan_t *scan);

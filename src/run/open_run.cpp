@@ -65,6 +65,14 @@ Result readSnapId(kest_fssnap_handle_t *tree, const std::string &name, kest_snap
   return result;
 }
 
+Result openDifference(kest_snapid_t snap_id, uint64_t *max_ino) {
+  handles.iscanP = kest_open_inodescan64(handles.activeFsP, &snap_id, max_ino);
+  if (handles.iscanP) return {};
+  const Result result = failedErrno(0);
+  userMessage(Message::kNoDiffScan, strerror(result.err));
+  return result;
+}
+
 Result openScans(uint64_t *max_ino) {
   kest_snapid_t snap_id = 0, active_id = 0;
   if (Result r = readSnapId(handles.oldFsP, settings.snapOldP, &snap_id); !r) return r;
@@ -76,13 +84,7 @@ Result openScans(uint64_t *max_ino) {
     return result;
   }
   // Looking for the largest number takes longer than all else here, and only the master scans.
-  handles.iscanP = kest_open_inodescan64(handles.activeFsP, &snap_id, max_ino);
-  if (!handles.iscanP) {
-    const Result result = failedErrno(0);
-    userMessage(Message::kNoDiffScan, strerror(result.err));
-    return result;
-  }
-  return {};
+  return openDifference(snap_id, max_ino);
 }
 
 Result openAll(const MasterSteps *master, Opened *failure) {
@@ -113,6 +115,13 @@ Opened openRun(const MasterSteps *master, Result *result) {
   Opened failure = Opened::kRelease;
   *result = openAll(master, &failure);
   return *result ? Opened::kReady : failure;
+}
+
+Result renewDifference() {
+  kest_snapid_t snap_id = 0;
+  if (Result r = readSnapId(handles.oldFsP, settings.snapOldP, &snap_id); !r) return r;
+  kest_close_inodescan(handles.iscanP);
+  return openDifference(snap_id, nullptr);
 }
 
 Result holdWorkDirectory() {

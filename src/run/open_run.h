@@ -26,6 +26,10 @@ struct MasterSteps {
 // a worker that cannot open its work directory.
 Opened openRun(const MasterSteps *master, Result *result);
 
+// Opens the difference scan anew: it then shows the fileset as it is now. rc of a failure is the errno,
+// after a message. Master only.
+Result renewDifference();
+
 // Opens the work directory and lets the library reach everything in it through its descriptor, whatever
 // its path comes to mean. rc of a failure is the errno. Master and workers.
 Result holdWorkDirectory();

@@ -141,6 +141,7 @@ WRAP(int, kest_stat_inode64, (kest_iscan_t * s, uint64_t i, uint64_t t, const ke
      t, a)
 WRAP(int, kest_idifference, (kest_iscan_t * s, uint64_t i), s, i)
 WRAP(int, kest_twin, (kest_iscan_t * s, uint64_t i, uint64_t *t), s, i, t)
+WRAP(int64_t, kest_difference_size, (kest_iscan_t * s), s)
 WRAP(int, kest_junction_home, (kest_iscan_t * s, uint64_t i, uint64_t *d, char *n), s, i, d, n)
 WRAP(int, kest_leads_to_change, (kest_iscan_t * s, uint64_t i), s, i)
 WRAP(kest_ifile_t *, kest_iopen64, (Handle h, uint64_t i, int f, const void *a, const char *l), h, i, f,

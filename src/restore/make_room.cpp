@@ -1,0 +1,177 @@
+#include "restore/make_room.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "base/fd_path.h"
+#include "base/unique_fd.h"
+#include "messages/messages.h"
+#include "object/inode_paths.h"
+#include "object/paths.h"
+#include "restore/start_checks.h"
+#include "run/open_run.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/stop_signal.h"
+#include "run/trace_log.h"
+#include "run/work_dir.h"
+
+namespace {
+
+// Bytes that lists and trace log take, generously: for every inode that differs, and in any case.
+constexpr uint64_t kBytesAnInode = 1024, kBytesAtLeast = 8 << 20;
+
+struct Candidate {
+  int64_t size = 0;
+  uint64_t ino = 0;
+};
+
+struct Removed {
+  int64_t files = 0, bytes = 0;
+};
+
+// *file is filled in, and its number not 0, where the inode may go.
+Result lookAt(kest_iscan_t *scan, uint64_t ino, Candidate *file) {
+  const int bits = kest_idifference(scan, ino);
+  if (bits < 0) return failedErrno(0);
+  const bool new_file = (bits & KEST_DI_ACTIVE) != 0 &&
+                        ((bits & KEST_DI_SNAPSHOT) == 0 || (bits & KEST_DI_REPLACED) != 0);
+  if (!new_file || (bits & (KEST_DI_DIR | KEST_DI_LINKED)) != 0) return {};
+  const kest_iattr64_t *attr = nullptr;
+  if (Result r = called(kest_stat_inode64(scan, ino, ino + 1, &attr)); !r) return r;
+  if (attr && isRegular(attr->ia_mode) && attr->ia_nlink == 1) *file = {attr->ia_size, ino};
+  return {};
+}
+
+// The files that may go, the largest first.
+Result findCandidates(kest_iscan_t *scan, uint64_t max_ino, std::vector<Candidate> *candidates) {
+  for (;;) {
+    if (stopSignal() != 0) return errnoResult(EINTR);
+    const kest_iattr64_t *attr = nullptr;
+    if (Result r = called(kest_next_inode64(scan, max_ino, &attr)); !r) return r;
+    if (!attr) break;
+    Candidate file;
+    if (Result r = lookAt(scan, attr->ia_inode, &file); !r) return r;
+    if (file.ino != 0) candidates->push_back(file);
+  }
+  std::stable_sort(candidates->begin(), candidates->end(),
+                   [](const Candidate &a, const Candidate &b) { return a.size > b.size; });
+  return {};
+}
+
+// A file that cannot go, because of a flag or of a mount, or since it has gone, is passed over: another
+// one may do.
+void removeOne(const Candidate &file, Removed *removed) {
+  std::vector<std::string> paths;
+  if (!findInodePaths(handles.activeFsP, file.ino, handles.rootPath, &paths) || paths.size() != 1)
+    return;
+  const std::string &path = paths.front();
+  if (inWorkDir(path)) return;
+  const Result r = called(kest_unlink(handles.activeFsP, path.c_str(), file.ino));
+  traceLog("makeRoom: removed %s, ino %lld, err %d\n", path.c_str(), static_cast<long long>(file.ino),
+           r.err);
+  if (!r) return;
+  ++removed->files;
+  removed->bytes += file.size;
+}
+
+// Space and quota of a removed file are free after a commit.
+Result commit() {
+  UniqueFd named;
+  if (Result r = openObject(handles.rootPath, &named); !r) return r;
+  const UniqueFd root(reopen(named.get(), O_RDONLY | O_DIRECTORY));
+  return root ? called(syncfs(root.get())) : failedErrno(0);
+}
+
+// Ever more files at a time: each commit costs as much as the removal of many small ones.
+Result removeUntil(const std::function<Result()> &attempt, const std::vector<Candidate> &files,
+                   Removed *removed) {
+  Result result = errnoResult(ENOSPC);
+  size_t done = 0;
+  for (size_t batch = 1; isFull(result.err) && done < files.size(); batch *= 2) {
+    const size_t end = std::min(done + batch, files.size());
+    for (; done < end; ++done) {
+      if (stopSignal() != 0) return errnoResult(EINTR);
+      removeOne(files[done], removed);
+    }
+    if (Result r = commit(); !r) return r;
+    result = attempt();
+  }
+  return result;
+}
+
+Result openOwnScan(InodeScan *scan, uint64_t *max_ino) {
+  kest_snapid_t snap_id = 0;
+  if (Result r = called(kest_get_fssnapid_from_fssnaphandle(handles.oldFsP, &snap_id)); !r) return r;
+  scan->reset(kest_open_inodescan64(handles.activeFsP, &snap_id, max_ino));
+  return *scan ? Result{} : failedErrno(0);
+}
+
+// Whether the work directory can take so many bytes.
+Result reserve(uint64_t bytes) {
+  kest_statfs64_t figures;
+  if (Result r = called(kest_statfs64(handles.rootPath.c_str(), &figures)); !r) return r;
+  if (figures.f_bavail < bytes / figures.f_bsize) return errnoResult(ENOSPC);
+  // A quota shows only when it is used.
+  const std::string path = workPath(kRoom);
+  UniqueFd fd;
+  Result result = openWorkFile(path, O_WRONLY | O_CREAT | O_TRUNC, &fd);
+  if (!result) return result;
+  result = errnoResult(posix_fallocate(fd.get(), 0, static_cast<off_t>(bytes)));
+  fd.reset();
+  const Result removed = unlinkWorkFile(path);
+  return result ? removed : result;
+}
+
+}  // namespace
+
+bool isFull(int err) {
+  return err == ENOSPC || err == EDQUOT;
+}
+
+Result makeRoom(const std::function<Result()> &attempt) {
+  InodeScan scan;
+  uint64_t max_ino = 0;
+  std::vector<Candidate> files;
+  Result found = openOwnScan(&scan, &max_ino);
+  if (found) {
+    if (Result r = mountCheck(scan.get()); !r) return r;
+    found = findCandidates(scan.get(), max_ino, &files);
+  }
+  if (!found) {
+    if (stopSignal() == 0)
+      userMessage(Message::kComparisonFailed, settings.filesetP, strerror(found.err));
+    return found;
+  }
+  Removed removed;
+  const Result result = removeUntil(attempt, files, &removed);
+  if (removed.files > 0) userMessage(Message::kRoomMade, removed.files, removed.bytes);
+  return result;
+}
+
+Result makeRoomForLists() {
+  const int64_t inodes = kest_difference_size(handles.iscanP);
+  if (inodes < 0) {
+    const Result result = failedErrno(0);
+    userMessage(Message::kComparisonFailed, settings.filesetP, strerror(result.err));
+    return result;
+  }
+  const uint64_t bytes = kBytesAtLeast + static_cast<uint64_t>(inodes) * kBytesAnInode;
+  Result result = reserve(bytes);
+  if (isFull(result.err)) {
+    result = makeRoom([bytes] { return reserve(bytes); });
+    // What was removed must not be listed.
+    if (Result r = renewDifference(); !r) return r;
+  }
+  if (result || isFull(result.err)) return {};
+  if (stopSignal() == 0) userMessage(Message::kFileError, workPath(kRoom), strerror(result.err));
+  return result;
+}
