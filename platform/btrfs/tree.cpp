@@ -12,6 +12,7 @@
 #include "btrfs/inode_compare.h"
 #include "btrfs/inode_names.h"
 #include "btrfs/inode_scan.h"
+#include "btrfs/metadata_room.h"
 #include "btrfs/relatives.h"
 #include "filesystem/error_text.h"
 
@@ -23,6 +24,10 @@ int BtrfsTree::isWritable() const {
   if ((figures.f_flag & ST_RDONLY) != 0) return 0;
   const int read_only = isReadOnly(root_.fd.get());
   return read_only < 0 ? read_only : !read_only;
+}
+
+int64_t BtrfsTree::metadataRoom() const {
+  return kest::metadataRoom(root_.fd.get());
 }
 
 int BtrfsTree::openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const {

@@ -15,6 +15,7 @@ class BtrfsTree : public Tree {
   uint64_t id() const override { return root_.subvol_id; }
   const std::string &path() const override { return root_.path; }
   int isWritable() const override;
+  int64_t metadataRoom() const override;
   int openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const override;
   int openSame(const Inode &other, std::unique_ptr<Inode> *inode) const override;
   int openNamed(const Directory &dir, const std::string &name,

@@ -226,6 +226,8 @@ class Tree {
   // Of the root directory, without a slash at its end; "/" is the root of the machine.
   virtual const std::string &path() const = 0;
   virtual int isWritable() const = 0;  // 1 or 0
+  // Bytes left for inodes, names and extents, besides the file system's own reserve.
+  virtual int64_t metadataRoom() const = 0;
 
   virtual int openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const = 0;
   // The inode of this tree that is the same file as `other`, an inode of a snapshot. A regular file is

@@ -112,6 +112,10 @@ int kest_is_writable(const kest_fssnap_handle_t *handle);
 /* File-system figures; f_bsize is 262144. -1: errno of statfs. */
 int kest_statfs64(const char *path, kest_statfs64_t *buf);
 
+/* Bytes that the file system still has for what it keeps about files (inodes, names, extents), besides
+ * its own reserve. -1: errno. */
+int64_t kest_metadata_room(const kest_fssnap_handle_t *handle);
+
 /* 1 when the entry `name` of the directory `path` is a quota file of the file system, which is never
  * restored. Always 0: btrfs keeps its quotas in a tree. */
 int kest_is_quota_file(const kest_fssnap_handle_t *handle, const char *path, const char *name);

@@ -92,6 +92,10 @@ int kest_statfs64(const char *path, kest_statfs64_t *buf) {
   });
 }
 
+int64_t kest_metadata_room(const kest_fssnap_handle_t *handle) {
+  return cCall([&] { return handle == nullptr ? int64_t{-EINVAL} : handle->tree->metadataRoom(); });
+}
+
 int kest_is_quota_file(const kest_fssnap_handle_t *, const char *, const char *) {
   return 0;
 }

@@ -28,6 +28,8 @@ namespace {
 
 // Bytes that lists and trace log take, generously: for every inode that differs, and in any case.
 constexpr uint64_t kBytesAnInode = 1024, kBytesAtLeast = 8 << 20;
+// What the steps of a few workers ask of the file system's trees at a time.
+constexpr int64_t kMetadataAtLeast = 8 << 20;
 
 struct Candidate {
   int64_t size = 0;
@@ -120,6 +122,9 @@ Result reserve(uint64_t bytes) {
   kest_statfs64_t figures;
   if (Result r = called(kest_statfs64(handles.rootPath.c_str(), &figures)); !r) return r;
   if (figures.f_bavail < bytes / figures.f_bsize) return errnoResult(ENOSPC);
+  const int64_t metadata = kest_metadata_room(handles.activeFsP);
+  if (metadata < 0) return failedErrno(0);
+  if (metadata < kMetadataAtLeast) return errnoResult(ENOSPC);
   // A quota shows only when it is used.
   const std::string path = workPath(kRoom);
   UniqueFd fd;
