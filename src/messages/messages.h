@@ -93,6 +93,7 @@ enum class Message : int {
   kFewDescriptors,
   kComparisonFailed,
   kListFailed,
+  kInodeFailed,
   kRoomMade,
   kUnlinked,
   kUnlinkedFromHome,
@@ -242,6 +243,7 @@ inline constexpr MessageText kMessages[] = {
      "was changed.\n"},
     {Message::kComparisonFailed, 0, 0, "Cannot compare the fileset %s with its snapshot: %s.\n"},
     {Message::kListFailed, 0, 0, "Cannot work off the list %s: %s.\n"},
+    {Message::kInodeFailed, 0, 0, "Cannot look at inode %lld: %s.\n"},
     {Message::kRoomMade, 0, 0,
      "There was no room for the lists of the restore: %lld files that the snapshot does not have, %lld "
      "bytes, were removed first.\n"},

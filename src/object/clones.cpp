@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <charconv>
 #include <cstring>
 #include <map>
@@ -171,6 +172,7 @@ Result openSnapshot(uint32_t id, SnapshotHandle *handle) {
 // must not end well.
 void parentUnknown(uint64_t ino, int err) {
   traceLog("clone parent %lld: cannot be looked for, err %d\n", static_cast<long long>(ino), err);
+  userMessage(Message::kInodeFailed, ino, strerror(err));
   setFatalError(err);
 }
 

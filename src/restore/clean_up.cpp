@@ -32,6 +32,7 @@ constexpr size_t kNamedAside = 20;  // objects left in the work directory that m
 
 Result failStep(const std::string &path, uint64_t ino, const Result &result) {
   userMessage(Message::kCleanUpStep, path, ino, result.rc, result.code, result.err);
+  if (result.err > 0) userMessage(Message::kFileError, path, strerror(result.err));
   return result;
 }
 

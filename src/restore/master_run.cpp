@@ -148,7 +148,9 @@ Result tidyUp(bool worthless, bool force) {
 // them.
 Result restoreRoot() {
   const Result result = restoreRootAttr();
-  if (!result) userMessage(Message::kRootAttrFailed, handles.rootPath, result.rc);
+  if (result) return {};
+  userMessage(Message::kRootAttrFailed, handles.rootPath, result.rc);
+  userMessage(Message::kFileError, handles.rootPath, strerror(result.reason()));
   return result;
 }
 

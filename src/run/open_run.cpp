@@ -28,8 +28,10 @@ Result readRootPaths() {
   const char *root = kest_get_pathname_from_fssnaphandle(handles.activeFsP);
   const char *snap_root = kest_get_pathname_from_fssnaphandle(handles.oldFsP);
   if (!root || !snap_root) {
+    const Result result = failed(0);
     userMessage(Message::kNoRootPath);
-    return failed(0);
+    userMessage(Message::kFileError, settings.filesetP, strerror(result.err));
+    return result;
   }
   handles.rootPath = root;
   handles.snapRootPath = snap_root;
@@ -51,6 +53,7 @@ Result readBlockSize() {
   kest_statfs64_t figures;
   if (Result r = called(kest_statfs64(handles.snapRootPath.c_str(), &figures)); !r) {
     userMessage(Message::kNoBlockSize, r.err);
+    userMessage(Message::kFileError, handles.snapRootPath, strerror(r.err));
     return r;
   }
   settings.fsBlockSize = static_cast<int32_t>(figures.f_bsize);

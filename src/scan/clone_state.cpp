@@ -2,7 +2,9 @@
 
 #include <sys/stat.h>
 #include <cerrno>
+#include <cstring>
 
+#include "messages/messages.h"
 #include "run/fatal_error.h"
 #include "run/trace_log.h"
 
@@ -37,6 +39,7 @@ Result isClone(kest_ifile_t *file, bool *clone, CloneAttr *attr, CloneSnapAttr *
     const Result r = failed(0);
     traceLog("isClone: get clone attr failed, ino %lld, errno %d\n",
              static_cast<long long>(file->if_inode), r.err);
+    userMessage(Message::kInodeFailed, file->if_inode, strerror(r.err));
     // A clone would be restored as an ordinary file: the run must not end well.
     setFatalError(r.err);
     return r;

@@ -1,7 +1,9 @@
 #include "scan/same_file.h"
 
 #include <cerrno>
+#include <cstring>
 
+#include "messages/messages.h"
 #include "run/fatal_error.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
@@ -95,9 +97,10 @@ Result needsRemaking(uint64_t ino, bool *remake) {
 
 namespace {
 
-bool linksUnknown(const char *call, int rc) {
+bool linksUnknown(const char *call, uint64_t ino, int rc) {
   const int err = errno;
   traceLog("%s return error, rc %d, errno %d\n", call, rc, err);
+  userMessage(Message::kInodeFailed, ino, strerror(err));
   // Its names would be restored as if each were a file of its own: the run must not end well.
   setFatalError(err);
   return false;
@@ -107,11 +110,11 @@ bool linksUnknown(const char *call, int rc) {
 
 bool isHardLinked(uint64_t ino) {
   const int bits = kest_idifference(handles.iscanP, ino);
-  if (bits < 0) return linksUnknown("checkActiveLink", bits);
+  if (bits < 0) return linksUnknown("checkActiveLink", ino, bits);
   if (bits > 0) return bits & KEST_DI_LINKED;
   // An inode that did not change has its names in the snapshot.
   const kest_iattr64_t *attr = nullptr;
   if (const int rc = kest_stat_inode64(handles.iscanFromP, ino, ino + 1, &attr); rc != 0)
-    return linksUnknown("checkSnapLink", rc);
+    return linksUnknown("checkSnapLink", ino, rc);
   return attr != nullptr && !isDirectory(attr->ia_mode) && attr->ia_nlink > 1;
 }

@@ -4,6 +4,7 @@
 // FAULTS_THOROUGH=1 in the environment: many errors of each call instead of one.
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <set>
 
 #include "faults/faults_fixture.h"
@@ -51,6 +52,8 @@ class FailingCalls : public Faults {
     }
     EXPECT_EQ(result.exitStatus, 1) << (equalsSnapshot() ? "equal\n" : "NOT EQUAL\n") << what();
     EXPECT_TRUE(hasMessage(result)) << what();
+    const char *reason = outcome == Outcome::kFails && fault.error != 0 ? strerror(fault.error) : "";
+    EXPECT_NE(result.err.find(reason), std::string::npos) << what();
     expectRepairedByNextRun();
   }
 };

@@ -137,6 +137,8 @@ TEST_F(LongPaths, BeyondTheLimitIsToldAndNothingIsLost) {
   EXPECT_NE(result.err.find("Cannot restore a file whoes path is larger than 4096.\n"),
             std::string::npos)
       << result.describe();
+  EXPECT_NE(result.err.find(" bytes: " + root() + "/ddd"), std::string::npos) << result.err;
+  EXPECT_LT(result.err.find("ddd..."), result.err.size()) << "not shortened\n" << result.err;
   std::string now = tree().read(deep + "/too long");
   EXPECT_TRUE(now == "before" || now == "after!") << now;
 }

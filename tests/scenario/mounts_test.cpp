@@ -10,6 +10,7 @@ using namespace scenario;
 using testsupport::compare;
 using testsupport::fingerprint;
 using testsupport::joined;
+using testsupport::runCommand;
 
 namespace {
 
@@ -125,6 +126,69 @@ const InTheWay kInTheWay[] = {
 };
 INSTANTIATE_TEST_SUITE_P(All, MountsInTheWay, ::testing::ValuesIn(kInTheWay),
                          [](const auto &one) { return std::string(one.param.name); });
+
+// The fileset is seen read-only where the command line points to, and writable elsewhere.
+TEST_F(Mounts, AWritableOneIsTaken) {
+  build(tree());
+  takeSnapshot();
+  tree().append("same/file", "more");
+  std::filesystem::create_directory("/mnt/view");
+  ASSERT_EQ(mount(fs().mountPoint().c_str(), "/mnt/view", nullptr, MS_BIND, nullptr), 0);
+  ASSERT_EQ(mount(nullptr, "/mnt/view", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+  // Nor does the place count at which a path ends in another mount than the one that it begins with.
+  ASSERT_EQ(mount(("/mnt/view/" + fileset()).c_str(), root().c_str(), nullptr, MS_BIND, nullptr), 0);
+  ASSERT_EQ(mount(nullptr, root().c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+  RunResult result = testsupport::runRestore("/mnt/view", fileset(), snapshotName());
+  EXPECT_EQ(result.exitStatus, 1);
+  EXPECT_NE(result.err.find("is read-only"), std::string::npos) << result.err;
+  std::filesystem::create_directory("/mnt/writable");
+  runCommand("mount -o loop,subvol=" + fileset() + " " + fs().image() + " /mnt/writable");
+  result = testsupport::runRestore("/mnt/view", fileset(), snapshotName());
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  for (const std::string &point : {std::string("/mnt/writable"), root(), std::string("/mnt/view")})
+    ASSERT_EQ(umount(point.c_str()), 0) << point;
+  expectRestored();
+}
+
+// The chain of parents is broken: fileset and snapshot share the birth of their root directories.
+TEST_F(Mounts, LineageAfterARollback) {
+  build(tree());
+  takeSnapshot();
+  tree().append("gone", "more");
+  fs().snapshot(fileset(), "between");
+  fs().destroySubvolume(fileset());
+  fs().snapshot("between", fileset(), false);
+  fs().destroySubvolume("between");
+  remount();
+  runCommand("cd " + fs().mountPoint() +
+             " && btrfs filesystem sync . && btrfs subvolume sync . >/dev/null");
+  tree().append("same/file", "more");
+  tree().rename("old", "same/renamed");
+  tree().removeTree("same/other");
+  tree().dirs("new/deep");
+  expectRestored();
+  // Relatives by birth alone are listed as well, and a stranger is none.
+  fs().createSubvolume("stranger");
+  RunResult result = testsupport::runRestore(fs().mountPoint(), "stranger", snapshotName());
+  EXPECT_NE(result.err.find("is not a snapshot of fileset stranger"), std::string::npos) << result.err;
+  fs().destroySubvolume("stranger");
+}
+
+// The top level of a converted file system has no UUID.
+TEST_F(Mounts, LineageOfAConvertedFileSystem) {
+  const std::string image = "/mnt/converted.image", top = "/mnt/converted";
+  runCommand("mkdir " + top + " && truncate -s 300M " + image + " && mkfs.ext4 -q -b 4096 " + image +
+             " && mount -o loop " + image + " " + top + " && echo text >" + top + "/f && umount " +
+             top + " && btrfs-convert " + image + " >/dev/null 2>&1 && mount -t btrfs -o loop " +
+             image + " " + top + " && btrfs -q subvolume snapshot -r " + top + " " + top + "/one");
+  TreeBuilder(top).append("f", "more");
+  TreeBuilder(top).file("new", "text");
+  const RunResult result = testsupport::runRestore(top, "/", "one");
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  const testsupport::FingerprintOptions without{{"one"}, true};
+  EXPECT_EQ(joined(compare(fingerprint(top + "/one", without), fingerprint(top, without))), "");
+  runCommand("umount " + top + " && rm " + image);
+}
 
 TEST_F(Mounts, InTheSnapshot) {
   build(tree());

@@ -149,6 +149,72 @@ TEST_F(Start, RootKeepsItsFlagWhenTheRunEndsBeforeTheFirstPass) {
   expectRestored();
 }
 
+// What keeps a process from restoring or comparing is named at the start, and nothing is touched.
+TEST_F(Start, WhatTheProcessLacksIsNamed) {
+  const std::string all[] = {fs().mountPoint(), "-j", fileset(), "-o", snapshotName()};
+  const auto run = [&](const std::string &program, std::vector<std::string> arguments, const char *of) {
+    arguments.push_back(std::string(kCommands) + "/" + of);
+    arguments.insert(arguments.end(), std::begin(all), std::end(all));
+    return testsupport::runProgram(arguments, {.program = program});
+  };
+  takeSnapshot();
+  tree().append("f", "more");
+  TreePrint before = fingerprint(root());
+  const auto expectTold = [&](const RunResult &result, int status, const std::string &text) {
+    EXPECT_EQ(result.exitStatus, status) << result.describe();
+    EXPECT_NE(result.err.find(text), std::string::npos) << text << "\n" << result.err;
+    EXPECT_EQ(joined(compare(before, fingerprint(root()))), "");
+  };
+  for (const std::string name : {"dac_read_search", "dac_override", "sys_admin", "linux_immutable"}) {
+    const std::vector<std::string> without{"--bounding-set=-" + name, "--inh-caps=-" + name};
+    std::string upper = name;
+    for (char &c : upper) c = static_cast<char>(toupper(c));
+    expectTold(run("/usr/bin/setpriv", without, "fsetrestore"), 1, "lacks CAP_" + upper + ".");
+  }
+  const std::vector<std::string> nobody{"--reuid=65534", "--regid=65534", "--clear-groups"};
+  expectTold(run("/usr/bin/setpriv", nobody, "fsetrestore"), 1, "lacks CAP_SYS_ADMIN, CAP_DAC_READ");
+  expectTold(run("/usr/bin/setpriv", nobody, "fsetcompare"), 2, "CAP_DAC_READ_SEARCH. Run it as root");
+  expectTold(run("/usr/bin/unshare", {"--user", "--map-root-user"}, "fsetrestore"), 1,
+             "user namespace");
+  for (const char *limit : {"--nofile=10", "--nofile=18"})
+    expectTold(run("/usr/bin/prlimit", {limit}, "fsetrestore"), 1, "(ulimit -n)");
+  // A low limit that may be raised is no reason.
+  EXPECT_EQ(run("/usr/bin/prlimit", {"--nofile=32:4096"}, "fsetrestore").exitStatus, 0);
+  expectRestored();
+}
+
+TEST_F(Start, WhateverPosixlyCorrectSays) {
+  takeSnapshot();
+  tree().append("f", "more");
+  RunOptions strict{.environment = {{"POSIXLY_CORRECT", "1"}}};
+  expectRestored("snap", {}, strict);
+  strict.program = std::string(kCommands) + "/fsetcompare";
+  const RunResult compared = testsupport::runProgram(
+      {fs().mountPoint(), "-j", fileset(), "-o", snapshotName(), "--full"}, strict);
+  EXPECT_EQ(compared.exitStatus, 0) << compared.describe();
+}
+
+// Each command that cannot do its work says why.
+TEST_F(Start, FailuresHaveAReason) {
+  takeSnapshot();
+  tree().append("f", "more");
+  const RunResult unknown = testsupport::runRestore(fs().mountPoint(), "nosuch", "snap");
+  EXPECT_NE(unknown.err.find("snapshot none (the active fileset)"), std::string::npos) << unknown.err;
+  TreeBuilder("/mnt").file("failing", "#!/bin/sh\necho the reason >&2\nexit 3\n");
+  TreeBuilder("/mnt").chmod("failing", 0755);
+  for (const char *name : {"ktlsfileset", "ktfsctl"}) {
+    const std::string command = std::string(kCommands) + "/" + name;
+    ASSERT_EQ(mount("/mnt/failing", command.c_str(), nullptr, MS_BIND, nullptr), 0);
+    const RunResult result = restore();
+    ASSERT_EQ(umount(command.c_str()), 0);
+    EXPECT_EQ(result.exitStatus, 1) << result.describe();
+    for (const std::string text : {"the reason\n", "ended with exit status 3."})
+      EXPECT_NE(result.err.find(text), std::string::npos) << result.err;
+    EXPECT_EQ(result.err.find("OVRA"), std::string::npos) << result.err;
+  }
+  expectRestored();
+}
+
 TEST_F(Start, NobodyNeedsToReadTheMessages) {
   takeSnapshot();
   tree().remove("f");
