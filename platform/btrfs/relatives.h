@@ -20,8 +20,8 @@ uint64_t currentSnapshot(const TreeRoot &root);
 int findLine(const TreeRoot &root, uint64_t snapshot_id, uint64_t *line);
 
 // Decides which entries of the fileset and of one of its snapshots a restore leaves alone: snapshots of
-// the fileset, the folder .snapshots at its top while it holds some, the folder .unlinked at the top of
-// the file system, and nested subvolumes whose place has not changed since the snapshot.
+// the fileset, the folder .snapshots at its top while it holds some, the folders .unlinked and .fset at
+// the top of the file system, and nested subvolumes whose place has not changed since the snapshot.
 class HiddenEntries {
  public:
   // `snapshot_id` 0: there is nothing to compare with. `root` must live as long.
