@@ -10,6 +10,7 @@
 
 #include "scenario/restore_fixture.h"
 #include "support/descriptor.h"
+#include "support/fault_plan.h"
 
 using namespace scenario;
 using testsupport::compare;
@@ -239,6 +240,40 @@ TEST_F(Junctions, MovedSinceGoHomeAndDeletedAreSkipped) {
   }
   EXPECT_EQ(result.err.find("nlinked"), std::string::npos) << result.err;
   EXPECT_EQ(testsupport::runProgram(compare, comparison).exitStatus, 0);
+}
+
+// The run ends while they wait: killed, and for want of space, after which a clean-up puts them back.
+TEST_F(Junctions, WaitingOnesAreNotLost) {
+  using testsupport::FaultAction;
+  const testsupport::Fault faults[] = {
+      {.call = "kest_move_junction", .action = FaultAction::kKillBefore, .where = 0, .nth = 2},
+      {.call = "kest_move_junction", .action = FaultAction::kKillBefore, .where = 0, .nth = 4},
+      {.call = "kest_move_junction", .action = FaultAction::kFail, .error = EIO, .where = 0, .nth = 5},
+      {.call = "kest_icreate", .action = FaultAction::kFail, .error = ENOSPC, .where = 51}};
+  for (const testsupport::Fault &fault : faults) {
+    SCOPED_TRACE(fault.words());
+    TearDown();
+    SetUp();
+    for (const char *dir : {"a", "b", "gone"}) tree().dirs(dir);
+    for (const char *path : {"a/one", "b/other", "gone/third"}) make(path);
+    tree().file("deleted", "text");
+    takeSnapshot();
+    tree().exchange("a/one", "b/other");
+    tree().rename("gone/third", "third");
+    tree().remove("gone");
+    tree().remove("deleted");
+    Nested one = remember("b/other"), other = remember("a/one"), third = remember("third");
+    testsupport::FaultPlan plan(fault);
+    const RunResult ended = restore("snap", {}, {.environment = plan.environment()});
+    EXPECT_NE(ended.exitStatus, 0) << ended.describe();
+    EXPECT_NE(plan.struck(), 0u);
+    if (fault.error == ENOSPC) expectUntouched({"a/one", one.id, one.contents}, ended);
+    RunResult result = expectEqual();
+    one.path = "a/one";
+    other.path = "b/other";
+    third.path = "gone/third";
+    for (const Nested *nested : {&one, &other, &third}) expectUntouched(*nested, result);
+  }
 }
 
 // The directory is gone, and its inode number is given again to one of the same name.
