@@ -12,6 +12,7 @@
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "scan/clone_state.h"
 
 namespace {
 
@@ -123,8 +124,18 @@ bool sameTime(const kest_timestruc64_t &a, const kest_timestruc64_t &b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-Result restoreTimes(const Target &target) {
-  const kest_iattr64_t &want = target.snap.facts.attr, &have = target.active.facts.attr;
+// Clone attributes that cannot be read have been recorded as a fatal error.
+bool isUnsettledParent(const OpenObject &snap, int32_t phase) {
+  CloneAttr attr;
+  bool clone = false;
+  return phase == kPhaseClones && snap.has(KEST_HAS_CLONE) && isClone(snap.get(), &clone, &attr) &&
+         clone && attr.isParent();
+}
+
+Result restoreTimes(const Target &target, int32_t phase) {
+  kest_iattr64_t want = target.snap.facts.attr;
+  const kest_iattr64_t &have = target.active.facts.attr;
+  if (isUnsettledParent(target.snap, phase)) want.ia_mtime = unsettledTime(want.ia_mtime);
   if (!target.data_written && sameTime(have.ia_atime, want.ia_atime) &&
       sameTime(have.ia_mtime, want.ia_mtime))
     return {};
@@ -167,10 +178,10 @@ Result restoreTarget(const Target &target, int32_t phase) {
   if (type != target.snap.type()) return failed(kIdentify, EINVAL);
   if (!isInodeOrReplacement(target.active, target.snap)) return failed(kIdentify, ESTALE);
   if (Result r = restoreOwner(target); !r) return r;
-  if (type == S_IFLNK) return restoreTimes(target);
+  if (type == S_IFLNK) return restoreTimes(target, phase);
   if (type == S_IFDIR && phase != kPhaseDirs) return {};
   if (Result r = restoreAcl(target); !r) return r;
-  if (Result r = restoreTimes(target); !r) return r;
+  if (Result r = restoreTimes(target, phase); !r) return r;
   if (Result r = restoreCapability(target); !r) return r;
   return type == S_IFREG || type == S_IFDIR ? restoreFlags(target) : Result{};
 }
@@ -202,6 +213,10 @@ Result restoreAttrOf(const std::string &path, const OpenObject &snap, OpenObject
                      bool data_written) {
   if (phase < kPhaseMain) return {};
   return traced(path, restoreTarget({path, {}, snap, active, data_written}, phase));
+}
+
+kest_timestruc64_t unsettledTime(const kest_timestruc64_t &mtime) {
+  return {mtime.tv_sec, mtime.tv_nsec == 0 ? 1 : mtime.tv_nsec - 1};
 }
 
 Result restoreRootAttr() {

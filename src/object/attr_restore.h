@@ -20,6 +20,11 @@ Result restoreAttr(const std::string &path, int32_t phase);
 Result restoreAttrOf(const std::string &path, const OpenObject &snap, OpenObject &active, int32_t phase,
                      bool data_written);
 
+// The modification time that a clone parent has from before it is one until every clone that survived
+// knows its number, and that restoreAttr gives it in the clones' phase. A run that dies meanwhile
+// leaves a file that is not the snapshot's, so that the next one makes it again and finds the clones.
+kest_timestruc64_t unsettledTime(const kest_timestruc64_t &mtime);
+
 // The same for the root directory of the fileset, extended attributes included (unless -x); called
 // once, when nothing changes the root directory any more.
 Result restoreRootAttr();

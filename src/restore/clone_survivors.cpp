@@ -8,6 +8,7 @@
 #include "base/unique_fd.h"
 #include "object/clones.h"
 #include "object/flags.h"
+#include "object/open_object.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -92,11 +93,20 @@ Result followParent(uint64_t ino, const NewParents &parents) {
   return attr.isParent() ? restoreImmutable(snap.get(), active.get()) : Result{};
 }
 
-}  // namespace
+// Gives a parent the time that it was kept from (unsettledTime).
+Result settleParent(uint64_t then, uint64_t now) {
+  constexpr int kModificationTime = 2;
+  OpenObject snap;
+  Inode active;
+  if (Result r = openSnapshotObject(then, &snap); !r) return r;
+  if (Result r = openInode(handles.activeFsP, now, &active); !r) return r;
+  const kest_timestruc64_t times[4] = {{}, snap.facts.attr.ia_mtime, {}, {}};
+  if (Result r = called(kest_iset_protection(active.get(), 0)); !r) return r;
+  if (Result r = called(kest_iset_times(active.get(), kModificationTime, times)); !r) return r;
+  return called(kest_iset_protection(active.get(), snap.facts.protection));
+}
 
-Result followNewParents() {
-  NewParents parents;
-  if (Result r = readNewParents(&parents); !r || parents.empty()) return r;
+Result followAll(const NewParents &parents) {
   const InodeScan all(kest_open_inodescan64(handles.oldFsP, nullptr, nullptr));
   if (!all) return failedErrno(0);
   for (;;) {
@@ -105,4 +115,15 @@ Result followNewParents() {
     if (!isRegular(attr->ia_mode)) continue;
     if (Result r = followParent(attr->ia_inode, parents); !r) return r;
   }
+}
+
+}  // namespace
+
+Result followNewParents() {
+  NewParents parents;
+  if (Result r = readNewParents(&parents); !r || parents.empty()) return r;
+  if (Result r = followAll(parents); !r) return r;
+  for (const auto &[then, now] : parents)
+    if (Result r = settleParent(then, now); !r) return r;
+  return {};
 }

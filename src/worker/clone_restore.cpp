@@ -32,6 +32,8 @@ constexpr useconds_t kWaitMicroseconds = 50;
 constexpr int64_t kBlock = 4096;  // bytes
 constexpr int64_t kChunk = 64 * kBlock;
 
+constexpr int kModificationTime = 2;  // flag of kest_iset_times
+
 // ---- restoreCloneDelta: the data in which a clone differs from its parent
 
 enum DeltaStep : int {
@@ -262,8 +264,11 @@ Result CloneRestore::becomeParent() {
     Inode active;
     if (Result r = openInode(handles.activeFsP, st_.st_ino, &active); !r)
       return failed(kBecomeParent, r.err);
-    const Result snapped =
-        waitFor("kest_clone_snap", [&] { return called(kest_iclone_snap(active.get())); });
+    const kest_timestruc64_t times[4] = {{}, unsettledTime(stat_.ia_mtime), {}, {}};
+    const Result snapped = waitFor("kest_clone_snap", [&] {
+      const Result held = called(kest_iset_times(active.get(), kModificationTime, times));
+      return held ? called(kest_iclone_snap(active.get())) : held;
+    });
     // Another worker may have made it a parent in between; a parent is read-only.
     if (!snapped && !(snapped.err == EROFS && isParentNow())) {
       traceLog("cloneFile: cannot snap a parent file, path %s, depth %d, err %d\n", path_.c_str(),

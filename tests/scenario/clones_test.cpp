@@ -3,6 +3,7 @@
 #include <sys/xattr.h>
 
 #include "scenario/restore_fixture.h"
+#include "support/fault_plan.h"
 
 using namespace scenario;
 
@@ -210,6 +211,24 @@ TEST_F(CloneTrees, RestoredClonesAreRestoredAgain) {
   tree().pattern("e/mc", 0, 9000, 5);
   removeAll(tree(), {"d/sub/m"});
   expectRestored("second");
+  expectRestored();
+}
+
+// A parent that is made again is not the snapshot's before the clones that survived know its number.
+TEST_F(CloneTrees, RunThatDiesBeforeSurvivorsKnowTheNewParent) {
+  family(tree());
+  takeSnapshot();
+  removeAll(tree(), {"p"});
+  {
+    testsupport::FaultPlan death(testsupport::Fault{.call = "kest_iset_clone_parent",
+                                                    .action = testsupport::FaultAction::kKillBefore,
+                                                    .where = testsupport::kMaster,
+                                                    .nth = 2});
+    RunOptions running;
+    running.environment = death.environment();
+    EXPECT_NE(restore("snap", {}, running).exitStatus, 0);
+    EXPECT_EQ(death.struck(), 1u) << death.describe();
+  }
   expectRestored();
 }
 
