@@ -28,11 +28,6 @@ uint32_t packDevice(unsigned major_no, unsigned minor_no) {
   return above << 16 | (minor_no & 0xff);
 }
 
-uint32_t protectionBits(Protection protection) {
-  return (protection.immutable ? KEST_FP_IMMUTABLE : 0) |
-         (protection.append_only ? KEST_FP_APPEND_ONLY : 0);
-}
-
 uint32_t factOfXattr(std::string_view name) {
   if (name == "system.posix_acl_access" || name == "system.posix_acl_default") return KEST_HAS_ACL;
   if (name == "security.capability") return KEST_HAS_CAPABILITY;

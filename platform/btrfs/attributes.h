@@ -14,9 +14,8 @@ namespace kest {
 // ia_rdev for a device number; only the low 12 bits of the minor fit.
 uint32_t packDevice(unsigned major_no, unsigned minor_no);
 
-// The bits of kest_facts_t: KEST_FP_*, and the KEST_HAS_* that an extended attribute of this name
-// stands for (KEST_HAS_BLOB apart, which is not a matter of names alone).
-uint32_t protectionBits(Protection protection);
+// The KEST_HAS_* bit of kest_facts_t that an extended attribute of this name stands for (KEST_HAS_BLOB
+// apart, which is not a matter of names alone).
 uint32_t factOfXattr(std::string_view name);
 
 // The attributes of inode `ino`, whose items are `item` and `xattrs`.

@@ -206,15 +206,25 @@ int DescriptorInode::readProtection(Protection *protection) {
   return kest::readProtection(anyFd(), "", protection);
 }
 
-int DescriptorInode::writeProtection(Protection protection) {
+// `call`(descriptor) on one that is no O_PATH descriptor.
+template <typename Call>
+int DescriptorInode::onRealDescriptor(Call call) {
   if (held_ == Held::kPath) {
     const int fd = readFd();
-    return fd < 0 ? fd : kest::writeProtection(fd, protection);
+    return fd < 0 ? fd : call(fd);
   }
-  const int rc = kest::writeProtection(fd_.get(), protection);
+  const int rc = call(fd_.get());
   if (rc != -EBADF) return rc;
   const UniqueFd real(openAgain(fd_.get(), O_RDONLY | O_NONBLOCK | O_NOATIME));
-  return real ? kest::writeProtection(real.get(), protection) : real.get();
+  return real ? call(real.get()) : real.get();
+}
+
+int DescriptorInode::writeProtection(Protection protection) {
+  return onRealDescriptor([=](int fd) { return kest::writeProtection(fd, protection); });
+}
+
+int DescriptorInode::writeFlags(uint32_t flags) {
+  return onRealDescriptor([=](int fd) { return kest::writeFlags(fd, flags); });
 }
 
 int DescriptorInode::duplicateDescriptor() {

@@ -54,6 +54,7 @@ class DescriptorInode : public Inode {
   int removeXattr(const char *name) override;
   int readProtection(Protection *protection) override;
   int writeProtection(Protection protection) override;
+  int writeFlags(uint32_t flags) override;
   int duplicateDescriptor() override;
   int takeDescriptor() override;
 
@@ -67,6 +68,9 @@ class DescriptorInode : public Inode {
   }
 
  private:
+  template <typename Call>
+  int onRealDescriptor(Call call);
+
   Held held_;
   mutable UniqueFd fd_;
   UniqueFd read_fd_, write_fd_;  // where fd_ is not open so, once they are needed

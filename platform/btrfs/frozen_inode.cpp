@@ -76,7 +76,7 @@ int FrozenInode::readAttributes(kest_iattr64_t *attr) {
 int FrozenInode::readFacts(kest_facts_t *facts) {
   *facts = {};
   readAttributes(&facts->attr);
-  facts->protection = protectionBits(protectionOfItem(stored_.item.flags));
+  facts->protection = protectionBitsOfItem(stored_.item.mode, stored_.item.flags);
   facts->has = facts->attr.ia_xattr != 0 ? KEST_HAS_BLOB : 0;
   for (const XattrItem &one : stored_.xattrs) facts->has |= factOfXattr(one.name);
   return 0;

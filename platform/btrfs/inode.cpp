@@ -118,11 +118,13 @@ int BtrfsInode::readAttributes(kest_iattr64_t *attr) {
 }
 
 int BtrfsInode::readFacts(kest_facts_t *facts) {
-  const bool has_storage_flags = S_ISREG(facts_.mode) || S_ISDIR(facts_.mode);
+  const bool has_flags = S_ISREG(facts_.mode) || S_ISDIR(facts_.mode);
   // First: the other two questions cost less on what it opens.
   unsigned flags = 0;
-  if (has_storage_flags) {
-    if (int rc = readStorageFlags(&flags); rc < 0) return rc;
+  if (has_flags) {
+    const int fd = readFd();
+    if (fd < 0) return fd;
+    if (int rc = readAllFlags(fd, &flags); rc < 0) return rc;
   }
   struct statx status;
   if (int rc = statNow(anyFd(), &status); rc < 0) return rc;
@@ -130,9 +132,8 @@ int BtrfsInode::readFacts(kest_facts_t *facts) {
   if (int rc = listXattrs(&names); rc < 0) return rc;
   *facts = {};
   fillAttributes(status, facts_, &facts->attr);
-  facts->protection = protectionBits({.immutable = (status.stx_attributes & STATX_ATTR_IMMUTABLE) != 0,
-                                      .append_only = (status.stx_attributes & STATX_ATTR_APPEND) != 0});
-  if (flags != 0) facts->has |= KEST_HAS_BLOB;
+  facts->protection = protectionBits(flags);
+  if ((flags & kStorageFlags) != 0) facts->has |= KEST_HAS_BLOB;
   for (const std::string &name : names)
     facts->has |= factOfXattr(name) | (travelsInBlob(name) ? KEST_HAS_BLOB : 0);
   facts->attr.ia_xattr = (facts->has & KEST_HAS_BLOB) != 0 ? 1 : 0;

@@ -120,7 +120,7 @@ int describeChange(TreeReader &active, TreeReader &snapshot, uint64_t ino, const
   change->ch_snap_size = then.size;
   change->ch_regular = S_ISREG(now.mode);
   if (!change->ch_regular) return 0;
-  change->ch_shareable = ((now.flags ^ then.flags) & kItemSharingKind) == 0;
+  change->ch_shareable = sharesInPlace(then.flags, now.flags);
   std::vector<FileRange> ranges;
   constexpr size_t kEnough = 2;  // to know that there are more
   int rc = diffExtents(active, snapshot, ino, 0, std::min(now.size, then.size), kEnough, &ranges);

@@ -8,22 +8,70 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
+#include "btrfs/xattr.h"
 #include "filesystem/blob_format.h"
 
 namespace kest {
 namespace {
 
+constexpr uint64_t kItemNoDataSum = 1u << 0;
 constexpr uint64_t kItemNoDataCow = 1u << 1;
 constexpr uint64_t kItemNoCompress = 1u << 3;
 constexpr uint64_t kItemImmutable = 1u << 6;
 constexpr uint64_t kItemAppendOnly = 1u << 7;
 constexpr uint64_t kItemCompress = 1u << 11;
 
+// One flag in the forms of this library, of FS_IOC_GETFLAGS, FS_IOC_FSGETXATTR and an inode item.
+struct FlagForms {
+  uint32_t bit;
+  unsigned flag, xflag;
+  uint64_t item;
+};
+constexpr FlagForms kFlags[] = {
+    {KEST_FP_IMMUTABLE, FS_IMMUTABLE_FL, FS_XFLAG_IMMUTABLE, kItemImmutable},
+    {KEST_FP_APPEND_ONLY, FS_APPEND_FL, FS_XFLAG_APPEND, kItemAppendOnly},
+    {KEST_FP_NO_ATIME, FS_NOATIME_FL, FS_XFLAG_NOATIME, 1u << 9},
+    {KEST_FP_NO_DUMP, FS_NODUMP_FL, FS_XFLAG_NODUMP, 1u << 8},
+    {KEST_FP_SYNC, FS_SYNC_FL, FS_XFLAG_SYNC, 1u << 5},
+    {KEST_FP_DIRSYNC, FS_DIRSYNC_FL, 0, 1u << 10},
+};
+
 bool hasNoFlags(int err) {
   return err == ENOTTY || err == EOPNOTSUPP || err == EINVAL;
 }
 
+// Gives `mask`, FS_XFLAG_* bits, the values in `wanted`.
+//
+// Through FSSETXATTR, not SETFLAGS: the latter would turn the compression property of a file into the
+// kernel's default algorithm.
+int writeXflags(int fd, unsigned mask, unsigned wanted) {
+  struct fsxattr attr {};
+  if (ioctl(fd, FS_IOC_FSGETXATTR, &attr) != 0) return hasNoFlags(errno) ? 0 : -errno;
+  const unsigned flags = (attr.fsx_xflags & ~mask) | wanted;
+  if (flags == attr.fsx_xflags) return 0;
+  attr.fsx_xflags = flags;
+  return ioctl(fd, FS_IOC_FSSETXATTR, &attr) == 0 ? 0 : -errno;
+}
+
+// FSSETXATTR does not know this flag of a directory. `flags` are all that it has now. It must be
+// neither immutable nor append-only, for then its compression property could not be put back.
+int toggleDirsync(int fd, unsigned flags) {
+  std::string property;
+  const int has_property = readXattr(fd, kCompressionProperty, &property);
+  if (has_property != 0 && has_property != -ENODATA && has_property != -EOPNOTSUPP) return has_property;
+  int all = static_cast<int>(flags ^ FS_DIRSYNC_FL);
+  if (ioctl(fd, FS_IOC_SETFLAGS, &all) != 0) return -errno;
+  return has_property == 0 ? writeXattr(fd, kCompressionProperty, property) : 0;
+}
+
 }  // namespace
+
+bool sharesInPlace(uint64_t from, uint64_t to) {
+  constexpr uint64_t kMustAgree = kItemNoDataSum | kItemNoDataCow;
+  // A file without copy-on-write gets the no-compression flag while it is empty or never.
+  const bool too_late = (from & kItemNoDataCow) != 0 && (from & ~to & kItemNoCompress) != 0;
+  return ((from ^ to) & kMustAgree) == 0 && !too_late;
+}
 
 int readProtection(int dir_fd, const char *name, Protection *protection) {
   struct statx stx;
@@ -33,25 +81,38 @@ int readProtection(int dir_fd, const char *name, Protection *protection) {
   return 0;
 }
 
-// Through FSSETXATTR, not SETFLAGS: the latter would turn the compression property of a file into the
-// kernel's default algorithm.
 int writeProtection(int fd, Protection protection) {
-  struct fsxattr attr {};
-  if (ioctl(fd, FS_IOC_FSGETXATTR, &attr) != 0) return hasNoFlags(errno) ? 0 : -errno;
-  unsigned wanted = attr.fsx_xflags & ~(FS_XFLAG_IMMUTABLE | FS_XFLAG_APPEND);
-  if (protection.immutable) wanted |= FS_XFLAG_IMMUTABLE;
-  if (protection.append_only) wanted |= FS_XFLAG_APPEND;
-  if (wanted == attr.fsx_xflags) return 0;
-  attr.fsx_xflags = wanted;
-  return ioctl(fd, FS_IOC_FSSETXATTR, &attr) == 0 ? 0 : -errno;
+  return writeXflags(
+      fd, FS_XFLAG_IMMUTABLE | FS_XFLAG_APPEND,
+      (protection.immutable ? FS_XFLAG_IMMUTABLE : 0) | (protection.append_only ? FS_XFLAG_APPEND : 0));
 }
 
-int readStorageFlags(int fd, unsigned *flags) {
+int writeFlags(int fd, uint32_t wanted) {
+  unsigned now = 0, mask = 0, xflags = 0;
+  if (int rc = readAllFlags(fd, &now); rc != 0) return rc;
+  if ((protectionBits(now) & KEST_FP_DIRSYNC) != (wanted & KEST_FP_DIRSYNC)) {
+    if (int rc = writeProtection(fd, {}); rc != 0) return rc;
+    if (int rc = toggleDirsync(fd, now & ~unsigned{FS_IMMUTABLE_FL | FS_APPEND_FL}); rc != 0) return rc;
+  }
+  for (const FlagForms &one : kFlags) {
+    mask |= one.xflag;
+    if ((wanted & one.bit) != 0) xflags |= one.xflag;
+  }
+  return writeXflags(fd, mask, xflags);
+}
+
+int readAllFlags(int fd, unsigned *flags) {
   int all = 0;
   *flags = 0;
   if (ioctl(fd, FS_IOC_GETFLAGS, &all) != 0) return hasNoFlags(errno) ? 0 : -errno;
-  *flags = static_cast<unsigned>(all) & kStorageFlags;
+  *flags = static_cast<unsigned>(all);
   return 0;
+}
+
+int readStorageFlags(int fd, unsigned *flags) {
+  const int rc = readAllFlags(fd, flags);
+  *flags &= kStorageFlags;
+  return rc;
 }
 
 int writeStorageFlags(int fd, unsigned flags) {
@@ -70,6 +131,21 @@ unsigned storageFlagsOfItem(mode_t mode, uint64_t item_flags) {
   else if (item_flags & kItemCompress)
     flags |= FS_COMPR_FL;
   return flags;
+}
+
+uint32_t protectionBits(unsigned flags) {
+  uint32_t bits = 0;
+  for (const FlagForms &one : kFlags)
+    if ((flags & one.flag) != 0) bits |= one.bit;
+  return bits;
+}
+
+uint32_t protectionBitsOfItem(mode_t mode, uint64_t item_flags) {
+  if (!S_ISREG(mode) && !S_ISDIR(mode)) return 0;
+  uint32_t bits = 0;
+  for (const FlagForms &one : kFlags)
+    if ((item_flags & one.item) != 0) bits |= one.bit;
+  return bits;
 }
 
 Protection protectionOfItem(uint64_t item_flags) {

@@ -1,4 +1,5 @@
-// The kernel's inode flags: immutable and append-only, compression and no-copy-on-write.
+// The kernel's inode flags, all that a user can set: immutable, append-only and others that no blob
+// carries; compression and no-copy-on-write.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +19,18 @@ int readProtection(int dir_fd, const char *name, Protection *protection);
 // nothing where they are so already. Every other flag and the compression property stay. 0 or -errno.
 int writeProtection(int fd, Protection protection);
 
+// Makes the KEST_FP_* flags of the file or directory behind the real descriptor `fd` those of `wanted`;
+// every other flag and the compression property stay. 0 or -errno.
+int writeFlags(int fd, uint32_t wanted);
+
+// FS_IOC_GETFLAGS of the file or directory behind `fd`. 0 or -errno; 0 and no flags where the object
+// has none.
+int readAllFlags(int fd, unsigned *flags);
+
+// The KEST_FP_* bits of FS_IOC_GETFLAGS flags, and of an inode item's, of an inode of this st_mode.
+uint32_t protectionBits(unsigned flags);
+uint32_t protectionBitsOfItem(mode_t mode, uint64_t item_flags);
+
 // Those of kStorageFlags that the file or directory behind `fd` has.
 // 0 or -errno; 0 and no flags where the object has none.
 int readStorageFlags(int fd, unsigned *flags);
@@ -35,8 +48,8 @@ unsigned storageFlagsOfItem(mode_t mode, uint64_t item_flags);
 // The protection that an inode item's `flags` say.
 Protection protectionOfItem(uint64_t item_flags);
 
-// The bits of an inode item's `flags` in which two files must agree to share blocks: no checksums, no
-// copy-on-write.
-inline constexpr uint64_t kItemSharingKind = 1u << 0 | 1u << 1;
+// By the `flags` of their inode items, whether a file can get blocks and storage flags of another one
+// while it has data.
+bool sharesInPlace(uint64_t from, uint64_t to);
 
 }  // namespace kest

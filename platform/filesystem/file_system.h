@@ -103,6 +103,9 @@ class Inode {
   virtual int readProtection(Protection *protection) = 0;
   // Sets both flags of a file or directory and leaves every other.
   virtual int writeProtection(Protection protection) = 0;
+  // Makes the flags of a file or directory that KEST_FP_* knows those of `flags` and leaves every
+  // other.
+  virtual int writeFlags(uint32_t flags) = 0;
   // The flags of an attribute blob, for files and directories.
   virtual int readStorageFlags(unsigned *flags) = 0;
   // Storage flags and the attribute that goes with them are changed in two steps: the first takes back

@@ -192,8 +192,9 @@ typedef struct kest_change {
                                      differ, as kest_ireadx finds it; length 0: there is none */
   uint8_t ch_hole;                /* the snapshot's file has a hole there */
   uint8_t ch_more;                /* there are more ranges, which kest_ireadx finds */
-  uint8_t ch_shareable;           /* kest_ishare can share whole blocks of the two; 0 for all but
-                                     regular files */
+  uint8_t ch_shareable;           /* kest_ishare can share whole blocks of the two, and the fileset's get
+                                     the storage flags of the snapshot's without being emptied; 0 for all
+                                     but regular files */
   uint8_t ch_regular;             /* it is a regular file */
 } kest_change_t;
 int kest_ichange(kest_iscan_t *scan, uint64_t ino, kest_change_t *change);
@@ -242,11 +243,17 @@ int kest_iclose(kest_ifile_t *file);
 /* What is known of an open inode, read once. */
 typedef struct kest_facts {
   kest_iattr64_t attr;
-  uint32_t protection; /* KEST_FP_* */
+  uint32_t protection; /* KEST_FP_*, of files and directories */
   uint32_t has;        /* KEST_HAS_* */
 } kest_facts_t;
+/* The inode flags that no attribute blob carries: the two that forbid changes, and others that can be
+ * set with chattr(1). */
 #define KEST_FP_IMMUTABLE 0x1u
 #define KEST_FP_APPEND_ONLY 0x2u
+#define KEST_FP_NO_ATIME 0x4u
+#define KEST_FP_NO_DUMP 0x8u
+#define KEST_FP_SYNC 0x10u
+#define KEST_FP_DIRSYNC 0x20u    /* of directories alone */
 #define KEST_HAS_BLOB 0x1u       /* kest_igetattrsx would give something (attr.ia_xattr) */
 #define KEST_HAS_ACL 0x2u        /* an access or default ACL */
 #define KEST_HAS_CAPABILITY 0x4u /* security.capability */
@@ -273,8 +280,8 @@ int kest_istat(const kest_ifile_t *file, kest_iattr64_t *attr);
 int kest_ifstat(const kest_ifile_t *file, struct stat *st);
 
 /* The calls of similar names below, on an open inode: owner (keeps set-user-id, set-group-id and file
- * capabilities; EPERM stays EPERM), times, the twelve mode bits, opaque ACL, protection flags
- * (KEST_FP_*, both of them set as given), and one extended attribute by name. -1: errno. */
+ * capabilities; EPERM stays EPERM), times, the twelve mode bits, opaque ACL, inode flags
+ * (KEST_FP_*, all of them set as given), and one extended attribute by name. -1: errno. */
 int kest_ichown(kest_ifile_t *file, uint64_t uid, uint64_t gid);
 int kest_ichmod(kest_ifile_t *file, mode_t mode);
 int kest_iset_times(kest_ifile_t *file, int flags, const kest_timestruc64_t times[4]);

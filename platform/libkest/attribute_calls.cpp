@@ -225,8 +225,7 @@ int kest_iset_protection(kest_ifile_t *file, uint32_t protection) {
   return onInode(file, [=](OpenFile &open) {
     // Others have no flags to set, and a flags request on a device would reach its driver.
     if (!S_ISREG(open.if_mode) && !S_ISDIR(open.if_mode)) return 0;
-    return open.inode->writeProtection({.immutable = (protection & KEST_FP_IMMUTABLE) != 0,
-                                        .append_only = (protection & KEST_FP_APPEND_ONLY) != 0});
+    return open.inode->writeFlags(protection);
   });
 }
 

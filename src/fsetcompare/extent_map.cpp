@@ -7,7 +7,7 @@
 #include <algorithm>
 
 #include "base/unique_fd.h"
-#include "fsetcompare/object_state.h"
+#include "fsetcompare/real_file.h"
 
 namespace {
 

@@ -1,6 +1,5 @@
 #include "fsetcompare/object_state.h"
 
-#include <fcntl.h>
 #include <limits.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -12,6 +11,9 @@
 #include <vector>
 
 #include "base/fd_path.h"
+#include "base/unique_fd.h"
+#include "fsetcompare/extent_map.h"
+#include "fsetcompare/real_file.h"
 #include "run/run_handles.h"
 
 namespace {
@@ -27,11 +29,10 @@ struct FlagName {
   int bit;
   const char *name;
 };
-constexpr FlagName kFlags[] = {{FS_IMMUTABLE_FL, "immutable"},
-                               {FS_APPEND_FL, "append-only"},
-                               {FS_NOCOW_FL, "nocow"},
-                               {FS_COMPR_FL, "compressed"},
-                               {FS_NOCOMP_FL, "uncompressed"}};
+constexpr FlagName kFlags[] = {
+    {FS_IMMUTABLE_FL, "immutable"}, {FS_APPEND_FL, "append-only"}, {FS_NOATIME_FL, "no-atime"},
+    {FS_NODUMP_FL, "no-dump"},      {FS_SYNC_FL, "sync"},          {FS_DIRSYNC_FL, "dirsync"},
+    {FS_NOCOW_FL, "nocow"},         {FS_COMPR_FL, "compressed"},   {FS_NOCOMP_FL, "uncompressed"}};
 
 struct ObjectState {
   struct stat st {};
@@ -100,6 +101,22 @@ std::string timeText(const timespec &time) {
   char text[48];
   snprintf(text, sizeof text, "%lld.%09ld", static_cast<long long>(time.tv_sec), time.tv_nsec);
   return text;
+}
+
+// The kernel marks a file whose data did not become smaller as not to be compressed, with the flag that
+// users set as well. Its mark says nothing about the file. It is only on a file that was written since:
+// one that shares all its blocks with the snapshot's was marked by a user, and so was one without
+// blocks.
+Result leaveOutKernelsMark(kest_ifile_t *active, kest_ifile_t *snapshot, int64_t size,
+                           const ObjectState &then, ObjectState *now) {
+  if (!isRegular(active->if_mode) || (now->flags & ~then.flags & FS_NOCOMP_FL) == 0) return {};
+  std::vector<Extent> mine, theirs;
+  if (Result r = readExtentMap(active, &mine); !r) return r;
+  if (Result r = readExtentMap(snapshot, &theirs); !r) return r;
+  std::erase_if(mine, [](const Extent &one) { return !one.placed; });
+  if (firstMissing(dataRanges(mine, size), sharedRanges(mine, theirs)) >= 0)
+    now->flags &= ~FS_NOCOMP_FL;
+  return {};
 }
 
 std::string flagsText(int flags) {
@@ -195,15 +212,6 @@ const char *kindName(uint32_t mode) {
   }
 }
 
-Result openForReading(const kest_ifile_t *file, UniqueFd *fd) {
-  const UniqueFd object(kest_path_descriptor(file));
-  if (!object) return failedErrno(0);
-  constexpr int kFlagsToRead = O_RDONLY | O_NONBLOCK;
-  fd->reset(reopen(object.get(), kFlagsToRead | O_NOATIME));
-  if (!*fd && errno == EPERM) fd->reset(reopen(object.get(), kFlagsToRead));
-  return *fd ? Result{} : failedErrno(0);
-}
-
 Result statObject(const kest_ifile_t *file, struct stat *st) {
   const UniqueFd fd(kest_path_descriptor(file));
   return fd ? called(fstat(fd.get(), st)) : failedErrno(0);
@@ -215,6 +223,7 @@ Result compareProperties(kest_ifile_t *active, kest_ifile_t *snapshot, const std
   if (Result r = readState(active, &now); !r) return r;
   if (Result r = readState(snapshot, &then); !r) return r;
   const struct stat &a = now.st, &s = then.st;
+  if (Result r = leaveOutKernelsMark(active, snapshot, a.st_size, then, &now); !r) return r;
   const auto check = [&](const char *kind, const std::string &want, const std::string &have) {
     if (want != have) report->difference(kind, path, {want, have});
   };

@@ -7,7 +7,6 @@
 #include <string>
 
 #include "base/result.h"
-#include "base/unique_fd.h"
 #include "fsetcompare/report.h"
 #include "kest.h"
 
@@ -15,10 +14,6 @@
 const char *kindName(uint32_t mode);
 
 // rc of a failure is the errno.
-
-// A real descriptor for reading the file or directory, close-on-exec, that leaves the access time alone
-// where the kernel allows it.
-Result openForReading(const kest_ifile_t *file, UniqueFd *fd);
 
 // The object as it is now.
 Result statObject(const kest_ifile_t *file, struct stat *st);

@@ -1,5 +1,6 @@
 #include "histories/generator.h"
 
+#include <linux/fs.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
@@ -247,9 +248,19 @@ void Generator::changeAttribute(const std::string &path) {
   }
 }
 
-void Generator::changeFlag(const std::string &path) {
+void Generator::changeFlag(const std::string &path, unsigned percentOn) {
+  static const std::vector<uint64_t> kOthers = {
+      FS_NOATIME_FL, FS_NODUMP_FL, FS_SYNC_FL,  FS_DIRSYNC_FL,
+      FS_COMPR_FL,   FS_NOCOMP_FL, FS_NOCOW_FL, FS_NOCOW_FL | FS_NOCOMP_FL};
+  static const std::vector<std::string> kAlgorithms = {"zlib", "lzo", "zstd", "none"};
+  if (random_.chance(40))
+    return perform({"flag", path, "", random_.chance(percentOn), random_.pick(kOthers)});
+  if (random_.chance(20)) {
+    if (random_.chance(30)) return perform("remove-xattr", path, "btrfs.compression");
+    return perform({"set-property", path, random_.pick(kAlgorithms)});
+  }
   const char *verb = random_.chance(75) ? "immutable" : "append-only";
-  perform({verb, path, "", random_.chance(60)});
+  perform({verb, path, "", random_.chance(percentOn)});
 }
 
 void Generator::setTime(const std::string &path) {
@@ -368,7 +379,7 @@ void Generator::oneChange() {
        }},
       {w.attribute, [&] { changeAttribute(path); }},
       {w.time, [&] { setTime(path); }},
-      {w.flag, [&] { changeFlag(path); }},
+      {w.flag, [&] { changeFlag(path, 60); }},
       {w.replaceFile,
        [&] {
          if (files_.empty()) return;
@@ -405,8 +416,7 @@ std::vector<Operation> Generator::buildInitial(TreeBuilder &tree) {
   for (const std::string &path : paths_)
     if (random_.chance(50)) setTime(path);
   for (const std::string &path : paths_)
-    if (random_.chance(flagPercent_))
-      perform({random_.chance(75) ? "immutable" : "append-only", path, "", 1});
+    if (random_.chance(flagPercent_)) changeFlag(path, 100);
   snapshotPaths_ = paths_;
   return std::exchange(done_, {});
 }

@@ -50,7 +50,7 @@ class Generator {
   char anyKind();
   void changeData(const std::string &path);
   void changeAttribute(const std::string &path);
-  void changeFlag(const std::string &path);
+  void changeFlag(const std::string &path, unsigned percentOn);
   void setTime(const std::string &path);
   void exchangeParentAndChild();
   void ring();

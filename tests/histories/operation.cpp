@@ -50,6 +50,8 @@ const std::map<std::string, void (*)(TreeBuilder &, const Operation &)> kVerbs =
     // other: name; a: value seed, b: value length
     {"set-xattr",
      [](auto &t, auto &o) { t.setXattr(o.path, o.other, testsupport::patternBytes(o.a, 0, o.b)); }},
+    // other: algorithm
+    {"set-property", [](auto &t, auto &o) { t.setXattr(o.path, "btrfs.compression", o.other); }},
     {"remove-xattr", [](auto &t, auto &o) { t.removeXattr(o.path, o.other); }},
     // other: attribute; a: user, b: rights
     {"set-acl",
@@ -71,6 +73,8 @@ const std::map<std::string, void (*)(TreeBuilder &, const Operation &)> kVerbs =
     {"append-only", [](auto &t, auto &o) { t.appendOnly(o.path, o.a); }},
     {"nocow", [](auto &t, auto &o) { t.noCow(o.path, o.a); }},
     {"compress", [](auto &t, auto &o) { t.compress(o.path, o.a); }},
+    // a: on, b: FS_*_FL
+    {"flag", [](auto &t, auto &o) { t.flag(o.path, static_cast<int>(o.b), o.a); }},
     {"clone-parent", [](auto &t, auto &o) { t.cloneParent(o.path); }},
     {"clone", [](auto &t, auto &o) { t.clone(o.path, o.other); }},
     {"commit",

@@ -72,6 +72,10 @@ class OpenInodes : public LibraryTest {
       ASSERT_EQ(0, ioctl(fd.get(), FS_IOC_GETFLAGS, &flags));
       if (flags & FS_IMMUTABLE_FL) protection |= KEST_FP_IMMUTABLE;
       if (flags & FS_APPEND_FL) protection |= KEST_FP_APPEND_ONLY;
+      if (flags & FS_NOATIME_FL) protection |= KEST_FP_NO_ATIME;
+      if (flags & FS_NODUMP_FL) protection |= KEST_FP_NO_DUMP;
+      if (flags & FS_SYNC_FL) protection |= KEST_FP_SYNC;
+      if (flags & FS_DIRSYNC_FL) protection |= KEST_FP_DIRSYNC;
       if (flags & (FS_NOCOW_FL | FS_COMPR_FL | FS_NOCOMP_FL)) has |= KEST_HAS_BLOB;
     }
     EXPECT_EQ(protection, facts.protection);
@@ -95,7 +99,7 @@ TEST_F(OpenInodes, FactsAreWhatTheKernelSays) {
   tree_->immutable("fixed");
   tree_->dir("log");
   tree_->setXattr("log", "system.posix_acl_default", kAcl);
-  tree_->appendOnly("log");
+  tree_->flag("log", FS_APPEND_FL | FS_NOATIME_FL | FS_NODUMP_FL | FS_SYNC_FL | FS_DIRSYNC_FL);
   tree_->dir("nocow");
   tree_->noCow("nocow");
   tree_->big("parent", 65536, 1);

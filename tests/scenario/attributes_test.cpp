@@ -1,4 +1,5 @@
 // Attributes alone: the data stay as they are and must not be touched.
+#include <linux/fs.h>
 #include <sys/stat.h>
 
 #include "scenario/restore_fixture.h"
@@ -25,7 +26,42 @@ void oneOfEach(TreeBuilder &t, const std::string &folder) {
 
 const std::string kCapability("\1\0\0\2\0\4\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 20);
 
+// A file and a directory for each flag that a user can set, with it or without; `kind` begins their
+// names.
+void withEachFlag(TreeBuilder &t, const std::string &kind, bool make, bool on) {
+  for (const int flag : {FS_NOATIME_FL, FS_NODUMP_FL, FS_SYNC_FL, FS_DIRSYNC_FL, FS_COMPR_FL,
+                         FS_NOCOMP_FL, FS_NOCOW_FL, FS_IMMUTABLE_FL, FS_APPEND_FL}) {
+    const std::string name = kind + std::to_string(flag);
+    if (make) t.file(name, "data");
+    if (make) t.dir(name + ".dir");
+    if (flag != FS_DIRSYNC_FL) t.flag(name, flag, on);
+    t.flag(name + ".dir", flag, on);
+  }
+}
+
 const HistoryCase kCases[] = {
+    {"EveryFlagOfChattr",
+     [](TreeBuilder &t) {
+       withEachFlag(t, "cleared", true, true);
+       withEachFlag(t, "set", true, false);
+       withEachFlag(t, "deleted", true, true);
+       t.dir("property");
+       t.setXattr("property", "btrfs.compression", "lzo");
+       t.flag("property", FS_IMMUTABLE_FL);
+       t.file("late");
+       t.flag("late", FS_NOCOW_FL | FS_NOCOMP_FL);
+       t.append("late", "data");
+     },
+     [](TreeBuilder &t) {
+       withEachFlag(t, "cleared", false, false);
+       withEachFlag(t, "set", false, true);
+       withEachFlag(t, "deleted", false, false);
+       for (const std::string &name : t.names(""))
+         if (name.starts_with("deleted")) t.remove(name);
+       t.flag("property", FS_IMMUTABLE_FL, false);
+       t.flag("property", FS_DIRSYNC_FL);  // which makes the algorithm the kernel's own
+       t.flag("late", FS_NOCOW_FL | FS_NOCOMP_FL, false);
+     }},
     {"EachAloneOnEveryKind",
      [](TreeBuilder &t) {
        for (const char *folder : {"mode", "owner", "group", "time", "changed", "removed", "added"})
@@ -133,5 +169,31 @@ TEST_P(RestoreTable, Attributes) {
   runCase(GetParam());
 }
 INSTANTIATE_TEST_SUITE_P(Attributes, RestoreTable, ::testing::ValuesIn(kCases), caseName);
+
+// What the kernel finds out about data is neither a difference nor restored.
+using Incompressible = RestoreFixture;
+TEST_F(Incompressible, MarkOfTheKernelIsNoDifference) {
+  // It tries where few of the bytes that it looks at differ, 16 of 256.
+  std::string data = testsupport::patternBytes(1, 0, 256 * 1024);
+  for (size_t i = 0; i < data.size(); ++i)
+    if (i % 256 < 16) data[i] &= 31;
+  tree().file("f", data);
+  tree().mtime("f", 1500000000);
+  takeSnapshot();
+  remount("compress=zstd");
+  tree().write("f", 0, data);
+  tree().mtime("f", 1500000000);
+  fs().commit();
+  const TreePrint want = testsupport::fingerprint(fs().path(snapshotName()));
+  const TreePrint have = testsupport::fingerprint(root());
+  remount();
+  ASSERT_NE(have.objects.at("f").flags & FS_NOCOMP_FL, 0u);
+  EXPECT_EQ(testsupport::joined(compare(want, have)), "");
+  RunOptions comparing;
+  comparing.program = "/usr/qtx/kest/bin/fsetcompare";
+  for (const std::vector<std::string> &how : {std::vector<std::string>{}, {"--full"}})
+    EXPECT_EQ(testsupport::runRestore(fs().mountPoint(), fileset(), snapshotName(), how, comparing).out,
+              "differences\t0\n");
+}
 
 }  // namespace

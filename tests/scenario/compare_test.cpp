@@ -1,6 +1,7 @@
 // fsetcompare: one line for what differs and nothing else, the same by the difference scan and by
 // reading all.
 #include <fcntl.h>
+#include <linux/fs.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -94,8 +95,11 @@ const Case kCases[] = {
        t.appendOnly("d/grows");
        t.noCow("d/e/empty");
        t.compress("d/f");
+       t.flag("d/e", FS_NOATIME_FL | FS_NODUMP_FL | FS_SYNC_FL | FS_DIRSYNC_FL);
+       t.flag("d/e/g", FS_NOCOMP_FL);
      },
-     {"flags\td/e/empty\tnone\tnocow", "flags\td/fixed\tnone\timmutable",
+     {"flags\td/e\tnone\tno-atime,no-dump,sync,dirsync", "flags\td/e/g\tnone\tuncompressed",
+      "flags\td/e/empty\tnone\tnocow", "flags\td/fixed\tnone\timmutable",
       "flags\td/grows\tnone\tappend-only", "flags\td/f\tnone\tcompressed",
       "xattr\td/f\tbtrfs.compression"}},
     {"MissingExtraAndOtherTypes",

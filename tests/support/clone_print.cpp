@@ -113,9 +113,9 @@ BlockRanges missingIn(const BlockRanges &from, const BlockRanges &less) {
   return missing;
 }
 
-PlacedBlocks physicalBlocks(int fd, const std::string &path) {
+PlacedBlocks physicalBlocks(int fd, const std::string &path, bool written_out) {
   PlacedBlocks blocks;
-  for (const fiemap_extent &extent : extentsOf(fd, FIEMAP_FLAG_SYNC, path)) {
+  for (const fiemap_extent &extent : extentsOf(fd, written_out ? FIEMAP_FLAG_SYNC : 0, path)) {
     if (extent.fe_flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_UNWRITTEN)) continue;
     for (uint64_t offset = 0; offset < extent.fe_length; offset += kBlock) {
       // Of a compressed extent only the whole has a place.

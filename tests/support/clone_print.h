@@ -32,8 +32,9 @@ struct ClonePrint {
 
 // Decodes trusted.kest.CLONE and trusted.kest.CLONESNAP; nothing where the file carries none.
 std::optional<ClonePrint> readClone(const std::string &clone, const std::string &cloneSnap);
-// Where each block of the file behind the descriptor lies, preallocation left out.
-PlacedBlocks physicalBlocks(int fd, const std::string &path);
+// Where each block of the file behind the descriptor lies, preallocation left out. It is written out
+// before; else blocks that were not written yet lie nowhere.
+PlacedBlocks physicalBlocks(int fd, const std::string &path, bool written_out = true);
 // What of [0, size) is preallocated: for a file that came by it through a reflink the kernel answers a
 // search for the next hole as if there were none.
 BlockRanges preallocated(int fd, uint64_t size, const std::string &path);

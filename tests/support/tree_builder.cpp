@@ -316,28 +316,28 @@ void TreeBuilder::mtime(const std::string &path, int64_t seconds, long nanosecon
     failWithErrno("set times of " + path);
 }
 
-void TreeBuilder::changeFlags(const std::string &path, int bit, bool on, const char *what) {
+void TreeBuilder::flag(const std::string &path, int bits, bool on) {
   const mode_t type = status(path).st_mode & S_IFMT;
   errno = ENOTTY;
-  if (type != S_IFREG && type != S_IFDIR) failWithErrno(std::string(what) + " " + path);
+  if (type != S_IFREG && type != S_IFDIR) failWithErrno("set flags of " + path);
   const Descriptor fd = open(path, O_RDONLY);
   int flags = 0;
   if (ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0) failWithErrno("get flags of " + path);
-  flags = on ? flags | bit : flags & ~bit;
-  if (ioctl(fd.get(), FS_IOC_SETFLAGS, &flags) != 0) failWithErrno(std::string(what) + " " + path);
+  flags = on ? flags | bits : flags & ~bits;
+  if (ioctl(fd.get(), FS_IOC_SETFLAGS, &flags) != 0) failWithErrno("set flags of " + path);
 }
 
 void TreeBuilder::immutable(const std::string &path, bool on) {
-  changeFlags(path, FS_IMMUTABLE_FL, on, "immutable");
+  flag(path, FS_IMMUTABLE_FL, on);
 }
 void TreeBuilder::appendOnly(const std::string &path, bool on) {
-  changeFlags(path, FS_APPEND_FL, on, "append-only");
+  flag(path, FS_APPEND_FL, on);
 }
 void TreeBuilder::noCow(const std::string &path, bool on) {
-  changeFlags(path, FS_NOCOW_FL, on, "no copy-on-write");
+  flag(path, FS_NOCOW_FL, on);
 }
 void TreeBuilder::compress(const std::string &path, bool on) {
-  changeFlags(path, FS_COMPR_FL, on, "compress");
+  flag(path, FS_COMPR_FL, on);
 }
 
 bool TreeBuilder::exists(const std::string &path) const {

@@ -74,6 +74,7 @@ class TreeBuilder {
   void appendOnly(const std::string &path, bool on = true);
   void noCow(const std::string &path, bool on = true);
   void compress(const std::string &path, bool on = true);
+  void flag(const std::string &path, int bits, bool on = true);  // FS_*_FL
 
   bool exists(const std::string &path) const;
   bool isDir(const std::string &path) const;
@@ -91,7 +92,6 @@ class TreeBuilder {
   void at(const std::string &what, const std::string &path, Call call) const;
   template <typename Call>
   void from(const std::string &what, const std::string &one, const std::string &other, Call call) const;
-  void changeFlags(const std::string &path, int bit, bool on, const char *what);
 
   std::string root_;
   Descriptor rootFd_;

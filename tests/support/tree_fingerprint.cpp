@@ -20,8 +20,11 @@
 namespace testsupport {
 namespace {
 
-constexpr unsigned kComparedFlags =
-    FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NOCOW_FL | FS_COMPR_FL | FS_NOCOMP_FL;
+// All that a user can set.
+const std::pair<unsigned, const char *> kFlags[] = {
+    {FS_IMMUTABLE_FL, "immutable "}, {FS_APPEND_FL, "append-only "}, {FS_NOATIME_FL, "no-atime "},
+    {FS_NODUMP_FL, "no-dump "},      {FS_SYNC_FL, "sync "},          {FS_DIRSYNC_FL, "dirsync "},
+    {FS_NOCOW_FL, "nocow "},         {FS_COMPR_FL, "compressed "},   {FS_NOCOMP_FL, "uncompressed "}};
 constexpr uint64_t kBlock = 4096;
 
 // Inode numbers of a subvolume's root and of what a snapshot shows in place of a nested subvolume.
@@ -85,12 +88,13 @@ class Reader {
     if (!opened.valid()) failWithErrno("open " + path);
     int flags = 0;
     if (ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0) failWithErrno("get flags of " + path);
-    object.flags = static_cast<unsigned>(flags) & kComparedFlags;
+    object.flags = static_cast<unsigned>(flags);
     *inode = object.inode;
     const bool isDir = S_ISDIR(object.mode);
     if (!isDir) {
       object.size = sx.stx_size;
       readData(opened.get(), path, &object);
+      object.blocks = physicalBlocks(opened.get(), path, false);
       if (object.clone) object.clone->blocks = physicalBlocks(opened.get(), path);
     }
     tree_.objects.emplace(path, std::move(object));
@@ -197,13 +201,8 @@ std::string told(const auto &...parts) {
 }
 
 std::string flagsText(unsigned flags) {
-  static const std::pair<unsigned, const char *> kNames[] = {{FS_IMMUTABLE_FL, "immutable "},
-                                                             {FS_APPEND_FL, "append-only "},
-                                                             {FS_NOCOW_FL, "nocow "},
-                                                             {FS_COMPR_FL, "compressed "},
-                                                             {FS_NOCOMP_FL, "uncompressed "}};
   std::string text;
-  for (const auto &[flag, name] : kNames)
+  for (const auto &[flag, name] : kFlags)
     if (flags & flag) text += name;
   return text.empty() ? "none" : text.substr(0, text.size() - 1);
 }
@@ -245,6 +244,10 @@ void compareObjects(const std::string &path, const ObjectPrint &want, const Obje
   if (kindName(want) != kindName(have)) return differ("type", kindName(want), kindName(have));
   const auto wanted = propertiesOf(want);
   auto others = propertiesOf(have);
+  // The kernel's own mark on what it has written and could not compress.
+  const bool written = !have.blocks.empty() && have.blocks != want.blocks;
+  if (S_ISREG(have.mode) && written && (want.flags & FS_NOCOMP_FL) == 0)
+    others["flags"] = flagsText(have.flags & ~unsigned{FS_NOCOMP_FL});
   for (const auto &[what, text] : wanted) {
     const auto other = others.find(what);
     if (other == others.end() || other->second != text)

@@ -3,10 +3,10 @@
 //
 // Compared: names, types, modes (07777), owner, group, size, data, hole map (4 KiB blocks, preallocated
 // counts as hole), link targets, device numbers, all extended attributes (ACLs included), modification
-// times in nanoseconds, the flags immutable, append-only, no copy-on-write and (no) compression, the
-// groups of hard links and link counts, and clones: parents, depths, whose clone a file is, shared
-// blocks. Not compared: inode numbers, change, creation and access times; they are recorded for tests
-// that demand that an object survived or was left alone.
+// times in nanoseconds, the inode flags that a user can set (but "no compression" where the kernel may
+// have set it), the groups of hard links and link counts, and clones: parents, depths, whose clone a
+// file is, shared blocks. Not compared: inode numbers, change, creation and access times; they are
+// recorded for tests that demand that an object survived or was left alone.
 #pragma once
 
 #include <sys/types.h>
@@ -35,7 +35,8 @@ struct ObjectPrint {
   std::string target;                         // of a symbolic link
   std::map<std::string, std::string> xattrs;  // but the clone attributes
   std::optional<ClonePrint> clone;
-  unsigned flags = 0;              // the FS_*_FL bits compared; files, directories
+  unsigned flags = 0;              // FS_*_FL; files, directories
+  PlacedBlocks blocks;             // recorded only
   std::vector<std::string> group;  // sorted names of a file with several, else empty
   bool nested = false;             // a nested subvolume, or the stub of one; not entered
 
