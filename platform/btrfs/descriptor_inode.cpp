@@ -19,6 +19,10 @@ namespace {
 
 constexpr uint64_t kSector = 4096;
 
+// For the end of a program.
+constexpr int kMostWaits = 200;
+constexpr useconds_t kWaitMicroseconds = 10000;
+
 int resultOf(int rc) {
   return rc == 0 ? 0 : -errno;
 }
@@ -39,7 +43,7 @@ int DescriptorInode::readFd() {
   if (read_fd_) return read_fd_.get();
   const mode_t mode = facts_.mode;
   if (!S_ISREG(mode) && !S_ISDIR(mode)) return -EINVAL;
-  const int flags = O_RDONLY | O_NONBLOCK | (S_ISDIR(mode) ? O_DIRECTORY : 0);
+  const int flags = O_RDONLY | (S_ISDIR(mode) ? O_DIRECTORY : 0);
   const int path_fd = this->fd();
   if (path_fd < 0) return path_fd;
   int fd = openAgain(path_fd, flags | O_NOATIME);
@@ -55,7 +59,12 @@ int DescriptorInode::writeFd() {
   if (!S_ISREG(facts_.mode)) return -EINVAL;
   const int any = this->fd();
   if (any < 0) return any;
-  const int fd = openAgain(any, O_WRONLY | O_NONBLOCK);
+  int fd = openAgain(any, O_WRONLY);
+  // A program that ran when the restore began is made again. One that was started since may end soon.
+  for (int waits = 0; fd == -ETXTBSY && waits < kMostWaits; ++waits) {
+    usleep(kWaitMicroseconds);
+    fd = openAgain(any, O_WRONLY);
+  }
   if (fd == -EPERM) {
     Protection protection;
     if (readProtection(&protection) == 0 && protection.any()) return -EROFS;
@@ -66,8 +75,8 @@ int DescriptorInode::writeFd() {
 
 int DescriptorInode::giveUpWriting() {
   if (held_ != Held::kForBoth) return 0;
-  int fd = openAgain(fd_.get(), O_RDONLY | O_NONBLOCK | O_NOATIME);
-  if (fd == -EPERM) fd = openAgain(fd_.get(), O_RDONLY | O_NONBLOCK);
+  int fd = openAgain(fd_.get(), O_RDONLY | O_NOATIME);
+  if (fd == -EPERM) fd = openAgain(fd_.get(), O_RDONLY);
   if (fd < 0) return fd;
   fd_.reset(fd);
   held_ = Held::kForReading;
@@ -215,7 +224,7 @@ int DescriptorInode::onRealDescriptor(Call call) {
   }
   const int rc = call(fd_.get());
   if (rc != -EBADF) return rc;
-  const UniqueFd real(openAgain(fd_.get(), O_RDONLY | O_NONBLOCK | O_NOATIME));
+  const UniqueFd real(openAgain(fd_.get(), O_RDONLY | O_NOATIME));
   return real ? call(real.get()) : real.get();
 }
 

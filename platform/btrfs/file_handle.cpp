@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/leases.h"
 #include "btrfs/tree_search.h"
 
 namespace kest {
@@ -54,9 +55,13 @@ int openByInode(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generat
 int openAgain(int path_fd, int flags) {
   char path[32];
   snprintf(path, sizeof path, "/proc/self/fd/%d", path_fd);
-  int fd;
-  do fd = open(path, flags | O_CLOEXEC);
-  while (fd < 0 && errno == EINTR);
+  const auto attempt = [&](int waiting) {
+    int fd;
+    do fd = open(path, flags | waiting | O_CLOEXEC);
+    while (fd < 0 && errno == EINTR);
+    return fd;
+  };
+  const int fd = (flags & (O_PATH | O_DIRECTORY)) != 0 ? attempt(0) : openPastLeases(attempt);
   return fd < 0 ? -errno : fd;
 }
 

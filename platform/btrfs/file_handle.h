@@ -17,8 +17,8 @@ int openByInode(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generat
 // that look at the number of links themselves.
 int openEvenNameless(int mount_fd, uint64_t subvol_id, uint64_t ino, uint32_t generation, int flags);
 
-// Opens the object behind an O_PATH descriptor for real, through /proc/self/fd. The descriptor, which
-// is close-on-exec, or -errno.
+// Opens the file or directory behind an O_PATH descriptor for real, through /proc/self/fd, and waits
+// for leases on a file to be broken. The descriptor, which is close-on-exec, or -errno.
 int openAgain(int path_fd, int flags);
 
 struct InodeAddress {

@@ -296,6 +296,11 @@ int openSameInode(const TreeRoot &root, const Inode &other, std::unique_ptr<Inod
     fd = open(O_RDONLY | O_NONBLOCK | O_NOATIME);
     if (fd == -EPERM) fd = open(O_RDONLY | O_NONBLOCK);
   }
+  // Somebody who holds a lease gets time only when the data is needed.
+  if (regular && fd == -EWOULDBLOCK) {
+    held = DescriptorInode::Held::kPath;
+    fd = open(O_PATH);
+  }
   if (fd < 0) return fd;
   auto opened = std::make_unique<BtrfsInode>(UniqueFd(fd), held, &root);
   const int rc = opened->learnSame(theirs);

@@ -5,12 +5,15 @@
 #include <cerrno>
 
 #include "base/fd_path.h"
+#include "base/leases.h"
 
 Result openForReading(const kest_ifile_t *file, UniqueFd *fd) {
   const UniqueFd object(kest_path_descriptor(file));
   if (!object) return failedErrno(0);
-  constexpr int kFlagsToRead = O_RDONLY | O_NONBLOCK;
-  fd->reset(reopen(object.get(), kFlagsToRead | O_NOATIME));
-  if (!*fd && errno == EPERM) fd->reset(reopen(object.get(), kFlagsToRead));
+  const auto open = [&](int flags) {
+    return openPastLeases([&](int waiting) { return reopen(object.get(), flags | waiting); });
+  };
+  fd->reset(open(O_RDONLY | O_NOATIME));
+  if (!*fd && errno == EPERM) fd->reset(open(O_RDONLY));
   return *fd ? Result{} : failedErrno(0);
 }
