@@ -13,6 +13,7 @@
 #include "btrfs/inode_names.h"
 #include "btrfs/inode_scan.h"
 #include "btrfs/metadata_room.h"
+#include "btrfs/obstacles.h"
 #include "btrfs/relatives.h"
 #include "filesystem/error_text.h"
 
@@ -111,6 +112,11 @@ int BtrfsTree::findMountInTheWay(const Tree &snapshot, const Difference &differe
                                  std::string *point) const {
   return kest::findMountInTheWay(root_, static_cast<const BtrfsTree &>(snapshot).root_,
                                  difference.set(), point);
+}
+
+int BtrfsTree::findObstacles(const Tree &snapshot, Difference *difference,
+                             const ObstacleVisitor &visit) const {
+  return kest::findObstacles(root_, static_cast<const BtrfsTree &>(snapshot).root_, difference, visit);
 }
 
 int BtrfsTree::fileSurvives(const Tree &snapshot, const char *path) const {

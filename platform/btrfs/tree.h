@@ -32,6 +32,8 @@ class BtrfsTree : public Tree {
   int largestInode(const uint64_t *snapshot_id, uint64_t *ino) const override;
   int findMountInTheWay(const Tree &snapshot, const Difference &difference,
                         std::string *point) const override;
+  int findObstacles(const Tree &snapshot, Difference *difference,
+                    const ObstacleVisitor &visit) const override;
   int fileSurvives(const Tree &snapshot, const char *path) const override;
 
  private:

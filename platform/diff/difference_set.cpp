@@ -14,7 +14,9 @@ void DifferenceSet::setJunctions(std::vector<Junction> junctions) {
 DiffInode DifferenceSet::firstFrom(uint64_t ino) const {
   NumberPair found;
   if (!inodes_.from({ino, 0}).next(&found)) return {};
-  return {found.first, static_cast<unsigned>(found.second)};
+  const auto added = added_.find(found.first);
+  const unsigned more = added == added_.end() ? 0 : added->second;
+  return {found.first, static_cast<unsigned>(found.second) | more};
 }
 
 DiffInode DifferenceSet::find(uint64_t ino) const {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -42,6 +43,8 @@ class DifferenceSet {
   // Pairs of an inode of the snapshot and one of the fileset that count as one; neither is in the set.
   void setTwins(SortedPairs twins) { twins_ = std::move(twins); }
   void setJunctions(std::vector<Junction> junctions);
+  // Adds bits to the state of an inode of the set, for few of them.
+  void addState(uint64_t ino, unsigned bits) { added_[ino] |= bits; }
 
   size_t size() const { return inodes_.size(); }
   DiffInode find(uint64_t ino) const;
@@ -58,7 +61,8 @@ class DifferenceSet {
 
  private:
   SortedPairs inodes_, leads_, twins_;
-  std::vector<Junction> junctions_;  // by directory
+  std::unordered_map<uint64_t, unsigned> added_;  // states, by inode
+  std::vector<Junction> junctions_;               // by directory
 };
 
 }  // namespace kest

@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -197,6 +198,8 @@ class Difference {
   // Commits the file system and compares. The other calls rely on it. If it failed it can be repeated.
   virtual int compute() = 0;
   const DifferenceSet &set() const { return set_; }
+  // A file of both trees has to be made again: it differs, runs and cannot be written.
+  void noteRunning(uint64_t ino) { set_.addState(ino, KEST_DI_RUNS); }
 
   // The attributes of an inode of the set. ia_nlink is 0 where the active tree has it no more.
   virtual int readAttributes(const DiffInode &inode, kest_iattr64_t *attr) = 0;
@@ -215,6 +218,9 @@ class Difference {
  protected:
   DifferenceSet set_;
 };
+
+// `kind`: KEST_OB_*; `path`: of the object in the fileset, or where it would be.
+using ObstacleVisitor = std::function<void(unsigned kind, const std::string &path)>;
 
 struct InodeNames {
   uint64_t generation = 0;
@@ -265,6 +271,10 @@ class Tree {
   // 1 or 0. See kest_mount_in_the_way.
   virtual int findMountInTheWay(const Tree &snapshot, const Difference &difference,
                                 std::string *point) const = 0;
+  // Visits what of the difference, which is computed, a restore cannot treat like the rest, and notes
+  // the programs that run. See kest_find_obstacles.
+  virtual int findObstacles(const Tree &snapshot, Difference *difference,
+                            const ObstacleVisitor &visit) const = 0;
   // Whether a restore from `snapshot` leaves the file at `path` alone. 1 or 0. See kest_file_survives.
   virtual int fileSurvives(const Tree &snapshot, const char *path) const = 0;
 };

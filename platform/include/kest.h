@@ -137,6 +137,21 @@ int kest_other_node(const char *nodes, char *node, size_t size);
 int kest_mount_in_the_way(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
                           kest_iscan_t *scan, char *point, size_t size);
 
+/* For a restore that is about to begin, as above: calls visit(arg, kind, path) for every object of the
+ * difference that it cannot treat like others; `path` is the object's in the fileset, absolute. A file
+ * that has to change is tried for writing, which breaks leases on it, but nobody is waited for. 0; -1
+ * errno. */
+#define KEST_OB_RUNS                                                                      \
+  1u /* a program that runs: its data have to change, and the kernel lets nobody write to \
+        it. From now on kest_idifference says KEST_DI_RUNS of it. */
+#define KEST_OB_SWAP 2u /* active swap space: the kernel lets nobody write to, rename or remove it */
+#define KEST_OB_ACL                                                                      \
+  3u /* it has an access control list, and the file system is mounted without them; told \
+        of the first one alone */
+int kest_find_obstacles(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
+                        kest_iscan_t *scan, void (*visit)(void *arg, unsigned kind, const char *path),
+                        void *arg);
+
 /* ---- inode scans ---------------------------------------------------------------------------- */
 
 /* Opens a scan of the handle's inodes; costs microseconds, nothing is read before the first question.
@@ -177,6 +192,7 @@ int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t
 #define KEST_DI_LINKED 0x10  /* no directory, and with several names in either tree */
 #define KEST_DI_ENTRIES 0x20 /* a directory of both, with entries that only one of them has */
 #define KEST_DI_CLONE 0x40   /* a regular file of both, with clone attributes in either tree */
+#define KEST_DI_RUNS 0x80    /* kest_find_obstacles found it: a program that has to be made again */
 int kest_idifference(kest_iscan_t *scan, uint64_t ino);
 
 /* 0 and the number of the active inode that is the twin of inode `ino` of the snapshot, 0 where it has

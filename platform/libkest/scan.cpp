@@ -195,4 +195,18 @@ int kest_mount_in_the_way(const kest_fssnap_handle_t *active, const kest_fssnap_
   });
 }
 
+int kest_find_obstacles(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
+                        kest_iscan_t *scan, void (*visit)(void *arg, unsigned kind, const char *path),
+                        void *arg) {
+  return cCall([&] {
+    if (active == nullptr || snap == nullptr || visit == nullptr) return -EINVAL;
+    Difference *difference;
+    const int rc = differenceOf(scan, &difference);
+    if (rc < 0) return rc;
+    return active->tree->findObstacles(
+        *snap->tree, difference,
+        [&](unsigned kind, const std::string &path) { visit(arg, kind, path.c_str()); });
+  });
+}
+
 }  // extern "C"

@@ -98,6 +98,10 @@ enum class Message : int {
   kUnlinked,
   kUnlinkedFromHome,
   kUnlinkFailed,
+  kProgramRuns,
+  kSwapSpace,
+  kNoAcls,
+  kObstaclesUnknown,
   // fsetcompare.
   kCompareUsage,
   kCompareHelp,
@@ -253,6 +257,18 @@ inline constexpr MessageText kMessages[] = {
      "The nested fileset at %s belongs at %s, which is taken or gone. It was unlinked; all its data is "
      "at %s.\n"},
     {Message::kUnlinkFailed, 0, 0, "Failed to unlink the nested fileset at %s. exit status %d\n"},
+    {Message::kProgramRuns, 0, 0,
+     "%s runs and cannot be written: the restore makes it anew. What runs goes on, without a name, until "
+     "it ends.\n"},
+    {Message::kSwapSpace, 0, 0,
+     "%s is active swap space and would have to be changed, moved or removed. Nothing was restored. "
+     "Run "
+     "swapoff on it and start again.\n"},
+    {Message::kNoAcls, 0, 0,
+     "%s has an access control list, but the file system is mounted without them (noacl). Nothing was "
+     "restored. Run mount -o remount,acl %s and start again.\n"},
+    {Message::kObstaclesUnknown, 0, 0,
+     "Cannot tell what of the fileset %s is in use: %s. Nothing was restored.\n"},
     {Message::kCompareUsage, 0, 0, "Usage: %s Device -j FileSet -o SnapShot [--full]\n"},
     {Message::kCompareHelp, 0, 0,
      "Usage: fsetcompare Device -j FileSet -o SnapShot [--full]\n"

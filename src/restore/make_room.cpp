@@ -149,6 +149,7 @@ Result makeRoom(const std::function<Result()> &attempt) {
   Result found = openOwnScan(&scan, &max_ino);
   if (found) {
     if (Result r = mountCheck(scan.get()); !r) return r;
+    if (Result r = obstacleCheck(scan.get(), false); !r) return r;
     found = findCandidates(scan.get(), max_ino, &files);
   }
   if (!found) {
@@ -175,6 +176,7 @@ Result makeRoomForLists() {
     result = makeRoom([bytes] { return reserve(bytes); });
     // What was removed must not be listed.
     if (Result r = renewDifference(); !r) return r;
+    if (Result r = obstacleCheck(handles.iscanP, false); !r) return r;
   }
   if (result || isFull(result.err)) return {};
   if (stopSignal() == 0) userMessage(Message::kFileError, workPath(kRoom), strerror(result.err));

@@ -170,6 +170,7 @@ Result restoreFileset(int argc, char **argv, uint64_t item_limit, MasterLists &l
   if (Result r = checkCommandLines(); !r) return r;
   userMessage(Message::kScan, formatTimeStamp());
   if (Result r = mountCheck(handles.iscanP); !r) return r;
+  if (Result r = obstacleCheck(handles.iscanP, true); !r) return r;
   if (Result r = makeRoomForLists(); !r) return r;
   *worthless = false;
   return runPassesAndPhases(lists);

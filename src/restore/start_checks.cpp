@@ -105,6 +105,39 @@ Result selfCheck() {
   return {};
 }
 
+namespace {
+
+struct ObstacleReport {
+  bool tell_programs;
+  bool refused = false;  // the restore cannot begin
+};
+
+void reportObstacle(void *arg, unsigned kind, const char *path) {
+  auto *const report = static_cast<ObstacleReport *>(arg);
+  if (kind == KEST_OB_RUNS) {
+    if (report->tell_programs) userMessage(Message::kProgramRuns, path);
+    return;
+  }
+  report->refused = true;
+  if (kind == KEST_OB_SWAP) {
+    userMessage(Message::kSwapSpace, path);
+  } else {
+    userMessage(Message::kNoAcls, path, handles.rootPath);
+  }
+}
+
+}  // namespace
+
+Result obstacleCheck(kest_iscan_t *scan, bool tell) {
+  ObstacleReport report{tell};
+  if (kest_find_obstacles(handles.activeFsP, handles.oldFsP, scan, reportObstacle, &report) != 0) {
+    const Result result = failedErrno(0);
+    userMessage(Message::kObstaclesUnknown, settings.filesetP, strerror(result.err));
+    return result;
+  }
+  return report.refused ? errnoResult(EBUSY) : Result{};
+}
+
 Result mountCheck(kest_iscan_t *scan) {
   char point[kPathMax];
   const int found = kest_mount_in_the_way(handles.activeFsP, handles.oldFsP, scan, point, sizeof point);

@@ -37,9 +37,17 @@ Result knownKind(uint64_t ino, bool *known, FileKind *kind) {
   if (!(bits & KEST_DI_ACTIVE)) {
     *kind = kKindDeleted;
   } else {
-    *kind = bits & KEST_DI_SNAPSHOT && !(bits & KEST_DI_REPLACED) ? kKindSame : kKindOther;
+    const bool same = bits & KEST_DI_SNAPSHOT && !(bits & (KEST_DI_REPLACED | KEST_DI_RUNS));
+    *kind = same ? kKindSame : kKindOther;
   }
   return {};
+}
+
+// Whether it is a program that has to be made again, since it runs.
+Result runs(uint64_t ino, bool *running) {
+  const int bits = kest_idifference(handles.iscanP, ino);
+  *running = bits > 0 && (bits & KEST_DI_RUNS) != 0;
+  return bits < 0 ? checkFailed(ino, failed(kAskDifference)) : Result{};
 }
 
 // What the two inodes of one number are to each other.
@@ -75,7 +83,11 @@ Result checkFile(uint64_t ino, FileKind *kind) {
 Result checkScanned(uint64_t ino, FileKind *kind) {
   bool known = false;
   if (Result r = knownKind(ino, &known, kind); !r || known) return r;
-  return checkFile(ino, kind);
+  if (Result r = checkFile(ino, kind); !r || *kind != kKindSame) return r;
+  bool running = false;
+  if (Result r = runs(ino, &running); !r) return r;
+  if (running) *kind = kKindOther;
+  return {};
 }
 
 bool mayBeClone(uint64_t ino) {
@@ -87,7 +99,7 @@ bool mayBeClone(uint64_t ino) {
 Result needsRemaking(uint64_t ino, bool *remake) {
   bool known = false;
   FileKind kind = kKindSame;
-  *remake = false;
+  if (Result r = runs(ino, remake); !r || *remake) return r;
   if (Result r = knownKind(ino, &known, &kind); !r || known) return r;
   Pair pair;
   if (Result r = lookAtPair(ino, &pair); !r) return checkFailed(ino, r);

@@ -18,14 +18,15 @@ enum FileKind : int {
 Result checkFile(uint64_t ino, FileKind *kind);
 
 // The same for the scan and the walks: in the first pass, before the run has changed anything, it is
-// what the difference knows, and nothing is opened. Master only.
+// what the difference knows, and nothing is opened. A program that runs and would have to be written to
+// is not the snapshot's file either. Master only.
 Result checkScanned(uint64_t ino, FileKind *kind);
 
 // False for a file of both trees that the difference knows as no clone of either. Master only.
 bool mayBeClone(uint64_t ino);
 
-// Whether the inode is the same in both trees, but nothing turns its clone state back into the
-// snapshot's, so that it counts as another file. As checkScanned.
+// Whether the inode is the same in both trees, but counts as another file: nothing turns its clone
+// state back into the snapshot's, or it runs. As checkScanned.
 Result needsRemaking(uint64_t ino, bool *remake);
 
 // Whether a non-directory has two or more names in the snapshot, or had them in the active fileset when

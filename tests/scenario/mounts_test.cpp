@@ -205,4 +205,29 @@ TEST_F(Mounts, InTheSnapshot) {
   expectRestored();
 }
 
+// The options of a mount are those of the whole file system.
+using WithoutAcls = RestoreFixture;
+
+TEST_F(WithoutAcls, EndsTheRunWhereTheDifferenceHoldsOne) {
+  tree().file("plain", "text");
+  for (const char *name : {"same", "deleted"}) {
+    tree().file(name, "text");
+    tree().setXattr(name, testsupport::kAccessAcl, testsupport::aclForUser(1000, 4));
+  }
+  takeSnapshot();
+  tree().append("plain", "more");
+  remount("noacl");
+  EXPECT_EQ(restore().exitStatus, 0);
+  EXPECT_EQ(tree().read("plain"), "text");
+  tree().append("plain", "more");
+  tree().remove("deleted");
+  const RunResult result = restore();
+  EXPECT_EQ(result.exitStatus, 1) << result.describe();
+  EXPECT_NE(result.err.find("mount -o remount,acl " + root()), std::string::npos) << result.err;
+  EXPECT_NE(result.err.find(root() + "/deleted has an access control list"), std::string::npos);
+  EXPECT_EQ(tree().read("plain"), "textmore");
+  remount();
+  expectRestored();
+}
+
 }  // namespace

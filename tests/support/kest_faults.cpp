@@ -134,6 +134,10 @@ WRAP(int64_t, kest_metadata_room, (const kest_fssnap_handle_t *h), h)
 WRAP(int, kest_is_quota_file, (const kest_fssnap_handle_t *h, const char *p, const char *n), h, p, n)
 WRAP(int, kest_file_survives,
      (const kest_fssnap_handle_t *a, const kest_fssnap_handle_t *s, const char *p), a, s, p)
+WRAP(int, kest_find_obstacles,
+     (const kest_fssnap_handle_t *a, const kest_fssnap_handle_t *s, kest_iscan_t *c,
+      void (*v)(void *, unsigned, const char *), void *x),
+     a, s, c, v, x)
 WRAP(kest_iscan_t *, kest_open_inodescan64, (Handle h, const kest_snapid_t *prev, uint64_t *most), h,
      prev, most)
 WRAP(int, kest_next_inode64, (kest_iscan_t * s, uint64_t end, const kest_iattr64_t **a), s, end, a)

@@ -1,0 +1,178 @@
+#include "btrfs/obstacles.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "btrfs/attributes.h"
+#include "btrfs/extent_diff.h"
+#include "btrfs/file_handle.h"
+#include "btrfs/inode_flags.h"
+#include "btrfs/inode_names.h"
+#include "btrfs/tree_items.h"
+
+namespace kest {
+
+namespace {
+
+enum class Use { kFree, kRuns, kSwap, kUnknown };
+
+// 1 where the file system is mounted without access control lists, 0, -errno.
+int lacksAcls(int fd) {
+  if (fgetxattr(fd, "system.posix_acl_access", nullptr, 0) >= 0 || errno == ENODATA) return 0;
+  return errno == EOPNOTSUPP ? 1 : -errno;
+}
+
+// The programs of this tree that run, by inode number, as far as /proc shows their processes.
+std::unordered_set<uint64_t> runningPrograms(dev_t device) {
+  std::unordered_set<uint64_t> programs;
+  const std::unique_ptr<DIR, int (*)(DIR *)> processes(opendir("/proc"), closedir);
+  while (const dirent *entry = processes ? readdir(processes.get()) : nullptr) {
+    if (isdigit(static_cast<unsigned char>(entry->d_name[0])) == 0) continue;
+    struct stat st;
+    const std::string program = std::string(entry->d_name) + "/exe";
+    if (fstatat(dirfd(processes.get()), program.c_str(), &st, 0) == 0 && st.st_dev == device)
+      programs.insert(st.st_ino);
+  }
+  return programs;
+}
+
+class Obstacles {
+ public:
+  Obstacles(const TreeRoot &active, const TreeRoot &snapshot, Difference *difference,
+            const ObstacleVisitor &visit)
+      : root_(active),
+        snapshot_root_(snapshot),
+        active_(active.fd.get(), active.subvol_id),
+        snapshot_(active.fd.get(), snapshot.subvol_id),
+        extents_now_(active.fd.get(), active.subvol_id),
+        extents_then_(active.fd.get(), snapshot.subvol_id),
+        difference_(difference),
+        visit_(visit) {}
+
+  int find() {
+    const int no_acls = lacksAcls(root_.fd.get());
+    if (no_acls < 0) return no_acls;
+    look_for_acls_ = no_acls > 0;
+    const DifferenceSet &set = difference_->set();
+    for (DiffInode one = set.firstFrom(0); one.ino != 0; one = set.firstFrom(one.ino + 1))
+      if (int rc = lookAt(one); rc < 0) return rc;
+    return 0;
+  }
+
+ private:
+  int lookAt(const DiffInode &one) {
+    const bool same = one.alive() && one.inSnapshot() && !one.replaced();
+    if (one.alive() && (one.state & KEST_DI_DIR) == 0)
+      if (int rc = lookAtUse(one.ino, same); rc < 0) return rc;
+    return look_for_acls_ ? lookForAcl(one, same) : 0;
+  }
+
+  // `same`: the snapshot has the file, too.
+  int lookAtUse(uint64_t ino, bool same) {
+    InodeItem now;
+    if (int rc = readInode(active_, ino, &now); rc <= 0) return rc;
+    // Swap space lies in files without copy-on-write alone, and a program that is to go runs on.
+    const bool may_be_swap = (storageFlagsOfItem(now.mode, now.flags) & FS_NOCOW_FL) != 0;
+    if (!S_ISREG(now.mode) || (!same && !may_be_swap)) return 0;
+    switch (useOf(ino, now, may_be_swap)) {
+      case Use::kSwap:
+        return report(KEST_OB_SWAP, ino, root_);
+      case Use::kRuns:
+        return same ? lookAtProgram(ino, now) : 0;
+      default:
+        return 0;
+    }
+  }
+
+  // By what the kernel answers to an attempt to write. The attempt also tells whoever holds a lease on
+  // the file to give it up: nobody is waited for here, and the time runs for all of them at once.
+  Use useOf(uint64_t ino, const InodeItem &now, bool may_be_swap) {
+    const UniqueFd fd(openEvenNameless(root_.fd.get(), root_.subvol_id, ino,
+                                       static_cast<uint32_t>(now.generation), O_WRONLY | O_NONBLOCK));
+    if (fd) {
+      // This range is too large for any file; the kernel says so only of one that is not swap space.
+      constexpr off_t kTooFar = INT64_MAX;
+      if (may_be_swap && fallocate(fd.get(), FALLOC_FL_KEEP_SIZE, kTooFar, kTooFar) != 0 &&
+          errno == ETXTBSY)
+        return Use::kSwap;
+      return Use::kFree;
+    }
+    if (fd.get() == -ETXTBSY) return Use::kRuns;
+    if (fd.get() != -EPERM) return Use::kUnknown;
+    // An immutable or append-only file is not opened for writing, whether it runs or not.
+    if (!running_) running_ = runningPrograms(root_.device);
+    return running_->contains(ino) ? Use::kRuns : Use::kUnknown;
+  }
+
+  // A program that runs counts only where the restore would have to write to it.
+  int lookAtProgram(uint64_t ino, const InodeItem &now) {
+    InodeItem then;
+    if (int rc = readInode(snapshot_, ino, &then); rc <= 0) return rc;
+    if (now.size == then.size && sharesInPlace(then.flags, now.flags)) {
+      std::vector<FileRange> ranges;
+      const int rc = diffExtents(extents_now_, extents_then_, ino, 0, now.size, 1, &ranges);
+      if (rc < 0 || ranges.empty()) return rc;
+    }
+    difference_->noteRunning(ino);
+    return report(KEST_OB_RUNS, ino, root_);
+  }
+
+  // One is enough to know.
+  int lookForAcl(const DiffInode &one, bool same) {
+    int has = 0;
+    if (one.inSnapshot()) has = hasAcl(snapshot_, one.ino);
+    if (has == 0 && same) has = hasAcl(active_, one.ino);
+    if (has <= 0) return has;
+    look_for_acls_ = false;
+    return report(KEST_OB_ACL, one.ino, same ? root_ : snapshot_root_);
+  }
+
+  static int hasAcl(TreeReader &tree, uint64_t ino) {
+    std::vector<XattrItem> xattrs;
+    const int rc = readXattrs(tree, ino, &xattrs);
+    if (rc <= 0) return rc;
+    return std::any_of(xattrs.begin(), xattrs.end(),
+                       [](const XattrItem &one) { return factOfXattr(one.name) == KEST_HAS_ACL; });
+  }
+
+  int report(unsigned kind, uint64_t ino, const TreeRoot &where) const {
+    InodeNames names;
+    const int rc = findInodeNames(where.fd.get(), where.subvol_id, ino, !where.isSnapshot(), &names);
+    if (rc < 0) return rc;
+    std::string path = root_.path == "/" ? "" : root_.path;
+    if (names.paths.empty())
+      path += "/?";  // it has just lost its last name
+    else if (!names.paths.front().empty())
+      path += "/" + names.paths.front();
+    visit_(kind, path);
+    return 0;
+  }
+
+  const TreeRoot &root_, &snapshot_root_;
+  TreeReader active_, snapshot_, extents_now_, extents_then_;
+  Difference *difference_;
+  const ObstacleVisitor &visit_;
+  bool look_for_acls_ = false;
+  std::optional<std::unordered_set<uint64_t>> running_;
+};
+
+}  // namespace
+
+int findObstacles(const TreeRoot &active, const TreeRoot &snapshot, Difference *difference,
+                  const ObstacleVisitor &visit) {
+  return Obstacles(active, snapshot, difference, visit).find();
+}
+
+}  // namespace kest
