@@ -6,7 +6,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstring>
 #include <fstream>
+#include <string>
 
 namespace {
 
@@ -25,6 +28,20 @@ seconds breakTime() {
 }
 
 }  // namespace
+
+std::unordered_set<uint64_t> leasedInodes() {
+  std::unordered_set<uint64_t> inodes;
+  std::ifstream locks("/proc/locks");
+  for (std::string line; std::getline(locks, line);) {
+    // 1: LEASE ACTIVE WRITE 4711 00:2a:257 0 EOF
+    char kind[16];
+    unsigned long long ino = 0;
+    if (sscanf(line.c_str(), "%*s %15s %*s %*s %*s %*x:%*x:%llu", kind, &ino) == 2 &&
+        strcmp(kind, "LEASE") == 0)
+      inodes.insert(ino);
+  }
+  return inodes;
+}
 
 int openPastLeases(const std::function<int(int waiting)> &open) {
   int fd = open(O_NONBLOCK);

@@ -66,12 +66,17 @@ class DescriptorInode : public Inode {
     fd_ = std::move(fd);
     return fd_.get();
   }
+  // The same for an O_PATH descriptor, where `held` says otherwise.
+  int keepPath(UniqueFd fd) const {
+    held_ = Held::kPath;
+    return keep(std::move(fd));
+  }
 
  private:
   template <typename Call>
   int onRealDescriptor(Call call);
 
-  Held held_;
+  mutable Held held_;
   mutable UniqueFd fd_;
   UniqueFd read_fd_, write_fd_;  // where fd_ is not open so, once they are needed
 };

@@ -121,11 +121,9 @@ int FrozenInode::openLate() const {
   int fd = open(regular ? O_RDONLY | O_NONBLOCK | O_NOATIME : O_PATH);
   if (fd == -EPERM && regular) fd = open(O_RDONLY | O_NONBLOCK);
   if (fd == -EWOULDBLOCK && regular) {
-    // Somebody holds a lease on it.
-    const UniqueFd path(open(O_PATH));
-    if (!path) return path.get();
-    fd = openAgain(path.get(), O_RDONLY | O_NOATIME);
-    if (fd == -EPERM) fd = openAgain(path.get(), O_RDONLY);
+    // Somebody holds a lease, and gets time only when the data is needed.
+    UniqueFd path(open(O_PATH));
+    return path ? keepPath(std::move(path)) : path.get();
   }
   return fd < 0 ? fd : keep(UniqueFd(fd));
 }

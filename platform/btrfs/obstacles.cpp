@@ -15,6 +15,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/leases.h"
 #include "btrfs/attributes.h"
 #include "btrfs/extent_diff.h"
 #include "btrfs/file_handle.h"
@@ -65,6 +66,7 @@ class Obstacles {
     const int no_acls = lacksAcls(root_.fd.get());
     if (no_acls < 0) return no_acls;
     look_for_acls_ = no_acls > 0;
+    leased_ = leasedInodes();
     const DifferenceSet &set = difference_->set();
     for (DiffInode one = set.firstFrom(0); one.ino != 0; one = set.firstFrom(one.ino + 1))
       if (int rc = lookAt(one); rc < 0) return rc;
@@ -76,7 +78,21 @@ class Obstacles {
     const bool same = one.alive() && one.inSnapshot() && !one.replaced();
     if (one.alive() && (one.state & KEST_DI_DIR) == 0)
       if (int rc = lookAtUse(one.ino, same); rc < 0) return rc;
+    if (one.inSnapshot() && leased_.contains(one.ino))
+      if (int rc = tellHolder(one.ino); rc < 0) return rc;
     return look_for_acls_ ? lookForAcl(one, same) : 0;
+  }
+
+  // Of a lease on the snapshot's file. Nobody is waited for here, and the time runs for all holders at
+  // once.
+  int tellHolder(uint64_t ino) {
+    InodeItem then;
+    if (int rc = readInode(snapshot_, ino, &then); rc <= 0) return rc;
+    if (!S_ISREG(then.mode)) return 0;  // the number is that of a file elsewhere
+    const UniqueFd fd(openEvenNameless(root_.fd.get(), snapshot_root_.subvol_id, ino,
+                                       static_cast<uint32_t>(then.generation),
+                                       O_RDONLY | O_NONBLOCK | O_NOATIME));
+    return 0;
   }
 
   // `same`: the snapshot has the file, too.
@@ -96,8 +112,8 @@ class Obstacles {
     }
   }
 
-  // By what the kernel answers to an attempt to write. The attempt also tells whoever holds a lease on
-  // the file to give it up: nobody is waited for here, and the time runs for all of them at once.
+  // By what the kernel answers to an attempt to write, which also tells the holder of a lease on the
+  // file.
   Use useOf(uint64_t ino, const InodeItem &now, bool may_be_swap) {
     const UniqueFd fd(openEvenNameless(root_.fd.get(), root_.subvol_id, ino,
                                        static_cast<uint32_t>(now.generation), O_WRONLY | O_NONBLOCK));
@@ -165,6 +181,7 @@ class Obstacles {
   Difference *difference_;
   const ObstacleVisitor &visit_;
   bool look_for_acls_ = false;
+  std::unordered_set<uint64_t> leased_;
   std::optional<std::unordered_set<uint64_t>> running_;
 };
 

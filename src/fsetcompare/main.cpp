@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "base/fd_path.h"
+#include "base/leases.h"
 #include "base/result.h"
 #include "base/unique_fd.h"
 #include "fsetcompare/report.h"
@@ -76,11 +78,24 @@ Result commit() {
   return root ? called(syncfs(root.get())) : failedErrno(0);
 }
 
+// Lets the time run for all who hold leases on files that will be read. Each is waited for when his
+// file's turn comes.
+void tellLeaseHolders() {
+  for (const uint64_t ino : leasedInodes())
+    for (kest_fssnap_handle_t *tree : {handles.activeFsP, handles.oldFsP}) {
+      Inode file;
+      if (!openIfThere(tree, ino, &file) || !file || !isRegular(file->if_mode)) continue;
+      const UniqueFd object(kest_path_descriptor(file.get()));
+      if (object) const UniqueFd told(reopen(object.get(), O_RDONLY | O_NONBLOCK | O_NOATIME));
+    }
+}
+
 Status compare(bool full) {
   if (Result r = commit(); !r) {
     userMessage(Message::kCannotCompare, handles.rootPath, strerror(r.err));
     return kTrouble;
   }
+  if (full) tellLeaseHolders();
   Report report;
   if (Result r = compareTrees(full, &report); !r) {
     userMessage(Message::kCompareBrokeOff, strerror(r.err));
