@@ -487,8 +487,13 @@ int TreeComparison::findLineTime() {
   SubvolumeTable table;
   int rc = table.load(common_.root.fd.get());
   if (rc < 0) return rc;
-  for (const Subvolume &one : table.all())
-    if (one.otransid == common_.line) common_.line_time = one.created;
+  for (const Subvolume &one : table.all()) {
+    if (one.otransid != common_.line) continue;
+    common_.line_time = one.created;
+    // The directory that a snapshot is put into changes in the transaction of the line, but not in the
+    // snapshot itself.
+    if (one.parent_id == common_.root.subvol_id) first().folders.push_back(one.dir);
+  }
   return 0;
 }
 

@@ -337,6 +337,26 @@ TEST_F(Junctions, FolderWithoutSnapshotsIsRestored) {
   expectUntouched(nested, expectEqual());
 }
 
+// It changes in the transaction that makes the snapshot, but not in the snapshot.
+TEST_F(Junctions, DirectoryThatTheSnapshotIsPutIntoGetsItsTimes) {
+  tree().dir("snaps");
+  tree().mtime("snaps", 1000000000);
+  const std::string name = fileset() + "/snaps/one";
+  fs().snapshot(fileset(), name);
+  testsupport::RunOptions comparing;
+  comparing.program = "/usr/qtx/kest/bin/fsetcompare";
+  const auto compared = [&] {
+    return runRestore(fs().mountPoint(), fileset(), name, {}, comparing).out;
+  };
+  EXPECT_NE(compared().find("mtime\tsnaps\t1000000000.0"), std::string::npos) << compared();
+  const RunResult result = runRestore(fs().mountPoint(), fileset(), name, {"-m", "4"});
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  EXPECT_EQ(joined(compare(fingerprint(fs().path(name), kWithoutNested),
+                           fingerprint(root(), kWithoutNested))),
+            "");
+  EXPECT_EQ(compared(), "differences\t0\n");
+}
+
 TEST_F(Junctions, FailingUnlinkFailsTheRunAndLosesNothing) {
   tree().dirs("d");
   tree().file("d/f", "text");
