@@ -17,7 +17,7 @@ namespace kest {
 
 namespace {
 
-constexpr uint64_t kSector = 4096;
+constexpr int64_t kSector = 4096;
 
 // For the end of a program.
 constexpr int kMostWaits = 200;
@@ -25,6 +25,28 @@ constexpr useconds_t kWaitMicroseconds = 10000;
 
 int resultOf(int rc) {
   return rc == 0 ? 0 : -errno;
+}
+
+// Where the hole after the data at `offset` begins; -errno. In the last block of the longest file the
+// kernel's own sum overflows, and it answers with the smallest number.
+int64_t holeAfter(int fd, int64_t offset) {
+  const off_t hole = lseek(fd, offset, SEEK_HOLE);
+  return hole == INT64_MIN ? INT64_MAX : hole < 0 ? -errno : hole;
+}
+
+// Makes [from, to) of a file of `size` bytes a hole. 0 or -errno.
+int punch(int fd, int64_t from, int64_t to, int64_t size) {
+  if (to == size) {
+    // A hole that ends inside the last block would fill the rest of it with zeros instead of freeing
+    // it. After the last block of the longest file there is no offset.
+    if (size > INT64_MAX - kSector)
+      return ftruncate(fd, from) == 0 && ftruncate(fd, size) == 0 ? 0 : -errno;
+    to = (to + kSector - 1) / kSector * kSector;
+  }
+  int rc;
+  do rc = fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, from, to - from);
+  while (rc < 0 && errno == EINTR);
+  return resultOf(rc);
 }
 
 }  // namespace
@@ -39,12 +61,12 @@ int DescriptorInode::anyFd() const {
 }
 
 int DescriptorInode::readFd() {
-  if (held_ != Held::kPath) return fd();
+  const int path_fd = this->fd();  // which may tell how it is held
+  if (held_ != Held::kPath) return path_fd;
   if (read_fd_) return read_fd_.get();
   const mode_t mode = facts_.mode;
   if (!S_ISREG(mode) && !S_ISDIR(mode)) return -EINVAL;
   const int flags = O_RDONLY | (S_ISDIR(mode) ? O_DIRECTORY : 0);
-  const int path_fd = this->fd();
   if (path_fd < 0) return path_fd;
   int fd = openAgain(path_fd, flags | O_NOATIME);
   if (fd == -EPERM) fd = openAgain(path_fd, flags);
@@ -131,17 +153,10 @@ int DescriptorInode::makeHole(int64_t offset, int64_t end) {
     if (data < 0 && errno == ENXIO) break;
     if (data < 0) return -errno;
     if (data >= stop) break;
-    const off_t data_end = lseek(fd, data, SEEK_HOLE);
-    if (data_end < 0) return -errno;
+    const int64_t data_end = holeAfter(fd, data);
+    if (data_end < 0) return static_cast<int>(data_end);
     at = std::min<int64_t>(data_end, stop);
-    // A hole that ends inside the last block would fill the rest of it with zeros instead of freeing
-    // it.
-    const int64_t to =
-        at == status.st_size ? static_cast<int64_t>((at + kSector - 1) / kSector * kSector) : at;
-    int rc;
-    do rc = fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, data, to - data);
-    while (rc < 0 && errno == EINTR);
-    if (rc < 0) return -errno;
+    if (int rc = punch(fd, data, at, status.st_size); rc < 0) return rc;
   }
   return end > status.st_size ? resultOf(ftruncate(fd, end)) : 0;
 }
@@ -164,8 +179,8 @@ int DescriptorInode::stretchAt(int64_t offset, int64_t end, int64_t *stop, bool 
   *hole = data != offset;
   off_t next = data < 0 ? end : data;
   if (!*hole) {
-    next = lseek(fd, offset, SEEK_HOLE);
-    if (next < 0) return -errno;
+    next = holeAfter(fd, offset);
+    if (next < 0) return static_cast<int>(next);
   }
   *stop = std::min<int64_t>(next, end);
   return 0;

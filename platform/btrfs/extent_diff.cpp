@@ -95,9 +95,9 @@ bool hasBlock(const Stretch &stretch, uint64_t size) {
 }
 
 UniqueFd openFile(const InodeOfTree &file) {
-  // Looking at a file leaves its access time alone.
+  // Looking at a file leaves its access time alone, and waits for nobody who holds a lease on it.
   return UniqueFd(openByInode(file.tree.fd(), file.tree.treeId(), file.ino, 0,
-                              O_RDONLY | O_NOATIME | O_NOFOLLOW | O_CLOEXEC));
+                              O_RDONLY | O_NONBLOCK | O_NOATIME | O_NOFOLLOW | O_CLOEXEC));
 }
 
 bool readWhole(int fd, uint64_t at, std::vector<char> *buffer, size_t size) {

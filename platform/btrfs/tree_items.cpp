@@ -153,7 +153,8 @@ bool decodeExtent(const TreeItem &item, ExtentItem *extent) {
   }
   if (item.size < sizeof raw) return false;
   extent->length = le64toh(raw.num_bytes);
-  if (extent->start > kLongestFile || extent->length > kLongestFile - extent->start) return false;
+  // In whole blocks: the last one of the longest file ends after it.
+  if (extent->start > kLongestFile || extent->length > kLongestFile + 1 - extent->start) return false;
   extent->disk = le64toh(raw.disk_bytenr);
   extent->shift = le64toh(raw.offset) - item.key.offset;
   // A hole's offset field is not to be relied on; preallocated space reads as zeros.

@@ -14,8 +14,9 @@ namespace {
 constexpr int64_t kBlock = 4096;
 constexpr unsigned kExtentsAtOnce = 256;
 
+// In the longest file the last block ends where no offset is any more.
 int64_t roundUp(int64_t offset) {
-  return (offset + kBlock - 1) / kBlock * kBlock;
+  return offset > INT64_MAX - kBlock ? INT64_MAX : (offset + kBlock - 1) / kBlock * kBlock;
 }
 
 void add(Ranges *ranges, int64_t start, int64_t end) {
@@ -43,7 +44,8 @@ Result readExtentMap(const kest_ifile_t *file, std::vector<Extent> *extents) {
       const fiemap_extent &one = map->fm_extents[i];
       at = one.fe_logical + one.fe_length;
       if (one.fe_flags & FIEMAP_EXTENT_UNWRITTEN) continue;
-      extents->push_back({static_cast<int64_t>(one.fe_logical), static_cast<int64_t>(at),
+      const uint64_t end = std::min<uint64_t>(at, INT64_MAX);
+      extents->push_back({static_cast<int64_t>(one.fe_logical), static_cast<int64_t>(end),
                           one.fe_physical, (one.fe_flags & FIEMAP_EXTENT_ENCODED) != 0,
                           (one.fe_flags & FIEMAP_EXTENT_DATA_INLINE) == 0});
     }

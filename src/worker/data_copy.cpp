@@ -103,7 +103,7 @@ Result shareRange(kest_ifile_t *from, kest_ifile_t *to, int64_t *offset, int64_t
   const int64_t size = static_cast<int64_t>(from->if_size), stop = *offset + *length;
   if (*length <= 0 || stop > size) return {};
   const int64_t start = *offset - *offset % kBlock, whole = stop - stop % kBlock;
-  const int64_t end = whole == stop ? stop : std::min(whole + kBlock, size);
+  const int64_t end = whole == stop ? stop : whole + std::min(kBlock, size - whole);
   Result result = share(from, to, start, end);
   if (result) {
     *length = 0;

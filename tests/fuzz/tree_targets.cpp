@@ -50,7 +50,7 @@ void treeItem(std::string_view input) {
     FUZZ_CHECK(extent.is_inline ? extent.inline_data == body.substr(kInlineHead)
                                 : body.size() >= kExtentBytes);
     FUZZ_CHECK(extent.length <= INT64_MAX &&
-               (extent.is_inline || extent.start + extent.length <= INT64_MAX));
+               (extent.is_inline || extent.start + extent.length <= uint64_t{INT64_MAX} + 1));
   }
 }
 

@@ -66,6 +66,32 @@ const HistoryCase kCases[] = {
        t.punch("huge", 0, 8192);
        t.remove("huge deleted");
      }},
+    {"LongestFiles",
+     [](TreeBuilder &t) {
+       for (const uint64_t size : {INT64_MAX, INT64_MAX - 4095, INT64_MAX - 4094}) {
+         for (std::string name :
+              {"deleted", "shrunk", "hole at the end", "data at the end", "all data"}) {
+           name += std::to_string(size);
+           t.sparse(name, size, {0});
+           if (name.starts_with("data")) t.write(name, size - 1, "x");
+         }
+       }
+     },
+     [](TreeBuilder &t) {
+       for (const std::string &name : t.names("")) {
+         const uint64_t size = std::stoull(name.substr(name.find_first_of("0123456789")));
+         if (name.starts_with("deleted")) t.remove(name);
+         if (name.starts_with("shrunk")) t.truncate(name, 5000);
+         if (name.starts_with("hole")) t.write(name, size - 1, "x");
+         if (name.starts_with("data")) t.write(name, size - 1, "y");
+         // Beside the other kind of file nothing can be shared.
+         if (name.starts_with("all")) {
+           t.truncate(name, 0);
+           t.noCow(name);
+           t.write(name, size - 5000, std::string(5000, 'z'));
+         }
+       }
+     }},
     {"CompressedAndWithoutCopyOnWrite",
      [](TreeBuilder &t) {
        for (std::string name :

@@ -147,6 +147,7 @@ class Reader {
       if (start < 0 && errno == ENXIO) break;
       if (start < 0) failWithErrno("seek data of " + path);
       off_t stop = lseek(fd, start, SEEK_HOLE);
+      if (stop == INT64_MIN) stop = static_cast<off_t>(object->size);  // the kernel's sum overflows
       if (stop < 0) failWithErrno("seek hole of " + path);
       uint64_t from = static_cast<uint64_t>(start) / kBlock * kBlock;
       uint64_t to =
