@@ -15,6 +15,7 @@
 #include "fsetcompare/tree_compare.h"
 #include "messages/catalogue.h"
 #include "messages/messages.h"
+#include "run/limits.h"
 #include "run/open_run.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
@@ -113,6 +114,7 @@ Status compare(bool full) {
 
 int main(int argc, char **argv) {
   initMessages();
+  if (!prepareLimits()) return kTrouble;
   settings.role = Role::kComparison;
   Options options;
   if (!readOptions(argc, argv, &options)) {

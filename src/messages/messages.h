@@ -102,6 +102,7 @@ enum class Message : int {
   kSwapSpace,
   kNoAcls,
   kObstaclesUnknown,
+  kSmallStack,
   // fsetcompare.
   kCompareUsage,
   kCompareHelp,
@@ -269,6 +270,9 @@ inline constexpr MessageText kMessages[] = {
      "restored. Run mount -o remount,acl %s and start again.\n"},
     {Message::kObstaclesUnknown, 0, 0,
      "Cannot tell what of the fileset %s is in use: %s. Nothing was restored.\n"},
+    {Message::kSmallStack, 0, 0,
+     "The stack is limited to %lld KiB; deep trees need %lld. Nothing was done. Raise the limit with ulimit "
+     "-s.\n"},
     {Message::kCompareUsage, 0, 0, "Usage: %s Device -j FileSet -o SnapShot [--full]\n"},
     {Message::kCompareHelp, 0, 0,
      "Usage: fsetcompare Device -j FileSet -o SnapShot [--full]\n"

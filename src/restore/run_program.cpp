@@ -10,6 +10,7 @@
 #include "restore/fileset_services.h"
 #include "restore/master_run.h"
 #include "restore/preparation.h"
+#include "run/limits.h"
 #include "run/open_run.h"
 #include "run/settings.h"
 #include "run/stop_signal.h"
@@ -69,6 +70,7 @@ int runBatch() {
 
 int runProgram(int argc, char **argv, uint64_t item_limit) {
   initMessages();
+  if (!prepareLimits()) return 1;
   switch (readCommandLine(argc, argv)) {
     case RunMode::kProbe:
       return 0;

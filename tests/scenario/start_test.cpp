@@ -223,4 +223,24 @@ TEST_F(Start, NobodyNeedsToReadTheMessages) {
   EXPECT_EQ(joined(compare(fingerprint(fs().path(snapshotName())), fingerprint(root()))), "");
 }
 
+TEST_F(Start, LimitsOfTheProcessAreErrorsAndNoSignals) {
+  for (int i = 0; i < 1500; ++i) tree().file("file of a list that is long " + std::to_string(i));
+  takeSnapshot();
+  for (const std::string &name : tree().names("")) tree().remove(name);
+  const std::pair<const char *, const char *> limits[] = {
+      {"ulimit -f 16", "Error flushing work file cpList: File too large"},
+      {"ulimit -s 64", "The stack is limited to 64 KiB; deep trees need 4096."}};
+  for (const auto &[limit, message] : limits) {
+    RunOptions shell;
+    shell.program = "/bin/sh";
+    const RunResult result = testsupport::runProgram(
+        {"-c", std::string(limit) + "; exec " + testsupport::kRestoreProgram + " " + fs().mountPoint() +
+                   " -q -j " + fileset() + " -o " + snapshotName()},
+        shell);
+    EXPECT_EQ(result.exitStatus, 1) << result.describe();
+    EXPECT_NE(result.err.find(message), std::string::npos) << result.err;
+  }
+  expectRestored();
+}
+
 }  // namespace
