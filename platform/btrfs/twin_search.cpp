@@ -155,8 +155,13 @@ int TwinSearch::compareEntries(const NumberPair &pair, Family *family) {
         entry.junction ? hidden_.hidesSubvolume(pair.second, entry.name, entry.target) : 0;
     return hides < 0 ? hides : hides == 0;
   };
-  // No restore brings back a nested fileset.
-  const auto shownThen = [](const DirEntryItem &entry) { return entry.junction ? 0 : 1; };
+  // A nested fileset that has left the fileset is not looked for. Any other one must be at its home,
+  // and a directory that has one is no twin.
+  const auto shownThen = [&](const DirEntryItem &entry) {
+    uint64_t dir;
+    std::string name;
+    return entry.junction ? findRootRef(root_.fd.get(), root_.subvol_id, entry.target, &dir, &name) : 1;
+  };
   const auto first_child = static_cast<ptrdiff_t>(family->pairs.size());
   for (;;) {
     const int more_now = now.next(shownNow);
