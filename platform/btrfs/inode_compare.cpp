@@ -69,11 +69,19 @@ std::vector<NameRef> namesOf(const char *path, const std::vector<NameRef> &names
 
 }  // namespace
 
+namespace {
+
+// Links and special files inherit flags from their directory, which nobody can change.
+bool sameFlags(const InodeItem &now, const InodeItem &then) {
+  return (!S_ISREG(now.mode) && !S_ISDIR(now.mode)) || ((now.flags ^ then.flags) & ~kPrivateFlags) == 0;
+}
+
+}  // namespace
+
 bool sameItem(const InodeItem &now, const InodeItem &then) {
   return now.mode == then.mode && now.uid == then.uid && now.gid == then.gid &&
          now.nlink == then.nlink && now.mtime == then.mtime && now.rdev == then.rdev &&
-         ((now.flags ^ then.flags) & ~kPrivateFlags) == 0 &&
-         (S_ISDIR(now.mode) || now.size == then.size);
+         sameFlags(now, then) && (S_ISDIR(now.mode) || now.size == then.size);
 }
 
 int readNamesAndXattrs(const InodeOfTree &inode, InodeRecord *record) {
