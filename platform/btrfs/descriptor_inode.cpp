@@ -187,47 +187,58 @@ int DescriptorInode::stretchAt(int64_t offset, int64_t end, int64_t *stop, bool 
 }
 
 int DescriptorInode::readLink(std::string *target) {
+  const int path_fd = fd();
+  if (path_fd < 0) return path_fd;
   char buffer[PATH_MAX];
-  const ssize_t length = readlinkat(fd(), "", buffer, sizeof buffer);
+  const ssize_t length = readlinkat(path_fd, "", buffer, sizeof buffer);
   if (length < 0) return -errno;
   target->assign(buffer, static_cast<size_t>(length));
   return 0;
 }
 
 int DescriptorInode::stat(struct stat *st) {
-  return resultOf(fstat(anyFd(), st));
+  const int fd = anyFd();
+  return fd < 0 ? fd : resultOf(fstat(fd, st));
 }
 
 int DescriptorInode::changeMode(mode_t mode) {
-  return resultOf(::changeMode(anyFd(), mode));
+  const int fd = anyFd();
+  return fd < 0 ? fd : resultOf(::changeMode(fd, mode));
 }
 
 int DescriptorInode::changeOwner(uid_t uid, gid_t gid) {
-  return resultOf(fchownat(anyFd(), "", uid, gid, AT_EMPTY_PATH));
+  const int fd = anyFd();
+  return fd < 0 ? fd : resultOf(fchownat(fd, "", uid, gid, AT_EMPTY_PATH));
 }
 
 int DescriptorInode::setTimes(const struct timespec times[2]) {
-  return resultOf(utimensat(anyFd(), "", times, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH));
+  const int fd = anyFd();
+  return fd < 0 ? fd : resultOf(utimensat(fd, "", times, AT_SYMLINK_NOFOLLOW | AT_EMPTY_PATH));
 }
 
 int DescriptorInode::listXattrs(std::vector<std::string> *names) {
-  return kest::listXattrs(anyFd(), names);
+  const int fd = anyFd();
+  return fd < 0 ? fd : kest::listXattrs(fd, names);
 }
 
 int DescriptorInode::readXattr(const char *name, std::string *value) {
-  return kest::readXattr(anyFd(), name, value);
+  const int fd = anyFd();
+  return fd < 0 ? fd : kest::readXattr(fd, name, value);
 }
 
 int DescriptorInode::writeXattr(const char *name, const std::string &value) {
-  return kest::writeXattr(anyFd(), name, value);
+  const int fd = anyFd();
+  return fd < 0 ? fd : kest::writeXattr(fd, name, value);
 }
 
 int DescriptorInode::removeXattr(const char *name) {
-  return kest::removeXattr(anyFd(), name);
+  const int fd = anyFd();
+  return fd < 0 ? fd : kest::removeXattr(fd, name);
 }
 
 int DescriptorInode::readProtection(Protection *protection) {
-  return kest::readProtection(anyFd(), "", protection);
+  const int fd = anyFd();
+  return fd < 0 ? fd : kest::readProtection(fd, "", protection);
 }
 
 // `call`(descriptor) on one that is no O_PATH descriptor.
@@ -252,8 +263,10 @@ int DescriptorInode::writeFlags(uint32_t flags) {
 }
 
 int DescriptorInode::duplicateDescriptor() {
-  const int fd = fcntl(anyFd(), F_DUPFD_CLOEXEC, 0);
-  return fd >= 0 ? fd : -errno;
+  const int fd = anyFd();
+  if (fd < 0) return fd;
+  const int copy = fcntl(fd, F_DUPFD_CLOEXEC, 0);
+  return copy >= 0 ? copy : -errno;
 }
 
 int DescriptorInode::takeDescriptor() {

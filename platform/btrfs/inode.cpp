@@ -112,7 +112,9 @@ int BtrfsInode::listEntries(EntryList *entries) {
 
 int BtrfsInode::readAttributes(kest_iattr64_t *attr) {
   struct statx status;
-  if (int rc = statNow(anyFd(), &status); rc < 0) return rc;
+  const int any = anyFd();
+  if (any < 0) return any;
+  if (int rc = statNow(any, &status); rc < 0) return rc;
   fillAttributes(status, facts_, attr);
   return carriesBlob(status.stx_mode, &attr->ia_xattr);
 }
@@ -127,7 +129,9 @@ int BtrfsInode::readFacts(kest_facts_t *facts) {
     if (int rc = readAllFlags(fd, &flags); rc < 0) return rc;
   }
   struct statx status;
-  if (int rc = statNow(anyFd(), &status); rc < 0) return rc;
+  const int any = anyFd();
+  if (any < 0) return any;
+  if (int rc = statNow(any, &status); rc < 0) return rc;
   std::vector<std::string> names;
   if (int rc = listXattrs(&names); rc < 0) return rc;
   *facts = {};

@@ -9,6 +9,7 @@ void ChangeNotes::take(ChangeNotes *other) {
   notes_.insert(notes_.end(), other->notes_.begin(),
                 other->notes_.begin() + static_cast<ptrdiff_t>(room));
   other->notes_ = {};
+  if (entries_ + other->entries_ > kMost) return;
   directories_.merge(other->directories_);
   entries_ += other->entries_;
 }

@@ -120,7 +120,7 @@ int carryOut(Run *run) {
     if (verdict == Verdict::kEqual)
       say(*run, frontText(FrontText::kRestored, shown(run->fileset.name()), shown(run->snapshot.name)) +
                     "\n");
-    else
+    else if (verdict == Verdict::kDifferent)  // else the comparison has said why it failed
       say(*run, frontText(FrontText::kStillDiffers, static_cast<int64_t>(after.lines)) + "\n");
   }
   if (!run->undo.empty())
@@ -161,7 +161,8 @@ int restoreCommand(const Request &request) {
     return kNotDone;
   }
   if (!request.no_backup) {
-    run.backup = takeBackup(fileset, undo ? Backup::kBeforeUndo : Backup::kBeforeRestore, time(nullptr));
+    run.backup =
+        takeBackup(fileset, undo ? Backup::kBeforeUndo : Backup::kBeforeRestore, time(nullptr));
     run.undo = undo ? "fset restore " + fileset.named + " " + shellWord("/" + run.backup)
                     : "fset undo " + fileset.named;
     say(run, frontText(FrontText::kBackupTaken, shown(run.backup)) + "\n");

@@ -11,12 +11,16 @@
 namespace {
 
 // Until its owner is set, a new file belongs to root and to the group of root, or of its directory. So
-// it gets at once what is safe with any owner, for good if the worker dies in between: a set-user-ID
-// bit would make it a root program, and a group that may do more than everybody could be the wrong one.
-mode_t modeAtBirth(mode_t mode) {
+// it gets at once only what is safe with any owner, for good if the worker dies in between: a
+// set-user-ID bit would make it a root program; and who is neither its owner nor in its group by then
+// may do with it what everybody may. An access control list, which comes later, can deny somebody what
+// the mode allows.
+mode_t modeAtBirth(const kest_facts_t &wanted) {
   constexpr mode_t kSpecialBits = 07000, kPermissions = 0777, kOwnerAlone = 0600;
-  const mode_t group = (mode >> 3) & 7, others = mode & 7;
-  const bool safe = (mode & kSpecialBits) == 0 && (group & ~others) == 0;
+  const mode_t mode = wanted.attr.ia_mode;
+  const mode_t owner = (mode >> 6) & 7, group = (mode >> 3) & 7, others = mode & 7;
+  const bool safe = (mode & kSpecialBits) == 0 && (wanted.has & KEST_HAS_ACL) == 0 && group == others &&
+                    (others & ~owner) == 0;
   return safe ? mode & kPermissions : kOwnerAlone;
 }
 
@@ -99,9 +103,9 @@ Result makeNode(const std::string &path, mode_t mode, dev_t device) {
                        [&] { return called(kest_mknod(handles.activeFsP, Now(path), mode, device)); });
 }
 
-Result createFile(const std::string &path, mode_t mode, OpenObject *file) {
+Result createFile(const std::string &path, const kest_facts_t &wanted, OpenObject *file) {
   return retryClearing(path, "", [&] {
-    file->file.reset(kest_icreate(handles.activeFsP, Now(path), modeAtBirth(mode)));
+    file->file.reset(kest_icreate(handles.activeFsP, Now(path), modeAtBirth(wanted)));
     return *file && kest_ifacts(file->get(), &file->facts) == 0 ? Result{} : failedErrno(0);
   });
 }

@@ -38,6 +38,6 @@ Result leaveOwnLink(const std::string &target, const std::string &location);
 
 Result makeNode(const std::string &path, mode_t mode, dev_t device);
 
-// Makes a regular file that is to have `mode`, open for reading and writing; it has as much of it as is
-// safe before its owner is set, the facts tell. EEXIST where the name is taken.
-Result createFile(const std::string &path, mode_t mode, OpenObject *file);
+// Makes a regular file that is to have the mode of `wanted`, open for reading and writing. It has it at
+// once where that is safe before its owner is set, else mode 0600. EEXIST where the name is taken.
+Result createFile(const std::string &path, const kest_facts_t &wanted, OpenObject *file);

@@ -158,7 +158,7 @@ Result DeletedFile::makeRegular() {
   constexpr int kMostAttempts = 100;  // as long as users give the name and take it away
   Result made;
   for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
-    made = createFile(path_, snap_.facts.attr.ia_mode, &active_);
+    made = createFile(path_, snap_.facts, &active_);
     if (made || made.err != EEXIST) break;
     if (made = openAt(path_, &active_); made || made.err != ENOENT) break;
   }
