@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <stdexcept>
 
 namespace testsupport {
@@ -61,8 +62,11 @@ std::string tail(const std::string &text, size_t bytes) {
 }  // namespace
 
 std::string readAll(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
+  // A file of /proc whose process ends while it is read has no rest.
+  const std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
 }
 
 bool waitUntil(const std::function<bool()> &condition, double seconds) {
