@@ -40,6 +40,37 @@ bool hasNoFlags(int err) {
   return err == ENOTTY || err == EOPNOTSUPP || err == EINVAL;
 }
 
+int requestFlags(int fd, unsigned flags) {
+  int all = static_cast<int>(flags);
+  return ioctl(fd, FS_IOC_SETFLAGS, &all) == 0 ? 0 : -errno;
+}
+
+// Makes `flags` all that a file or directory has. The kernel refuses every change beside both of
+// no-copy-on-write and no compression, but not to set the two together. A file with data, which would
+// lose the latter, is left as it is.
+int setAllFlags(int fd, unsigned flags) {
+  const int rc = requestFlags(fd, flags);
+  constexpr unsigned kBoth = FS_NOCOW_FL | FS_NOCOMP_FL;
+  struct stat st;
+  if (rc != -EINVAL || (flags & kBoth) != kBoth || fstat(fd, &st) != 0 ||
+      (S_ISREG(st.st_mode) && st.st_size > 0))
+    return rc;
+  constexpr unsigned kProtection = FS_IMMUTABLE_FL | FS_APPEND_FL;
+  if (int lifted = requestFlags(fd, flags & ~kBoth & ~kProtection); lifted != 0) return lifted;
+  return requestFlags(fd, flags);
+}
+
+// Gives `mask`, FS_XFLAG_* bits, the values in `wanted`, by the other request. 0 or -errno.
+int writeAsFlags(int fd, unsigned mask, unsigned wanted) {
+  unsigned flags = 0;
+  if (int rc = readAllFlags(fd, &flags); rc != 0) return rc;
+  for (const FlagForms &one : kFlags) {
+    if ((mask & one.xflag) != 0) flags &= ~one.flag;
+    if ((wanted & one.xflag) != 0) flags |= one.flag;
+  }
+  return setAllFlags(fd, flags);
+}
+
 // Gives `mask`, FS_XFLAG_* bits, the values in `wanted`.
 //
 // Through FSSETXATTR, not SETFLAGS: the latter would turn the compression property of a file into the
@@ -50,7 +81,8 @@ int writeXflags(int fd, unsigned mask, unsigned wanted) {
   const unsigned flags = (attr.fsx_xflags & ~mask) | wanted;
   if (flags == attr.fsx_xflags) return 0;
   attr.fsx_xflags = flags;
-  return ioctl(fd, FS_IOC_FSSETXATTR, &attr) == 0 ? 0 : -errno;
+  if (ioctl(fd, FS_IOC_FSSETXATTR, &attr) == 0) return 0;
+  return errno == EINVAL ? writeAsFlags(fd, mask, wanted) : -errno;
 }
 
 // FSSETXATTR does not know this flag of a directory. `flags` are all that it has now. It must be
@@ -59,8 +91,7 @@ int toggleDirsync(int fd, unsigned flags) {
   std::string property;
   const int has_property = readXattr(fd, kCompressionProperty, &property);
   if (has_property != 0 && has_property != -ENODATA && has_property != -EOPNOTSUPP) return has_property;
-  int all = static_cast<int>(flags ^ FS_DIRSYNC_FL);
-  if (ioctl(fd, FS_IOC_SETFLAGS, &all) != 0) return -errno;
+  if (int rc = setAllFlags(fd, flags ^ FS_DIRSYNC_FL); rc != 0) return rc;
   return has_property == 0 ? writeXattr(fd, kCompressionProperty, property) : 0;
 }
 

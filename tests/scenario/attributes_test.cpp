@@ -48,6 +48,7 @@ const HistoryCase kCases[] = {
        t.dir("property");
        t.setXattr("property", "btrfs.compression", "lzo");
        t.flag("property", FS_IMMUTABLE_FL);
+       t.dir("both");
        t.file("late");
        t.flag("late", FS_NOCOW_FL | FS_NOCOMP_FL);
        t.append("late", "data");
@@ -60,6 +61,7 @@ const HistoryCase kCases[] = {
          if (name.starts_with("deleted")) t.remove(name);
        t.flag("property", FS_IMMUTABLE_FL, false);
        t.flag("property", FS_DIRSYNC_FL);  // which makes the algorithm the kernel's own
+       t.flag("both", FS_NOCOW_FL | FS_NOCOMP_FL | FS_IMMUTABLE_FL);
        t.flag("late", FS_NOCOW_FL | FS_NOCOMP_FL, false);
      }},
     {"EachAloneOnEveryKind",
