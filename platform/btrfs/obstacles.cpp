@@ -68,7 +68,8 @@ class Obstacles {
     look_for_acls_ = no_acls > 0;
     leased_ = leasedInodes();
     const DifferenceSet &set = difference_->set();
-    for (DiffInode one = set.firstFrom(0); one.ino != 0; one = set.firstFrom(one.ino + 1))
+    SortedPairs::Cursor cursor = set.inodesFrom(0);
+    for (DiffInode one = set.next(&cursor); one.ino != 0; one = set.next(&cursor))
       if (int rc = lookAt(one); rc < 0) return rc;
     return 0;
   }
@@ -76,8 +77,10 @@ class Obstacles {
  private:
   int lookAt(const DiffInode &one) {
     const bool same = one.alive() && one.inSnapshot() && !one.replaced();
-    if (one.alive() && (one.state & KEST_DI_DIR) == 0)
-      if (int rc = lookAtUse(one.ino, same); rc < 0) return rc;
+    // Swap space lies in files without copy-on-write alone, and a program that is to go runs on.
+    const bool may_be_swap = (one.state & kDiffNoCow) != 0;
+    if (one.alive() && (one.state & kDiffRegular) != 0 && (same || may_be_swap))
+      if (int rc = lookAtUse(one.ino, same, may_be_swap); rc < 0) return rc;
     if (one.inSnapshot() && leased_.contains(one.ino))
       if (int rc = tellHolder(one.ino); rc < 0) return rc;
     return look_for_acls_ ? lookForAcl(one, same) : 0;
@@ -96,17 +99,12 @@ class Obstacles {
   }
 
   // `same`: the snapshot has the file, too.
-  int lookAtUse(uint64_t ino, bool same) {
-    InodeItem now;
-    if (int rc = readInode(active_, ino, &now); rc <= 0) return rc;
-    // Swap space lies in files without copy-on-write alone, and a program that is to go runs on.
-    const bool may_be_swap = (storageFlagsOfItem(now.mode, now.flags) & FS_NOCOW_FL) != 0;
-    if (!S_ISREG(now.mode) || (!same && !may_be_swap)) return 0;
-    switch (useOf(ino, now, may_be_swap)) {
+  int lookAtUse(uint64_t ino, bool same, bool may_be_swap) {
+    switch (useOf(ino, may_be_swap)) {
       case Use::kSwap:
         return report(KEST_OB_SWAP, ino, root_);
       case Use::kRuns:
-        return same ? lookAtProgram(ino, now) : 0;
+        return same ? lookAtProgram(ino) : 0;
       default:
         return 0;
     }
@@ -114,9 +112,8 @@ class Obstacles {
 
   // By what the kernel answers to an attempt to write, which also tells the holder of a lease on the
   // file.
-  Use useOf(uint64_t ino, const InodeItem &now, bool may_be_swap) {
-    const UniqueFd fd(openEvenNameless(root_.fd.get(), root_.subvol_id, ino,
-                                       static_cast<uint32_t>(now.generation), O_WRONLY | O_NONBLOCK));
+  Use useOf(uint64_t ino, bool may_be_swap) {
+    const UniqueFd fd(openEvenNameless(root_.fd.get(), root_.subvol_id, ino, 0, O_WRONLY | O_NONBLOCK));
     if (fd) {
       // This range is too large for any file; the kernel says so only of one that is not swap space.
       constexpr off_t kTooFar = INT64_MAX;
@@ -133,9 +130,11 @@ class Obstacles {
   }
 
   // A program that runs counts only where the restore would have to write to it.
-  int lookAtProgram(uint64_t ino, const InodeItem &now) {
-    InodeItem then;
-    if (int rc = readInode(snapshot_, ino, &then); rc <= 0) return rc;
+  int lookAtProgram(uint64_t ino) {
+    InodeItem now, then;
+    int found = readInode(active_, ino, &now);
+    if (found > 0) found = readInode(snapshot_, ino, &then);
+    if (found <= 0) return found;
     if (now.size == then.size && sharesInPlace(then.flags, now.flags)) {
       std::vector<FileRange> ranges;
       const int rc = diffExtents(extents_now_, extents_then_, ino, 0, now.size, 1, &ranges);

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <linux/btrfs_tree.h>
+#include <linux/fs.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include "base/threads.h"
 #include "btrfs/entry_diff.h"
 #include "btrfs/inode_compare.h"
+#include "btrfs/inode_flags.h"
 #include "btrfs/relatives.h"
 #include "btrfs/tree_items.h"
 #include "btrfs/twin_search.h"
@@ -26,13 +28,16 @@ namespace kest {
 
 namespace {
 
-constexpr size_t kScanBytes = 256 * 1024;
+constexpr size_t kFirstScanBytes = 16 * 1024, kScanBytes = 256 * 1024;
 
 constexpr int64_t kClockMargin = 2;  // seconds
 
 constexpr size_t kPendingMost = 64 * 1024;
 
 constexpr size_t kWorthThreads = 256;  // inodes
+
+// A search in a tree takes as long as reading so many items.
+constexpr size_t kItemsPerSearch = 24;
 
 constexpr unsigned kBoth = KEST_DI_ACTIVE | KEST_DI_SNAPSHOT;
 
@@ -44,6 +49,13 @@ constexpr unsigned kRelations = 1u << 18;  // whether names and clone attributes
 void sortOnce(std::vector<uint64_t> *numbers) {
   std::sort(numbers->begin(), numbers->end());
   numbers->erase(std::unique(numbers->begin(), numbers->end()), numbers->end());
+}
+
+// The bits for a DiffInode that tell of the fileset's inode alone.
+unsigned kindOf(const InodeItem &active) {
+  if (!S_ISREG(active.mode)) return 0;
+  return kDiffRegular |
+         ((storageFlagsOfItem(active.mode, active.flags) & FS_NOCOW_FL) != 0 ? kDiffNoCow : 0);
 }
 
 bool severalNames(const InodeItem *item) {
@@ -119,10 +131,14 @@ class TouchedInodes {
 // active tree's touched blocks among them.
 struct TouchedChunk {
   uint64_t first = 0, last = 0;
-  TreeBatch active;
+  bool whole = false;  // `window` holds all items of the range instead, and `touched` is not used
+  TreeBatch touched;
+  TreeWindow window;
+  const TreeBatch &active() const { return whole ? window.batch() : touched; }
 };
 
-// Divides the touched blocks of the active tree among threads.
+// Divides the active tree's touched blocks among threads. Where nearly all blocks were touched, and
+// many inodes in each, it reads all blocks: then a comparison needs no search for the inodes' items.
 class TouchedChunks {
  public:
   TouchedChunks(int fd, uint64_t tree_id, uint64_t line) : fd_(fd), tree_id_(tree_id), line_(line) {}
@@ -131,28 +147,46 @@ class TouchedChunks {
   int next(TouchedChunk *chunk) {
     const std::lock_guard<std::mutex> hold(mutex_);
     if (at_end_) return 0;
-    int rc =
-        chunk->active.read(fd_, tree_id_, from_, {kLastInode, 255, UINT64_MAX}, line_ + 1, kScanBytes);
+    chunk->whole = dense_;
+    const TreeKey most{kLastInode, 255, UINT64_MAX};
+    int rc = dense_ ? chunk->window.read(fd_, tree_id_, from_, bytes_)
+                    : chunk->touched.read(fd_, tree_id_, from_, most, line_ + 1, bytes_);
     if (rc < 0) return rc;
-    at_end_ = chunk->active.items().empty();
+    bytes_ = std::min(2 * bytes_, kScanBytes);
+    const std::vector<TreeItem> &items = chunk->active().items();
+    at_end_ = items.empty();
     chunk->first = first_;
     chunk->last = kLastInode;
     if (at_end_) return 1;
-    const TreeKey &end = chunk->active.items().back().key;
+    const TreeKey &end = items.back().key;
     chunk->last = end.objectid;
     from_ = end.next();
     // What is left of the last inode has no inode item: it is no inode of the next chunk.
     first_ = end.objectid + 1;
-    return 1;
+    return findDensity(chunk->active());
   }
 
  private:
+  // 1 or -EUCLEAN.
+  int findDensity(const TreeBatch &batch) {
+    size_t touched = 0;
+    TouchedInBatch inodes(line_);
+    inodes.begin(batch);
+    for (;; ++touched) {
+      if (int rc = inodes.next(); rc < 0) return rc;
+      if (inodes.ino() == 0) break;
+    }
+    dense_ = touched * kItemsPerSearch >= batch.items().size();
+    return 1;
+  }
+
   std::mutex mutex_;
   int fd_;
   uint64_t tree_id_, line_;
   TreeKey from_{kFirstInode, 0, 0};
   uint64_t first_ = kFirstInode;
-  bool at_end_ = false;
+  size_t bytes_ = kFirstScanBytes;  // of the next chunk
+  bool at_end_ = false, dense_ = true;
 };
 
 // Says whether numbers, which never decrease, are among the first ones of pairs.
@@ -176,6 +210,9 @@ class FirstNumbers {
 struct Side {
   Side(int fd, uint64_t tree)
       : inodes(fd, tree), properties(fd, tree), entries(fd, tree, kDirectoryItems) {}
+  void lookIn(const TreeWindow *window) {
+    for (TreeReader *reader : {&inodes, &properties, &entries}) reader->lookIn(window);
+  }
   TreeReader inodes, properties, entries;
 };
 
@@ -217,6 +254,7 @@ class InodeVisitor {
 
  private:
   int visitChunk(const TouchedChunk &chunk);
+  int readThen(uint64_t ino);
   bool untouched(const InodeItem &now, const InodeItem &then) const;
   int visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot);
   int compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot, unsigned *state);
@@ -228,6 +266,7 @@ class InodeVisitor {
 
   const Common &common_;
   Side active_, snapshot_;
+  TreeWindow then_;  // of the snapshot, beside a chunk that is whole
 };
 
 class TreeComparison {
@@ -271,18 +310,26 @@ int InodeVisitor::visitTouched(TouchedChunks *chunks) {
   TouchedChunk chunk;
   for (;;) {
     int rc = chunks->next(&chunk);
-    if (rc > 0)
-      rc = visitChunk(chunk);
-    else
-      return rc;
+    if (rc <= 0) return rc;
+    active_.lookIn(chunk.whole ? &chunk.window : nullptr);
+    snapshot_.lookIn(chunk.whole ? &then_ : nullptr);
+    rc = visitChunk(chunk);
+    active_.lookIn(nullptr);
+    snapshot_.lookIn(nullptr);
     if (rc < 0) return rc;
   }
+}
+
+// Reads the snapshot's items from inode `ino` on, where they are not there yet.
+int InodeVisitor::readThen(uint64_t ino) {
+  const TreeKey key{ino, 0, 0};
+  return then_.holds(key) ? 0 : then_.read(common_.root.fd.get(), common_.snapshot_id, key, kScanBytes);
 }
 
 // Goes through the touched inodes of both trees as one.
 int InodeVisitor::visitChunk(const TouchedChunk &chunk) {
   TouchedInBatch now(common_.line);
-  now.begin(chunk.active);
+  now.begin(chunk.active());
   int rc = now.next();
   TouchedInodes then(common_.root.fd.get(), common_.snapshot_id, common_.line, chunk.first, chunk.last);
   if (rc == 0 && common_.snapshot_changed && chunk.first <= chunk.last) rc = then.next();
@@ -292,6 +339,8 @@ int InodeVisitor::visitChunk(const TouchedChunk &chunk) {
     const uint64_t ino = from_active ? now.ino() : then.ino();
     const InodeItem *active = from_active ? &now.item() : nullptr;
     const InodeItem *snapshot = from_snapshot ? &then.item() : nullptr;
+    if (chunk.whole) rc = readThen(ino);
+    if (rc < 0) return rc;
     InodeItem other;
     if (active == nullptr || snapshot == nullptr) {
       rc = readInode(active == nullptr ? active_.inodes : snapshot_.inodes, ino, &other);
@@ -341,6 +390,7 @@ int InodeVisitor::visit(uint64_t ino, const InodeItem *active, const InodeItem *
       (active != nullptr ? KEST_DI_ACTIVE : 0) | (snapshot != nullptr ? KEST_DI_SNAPSHOT : 0);
   if (S_ISDIR((active != nullptr ? active : snapshot)->mode)) state |= KEST_DI_DIR;
   if (severalNames(active) || severalNames(snapshot)) state |= KEST_DI_LINKED;
+  if (active != nullptr) state |= kindOf(*active);
   if (active != nullptr && snapshot != nullptr && sameIdentity(*active, *snapshot)) {
     if (untouched(*active, *snapshot)) return 0;
     int rc = compareSame(ino, *active, *snapshot, &state);
@@ -662,6 +712,7 @@ int TreeComparison::describeHalf(uint64_t ino, unsigned *state) {
   *state &= kBoth;
   if (S_ISDIR(item.mode)) *state |= KEST_DI_DIR;
   if (severalNames(&item)) *state |= KEST_DI_LINKED;
+  if ((*state & KEST_DI_ACTIVE) != 0) *state |= kindOf(item);
   return 0;
 }
 

@@ -70,9 +70,37 @@ int TreeBatch::read(int fd, uint64_t tree_id, const TreeKey &from, const TreeKey
   }
 }
 
-void TreeReader::forget() {
-  valid_ = false;
+int TreeWindow::read(int fd, uint64_t tree_id, const TreeKey &from, size_t want_bytes,
+                     uint32_t want_items) {
+  clear();
+  int rc = batch_.read(fd, tree_id, from, kMaxKey, 0, want_bytes, want_items);
+  if (rc < 0) return rc;
+  from_ = from;
+  // A search that finds nothing has seen the end of the tree; any other may have stopped at the buffer.
+  end_ = batch_.items().empty() ? kMaxKey : batch_.items().back().key.next();
+  return 0;
+}
+
+const TreeItem *TreeWindow::find(const TreeKey &key, size_t *position) const {
+  const std::vector<TreeItem> &items = batch_.items();
+  if (items.empty()) return nullptr;
+  const size_t next = *position + 1;
+  if (next < items.size() && items[*position].key < key && items[next].key >= key)
+    *position = next;
+  else
+    *position = std::lower_bound(items.begin(), items.end(), key,
+                                 [](const TreeItem &one, const TreeKey &k) { return one.key < k; }) -
+                items.begin();
+  return &items[*position];
+}
+
+void TreeWindow::clear() {
   batch_.clear();
+  from_ = end_ = {};
+}
+
+void TreeReader::forget() {
+  own_.clear();
 }
 
 void TreeReader::expect(uint64_t items) {
@@ -81,47 +109,33 @@ void TreeReader::expect(uint64_t items) {
 
 int TreeReader::fetch(const TreeKey &key, const TreeKey &from) {
   // Reading past a few inodes takes as long as one more search.
-  const bool onwards = valid_ && key >= end_ && key.objectid - end_.objectid < kNear;
+  const bool onwards =
+      own_.end() != TreeKey{} && key >= own_.end() && key.objectid - own_.end().objectid < kNear;
   want_items_ = expected_ != 0 ? expected_
                 : onwards      ? std::min(want_items_ * 2, most_items_)
                                : first_items_;
   expected_ = 0;
-  valid_ = false;
-  const size_t bytes = std::max(kSmallest, want_items_ * kItemBytes);
-  int rc = batch_.read(fd_, tree_id_, from, kMaxKey, 0, bytes, want_items_);
-  if (rc < 0) return rc;
-  from_ = from;
-  // A search that finds nothing has seen the end of the tree; any other may have stopped at the buffer.
-  end_ = batch_.items().empty() ? kMaxKey : batch_.items().back().key.next();
-  valid_ = true;
   position_ = 0;
-  return 0;
+  return own_.read(fd_, tree_id_, from, std::max(kSmallest, want_items_ * kItemBytes), want_items_);
 }
 
 int TreeReader::at(const TreeKey &key, const TreeItem **item) {
   *item = nullptr;
-  if (!valid_ || key < from_ || key >= end_) {
+  if (shared_ != nullptr && shared_->holds(key)) {
+    *item = shared_->find(key, &shared_position_);
+    return *item != nullptr;
+  }
+  if (!own_.holds(key)) {
     if (key >= kMaxKey) return 0;
     // Callers that read an inode usually read its names next, so start at the inode item.
     const TreeKey inode{key.objectid, 0, 0};
-    const bool goes_on = valid_ && from_ >= inode && key >= end_;
+    const bool goes_on = own_.from() >= inode && key >= own_.end();
     int rc = fetch(key, key.type <= BTRFS_XATTR_ITEM_KEY && !goes_on ? inode : key);
-    if (rc == 0 && key >= end_) rc = fetch(key, key);
+    if (rc == 0 && key >= own_.end()) rc = fetch(key, key);
     if (rc < 0) return rc;
-    if (batch_.items().empty()) return 0;
   }
-  const std::vector<TreeItem> &items = batch_.items();
-  if (items.empty()) return 0;
-  size_t next = position_ + 1;
-  if (next < items.size() && items[position_].key < key && items[next].key >= key) {
-    position_ = next;
-  } else {
-    position_ = std::lower_bound(items.begin(), items.end(), key,
-                                 [](const TreeItem &one, const TreeKey &k) { return one.key < k; }) -
-                items.begin();
-  }
-  *item = &items[position_];
-  return 1;
+  *item = own_.find(key, &position_);
+  return *item != nullptr;
 }
 
 int largestInode(int fd, uint64_t tree_id, uint64_t *ino) {

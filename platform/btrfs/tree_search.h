@@ -49,6 +49,27 @@ class TreeBatch {
   std::vector<TreeItem> items_;
 };
 
+// A part of a tree that was read whole: it holds every item in a range of keys.
+class TreeWindow {
+ public:
+  // Reads the items of the tree from `from` on, as TreeBatch::read() does. 0 or -errno.
+  int read(int fd, uint64_t tree_id, const TreeKey &from, size_t want_bytes,
+           uint32_t want_items = UINT32_MAX);
+  bool holds(const TreeKey &key) const { return key >= from_ && key < end_; }
+  // The first item at or after `key`, which the window holds. NULL where the tree has no such item.
+  // `position` remembers the last answer: questions in order find the next one without a search.
+  const TreeItem *find(const TreeKey &key, size_t *position) const;
+  const TreeKey &from() const { return from_; }
+  const TreeKey &end() const { return end_; }
+  const TreeBatch &batch() const { return batch_; }
+  // Makes the window hold nothing.
+  void clear();
+
+ private:
+  TreeBatch batch_;
+  TreeKey from_, end_;  // every item in [from_, end_)
+};
+
 // Random and sequential access to the file-system items (objectid 256 and up) of one tree. Neighbours
 // are read together and kept: the closer the questions, the more of them.
 class TreeReader {
@@ -65,6 +86,9 @@ class TreeReader {
 
   // 1 and the first item at or after `key`, valid until the next call; 0 when there is none; -errno.
   int at(const TreeKey &key, const TreeItem **item);
+  // Answers from `window`, where that holds the key, instead of reading. The caller keeps it; NULL ends
+  // this.
+  void lookIn(const TreeWindow *window) { shared_ = window; }
   // Says that what follows is not close to the last question, and how many items it is about.
   void expect(uint64_t items);
   // Forgets what was kept. To be called where the tree may have changed since.
@@ -77,10 +101,9 @@ class TreeReader {
   int fd_;
   uint64_t tree_id_;
   uint32_t first_items_, most_items_;
-  TreeBatch batch_;
-  TreeKey from_, end_;  // the batch holds every item in [from_, end_)
-  bool valid_ = false;
-  size_t position_ = 0;  // of the last answer
+  TreeWindow own_;
+  const TreeWindow *shared_ = nullptr;
+  size_t position_ = 0, shared_position_ = 0;  // of the last answers
   uint32_t want_items_ = 0;
   uint32_t expected_ = 0;  // 0: nothing was said
 };

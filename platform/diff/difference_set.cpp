@@ -12,8 +12,13 @@ void DifferenceSet::setJunctions(std::vector<Junction> junctions) {
 }
 
 DiffInode DifferenceSet::firstFrom(uint64_t ino) const {
+  SortedPairs::Cursor cursor = inodesFrom(ino);
+  return next(&cursor);
+}
+
+DiffInode DifferenceSet::next(SortedPairs::Cursor *cursor) const {
   NumberPair found;
-  if (!inodes_.from({ino, 0}).next(&found)) return {};
+  if (!cursor->next(&found)) return {};
   const auto added = added_.find(found.first);
   const unsigned more = added == added_.end() ? 0 : added->second;
   return {found.first, static_cast<unsigned>(found.second) | more};

@@ -15,9 +15,14 @@
 
 namespace kest {
 
+// Bits of a state beside KEST_DI_*, which only a platform reads. They tell of the fileset's inode.
+inline constexpr unsigned kDiffRegular = 1u << 8;  // a regular file
+inline constexpr unsigned kDiffNoCow = 1u << 9;    // a file whose blocks are overwritten in place
+inline constexpr unsigned kDiffPublic = 0xff;      // KEST_DI_*
+
 struct DiffInode {
   uint64_t ino = 0;
-  unsigned state = 0;  // KEST_DI_* bits; 0: not in the difference
+  unsigned state = 0;  // KEST_DI_* and kDiff* bits; 0: not in the difference
 
   bool alive() const { return (state & KEST_DI_ACTIVE) != 0; }
   bool inSnapshot() const { return (state & KEST_DI_SNAPSHOT) != 0; }
@@ -49,6 +54,9 @@ class DifferenceSet {
   size_t size() const { return inodes_.size(); }
   DiffInode find(uint64_t ino) const;
   DiffInode firstFrom(uint64_t ino) const;  // the next one by number; ino 0: none
+  // The inodes from number `ino` on, in order. The set must live as long and not move.
+  SortedPairs::Cursor inodesFrom(uint64_t ino) const { return inodes_.from({ino, 0}); }
+  DiffInode next(SortedPairs::Cursor *cursor) const;  // ino 0: there is none
   // Whether something in the active directory `dir` differs or leads to a difference.
   bool leads(uint64_t dir) const;
   // The leads of `dir` and of the directories after it, in order. The set must live as long and not

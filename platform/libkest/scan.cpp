@@ -16,8 +16,12 @@ int nextDifferent(kest_iscan *scan, uint64_t end_ino, const kest_iattr64_t **att
   Difference *difference;
   int rc = differenceOf(scan, &difference);
   if (rc < 0) return rc;
-  const DiffInode one = difference->set().firstFrom(scan->next_ino);
+  const DifferenceSet &set = difference->set();
+  if (scan->cursor_ino != scan->next_ino) scan->cursor = set.inodesFrom(scan->next_ino);
+  scan->cursor_ino = UINT64_MAX;
+  const DiffInode one = set.next(&scan->cursor);
   if (one.ino == 0 || one.ino > end_ino) return 0;
+  scan->cursor_ino = one.ino + 1;
   scan->attr = {};
   scan->attr.ia_inode = one.ino;
   scan->attr.ia_nlink = one.alive() ? 1 : 0;
@@ -115,7 +119,7 @@ int kest_idifference(kest_iscan_t *scan, uint64_t ino) {
   return cCall([&] {
     Difference *difference;
     int rc = differenceOf(scan, &difference);
-    return rc < 0 ? rc : static_cast<int>(difference->set().find(ino).state);
+    return rc < 0 ? rc : static_cast<int>(difference->set().find(ino).state & kDiffPublic);
   });
 }
 

@@ -12,7 +12,9 @@ struct kest_iscan {
   std::unique_ptr<kest::Difference> difference;  // NULL in a full scan
   bool computed = false;                         // the difference is
   uint64_t next_ino = 0;
-  kest_iattr64_t attr{};  // the record last returned
+  kest::SortedPairs::Cursor cursor;  // of a difference
+  uint64_t cursor_ino = UINT64_MAX;  // the inode from which the cursor goes on; UINT64_MAX: none
+  kest_iattr64_t attr{};             // the record last returned
 };
 
 namespace kest {

@@ -1,6 +1,7 @@
 #include "worker/work_unit.h"
 
 #include <fcntl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -38,6 +39,45 @@ enum UnitStep : int {
 };
 
 Result performListHere(const std::string &list_path);
+
+// The lines of a worker's checkpoint file: what a run that repeats the batch passes over.
+class Checkpoint {
+ public:
+  Result open(const std::string &path) {
+    return openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND, &fd_);
+  }
+
+  // To be called before a record is performed. A file's contents and attributes can be restored twice
+  // with the same result, so the lines of such records may be lost with the worker: they wait up to a
+  // millisecond for each other. Any other record depends on what was done before it.
+  Result before(const Operation &op) {
+    const bool repeatable = op.opCode == kOpRestoreDiffFile || op.opCode == kOpRestoreDelFile;
+    return repeatable && nanoseconds() - last_write_ < kPause ? Result{} : flush();
+  }
+  void done(int64_t ino, const std::string &op_string) {
+    waiting_ += formatCheckpointLine(ino, op_string);
+  }
+  Result flush() {
+    if (waiting_.empty()) return {};
+    const Result written = writeAll(fd_.get(), waiting_);
+    waiting_.clear();
+    last_write_ = nanoseconds();
+    return written;
+  }
+
+ private:
+  static constexpr int64_t kPause = 1000000;
+
+  static int64_t nanoseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1000000000} + now.tv_nsec;
+  }
+
+  UniqueFd fd_;
+  std::string waiting_;
+  int64_t last_write_ = 0;
+};
 
 Result perform(const Record &record) {
   switch (record.op.opCode) {
@@ -117,7 +157,8 @@ Result stop(const Result &failure) {
 }
 
 // Performs one record and checkpoints it.
-Result performLine(std::string_view text, const std::string &list_path, int done, int checkpoint_fd) {
+Result performLine(std::string_view text, const std::string &list_path, int done,
+                   Checkpoint *checkpoint) {
   BatchLine line;
   if (!parseBatchLine(text, &line)) {
     traceLog("Invalid record %d in %s\n", done, list_path.c_str());
@@ -128,6 +169,8 @@ Result performLine(std::string_view text, const std::string &list_path, int done
     traceLog("Invalid opString %s\n", line.opString.c_str());
     return stop(failed(kBadRecord, EINVAL));
   }
+  // Without its line a repeated run would not know that a record is done.
+  if (Result r = checkpoint->before(record.op); !r) return stop(failed(kCheckpoint, r.err));
   if (Result r = perform(record); !r) {
     reportFailure(record, r.reason());
     const Result stopped = stop(failed(kPerform, r.reason()));
@@ -136,9 +179,7 @@ Result performLine(std::string_view text, const std::string &list_path, int done
   }
   if (unsavedFatalError() != 0) return stop(failed(kPerform, unsavedFatalError()));
   markIfOthersFailed(record);
-  // Without its line a repeated run would not know that this record is done.
-  if (Result r = writeAll(checkpoint_fd, formatCheckpointLine(line.ino, line.opString)); !r)
-    return stop(failed(kCheckpoint, r.err));
+  checkpoint->done(line.ino, line.opString);
   return {};
 }
 
@@ -151,7 +192,7 @@ std::string_view firstLine(std::string_view text) {
 }  // namespace
 
 Result doWorkUnit(const std::string &listPath, int32_t callerPid) {
-  UniqueFd fd, checkpoint;
+  UniqueFd fd;
   if (Result r = openWorkFile(listPath, O_RDONLY, &fd); !r) {
     traceLog("cannot open opList file. path %s, err %d\n", listPath.c_str(), r.err);
     return stop(r.at(kOpenBatch));
@@ -159,17 +200,23 @@ Result doWorkUnit(const std::string &listPath, int32_t callerPid) {
   FileReader batch;
   batch.open(std::move(fd));
   const std::string checkpoint_path = checkpointFile(callerPid, hostName(), getpid());
-  if (Result r = openWorkFile(checkpoint_path, O_WRONLY | O_CREAT | O_APPEND, &checkpoint); !r)
-    return stop(failed(kCheckpoint, r.err));
+  Checkpoint checkpoint;
+  if (Result r = checkpoint.open(checkpoint_path); !r) return stop(failed(kCheckpoint, r.err));
 
-  for (int done = 0;; ++done) {
+  Result result;
+  for (int done = 0; result; ++done) {
     std::string_view text;
-    if (Result r = batch.peek(kBatchLineMax, &text); !r) return stop(failed(kReadBatch, r.err));
-    if (text.empty()) return {};
+    if (Result r = batch.peek(kBatchLineMax, &text); !r) {
+      result = stop(failed(kReadBatch, r.err));
+      break;
+    }
+    if (text.empty()) break;
     const std::string_view line = firstLine(text);
-    if (Result r = performLine(line, listPath, done, checkpoint.get()); !r) return r;
+    result = performLine(line, listPath, done, &checkpoint);
     batch.skip(line.size());
   }
+  const Result written = checkpoint.flush();
+  return result && !written ? stop(failed(kCheckpoint, written.err)) : result;
 }
 
 int runWorker() {
