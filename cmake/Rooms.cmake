@@ -7,7 +7,8 @@ set(FSETRESTORE_ROOMS
   diff=base
   filesystem=base|diff
   btrfs=base|diff|filesystem
-  detect=base|diff|filesystem|btrfs
+  cephfs=base|diff|filesystem
+  detect=base|diff|filesystem|btrfs|cephfs
   libkest=base|diff|filesystem|detect
   commands=base|filesystem|detect
   engine=base|formats

@@ -129,6 +129,7 @@ int describeChange(TreeReader &active, TreeReader &snapshot, uint64_t ino, const
   change->ch_regular = S_ISREG(now.mode);
   if (!change->ch_regular) return 0;
   change->ch_shareable = sharesInPlace(then.flags, now.flags);
+  change->ch_other_storage = !change->ch_shareable;
   std::vector<FileRange> ranges;
   constexpr size_t kEnough = 2;  // to know that there are more
   int rc = diffExtents(active, snapshot, ino, 0, std::min(now.size, then.size), kEnough, &ranges);

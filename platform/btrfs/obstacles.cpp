@@ -1,12 +1,10 @@
 #include "btrfs/obstacles.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <memory>
@@ -22,6 +20,7 @@
 #include "btrfs/inode_flags.h"
 #include "btrfs/inode_names.h"
 #include "btrfs/tree_items.h"
+#include "filesystem/running_programs.h"
 
 namespace kest {
 
@@ -33,20 +32,6 @@ enum class Use { kFree, kRuns, kSwap, kUnknown };
 int lacksAcls(int fd) {
   if (fgetxattr(fd, "system.posix_acl_access", nullptr, 0) >= 0 || errno == ENODATA) return 0;
   return errno == EOPNOTSUPP ? 1 : -errno;
-}
-
-// The programs of this tree that run, by inode number, as far as /proc shows their processes.
-std::unordered_set<uint64_t> runningPrograms(dev_t device) {
-  std::unordered_set<uint64_t> programs;
-  const std::unique_ptr<DIR, int (*)(DIR *)> processes(opendir("/proc"), closedir);
-  while (const dirent *entry = processes ? readdir(processes.get()) : nullptr) {
-    if (isdigit(static_cast<unsigned char>(entry->d_name[0])) == 0) continue;
-    struct stat st;
-    const std::string program = std::string(entry->d_name) + "/exe";
-    if (fstatat(dirfd(processes.get()), program.c_str(), &st, 0) == 0 && st.st_dev == device)
-      programs.insert(st.st_ino);
-  }
-  return programs;
 }
 
 class Obstacles {

@@ -1,9 +1,12 @@
 #include "btrfs/tree.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/statvfs.h>
 #include <algorithm>
 #include <cerrno>
 
+#include "base/fd_path.h"
 #include "btrfs/difference.h"
 #include "btrfs/directory.h"
 #include "btrfs/frozen_inode.h"
@@ -19,6 +22,13 @@
 
 namespace kest {
 
+// Of the directory that this object holds, whatever its path means by now.
+int BtrfsTree::lock() const {
+  UniqueFd root(reopen(root_.fd.get(), O_RDONLY | O_DIRECTORY));
+  if (!root || flock(root.get(), LOCK_EX | LOCK_NB) != 0) return -errno;
+  return root.release();
+}
+
 int BtrfsTree::isWritable() const {
   struct statvfs figures;
   if (fstatvfs(root_.fd.get(), &figures) < 0) return -errno;
@@ -31,7 +41,7 @@ int64_t BtrfsTree::metadataRoom() const {
   return kest::metadataRoom(root_.fd.get());
 }
 
-int BtrfsTree::openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const {
+int BtrfsTree::openInode(uint64_t ino, const char *, std::unique_ptr<Inode> *inode) const {
   const int frozen = isFrozen();
   if (frozen < 0) return frozen;
   return frozen > 0 ? openFrozenInode(root_, reader_, ino, inode) : kest::openInode(root_, ino, inode);

@@ -16,7 +16,7 @@ class BtrfsTree : public Tree {
   const std::string &path() const override { return root_.path; }
   int isWritable() const override;
   int64_t metadataRoom() const override;
-  int openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const override;
+  int openInode(uint64_t ino, const char *path, std::unique_ptr<Inode> *inode) const override;
   int openSame(const Inode &other, std::unique_ptr<Inode> *inode) const override;
   int openNamed(const Directory &dir, const std::string &name,
                 std::unique_ptr<Inode> *inode) const override;
@@ -27,6 +27,11 @@ class BtrfsTree : public Tree {
                     std::unique_ptr<Directory> *dir) const override;
   int duplicateDirectory(int fd, std::unique_ptr<Directory> *dir) const override;
   int findNames(uint64_t ino, InodeNames *names) const override;
+  // A new inode has a number above all others.
+  int isYounger(uint64_t ino, uint64_t than) const override { return ino > than; }
+  int settle() const override { return 0; }
+  int lock() const override;
+  int removeLock() const override { return 0; }
   std::unique_ptr<InodeScan> openScan() const override;
   int openDifference(uint64_t snapshot_id, std::unique_ptr<Difference> *difference) const override;
   int largestInode(const uint64_t *snapshot_id, uint64_t *ino) const override;

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "detect/file_systems.h"
+#include "filesystem/error_text.h"
 
 namespace kest {
 
@@ -70,6 +71,7 @@ int CommandLine::fail(const std::string &text, int error) const {
 
 int CommandLine::openDevice(const std::string &device, std::unique_ptr<FileSystem> *fs) const {
   const int rc = openFileSystem(device, fs);
+  if (rc < 0 && !errorText().empty()) return fail(errorText());
   if (rc == -ENODEV) return fail(device + " is no mounted btrfs");
   return rc < 0 ? fail(device, rc) : 0;
 }

@@ -3,11 +3,12 @@
 #include "btrfs/directory.h"
 #include "btrfs/file_system.h"
 #include "btrfs/inode.h"
+#include "detect/ceph_plugin.h"
 
 namespace kest {
 
 int openFileSystem(const std::string &device, std::unique_ptr<FileSystem> *fs) {
-  return openBtrfs(device, fs);
+  return isOnCephFs(device) ? openWithCephPlugin(device, fs) : openBtrfs(device, fs);
 }
 
 int openTreeAt(const std::string &path, std::unique_ptr<Tree> *tree) {

@@ -43,7 +43,8 @@ const unsigned kStorageFlags = FS_COMPR_FL | FS_NOCOMP_FL | FS_NOCOW_FL;
 
 bool travelsInBlob(std::string_view name) {
   if (name.starts_with("trusted.")) return !name.starts_with("trusted.kest.");
-  return name.starts_with("user.") || name.starts_with("security.") || name == kCompressionProperty;
+  return name.starts_with("user.") || name.starts_with("security.") || name == kCompressionProperty ||
+         name == kFileLayout || name == kDirLayout;
 }
 
 std::string encodeBlob(const BlobAttributes &attributes) {

@@ -14,6 +14,8 @@ namespace kest {
 
 // An attribute that goes with the storage flags; only btrfs has it.
 inline constexpr char kCompressionProperty[] = "btrfs.compression";
+// How a CephFS lays out the data of a file, or of new files in a directory.
+inline constexpr char kFileLayout[] = "ceph.file.layout", kDirLayout[] = "ceph.dir.layout";
 
 // FS_COMPR_FL, FS_NOCOMP_FL and FS_NOCOW_FL: the flags of FS_IOC_GETFLAGS that a blob carries.
 extern const unsigned kStorageFlags;
@@ -26,7 +28,7 @@ struct BlobAttributes {
 };
 
 // Whether an extended attribute of this name travels in the blob: user.*, trusted.* but trusted.kest.*,
-// security.*, and the compression property. ACLs travel by kest_getacl.
+// security.*, the compression property, and layouts. ACLs travel by kest_getacl.
 bool travelsInBlob(std::string_view name);
 
 std::string encodeBlob(const BlobAttributes &attributes);

@@ -238,7 +238,9 @@ class Tree {
   // Bytes left for inodes, names and extents, besides the file system's own reserve.
   virtual int64_t metadataRoom() const = 0;
 
-  virtual int openInode(uint64_t ino, std::unique_ptr<Inode> *inode) const = 0;
+  // `path`: where the inode is likely to stand, whole or below the root, or NULL. A file system that may
+  // forget numbers looks there first.
+  virtual int openInode(uint64_t ino, const char *path, std::unique_ptr<Inode> *inode) const = 0;
   // The inode of this tree that is the same file as `other`, an inode of a snapshot. A regular file is
   // opened for reading and writing at once, where that is possible. -ENOENT there is none.
   virtual int openSame(const Inode &other, std::unique_ptr<Inode> *inode) const = 0;
@@ -260,6 +262,14 @@ class Tree {
   // Every path of an inode. In an active tree the live file system confirms each of them. 1, or 0 where
   // there is no such inode.
   virtual int findNames(uint64_t ino, InodeNames *names) const = 0;
+
+  // Whether inode `ino` was made after inode `than`. 1, 0 or -errno.
+  virtual int isYounger(uint64_t ino, uint64_t than) const = 0;
+  // See kest_settle.
+  virtual int settle() const = 0;
+  // See kest_lock (a descriptor or -errno) and kest_remove_lock.
+  virtual int lock() const = 0;
+  virtual int removeLock() const = 0;
 
   virtual std::unique_ptr<InodeScan> openScan() const = 0;
   // Costs little: the comparison is made by compute(). -EINVAL unrelated.

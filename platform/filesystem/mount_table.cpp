@@ -30,6 +30,8 @@ bool parseMount(std::string_view line, Mount *mount) {
   for (std::string word = next(); word != "-"; word = next())
     if (line.empty()) return false;
   mount->type = next();
+  mount->source = octalUnescaped(next());
+  mount->super_options = octalUnescaped(next());
   mount->root = octalUnescaped(root);
   if (mount->root.starts_with('/')) mount->root.erase(0, 1);
   mount->point = octalUnescaped(point);

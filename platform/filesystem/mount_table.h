@@ -13,6 +13,8 @@ struct Mount {
   unsigned major_no = 0, minor_no = 0;  // of the superblock
   std::string root;                     // path below the top of its file system, no leading slash
   std::string point;                    // mount point
+  std::string source;                   // what is mounted, in the words of the file system
+  std::string super_options;            // of the file system
 };
 
 // A line of /proc/self/mountinfo.

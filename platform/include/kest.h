@@ -212,6 +212,8 @@ typedef struct kest_change {
                                      the storage flags of the snapshot's without being emptied; 0 for all
                                      but regular files */
   uint8_t ch_regular;             /* it is a regular file */
+  uint8_t ch_other_storage;       /* a regular file stored in another way than the snapshot's, which can be
+                                     changed only while it is empty */
 } kest_change_t;
 int kest_ichange(kest_iscan_t *scan, uint64_t ino, kest_change_t *change);
 
@@ -235,8 +237,9 @@ int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino, const
 /* ---- inodes --------------------------------------------------------------------------------- */
 
 /* Opens an inode by number, for reading and writing: its data are opened for each at the first call
- * that needs it. Device nodes and FIFOs are never opened for real. `flags`, `attr` and `link` are
- * unused (0, NULL). NULL: ENOENT no such inode, or one without any name. */
+ * that needs it. Device nodes and FIFOs are never opened for real. `flags` and `attr` are unused
+ * (0, NULL). `link` is a path at which the inode is likely to stand in the tree, or NULL: a file system that
+ * can forget the numbers of deleted inodes looks there first. NULL: ENOENT no such inode, or one without any name. */
 kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *handle, uint64_t ino, int flags, const void *attr,
                            const char *link);
 /* The same for the regular file behind `fd`, which is open for reading and writing. The open inode
@@ -274,6 +277,21 @@ typedef struct kest_facts {
 #define KEST_HAS_ACL 0x2u        /* an access or default ACL */
 #define KEST_HAS_CAPABILITY 0x4u /* security.capability */
 #define KEST_HAS_CLONE 0x8u      /* a clone attribute */
+/* 1 when inode `ino` of the active fileset was made after inode `than`, which is there; 0; -1: errno. */
+int kest_younger(kest_fssnap_handle_t *active, uint64_t ino, uint64_t than);
+
+/* Whatever the process has done to the fileset through this handle outlives the process, should it be killed
+ * after this call. Costs nothing where the kernel holds it already. 0; -1: errno, also of an earlier write
+ * that could not be carried out. */
+int kest_settle(kest_fssnap_handle_t *active);
+
+/* Locks the fileset for one restore, whatever mount or node others come by. Returns a descriptor,
+ * close-on-exec, and the lock lasts as long as a process has it open. -1: EWOULDBLOCK somebody holds the
+ * lock, errno. kest_remove_lock takes away what the lock stands on, before its descriptor is closed; 0, -1
+ * errno. */
+int kest_lock(kest_fssnap_handle_t *active);
+int kest_remove_lock(kest_fssnap_handle_t *active);
+
 /* Fills in the facts as they are now. Of an inode of a read-only snapshot they were read when it was
  * opened, and this costs nothing. -1: errno. */
 int kest_ifacts(const kest_ifile_t *file, kest_facts_t *facts);

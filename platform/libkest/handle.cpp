@@ -22,6 +22,7 @@ int openHandle(const char *device, const char *fileset, const char *snapshot,
   if (device == nullptr || fileset == nullptr) return -EINVAL;
   std::unique_ptr<FileSystem> fs;
   const int rc = openFileSystem(device, &fs);
+  if (rc < 0 && !errorText().empty()) return rc;
   if (rc == -ENODEV) return failWith(ENODEV, std::string(device) + " is no mounted btrfs file system");
   if (rc < 0) return failWith(-rc, std::string(device) + ": " + strerror(-rc));
   return fs->openTree(fileset, snapshot, &handle->tree);
@@ -116,6 +117,22 @@ int kest_other_node(const char *nodes, char *node, size_t size) {
     node[other.copy(node, size - 1)] = '\0';
     return 1;
   });
+}
+
+int kest_younger(kest_fssnap_handle_t *active, uint64_t ino, uint64_t than) {
+  return cCall([=] { return active == nullptr ? -EINVAL : active->tree->isYounger(ino, than); });
+}
+
+int kest_settle(kest_fssnap_handle_t *active) {
+  return cCall([=] { return active == nullptr ? -EINVAL : active->tree->settle(); });
+}
+
+int kest_lock(kest_fssnap_handle_t *active) {
+  return cCall([=] { return active == nullptr ? -EINVAL : active->tree->lock(); });
+}
+
+int kest_remove_lock(kest_fssnap_handle_t *active) {
+  return cCall([=] { return active == nullptr ? -EINVAL : active->tree->removeLock(); });
 }
 
 int kest_inode_names(kest_fssnap_handle_t *handle, uint64_t ino,

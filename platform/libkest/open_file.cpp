@@ -78,12 +78,12 @@ using namespace kest;
 extern "C" {
 
 kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *handle, uint64_t ino, int, const void *,
-                           const char *) {
+                           const char *link) {
   kest_ifile_t *file = nullptr;
   cCall([&] {
     if (handle == nullptr) return -EINVAL;
     std::unique_ptr<Inode> inode;
-    int rc = handle->tree->openInode(ino, &inode);
+    int rc = handle->tree->openInode(ino, link, &inode);
     if (rc == 0) file = handOut(std::move(inode));
     return rc;
   });

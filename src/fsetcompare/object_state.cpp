@@ -80,7 +80,9 @@ Result readFlags(const kest_ifile_t *file, int *flags) {
   if (!isRegular(file->if_mode) && !isDirectory(file->if_mode)) return {};
   UniqueFd fd;
   if (Result r = openForReading(file, &fd); !r) return r;
-  return called(ioctl(fd.get(), FS_IOC_GETFLAGS, flags));
+  const Result r = called(ioctl(fd.get(), FS_IOC_GETFLAGS, flags));
+  const bool none = r.err == ENOTTY || r.err == EINVAL || r.err == EOPNOTSUPP;
+  return none ? Result{} : r;  // the file system has no flags
 }
 
 Result readState(const kest_ifile_t *file, ObjectState *state) {
@@ -214,7 +216,10 @@ const char *kindName(uint32_t mode) {
 
 Result statObject(const kest_ifile_t *file, struct stat *st) {
   const UniqueFd fd(kest_path_descriptor(file));
-  return fd ? called(fstat(fd.get(), st)) : failedErrno(0);
+  if (!fd) return failedErrno(0);
+  const Result r = called(fstat(fd.get(), st));
+  st->st_ino = file->if_inode;  // a mount may tag the numbers of a snapshot's inodes
+  return r;
 }
 
 Result compareProperties(kest_ifile_t *active, kest_ifile_t *snapshot, const std::string &path,

@@ -192,7 +192,7 @@ Result restorePath(const std::string &path, int32_t phase) {
   SnapPlace place;
   if (Result r = getSnapPath(path, &place); !r)
     return place.absent ? Result{} : failed(kFindCopy, r.err);
-  if (Result r = openSnapshotObject(place.ino, &snap); !r) return failed(kIdentify, r.err);
+  if (Result r = openSnapshotObject(place.ino, path, &snap); !r) return failed(kIdentify, r.err);
   return restoreTarget({path, std::move(place.path), snap, active, false}, phase);
 }
 

@@ -16,9 +16,9 @@ Result readFacts(OpenObject *object) {
 
 }  // namespace
 
-Result openSnapshotObject(uint64_t ino, OpenObject *object) {
-  object->file.reset(kest_iopen64(handles.oldFsP, ino, 0, nullptr, nullptr));
-  return readFacts(object);
+Result openSnapshotObject(uint64_t ino, const std::string &path, OpenObject *object) {
+  const Result opened = openSnapshotInode(ino, path, &object->file);
+  return opened ? readFacts(object) : opened;
 }
 
 Result openAt(const std::string &path, OpenObject *object) {

@@ -21,8 +21,9 @@ struct OpenObject {
   uint32_t type() const { return facts.attr.ia_mode & S_IFMT; }
 };
 
-// rc of a failure is the errno, ENOENT where there is no such inode or path.
-Result openSnapshotObject(uint64_t ino, OpenObject *object);
+// rc of a failure is the errno, ENOENT where there is no such inode or path. `path`: where the inode belongs in the
+// active fileset.
+Result openSnapshotObject(uint64_t ino, const std::string &path, OpenObject *object);
 // The object at a path of the active fileset, also through the links that directories leave when they
 // go home.
 Result openAt(const std::string &path, OpenObject *object);

@@ -76,7 +76,7 @@ bool isInodeOrReplacement(const struct stat &st, uint64_t ino, const kest_iattr6
   if (st.st_ino == ino) return true;
   const auto names = static_cast<uint64_t>(std::max<int64_t>(attr.ia_nlink, 1));
   return (st.st_uid == ownUser() || st.st_uid == attr.ia_uid) && st.st_nlink <= names &&
-         youngerThanWorkDirectory(st);
+         youngerThanWorkDirectory(st.st_ino);
 }
 
 bool isReplacement(const struct stat &st, const kest_ifile_t *snap) {

@@ -169,7 +169,7 @@ Result listLostTail(const ChangedFile &file, DataWalk &walk) {
   if (active_size >= snap_size) return {};
   const int64_t tail = active_size - active_size % kBlock;
   Inode snap;
-  if (Result r = openInode(handles.oldFsP, file.ino, &snap); !r) return r.at(kListTail);
+  if (Result r = openSnapshotInode(file.ino, file.path, &snap); !r) return r.at(kListTail);
   for (int64_t offset = tail; offset < snap_size;) {
     int hole = 0;
     int64_t length = kest_ireadx(snap.get(), handles.iscanFromP, nullptr, 0, &offset, snap_size, &hole);
@@ -217,8 +217,8 @@ Result listChangedFile(const RangeWriter &writer, WorkFile &list, const std::str
   DataWalk walk(list, path, ino, kOpRestoreDiffFile, clone, change.ch_shareable != 0);
   if (!change.ch_regular) return walk.finish().at(kWriteRecord);
 
-  // Copy-on-write can be turned on and off for an empty file only.
-  if (!change.ch_shareable && !clone && !settings.noXAttr) {
+  // The way in which a file is stored can be changed only while it is empty.
+  if (change.ch_other_storage && !clone && !settings.noXAttr) {
     if (file.active_size > 0)
       if (Result r = truncateActive(file, 0); !r) return r;
     return walk.addWhole(file.snap_size).at(kWriteRecord);
@@ -234,7 +234,7 @@ Result listChangedFile(const RangeWriter &writer, WorkFile &list, const std::str
 Result listDeletedFile(const RangeWriter &writer, WorkFile &copy_list, const std::string &path,
                        uint64_t ino) {
   Inode snap;
-  if (Result r = openInode(handles.oldFsP, ino, &snap); !r) {
+  if (Result r = openSnapshotInode(ino, path, &snap); !r) {
     traceLog("%s: cannot open ino %lld, iFromP %p\n", writer.name, static_cast<long long>(ino),
              static_cast<void *>(nullptr));
     return failed(kOpenDeleted, r.err);

@@ -98,7 +98,7 @@ Result settleParent(uint64_t then, uint64_t now) {
   constexpr int kModificationTime = 2;
   OpenObject snap;
   Inode active;
-  if (Result r = openSnapshotObject(then, &snap); !r) return r;
+  if (Result r = openSnapshotObject(then, "", &snap); !r) return r;
   if (Result r = openInode(handles.activeFsP, now, &active); !r) return r;
   const kest_timestruc64_t times[4] = {{}, snap.facts.attr.ia_mtime, {}, {}};
   if (Result r = called(kest_iset_protection(active.get(), 0)); !r) return r;

@@ -154,6 +154,15 @@ Result restoreRoot() {
   return result;
 }
 
+// What the master itself wrote may still fail.
+Result settleAll() {
+  const Result result = called(kest_settle(handles.activeFsP));
+  if (result) return {};
+  userMessage(Message::kFileError, handles.rootPath, strerror(result.err));
+  if (isFull(result.err)) userMessage(Message::kNoSpace);
+  return result;
+}
+
 }  // namespace
 
 Result restoreFileset(int argc, char **argv, uint64_t item_limit, MasterLists &lists, bool *worthless) {
@@ -205,5 +214,5 @@ Result endRun(Result result, bool worthless, Result *tidied) {
     userMessage(Message::kStopped, stopped, settings.filesetP, settings.shareDir);
   }
   if (before_passes) putBackRootFlags();
-  return result && *tidied ? restoreRoot() : result;
+  return result && *tidied ? firstFailure(restoreRoot(), settleAll()) : result;
 }

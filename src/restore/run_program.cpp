@@ -10,6 +10,7 @@
 #include "restore/fileset_services.h"
 #include "restore/master_run.h"
 #include "restore/preparation.h"
+#include "restore/start_checks.h"
 #include "run/limits.h"
 #include "run/open_run.h"
 #include "run/settings.h"
@@ -48,6 +49,7 @@ int runMaster(int argc, char **argv, uint64_t item_limit) {
     traceLog("Main: addItem: %d  freed: %d rc %d\n", addCount, freeCount, result.rc);
   }
   result = firstFailure(result, lists.closeAll());
+  unlockFileset();
   const int status = result && tidied ? 0 : 1;
   endProcess(status, tidied.rc);
   return status;

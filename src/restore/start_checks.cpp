@@ -4,14 +4,12 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
 #include <string>
 
-#include "base/fd_path.h"
 #include "base/unique_fd.h"
 #include "messages/messages.h"
 #include "object/paths.h"
@@ -30,13 +28,9 @@ constexpr const char *kCommands[] = {"ktapplypolicy", "ktfsctl",         "ktlsfi
 
 // `lock` receives a descriptor with the lock, which the caller closes.
 Result takeLock(int *lock) {
-  // Of the directory that the handle holds, whatever its path means by now.
-  UniqueFd named;
-  if (Result r = openObject(handles.rootPath, &named); !r) return r;
-  const UniqueFd root(reopen(named.get(), O_RDONLY | O_DIRECTORY));
-  if (!root) return failedErrno(0);
-  if (Result r = called(flock(root.get(), LOCK_EX | LOCK_NB)); !r) return r;
-  *lock = fcntl(root.get(), F_DUPFD_CLOEXEC, kLeastDescriptor);  // shares the lock
+  const UniqueFd held(kest_lock(handles.activeFsP));
+  if (!held) return failedErrno(0);
+  *lock = fcntl(held.get(), F_DUPFD_CLOEXEC, kLeastDescriptor);  // shares the lock
   return *lock >= 0 ? Result{} : failedErrno(0);
 }
 
@@ -68,12 +62,20 @@ Result checkCommandFile(const std::string &path) {
   return checkSurvives(path);
 }
 
+bool locked = false;
+
 }  // namespace
+
+void unlockFileset() {
+  // What stays is harmless: the next run takes it over.
+  if (locked) (void)kest_remove_lock(handles.activeFsP);
+}
 
 Result lockFileset() {
   int lock = -1;
   const Result taken = takeLock(&lock);
   if (taken) {
+    locked = true;
     inheritInCommands(lock);  // open as long as this process lives
   } else if (taken.err == EWOULDBLOCK) {
     userMessage(Message::kAlreadyRunning, settings.filesetP);

@@ -10,6 +10,8 @@
 // ended, however that happened. rc of a failure is the errno (EWOULDBLOCK: another restore has it),
 // after a message.
 Result lockFileset();
+// Takes away what the lock stands on, if this process took it. At the end of a run.
+void unlockFileset();
 
 // The program, its library and the commands of the file system must be there and outlive the restore;
 // the fileset must be writable; every node must be this machine. A writable snapshot only gives a

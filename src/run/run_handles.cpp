@@ -15,6 +15,14 @@ Result openInode(kest_fssnap_handle_t *fs, uint64_t ino, Inode *file, int flags)
   return *file ? Result{} : failedErrno(0);
 }
 
+Result openSnapshotInode(uint64_t ino, const std::string &path, Inode *file) {
+  const std::string &root = handles.rootPath;
+  const bool below = path.size() > root.size() && path.starts_with(root);
+  const char *link = below ? path.c_str() + root.size() : nullptr;
+  file->reset(kest_iopen64(handles.oldFsP, ino, 0, nullptr, link));
+  return *file ? Result{} : failedErrno(0);
+}
+
 Result openIfThere(kest_fssnap_handle_t *fs, uint64_t ino, Inode *file, int flags) {
   const Result r = openInode(fs, ino, file, flags);
   return r.err == ENOENT ? Result{} : r;

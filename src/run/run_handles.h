@@ -36,6 +36,10 @@ using InodeScan = std::unique_ptr<kest_iscan_t, ScanCloser>;
 // tree holds no such inode.
 Result openInode(kest_fssnap_handle_t *fs, uint64_t ino, Inode *file, int flags = 0);
 
+// Opens inode `ino` of the snapshot. `path`: of the active fileset, where it belongs, if it is known; the snapshot
+// is likely to have it there. rc of a failure is the errno.
+Result openSnapshotInode(uint64_t ino, const std::string &path, Inode *file);
+
 // The same where a missing inode is no failure: `file` is empty then.
 Result openIfThere(kest_fssnap_handle_t *fs, uint64_t ino, Inode *file, int flags = 0);
 

@@ -10,6 +10,7 @@
 
 #include "messages/messages.h"
 #include "run/path.h"
+#include "run/run_handles.h"
 #include "run/settings.h"
 
 std::string workPath(std::string_view name) {
@@ -156,8 +157,8 @@ void exportWorkDirectory() {
   setenv(kIdentityVariable, directoryIdentity(work.st).c_str(), 1);
 }
 
-bool youngerThanWorkDirectory(const struct stat &st) {
-  return openWorkDirectory() && st.st_ino > work.st.st_ino;
+bool youngerThanWorkDirectory(uint64_t ino) {
+  return openWorkDirectory() && kest_younger(handles.activeFsP, ino, work.st.st_ino) == 1;
 }
 
 std::string directoryIdentity(const struct stat &st) {

@@ -67,9 +67,8 @@ void exportWorkDirectory();
 // Forgets it, for a work directory that has been removed.
 void closeWorkDirectory();
 
-// True for an object that cannot be older than the work directory: the file system gives every inode of
-// the fileset a higher number than all before it.
-bool youngerThanWorkDirectory(const struct stat &st);
+// True for an inode of the fileset that was made after the work directory.
+bool youngerThanWorkDirectory(uint64_t ino);
 
 // "<device>:<inode>" of a directory, as child processes learn it.
 std::string directoryIdentity(const struct stat &st);

@@ -92,7 +92,7 @@ Result makeAndRestore(const Record &record, kest_ifile_t *snap) {
 
 Result make(const Record &record, const ListRunner &here) {
   Inode snap;
-  if (Result r = openInode(handles.oldFsP, record.ino, &snap); !r)
+  if (Result r = openSnapshotInode(record.ino, record.path, &snap); !r)
     return failed(kOpenSnapshotDir, r.err);
   if (!isDirectory(snap->if_mode)) return failed(kOpenSnapshotDir, ENOTDIR);
   if (settings.pass == 1 || settings.phase == kPhaseDirs) {

@@ -217,7 +217,7 @@ Result DeletedFile::restore() {
 
 Result restoreDeleted(const Record &record) {
   OpenObject snap;
-  if (Result r = openSnapshotObject(record.ino, &snap); !r) return r.at(kOpenDeleted);
+  if (Result r = openSnapshotObject(record.ino, record.path, &snap); !r) return r.at(kOpenDeleted);
   return DeletedFile(record, std::move(snap)).restore();
 }
 
@@ -248,7 +248,7 @@ Result attributesOfSurvivor(const Record &record, const OpenObject &snap, OpenOb
 Result restoreSurvivor(const Record &record) {
   const std::string &path = record.path;
   OpenObject snap, active;
-  if (Result r = openSnapshotObject(record.ino, &snap); !r) return r.at(kOpenSnapshot);
+  if (Result r = openSnapshotObject(record.ino, record.path, &snap); !r) return r.at(kOpenSnapshot);
   const Result opened = openSameFile(snap, &active);
   if (!opened && opened.err != ENOENT) return opened.at(kOpenActive);
   struct stat st;

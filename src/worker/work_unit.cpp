@@ -18,6 +18,7 @@
 #include "messages/messages.h"
 #include "object/move_file.h"
 #include "run/fatal_error.h"
+#include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
@@ -48,8 +49,8 @@ class Checkpoint {
   }
 
   // To be called before a record is performed. A file's contents and attributes can be restored twice
-  // with the same result, so the lines of such records may be lost with the worker: they wait up to a
-  // millisecond for each other. Any other record depends on what was done before it.
+  // with the same result, so the lines of such records may be lost with the worker: they wait up to ten
+  // milliseconds for each other. Any other record depends on what was done before it.
   Result before(const Operation &op) {
     const bool repeatable = op.opCode == kOpRestoreDiffFile || op.opCode == kOpRestoreDelFile;
     return repeatable && nanoseconds() - last_write_ < kPause ? Result{} : flush();
@@ -57,8 +58,11 @@ class Checkpoint {
   void done(int64_t ino, const std::string &op_string) {
     waiting_ += formatCheckpointLine(ino, op_string);
   }
+  // Writes the lines that wait. A record that is noted is not performed again, so the file system has
+  // to keep what was done first.
   Result flush() {
     if (waiting_.empty()) return {};
+    if (Result r = called(kest_settle(handles.activeFsP)); !r) return r;
     const Result written = writeAll(fd_.get(), waiting_);
     waiting_.clear();
     last_write_ = nanoseconds();
@@ -66,7 +70,7 @@ class Checkpoint {
   }
 
  private:
-  static constexpr int64_t kPause = 1000000;
+  static constexpr int64_t kPause = 10000000;
 
   static int64_t nanoseconds() {
     timespec now{};

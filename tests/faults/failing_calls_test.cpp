@@ -24,11 +24,12 @@ Outcome outcomeOf(const std::string &call, int where) {
   static const std::set<std::string> preparation{
       "kest_get_fset_snaphandle_by_name", "kest_get_fssnapid_from_fssnaphandle",
       "kest_get_pathname_from_fssnaphandle", "kest_statfs64", "kest_open_inodescan64"};
-  static const std::set<std::string> either{"kest_idifference",  // else clone attributes are read
-                                            "kest_is_writable",  // of the snapshot: a warning alone
-                                            "kest_lstat",  // what cannot be looked at counts as taken
-                                            "kest_fcntl",       "kest_path_descriptor",
-                                            "kest_open_path"};  // clone attributes; nothing is a clone
+  static const std::set<std::string> either{
+      "kest_idifference",  // else clone attributes are read
+      "kest_is_writable",  // of the snapshot: a warning alone
+      "kest_lstat",        // what cannot be looked at counts as taken
+      "kest_younger",         "kest_remove_lock", "kest_fcntl",
+      "kest_path_descriptor", "kest_open_path"};  // clone attributes; nothing is a clone
   if (call == "kest_same_file" || call == "kest_is_quota_file") return Outcome::kCannotFail;
   if (where != kMaster && preparation.count(call)) return Outcome::kRetried;
   return either.count(call) ? Outcome::kEither : Outcome::kFails;

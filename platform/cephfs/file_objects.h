@@ -1,0 +1,32 @@
+// What the object stores know of a file's data, without reading it: which ranges changed since a
+// snapshot, and where there is nothing.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "cephfs/client.h"
+#include "cephfs/file_layout.h"
+#include "filesystem/file_system.h"
+
+namespace kest {
+
+// The layout of a regular file in the words of ceph.file.layout, as the client knows it. 0 or -errno.
+int readLayoutText(const InodeRef &file, std::string *text);
+
+// The layout of a regular file. 0 or -errno.
+int readLayout(const InodeRef &file, FileLayout *layout);
+
+// Ranges of [from, to) in which the file's objects differ from what snapshot `snapid` has, upwards,
+// adjoining ones of one kind as one; at most `limit` are appended. What clients have not written yet is
+// in no object. 0 or -errno.
+int diffObjects(const InodeRef &file, uint64_t ino, uint64_t snapid, uint64_t from, uint64_t to,
+                size_t limit, std::vector<FileRange> *ranges);
+
+// Whether there is an object for the byte at `offset` (`snapid` kActive: in the active file), and where
+// that changes: `end` at the latest. 0 or -errno.
+int stretchOfObjects(const FileLayout &layout, const InodeRef &file, uint64_t ino, uint64_t snapid,
+                     uint64_t offset, uint64_t end, uint64_t *stop, bool *hole);
+
+}  // namespace kest

@@ -1,0 +1,80 @@
+#include "cephfs/run_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <cerrno>
+
+#include "base/unique_fd.h"
+
+namespace kest {
+
+namespace {
+
+constexpr int kAttempts = 100;  // while other runs remove the file
+
+bool isOurs(mode_t mode, uid_t uid, uint64_t size) {
+  return S_ISREG(mode) && uid == 0 && size == 0;
+}
+
+// Runs `call`, which adds a name to the root directory or takes one away, and sets its times back.
+template <typename Call>
+int keepingTimes(const CephRoot &root, Call call) {
+  CephStat st;
+  if (int rc = root.client->readStat(root.inode, &st); rc < 0) return rc;
+  const int rc = call();
+  CephStat times{};
+  times.stx_mtime = st.stx_mtime;
+  const int set = ceph_ll_setattr(root.client->mount(), root.inode.get(), &times, CEPH_SETATTR_MTIME,
+                                  root.client->perms());
+  return rc < 0 ? rc : set;
+}
+
+// The open file, made where it is missing. The lock is asked for through the mount, so that it belongs
+// to the descriptor and not to this process.
+int openLockFile(const CephRoot &root, UniqueFd *fd) {
+  const auto open = [&](int flags) {
+    fd->reset(
+        openat(root.fd.get(), kLockFile, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, 0600));
+    return *fd ? 0 : -errno;
+  };
+  const int rc = open(0);
+  return rc == -ENOENT ? keepingTimes(root, [&] { return open(O_CREAT); }) : rc;
+}
+
+}  // namespace
+
+void leaveOutLockFile(const CephRoot &root, uint64_t dir, std::vector<CephEntry> *entries) {
+  if (dir != root.ino) return;
+  std::erase_if(*entries, [](const CephEntry &one) {
+    return one.name == kLockFile && isOurs(one.st.stx_mode, one.st.stx_uid, one.st.stx_size);
+  });
+}
+
+int lockFileset(const CephRoot &root) {
+  for (int attempt = 0; attempt < kAttempts; ++attempt) {
+    UniqueFd fd;
+    if (int rc = openLockFile(root, &fd); rc < 0) return rc;
+    struct stat st, named;
+    if (fstat(fd.get(), &st) != 0) return -errno;
+    // Somebody else's file has the name.
+    if (!isOurs(st.st_mode, st.st_uid, static_cast<uint64_t>(st.st_size))) return -EEXIST;
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) return -errno;
+    // A run that ended meanwhile may have removed it.
+    if (fstatat(root.fd.get(), kLockFile, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
+        named.st_ino == st.st_ino)
+      return fd.release();
+  }
+  return -EWOULDBLOCK;
+}
+
+int removeLockFile(const CephRoot &root) {
+  return keepingTimes(root, [&] {
+    const int rc =
+        ceph_ll_unlink(root.client->mount(), root.inode.get(), kLockFile, root.client->perms());
+    return rc == -ENOENT ? 0 : rc;
+  });
+}
+
+}  // namespace kest

@@ -1,0 +1,347 @@
+#include "cephfs/tree_compare.h"
+
+#include <sys/stat.h>
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "cephfs/inode_compare.h"
+#include "cephfs/names.h"
+#include "cephfs/run_lock.h"
+
+namespace kest {
+
+namespace {
+
+constexpr int kThreads = 4;
+
+// What one entry says about its inode. All that the entries of an inode say is taken together in the
+// end, so that the names of a hard link can be met in any order.
+constexpr uint64_t kOnlyNow = 1;   // a name that only the fileset has
+constexpr uint64_t kOnlyThen = 2;  // a name that only the snapshot has
+constexpr uint64_t kInBoth = 4;    // a name that means it in both
+constexpr uint64_t kChanged = 8;   // its attributes or data differ
+constexpr uint64_t kSeveral = 16;  // it has several names in either tree
+
+bool severalNames(const CephStat &st) {
+  return !S_ISDIR(st.stx_mode) && st.stx_nlink > 1;
+}
+
+bool byName(const CephEntry &a, const CephEntry &b) {
+  return a.name < b.name;
+}
+
+class TreeComparison {
+ public:
+  TreeComparison(const CephRoot &active, const CephRoot &snapshot, DifferenceSet *difference,
+                 ChangeNotes *notes, LeadNames *names)
+      : active_(active), snapshot_(snapshot), difference_(difference), notes_(notes), names_(names) {}
+
+  int compute();
+
+ private:
+  // A directory to be looked at: in both trees, or in the one that has it.
+  struct Folder {
+    enum Kind { kPair, kDeleted, kNew } kind = kPair;
+    uint64_t ino = 0;
+    bool changed = false;  // a pair whose own attributes or place differ
+    InodeRef then;         // in the snapshot, looked up by names
+  };
+
+  int workThrough();
+  void work();
+  int visit(const Folder &folder);
+  int visitPair(const Folder &folder);
+  int compareEntry(const Folder &folder, const CephEntry &now, CephEntry &then);
+  int onlyNow(uint64_t dir, const CephEntry &entry);
+  int onlyThen(CephEntry &entry);
+  int listActive(uint64_t ino, std::vector<CephEntry> *entries);
+  void push(Folder folder);
+  void addNews(uint64_t ino, uint64_t news);
+  void addParent(uint64_t dir, uint64_t parent);
+  void addLead(uint64_t dir, const CephEntry &entry);
+  void noteEntries(uint64_t dir, const EntryDifference &changed);
+  void recordFolder(uint64_t ino, unsigned state);
+  void recordFiles();
+  void climb();
+
+  const CephRoot &active_, &snapshot_;
+  DifferenceSet *difference_;
+  ChangeNotes *notes_;
+  LeadNames *names_;
+
+  std::mutex mutex_;  // of everything below
+  std::condition_variable changed_;
+  std::vector<Folder> folders_;
+  int busy_ = 0, failure_ = 0;
+  std::unordered_set<uint64_t> moved_;  // directories of both trees that stand elsewhere now
+  std::vector<uint64_t> unmatched_;     // directories under names that only the fileset has
+  PairSorter news_, found_, leads_, parents_;
+};
+
+void TreeComparison::push(Folder folder) {
+  std::lock_guard lock(mutex_);
+  folders_.push_back(std::move(folder));
+  changed_.notify_one();
+}
+
+void TreeComparison::addNews(uint64_t ino, uint64_t news) {
+  std::lock_guard lock(mutex_);
+  news_.add({ino, news});
+}
+
+void TreeComparison::addParent(uint64_t dir, uint64_t parent) {
+  std::lock_guard lock(mutex_);
+  parents_.add({dir, parent});
+}
+
+void TreeComparison::addLead(uint64_t dir, const CephEntry &entry) {
+  std::lock_guard lock(mutex_);
+  leads_.add({dir, entry.st.stx_ino});
+  names_->add(dir, toEntry(entry));
+}
+
+void TreeComparison::noteEntries(uint64_t dir, const EntryDifference &changed) {
+  std::lock_guard lock(mutex_);
+  notes_->addEntries(dir, changed);
+}
+
+void TreeComparison::recordFolder(uint64_t ino, unsigned state) {
+  std::lock_guard lock(mutex_);
+  found_.add({ino, state | KEST_DI_DIR});
+}
+
+int TreeComparison::compute() {
+  CephStat now, then;
+  int rc = active_.client->readStat(active_.inode, &now);
+  if (rc == 0) rc = snapshot_.client->readStat(snapshot_.inode, &then);
+  int same = 1;
+  if (rc == 0 && !sameListing(now, then))
+    same = sameProperties(active_, snapshot_, active_.ino, now, then, snapshot_.inode, "");
+  if (rc == 0 && same < 0) rc = same;
+  if (rc < 0) return rc;
+  push({Folder::kPair, active_.ino, same == 0, snapshot_.inode.another()});
+  rc = workThrough();
+  if (rc < 0) return rc;
+  // By now every directory of the snapshot has been looked at, so what is left is new with all it
+  // holds.
+  while (!unmatched_.empty()) {
+    for (uint64_t ino : std::exchange(unmatched_, {}))
+      if (!moved_.contains(ino)) folders_.push_back({Folder::kNew, ino, true, {}});
+    rc = workThrough();
+    if (rc < 0) return rc;
+  }
+  recordFiles();
+  difference_->setInodes(found_.finish());
+  climb();
+  return 0;
+}
+
+int TreeComparison::workThrough() {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) threads.emplace_back([this] { work(); });
+  for (std::thread &one : threads) one.join();
+  return failure_;
+}
+
+void TreeComparison::work() {
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    changed_.wait(lock, [&] { return !folders_.empty() || busy_ == 0 || failure_ != 0; });
+    if (folders_.empty() || failure_ != 0) break;
+    // The last one first: depth before breadth keeps the list short.
+    int rc;
+    {
+      const Folder folder = std::move(folders_.back());
+      folders_.pop_back();
+      ++busy_;
+      lock.unlock();
+      try {
+        rc = visit(folder);
+      } catch (const std::bad_alloc &) {
+        rc = -ENOMEM;
+      }
+    }
+    lock.lock();
+    --busy_;
+    if (rc < 0 && failure_ == 0) failure_ = rc;
+    if (failure_ != 0 || (busy_ == 0 && folders_.empty())) changed_.notify_all();
+  }
+  changed_.notify_all();
+}
+
+int TreeComparison::listActive(uint64_t ino, std::vector<CephEntry> *entries) {
+  InodeRef dir;
+  CephStat st;
+  int rc = active_.client->byNumber(ino, kActive, &dir, &st);
+  if (rc == 0) rc = active_.client->list(dir, entries);
+  // A directory that goes away meanwhile has no entries.
+  return rc == -ESTALE || rc == -ENOENT ? 0 : rc;
+}
+
+int TreeComparison::visit(const Folder &folder) {
+  if (folder.kind == Folder::kPair) return visitPair(folder);
+  std::vector<CephEntry> entries;
+  const bool deleted = folder.kind == Folder::kDeleted;
+  int rc =
+      deleted ? snapshot_.client->list(folder.then, &entries, true) : listActive(folder.ino, &entries);
+  recordFolder(folder.ino, deleted ? KEST_DI_SNAPSHOT : KEST_DI_ACTIVE);
+  for (CephEntry &one : entries)
+    if (rc == 0) rc = deleted ? onlyThen(one) : onlyNow(folder.ino, one);
+  return rc;
+}
+
+int TreeComparison::visitPair(const Folder &folder) {
+  std::vector<CephEntry> now, then;
+  // The active tree first: to show what is true now, its servers call in what clients keep to
+  // themselves, which makes the snapshot complete as well.
+  int rc = listActive(folder.ino, &now);
+  if (rc == 0) rc = snapshot_.client->list(folder.then, &then, true);
+  if (rc < 0) return rc;
+  leaveOutLockFile(active_, folder.ino, &now);
+  leaveOutLockFile(snapshot_, folder.ino, &then);
+  std::sort(now.begin(), now.end(), byName);
+  std::sort(then.begin(), then.end(), byName);
+  EntryDifference changed;
+  const auto onlyInActive = [&](CephEntry &entry) {
+    changed.active.push_back(toEntry(entry));
+    return onlyNow(folder.ino, entry);
+  };
+  const auto onlyInSnapshot = [&](CephEntry &entry) {
+    changed.snapshot.push_back(toEntry(entry));
+    return onlyThen(entry);
+  };
+  auto a = now.begin(), b = then.begin();
+  while (rc == 0 && (a != now.end() || b != then.end())) {
+    if (b == then.end() || (a != now.end() && a->name < b->name)) {
+      rc = onlyInActive(*a++);
+    } else if (a == now.end() || b->name < a->name) {
+      rc = onlyInSnapshot(*b++);
+    } else if (a->st.stx_ino == b->st.stx_ino) {
+      rc = compareEntry(folder, *a++, *b++);
+    } else {
+      rc = onlyInActive(*a++);
+      if (rc == 0) rc = onlyInSnapshot(*b++);
+    }
+  }
+  const bool entries_differ = !changed.active.empty() || !changed.snapshot.empty();
+  if (entries_differ) noteEntries(folder.ino, changed);
+  if (folder.changed || entries_differ)
+    recordFolder(folder.ino,
+                 KEST_DI_ACTIVE | KEST_DI_SNAPSHOT | (entries_differ ? KEST_DI_ENTRIES : 0));
+  return rc;
+}
+
+// An entry that is the same in both trees.
+int TreeComparison::compareEntry(const Folder &folder, const CephEntry &now, CephEntry &then) {
+  const uint64_t ino = now.st.stx_ino, dir = folder.ino;
+  int same = 1;
+  if (!sameListing(now.st, then.st)) {
+    same = sameProperties(active_, snapshot_, ino, now.st, then.st, folder.then, then.name);
+    if (same < 0) return same;
+  }
+  if (S_ISDIR(now.st.stx_mode)) {
+    addParent(ino, dir);
+    push({Folder::kPair, ino, same == 0, std::move(then.dir)});
+    return 0;
+  }
+  const bool several = severalNames(now.st) || severalNames(then.st);
+  if (same == 0 || several)
+    addNews(ino, kInBoth | (same == 0 ? kChanged : 0) | (several ? kSeveral : 0));
+  if (same == 0 || several) addLead(dir, now);
+  return 0;
+}
+
+int TreeComparison::onlyNow(uint64_t dir, const CephEntry &entry) {
+  const uint64_t ino = entry.st.stx_ino;
+  if (!S_ISDIR(entry.st.stx_mode)) {
+    addNews(ino, kOnlyNow | (severalNames(entry.st) ? kSeveral : 0));
+    addLead(dir, entry);
+    return 0;
+  }
+  addParent(ino, dir);
+  std::lock_guard lock(mutex_);
+  names_->add(dir, toEntry(entry));
+  unmatched_.push_back(ino);
+  return 0;
+}
+
+int TreeComparison::onlyThen(CephEntry &entry) {
+  const uint64_t ino = entry.st.stx_ino;
+  if (!S_ISDIR(entry.st.stx_mode)) {
+    addNews(ino, kOnlyThen | (severalNames(entry.st) ? kSeveral : 0));
+    return 0;
+  }
+  const int lives = liesInFileset(active_, ino);
+  if (lives < 0) return lives;
+  if (lives == 0) {
+    push({Folder::kDeleted, ino, true, std::move(entry.dir)});
+    return 0;
+  }
+  {
+    std::lock_guard lock(mutex_);
+    moved_.insert(ino);
+  }
+  push({Folder::kPair, ino, true, std::move(entry.dir)});
+  return 0;
+}
+
+void TreeComparison::recordFiles() {
+  const SortedPairs all = news_.finish();
+  SortedPairs::Cursor cursor = all.begin();
+  NumberPair one;
+  bool more = cursor.next(&one);
+  while (more) {
+    const uint64_t ino = one.first;
+    uint64_t news = 0;
+    for (; more && one.first == ino; more = cursor.next(&one)) news |= one.second;
+    if ((news & (kOnlyNow | kOnlyThen | kChanged)) == 0) continue;
+    unsigned state = (news & kSeveral) != 0 ? KEST_DI_LINKED : 0;
+    if ((news & (kOnlyNow | kInBoth)) != 0) state |= KEST_DI_ACTIVE;
+    if ((news & (kOnlyThen | kInBoth)) != 0) state |= KEST_DI_SNAPSHOT;
+    found_.add({ino, state});
+  }
+}
+
+// Keeps the leads to inodes of the difference, adds those to its directories, and goes on up to the
+// root.
+void TreeComparison::climb() {
+  const SortedPairs parents = parents_.finish();
+  const SortedPairs files = leads_.finish();
+  PairSorter all;
+  std::vector<uint64_t> step;
+  std::unordered_set<uint64_t> climbed;
+  NumberPair pair;
+  for (SortedPairs::Cursor cursor = files.begin(); cursor.next(&pair);) {
+    if (!difference_->find(pair.second).alive()) continue;
+    all.add(pair);
+    if (step.empty() || step.back() != pair.first) step.push_back(pair.first);
+  }
+  for (SortedPairs::Cursor cursor = parents.begin(); cursor.next(&pair);)
+    if (difference_->find(pair.first).alive()) step.push_back(pair.first);
+  while (!step.empty()) {
+    const uint64_t dir = step.back();
+    step.pop_back();
+    if (dir == active_.ino || !climbed.insert(dir).second) continue;
+    if (!parents.from({dir, 0}).next(&pair) || pair.first != dir) continue;
+    all.add({pair.second, dir});
+    step.push_back(pair.second);
+  }
+  difference_->setLeads(all.finish());
+}
+
+}  // namespace
+
+int compareTrees(const CephRoot &active, const CephRoot &snapshot, DifferenceSet *difference,
+                 ChangeNotes *notes, LeadNames *names) {
+  return TreeComparison(active, snapshot, difference, notes, names).compute();
+}
+
+}  // namespace kest

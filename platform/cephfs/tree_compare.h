@@ -1,0 +1,19 @@
+// Finding the inodes in which a fileset and one of its snapshots differ.
+#pragma once
+
+#include "cephfs/lead_names.h"
+#include "cephfs/tree_root.h"
+#include "diff/change_notes.h"
+#include "diff/difference_set.h"
+
+namespace kest {
+
+// Walks both trees side by side, several directories at a time. 0 and the difference, or -errno. A
+// directory that is in both costs two listings, one that only one tree has one. Memory: a few bytes for
+// what is found and for every directory, and the listings that are compared at the moment.
+// `notes` gets the changed entries of directories, `names` the leads under their names, but for
+// directories that stand where the snapshot has them.
+int compareTrees(const CephRoot &active, const CephRoot &snapshot, DifferenceSet *difference,
+                 ChangeNotes *notes, LeadNames *names);
+
+}  // namespace kest
