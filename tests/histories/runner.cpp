@@ -10,6 +10,7 @@
 #include "histories/generator.h"
 #include "histories/random.h"
 #include "support/fault_plan.h"
+#include "support/loop_btrfs.h"
 #include "support/survival.h"
 #include "support/tree_fingerprint.h"
 
@@ -18,16 +19,17 @@ namespace histories {
 using testsupport::Fault;
 using testsupport::FaultAction;
 using testsupport::FaultPlan;
-using testsupport::LoopBtrfs;
 using testsupport::RunOptions;
 using testsupport::RunResult;
+using testsupport::TestFileSystem;
 using testsupport::TreeBuilder;
 using testsupport::TreePrint;
 
 namespace {
 
 constexpr unsigned kRunsPerFileSystem = 64;  // before deleted subvolumes fill it
-constexpr int kMostTries = 600;              // of a shrinking
+constexpr char kSnapshot[] = "snap";
+constexpr int kMostTries = 600;  // of a shrinking
 
 // "mtime", "left over", "remade": lines of one kind count as the same failure.
 std::string kindOf(const std::string &line) {
@@ -94,7 +96,7 @@ Runner::Runner(const Settings &settings) : settings_(settings) {
 
 void Runner::freshFileSystem() {
   fs_.reset();
-  fs_ = std::make_unique<LoopBtrfs>("histories");
+  fs_ = TestFileSystem::make("histories", testsupport::LoopBtrfs::kDefaultBytes);
 }
 
 Outcome Runner::generate(uint64_t seed) {
@@ -123,41 +125,45 @@ Outcome Runner::replay(const History &history, uint64_t seed) {
 Outcome Runner::run(uint64_t seed, const Builder &initial, const Builder &changes,
                     const Builder &later) {
   if (runs_++ % kRunsPerFileSystem == kRunsPerFileSystem - 1) freshFileSystem();
-  std::string fileset = "h" + std::to_string(runs_), snapshot = fileset + "-snap";
+  const std::string fileset = "h" + std::to_string(runs_);
   Outcome outcome;
-  fs_->createSubvolume(fileset);
+  fs_->makeFileset(fileset);
   {
     TreeBuilder tree(fs_->path(fileset));
     initial(tree);
-    fs_->snapshot(fileset, snapshot);
+    fs_->takeSnapshot(fileset, kSnapshot);
     testsupport::awaitClockTick();
     changes(tree);
   }
-  outcome.problems = restoreAndJudge(seed, fileset, snapshot, &outcome);
+  outcome.problems = restoreAndJudge(seed, fileset, &outcome);
   // What the first restore made again is changed in turn.
   if (outcome.problems.empty()) {
     TreeBuilder tree(fs_->path(fileset));
     later(tree);
-    for (const std::string &line : restoreAndJudge(seed + 1, fileset, snapshot, &outcome))
+    for (const std::string &line : restoreAndJudge(seed + 1, fileset, &outcome))
       outcome.problems.push_back("later, " + line);
   }
-  fs_->destroySubvolume(snapshot);
-  fs_->destroySubvolume(fileset);
+  fs_->removeSnapshot(fileset, kSnapshot);
+  fs_->removeFileset(fileset);
   return outcome;
 }
 
 std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::string &fileset,
-                                                 const std::string &snapshot, Outcome *outcome) {
+                                                 Outcome *outcome) {
+  const std::string snapshot = fs_->snapshotName(fileset, kSnapshot);
+  const std::string snapshot_path = fs_->snapshotPath(fileset, kSnapshot);
   Random random(seed ^ 0x5eed0fc401ce5ull);
   const bool many = seed % 2 != 0;
   const std::vector<std::string> workers{"-m", many ? "36" : "2"};
   RunOptions options;
   options.program = settings_.program;
+  // The servers may wait a minute for a client that was killed.
+  if (TestFileSystem::onCephFs()) options.timeoutSeconds = 250;
   if (many) options.environment.emplace_back("KT_MAX_WORKERS", "36");
   if (!settings_.passes.empty())
     options.environment.emplace_back("DIFF_ITEM_LIMIT", std::to_string(random.pick(settings_.passes)));
 
-  TreePrint want = testsupport::fingerprint(fs_->path(snapshot));
+  TreePrint want = testsupport::fingerprint(snapshot_path);
   TreePrint before = testsupport::fingerprint(fs_->path(fileset));
   std::vector<std::string> problems;
   const auto add = [&](const char *what, const std::vector<std::string> &lines) {
@@ -194,14 +200,14 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
   add("", compare(want, after));
   crossCheck("afterwards, ", after);
   add("", remadeOrTouched(want, before, after, !settings_.killBefore && !settings_.loseWorkers));
-  add("snapshot changed: ", compare(want, testsupport::fingerprint(fs_->path(snapshot))));
-  return problems.empty() ? judgeAgain(fileset, snapshot, options, want, outcome) : problems;
+  add("snapshot changed: ", compare(want, testsupport::fingerprint(snapshot_path)));
+  return problems.empty() ? judgeAgain(fileset, options, want, outcome) : problems;
 }
 
 // A restore of what is restored must find nothing to do, whatever was made again.
-std::vector<std::string> Runner::judgeAgain(const std::string &fileset, const std::string &snapshot,
-                                            const RunOptions &options, const TreePrint &want,
-                                            Outcome *outcome) {
+std::vector<std::string> Runner::judgeAgain(const std::string &fileset, const RunOptions &options,
+                                            const TreePrint &want, Outcome *outcome) {
+  const std::string snapshot = fs_->snapshotName(fileset, kSnapshot);
   const TreePrint before = testsupport::fingerprint(fs_->path(fileset));
   const RunResult result = testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, {}, options);
   const TreePrint after = testsupport::fingerprint(fs_->path(fileset));

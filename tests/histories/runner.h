@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "histories/operation.h"
-#include "support/loop_btrfs.h"
 #include "support/restore_run.h"
+#include "support/test_file_system.h"
 #include "support/tree_fingerprint.h"
 
 namespace histories {
@@ -41,9 +41,8 @@ class Runner {
  private:
   using Builder = std::function<void(testsupport::TreeBuilder &)>;
   Outcome run(uint64_t seed, const Builder &initial, const Builder &changes, const Builder &later);
-  std::vector<std::string> restoreAndJudge(uint64_t seed, const std::string &fileset,
-                                           const std::string &snapshot, Outcome *outcome);
-  std::vector<std::string> judgeAgain(const std::string &fileset, const std::string &snapshot,
+  std::vector<std::string> restoreAndJudge(uint64_t seed, const std::string &fileset, Outcome *outcome);
+  std::vector<std::string> judgeAgain(const std::string &fileset,
                                       const testsupport::RunOptions &options,
                                       const testsupport::TreePrint &want, Outcome *outcome);
   bool failsAlike(const History &history, uint64_t seed, const std::vector<std::string> &problems,
@@ -51,7 +50,7 @@ class Runner {
   void freshFileSystem();
 
   Settings settings_;
-  std::unique_ptr<testsupport::LoopBtrfs> fs_;
+  std::unique_ptr<testsupport::TestFileSystem> fs_;
   unsigned runs_ = 0, workersLost_ = 0;
 };
 

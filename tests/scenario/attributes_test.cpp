@@ -63,7 +63,8 @@ const HistoryCase kCases[] = {
        t.flag("property", FS_DIRSYNC_FL);  // which makes the algorithm the kernel's own
        t.flag("both", FS_NOCOW_FL | FS_NOCOMP_FL | FS_IMMUTABLE_FL);
        t.flag("late", FS_NOCOW_FL | FS_NOCOMP_FL, false);
-     }},
+     },
+     testsupport::kInodeFlags},
     {"EachAloneOnEveryKind",
      [](TreeBuilder &t) {
        for (const char *folder : {"mode", "owner", "group", "time", "changed", "removed", "added"})
@@ -170,7 +171,7 @@ const HistoryCase kCases[] = {
 TEST_P(RestoreTable, Attributes) {
   runCase(GetParam());
 }
-INSTANTIATE_TEST_SUITE_P(Attributes, RestoreTable, ::testing::ValuesIn(kCases), caseName);
+INSTANTIATE_TEST_SUITE_P(Attributes, RestoreTable, casesOf(kCases), caseName);
 
 // What the kernel finds out about data is neither a difference nor restored.
 using Incompressible = RestoreFixture;

@@ -146,7 +146,7 @@ const HistoryCase kCases[] = {
 TEST_P(RestoreTable, Clones) {
   runCase(GetParam());
 }
-INSTANTIATE_TEST_SUITE_P(Clones, RestoreTable, ::testing::ValuesIn(kCases), caseName);
+INSTANTIATE_TEST_SUITE_P(Clones, RestoreTable, casesOf(kCases), caseName);
 
 class CloneTrees : public RestoreFixture {
  protected:

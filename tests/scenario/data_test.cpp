@@ -65,7 +65,8 @@ const HistoryCase kCases[] = {
        t.pattern("huge", 1ull << 38, 10000, 12);
        t.punch("huge", 0, 8192);
        t.remove("huge deleted");
-     }},
+     },
+     testsupport::kLongFiles},
     {"LongestFiles",
      [](TreeBuilder &t) {
        for (const uint64_t size : {INT64_MAX, INT64_MAX - 4095, INT64_MAX - 4094}) {
@@ -91,7 +92,8 @@ const HistoryCase kCases[] = {
            t.write(name, size - 5000, std::string(5000, 'z'));
          }
        }
-     }},
+     },
+     testsupport::kLongFiles},
     {"CompressedAndWithoutCopyOnWrite",
      [](TreeBuilder &t) {
        for (std::string name :
@@ -108,13 +110,15 @@ const HistoryCase kCases[] = {
        t.file("plain");
        t.noCow("plain");
        t.append("plain", "a file that cannot share blocks stands at the name");
-     }},
+     },
+     testsupport::kInodeFlags},
     {"SharedBlocks", [](TreeBuilder &t) { t.big("one", kMiB, 29); },
      [](TreeBuilder &t) {
        t.reflink("one", "copy");
        t.write("one", 1000, "changed");
        t.write("copy", 500000, "changed");
-     }},
+     },
+     testsupport::kSharedBlocks},
     {"LargerThanOneRecord", [](TreeBuilder &t) { t.big("large", 70 * kMiB, 30); },
      [](TreeBuilder &t) {
        for (uint64_t at = 0; at < 70 * kMiB; at += 7 * kMiB) t.pattern("large", at, 5000, 31);
@@ -125,7 +129,7 @@ const HistoryCase kCases[] = {
 TEST_P(RestoreTable, Data) {
   runCase(GetParam());
 }
-INSTANTIATE_TEST_SUITE_P(Data, RestoreTable, ::testing::ValuesIn(kCases), caseName);
+INSTANTIATE_TEST_SUITE_P(Data, RestoreTable, casesOf(kCases), caseName);
 
 // Written and written again within one tick of the clock, so that times and size stay the same.
 using SameTick = RestoreFixture;

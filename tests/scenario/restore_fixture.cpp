@@ -7,9 +7,9 @@ namespace scenario {
 using testsupport::compare;
 using testsupport::fingerprint;
 using testsupport::joined;
-using testsupport::LoopBtrfs;
+using testsupport::TestFileSystem;
 
-std::unique_ptr<LoopBtrfs> RestoreFixture::fs_;
+std::unique_ptr<TestFileSystem> RestoreFixture::fs_;
 int RestoreFixture::number_ = 0;
 
 void RestoreFixture::SetUpTestSuite() {
@@ -17,7 +17,7 @@ void RestoreFixture::SetUpTestSuite() {
 }
 void RestoreFixture::makeFileSystem(uint64_t bytes, const std::string &options) {
   fs_.reset();
-  fs_ = std::make_unique<LoopBtrfs>("scenario", bytes, options);
+  fs_ = TestFileSystem::make("scenario", bytes, options);
 }
 void RestoreFixture::TearDownTestSuite() {
   fs_.reset();
@@ -25,30 +25,30 @@ void RestoreFixture::TearDownTestSuite() {
 
 void RestoreFixture::SetUp() {
   fileset_ = "set" + std::to_string(++number_);
-  fs_->createSubvolume(fileset_);
+  fs_->makeFileset(fileset_);
   tree_.emplace(root());
 }
 
 void RestoreFixture::TearDown() {
   tree_.reset();
-  for (const std::string &which : snapshots_) fs_->destroySubvolume(snapshotName(which));
+  for (const std::string &which : snapshots_) fs_->removeSnapshot(fileset_, which);
   snapshots_.clear();
-  fs_->destroySubvolume(fileset_);
+  fs_->removeFileset(fileset_);
 }
 
 void RestoreFixture::detach() {
   tree_.reset();
-  fs_->unmount();
+  fs().unmount();
 }
 
 void RestoreFixture::remount(const std::string &options) {
   detach();
-  fs_->remount(options);
+  fs().remount(options);
   tree_.emplace(root());
 }
 
 void RestoreFixture::takeSnapshot(const std::string &which) {
-  fs_->snapshot(fileset_, snapshotName(which));
+  fs_->takeSnapshot(fileset_, which);
   snapshots_.push_back(which);
   testsupport::awaitClockTick();
 }
@@ -62,8 +62,8 @@ RunResult RestoreFixture::restore(const std::string &which, const std::vector<st
 
 void RestoreFixture::expectRestored(const std::string &which, const std::vector<std::string> &options,
                                     const RunOptions &running) {
-  const std::string snapshotPath = fs_->path(snapshotName(which));
-  TreePrint want = fingerprint(snapshotPath), before = fingerprint(root());
+  const std::string snapshot = snapshotPath(which);
+  TreePrint want = fingerprint(snapshot), before = fingerprint(root());
   RunResult result = restore(which, options, running);
   EXPECT_FALSE(result.timedOut);
   EXPECT_EQ(result.exitStatus, 0);
@@ -71,14 +71,14 @@ void RestoreFixture::expectRestored(const std::string &which, const std::vector<
   TreePrint after = fingerprint(root());
   EXPECT_EQ(joined(compare(want, after)), "") << result.describe();
   EXPECT_EQ(joined(remadeOrTouched(want, before, after, true)), "");
-  EXPECT_EQ(joined(compare(want, fingerprint(snapshotPath))), "") << "the snapshot itself changed";
+  EXPECT_EQ(joined(compare(want, fingerprint(snapshot))), "") << "the snapshot itself changed";
 }
 
 void RestoreFixture::runCase(const HistoryCase &history) {
   if (history.build) history.build(tree());
   takeSnapshot();
   history.change(tree());
-  ASSERT_NE(joined(compare(fingerprint(fs_->path(snapshotName())), fingerprint(root()))), "")
+  ASSERT_NE(joined(compare(fingerprint(snapshotPath()), fingerprint(root()))), "")
       << "the history changes nothing";
   expectRestored();
 }

@@ -11,6 +11,7 @@
 
 #include "support/loop_btrfs.h"
 #include "support/restore_run.h"
+#include "support/test_file_system.h"
 #include "support/tree_builder.h"
 #include "support/tree_fingerprint.h"
 
@@ -26,7 +27,17 @@ struct HistoryCase {
   const char *name;
   void (*build)(TreeBuilder &);
   void (*change)(TreeBuilder &);
+  unsigned needs = 0;  // features; see test_file_system.h
 };
+
+// Those of a table that the file system under test can hold.
+template <size_t n>
+auto casesOf(const HistoryCase (&table)[n]) {
+  std::vector<HistoryCase> cases;
+  for (const HistoryCase &one : table)
+    if ((one.needs & ~testsupport::TestFileSystem::features()) == 0) cases.push_back(one);
+  return ::testing::ValuesIn(cases);
+}
 
 // One file system a test program, one fresh fileset a test.
 class RestoreFixture : public ::testing::Test {
@@ -38,12 +49,19 @@ class RestoreFixture : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  static testsupport::LoopBtrfs &fs() { return *fs_; }
+  // For tests of what only btrfs has.
+  static testsupport::LoopBtrfs &fs() { return dynamic_cast<testsupport::LoopBtrfs &>(*fs_); }
+  static const std::string &device() { return fs_->mountPoint(); }
   const std::string &fileset() const { return fileset_; }
   std::string root() const { return fs_->path(fileset_); }
   TreeBuilder &tree() { return *tree_; }
   // The name of a snapshot of this test's fileset.
-  std::string snapshotName(const std::string &which = "snap") const { return fileset_ + "-" + which; }
+  std::string snapshotName(const std::string &which = "snap") const {
+    return fs_->snapshotName(fileset_, which);
+  }
+  std::string snapshotPath(const std::string &which = "snap") const {
+    return fs_->snapshotPath(fileset_, which);
+  }
 
   void detach();                                  // unmounts; tree() lets go of its root
   void remount(const std::string &options = "");  // also where it is not mounted
@@ -58,7 +76,7 @@ class RestoreFixture : public ::testing::Test {
   void runCase(const HistoryCase &history);
 
  private:
-  static std::unique_ptr<testsupport::LoopBtrfs> fs_;
+  static std::unique_ptr<testsupport::TestFileSystem> fs_;
   static int number_;
   std::string fileset_;
   std::optional<TreeBuilder> tree_;

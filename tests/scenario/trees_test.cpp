@@ -203,12 +203,14 @@ const HistoryCase kFlags[] = {
      [](TreeBuilder &t) {
        for (const char *name : {"b", "p/q", "d/c"}) t.immutable(name);
        for (const char *name : {"s/f", "d"}) t.appendOnly(name);
-     }},
+     },
+     testsupport::kInodeFlags},
     {"ClearedSince", flagged,
      [](TreeBuilder &t) {
        for (const char *name : {"b", "p/q"}) t.immutable(name, false);
        for (const char *name : {"d/f", "s/t"}) t.appendOnly(name, false);
-     }},
+     },
+     testsupport::kInodeFlags},
     {"OnChangedFiles", sample,
      [](TreeBuilder &t) {
        t.write("b", 5000, "changed");
@@ -220,7 +222,8 @@ const HistoryCase kFlags[] = {
        t.truncate("p/f", 10);
        t.chown("p/f", 7, 7);
        t.immutable("p/f");
-     }},
+     },
+     testsupport::kInodeFlags},
     {"OnDeletedAndHardLinked", flagged,
      [](TreeBuilder &t) {
        for (const char *name : {"b", "p/q"}) t.immutable(name, false);
@@ -228,7 +231,8 @@ const HistoryCase kFlags[] = {
        for (const char *name : {"b", "p", "d", "s"}) t.removeTree(name);
        t.link("c", "e/other");
        t.immutable("c");
-     }},
+     },
+     testsupport::kInodeFlags},
     {"AboveChanges", sample,
      [](TreeBuilder &t) {
        t.write("d/f", 0, "changed");
@@ -237,16 +241,17 @@ const HistoryCase kFlags[] = {
        t.chmod("d/sub/f", 0600);
        t.immutable("d/sub");
        t.immutable("d");
-     }},
+     },
+     testsupport::kInodeFlags},
 };
 
 TEST_P(RestoreTable, Trees) {
   runCase(GetParam());
 }
-INSTANTIATE_TEST_SUITE_P(Names, RestoreTable, ::testing::ValuesIn(kNames), caseName);
-INSTANTIATE_TEST_SUITE_P(Kinds, RestoreTable, ::testing::ValuesIn(kKinds), caseName);
-INSTANTIATE_TEST_SUITE_P(HardLinks, RestoreTable, ::testing::ValuesIn(kHardLinks), caseName);
-INSTANTIATE_TEST_SUITE_P(Flags, RestoreTable, ::testing::ValuesIn(kFlags), caseName);
+INSTANTIATE_TEST_SUITE_P(Names, RestoreTable, casesOf(kNames), caseName);
+INSTANTIATE_TEST_SUITE_P(Kinds, RestoreTable, casesOf(kKinds), caseName);
+INSTANTIATE_TEST_SUITE_P(HardLinks, RestoreTable, casesOf(kHardLinks), caseName);
+INSTANTIATE_TEST_SUITE_P(Flags, RestoreTable, casesOf(kFlags), caseName);
 
 using ManyLinks = RestoreFixture;
 TEST_F(ManyLinks, ManyInodesOfTwoNamesAndOneOfManyNames) {

@@ -74,7 +74,10 @@ std::vector<fiemap_extent> extentsOf(int fd, uint32_t flags, const std::string &
     map->fm_length = ~at;
     map->fm_flags = flags;
     map->fm_extent_count = kExtents;
-    if (ioctl(fd, FS_IOC_FIEMAP, map) != 0) failWithErrno("map " + path);
+    if (ioctl(fd, FS_IOC_FIEMAP, map) != 0) {
+      if (errno == EOPNOTSUPP) return {};  // the file system has none to show
+      failWithErrno("map " + path);
+    }
     if (map->fm_mapped_extents == 0) return extents;
     extents.insert(extents.end(), map->fm_extents, map->fm_extents + map->fm_mapped_extents);
     if (extents.back().fe_flags & FIEMAP_EXTENT_LAST) return extents;

@@ -5,9 +5,11 @@
 #include <cstdint>
 #include <string>
 
+#include "support/test_file_system.h"
+
 namespace testsupport {
 
-class LoopBtrfs {
+class LoopBtrfs : public TestFileSystem {
  public:
   // 110 MB is the least that the kernel mounts.
   static constexpr uint64_t kDefaultBytes = 256ull << 20;
@@ -17,14 +19,28 @@ class LoopBtrfs {
   // std::runtime_error with the failing step.
   explicit LoopBtrfs(const std::string &name = "fs", uint64_t bytes = kDefaultBytes,
                      const std::string &options = "", const std::string &folder = "/mnt");
-  ~LoopBtrfs();  // unmounts all and removes the image
+  ~LoopBtrfs() override;  // unmounts all and removes the image
   LoopBtrfs(const LoopBtrfs &) = delete;
   LoopBtrfs &operator=(const LoopBtrfs &) = delete;
 
-  const std::string &mountPoint() const { return mountPoint_; }
+  const std::string &mountPoint() const override { return mountPoint_; }
   const std::string &image() const { return image_; }
-  // The path of an object named by its path below the top of the file system; "/" and "" are the top.
-  std::string path(const std::string &below) const;
+  std::string path(const std::string &below) const override;
+  std::string makeFileset(const std::string &below) override { return createSubvolume(below); }
+  void removeFileset(const std::string &below) override { destroySubvolume(below); }
+  // A read-only one at the top of the file system.
+  std::string takeSnapshot(const std::string &fileset, const std::string &which) override {
+    return snapshot(fileset, snapshotName(fileset, which));
+  }
+  void removeSnapshot(const std::string &fileset, const std::string &which) override {
+    destroySubvolume(snapshotName(fileset, which));
+  }
+  std::string snapshotName(const std::string &fileset, const std::string &which) const override {
+    return fileset + "-" + which;
+  }
+  std::string snapshotPath(const std::string &fileset, const std::string &which) const override {
+    return path(snapshotName(fileset, which));
+  }
 
   // Both take paths below the top; missing parent folders are made. createSubvolume returns its path.
   std::string createSubvolume(const std::string &below);

@@ -87,7 +87,9 @@ class Reader {
     Descriptor opened(open(procPath(fd).c_str(), O_RDONLY | O_NOATIME | O_NONBLOCK | O_CLOEXEC));
     if (!opened.valid()) failWithErrno("open " + path);
     int flags = 0;
-    if (ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0) failWithErrno("get flags of " + path);
+    const bool none = ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0;
+    // The file system has no flags.
+    if (none && errno != ENOTTY && errno != EINVAL) failWithErrno("get flags of " + path);
     object.flags = static_cast<unsigned>(flags);
     *inode = object.inode;
     const bool isDir = S_ISDIR(object.mode);
