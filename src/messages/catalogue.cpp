@@ -21,6 +21,7 @@ const char *askCatalogue(int set, int number, const char *defaultText) {
   const int saved = errno;
   sigset_t block, before;
   sigemptyset(&block);
+  // A handler of SIGUSR1 must not run inside catgets(), which is not async-signal-safe.
   sigaddset(&block, SIGUSR1);
   const bool blocked = pthread_sigmask(SIG_BLOCK, &block, &before) == 0;
   const char *text = catgets(CatHandle, set, number, defaultText);
@@ -31,8 +32,8 @@ const char *askCatalogue(int set, int number, const char *defaultText) {
 
 CatalogueLookup lookup = askCatalogue;
 
-// Moves *at behind the next conversion and returns its length modifier and letter in *type. 1: found
-// one, 0: end of the format, -1: a form that is not supported.
+// Moves *at past the next conversion and stores its length modifier and letter in `type`. Returns 1 if
+// it found one, 0 at the end of the format, -1 for a form that is not supported.
 int nextConversion(const char **at, char type[4]) {
   for (;;) {
     const char *percent = strchr(*at, '%');
@@ -61,8 +62,9 @@ int nextConversion(const char **at, char type[4]) {
   }
 }
 
-// The language of messages, two or three letters, by the environment alone: the C library says "C" for
-// a locale that was not generated on this machine. "" for none, and where the text would not be UTF-8.
+// The language of messages as two or three letters, taken from the environment alone: for a locale that
+// was not generated on this machine, the C library reports "C". Returns "" where no language is set, or
+// where the terminal's encoding is not UTF-8, which the catalogues are in.
 std::string wantedLanguage() {
   const char *locale = nullptr;
   for (const char *name : {"LC_ALL", "LC_MESSAGES", "LANG"}) {
@@ -77,7 +79,7 @@ std::string wantedLanguage() {
   return utf8 ? std::string(locale, letters) : "";
 }
 
-// By the C library's own search path, else where this system and its package put it.
+// Tries the C library's own search path first, then the folders that the package installs into.
 nl_catd openCatalogue() {
   nl_catd found = catopen("kest.cat", NL_CAT_LOCALE);
   const std::string language = found == kNoCatalogue ? wantedLanguage() : "";
@@ -92,7 +94,8 @@ nl_catd openCatalogue() {
 }  // namespace
 
 void initMessages() {
-  // What texts need; each of the other categories would be a file more to open at every start.
+  // Only these two categories matter for texts. Each further one would open one more file at every
+  // start.
   setlocale(LC_CTYPE, "");
   setlocale(LC_MESSAGES, "");
   CatHandle = openCatalogue();
@@ -113,6 +116,7 @@ bool sameConversions(const char *a, const char *b) {
 
 const char *catMsg(int set, int number, const char *defaultText) {
   const char *text = lookup(set, number, defaultText);
+  // A translation whose conversions do not match would make printf read arguments that are not there.
   if (text == defaultText) return text;
   return text && sameConversions(text, defaultText) ? text : defaultText;
 }

@@ -1,6 +1,6 @@
 #include "messages/clem.h"
 
-// The assertion below holds in release builds too.
+// The assertion at the end of printCLEM must also stop a release build.
 #undef NDEBUG
 #include <cassert>
 #include <cstdarg>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// The selectors that this command uses, of the 35 that the commands of the file system share.
+// This program uses one of the 35 selectors that the commands of the file system share.
 struct Clem {
   int selector;
   Message message;
@@ -31,6 +31,6 @@ void printCLEM(const char * /*option*/, int msgSel, ...) {
     va_end(args);
     return;
   }
-  // The name of the file is part of the text, whatever the file is called now.
+  // The assertion names the module by its historical path, which is part of the text that users know.
   __assert_fail("!\"Unknown message number in printCLEM\"", "cfgmgr/clem", __LINE__, "printCLEM");
 }

@@ -1,5 +1,5 @@
-// Every text of fset. Like those of messages.h each is looked up in the catalogue, and checked while
-// compiling against the arguments that it is given. None of them ends with a newline.
+// Every text of fset. Each is looked up in the catalogue and, like those of messages.h, checked at
+// compile time against its arguments. No text ends with a newline.
 #pragma once
 
 #include <string>
@@ -7,9 +7,9 @@
 
 #include "messages/messages.h"
 
-constexpr int kFrontSet = 28;  // of the catalogue
+constexpr int kFrontSet = 28;  // set number in the catalogue
 
-// The place is the number in the catalogue, so new ones go to the end.
+// The position is the number in the catalogue, so new texts are appended.
 enum class FrontText : int {
   kSeconds = 1,
   kMinutes,
@@ -240,7 +240,7 @@ inline constexpr FrontEntry kFrontTexts[] = {
     {FrontText::kTryHelp, "\"fset --help\" shows what there is."},
     {FrontText::kRestoreRuns,
      "a restore of %s is running: \"fset progress\" shows it. Nothing was changed"},
-    {FrontText::kYesLetters, "yY"},  // with which a yes can begin
+    {FrontText::kYesLetters, "yY"},  // a yes begins with one of these
 };
 
 namespace message_check {
@@ -264,10 +264,10 @@ struct CheckedFrontText {
   }
 };
 
-// The untyped end of frontText.
+// The untyped core of frontText; call frontText instead.
 std::string formatFrontText(FrontText id, ...);
 
-// The text in the user's language. Arguments as for userMessage. Keeps errno.
+// Returns the text in the user's language, formatted. Takes the arguments of userMessage. Keeps errno.
 template <typename... Args>
 std::string frontText(CheckedFrontText<std::type_identity_t<std::decay_t<Args>>...> text,
                       const Args &...args) {

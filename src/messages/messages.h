@@ -1,4 +1,5 @@
-// Every text that a user sees on standard error, and the printer that checks arguments against texts.
+// Every text that a user sees on standard error, and a printer that checks arguments against the texts
+// at compile time.
 #pragma once
 
 #include <concepts>
@@ -63,7 +64,8 @@ enum class Message : int {
   kCleanUpStep,
   kPathTooLong,
   kNoSpace,
-  // Not part of the catalogue: conditions that stop a run before it touches anything, and advice.
+  // Texts without a number in the catalogue: conditions that stop a run before its first change, and
+  // advice.
   kWouldRemoveItself,
   kCommandMissing,
   kReadOnlyFileset,
@@ -114,12 +116,13 @@ enum class Message : int {
 
 struct MessageText {
   Message id;
-  int set;  // 0: a fixed text, never looked up
+  int set;  // 0: a fixed text that is never looked up
   int number;
   const char *text;
 };
 
-// In the order of the enum. One number can serve several texts.
+// In the order of the enum. Several texts can share one number. Misspellings ("quite", "whoes") are
+// part of the established texts, which scripts match: do not correct them.
 inline constexpr MessageText kMessages[] = {
     {Message::kTooFewArguments, 1, 265, "Too few arguments specified.\n"},
     {Message::kOpenFailed, 27, 207, "Open failed"},
@@ -299,7 +302,7 @@ consteval bool tableInOrder() {
 }
 static_assert(tableInOrder(), "kMessages follows the enum");
 
-// s text, d 32-bit, L 64-bit.
+// The kind of an argument: s for text, d for 32-bit and L for 64-bit integers.
 template <typename T>
 constexpr char argumentKind() {
   if constexpr (std::is_integral_v<T>) {
@@ -311,7 +314,7 @@ constexpr char argumentKind() {
   }
 }
 
-// Next conversion of a default text: only %s, %d and %lld occur in them.
+// Returns the kind of the next conversion of a default text, which uses only %s, %d and %lld, or '\0'.
 constexpr char nextKind(const char *&p) {
   for (; *p; ++p) {
     if (*p != '%') continue;
@@ -348,7 +351,7 @@ auto plain(const T &argument) {
 
 }  // namespace message_check
 
-// A message whose conversions were checked, while compiling, against the arguments it will be given.
+// A message whose conversions are checked at compile time against the types of its arguments.
 template <typename... Args>
 struct CheckedMessage {
   Message id;
@@ -358,14 +361,14 @@ struct CheckedMessage {
   }
 };
 
-// The text to print: the catalogue's or the default.
+// Returns the format to print: the catalogue's text or the default.
 const char *messageText(Message id);
 
-// The untyped end of userMessage.
+// The untyped core of userMessage; call userMessage instead.
 void printMessage(Message id, ...);
 
-// Prints the message on standard error. Arguments: C strings, std::string, 32-bit and 64-bit integers.
-// Keeps errno.
+// Prints the message on standard error. Arguments are C strings, std::string, and 32-bit or 64-bit
+// integers. Keeps errno.
 template <typename... Args>
 void userMessage(CheckedMessage<std::type_identity_t<std::decay_t<Args>>...> message,
                  const Args &...args) {

@@ -20,28 +20,28 @@ constexpr int kFirstAcl = 10240;  // bytes
 constexpr int kAllTimes = 15;
 constexpr char kCapability[] = "security.capability";
 
-// Codes of the trace line.
+// Step codes of the trace line.
 enum AttrStep : int {
   kOpenObject = 1,
   kFindCopy = 2,  // the object's copy in the snapshot
   kReadAcl = 3,
   kPutAcl = 5,
-  kIdentify = 6,  // the object is not the copy's: another type (EINVAL) or another inode (ESTALE)
+  kIdentify = 6,  // the object is not the expected one: another type (EINVAL) or another inode (ESTALE)
   kSetOwner = 7,
   kSetTimes = 8,
-  kSetImmutable = 12,  // or append-only; also: the object's flags cannot be read
+  kSetImmutable = 12,  // or append-only; also if the object's flags cannot be read
   kSetCapability = 14,
 };
 
-// The head of an ACL buffer; the library's part follows.
+// The head of an ACL buffer. The library's own data follows it.
 struct AclHead {
   int32_t length;
   uint16_t version;
   uint8_t type;
 };
 
-// One object whose attributes are being restored. Everything is done on the open inode, so that no
-// other object can come in between.
+// One object whose attributes are restored. All steps work on the open inode, so that nobody can put
+// another object in its place between two of them.
 struct Target {
   const std::string &path;
   std::string snapPath;  // for traces
@@ -50,7 +50,7 @@ struct Target {
   bool data_written;
 };
 
-// Runs `step`, a library call, and clears flags that forbid it.
+// Runs `step`, a library call, and repeats it after clearing the flags that forbid it.
 template <typename Call>
 Result attempt(const Target &target, AttrStep step, const Call &call) {
   const Result r = retryClearing(target.path, "", [&] { return called(call()); });
@@ -65,8 +65,8 @@ Result setMode(const Target &target, AttrStep step, mode_t mode) {
   return {};
 }
 
-// The change of the owner keeps the mode, which is restored after it: until then a program would run as
-// the new owner because the old one wanted it.
+// Clear the set-ID bits before chown, which keeps the mode here. Otherwise a set-user-ID program of the
+// old owner would run with the rights of the new one until the mode is restored.
 Result dropSpecialBits(const Target &target) {
   const uint32_t mode = target.active.facts.attr.ia_mode;
   if (!isRegular(mode) || (mode & (S_ISUID | S_ISGID)) == 0) return {};
@@ -81,7 +81,7 @@ Result restoreOwner(const Target &target) {
                  [&] { return kest_ichown(target.active.get(), want.ia_uid, want.ia_gid); });
 }
 
-// A buffer that is too small is made larger once.
+// Reads the ACL and enlarges the buffer once if it is too small.
 Result readAcl(const Target &target, std::vector<char> *acl) {
   acl->resize(kFirstAcl);
   for (bool grown = false;; grown = true) {
@@ -95,8 +95,9 @@ Result readAcl(const Target &target, std::vector<char> *acl) {
   }
 }
 
-// Where neither object has an ACL, the mode is all that there is to restore. A write of data can drop
-// the set-user-ID and set-group-ID bits, so the mode is set again where the snapshot's has them.
+// Without an ACL on either object only the mode needs restoring. The kernel can drop the set-user-ID
+// and set-group-ID bits on a write, so set the mode again after data was written if the snapshot has
+// them.
 Result restoreModeAlone(const Target &target) {
   constexpr mode_t kModeBits = 07777;
   const uint32_t want = target.snap.facts.attr.ia_mode, have = target.active.facts.attr.ia_mode;
@@ -105,7 +106,7 @@ Result restoreModeAlone(const Target &target) {
   return setMode(target, kPutAcl, want & kModeBits);
 }
 
-// The blob carries the twelve mode bits too. After the owner: changing that clears some of them.
+// The blob also carries the twelve mode bits. This must follow restoreOwner: chown clears some of them.
 Result restoreAcl(const Target &target) {
   if (!target.snap.has(KEST_HAS_ACL) && !target.active.has(KEST_HAS_ACL))
     return restoreModeAlone(target);
@@ -124,7 +125,7 @@ bool sameTime(const kest_timestruc64_t &a, const kest_timestruc64_t &b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-// Clone attributes that cannot be read have been recorded as a fatal error.
+// isClone has recorded a fatal error if the attributes cannot be read.
 bool isUnsettledParent(const OpenObject &snap, int32_t phase) {
   CloneAttr attr;
   bool clone = false;
@@ -144,9 +145,9 @@ Result restoreTimes(const Target &target, int32_t phase) {
                  [&] { return kest_iset_times(target.active.get(), kAllTimes, times); });
 }
 
-// Data writes and owner changes drop a file's capability. Each of these steps keeps it for itself, but
-// of several workers on one file one can read it at the moment in which another's step has dropped it.
-// So it is compared and set once more here, where nothing drops it any more.
+// Writes and chown drop a file's capability. Each step restores it afterwards, but when several workers
+// write one file, a worker can read the attribute just after another's step has dropped it. Compare it
+// once more here, after the last step that could drop it.
 Result restoreCapability(const Target &target) {
   if (settings.noXAttr || target.snap.type() != S_IFREG || !target.snap.has(KEST_HAS_CAPABILITY))
     return {};
@@ -160,13 +161,12 @@ Result restoreCapability(const Target &target) {
   });
 }
 
-// Last of all: either flag would forbid every other step. An object that carried none when it was
-// opened, and that the snapshot has without any, has none now: other workers set only what the snapshot
-// has.
+// This comes last, because either flag forbids every other step. If neither the snapshot nor the object
+// had a flag when it was opened, it has none now: other workers set only flags that the snapshot has.
 Result restoreFlags(const Target &target) {
   const uint32_t wanted = target.snap.facts.protection;
   if (wanted == 0 && target.active.facts.protection == 0) return {};
-  // A step before may have cleared them.
+  // An earlier step may have cleared the flags since the facts were read.
   kest_facts_t now;
   if (kest_ifacts(target.active.get(), &now) != 0) return failed(kSetImmutable);
   if (now.protection == wanted) return {};
@@ -175,10 +175,12 @@ Result restoreFlags(const Target &target) {
 
 Result restoreTarget(const Target &target, int32_t phase) {
   const uint32_t type = target.active.type();
+  // A path can lead to another object by now, for example one that a user has moved there.
   if (type != target.snap.type()) return failed(kIdentify, EINVAL);
   if (!isInodeOrReplacement(target.active, target.snap)) return failed(kIdentify, ESTALE);
   if (Result r = restoreOwner(target); !r) return r;
   if (type == S_IFLNK) return restoreTimes(target, phase);
+  // Later phases still change directories, so phase 6 sets everything but the owner.
   if (type == S_IFDIR && phase != kPhaseDirs) return {};
   if (Result r = restoreAcl(target); !r) return r;
   if (Result r = restoreTimes(target, phase); !r) return r;

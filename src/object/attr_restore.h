@@ -1,4 +1,4 @@
-// Owner, ACL, mode, times and flags of one object.
+// Restores owner, ACL, mode, times and flags of one object.
 #pragma once
 
 #include <cstdint>
@@ -7,24 +7,24 @@
 #include "base/result.h"
 #include "object/open_object.h"
 
-// Makes them those of the object's snapshot copy. In phases 0 to 2 nothing. Files, links, FIFOs,
-// sockets and devices: everything, in every phase. Directories: the owner alone before phase 6,
-// everything in it. Flags come last, set or cleared as the snapshot has them. An object that the
-// snapshot does not hold is left as it is. Failures are traced; their rc is -1. The path may lie in a
-// temporary location.
+// Gives the object at `path` the attributes of its snapshot copy. Does nothing in phases below 3.
+// Restores everything for files, links, FIFOs, sockets and devices; for directories only the owner
+// before phase 6, and everything in it. Flags come last and end as in the snapshot, set or cleared.
+// Leaves an object alone that the snapshot does not hold. The path may lie in a temporary location.
+// Failures are traced; rc is -1.
 Result restoreAttr(const std::string &path, int32_t phase);
 
-// The same for the object at `path` that is open as `active`; `snap` is its snapshot copy. What the
-// facts of both say is equal is left alone. `data_written`: the file's data were written since the
-// facts were read, which changes its times.
+// Like restoreAttr, for the object at `path` that is open as `active`, with `snap` as its snapshot
+// copy. Skips attributes that are equal in the facts of both. `data_written` says that data was written
+// since the facts were read, which changes the times.
 Result restoreAttrOf(const std::string &path, const OpenObject &snap, OpenObject &active, int32_t phase,
                      bool data_written);
 
-// The modification time that a clone parent has from before it is one until every clone that survived
-// knows its number, and that restoreAttr gives it in the clones' phase. A run that dies meanwhile
-// leaves a file that is not the snapshot's, so that the next one makes it again and finds the clones.
+// Returns a deliberately wrong modification time. restoreAttr gives it to a clone parent in phase 7,
+// until all surviving clones know the parent's new inode number. If a run dies before that, the parent
+// differs from the snapshot, so the next run makes it again and finds the clones.
 kest_timestruc64_t unsettledTime(const kest_timestruc64_t &mtime);
 
-// The same for the root directory of the fileset, extended attributes included (unless -x); called
-// once, when nothing changes the root directory any more.
+// Like restoreAttr for the root directory of the fileset, extended attributes included (unless -x).
+// Call it once, after the last change in the root directory.
 Result restoreRootAttr();

@@ -22,16 +22,16 @@
 #include "run/work_dir.h"
 #include "run/work_file.h"
 
-// ---- attributes of a file that a path names
+// ---- attributes of a file named by its path
 
 namespace {
 
 constexpr int32_t kGetExtendedAttribute = 6001;
 constexpr int32_t kReasonAbsent = 27, kReasonTooSmall = 29;
 constexpr size_t kFirstBuffer = 1024;
-constexpr int kMostAttempts = 5;  // the attribute can grow between two of them
+constexpr int kMostAttempts = 5;  // the attribute can grow between two attempts
 
-// Codes of getCloneXattr's trace line.
+// Step codes of getCloneXattr in the trace log.
 enum CloneXattrStep : int { kOpenFile = 1, kReadAttribute = 2, kAttributeTooShort = 3 };
 
 struct AttributeRequest {
@@ -52,14 +52,15 @@ size_t padded(size_t length) {
   return (length + 7) & ~size_t{7};
 }
 
-// `rc`: of the attribute call, 1 where it found a value.
+// `rc` is that of the attribute call: 1 if it found a value.
 bool noCloneXattr(const std::string &path, CloneXattrStep code, int rc, int err) {
   traceLog("getCloneXattr: path %s, rc %d, code %d, err %d, errno %d\n", path.c_str(), 0, code, rc,
            err);
   return false;
 }
 
-// True when the attribute was read, or could not be; false when it is missing or too short.
+// Returns true if the attribute was read, and also after a failure to read it; false if it is missing
+// or too short.
 bool readCloneSnap(const std::string &path, int fd, CloneSnapAttr *snap) {
   std::vector<uint8_t> value;
   bool present = false;
@@ -115,7 +116,8 @@ Result getFileAttribute(int fd, const std::string &name, std::vector<uint8_t> *v
 }
 
 bool getCloneXattr(const std::string &path, CloneAttr *attr, CloneSnapAttr *snap) {
-  // Attributes can be read through an O_PATH descriptor, which takes no rights and triggers nothing.
+  // An O_PATH descriptor suffices to read attributes. It needs no rights and, unlike a real open, has
+  // no side effect on devices, FIFOs or leases.
   UniqueFd fd;
   if (Result r = openObject(path, &fd); !r) {
     traceLog("getCloneXattr: open %s failed\n", path.c_str());
@@ -139,7 +141,7 @@ bool getCloneXattr(const std::string &path, CloneAttr *attr, CloneSnapAttr *snap
   return snap != nullptr && attr->parentInSnapshot() ? readCloneSnap(path, fd.get(), snap) : true;
 }
 
-// ---- where the parent of a clone is found
+// ---- finding the parent of a clone
 
 namespace {
 
@@ -157,18 +159,18 @@ Result openByName(const std::string &name, SnapshotHandle *handle) {
 Result openSnapshot(uint32_t id, SnapshotHandle *handle) {
   const SnapshotTable &table = snapshotTable();
   const auto found = table.find(id);
-  // The run's own snapshot is in every table.
+  // The run's own snapshot is always listed, so an empty table means that the list could not be made.
   if (found == table.end()) return errnoResult(table.empty() ? EIO : ENOENT);
   SnapshotHandle other, own;
   if (Result r = openByName(found->second, &other); !r) return r;
-  // The library judges directories by the snapshot that was opened last: make that the run's own again.
+  // The library judges directories by the snapshot that was opened last, so open the run's own one
+  // again.
   if (Result r = openByName(settings.snapOldP, &own); !r) return r;
   *handle = std::move(other);
   return {};
 }
 
-// Because its parent could not be looked for, a clone would be restored as an ordinary file: the run
-// must not end well.
+// Otherwise the clone would come back as an ordinary file and the run would report success.
 void parentUnknown(uint64_t ino, int err) {
   traceLog("clone parent %lld: cannot be looked for, err %d\n", static_cast<long long>(ino), err);
   userMessage(Message::kInodeFailed, ino, strerror(err));
@@ -208,7 +210,7 @@ bool restoredFromData(const std::string &path, const CloneAttr &attr, const Clon
   if (!attr.parentInSnapshot()) return !isParentOfDepth(handles.oldFsP, parent, attr.depth() - 1);
   kest_fssnap_handle_t *tree = nullptr;
   const Result opened = otherSnapshot(snap.snapId(), &tree);
-  // EINVAL: the name is another fileset's now.
+  // EINVAL: the name now belongs to a snapshot of another fileset.
   if (!opened && opened.err != ENOENT && opened.err != EINVAL) parentUnknown(parent, opened.err);
   if (opened && isParentOfDepth(tree, parent, attr.depth() - 1)) return false;
   traceLog("clone %s: the parent %lld is not in snapshot %u\n", path.c_str(),
@@ -218,12 +220,12 @@ bool restoredFromData(const std::string &path, const CloneAttr &attr, const Clon
   return true;
 }
 
-// ---- the numbers of parents that were made again
+// ---- inode numbers of parents that were made again
 
 namespace {
 
-// Whether the inode exists and is a clone parent; not where its attributes cannot be read, which ends
-// the run with a failure.
+// Sets *living if the inode exists and is a clone parent. If its attributes cannot be read, *living
+// stays false and isClone has recorded a fatal error.
 Result isLivingParent(uint64_t ino, bool *living) {
   *living = false;
   Inode file;
@@ -252,9 +254,10 @@ Result traceUnrecorded(const std::string &path, uint64_t ino, const Result &r) {
   return r;
 }
 
-// The last number that a line of `text` holds, which is cut off there. False where none is left.
+// Takes the last number from the lines of `text` and cuts the text off before it. Returns false if
+// there is none.
 bool takeLastNumber(std::string_view *text, uint64_t *number) {
-  // A line without its end was cut off.
+  // A line without a newline is incomplete: its writer died.
   for (size_t end = text->rfind('\n'); end != std::string_view::npos; end = text->rfind('\n')) {
     *text = text->substr(0, end);
     const size_t start = text->rfind('\n');

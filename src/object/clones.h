@@ -1,5 +1,5 @@
-// Clones and clone parents: the attributes of a file that a path names, where the parent of a clone is
-// found, and the numbers that parents made again have now.
+// Clones and clone parents: the attributes of a file named by its path, the lookup of a clone's parent,
+// and the present inode numbers of parents that were made again.
 #pragma once
 
 #include <cstdint>
@@ -9,33 +9,33 @@
 #include "base/result.h"
 #include "scan/clone_state.h"
 
-// True for a clone or clone parent, with its attribute in *attr; false otherwise, also on every error
-// (traced). `snap` may be null. The path lies in the active fileset, the work directory or the
-// snapshot.
+// Returns true for a clone or clone parent and fills *attr. Returns false otherwise, and after any
+// error, which is traced. `snap` may be null. The path lies in the active fileset, the work directory
+// or the snapshot.
 bool getCloneXattr(const std::string &path, CloneAttr *attr, CloneSnapAttr *snap);
 
-// Reads the file-system attribute "kest.<name>" of an open descriptor; *present tells whether there is
-// one.
+// Reads the attribute "kest.<name>" through an open descriptor. *present is false if there is none.
 Result getFileAttribute(int fd, const std::string &name, std::vector<uint8_t> *value, bool *present);
 
-// True when a file of the snapshot with these attributes is restored from its data, as an ordinary file
-// is: a parent that is no clone, and a clone whose parent was gone when the snapshot was taken, or went
-// with the snapshot that held it. The master tells the user of the latter case; `path` names the file.
+// Returns true if a snapshot file with these attributes is restored from its data like an ordinary
+// file: a parent that is itself no clone, or a clone whose parent was gone when the snapshot was taken
+// or has gone with the snapshot that held it. In the last case the master tells the user, with `path`
+// as the file's name.
 bool restoredFromData(const std::string &path, const CloneAttr &attr, const CloneSnapAttr &snap);
 
-// The fileset in the snapshot with this id. ENOENT when it is no snapshot of the fileset any more. The
-// handle stays open until the process ends. rc of a failure is the errno.
+// Opens the fileset in the snapshot with this id and keeps the handle until the process ends. ENOENT:
+// the fileset has no such snapshot any more. rc of a failure is the errno.
 Result otherSnapshot(uint32_t id, kest_fssnap_handle_t **handle);
 
 // Appends the inode number of the clone parent at `path` to the new-parent file of `ino`, its number in
-// the snapshot. Failures are traced; EINVAL where the file is no clone parent.
+// the snapshot. Failures are traced; EINVAL if the file is no clone parent.
 Result recordCloneParentIno(const std::string &path, uint64_t ino);
 
-// The same for a clone parent that has a twin in the active fileset and is not made again, in the file
-// of `parent`, its number in the snapshot; `path` is that of a clone, for trace lines. Nothing where it
-// has no twin. Master only.
+// Does the same for a clone parent that has a twin in the active fileset and therefore is not made
+// again: records the twin's number for `parent`, its number in the snapshot. Does nothing without a
+// twin. `path` is that of a clone, for the trace log. Master only.
 Result recordTwinParent(const std::string &path, uint64_t parent);
 
-// The number that the clone parent `ino` of the snapshot has now: the last recorded one that is a
-// living clone parent. *now is 0 when there is none.
+// Finds the present number of the clone parent `ino` of the snapshot: the last recorded number that is
+// a clone parent now, else 0.
 Result readNewParent(uint64_t ino, uint64_t *now);

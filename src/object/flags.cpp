@@ -54,11 +54,11 @@ Result setFlag(int fd, Directive type, bool on) {
 
 constexpr int kMostRetries = 50;
 constexpr int kMostBare = 10;
-constexpr int kMostRedirects = 1000;  // temporary locations that became links to others
+constexpr int kMostRedirects = 1000;  // temporary locations that are links to others
 
-// Codes of the trace line.
+// Step codes of the trace line.
 enum ClearStep : int {
-  kOpen = 1,  // also: a link on the way that leads nowhere, or a path that is not below the root
+  kOpen = 1,  // also: a broken link on the way, or a path outside the fileset
   kClear = 2,
   kListDirectory = 3,  // in dir.new
   kActiveRoot = 11,    // the root of the fileset is unknown
@@ -66,7 +66,7 @@ enum ClearStep : int {
 
 enum class Found { kFlagged, kPlain, kMissing, kLink };
 
-// Clears the flags of one object; only flags that are set are written.
+// Clears the flags of one object, if it has any.
 Result clearOne(const std::string &path, Found *found, struct stat *st) {
   UniqueFd fd;
   if (Result r = openObject(path, &fd); !r) {
@@ -84,7 +84,7 @@ Result clearOne(const std::string &path, Found *found, struct stat *st) {
   return r ? Result{} : failed(kClear, r.err);
 }
 
-// Whether the snapshot has the directory `ino`.
+// Sets *has if the snapshot holds the same directory under this number.
 Result snapshotHas(uint64_t ino, bool *has) {
   *has = false;
   Inode snap, active;
@@ -100,9 +100,9 @@ bool directoriesAreHome() {
   return settings.dirsSettled || phase == kPhaseDirs || phase == kPhaseClones || phase == kPhaseLinks;
 }
 
-// The last phase must set the flag of a directory that belongs to the snapshot again. Once the
-// directories are home, no directory that only the active fileset had is left; one that was made again
-// has another number than in the snapshot.
+// Lists a cleared directory for the last phase, which sets its flag again, if it belongs to the
+// snapshot. After the directories have gone home, a number that the snapshot does not know is that of a
+// directory that was made again; its place then tells which snapshot directory it stands for.
 Result listClearedDirectory(const std::string &path, uint64_t ino) {
   bool has = false;
   if (Result r = snapshotHas(ino, &has); !r) return r;
@@ -115,14 +115,15 @@ Result listClearedDirectory(const std::string &path, uint64_t ino) {
   return isDirectory(snap->if_mode) ? listNewDir(path, place.ino) : Result{};
 }
 
-// The work directory and its buckets carry no flags, and no flag above them forbids anything.
+// The work directory and its buckets carry no flags, and flags above them do not affect what is in
+// them.
 bool isWorkDirItself(const std::string &path) {
   if (path == settings.shareDir) return true;
   return inWorkDir(path) && nameInWorkDir(path).find('/') == std::string_view::npos;
 }
 
-// A directory that has gone home left a link: its ancestors are at its place now. That may itself still
-// wait in a temporary location, so one link is followed at a time.
+// A directory that went home left a link at its temporary location, so continue with the ancestors of
+// its destination. That can lie in another temporary location, so follow one link at a time.
 Result followLink(std::string *work, int *redirects) {
   std::string target;
   if (!inWorkDir(*work) || ++*redirects > kMostRedirects) return failed(kOpen, ELOOP);
@@ -205,7 +206,7 @@ Result clearObjectFlags(const std::string &path, bool *cleared) {
 Result retryClearing(const std::string &path, const std::string &other,
                      const std::function<Result()> &step, bool *clearing_failed) {
   if (clearing_failed != nullptr) *clearing_failed = false;
-  int bare = 0;  // EPERM although the object carried no flag: something else may be the reason
+  int bare = 0;  // EPERM although the object carries no flag, so the cause may lie elsewhere
   for (int left = kMostRetries;; --left) {
     const Result done = step();
     if (done) return done;
@@ -216,7 +217,7 @@ Result retryClearing(const std::string &path, const std::string &other,
     if (err == EPERM) {
       bool cleared = false;
       clearing = clearObjectFlags(path, &cleared);
-      // The first time another worker may just have cleared it.
+      // The first time, another worker may have cleared the flag between the step and this check.
       if (clearing && (cleared || ++bare < 2)) continue;
     }
     if (clearing) clearing = clearImuAndApdFlags(path);

@@ -1,4 +1,4 @@
-// The paths of an inode number.
+// Finds the paths of an inode number.
 #pragma once
 
 #include <cstdint>
@@ -8,11 +8,10 @@
 #include "base/result.h"
 #include "kest.h"
 
-// Finds every path of inode `ino` of the tree behind `handle`, each below `root`, which is put before
-// it (with "" they are relative). rc of a failure is the errno, ENOENT where there is none: a lookup
-// that fails is never "no names".
+// Finds all paths of inode `ino` in the tree of `handle` and puts `root` before each; with "" they are
+// relative. rc of a failure is the errno. An inode without a name is ENOENT, never an empty result.
 Result findInodePaths(kest_fssnap_handle_t *handle, uint64_t ino, const std::string &root,
                       std::vector<std::string> *paths);
 
-// The first of them, in the order of bytes, relative.
+// Finds the first of these paths in byte order, relative to the tree's root.
 Result firstPath(kest_fssnap_handle_t *handle, uint64_t ino, std::string *path);

@@ -14,7 +14,7 @@
 
 namespace {
 
-// Codes of the two routines' trace lines.
+// Step codes of the two routines in the trace log.
 enum CheckStep : int { kStatParent = 1, kOpenParent = 2, kReadParent = 3 };
 enum UnlinkStep : int { kUnlinkFileset = 1 };
 
@@ -35,7 +35,7 @@ Result search(const std::string &path, bool *junction) {
   }
 }
 
-// The reason of a failure is the command's last word, on standard error.
+// The command prints the reason of its failure itself.
 Result unlinkFileset(const std::string &path, const std::string &shown, const std::string &home) {
   const std::string command = "/usr/qtx/kest/bin/ktunlinkfileset " + shellWord(settings.deviceP) +
                               " -J " + shellWord(resolveOwnLinks(path));

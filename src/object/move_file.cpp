@@ -15,9 +15,9 @@
 namespace {
 
 constexpr int kMostAttempts = 10;
-constexpr int32_t kFirstPassOnly = 2;  // a phase in which later passes move nothing aside
+constexpr int32_t kFirstPassOnly = 2;  // in this phase only the first pass moves objects aside
 
-// Codes of the trace line.
+// Step codes of the trace line.
 enum MoveStep : int {
   kLookAtSource = 1,
   kMakeBucket = 2,
@@ -25,7 +25,7 @@ enum MoveStep : int {
   kReadDestination = 4,
   kEmptyDestination = 5,
   kListPending = 6,
-  kMoveBack = 7,  // also: what is at the destination cannot be looked at
+  kMoveBack = 7,  // also if the object at the destination cannot be examined
   kLeaveLink = 10,
   kRestoreAttributes = 81,
 };
@@ -35,13 +35,13 @@ bool isGone(const std::string &path) {
   return statPath(path, &st).err == ENOENT;
 }
 
-// *vanished: the source has gone since it was looked at, which is no failure.
+// Moves the object to `to`. *vanished: the source has disappeared meanwhile, which is no failure.
 Result moveAside(const std::string &path, uint64_t ino, const std::string &to, bool *vanished) {
   const long long number = static_cast<long long>(ino);
   for (int attempt = 0;; ++attempt) {
     const Result moved = renameAside(path, to, ino);
     if (moved) return {};
-    // ENOENT: either the bucket is missing or the source.
+    // ENOENT means that either the bucket or the source is missing.
     *vanished = moved.err == ENOENT && isGone(path);
     if (*vanished) return {};
     if (moved.err != ENOENT || attempt == kMostAttempts) {
@@ -57,7 +57,7 @@ Result moveAside(const std::string &path, uint64_t ino, const std::string &to, b
   }
 }
 
-// The temporary location becomes a link, so that paths through it still lead to the directory.
+// Turns the temporary location into a link, so that paths through it still lead to the directory.
 Result leaveLink(const std::string &path, const std::string &destination) {
   const Result left = leaveOwnLink(destination, path);
   std::string target;
@@ -66,11 +66,13 @@ Result leaveLink(const std::string &path, const std::string &destination) {
 }
 
 Result arrive(const std::string &path, const std::string &destination, int32_t phase) {
+  // The temporary location of a directory becomes a link only in phase 6, its final move.
   if (Result r = restoreAttr(destination, phase); !r) return r.at(kRestoreAttributes);
   return phase == kPhaseDirs ? leaveLink(path, destination) : Result{};
 }
 
-// A worker lost after its rename left the attributes undone.
+// Handles a repeated record whose first worker died between the rename and the attributes: the source
+// is gone, and the destination may still lack its attributes.
 Result arriveAgain(const std::string &path, uint64_t ino, int32_t phase) {
   std::string destination;
   if (Result r = readDestination(ino, &destination); !r)
@@ -98,27 +100,27 @@ Result destinationOf(uint64_t ino, std::string *destination) {
   return failed(kReadDestination, r.err);
 }
 
-// The object at a temporary location may be a directory made anew, with another number than `ino`; only
-// processes of this run can put anything there.
+// `ino` is not checked here: the object can be a directory that was made again under another number,
+// and only processes of this run can put objects into temporary locations.
 Result moveBack(const std::string &path, uint64_t ino, int32_t phase) {
   std::string destination;
   if (Result r = destinationOf(ino, &destination); !r) return r;
   const Result moved = renameBack(path, destination);
   if (moved) return arrive(path, destination, phase);
   if (moved.err == EEXIST && phase == kPhaseMoveBack) return listPendingMove(ino).at(kListPending);
-  // A repeated record can be in the list twice, and another worker be the first.
+  // After a retry a record can be in the list twice, and another worker may have performed it first.
   if (moved.err == ENOENT && isGone(path)) return arriveAgain(path, ino, phase);
   traceLog("moveFile: move %s to %s failed, phase %d pass %d err %d.\n", path.c_str(),
            destination.c_str(), phase, settings.pass, moved.err);
   return failed(kMoveBack, moved.err);
 }
 
-// *gone: there is no object to be moved at `path`.
+// *gone: no object at `path` needs moving.
 Result lookAtSource(const std::string &path, int32_t phase, bool *gone) {
   struct stat st;
   const Result r = statPath(path, &st);
   if (!r && r.err != ENOENT) return failed(kLookAtSource, r.err);
-  // A link is what a directory left that has gone home.
+  // In phase 6 a link at the source is what a directory left when it went home.
   *gone = !r || (phase == kPhaseDirs && S_ISLNK(st.st_mode));
   if (*gone) {
     traceLog("moveFile: source file %s isn't exist, nothing needs to do.\n", path.c_str());

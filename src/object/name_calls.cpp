@@ -10,11 +10,10 @@
 
 namespace {
 
-// Until its owner is set, a new file belongs to root and to the group of root, or of its directory. So
-// it gets at once only what is safe with any owner, for good if the worker dies in between: a
-// set-user-ID bit would make it a root program; and who is neither its owner nor in its group by then
-// may do with it what everybody may. An access control list, which comes later, can deny somebody what
-// the mode allows.
+// A new file first belongs to root, and to the group of root or of its directory. If the worker dies
+// before chown, it stays so. Grant the final mode at once only if it is safe under any owner: no set-ID
+// bits, equal rights for group and others, and none that the owner lacks. An ACL can deny rights that
+// the mode grants, so a file that gets one starts as 0600, too.
 mode_t modeAtBirth(const kest_facts_t &wanted) {
   constexpr mode_t kSpecialBits = 07000, kPermissions = 0777, kOwnerAlone = 0600;
   const mode_t mode = wanted.attr.ia_mode;
@@ -24,8 +23,8 @@ mode_t modeAtBirth(const kest_facts_t &wanted) {
   return safe ? mode & kPermissions : kOwnerAlone;
 }
 
-// Where the library is to find `path` now. Resolved anew for every attempt: while flags are cleared,
-// another directory may go home.
+// The path at which the library finds `path` now. Every attempt resolves it again, because a directory
+// can go home while flags are being cleared.
 class Now {
  public:
   explicit Now(const std::string &path) : path_(resolveOwnLinks(path)) {}
@@ -67,7 +66,7 @@ Result moveFilesetAside(const std::string &from, const std::string &to, uint64_t
   });
 }
 
-// There is nothing at `to` whose flags could be cleared: the clearing begins above it.
+// Nothing exists at `to`, so clearing skips it and begins with its parent.
 Result moveFilesetHome(const std::string &from, const std::string &to, uint64_t id) {
   return retryClearing(
       to, "", [&] { return called(kest_move_junction(handles.activeFsP, Now(from), Now(to), id)); });

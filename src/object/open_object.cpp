@@ -34,7 +34,7 @@ Result openSameFile(const OpenObject &snap, OpenObject *object) {
 
 namespace {
 
-// What identity is judged by, as far as the facts know it.
+// The fields that decide identity, as far as the facts contain them.
 struct stat identityOf(const OpenObject &object) {
   struct stat st {};
   st.st_ino = object.get()->if_inode;

@@ -1,5 +1,4 @@
-// An open inode together with what is known of it: read once, when it is opened, and handed to every
-// step.
+// An open inode with its facts, which are read once at the open and handed to every step.
 #pragma once
 
 #include <cstdint>
@@ -11,8 +10,8 @@
 
 struct OpenObject {
   Inode file;
-  // As they were when the inode was opened. A step that changes an attribute for which later steps look
-  // here changes it here as well.
+  // The facts at the time of the open. A step that changes an attribute which later steps read here
+  // updates it.
   kest_facts_t facts{};
 
   explicit operator bool() const { return file != nullptr; }
@@ -21,17 +20,18 @@ struct OpenObject {
   uint32_t type() const { return facts.attr.ia_mode & S_IFMT; }
 };
 
-// rc of a failure is the errno, ENOENT where there is no such inode or path. `path`: where the inode belongs in the
-// active fileset.
+// Opens the snapshot's inode `ino`. `path` says where the inode belongs in the active fileset. rc of a
+// failure is the errno; ENOENT if the inode, or below the path, does not exist.
 Result openSnapshotObject(uint64_t ino, const std::string &path, OpenObject *object);
-// The object at a path of the active fileset, also through the links that directories leave when they
-// go home.
+// Opens the object at a path of the active fileset, also through links that directories left when they
+// went home.
 Result openAt(const std::string &path, OpenObject *object);
-// The active inode that is the same file as the snapshot's.
+// Opens the active inode that is the same file as the snapshot's.
 Result openSameFile(const OpenObject &snap, OpenObject *object);
 
-// True when the object of the active fileset is the snapshot's inode, or a process of this run made it
-// in that inode's stead (isInodeOrReplacement in object/paths.h).
+// Returns true if the active object is the snapshot's inode, or if a process of this run made it in
+// place of that inode (see isInodeOrReplacement in object/paths.h).
 bool isInodeOrReplacement(const OpenObject &active, const OpenObject &snap);
-// The latter alone: for an inode that is gone, an object with its number could only be a stranger's.
+// Returns true only in the second case: for a snapshot inode that is gone, an object with its number
+// belongs to somebody else.
 bool isReplacement(const OpenObject &active, const OpenObject &snap);

@@ -11,10 +11,10 @@
 
 namespace {
 
-// The directory's place may itself lie in a temporary location that has become a link, and so on.
+// A link can lead to a directory inside another temporary location, which is a link again, and so on.
 constexpr int kMostLinks = 1000;
 
-// Either root can lie below the other: the longer one that matches is the nearer.
+// Each root can lie below the other, so the longer matching root decides.
 kest_fssnap_handle_t *handleOf(const std::string &path) {
   const std::string &snap = handles.snapRootPath, &active = handles.rootPath;
   if (snap.empty() || !liesIn(path, snap)) return handles.activeFsP;
@@ -26,8 +26,8 @@ uid_t ownUser() {
   return uid;
 }
 
-// True and where the link points to, for a link that a restore left. A user's link that was moved aside
-// is the moved inode itself.
+// Returns true, and the target, for a link that a restore left. A link of a user that was moved aside
+// is recognised by its inode number, which is the location's own.
 bool isOwnLink(const std::string &location, uint64_t ino, std::string *target) {
   struct stat st;
   return statPath(location, &st) && S_ISLNK(st.st_mode) && st.st_uid == ownUser() && st.st_ino != ino &&
@@ -65,7 +65,7 @@ Result readLinkTarget(const std::string &path, std::string *target) {
   struct stat st;
   if (fstat(fd.get(), &st) != 0) return failedErrno(0);
   if (!S_ISLNK(st.st_mode)) return errnoResult(EINVAL);
-  target->resize(PATH_MAX);  // no link is longer
+  target->resize(PATH_MAX);  // no link target is longer
   const ssize_t length = readlinkat(fd.get(), "", target->data(), target->size());
   if (length < 0) return failedErrno(0);
   target->resize(static_cast<size_t>(length));

@@ -1,5 +1,4 @@
-// Objects by path: paths of any length in fileset, work directory and snapshot, also through the links
-// that directories leave in the work directory when they go home.
+// Objects by path, for paths of any length in the fileset, the work directory and the snapshot.
 #pragma once
 
 #include <sys/stat.h>
@@ -11,27 +10,27 @@
 #include "base/unique_fd.h"
 #include "kest.h"
 
-// A directory that has gone home leaves a symbolic link at its temporary location, which names its
-// place. Returns `path` with such links replaced by their targets, unchanged where none is on the way.
-// Any other link stays in the path: the library follows none.
+// When a directory goes home, it leaves a symbolic link to its place at its temporary location. Returns
+// `path` with such links replaced by their targets. Keeps all other links: the library follows none.
 std::string resolveOwnLinks(const std::string &path);
 
-// lstat. rc of a failure is the errno.
+// Like lstat. rc of a failure is the errno.
 Result statPath(const std::string &path, struct stat *st);
 
-// Opens the object with O_PATH; a link itself. rc of a failure is the errno.
+// Opens the object with O_PATH, without following a symbolic link. rc of a failure is the errno.
 Result openObject(const std::string &path, UniqueFd *fd);
 
-// Target of the symbolic link at `path`, whole. rc of a failure is the errno (EINVAL: no link).
+// Reads the whole target of the symbolic link at `path`. rc of a failure is the errno; EINVAL: not a
+// link.
 Result readLinkTarget(const std::string &path, std::string *target);
 
-// True when the object of the active fileset is inode `ino`, or a process of this run made it in that
-// inode's stead, so that it may be given the attributes `attr` of the snapshot's inode. The latter has
-// no more names than that, is ours or already the owner's, and younger than the work directory; an
-// object that somebody moves or links to its place is not.
+// Returns true if the active object is inode `ino`, or if a process of this run made it in place of
+// that inode, so that it may get the attributes `attr` of the snapshot's inode. An object made by this
+// run has at most as many names as `attr` says, belongs to this user or already to the final owner, and
+// is younger than the work directory. Objects that other users move or link to the path fail that test.
 bool isInodeOrReplacement(const struct stat &st, uint64_t ino, const kest_iattr64_t &attr);
 
-// True when a process of this run made the object in the stead of the snapshot's inode `snap`, which is
-// gone: an object with its number could only be a stranger's. False also when `snap` cannot be looked
-// at.
+// Returns true only if a process of this run made the object in place of the snapshot's inode `snap`,
+// which is gone: an object with its number belongs to somebody else. Also false if `snap` cannot be
+// examined.
 bool isReplacement(const struct stat &st, const kest_ifile_t *snap);

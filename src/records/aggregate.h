@@ -1,4 +1,4 @@
-// Aggregate numbers, which say what records the policy engine keeps together, and the count of
+// Aggregate numbers, which keep records together in one batch of the policy engine, and the count of
 // operations.
 #pragma once
 
@@ -8,22 +8,24 @@ struct AggregateCounter {
   int64_t iAgg = 0;
   int32_t uCount = 0;
 
-  // A record of its own, or the first of a data walk: a full aggregate is followed by the next.
+  // For a record of its own, or the first one of a file's data. Starts the next aggregate when this one
+  // is full.
   void countRecord(int32_t unit_size) {
     if (++uCount > unit_size) {
       ++iAgg;
       uCount = 0;
     }
   }
-  // A further range of the same file: an aggregate of its own.
+  // For a further range of the same file. Each gets its own aggregate, so that several workers share
+  // the file.
   void startAggregate() {
     ++iAgg;
     uCount = 0;
   }
 };
 
-// Process-wide counters: `main` numbers opList and the per-directory lists, `regMv` regMoveList,
-// `regPend` the side lists (regPendingMvList, dir.new, link.ino, clone lists).
+// The counters of this process: `main` for opList and the lists of deleted and new directories, `regMv`
+// for regMoveList, `regPend` for the side lists (regPendingMvList, dir.new, link.ino, clone lists).
 struct Aggregates {
   AggregateCounter main, regMv, regPend;
 };
@@ -31,5 +33,5 @@ extern Aggregates aggregates;
 
 extern int64_t opCount;  // operations written to lists
 
-// Adds one; prints message 509 when `force`, or in the master at every 1000th.
+// Counts one operation. Prints message 509 if `force` is set, and in the master after every 1000th.
 void reportOpCount(bool force);

@@ -13,13 +13,13 @@
 
 namespace {
 
-// Codes of the four routines' trace lines.
+// Step codes of the routines in this file, as they appear in the trace log.
 enum SideListStep : int { kOpenSideList = 1, kAppendSideRecord = 2 };
 enum CloneListStep : int { kOpenCloneList = 3, kAppendDeletion = 4, kAppendCreation = 5 };
 
-// Appends one record to a list that several processes append to, and counts it. The counter moves only
-// when the record was written. rc of a failure is the errno; a list that could not be opened is the
-// step kOpenSideList.
+// Appends one record to a list that several processes append to, and counts it. The counter advances
+// only if the record was written. rc of a failure is the errno; its code is kOpenSideList if the list
+// could not be opened.
 Result appendSideRecord(const std::string &list_path, const std::string &close_name, uint64_t ino,
                         std::string_view path, OpCode op) {
   std::unique_ptr<WorkFile> list;
@@ -90,8 +90,7 @@ void resetCloneIndex() {
 }
 
 Result listClone(const std::string &path, bool del, const CloneAttr &attr) {
-  // Clones that are deeper than any list go with the deepest: the order of deletions matters to nothing
-  // else.
+  // Clones too deep for a list of their own share the deepest one. Their deletion needs no order.
   const int depth = del ? std::min<int>(attr.depth(), kDeepestDeleted) : attr.depth();
   if (depth > kDeepestRestored && !del) {
     userMessage(Message::kCloneListTooDeep, kDeepestRestored, path);

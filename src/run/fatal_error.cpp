@@ -15,6 +15,7 @@
 
 namespace {
 
+// A code that could not be written to the marker, for example on a full file system. 0: none.
 int unsaved = 0;
 
 Result writeMarker(const std::string &path, int code) {
@@ -50,7 +51,7 @@ int getFatalError() {
     traceLog("Doesn't find fatal error\n");
     return 0;
   }
-  // A marker that exists and cannot be read is an error all the same.
+  // An unreadable marker still means that a worker failed, so it never counts as "no error".
   if (!read) {
     traceLog("!!Get fatal error, err %d\n", 0);
     return -1;

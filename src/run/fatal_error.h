@@ -1,15 +1,16 @@
-// The fatal-error marker: workers record what must stop the whole run, the master reads it.
+// The fatal-error marker. Workers record an error that must stop the whole run; the master reads it.
 #pragma once
 
 #include <cstdint>
 
-// Appends a line. What cannot be written is traced and kept for unsavedFatalError. A code of 0 is
-// recorded as EIO: a failed batch is never a success.
+// Appends `code` as a line to the marker. If that fails, traces it and keeps the code for
+// unsavedFatalError. Records 0 as EIO, because a failed batch must never look like a success.
 void setFatalError(int code);
 
-// What this process could not write into the marker, so that its own exit status must say it; 0 in
-// general.
+// Returns the code that this process could not write to the marker, else 0. A worker must then report
+// it by its exit status, which is the only sign of the failure.
 int unsavedFatalError();
 
-// 0 without a marker, the first recorded number, -1 when there is a marker without one.
+// Returns the first number in the marker, 0 without a marker, -1 if the marker cannot be read or holds
+// no number.
 int getFatalError();

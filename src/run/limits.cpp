@@ -9,7 +9,7 @@
 
 namespace {
 
-// Twice what the walks take for 2,048 levels of directories.
+// The walks take half of this for 2,048 nested directories, the most that a path can name.
 constexpr rlim_t kLeastStack = 4 << 20;  // bytes
 constexpr int64_t kKiB = 1024;
 

@@ -1,7 +1,7 @@
-// The limits of the process that its starter may have set.
+// Resource limits that this process inherited.
 #pragma once
 
-// To be called first in a program. A file that would become larger than allowed is an error (EFBIG)
-// from now on, here and in commands, and no signal. False, after a message, where the stack may not
-// grow as far as the deepest tree needs.
+// Every program calls this first. A write beyond RLIMIT_FSIZE then fails with EFBIG instead of raising
+// SIGXFSZ, in this process and in the commands that it starts. Raises a soft stack limit that is too
+// small for the deepest tree. Returns false, after a message, if the hard limit forbids that.
 bool prepareLimits();

@@ -13,7 +13,7 @@ namespace {
 
 constexpr int kFrameBlocks = 128;
 
-// `snapshot` null: the fileset as it is.
+// A null `snapshot` opens the active fileset.
 Result openTree(const char *snapshot, kest_fssnap_handle_t **handle) {
   *handle =
       kest_get_fset_snaphandle_by_name(settings.deviceP.c_str(), settings.filesetP.c_str(), snapshot);
@@ -61,7 +61,7 @@ Result readBlockSize() {
   return {};
 }
 
-// The number of a tree; `name` is what a message calls it.
+// Reads the number of a tree. Messages call the tree `name`.
 Result readSnapId(kest_fssnap_handle_t *tree, const std::string &name, kest_snapid_t *id) {
   const Result result = called(kest_get_fssnapid_from_fssnaphandle(tree, id));
   if (!result) userMessage(Message::kNoSnapId, name, strerror(result.err));
@@ -86,7 +86,8 @@ Result openScans(uint64_t *max_ino) {
     userMessage(Message::kNoSnapScan, strerror(result.err));
     return result;
   }
-  // Looking for the largest number takes longer than all else here, and only the master scans.
+  // Only the master passes `max_ino`: finding the largest number takes longer than everything else
+  // here.
   return openDifference(snap_id, max_ino);
 }
 

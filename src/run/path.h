@@ -1,20 +1,20 @@
-// Paths: building and cutting them under the 4096-byte rule.
+// Builds and cuts paths, which must stay shorter than 4096 bytes.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-// Appends "/" and `name` in place; false, with `dir` unchanged and path2long and longPath set, when the
-// lengths plus 3 are not below 4096.
+// Appends "/" and `name` in place. If the lengths plus 3 reach 4096, returns false, leaves `dir`
+// unchanged and sets path2long and longPath.
 bool appendPath(std::string &dir, std::string_view name);
 
-// Cuts the last component: a trailing "/" alone, else from the last "/" on, never a "/" at the start.
+// Cuts the last component. A trailing "/" is cut alone, and a "/" at the start stays.
 void cutPath(std::string &path);
 
-// True when `path` is `dir` or begins with `dir` and a slash.
+// Returns true if `path` is `dir` or lies below it.
 bool liesIn(std::string_view path, std::string_view dir);
 
-// Appends a name for the life of the object and cuts it off again. `ok()` false: too long.
+// Appends a name to a path while the object lives. ok() is false if the path would be too long.
 class PathName {
  public:
   PathName(std::string &dir, std::string_view name)

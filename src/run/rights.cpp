@@ -19,30 +19,30 @@
 
 namespace {
 
-// The walk holds the directories on its way open, besides the lists that it writes.
+// A walk holds every directory on its path open, besides the lists that it writes.
 constexpr rlim_t kFewestFiles = 128;
-// No path has so many components that a walk needs more.
+// A path of 4096 bytes has at most 2,048 components, so no walk needs more descriptors.
 constexpr rlim_t kMostFiles = 8192;
 
 struct Capability {
   int number;
   const char *name;
-  bool to_read;  // needed by a comparison as well
+  bool to_read;  // a comparison needs it, too
 };
 
 constexpr Capability kNeeded[] = {
-    {CAP_SYS_ADMIN, "CAP_SYS_ADMIN", true},  // reading trees, trusted attributes, read-only subvolumes
-    {CAP_DAC_READ_SEARCH, "CAP_DAC_READ_SEARCH", true},  // opening inodes by number
+    {CAP_SYS_ADMIN, "CAP_SYS_ADMIN", true},  // read trees, trusted attributes, read-only subvolumes
+    {CAP_DAC_READ_SEARCH, "CAP_DAC_READ_SEARCH", true},  // open inodes by number
     {CAP_DAC_OVERRIDE, "CAP_DAC_OVERRIDE", false},
-    {CAP_FOWNER, "CAP_FOWNER", false},  // modes, times and ACLs of others
+    {CAP_FOWNER, "CAP_FOWNER", false},  // set modes, times and ACLs of files of others
     {CAP_CHOWN, "CAP_CHOWN", false},
-    {CAP_FSETID, "CAP_FSETID", false},  // the set-group-id bit for foreign groups
+    {CAP_FSETID, "CAP_FSETID", false},  // keep the set-group-ID bit for a foreign group
     {CAP_MKNOD, "CAP_MKNOD", false},
-    {CAP_SETFCAP, "CAP_SETFCAP", false},  // capabilities of files
+    {CAP_SETFCAP, "CAP_SETFCAP", false},  // set file capabilities
     {CAP_LINUX_IMMUTABLE, "CAP_LINUX_IMMUTABLE", false},
 };
 
-// The effective capabilities as bits.
+// Reads the effective capabilities as a bit set.
 Result readCapabilities(uint64_t *bits) {
   __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
   __user_cap_data_struct data[_LINUX_CAPABILITY_U32S_3] = {};
@@ -52,14 +52,15 @@ Result readCapabilities(uint64_t *bits) {
   return {};
 }
 
-// Whether a program that this process starts will have the capability as well.
+// Returns true if a program that this process starts will have the capability, too. For root the
+// bounding set decides, for other users the ambient set.
 bool isPassedOn(int capability) {
   return geteuid() == 0 ? prctl(PR_CAPBSET_READ, capability) == 1
                         : prctl(PR_CAP_AMBIENT, PR_CAP_AMBIENT_IS_SET, capability, 0, 0) == 1;
 }
 
-// True in a user namespace other than the system's first, where the kernel asks the file system's own
-// namespace for capabilities and finds none.
+// Returns true in a user namespace other than the initial one. There the kernel checks capabilities
+// against the namespace of the file system, where this process has none.
 bool inUserNamespace() {
   const UniqueFd fd(open("/proc/self/uid_map", O_RDONLY | O_CLOEXEC));
   std::string map;
@@ -93,7 +94,7 @@ Result checkFileLimit() {
   const rlim_t wanted = std::min(limit.rlim_max, kMostFiles);
   if (limit.rlim_cur < wanted) {
     limit.rlim_cur = wanted;
-    // Where the limit cannot be raised, the one that there is counts.
+    // If the limit cannot be raised, the present one decides below.
     if (setrlimit(RLIMIT_NOFILE, &limit) != 0 && getrlimit(RLIMIT_NOFILE, &limit) != 0)
       return failedErrno(0);
   }

@@ -1,9 +1,9 @@
-// What the system lets this process do.
+// Checks what the system permits this process to do.
 #pragma once
 
 #include "base/result.h"
 
-// The process, and every one that it starts, must have the capabilities of a restore or, in the role of
-// a comparison, those of reading, and may open enough files at a time; the limit is raised as far as
-// the process may. rc of a failure is an errno, after a message. Master and comparison, first of all.
+// Checks that this process, and every program that it starts, has the capabilities for a restore (for a
+// comparison: those for reading). Raises the limit of open descriptors as far as it may and checks that
+// it suffices. rc of a failure is an errno, after a message. Master and comparison call this first.
 Result checkRights();

@@ -1,19 +1,19 @@
-// The settings of a run: what the command line says, and the state that every module looks at.
-// Names are those of the trace log and of the option strings handed to workers.
+// The settings of a run: the options of the command line and the state that every module reads. The
+// names are those of the trace log and of the options that workers get.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-// What a process is for.
+// The purpose of a process.
 enum class Role {
   kMaster,      // fsetrestore as the administrator starts it
   kWorker,      // fsetrestore LIST, started by the policy engine for one batch
   kComparison,  // fsetcompare: reads both trees, has no work directory and changes nothing
 };
 
-// Phase numbers are on command lines and in the trace log.
+// Phase numbers appear on command lines and in the trace log.
 enum Phase : int32_t {
   kPhaseMaster = 0,
   kPhaseMain = 3,          // opList, opList.move, per-directory lists
@@ -28,36 +28,36 @@ enum Phase : int32_t {
 
 struct Settings {
   Role role = Role::kMaster;
-  std::string deviceP;  // absolute path, or as typed while the command line is read
+  std::string deviceP;  // absolute path; as typed until the command line is parsed
   std::string filesetP;
   std::string snapOldP;
-  std::string exe;               // absolute path of this program; the engine starts it for each batch
-  int32_t maxFiles = 1000;       // most records in a worker's batch
-  int32_t unitSize = 100;        // records that list writers put under one aggregate number
-  int32_t fsBlockSize = 262144;  // bytes; the transfer unit
+  std::string exe;          // absolute path of this program, which the engine starts for every batch
+  int32_t maxFiles = 1000;  // most records in one batch
+  int32_t unitSize = 100;   // records that list writers put under one aggregate number
+  int32_t fsBlockSize = 262144;      // bytes; the transfer unit
   int32_t frameSize = 262144 * 128;  // bytes; largest range of one data record
   std::string nodeSpec = "all";
   bool Debug = true;         // -q clears it
   bool Verb = false;         // -v
   bool noXAttr = false;      // -x
   bool encryptEA = false;    // -E
-  bool topDir = true;        // -D clears it: a worker that starts no nested run
-  int32_t phase = 0;         // 0 in the master and in comparisons, see Phase
+  bool topDir = true;        // -D clears it: this worker must not start nested runs
+  int32_t phase = 0;         // 0 in the master and in comparisons; see Phase
   int32_t pass = 0;          // scan pass, from 1
   std::string shareDir;      // path of the work directory; empty in comparisons
   bool path2long = false;    // a path would have reached 4096 bytes
-  std::string longPath;      // the first one that would have
+  std::string longPath;      // the first such path
   bool dirsSettled = false;  // master: the final directory move has begun
 
   int32_t threads = 36;      // -m
-  uint64_t mem = 0;          // -M, KiB; 0: from the machine
+  uint64_t mem = 0;          // -M, in KiB; 0: derive it from the machine's memory
   bool keepWorkDir = false;  // -k, -v
   int32_t callerPid = 0;     // -c, workers
-  std::string listFile;      // the batch of a worker
+  std::string listFile;      // batch file of a worker
 
   bool isMaster() const { return role == Role::kMaster; }
 };
 
 extern Settings settings;
 
-constexpr size_t kPathMax = 4096;  // a path is shorter than this
+constexpr size_t kPathMax = 4096;  // a path is shorter than this, in bytes

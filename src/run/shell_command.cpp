@@ -22,8 +22,8 @@ constexpr size_t kDiscardBytes = 64 * 1024;
 
 int inherited = -1;
 
-// Makes orphans below this process its children. Not where it already had children when its program was
-// started: it would have to wait for their orphans as well.
+// Makes this process the parent of orphans among its descendants. A process that already had children
+// when its program started does not adopt, because it would then wait for the orphans of those as well.
 bool adoptOrphans() {
   static const bool adopts = [] {
     siginfo_t info;
@@ -33,7 +33,7 @@ bool adoptOrphans() {
   return adopts;
 }
 
-// Starts "sh -c command", its standard output on `output` unless that is -1.
+// Starts "sh -c command". Its standard output goes to `output`, unless that is -1.
 Result startShell(const std::string &command, int output, pid_t *pid) {
   flushTraceLines();
   std::string sh = "sh", option = "-c", text = command;
@@ -44,7 +44,8 @@ Result startShell(const std::string &command, int output, pid_t *pid) {
   start.inherited = inherited;
   start.default_signals = true;
   adoptOrphans();
-  // A stop signal arrives before the start, which it then prevents, or after it, and is then sent on.
+  // Block all signals here: a stop signal then arrives either before the start, which it prevents, or
+  // after it, when setCommandToStop has named the process to pass it on to.
   sigset_t all, before;
   sigfillset(&all);
   sigprocmask(SIG_SETMASK, &all, &before);
@@ -57,19 +58,21 @@ Result startShell(const std::string &command, int output, pid_t *pid) {
 Result waitForShell(pid_t pid, int *status) {
   siginfo_t info;
   int raw = 0, failure = 0;
+  // WNOWAIT leaves the shell a zombie, so that its process ID stays reserved until the next line.
   while (failure == 0 && waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) != 0)
     if (errno != EINTR) failure = errno;
-  // Once the shell is reaped, its process id may be another process's, which must get no signal.
+  // Once the shell is reaped, its process ID can belong to another process, which must get no signal.
   setCommandToStop(0);
   while (failure == 0 && waitpid(pid, &raw, 0) < 0)
     if (errno != EINTR) failure = errno;
+  // A killed shell leaves its children to this process. They must end before the next step begins.
   while (adoptOrphans() && (waitpid(-1, nullptr, 0) > 0 || errno == EINTR)) {
   }
   *status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
   return errnoResult(failure);
 }
 
-// Reads all of a command's output and keeps `limit` bytes of it: a full pipe would stop the command.
+// Reads all output of a command but keeps only `limit` bytes: a full pipe would block the command.
 Result readOutput(int fd, size_t limit, std::string *output) {
   Result r = readToEnd(fd, output, limit);
   bool more = output->size() == limit;

@@ -1,4 +1,4 @@
-// Running the file system's commands through a shell.
+// Runs the commands of the file system through a shell.
 #pragma once
 
 #include <string>
@@ -7,27 +7,28 @@
 #include "base/result.h"
 #include "formats/shell_words.h"
 
-// Most bytes of a command line, its terminator included: of the commands of a run, and of the engine
-// for the lists of one directory.
+// The longest command lines in bytes, including the terminator: of the commands of a run, and of an
+// engine run over the lists of one directory.
 constexpr size_t kCommandMax = 2048, kNestedCommandMax = 4096;
 
-// Done where the command is shorter than `limit`; else E2BIG, after a message. A command that would be
-// cut off could name something else.
+// Returns success if the command is shorter than `limit`, else E2BIG after a message. A command that
+// was cut off could name another object, so it must not run.
 Result checkCommand(const std::string &command, size_t limit = kCommandMax);
 
-// Every command from now on, and what it starts, inherits this descriptor, which is close-on-exec in
-// this process. -1: none.
+// From now on every command, and what it starts, inherits `fd`, which stays close-on-exec in this
+// process. -1 ends that.
 void inheritInCommands(int fd);
 
-// Runs "sh -c command" with no signal blocked and waits. `status` receives the exit code, 128 + signal
-// for a shell that was killed. A failure, whose rc is the errno, means that it could not be started or
-// waited for; EINTR that the run is to end.
+// Runs "sh -c command" with no signal blocked and waits for it. `status` receives the exit code, or 128
+// + the signal that killed the shell. A failure means that the command could not be started or waited
+// for; its rc is the errno, and EINTR means that a stop signal ends the run.
 //
-// The shell is killed when this process dies: where the command is one program, start it with exec. If
-// it is killed itself, the processes that it leaves are waited for, so that nothing goes on beside the
-// next step. (Except in a process that had other children when it started its first command.)
+// The shell is killed when this process dies; begin a command of one program with exec, so that the
+// program takes the shell's place. If the shell itself is killed, this waits for the processes that it
+// leaves behind, so that none of them overlaps the next step. (Not in a process that already had other
+// children when it started its first command.)
 Result runCommand(const std::string &command, int *status);
 
-// Runs it and collects its standard output (at most `limit` bytes are kept, all are read); as above.
+// Like runCommand, but collects standard output: keeps at most `limit` bytes and reads all.
 Result runCommandOutput(const std::string &command, std::string *output, int *status,
                         size_t limit = size_t{1} << 30);

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr size_t kFilesetWord = 8;  // name, id, six words, fileset
+constexpr size_t kFilesetWord = 8;  // index of the fileset's name: after name, id and six words
 
 std::vector<std::string_view> words(std::string_view line) {
   std::vector<std::string_view> found;

@@ -1,4 +1,4 @@
-// The snapshots of the fileset by id, as the master listed them at the start of the run. Any process.
+// The snapshots of the fileset by id, as the master listed them when the run started. Any process.
 #pragma once
 
 #include <cstdint>
@@ -8,10 +8,10 @@
 
 using SnapshotTable = std::map<int64_t, std::string>;
 
-// Reads the output of the snapshot-list command: every line after the header that holds a name, an id,
-// six words and the fileset. Escapes in names (a backslash and three octal digits) are undone.
+// Parses the output of the command that lists snapshots: every line after the header that has a name,
+// an id, six words and the fileset. Decodes octal escapes in names (a backslash and three digits).
 SnapshotTable parseSnapshotList(std::string_view text);
 
-// The table of this run, read at the first question; empty, after a trace line, when it could not be
-// listed.
+// Returns the table of this run and reads it at the first call. If the snapshots could not be listed,
+// it is empty, after a trace line.
 const SnapshotTable &snapshotTable();

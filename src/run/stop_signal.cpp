@@ -9,6 +9,7 @@ namespace {
 
 constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
+// All of this is written or read by a signal handler, so it must be lock-free.
 std::atomic<int> arrived{0};
 std::atomic<pid_t> command{0};
 std::atomic<bool> ending{false};
@@ -17,6 +18,7 @@ static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_alw
 void noteStop(int number) {
   const int saved = errno;
   int none = 0;
+  // The first signal is the one to report.
   arrived.compare_exchange_strong(none, number);
   if (const pid_t pid = command; pid > 0) kill(pid, SIGTERM);
   errno = saved;
@@ -43,7 +45,8 @@ int stopSignal() {
 
 void ignoreStopSignals() {
   ending = true;
-  // The last commands inherit this: they share the terminal with us.
+  // The last commands share the terminal with this process, so they must ignore the signals, too. A
+  // signal that is ignored stays so in a program that is started.
   for (const int number : kStopSignals) signal(number, SIG_IGN);
 }
 

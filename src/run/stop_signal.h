@@ -1,20 +1,23 @@
-// Signals that ask a run to end: SIGINT, SIGTERM, SIGHUP. The master notes them, stops what it has
-// started and ends by itself; workers end at once, as the signals have it.
+// The signals SIGINT, SIGTERM and SIGHUP ask a run to end. The master notes them, stops the command
+// that it has started and ends by itself. Workers keep the default action and end at once.
 #pragma once
 
 #include <sys/types.h>
 
-// From now on the signals are noted, and sent on as SIGTERM to the command that runs. Those that are
-// ignored stay ignored.
+// From now on notes these signals and passes each on as SIGTERM to the running command. A signal that
+// was ignored stays ignored.
 void catchStopSignals();
 
-// The first one that came, 0: none. Loops of the master ask after every object, and end with EINTR.
+// Returns the first such signal, or 0. The loops of the master ask after every object and end with
+// EINTR.
 int stopSignal();
 
-// The run has come to its end and only tidies up: its last commands are started and not stopped.
+// For the end of a run, which only removes the work directory: its commands may start in spite of an
+// earlier signal, and no signal stops them.
 void ignoreStopSignals();
 
-// For shell_command alone. The process that gets SIGTERM, 0: none. True as long as commands may start;
-// call both with signals blocked where a signal in between would get lost.
+// For shell_command alone. setCommandToStop names the process that gets SIGTERM (0: none), and
+// mayStartCommands returns whether commands may still start. Block signals around both calls, or a
+// signal that arrives between them is lost.
 void setCommandToStop(pid_t pid);
 bool mayStartCommands();

@@ -16,7 +16,7 @@
 namespace {
 
 UniqueFd log_fd;
-std::string log_dir;  // the work directory that log_fd belongs to
+std::string log_dir;  // the work directory whose log is log_fd
 
 constexpr size_t kMostWaiting = 16 * 1024;  // bytes
 constexpr int64_t kPause = 1000000;         // nanoseconds
@@ -40,8 +40,8 @@ bool openLog() {
   return true;
 }
 
-// Writes the line, or keeps it where the last write was less than a millisecond ago and fewer than 16
-// KiB wait.
+// Writes the line, or keeps it if the last write was less than a millisecond ago and fewer than 16 KiB
+// are waiting.
 void putLine(std::string_view line) {
   if (waiting.size() + line.size() > kMostWaiting) flushTraceLines();
   waiting.append(line);
@@ -53,7 +53,7 @@ void putLine(std::string_view line) {
 void flushTraceLines() {
   if (waiting.empty()) return;
   const int saved = errno;
-  (void)writeAll(log_fd.get(), waiting);  // a lost line never changes a result
+  (void)writeAll(log_fd.get(), waiting);  // a lost line must never change a result
   waiting.clear();
   last_write = nanoseconds();
   errno = saved;
@@ -96,7 +96,7 @@ void traceLog(const char *format, ...) {
     errno = saved;
     return;
   }
-  static const long long pid = getpid();  // vfork's children trace nothing
+  static const long long pid = getpid();  // the children of vfork trace nothing
   char prefix[256];
   const int prefix_length = snprintf(prefix, sizeof prefix,
                                      "[%s][%s][pid:%lld phase:%d pass:%d]: ", formatTimeStamp().c_str(),
@@ -106,7 +106,7 @@ void traceLog(const char *format, ...) {
   va_start(args, format);
   va_copy(again, args);
   char text[2048];
-  errno = saved;  // for %m
+  errno = saved;  // a format may contain %m
   const int length = vsnprintf(text, sizeof text, format, args);
   if (length >= 0 && static_cast<size_t>(length) < sizeof text) {
     line.append(text, static_cast<size_t>(length));

@@ -1,26 +1,27 @@
-// The trace log ErrorLog: diagnostics of every process of a run, one shared file.
+// The trace log ErrorLog: one file that every process of a run appends diagnostics to.
 #pragma once
 
 #include <string>
 
-// Appends one line: "[time][host][pid:... phase:... pass:...]: " and the text. Lines wait while more of
-// them come within a millisecond; they reach the file whole, by one write(2) in append mode. Never
-// fails visibly and keeps errno. Writes nothing while there is no work directory. Callers end their
-// formats with a newline.
+// Appends one line: "[time][host][pid:... phase:... pass:...]: " and the text. Formats end with a
+// newline. Lines that follow each other within a millisecond are collected; they reach the file whole,
+// by one write(2) in append mode. Reports no failure and keeps errno. Does nothing while there is no
+// work directory.
 void traceLog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
-// Writes the lines that wait. To be called before the process waits, starts another or ends. Keeps
+// Writes the lines that wait. Call it before this process waits, starts another process or ends. Keeps
 // errno.
 void flushTraceLines();
 
-// Forgets the open file (the work directory goes away, or changes in tests).
+// Closes the log: the work directory is about to be removed, or a test has changed it.
 void closeTraceLog();
 
 // Local time as "YYYY-MM-DD hh:mm:ss".
 std::string formatTimeStamp();
 
-// The text that the command hostname prints, without its newline.
+// Returns the host name, as the command hostname prints it.
 const std::string &hostName();
 
-// When Debug is set and no path was too long: 21 dashes, then the whole trace log, on standard output.
+// If Debug is set and no path was too long, prints 21 dashes and then the whole trace log on standard
+// output.
 void dumpErrorLog();

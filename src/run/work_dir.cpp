@@ -85,6 +85,7 @@ bool isOursAlone(const struct stat &st) {
   return st.st_uid == geteuid() && (st.st_mode & kOthersWrite) == 0;
 }
 
+// Prints the message once for each directory: every call on a file in it would repeat it.
 Result refuse() {
   static std::string reported;
   if (reported != settings.shareDir) userMessage(Message::kForeignWorkDir, settings.shareDir);
@@ -92,16 +93,17 @@ Result refuse() {
   return errnoResult(EPERM);
 }
 
-// Where a call works: a directory and a name in it.
+// The place at which a system call works: a directory and a name in it.
 struct NameAt {
   int dir = AT_FDCWD;
   std::string name;
-  UniqueFd opened;  // the directory, where it had to be opened
+  UniqueFd opened;  // the directory, if locate had to open it
 };
 
 int openBelow(int dir, const std::string &path, int flags) {
   struct open_how how = {};
   how.flags = static_cast<unsigned>(flags | O_CLOEXEC);
+  // RESOLVE_NO_XDEV: a mount inside the work directory must not lead out of it.
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_XDEV;
   return static_cast<int>(syscall(SYS_openat2, dir, path.c_str(), &how, sizeof how));
 }
@@ -112,6 +114,8 @@ Result locate(const std::string &path, NameAt *at) {
     return {};
   }
   if (Result r = openWorkDirectory(); !r) return r;
+  // Open the directories on the way beneath the work directory; only the last component is left to the
+  // call.
   std::string rest(nameInWorkDir(path));
   const size_t slash = rest.rfind('/');
   at->dir = work.fd.get();
@@ -172,6 +176,7 @@ Result openWorkFile(const std::string &path, int flags, UniqueFd *fd, mode_t mod
   fd->reset(openat(at.dir, at.name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, mode));
   if (!*fd) return failedErrno(0);
   if (at.dir != AT_FDCWD || (flags & O_ACCMODE) != O_RDONLY) return {};
+  // A list outside the work directory could hold records that another user has planted.
   struct stat st;
   if (fstat(fd->get(), &st) == 0 && isOursAlone(st)) return {};
   fd->reset();

@@ -1,6 +1,5 @@
-// The work directory and the files in it. Users may be allowed to write to the directory that it lies
-// in and could exchange it for one of theirs, so everything in it is reached through a descriptor of
-// it.
+// The work directory and its files. Users who may write to the fileset's root could replace it with one
+// of their own, so every file in it is reached through a descriptor of the directory.
 #pragma once
 
 #include <dirent.h>
@@ -15,28 +14,29 @@
 #include "base/unique_fd.h"
 #include "formats/work_names.h"
 
-constexpr int kWorkDirMode = 0x755;  // hexadecimal, as the lists of older runs have it
+// Hexadecimal on purpose (03525): work directories have always had this mode.
+constexpr int kWorkDirMode = 0x755;
 
 // ---- paths
 
-// Path of `name` (formats/work_names.h) in the work directory; empty, with path2long set, when it would
-// be too long. What is a whole path already is returned as it is.
+// Returns the path of `name` (formats/work_names.h) in the work directory; "" with path2long set if it
+// would be too long. Returns an absolute path as it is.
 std::string workPath(std::string_view name);
 
-// The path of a name that workPath gave, relative to the work directory.
+// Returns the part of a path below the work directory that follows the directory.
 std::string_view nameInWorkDir(std::string_view path);
 
-// True when the path lies below the work directory.
+// Returns true if the path lies below the work directory.
 bool inWorkDir(std::string_view path);
 
-// Whole paths, empty where they would be too long. The constants of work_names.h are for workPath.
+// The paths of the files that work_names.h names; "" if one would be too long.
 std::string bucketDir(uint64_t ino);
-std::string tempLocation(uint64_t ino);  // where a moved-away object waits
+std::string tempLocation(uint64_t ino);  // where an object waits that was moved aside
 std::string cloneDeleteLocation(uint64_t ino);
-std::string destinationFile(uint64_t ino);  // tells where it must end up
+std::string destinationFile(uint64_t ino);  // holds the path at which the object must end up
 std::string newParentFile(uint64_t ino);
 std::string filesetLocation(uint64_t id);     // where a nested fileset waits
-std::string filesetDestination(uint64_t id);  // tells where it must end up
+std::string filesetDestination(uint64_t id);  // holds the path at which it must end up
 std::string dirSet(uint64_t ino, bool deleted);
 std::string dirSetList(uint64_t ino, bool deleted, int depth);
 std::string dirSetMoveList(uint64_t ino, bool deleted, int depth);
@@ -46,49 +46,53 @@ std::string checkpointFile(int32_t caller_pid, const std::string &host, int32_t 
 
 // ---- the directory
 
-// Opens the work directory, once, and checks that it is the run's: a directory, not a link to one; the
-// effective user's, writable by nobody else; and the inode that the master told its workers of. EPERM
-// where it is none of these, after a message. Every call below does it first, for paths in the work
-// directory, and resolves them beneath it, following no link. Other whole paths (a list or batch named
-// by hand) are taken as they are; a file that is read must be the effective user's, and writable by
-// nobody else. rc of a failure is the errno.
+// Opens the work directory once and checks that it belongs to this run: it is a directory and no
+// symbolic link, the effective user owns it, nobody else may write to it, and its inode is the one that
+// the master exported. Otherwise fails with EPERM, after a message. rc of a failure is the errno.
+//
+// Every call below does this first for a path in the work directory, and resolves the path beneath it
+// without following links. Other absolute paths, such as a list or batch that a user names, are taken
+// as they are; a file that is read there must belong to the effective user, and nobody else may have
+// the right to write it.
 Result openWorkDirectory();
 
-// Its descriptor; -1 before it was opened.
+// Returns its descriptor, -1 before openWorkDirectory.
 int workDirectoryDescriptor();
 
-// For the master, before it makes one: ignores the identity that the environment gives, which is
-// another run's.
+// Drops the identity in the environment, which belongs to another run. The master calls this before it
+// makes a work directory.
 void forgetInheritedDirectory();
 
-// Makes the directory known to the processes that this one starts, as the only one that is the run's.
+// Puts the identity of the work directory into the environment, so that child processes accept no
+// other.
 void exportWorkDirectory();
 
-// Forgets it, for a work directory that has been removed.
+// Closes the descriptor, for example of a work directory that has been removed.
 void closeWorkDirectory();
 
-// True for an inode of the fileset that was made after the work directory.
+// Returns true if inode `ino` of the fileset was created after the work directory.
 bool youngerThanWorkDirectory(uint64_t ino);
 
-// "<device>:<inode>" of a directory, as child processes learn it.
+// Returns "<device>:<inode>" of a directory, the form in which child processes learn its identity.
 std::string directoryIdentity(const struct stat &st);
 
-// ---- files in it: as the system calls of these names; close-on-exec, the last component is not
-// followed. rc of a failure is the errno.
+// ---- files in it. They act like the system calls of the same names, close on exec, and do not follow
+// a link as last component. rc of a failure is the errno.
 Result openWorkFile(const std::string &path, int flags, UniqueFd *fd, mode_t mode = 0600);
 Result statWorkFile(const std::string &path, struct stat *st);
 Result unlinkWorkFile(const std::string &path);
 Result renameWorkFile(const std::string &from, const std::string &to);
 
-// Creates a directory of the work directory with kWorkDirMode; one that exists counts as created.
+// Creates a directory in the work directory with kWorkDirMode. It is no failure if the directory
+// exists.
 Result makeWorkDirectory(const std::string &path);
 
 struct DirCloser {
   void operator()(DIR *dir) const { closedir(dir); }
 };
 using Dir = std::unique_ptr<DIR, DirCloser>;
-// Opens a directory for listing: the work directory itself, or one in it.
+// Opens the work directory, or a directory in it, for listing.
 Result openWorkList(const std::string &path, Dir *dir);
 
-// The next entry but "." and ".."; null at the end. rc of a failure is the errno.
+// Reads the next entry other than "." and ".."; null at the end. rc of a failure is the errno.
 Result nextEntry(const Dir &dir, const dirent **entry);

@@ -28,7 +28,7 @@ Result WorkFile::open(const std::string &path, Mode mode, std::unique_ptr<WorkFi
 
 WorkFile::~WorkFile() {
   const int saved = errno;
-  (void)close();  // who needs to know has closed it
+  (void)close();  // callers that need the result have called close()
   errno = saved;
 }
 
@@ -54,8 +54,8 @@ Result WorkFile::flush() {
 
 Result WorkFile::close() {
   if (!fd_) return {};
-  (void)flush();  // a failure stays in error_
-  // After EINTR the descriptor is gone all the same.
+  (void)flush();  // error_ keeps a failure
+  // Linux closes the descriptor even if close() fails with EINTR.
   if (::close(fd_.release()) != 0 && errno != EINTR && error_ == 0) error_ = errno;
   return errnoResult(error_);
 }

@@ -9,14 +9,15 @@
 #include "base/unique_fd.h"
 #include "formats/list_record.h"
 
-// A list being written. Records are whole: a buffered file is flushed at record boundaries only, an
-// unbuffered one takes each record in one write(2), so that several processes can append side by side.
-// After a failure every later call fails as well, with the same errno. rc of a failure is the errno.
+// A list that is being written. Readers never see part of a record: a buffered file is flushed only
+// between records, and an unbuffered one writes each record with one write(2) in append mode, so that
+// several processes can append at the same time. After a failure every later call fails with the same
+// errno, which is the rc.
 class WorkFile {
  public:
   enum class Mode {
     kTruncate,  // buffered, starts empty; one writer
-    kKeep,      // buffered, appends to what is there; one writer
+    kKeep,      // buffered, appends to existing content; one writer
     kShared,    // unbuffered, appends; several writers
   };
   static Result open(const std::string &path, Mode mode, std::unique_ptr<WorkFile> *file);
@@ -39,16 +40,16 @@ class WorkFile {
   std::string buffer_;
 };
 
-// Flushes and closes; `stream` is empty afterwards. A failure, whose rc is the errno, is printed on
-// standard error and traced with `name` (empty: "NULL"). Nothing to do for an empty `stream`.
+// Flushes, closes and resets `stream`; does nothing if it is empty. Prints and traces a failure with
+// `name` ("NULL" if that is empty); its rc is the errno.
 Result closeWorkFile(std::unique_ptr<WorkFile> &stream, const std::string &name);
 
-// The first failure of two steps that both must be taken.
+// For two steps that must both be taken: returns the first failure.
 inline Result firstFailure(Result first, Result second) {
   return first ? second : first;
 }
 
-// Whole contents of a file. rc of a failure is the errno.
+// Reads a whole file. rc of a failure is the errno.
 Result readWholeFile(const std::string &path, std::string *text);
 
 // Opens a list of the work directory for reading. rc of a failure is the errno.

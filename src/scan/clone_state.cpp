@@ -40,7 +40,7 @@ Result isClone(kest_ifile_t *file, bool *clone, CloneAttr *attr, CloneSnapAttr *
     traceLog("isClone: get clone attr failed, ino %lld, errno %d\n",
              static_cast<long long>(file->if_inode), r.err);
     userMessage(Message::kInodeFailed, file->if_inode, strerror(r.err));
-    // A clone would be restored as an ordinary file: the run must not end well.
+    // Without this the clone would come back as an ordinary file and the run would report success.
     setFatalError(r.err);
     return r;
   }

@@ -1,4 +1,4 @@
-// The clone attributes of an open inode.
+// Reads the clone attributes of an open inode.
 #pragma once
 
 #include <array>
@@ -10,7 +10,8 @@
 constexpr uint8_t kCloneParent = 0x80;    // flag byte: the file is a clone parent
 constexpr uint8_t kCloneSnapFlag = 0x40;  // flag byte: the parent lives in a snapshot
 
-// "CLONE": bytes 0-7 parent inode number, 12 flags, 14-15 depth (big-endian).
+// Attribute "CLONE", big-endian: bytes 0-7 are the parent's inode number, byte 12 the flags, bytes
+// 14-15 the depth.
 struct CloneAttr {
   std::array<uint8_t, 16> bytes{};
   uint64_t parentIno() const;
@@ -19,19 +20,18 @@ struct CloneAttr {
   uint16_t depth() const;
 };
 
-// "CLONESNAP": bytes 4-7 snapshot id (big-endian).
+// Attribute "CLONESNAP", big-endian: bytes 4-7 are the snapshot id.
 struct CloneSnapAttr {
   std::array<uint8_t, 8> bytes{};
   uint32_t snapId() const;
 };
 
-// Whether the inode is a clone or clone parent, with its attributes (either may be null). Never for
-// other types than regular files. Attributes that cannot be read are traced and recorded as a fatal
-// error, so that the run ends with 1; rc of the failure is -1.
+// Sets *clone if the inode is a clone or clone parent, and reads its attributes; either may be null.
+// Only regular files can be one. If the attributes cannot be read, traces it and records a fatal error,
+// so that the run ends with 1; rc is -1.
 Result isClone(kest_ifile_t *file, bool *clone, CloneAttr *attr = nullptr,
                CloneSnapAttr *snap = nullptr);
 
-// Whether both open inodes are the same kind of file to the clone system: neither clone nor parent,
-// or both of one depth and both parents or both not. Only making a file anew turns one kind into the
-// other. Failures are recorded as isClone does.
+// Sets *same if both inodes are of one kind: both no clone, or both clones of one depth and both or
+// neither a parent. Only making the file again can change its kind. Failures as in isClone.
 Result sameCloneKind(kest_ifile_t *one, kest_ifile_t *other, bool *same);

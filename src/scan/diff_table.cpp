@@ -20,13 +20,14 @@ static_assert(sizeof(DiffItem) == 24);
 constexpr uint64_t kBuckets = 512000;
 DiffItem **buckets = nullptr;
 
-// Items come from slabs: one at a time would take a third more than the 24 bytes that are budgeted.
+// Items come from slabs. Single allocations of 24 bytes would take 32, more than the memory budget
+// counts.
 constexpr size_t kSlabItems = 16 * 1024;
 struct SlabFree {
   void operator()(DiffItem *slab) const { ::operator delete(slab); }
 };
 std::vector<std::unique_ptr<DiffItem, SlabFree>> slabs;
-size_t slabUsed = kSlabItems;  // items of the last one
+size_t slabUsed = kSlabItems;  // used items of the last slab
 
 DiffItem *newItem() {
   if (slabUsed == kSlabItems) {
@@ -102,5 +103,5 @@ void dumpDiffTable() {
       (void)file->append(std::string_view(line, static_cast<size_t>(length)));  // the close reports it
     }
   }
-  (void)closeWorkFile(file, path);  // has its message; a dump decides nothing
+  (void)closeWorkFile(file, path);  // reports its own failure, which must not end the run
 }

@@ -25,8 +25,8 @@ Result checkFailed(uint64_t ino, const Result &r) {
   return r;
 }
 
-// What the difference knows in the first pass. *known is false where the inodes themselves must be
-// asked.
+// Classifies an inode from the difference alone, without opening it. That is valid only in the first
+// pass, before the run changes anything. *known is false if the inodes themselves must be compared.
 Result knownKind(uint64_t ino, bool *known, FileKind *kind) {
   *known = false;
   if (settings.pass != 1) return {};
@@ -43,18 +43,19 @@ Result knownKind(uint64_t ino, bool *known, FileKind *kind) {
   return {};
 }
 
-// Whether it is a program that has to be made again, since it runs.
+// Sets *running for a running program whose file the kernel lets nobody write, so that it must be made
+// again.
 Result runs(uint64_t ino, bool *running) {
   const int bits = kest_idifference(handles.iscanP, ino);
   *running = bits > 0 && (bits & KEST_DI_RUNS) != 0;
   return bits < 0 ? checkFailed(ino, failed(kAskDifference)) : Result{};
 }
 
-// What the two inodes of one number are to each other.
+// How the inodes of one number in both trees relate.
 struct Pair {
   bool in_active = false, in_snapshot = false;
-  bool same_inode = false;       // both, and the same file but perhaps for its clone state
-  bool same_clone_kind = false;  // known where same_inode is set
+  bool same_inode = false;       // in both trees and the same file, clone state aside
+  bool same_clone_kind = false;  // valid if same_inode is set
 };
 
 Result lookAtPair(uint64_t ino, Pair *pair) {
@@ -113,7 +114,7 @@ bool linksUnknown(const char *call, uint64_t ino, int rc) {
   const int err = errno;
   traceLog("%s return error, rc %d, errno %d\n", call, rc, err);
   userMessage(Message::kInodeFailed, ino, strerror(err));
-  // Its names would be restored as if each were a file of its own: the run must not end well.
+  // Otherwise each name would become a file of its own and the run would report success.
   setFatalError(err);
   return false;
 }
@@ -124,7 +125,7 @@ bool isHardLinked(uint64_t ino) {
   const int bits = kest_idifference(handles.iscanP, ino);
   if (bits < 0) return linksUnknown("checkActiveLink", ino, bits);
   if (bits > 0) return bits & KEST_DI_LINKED;
-  // An inode that did not change has its names in the snapshot.
+  // The inode is not in the difference, so its link count in the snapshot is that of the fileset, too.
   const kest_iattr64_t *attr = nullptr;
   if (const int rc = kest_stat_inode64(handles.iscanFromP, ino, ino + 1, &attr); rc != 0)
     return linksUnknown("checkSnapLink", ino, rc);

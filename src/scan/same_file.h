@@ -1,5 +1,5 @@
-// Is the inode with this number still the snapshot's file, and what else does the difference know of
-// it?
+// Decides whether an inode number still denotes the snapshot's file, and what else the difference knows
+// about it.
 #pragma once
 
 #include <cstdint>
@@ -12,24 +12,25 @@ enum FileKind : int {
   kKindDeleted = 8,  // absent from the active fileset
 };
 
-// Whole generations and creation times are compared. A file that became a clone parent, or is no clone
-// any more, is not the snapshot's file either: see needsRemaking. A failure has been traced; its rc is
-// -1.
+// Compares the whole generation and creation time, because inode numbers can be reused. A file that
+// became a clone parent, or stopped being a clone, counts as another file (see needsRemaking). Failures
+// are traced; rc is -1.
 Result checkFile(uint64_t ino, FileKind *kind);
 
-// The same for the scan and the walks: in the first pass, before the run has changed anything, it is
-// what the difference knows, and nothing is opened. A program that runs and would have to be written to
-// is not the snapshot's file either. Master only.
+// Like checkFile, for the scan and the walks. In the first pass, before the run changes anything, it
+// asks the difference and opens nothing. A running program that would have to be written counts as
+// another file, too. Master only.
 Result checkScanned(uint64_t ino, FileKind *kind);
 
-// False for a file of both trees that the difference knows as no clone of either. Master only.
+// Returns false only if the difference knows that the file is in both trees and a clone in neither.
+// Master only.
 bool mayBeClone(uint64_t ino);
 
-// Whether the inode is the same in both trees, but counts as another file: nothing turns its clone
-// state back into the snapshot's, or it runs. As checkScanned.
+// Sets *remake if both trees hold the same inode but the file must be made again: its clone state
+// cannot be changed back in place, or it is a running program. Master only.
 Result needsRemaking(uint64_t ino, bool *remake);
 
-// Whether a non-directory has two or more names in the snapshot, or had them in the active fileset when
-// the difference was computed. An inode that cannot be looked at is traced and recorded as a fatal
-// error, and counts as having one name: the run ends with 1 before its lists are used. Master only.
+// Returns true if a non-directory has several names in the snapshot, or had them in the active fileset
+// when the difference was computed. If the inode cannot be examined, traces it, records a fatal error
+// and returns false; the run then ends with 1 before it uses its lists. Master only.
 bool isHardLinked(uint64_t ino);
