@@ -9,9 +9,8 @@
 // Returns true if the entry is a junction. `path` is for the trace log.
 bool isJunction(const std::string &path, const kest_direntx64_t &entry);
 
-// Sets *junction if the entry at `path` is a junction. Searches it in the parent directory; an entry
-// that is not found there counts as a junction, so that nothing is removed by mistake. Failures are
-// traced; rc is -1.
+// Sets *junction if the entry at `path` is a junction. Searches the entry in the parent directory; one
+// that is not listed there counts as a junction, too. Failures are traced; rc is -1.
 Result checkJunction(const std::string &path, bool *junction);
 
 // Unlinks the fileset at `path`: its data moves to .unlinked at the top of the file system, and a

@@ -12,11 +12,12 @@
 
 namespace {
 
-constexpr int kOpenAttempts = 2;  // without the bucket directory, then with it
-// Objects can wait inside objects that wait; more levels than a path has components mean a circle.
+constexpr int kOpenAttempts = 2;  // first without the bucket directory, then with it
+// An object can wait inside another one that waits. More levels than a path has components mean a
+// cycle.
 constexpr int kMostLevels = 4096;
 
-// Codes of the three routines' trace lines.
+// Step codes of the three routines in the trace log.
 enum FetchStep : int {
   kCloseFile = 0,
   kMakeBucket = 1,
@@ -25,8 +26,8 @@ enum FetchStep : int {
 };
 enum OrigPathStep : int { kOpenRecord = 1, kEmptyRecord = 2 };
 enum RealPathStep : int {
-  kReadDestination = 1,   // also of a path in the work directory that lies in no temporary location
-  kEmptyDestination = 2,  // the destination file exists and is empty
+  kReadDestination = 1,   // also for a path in the work directory outside all temporary locations
+  kEmptyDestination = 2,  // the destination file is empty
   kLookUpNewName = 4,
 };
 enum SnapPathStep : int {
@@ -34,12 +35,12 @@ enum SnapPathStep : int {
   kSnapRoot = 2,    // the root of the snapshot is unknown
   kStatCopy = 3,
   kLeaveLocation = 21,
-  kLeaveLocationEmpty = 22,
-  kOldName = 23,      // of an object whose name is new
-  kOutsideRoot = 24,  // the object belongs outside the fileset
+  kLeaveLocationEmpty = 22,  // of an object with a new name
+  kOldName = 23,             // of an object whose name is new
+  kOutsideRoot = 24,         // the object belongs outside the fileset
 };
 
-// Steps of the destination file alone, with the trace lines of one that cannot be written.
+// Writes the destination file and traces a failure to write it.
 Result writeDestination(const std::string &file, const std::string &path, uint64_t ino) {
   std::unique_ptr<WorkFile> stream;
   if (Result r = openBucketFile("fetchFile", file, WorkFile::Mode::kTruncate, path, ino, &stream); !r)
@@ -54,7 +55,7 @@ Result writeDestination(const std::string &file, const std::string &path, uint64
   return firstFailure(written.at(kWriteFile), closed);
 }
 
-// `file` is empty where its path would be too long.
+// `file` is "" if its path would be too long.
 Result readPlace(const std::string &file, std::string *destination) {
   if (file.empty()) return errnoResult(ENAMETOOLONG);
   if (Result r = readWholeFile(file, destination); !r) return r;
@@ -72,8 +73,9 @@ void traceUnresolved(const char *routine, uint64_t ino, const Result &r) {
   }
 }
 
-// Applies the rule for temporary locations until the path has left the work directory. `levels`: traces
-// each of them; failures are always traced. The steps are getRealPath's.
+// Replaces a temporary location at the start of `path` by its destination until the path lies outside
+// the work directory. Traces each level if `levels` is set, and every failure. The step codes are
+// getRealPath's.
 Result leaveWorkDir(const char *routine, bool levels, std::string *path) {
   for (int level = 0; inWorkDir(*path); ++level) {
     TempPlace place;
@@ -94,8 +96,9 @@ Result leaveWorkDir(const char *routine, bool levels, std::string *path) {
   return {};
 }
 
-// While the walks run, an object whose name is new belongs where its destination file says, and
-// *renamed is set. Later the object has been moved, and its path alone says where it belongs.
+// While the walks run, the destination file of an object with a new name says where it belongs;
+// *renamed is set for such an object. In later phases the object has been moved, and its path alone
+// says so.
 Result hasNewName(const std::string &path, bool *renamed, uint64_t *ino) {
   *renamed = false;
   if (settings.phase >= kPhaseMain || !haveDiffTable()) return {};
@@ -123,7 +126,8 @@ Result resolveReal(const std::string &path, std::string *result) {
   return {};
 }
 
-// Where the object belongs; *moved_ino is its number where `path` is a temporary location itself.
+// Finds the path at which the object belongs. *moved_ino is set if `path` is a temporary location
+// itself.
 Result placeOf(const std::string &path, std::string *real, uint64_t *moved_ino) {
   *real = path;
   if (inWorkDir(path)) {
@@ -156,7 +160,7 @@ Result resolveCopy(const std::string &path, SnapPlace *place) {
   place->path = handles.snapRootPath + "/" + real.substr(handles.rootPath.size());
   struct stat st;
   if (Result r = statPath(place->path, &st); !r) {
-    // The snapshot may have a link to anywhere where the active path has a directory.
+    // ELOOP: the snapshot can have a symbolic link where the active path has a directory.
     place->absent = r.err == ENOENT || r.err == ENOTDIR || r.err == ELOOP || r.err == ENAMETOOLONG;
     return failed(kStatCopy, r.err);
   }

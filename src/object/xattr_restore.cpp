@@ -14,10 +14,10 @@ namespace {
 constexpr int kFirstBlob = 10240;  // bytes
 constexpr int kSelectAll = 32, kSelectEncrypted = 64;
 
-// Codes of the trace line.
+// Step codes of the trace line.
 enum XAttrStep : int {
   kStatCopy = 1,      // the snapshot's inode
-  kLookAtObject = 3,  // also: the object is another one than the snapshot's inode (ESTALE)
+  kLookAtObject = 3,  // also: the object is not the snapshot's inode (ESTALE)
   kOpenObject = 4,
   kGrowBuffer = 5,
   kReadAttributes = 6,
@@ -28,7 +28,7 @@ int attributeFlags() {
   return settings.encryptEA ? kSelectAll | kSelectEncrypted : kSelectAll;
 }
 
-// Reads the snapshot's attributes. A buffer that is too small is made larger once.
+// Reads the snapshot's attributes and enlarges the buffer once if it is too small.
 Result readBlob(uint64_t ino, kest_ifile_t *snapInode, std::vector<char> *blob) {
   const int flags = attributeFlags();
   blob->resize(kFirstBlob);
@@ -51,7 +51,7 @@ Result readBlob(uint64_t ino, kest_ifile_t *snapInode, std::vector<char> *blob) 
   }
 }
 
-// What one call restores: the attributes of the snapshot's inode `ino`, to the object at `path`.
+// The attributes of the snapshot's inode `ino` and the path of the object that gets them.
 struct Attributes {
   uint64_t ino;
   kest_ifile_t *snapInode;
@@ -68,7 +68,7 @@ Result putBlob(kest_ifile_t *target, const std::vector<char> &blob, const std::s
   });
 }
 
-// Gives `target` the attributes. Where the snapshot's inode has none, those of `target` are removed.
+// Gives `target` the attributes. Removes those of `target` if the snapshot's inode has none.
 Result copyAttributes(const Attributes &from, kest_ifile_t *target) {
   std::vector<char> blob;
   if (from.attr.ia_xattr != 0) {
@@ -87,7 +87,7 @@ void traceNone(const Attributes &from) {
   traceLog("restoreXAttr: ino %lld. No EA to restore.\n", static_cast<long long>(from.ino));
 }
 
-// The attributes of the object at the path, if it is the one that they are for.
+// Restores the attributes of the object at the path, provided that it is the object they belong to.
 Result restoreAtPath(Attributes &from) {
   if (kest_istat(from.snapInode, &from.attr) != 0) return failedErrno(kStatCopy);
   traceNone(from);

@@ -1,4 +1,4 @@
-// Extended attributes of one object.
+// Restores the extended attributes of one object.
 #pragma once
 
 #include <cstdint>
@@ -7,11 +7,11 @@
 #include "base/result.h"
 #include "object/open_object.h"
 
-// Makes the extended attributes of the object at `path` those of the snapshot inode `ino`, which
-// `snapInode` has open. The caller checks -x; this function ignores it. Failures are traced; their rc
-// is the errno. Works on every type.
+// Gives the object at `path`, of any type, exactly the extended attributes of the snapshot inode `ino`,
+// which is open as `snapInode`. The caller checks -x; this function ignores it. Failures are traced; rc
+// is the errno.
 Result restoreXAttr(uint64_t ino, kest_ifile_t *snapInode, const std::string &path);
 
-// The same for the object at `path` that is open as `active`. Nothing is done where the facts of both
-// say that neither has any. Facts of `active` that the attributes change are changed.
+// Like restoreXAttr, for the object at `path` that is open as `active`. Does nothing if the facts say
+// that neither object has attributes. Updates those facts of `active` that attributes affect.
 Result restoreXAttrOf(const OpenObject &snap, OpenObject &active, const std::string &path);

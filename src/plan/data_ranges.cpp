@@ -13,7 +13,7 @@
 
 namespace {
 
-// In the lines of ListRecord and DirListRecord.
+// Step codes in the trace lines of ListRecord and DirListRecord.
 enum RangeStep : int {
   kWriteRecord = 2,
   kOpenInodes = 11,
@@ -22,13 +22,13 @@ enum RangeStep : int {
   kListTail = 16,
   kOpenDeleted = 17,
   kListClone = 31,
-  kClearFlags = 141,  // which forbid the truncation
+  kClearFlags = 141,  // the flags that forbid the truncation
 };
 
-constexpr int64_t kBlock = 4096;  // bytes; holes are made of whole blocks
+constexpr int64_t kBlock = 4096;  // bytes; a hole consists of whole blocks
 
-// Equal data between two ranges is shared along with them where it is no longer than this, in bytes:
-// that is cheaper than one more record.
+// Two ranges with at most this many equal bytes between them become one record: sharing those bytes
+// again is cheaper than another record.
 constexpr int64_t kNearby = 65536;
 
 struct DataRange {
@@ -39,17 +39,17 @@ struct DataRange {
   int64_t end() const { return offset + length; }
 };
 
-// Writes the records of one data walk. A range whose blocks are shared costs the same whatever its
-// length, so it is one record among others; one that has to be copied is cut into frames, each an
-// aggregate of its own, so that many workers can share a large file. rc of a failure is the errno.
+// Writes the records of one file's ranges. Sharing blocks costs the same for any length, so a shareable
+// range is one record. A range that must be copied is cut into frames, each with an aggregate of its
+// own, so that several workers share the copy of a large file. rc of a failure is the errno.
 class DataWalk {
  public:
-  // `clone`: the records say that the file is a clone or a clone parent. `shareable`: its blocks can be
-  // shared with the snapshot's.
+  // `clone` marks the records as those of a clone or clone parent. `shareable` says that the file can
+  // share blocks with the snapshot's.
   DataWalk(WorkFile &list, const std::string &path, uint64_t ino, OpCode op, bool clone, bool shareable)
       : list_(list), path_(path), ino_(ino), op_(op), clone_(clone), shareable_(shareable) {}
 
-  // Lists a range that begins at or after the end of the one before.
+  // Adds a range that begins at or after the end of the previous one.
   Result addRange(const DataRange &range) {
     if (range.length <= 0) return {};
     if (waiting_.length > 0 && range.offset - waiting_.end() <= kNearby) {
@@ -62,11 +62,11 @@ class DataWalk {
     return {};
   }
 
-  // One record for the whole file, whatever its size.
+  // Writes one record for the whole file, whatever its size.
   Result addWhole(int64_t size) { return addRecord({0, size, false}, false); }
 
-  // Writes the range that addRange has kept back, and a record without a range where there was none at
-  // all: it restores the attributes. To be called last.
+  // Writes the range that addRange holds back. Without any range, writes a record that restores the
+  // attributes only. Call it last.
   Result finish() {
     if (Result r = writeWaiting(); !r) return r;
     return written_ ? Result{} : addWhole(0);
@@ -109,7 +109,7 @@ class DataWalk {
   bool written_ = false;
 };
 
-// What one file's changes are listed from.
+// One file whose changes are listed.
 struct ChangedFile {
   const RangeWriter &writer;
   const std::string &path;
@@ -139,7 +139,7 @@ Result truncateActive(const ChangedFile &file, int64_t to) {
   return {};
 }
 
-// The ranges below both sizes in which the files differ.
+// Lists the ranges in which the files differ, up to the smaller of both sizes.
 Result listDifferences(const ChangedFile &file, DataWalk &walk) {
   const kest_change_t &change = file.change;
   const DataRange first{static_cast<int64_t>(change.ch_start), static_cast<int64_t>(change.ch_length),
@@ -161,9 +161,9 @@ Result listDifferences(const ChangedFile &file, DataWalk &walk) {
   return {};
 }
 
-// What the active file lost at its end: all of it, as the snapshot has it. The block in which the
-// active file ended holds zeros up to its end now; where the snapshot has a hole, only the whole block
-// can become one again.
+// Lists all data beyond the end of the active file. Extending that file has filled its last block with
+// zeros. If the snapshot has a hole there, the list begins at the start of that block, because only
+// whole blocks can become holes.
 Result listLostTail(const ChangedFile &file, DataWalk &walk) {
   const int64_t snap_size = file.snap_size, active_size = file.active_size;
   if (active_size >= snap_size) return {};
@@ -174,7 +174,7 @@ Result listLostTail(const ChangedFile &file, DataWalk &walk) {
     int hole = 0;
     int64_t length = kest_ireadx(snap.get(), handles.iscanFromP, nullptr, 0, &offset, snap_size, &hole);
     if (length < 0) return failed(kListTail);
-    // The file ends before its size: data that is not listed would be missing.
+    // The snapshot's file ends before its size, so data would silently be missing from the list.
     if (length == 0) return failed(kListTail, EIO);
     if (!hole && offset < active_size) {
       length -= std::min(length, active_size - offset);
@@ -187,14 +187,14 @@ Result listLostTail(const ChangedFile &file, DataWalk &walk) {
   return {};
 }
 
-// A failure has been recorded as a fatal error: the run ends before this list is used.
+// isClone has recorded a fatal error if it fails, so the run ends before this list is used.
 bool countsAsClone(kest_ifile_t *snap, CloneAttr *attr = nullptr, CloneSnapAttr *attr_snap = nullptr) {
   bool clone = false;
   return isClone(snap, &clone, attr, attr_snap) && clone;
 }
 
-// A file of another clone state is never listed as changed, it is made again: the active file carries
-// the snapshot's state.
+// A file whose clone state differs is made again and never listed as changed, so the snapshot's clone
+// state is the active file's, too.
 Result readCloneState(const ChangedFile &file, bool *clone) {
   *clone = false;
   if (!mayBeClone(file.ino)) return {};
@@ -217,7 +217,7 @@ Result listChangedFile(const RangeWriter &writer, WorkFile &list, const std::str
   DataWalk walk(list, path, ino, kOpRestoreDiffFile, clone, change.ch_shareable != 0);
   if (!change.ch_regular) return walk.finish().at(kWriteRecord);
 
-  // The way in which a file is stored can be changed only while it is empty.
+  // The file system can change how a file is stored (copy-on-write or not, say) only while it is empty.
   if (change.ch_other_storage && !clone && !settings.noXAttr) {
     if (file.active_size > 0)
       if (Result r = truncateActive(file, 0); !r) return r;
@@ -227,7 +227,7 @@ Result listChangedFile(const RangeWriter &writer, WorkFile &list, const std::str
     if (Result r = truncateActive(file, file.snap_size); !r) return r;
   if (Result r = listDifferences(file, walk); !r) return r;
   if (Result r = listLostTail(file, walk); !r) return r;
-  // Attributes alone changed, or all data went: without a record nothing would restore them.
+  // Also restores a file of which only the attributes changed, or which became empty.
   return walk.finish().at(kWriteRecord);
 }
 
@@ -255,8 +255,8 @@ Result listDeletedFile(const RangeWriter &writer, WorkFile &copy_list, const std
     }
     if (!from_data) return {};
   }
-  // One record makes the file with all of its data: between two, somebody with a right to the directory
-  // could put another user's file in its place.
+  // One record makes the file with all its data. Between two records, somebody with write access to the
+  // directory could put another user's file in its place.
   const int64_t size = isRegular(snap->if_mode) ? static_cast<int64_t>(snap->if_size) : 0;
   DataWalk creation(copy_list, path, ino, kOpRestoreDelFile, size > 0 && clone, true);
   const Result added = creation.addWhole(size);

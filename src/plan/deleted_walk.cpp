@@ -21,7 +21,7 @@ enum DeletedStep : int {
   kNoItem = 5,  // the difference does not know an inode that only the snapshot has
   kListDeletedFile = 6,
   kListDirectory = 7,
-  kWalkDirectory = 8,  // also: whether the entry's inode lives on is unknown
+  kWalkDirectory = 8,  // also if it is unknown whether the entry's inode still exists
   kFetchMoved = 9,
   kPathTooLong = 41,
   kListLinks = 51,
@@ -32,7 +32,7 @@ class DeletedWalk {
   DeletedWalk(MasterLists &lists, uint64_t root_ino, std::string &path)
       : lists_(lists), rootIno_(root_ino), path_(path), failedAt_(path) {}
 
-  const std::string &failedAt() const { return failedAt_; }  // with the name of the entry
+  const std::string &failedAt() const { return failedAt_; }  // path of the failed entry
 
   Result read(uint64_t ino) {
     Inode dir;
@@ -99,6 +99,7 @@ class DeletedWalk {
   }
 
   Result subdirectory(uint64_t ino) {
+    // Only the first pass makes directories; later passes visit them for their contents.
     if (settings.pass == 1) {
       const Result listed = lists_.DirListRecord(rootIno_, path_, ino, kOpCrDir, true);
       if (!listed) return traced(listed.at(kListDirectory), "record CRDIR failed", ino);
@@ -109,7 +110,7 @@ class DeletedWalk {
     return traced(walked.at(kWalkDirectory), "failed", ino);
   }
 
-  // Passes a result on, with a line for a failure.
+  // Returns the result, after a trace line if it is a failure.
   Result traced(const Result &result, const char *what, uint64_t ino) {
     if (!result)
       traceLog("travserseDelDir: %s, path %s, ino %lld\n", what, path_.c_str(),

@@ -27,8 +27,8 @@ Result listMissingLink(const std::string &path, uint64_t ino, bool *alsoDeleted)
   if (Result r = listLink(path, ino); !r) return failed(0, r.err);
   Inode snap;
   if (Result r = openInode(handles.oldFsP, ino, &snap); !r) return failed(0, r.err);
-  // A clone state that cannot be read has been recorded as a fatal error: the run ends before its lists
-  // are used.
+  // If the clone state cannot be read, isClone has recorded a fatal error and the run ends before its
+  // lists are used.
   bool clone = false;
   *alsoDeleted = isClone(snap.get(), &clone) && clone && firstCloneListing(ino);
   return {};
@@ -37,6 +37,7 @@ Result listMissingLink(const std::string &path, uint64_t ino, bool *alsoDeleted)
 Result fetchMovedObject(MasterLists &lists, const std::string &path, const kest_direntx64_t &entry) {
   if (Result r = lists.ListRecord(path, entry.d_ino, kOpFetch); !r) return r;
   if (isDirEntry(entry) || !inPassRange(entry.d_ino)) return {};
+  // An earlier pass, or a run that died, can have moved the object aside already.
   const std::string waiting = tempLocation(entry.d_ino);
   struct stat st;
   if (Result r = statPath(waiting, &st); !r) return r.err == ENOENT ? Result{} : r;
@@ -51,7 +52,7 @@ Result setAsideDirectory(MasterLists &lists, const CommonWalker &walkCommon, con
                          const std::string &path, uint64_t ino, bool changed, std::string *newPath) {
   if (Result r = moveFile(path, ino, settings.phase, newPath, false); !r) return r.at(codes.move);
   noteFormerPlace(ino, path);
-  if (newPath->empty()) return {};  // its owner removed it while the walk was on its way
+  if (newPath->empty()) return {};  // its owner removed it during the walk
   if (changed) {
     if (Result r = lists.ListRecord(*newPath, ino, kOpRestoreDiffFile); !r) return r.at(codes.list);
   }

@@ -14,7 +14,7 @@
 
 namespace {
 
-// A list that cannot be opened has no code in the lines of ListRecord.
+// Step codes of ListRecord. A list that cannot be opened has none.
 enum ListStep : int { kRecordDestination = 1, kWriteRecord = 2, kWriteMove = 52 };
 
 enum SetListStep : int {
@@ -24,19 +24,19 @@ enum SetListStep : int {
   kWriteSetMove = 52
 };
 
-// kOpenedRegMoves is no failure: the line of the first record has it.
+// kOpenedRegMoves is no failure: it marks the trace line of the first record.
 enum RegMoveStep : int { kOpenRegMoves = 1, kOpenedRegMoves = 2, kWriteRegMove = 3 };
 
 enum DirMoveStep : int { kOpenDirMoves = 1, kWriteDirMove = 2 };
 
-// The labels of the lists in messages about them.
+// The names of the lists in messages.
 constexpr char kOpListLabel[] = "opList", kCopyListLabel[] = "cpList", kRegMovesLabel[] = "regMv",
                kDirMovesLabel[] = "dirMv";
 
-// The code with which listDeletedFile fails when the op 1 record cannot be written.
+// The second field is the code for an op 1 record that cannot be written.
 constexpr RangeWriter kMainWriter{"ListRecord", 211}, kSetWriter{"DirListRecord", 151};
 
-// Opens a list for the master; a failure prints a message.
+// Opens a list for the master and prints a message after a failure.
 Result openMainList(const char *name, WorkFile::Mode mode, std::unique_ptr<WorkFile> *list) {
   const std::string path = workPath(name);
   const Result result = WorkFile::open(path, mode, list);
@@ -46,7 +46,7 @@ Result openMainList(const char *name, WorkFile::Mode mode, std::unique_ptr<WorkF
   return result;
 }
 
-// One record without a data range.
+// Writes one record without a data range.
 Result addPlainRecord(WorkFile &list, const std::string &path, uint64_t ino, OpCode op) {
   aggregates.main.countRecord(settings.unitSize);
   const Result result = list.appendRecord(aggregates.main.iAgg, ino, path, {.opCode = op});
@@ -67,7 +67,7 @@ Result openOnce(const char *name, std::unique_ptr<WorkFile> *list) {
   return WorkFile::open(workPath(name), WorkFile::Mode::kTruncate, list);
 }
 
-// A list of a set: of one depth, its records or its moves.
+// Names a list in the set of a top directory: the records or the moves of one depth.
 struct SetListName {
   uint64_t rootIno;
   int32_t depth;
@@ -79,7 +79,7 @@ struct SetListName {
   }
 };
 
-// Opens a list of a set for appending, making the set's directory for its first list.
+// Opens a list of a set for appending. Creates the set's directory for its first list.
 Result openSetList(const SetListName &name, std::unique_ptr<WorkFile> *list) {
   const std::string list_path = name.path();
   std::string failed_path = list_path;
@@ -101,7 +101,7 @@ Result openSetList(const SetListName &name, std::unique_ptr<WorkFile> *list) {
 
 class MasterLists::SetLists {
  public:
-  // Finds the open list, or opens it.
+  // Returns the open list, or opens it.
   Result get(const SetListName &name, WorkFile **list) {
     auto found = std::find_if(open_.begin(), open_.end(),
                               [&name](const OpenList &one) { return one.name == name; });
@@ -134,7 +134,8 @@ class MasterLists::SetLists {
   };
   static Result closeOne(OpenList &list) { return closeWorkFile(list.file, list.name.path()); }
 
-  // The lists written to last, the latest first. A walk goes up and down a few of them.
+  // The open lists, most recently used first. A walk moves up and down between few of them, and the
+  // number of descriptors is limited.
   static constexpr size_t kMostOpen = 32;
   std::vector<OpenList> open_;
 };
@@ -184,7 +185,7 @@ Result MasterLists::listOne(const std::string &path, uint64_t ino, OpCode opCode
 }
 
 Result MasterLists::ListRecord(const std::string &path, uint64_t ino, OpCode opCode) {
-  constexpr int kNextOps = 0;  // a field of the lines that has only ever had this value
+  constexpr int kNextOps = 0;  // this field of the trace line always has this value
   const long long number = static_cast<long long>(ino);
   traceLog("ListRecord: path %s, ino %lld, opCode %d, nextOps %d\n", path.c_str(), number, opCode,
            kNextOps);

@@ -21,15 +21,15 @@ namespace {
 
 struct Nested {
   uint64_t id = 0;
-  std::string former;  // where it stood
+  std::string former;  // its path before the run
   uint64_t home_dir = 0;
-  std::string home_path;  // of that directory
+  std::string home_path;  // path of that directory
   std::string home;
 };
 
 std::vector<Nested> aside;
 
-// Whether the snapshot has the fileset, and where.
+// Sets *known if the snapshot has the fileset, and fills its home.
 Result findHome(uint64_t id, bool *known, Nested *nested) {
   char name[256];
   const int found = kest_junction_home(handles.iscanP, id, &nested->home_dir, name);
@@ -47,13 +47,14 @@ Result findHome(uint64_t id, bool *known, Nested *nested) {
 Result moveAside(const std::string &path, const Nested &nested) {
   const std::string to = filesetLocation(nested.id);
   if (to.empty()) return errnoResult(ENAMETOOLONG);
-  // The file comes first, and the bucket with it: nothing waits without a record of its place.
+  // Write the destination first, which also creates the bucket: no fileset may wait without a recorded
+  // place.
   if (Result r = writeFilesetDestination(nested.home, nested.id); !r) return r;
   const Result moved = moveFilesetAside(path, to, nested.id);
   traceLog("settleNested: %s to %s, belongs at %s, err %d\n", path.c_str(), to.c_str(),
            nested.home.c_str(), moved.err);
   if (moved) aside.push_back(nested);
-  return moved.err == ENOENT ? Result{} : moved;  // its owner removed it while the walk was on its way
+  return moved.err == ENOENT ? Result{} : moved;  // ENOENT: its owner removed it during the walk
 }
 
 Result bringHome(const Nested &nested) {
@@ -66,7 +67,7 @@ Result bringHome(const Nested &nested) {
     userMessage(Message::kObjectFailed, nested.home, strerror(moved.err));
     return moved;
   }
-  // The root directory gets its attributes last of all anyway.
+  // The last step of the run restores the root directory's attributes anyway.
   if (nested.home_dir == handles.rootIno) return {};
   return listNewDir(nested.home_path, nested.home_dir);
 }

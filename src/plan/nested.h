@@ -1,4 +1,4 @@
-// Nested filesets that the walks meet in the active fileset. Master only.
+// Handles nested filesets that the walks find in the active fileset. Master only.
 #pragma once
 
 #include <cstdint>
@@ -6,12 +6,12 @@
 
 #include "base/result.h"
 
-// The nested fileset `id` at `path` does not stand where the snapshot has it. One that the snapshot has
-// at another place is moved aside, to be moved home in the end; any other one is unlinked. rc of a
+// Handles the nested fileset `id` at `path`, a place where the snapshot does not have it. If the
+// snapshot has it elsewhere, moves it aside until the end of the run; otherwise unlinks it. rc of a
 // failure is an errno or -1.
 Result settleNested(const std::string &path, uint64_t id);
 
-// Moves home what was moved aside, once every directory is at its place, and lists the directories that
-// this changes. One whose place is taken is unlinked. A failure has printed its message; rc is an errno
-// or -1.
+// Moves home the nested filesets that settleNested moved aside, and lists the directories that this
+// changes. Unlinks one whose place is taken. Call it when every directory is at its place. Failures
+// print a message; rc is an errno or -1.
 Result bringNestedHome();

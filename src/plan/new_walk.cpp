@@ -18,7 +18,7 @@ namespace {
 
 enum NewStep : int {
   kOpen = 1,
-  kReadEntries = 2,  // also: whether the entry's inode is the snapshot's is unknown
+  kReadEntries = 2,  // also if it is unknown whether the entry's inode is the snapshot's
   kMoveAside = 5,
   kListMoveBack = 8,
   kJunctionPathTooLong = 21,
@@ -26,14 +26,14 @@ enum NewStep : int {
   kPathTooLong = 41,
   kWalkDirectory = 42,
   kListDirectory = 43,
-  kListDeletion = 44,  // also: of a name of a hard-linked inode, or its entry in link.ino
+  kListDeletion = 44,  // also of a hard-linked inode's name, or of its record in link.ino
   kListChanges = 45,
   kListMove = 46,
   kListRegMoveBack = 47,
   kListAsideChanges = 71,
 };
 
-// A walk below a directory that was moved aside has no code of its own.
+// A failed walk below a directory that was moved aside has no code.
 constexpr AsideCodes kAsideCodes{
     .move = kMoveAside, .list = kListAsideChanges, .walk = 0, .moveBack = kListMoveBack};
 
@@ -48,12 +48,12 @@ class NewWalk {
         ino_(ino),
         failedAt_(path) {}
 
-  const std::string &failedAt() const { return failedAt_; }  // with the name of the entry
+  const std::string &failedAt() const { return failedAt_; }  // path of the failed entry
 
   Result read() {
     Inode dir;
     if (Result r = openIfThere(handles.activeFsP, ino_, &dir); !r) return r.at(kOpen);
-    if (!dir) return {};  // an earlier pass dealt with it, or its owner removed it meanwhile
+    if (!dir) return {};  // an earlier pass handled it, or its owner removed it
     for (;;) {
       if (stopSignal() != 0) return failedErrno(kReadEntries, EINTR);
       const kest_direntx64_t *entry = nullptr;
@@ -77,8 +77,8 @@ class NewWalk {
     return result;
   }
 
-  // Every new directory is gone after the first pass, so its entries are settled at once, in whichever
-  // pass's range they lie.
+  // The first pass removes every new directory. So it handles all its entries at once, even those whose
+  // inode number belongs to a later pass.
   Result settle(const kest_direntx64_t &entry) {
     const bool in_range = inPassRange(entry.d_ino);
     const DiffItem *item = in_range ? findItem(entry.d_ino) : nullptr;
@@ -86,7 +86,7 @@ class NewWalk {
     if (!in_range) {
       FileKind kind = kKindSame;
       if (Result r = checkScanned(entry.d_ino, &kind); !r) return failedErrno(kReadEntries, r.err);
-      if (kind == kKindDeleted) return {};  // gone since the listing was taken
+      if (kind == kKindDeleted) return {};  // removed since the directory was read
       is_new = kind == kKindOther;
     }
     const bool changed = item && item->type & kDiffChanged;

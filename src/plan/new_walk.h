@@ -1,4 +1,4 @@
-// The walk over a directory that only the active fileset has. Master only.
+// Walks a directory that only the active fileset has. Master only.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,8 @@
 #include "plan/entries.h"
 #include "plan/lists.h"
 
-// Lists what must go, in the set of the top new directory `rootIno`, and takes out what the snapshot
-// has. The caller has set dirDepth. Failures are traced; their rc is an errno, -1 or a callee's.
+// Lists the removal of the directory's contents in the set of the top new directory `rootIno`, and
+// moves out the objects that the snapshot has. The caller has set dirDepth. Failures are traced; rc is
+// an errno, -1 or that of a callee.
 Result traverseNewDir(MasterLists &lists, const CommonWalker &walkCommon, uint64_t rootIno,
                       std::string &path, uint64_t ino);

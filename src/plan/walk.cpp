@@ -30,13 +30,13 @@
 
 namespace {
 
-// Of traverseCommonDir, whose two reads share a line.
+// Step codes of traverseCommonDir. Both of its reads use them.
 enum CommonStep : int {
-  kOpen = 2,  // also: whether the directory leads to a change is unknown
+  kOpen = 2,  // also if it is unknown whether the directory leads to a change
   kReadChanged = 3,
-  kLookAtTarget = 4,  // also: whether the entry's inode lives on is unknown
+  kLookAtTarget = 4,  // also if it is unknown whether the entry's inode still exists
   kWalkDeleted = 5,
-  kAddItem = 6,  // also: whether the entry's inode is the snapshot's or must be remade is unknown
+  kAddItem = 6,  // also: whether the entry's inode must be made again is unknown
   kReadLeading = 7,
   kMoveAside = 8,
   kListDirectory = 9,
@@ -46,7 +46,7 @@ enum CommonStep : int {
   kListNewDirectory = 13,
   kSnapshotPathTooLong = 21,
   kListMissingLink = 22,
-  kFetch = 41,  // of a moved object, or of a directory made in its temporary location
+  kFetch = 41,  // of a moved object, or of a directory that is made in its temporary location
   kListCreation = 42,
   kListDeletedFile = 51,
   kJunctionPathTooLong = 52,
@@ -70,28 +70,28 @@ long long number(uint64_t ino) {
   return static_cast<long long>(ino);
 }
 
-// One common directory while it is walked: shared by its two reads.
+// The state of one common directory during its walk, shared by both reads.
 struct CommonDir {
-  std::string path;  // names are appended for the time that an entry is handled
+  std::string path;  // the name of the current entry is appended while that is handled
   uint64_t ino = 0;
-  Inode active;  // open
-  // Non-directories of this pass's range under names that only the active directory has.
+  Inode active;  // the open active directory
+  // Names of non-directories in this pass's range that only the active directory has.
   std::unordered_set<std::string> newNames;
-  bool listed = false;  // for its own attributes, because of an entry that is remade
+  bool listed = false;  // listed for its own attributes, because an entry is made again
 };
 
-// The walk over the directories that snapshot and active fileset share. rc of a failure is an errno, -1
-// or that of the step.
+// The walk over the directories that the snapshot and the active fileset have in common. rc of a
+// failure is an errno, -1 or that of the step.
 class CommonWalk {
  public:
   explicit CommonWalk(MasterLists &lists) : lists_(lists) {}
 
-  // Walks the directory `ino` at `path` (active path or temporary location) for the current pass and
-  // everything below it that leads to a change, writing lists and moving renamed directories aside.
+  // Walks the directory `ino` at `path` (active path or temporary location) and everything below it
+  // that leads to a change, for the current pass. Writes lists and moves renamed directories aside.
   // Failures are traced.
   Result traverseCommonDir(const std::string &path, uint64_t ino);
 
-  // Walks every directory that waits in a temporary location. After the root.
+  // Walks every directory that waits in a temporary location. Call it after the walk from the root.
   Result walkMovedDirs();
 
  private:
@@ -99,7 +99,7 @@ class CommonWalk {
   Result readBoth(CommonDir &dir);
   void tracePassedOver();
 
-  // First read: entries in which snapshot and active directory differ.
+  // First read: the entries that only one of both directories has.
   Result readChangedEntries(CommonDir &dir);
   Result onlyInSnapshot(CommonDir &dir, const kest_direntx64_t &entry, bool in_range);
   Result snapshotEntry(CommonDir &dir, const kest_direntx64_t &entry, bool in_range);
@@ -107,8 +107,8 @@ class CommonWalk {
   Result chooseTarget(uint64_t ino, std::string *target);
   Result onlyInActive(CommonDir &dir, const kest_direntx64_t &entry, bool in_range);
 
-  // Second read: the entries of the active directory that differ or lead to a change, by the flags of
-  // their difference items.
+  // Second read: the entries of the active directory that differ or lead to a change. The flags of
+  // their items decide what happens.
   Result readLeadingEntries(CommonDir &dir);
   Result leadingEntry(CommonDir &dir, const kest_direntx64_t &entry);
   Result remakeFile(CommonDir &dir, uint64_t ino);
@@ -122,7 +122,7 @@ class CommonWalk {
   const CommonWalker walkCommon_ = [this](const std::string &path, uint64_t ino) {
     return traverseCommonDir(path, ino);
   };
-  long long directories_ = 0, entries_ = 0;  // looked at
+  long long directories_ = 0, entries_ = 0;  // visited so far
 };
 
 void CommonWalk::tracePassedOver() {
@@ -161,7 +161,8 @@ Result CommonWalk::readBoth(CommonDir &dir) {
 }
 
 Result CommonWalk::walkMovedDirs() {
-  // The walk can list further directories: by number of those that were there when it began.
+  // The walk can append directories to this list, so fix the count before it begins and index the
+  // vector.
   const size_t count = lists_.dirMoves().size();
   for (size_t i = 0; i < count; ++i)
     if (Result r = walkMovedDir(lists_.dirMoves()[i]); !r) return r;
@@ -193,6 +194,7 @@ Result CommonWalk::readChangedEntries(CommonDir &dir) {
     const kest_direntx64_t *entry = nullptr;
     if (kest_ireaddirx64(dir.active.get(), handles.iscanP, &entry) != 0)
       return failedErrno(kReadChanged);
+    // The names are known, but a non-directory belongs to the pass of its inode number.
     if (!entry) return {};
     if (++count % kEntriesOfMessage == 0)
       userMessage(Message::kEntriesProcessed, formatTimeStamp(), count);
@@ -252,8 +254,9 @@ Result CommonWalk::deletedDirectory(CommonDir &dir, uint64_t ino) {
   return {};
 }
 
-// Where the directory is made again. While more passes follow it waits in its temporary location:
-// nothing that a pass made may be in the tree before the last one is over.
+// Chooses the path at which the directory is made again. While more passes follow, that is its
+// temporary location: nothing that a pass makes may appear in the tree before the last pass, whose
+// walks would take it for a new object.
 Result CommonWalk::chooseTarget(uint64_t ino, std::string *target) {
   const std::string own_path = *target;
   struct stat st;
@@ -293,7 +296,7 @@ Result CommonWalk::onlyInActive(CommonDir &dir, const kest_direntx64_t &entry, b
     traceLog("traverseCommonDir: checkFile failed, %lld\n", number(ino));
     return failed(kAddItem, r.err);
   }
-  if (kind == kKindDeleted) return {};  // gone since the listing was taken
+  if (kind == kKindDeleted) return {};  // removed since the directory was read
   return addItem(ino, kind == kKindSame ? kDiffMoved : kDiffNew).at(kAddItem);
 }
 
@@ -324,7 +327,7 @@ Result CommonWalk::leadingEntry(CommonDir &dir, const kest_direntx64_t &entry) {
   }
   if (isJunction(dir.path, entry)) return settleNested(dir.path, ino).at(kUnlinkJunction);
   if (isDirEntry(entry)) return directory(dir, ino);
-  // Without an item the object is unchanged or belongs to another pass, however many names it has.
+  // Without an item the object is unchanged or belongs to another pass, however many links it has.
   DiffItem *item = inPassRange(ino) ? findItem(ino) : nullptr;
   if (!item) return {};
   if (item->type & kDiffNew && dir.newNames.count(entry.d_name) == 0) {
@@ -335,7 +338,7 @@ Result CommonWalk::leadingEntry(CommonDir &dir, const kest_direntx64_t &entry) {
   return isHardLinked(ino) ? hardLinked(dir, entry, *item) : singleName(dir, ino, *item);
 }
 
-// The snapshot's own name of a file that has to be made again.
+// Handles the snapshot's own name of a file that has to be made again.
 Result CommonWalk::remakeFile(CommonDir &dir, uint64_t ino) {
   if (Result r = lists_.ListRecord(dir.path, ino, kOpDeleteFile); !r) return r.at(kListDeletion);
   bool listed = true;
@@ -346,7 +349,8 @@ Result CommonWalk::remakeFile(CommonDir &dir, uint64_t ino) {
     if (Result r = lists_.ListRecord(dir.path, ino, kOpRestoreDelFile); !r)
       return r.at(kListDeletedFile);
   }
-  // Removing and making the entry changes the times of a directory that may itself be unchanged.
+  // Removing and making the entry changes the times of a directory that may itself be unchanged, so
+  // list it once.
   if (dir.listed || dir.ino == handles.rootIno) return {};
   dir.listed = true;
   std::string own_path = dir.path;
@@ -355,7 +359,7 @@ Result CommonWalk::remakeFile(CommonDir &dir, uint64_t ino) {
 }
 
 Result CommonWalk::directory(CommonDir &dir, uint64_t ino) {
-  // Directories are looked up whatever their number: the first read adds items for those out of range.
+  // Look up every directory, even outside the range: the first read adds items for those.
   const DiffItem *item = findItem(ino);
   const uint8_t flags = item ? item->type : 0;
   if (flags & kDiffNew) return newDirectory(dir, ino);
@@ -376,8 +380,8 @@ Result CommonWalk::directory(CommonDir &dir, uint64_t ino) {
 }
 
 Result CommonWalk::newDirectory(CommonDir &dir, uint64_t ino) {
-  // The lists of a new top directory are filed by the depth below it, whatever the depth of this walk
-  // itself.
+  // The lists of a new top directory are numbered by the depth below it, whatever the depth of this
+  // walk.
   const int32_t depth = lists_.dirDepth;
   if (depth == 0) ++aggregates.main.iAgg;
   lists_.dirDepth = 1;
@@ -414,8 +418,9 @@ Result CommonWalk::movedDirectory(CommonDir &dir, uint64_t ino, bool changed) {
   return result;
 }
 
-// Names of a hard-linked inode are judged one by one: a wrong one goes and comes back from link.ino,
-// one that is the snapshot's own stays, and the inode's changes are restored through one of those.
+// Each name of a hard-linked inode is judged alone. A name that the snapshot does not have is deleted,
+// and link.ino corrects the inode's names later. A name that the snapshot has stays, and the inode's
+// changes are listed once, under the first such name.
 Result CommonWalk::hardLinked(CommonDir &dir, const kest_direntx64_t &entry, DiffItem &item) {
   const uint64_t ino = entry.d_ino;
   if (item.type & kDiffNew || dir.newNames.count(entry.d_name) != 0) {

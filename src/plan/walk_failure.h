@@ -1,16 +1,17 @@
-// The object at which a walk failed. Master only.
+// Remembers the object at which a walk failed, for the message. Master only.
 #pragma once
 
 #include <string>
 
 #include "base/result.h"
 
-// A failure passes on its way: the first path that is given belongs to it. Returns `result`.
+// Notes the path of a failure and returns `result`. A failure passes through here once on every level
+// of the walk; the first call names the object itself.
 Result failedAt(const std::string &path, const Result &result);
 
-// A message has told the failure already.
+// Notes that a message has reported the failure already.
 void walkFailureTold();
 
-// Tells it, with the path at which the object stood before the walk, unless that has been done. `root`
-// stands for a failure that no path belongs to.
+// Prints the failure with the path that the object had before the walk, unless it has been reported.
+// `root` is used for a failure without a path.
 void tellWalkFailure(const std::string &root, const Result &result);

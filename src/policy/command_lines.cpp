@@ -11,29 +11,29 @@
 namespace {
 
 constexpr char kEngine[] = "/usr/qtx/kest/bin/ktapplypolicy";
-constexpr size_t kEngineOptionsMax = 320;  // bytes of these, terminators included
+constexpr size_t kEngineOptionsMax = 320;  // most bytes of these options, including terminators
 constexpr size_t kWorkerOptionsMax = 2048;
-constexpr size_t kNestedPrefixMax = 1600;  // of what precedes the engine's options for one directory
+constexpr size_t kNestedPrefixMax = 1600;  // most bytes before the engine's options for one directory
 
-// What every phase hands to the engine.
+// The options that the engine gets in every phase.
 std::string engineOptions() {
   return "-m " + std::to_string(settings.threads) + " -B " + std::to_string(settings.maxFiles) +
          " -N " + shellWord(settings.nodeSpec);
 }
 
-// The words of the workers that name the trees and the work directory.
+// The options that name the trees and the work directory to a worker.
 std::string treeWords(const char *before_work_dir) {
   return "-d " + shellWord(settings.deviceP) + " -j " + shellWord(settings.filesetP) + " -o " +
          shellWord(settings.snapOldP) + before_work_dir + "-t " + shellWord(settings.shareDir);
 }
 
-// The switches of this process that its workers get as well.
+// The switches of this process that its workers inherit.
 std::string switches() {
   return std::string(settings.noXAttr ? "-x" : "") + " " + (settings.Debug ? "" : "-q") + " " +
          (settings.Verb ? "-v" : "") + " " + (settings.encryptEA ? "-E" : "");
 }
 
-// What the workers of every phase get.
+// The options that the workers of every phase get.
 std::string commonWorkerOptions() {
   return treeWords(" ") + " -B " + std::to_string(settings.maxFiles) + " " + switches();
 }
@@ -49,7 +49,7 @@ std::string phaseCommand(Phase phase, const std::string &list_name) {
          engineOptions() + " " + outputWords();
 }
 
-// Phase 6 sets the attributes of directories alone: the lists below them ran when they were made.
+// -D in phase 6: it only sets attributes, and the lists below the directories ran when those were made.
 std::string phaseWorkerOptions(Phase phase) {
   return commonWorkerOptions() + " -p " + std::to_string(phase) + " -s " +
          std::to_string(settings.pass) + (phase == kPhaseDirs ? " -D" : "");
@@ -62,9 +62,9 @@ Result checkCommandLines() {
   traceLog("Main: pcOpt %s\n", options.c_str());
   traceLog("Main: commExeOpt  %s\n", commonWorkerOptions().c_str());
   if (Result r = checkCommand(options, kEngineOptionsMax); !r) return r;
-  // The longest name of a list.
+  // This list has the longest name of all.
   if (Result r = checkCommand(phaseCommand(kPhasePending, kRegPendingMvList)); !r) return r;
-  // The pass number and the process id are added later.
+  // Leave room for the pass number and the process ID, which are not known yet.
   const std::string room(32, ' ');
   return checkCommand(phaseWorkerOptions(kPhaseDirs) + room, kWorkerOptionsMax);
 }
@@ -88,7 +88,7 @@ Result nestedRun(const std::string &set, const std::string &list, EngineRun *run
           list, policy, set};
   if (prefix.size() < kNestedPrefixMax && run->options.size() < kWorkerOptionsMax)
     return checkCommand(run->command, kNestedCommandMax);
-  // Whichever of them is too long: the command shows what it is about.
+  // Any of the three can be too long; the command line shows which directory it is about.
   userMessage(Message::kCommandTooLong, static_cast<int>(kNestedCommandMax), run->command);
   return errnoResult(E2BIG);
 }

@@ -1,5 +1,5 @@
-// The command lines of the policy engine and, through its policy file, of the workers: the only place
-// that builds them, with the bounds that they must keep.
+// Builds the command lines of the policy engine and, for its policy file, of the workers, and checks
+// their length. No other module builds them.
 #pragma once
 
 #include <string>
@@ -8,20 +8,21 @@
 #include "run/settings.h"
 
 struct EngineRun {
-  std::string command;    // of the engine: one program with its arguments and redirections
-  std::string options;    // of its workers, for the policy file
+  std::string command;    // the engine's command line with redirections; begins with the program
+  std::string options;    // options of the workers, for the policy file
   std::string list;       // path of the list
   std::string policy;     // path of the policy file
-  std::string directory;  // path of the directory of policy and batch files
+  std::string directory;  // path of the directory for policy and batch files
 };
 
-// Checks, before anything is listed, that the command lines of every phase will fit, and traces their
-// common parts. E2BIG after a message. Master only.
+// Checks before the first list is written that the command lines of all phases will fit, and traces
+// their common parts. E2BIG after a message. Master only.
 Result checkCommandLines();
 
-// One phase over the list `list_name` of the work directory. E2BIG after a message. Master only.
+// Builds the run of one phase over the list `list_name` of the work directory. E2BIG after a message.
+// Master only.
 Result phaseRun(Phase phase, const std::string &list_name, EngineRun *run);
 
-// One list of a per-directory set, whose path `set` is: phase 3 without nested runs. E2BIG after a
-// message. Workers.
+// Builds the run of one list in the set of a top directory, whose path is `set`: phase 3 without
+// further nested runs. E2BIG after a message. Workers.
 Result nestedRun(const std::string &set, const std::string &list, EngineRun *run);

@@ -20,7 +20,7 @@
 
 namespace {
 
-// What a checkpoint says of a record. Two records of a list can look alike in it.
+// What a checkpoint says about a record. Two records of a list can have equal keys.
 struct RecordKey {
   uint64_t ino = 0;
   int64_t offset = 0;
@@ -30,7 +30,7 @@ struct RecordKey {
   auto operator<=>(const RecordKey &) const = default;
 };
 
-// False when the op string names no operation.
+// Returns false if the op string names no operation.
 bool makeRecordKey(uint64_t ino, std::string_view opString, RecordKey *key) {
   Operation op;
   if (!parseOpString(opString, &op)) return false;
@@ -45,23 +45,25 @@ bool makeRecordKey(uint64_t ino, std::string_view opString, RecordKey *key) {
   return true;
 }
 
-// The records that checkpoints show as done. A list has no limit, hence 32 bytes a record and one
-// vector. First every add, then sort, then every count, then isDone.
+// The records that checkpoints show as done. A list can be of any length, so a record takes only 32
+// bytes in one vector. Call order: all add, then sort, then all count, then isDone.
 class DoneRecords {
  public:
-  // Room for `records` of them; the kernel provides the memory only as they come.
+  // Reserves address space for `records` entries; the kernel provides the memory only as they are
+  // added.
   void reserve(size_t records) { entries_.reserve(records); }
   void add(const RecordKey &key) { entries_.push_back({{key}, 0}); }
   void sort();
-  // A record of the list.
+  // Counts a record of the list.
   void count(const RecordKey &key);
-  // True when it was performed, which is only known where no other record of the list looks like it.
+  // Returns true if the record was performed. That is known only if no other record of the list has its
+  // key.
   bool isDone(const RecordKey &key) const;
   void trace() const;
 
  private:
   struct Entry : RecordKey {
-    uint8_t in_list = 0;  // records of the list, 2 for more
+    uint8_t in_list = 0;  // records of the list with this key; 2 means several
   };
   static_assert(sizeof(Entry) == 32);
 
@@ -98,7 +100,7 @@ enum UpdateStep : int {
   kWriteRest = 2,  // opening and closing the new list
   kReadCheckpoint = 4,
   kBadCheckpoint = 5,
-  kTakeOver = 6,  // reading a record, or writing it into the new list
+  kTakeOver = 6,  // reading a record, or writing it to the new list
   kKeepOriginal = 7,
   kRemoveList = 8,
   kReplaceList = 9,
@@ -195,7 +197,7 @@ Result Update::addCheckpoint(std::string_view line, int count, const std::string
   return {};
 }
 
-// The next record of the list with its key; *end is set where none is left.
+// Reads the next record of the list and its key. Sets *end after the last one.
 Result Update::nextRecord(ListRecord *record, RecordKey *key, bool *end) {
   const Result read = reader_.next(record, end);
   if (read && (*end || makeRecordKey(record->ino, record->opString, key))) return {};
@@ -206,8 +208,8 @@ Result Update::nextRecord(ListRecord *record, RecordKey *key, bool *end) {
   return failed(kTakeOver, read ? EINVAL : read.err);
 }
 
-// Two records may look alike to a checkpoint (two names of one inode): it does not say then which of
-// them is done, and both are performed again.
+// Two records can have equal keys, for example two names of one inode. A checkpoint then does not tell
+// which of them is done, so both are performed again. Every operation is idempotent, so that is safe.
 Result Update::countAlike() {
   ListRecord record;
   RecordKey key;
@@ -230,6 +232,7 @@ Result Update::writePending(WorkFile &rest) {
   }
 }
 
+// The first update keeps the original list under another name; later ones replace the shortened list.
 Result Update::exchange() {
   const std::string original = originalList(list_);
   struct stat st;

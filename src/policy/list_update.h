@@ -1,4 +1,4 @@
-// After a failed run: the list without the records that checkpoints show as done.
+// Removes from a list the records that checkpoints show as done, after an engine run that failed.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,10 @@
 
 #include "base/result.h"
 
-// Paths of the checkpoint files of one caller's runs. rc of a failure is the errno, after a trace line
-// when the directory cannot be opened.
+// Finds the checkpoint files of the runs that process `pid` started. rc of a failure is the errno,
+// after a trace line if the directory cannot be opened.
 Result findCheckpointFiles(int32_t pid, std::vector<std::string> *paths);
 
-// `pid`: the process that started the run. After a failure, which has been traced, the list is as it
-// was, unless the exchange itself failed.
+// Rewrites the list without the records that are done. `pid` is the process that started the run. A
+// failure is traced and leaves the list as it was, unless the replacement of the list itself failed.
 Result updateOpList(const std::string &opListPath, int32_t pid);

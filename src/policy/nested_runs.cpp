@@ -23,11 +23,11 @@ constexpr int kSmallBatch = 100;           // records
 constexpr off_t kSmallList = 1024 * 1024;  // bytes
 
 enum NestedStep : int {
-  kRunList = 1,  // also: reading the directory of the set
+  kRunList = 1,  // also reading the directory of the set
   kRunMoveList = 2,
 };
 
-// The depths that have a list or a move list, from the names in the set's directory.
+// Finds the depths that have a list or a move list, from the names in the set's directory.
 Result listedDepths(const std::string &set, std::vector<int> *depths) {
   Dir dir;
   if (Result r = openWorkList(set, &dir); !r) return r;
@@ -41,8 +41,8 @@ Result listedDepths(const std::string &set, std::vector<int> *depths) {
   return {};
 }
 
-// True when the records of the list make one batch without much data. False for a damaged list: the
-// engine checks it as a whole, and refuses it, before anything is performed.
+// Returns true if the list is one small batch with little data. Returns false for a damaged list: the
+// engine checks a list as a whole and refuses it before it performs anything.
 bool isSmall(const std::string &path, off_t size) {
   if (size > kSmallList) return false;
   ListReader list;
@@ -69,8 +69,8 @@ Result runEngine(const std::string &set, const std::string &list) {
   return executePolicy(run);
 }
 
-// Runs one list, if it exists, and removes it afterwards: its records must not be performed in a later
-// pass.
+// Runs one list, if it exists. Then removes it, so that a later pass does not perform its records
+// again.
 Result runList(const std::string &set, const std::string &list, const ListRunner &here) {
   struct stat st;
   if (Result r = statWorkFile(list, &st); !r) return r.err == ENOENT ? Result{} : r;
@@ -83,7 +83,7 @@ Result runList(const std::string &set, const std::string &list, const ListRunner
 Result runSet(const std::string &set, uint64_t ino, bool isDelDir, const ListRunner &here) {
   std::vector<int> depths;
   if (Result r = listedDepths(set, &depths); !r) return r.at(kRunList);
-  // Deleted: parents before their contents. New: contents before the directory that holds them.
+  // Make parents before their contents, but remove contents before the directory that holds them.
   if (!isDelDir) std::reverse(depths.begin(), depths.end());
   for (const int depth : depths) {
     if (Result r = runList(set, dirSetList(ino, isDelDir, depth), here); !r) return r.at(kRunList);
@@ -109,7 +109,7 @@ Result restoreDelNewDir(uint64_t ino, bool isDelDir, const ListRunner &here) {
              result.rc, result.code, result.err);
     return result;
   }
-  // Only the set's own runs have written one: it may be missing.
+  // The policy exists only if a list of the set went through the engine.
   (void)unlinkWorkFile(set + "/" + kPolicy);
   return {};
 }

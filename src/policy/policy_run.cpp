@@ -34,7 +34,7 @@ enum RunStep : int {
   kRemoveCheckpoint = 32,
 };
 
-// Removes the checkpoint files of this process.
+// Removes the checkpoint files of runs that this process started.
 Result removeCheckpoints() {
   const int32_t pid = getpid();
   if (settings.Verb) traceLog("executePolicy: filePrefix %s\n", checkpointPrefix(pid).c_str());
@@ -47,8 +47,8 @@ Result removeCheckpoints() {
   return {};
 }
 
-// The engine takes policy, list and batch files from this directory alone: another one that takes its
-// path is refused.
+// Exports the identity of the directory, so that the engine takes policy, list and batch files only
+// from it and refuses another directory that has taken its path.
 Result exportEngineDirectory(const std::string &path) {
   struct stat st;
   if (path == settings.shareDir) {
@@ -60,7 +60,7 @@ Result exportEngineDirectory(const std::string &path) {
   return called(setenv("KT_DIRECTORY", directoryIdentity(st).c_str(), 1));
 }
 
-// Names this program as the engine's list script.
+// Writes the policy file, which names this program as the engine's list script.
 Result writePolicy(const std::string &path, const std::string &options) {
   std::unique_ptr<WorkFile> file;
   if (Result r = WorkFile::open(path, WorkFile::Mode::kTruncate, &file); !r) {
@@ -88,9 +88,11 @@ Result runWithRetries(const EngineRun &run) {
       fprintf(stderr, "fork: %s\n", strerror(started.err));
       return failedErrno(kRunEngine, started.err);
     }
-    // On a full file system no marker can be written: the exit status is the only sign of the failure.
+    // On a full file system a worker cannot write the marker, so its exit status is the only sign of
+    // the failure.
     if (getFatalError() != 0 || status == ENOSPC || retries == kMaxRetries)
       return {status, kRunEngine, 0};
+    // If the update fails, the retry performs the whole list again, which is slower but harmless.
     if (!updateOpList(run.list, getpid())) traceLog("executePolicy: cannot update opList\n");
     ++retries;
     userMessage(Message::kEngineRetry, retries);

@@ -21,14 +21,14 @@
 
 namespace {
 
-// In the messages of the removal.
+// Step codes in the messages about the removal.
 enum CleanUpStep : int {
-  kReadDirectory = 0,  // also: the work directory itself could not be removed
-  kForeignObject = 1,  // it belongs to the fileset, or to another one
+  kReadDirectory = 0,  // also if the work directory itself could not be removed
+  kForeignObject = 1,  // the object belongs to the fileset or to another one
   kRemoveEntry = 2,
 };
 
-constexpr size_t kNamedAside = 20;  // objects left in the work directory that messages name one by one
+constexpr size_t kNamedAside = 20;  // messages name at most so many objects left behind
 
 Result failStep(const std::string &path, uint64_t ino, const Result &result) {
   userMessage(Message::kCleanUpStep, path, ino, result.rc, result.code, result.err);
@@ -41,20 +41,21 @@ Result openDirectory(int at, const char *name, Dir *dir) {
   if (!fd) return failedErrno(0);
   dir->reset(fdopendir(fd.get()));
   if (!*dir) return failedErrno(0);
-  (void)fd.release();  // the list closes it
+  (void)fd.release();  // the directory stream closes it
   return {};
 }
 
-// Whether the directory is a bucket of objects moved aside, or lies in one.
+// Returns true if the directory is a bucket of objects moved aside, or lies in one.
 bool liesInBucket(const std::string &dir_path) {
   if (!inWorkDir(dir_path)) return false;
   const std::string_view name = nameInWorkDir(dir_path);
   return isBucketName(name.substr(0, name.find('/')));
 }
 
-// A directory that was moved back leaves a link to its place at its temporary location. Every other
-// object whose name begins as those of temporary locations do, even without a number, belongs to the
-// fileset; so does a link that was itself moved aside: it still is inode <ino>.
+// Returns true if the entry belongs to the fileset, so that it must never be deleted here. That is
+// every object in a bucket whose name begins like that of a temporary location, with or without a
+// number, except the link that a directory left when it went home. A user's link that was moved aside
+// is recognised by its inode number.
 bool isMovedObject(const std::string &dir_path, std::string_view name, const struct stat &st) {
   if (!name.starts_with('_') || !liesInBucket(dir_path)) return false;
   return !S_ISLNK(st.st_mode) || parseAsideName(name) == st.st_ino;
@@ -62,7 +63,7 @@ bool isMovedObject(const std::string &dir_path, std::string_view name, const str
 
 Result removeBelow(const Dir &dir, std::string &path, dev_t device);
 
-// `path` is that of the entry, or of its directory where the entry's would be too long.
+// `path` is that of the entry, or of its directory if the entry's path would be too long.
 Result removeEntry(int dir_fd, const char *name, const struct stat &st, std::string &path,
                    dev_t device) {
   Result removed;
@@ -74,11 +75,11 @@ Result removeEntry(int dir_fd, const char *name, const struct stat &st, std::str
   }
   if (removed) removed = called(unlinkat(dir_fd, name, S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0));
   if (removed) return {};
-  // The errno of an object that was kept has been printed with it.
+  // The errno of an object that was kept has been printed with the object.
   return failStep(path, st.st_ino, {removed.rc, kRemoveEntry, removed.rc > 0 ? removed.rc : 0});
 }
 
-// Removes what is below `path`.
+// Removes everything below `path`.
 Result removeBelow(const Dir &dir, std::string &path, dev_t device) {
   const int fd = dirfd(dir.get());
   for (;;) {
@@ -92,7 +93,7 @@ Result removeBelow(const Dir &dir, std::string &path, dev_t device) {
       if (r.err == ENOENT) continue;
       return failStep(path, entry->d_ino, r.at(kRemoveEntry));
     }
-    // Neither an object of the fileset nor another fileset goes with the work directory.
+    // The removal must not delete objects of the fileset, nor cross into another fileset.
     if (isMovedObject(dir_path, entry->d_name, st) || st.st_dev != device)
       return failStep(path, st.st_ino, failed(kForeignObject, EEXIST));
     if (Result r = removeEntry(fd, entry->d_name, st, path, device); !r) return r;
@@ -101,11 +102,11 @@ Result removeBelow(const Dir &dir, std::string &path, dev_t device) {
 
 struct Aside {
   std::string path;
-  uint64_t ino = 0;    // or the number of a nested fileset
-  Result result = {};  // why it could not be put back
+  uint64_t ino = 0;    // or the id of a nested fileset
+  Result result = {};  // why it could not be moved back
 };
 
-// The objects of the fileset in one bucket.
+// Finds the objects of the fileset in one bucket.
 Result findInBucket(int work_dir_fd, const char *name, const std::string &bucket_path,
                     std::vector<Aside> *found) {
   Dir bucket;
@@ -121,7 +122,7 @@ Result findInBucket(int work_dir_fd, const char *name, const std::string &bucket
   }
 }
 
-// Every object of the fileset in the buckets.
+// Finds the objects of the fileset in all buckets.
 Result findAside(const std::string &work_dir, std::vector<Aside> *found) {
   Dir top;
   if (Result r = openWorkList(work_dir, &top); !r) return r;
@@ -144,7 +145,8 @@ Result recordedPlace(const Aside &aside, std::string *destination) {
 }
 
 Result putBack(const Aside &aside) {
-  // The deletion of a clone was decided before it was moved aside: it goes, and its space with it.
+  // The deletion of a clone was decided before it was moved aside, so delete it, which also frees its
+  // space.
   if (aside.path == cloneDeleteLocation(aside.ino)) {
     const Result removed = unlinkName(aside.path, 0);
     traceLog("cleanup: removed %s, err %d\n", aside.path.c_str(), removed.err);
@@ -167,8 +169,8 @@ void nameKept(const std::vector<Aside> &aside, const std::string &work_dir) {
   userMessage(Message::kWorkDirKept, work_dir, static_cast<int64_t>(aside.size()));
 }
 
-// Puts back what was moved aside: one object may be the parent of another's place, so as long as
-// something moves. ENOTEMPTY when something had to stay.
+// Moves back the objects that were moved aside. One object can be the parent of another's place, so
+// repeat while at least one moves. ENOTEMPTY if some cannot be moved.
 Result putAllBack(const std::string &work_dir) {
   for (;;) {
     std::vector<Aside> aside;

@@ -18,9 +18,9 @@ void unlockFileset();
 // warning. rc of a failure is an errno, after a message.
 Result selfCheck();
 
-// No swap space may have to be touched, and no access control list be set that the mount does not allow.
-// Computes the difference of `scan`, and notes there which programs run and are made anew; tells of them
-// where `tell` is set. rc of a failure is an errno, after a message.
+// No swap space may have to be touched, and no access control list be set that the mount does not
+// allow. Computes the difference of `scan`, and notes there which programs run and are made anew; tells
+// of them where `tell` is set. rc of a failure is an errno, after a message.
 Result obstacleCheck(kest_iscan_t *scan, bool tell);
 
 // Nothing may be mounted on what the restore would have to touch. Computes the difference of `scan`. rc

@@ -20,8 +20,8 @@ enum ParentStep : int {
   kFindSnapshot = 1,
   kOpenSnapshot = 2,
   kSnapshotRoot = 4,
-  kLookUpPaths = 5,  // the root path of the active fileset included
-  kOpenParent = 6,   // or there is none
+  kLookUpPaths = 5,  // also of the active fileset's root
+  kOpenParent = 6,   // also if there is no parent
 };
 
 struct SearchTree {
@@ -75,8 +75,8 @@ Result lookUp(uint64_t ino, uint32_t snapId, const SearchTree &tree, std::string
   return {};
 }
 
-// The number that the parent has now: its new one where a run has made it again, else its own, if that
-// still is the snapshot's file. ENOENT where it is another file by now.
+// Finds the present number of the parent: the new one if a run has made it again, else its own if that
+// is still the snapshot's file. ENOENT if it is another file now.
 Result currentNumber(uint64_t parent, uint64_t *now) {
   if (Result r = readNewParent(parent, now); !r || *now != 0) return r;
   *now = parent;

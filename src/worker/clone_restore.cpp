@@ -34,7 +34,7 @@ constexpr int64_t kChunk = 64 * kBlock;
 
 constexpr int kModificationTime = 2;  // flag of kest_iset_times
 
-// ---- restoreCloneDelta: the data in which a clone differs from its parent
+// ---- restoreCloneDelta: the data by which a clone differs from its parent
 
 enum DeltaStep : int {
   kOpenClone = 3,
@@ -43,9 +43,9 @@ enum DeltaStep : int {
   kShareOrCopy = 6,
 };
 
-constexpr int kNoScan = 191;  // no errno value of the system: it is known from trace logs
+constexpr int kNoScan = 191;  // not an errno of the system, but known from trace logs
 
-// Reads all of [offset, offset + length), or to the end of the file; *done receives the bytes read.
+// Reads [offset, offset + length), or up to the end of the file. *done receives the number of bytes.
 Result readRange(kest_ifile_t *file, std::vector<char> &buffer, int64_t offset, int64_t length,
                  int64_t *done) {
   for (*done = 0; *done < length;) {
@@ -84,7 +84,7 @@ Result copyDifferingBlocks(kest_ifile_t *from, kest_ifile_t *to, int64_t offset,
   return {};
 }
 
-// Every range of the snapshot's clone from `offset` on, its holes as holes.
+// Copies the snapshot's clone from `offset` on; its holes become holes.
 Result copyDifferences(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t size) {
   if (handles.iscanFromP == nullptr) return failedErrno(kShareOrCopy, kNoScan);
   while (offset < size) {
@@ -120,10 +120,10 @@ Result fillClone(const std::string &path, kest_ifile_t *snap, uint64_t ino) {
   return filled ? Result{} : failed(kShareOrCopy, filled.err);
 }
 
-// Gives the fresh clone `ino` at `path` the size and data of the snapshot's clone, which `snap` has
-// open. Blocks are shared with that one: those that it shared with its parent the fresh clone then
-// shares with the present parent, which holds the same blocks. Where sharing is refused, only blocks
-// that differ are written.
+// Gives the new clone `ino` at `path` the size and data of the snapshot's clone, which is open as
+// `snap`. Shares all blocks with that file. Blocks that it shares with its parent are then also shared
+// with the present parent, which holds the same blocks. If the file system refuses to share, writes
+// only the blocks that differ.
 Result restoreCloneDelta(const std::string &path, kest_ifile_t *snap, uint64_t ino) {
   const Result result = fillClone(path, snap, ino);
   if (!result) {
@@ -137,7 +137,7 @@ Result restoreCloneDelta(const std::string &path, kest_ifile_t *snap, uint64_t i
 // ---- cloneFile
 
 enum CloneStep : int {
-  kNoClone = 0,  // the snapshot's file is none, and nothing exists at the path
+  kNoClone = 0,  // the snapshot's file is no clone, and nothing exists at the path
   kFindParent = 3,
   kMakeClone = 4,  // or another object has taken the name
   kFill = 5,
@@ -174,12 +174,12 @@ class CloneRestore {
   Inode snap_;
   CloneAttr attr_;
   CloneSnapAttr attrSnap_;
-  kest_iattr64_t stat_{};  // of the snapshot's inode
+  kest_iattr64_t stat_{};  // attributes of the snapshot's inode
   struct stat st_ {};
   bool existed_ = false;
 };
 
-// Performs `call`, clearing flags that forbid it; waits while another process works on the file.
+// Runs `call` and clears flags that forbid it. Waits while another process works on the file (EBUSY).
 Result CloneRestore::waitFor(const char *name, const std::function<Result()> &call) {
   for (int waits = 0;; ++waits) {
     const Result result = retryClearing(path_, "", call);
@@ -202,7 +202,7 @@ Result CloneRestore::restoreXAttrs() {
   return restoreXAttr(place_.ino, snap_.get(), path_).at(kXAttrs);
 }
 
-// The object at the path must be the clone that a lost worker had begun, or has finished.
+// Checks that the object at the path is the clone that a worker had begun, or finished, before it died.
 Result CloneRestore::lookAtLeftover(bool *unfinished) {
   Inode active;
   CloneAttr attr;
@@ -233,7 +233,7 @@ Result CloneRestore::makeFromParent() {
   }
   bool exists = false;
   Result result = lookAt(&exists);
-  // An object that took the name meanwhile must be a clone that another worker makes.
+  // If another object took the name meanwhile, it must be a clone that another worker makes.
   bool unfinished = true;
   if (result && exists && !made) result = lookAtLeftover(&unfinished);
   if (result && exists) return restoreXAttrs();
@@ -264,12 +264,14 @@ Result CloneRestore::becomeParent() {
     Inode active;
     if (Result r = openInode(handles.activeFsP, st_.st_ino, &active); !r)
       return failed(kBecomeParent, r.err);
+    // Set the wrong time before the file becomes a parent: if the run dies before the surviving clones
+    // know the new number, the next run must find a difference (see unsettledTime).
     const kest_timestruc64_t times[4] = {{}, unsettledTime(stat_.ia_mtime), {}, {}};
     const Result snapped = waitFor("kest_clone_snap", [&] {
       const Result held = called(kest_iset_times(active.get(), kModificationTime, times));
       return held ? called(kest_iclone_snap(active.get())) : held;
     });
-    // Another worker may have made it a parent in between; a parent is read-only.
+    // Another worker may have made it a parent meanwhile; parents are read-only.
     if (!snapped && !(snapped.err == EROFS && isParentNow())) {
       traceLog("cloneFile: cannot snap a parent file, path %s, depth %d, err %d\n", path_.c_str(),
                attr_.depth(), snapped.err);
@@ -283,8 +285,8 @@ Result CloneRestore::becomeParent() {
   return recorded.at(kRecordParent);
 }
 
-// *lives: the inode is the snapshot's file still, so nothing is to be made; its other names are linked
-// to it in phase 8.
+// Opens the snapshot's file. *lives: the inode is still the snapshot's file, so nothing has to be made;
+// phase 8 links its other names to it.
 Result CloneRestore::findSnapshotFile(bool *lives) {
   if (Result r = getSnapPath(path_, &place_); !r) {
     traceLog("cloneFile: cannot get snap path %s\n", path_.c_str());
@@ -301,7 +303,7 @@ Result CloneRestore::findSnapshotFile(bool *lives) {
   return {};
 }
 
-// The clone with its data, and with its extended attributes where it exists already.
+// Makes the clone with its data. If it exists already, restores its extended attributes, too.
 Result CloneRestore::make() {
   const bool from_data = restoredFromData(path_, attr_, attrSnap_);
   if (existed_) {

@@ -13,19 +13,19 @@
 
 namespace {
 
-constexpr int64_t kBlock = 4096;  // bytes; what can be shared
+constexpr int64_t kBlock = 4096;  // bytes; the unit of sharing
 
 enum CopyStep : int {
   kCheckLength = 1,
   kWriteHole = 2,
   kRead = 4,
   kWrite = 5,
-  kReadElsewhere = 6,  // the library moved on to another offset than the one asked for
+  kReadElsewhere = 6,  // the library skipped to another offset than the requested one
   kAllocate = 7,
   kShare = 8,
 };
 
-// A short read or write whose errno is 0 is a failure all the same: failedErrno makes it EIO.
+// failedErrno turns an errno of 0 into EIO, so a short read or write is a failure in any case.
 
 Result writeHole(kest_ifile_t *to, int64_t offset, int64_t length) {
   errno = 0;
@@ -36,7 +36,7 @@ Result writeHole(kest_ifile_t *to, int64_t offset, int64_t length) {
   return result;
 }
 
-// Copies a range of data, block by block.
+// Copies a range of data, one transfer unit at a time.
 Result copyBlocks(kest_ifile_t *from, kest_ifile_t *to, char *buffer, int64_t offset, int64_t length) {
   while (length > 0) {
     int64_t position = offset;
@@ -59,7 +59,7 @@ Result copyBlocks(kest_ifile_t *from, kest_ifile_t *to, char *buffer, int64_t of
   return {};
 }
 
-// Copies a range as it is in the snapshot's file: a hole, however long, costs one call.
+// Copies a range as it is in the snapshot's file. A hole of any length costs one call.
 Result copyRange(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t length) {
   std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(settings.fsBlockSize)]);
   if (!buffer) return failedErrno(kAllocate, ENOMEM);
@@ -69,7 +69,7 @@ Result copyRange(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t l
     errno = 0;
     const int64_t stretch = kest_ireadx(from, handles.iscanFromP, nullptr, 0, &position, end, &hole);
     if (stretch < 1) {
-      // The list asks for more than the snapshot's file holds, or it cannot be read.
+      // Either the list asks for more than the snapshot's file holds, or the file cannot be read.
       const Result result = failedErrno(kRead);
       traceLog("copyToActiveFile: readLen %ld, err %d\n", static_cast<long>(stretch), result.err);
       return result;
@@ -102,6 +102,8 @@ Result shareOrCopy(kest_ifile_t *from, kest_ifile_t *to, int64_t offset, int64_t
 Result shareRange(kest_ifile_t *from, kest_ifile_t *to, int64_t *offset, int64_t *length) {
   const int64_t size = static_cast<int64_t>(from->if_size), stop = *offset + *length;
   if (*length <= 0 || stop > size) return {};
+  // Extend the range to whole blocks, because the file system shares only those. The last block of a
+  // file may be partial.
   const int64_t start = *offset - *offset % kBlock, whole = stop - stop % kBlock;
   const int64_t end = whole == stop ? stop : whole + std::min(kBlock, size - whole);
   Result result = share(from, to, start, end);
@@ -109,7 +111,7 @@ Result shareRange(kest_ifile_t *from, kest_ifile_t *to, int64_t *offset, int64_t
     *length = 0;
     return {};
   }
-  // A block that ends in the middle can be shared only where the active file ends there as well.
+  // A partial block can be shared only if the active file ends in it, too.
   if (result.err == EINVAL && end % kBlock != 0 && whole > start) {
     result = share(from, to, start, whole);
     if (result) {

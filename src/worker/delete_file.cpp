@@ -23,9 +23,9 @@ enum DeleteStep : int {
   kMoveClone = 2,
 };
 
-// A clone is only moved aside; the clone delete list says when it goes. It is listed first: a worker
-// that is lost in between leaves no clone aside that no list names. *taken: another name of the clone
-// waits there already.
+// Moves a clone aside; the clone delete list deletes it later. Lists it before the move, so that a
+// worker which dies in between leaves no unlisted clone in the work directory. *taken: another name of
+// the clone is already there.
 Result setCloneAside(const Record &record, const CloneAttr &attr, bool *taken) {
   std::string new_path = cloneDeleteLocation(record.ino);
   if (Result r = listClone(new_path, true, attr); !r) {
@@ -37,9 +37,9 @@ Result setCloneAside(const Record &record, const CloneAttr &attr, bool *taken) {
   return *taken ? Result{} : moved.at(kMoveClone);
 }
 
-// Waits while another process works on the file.
+// Unlinks the name; waits while another process works on the file (EBUSY).
 Result unlinkWhenFree(const Record &record) {
-  // The record of a clone that was set aside carries the inode number of its parent.
+  // The record of a clone in a delete list carries its parent's inode number, so it cannot be checked.
   const uint64_t expected = settings.phase == kPhaseCloneDelete ? 0 : record.ino;
   for (int waits = 0;;) {
     bool clearing_failed = false;

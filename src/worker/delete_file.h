@@ -1,9 +1,9 @@
-// Removing names.
+// Removes names.
 #pragma once
 
 #include "base/result.h"
 #include "formats/operation.h"
 
-// Op 7. Done also when the name is gone already. A clone is only set aside in phase 3; phase 31 removes
+// Op 7. A name that no longer exists is no failure. Phase 3 only moves a clone aside; phase 31 deletes
 // it. Failures are traced.
 Result deleteFile(const Record &record);

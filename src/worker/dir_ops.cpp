@@ -26,7 +26,7 @@ namespace {
 enum CreateStep : int {
   kCreateLists = 0,
   kOpenSnapshotDir = 1,
-  kMakeDirectory = 2,  // or finding the place where it is now
+  kMakeDirectory = 2,  // or finding its present place
   kXAttrs = 3,
   kAttributes = 4,
   kListNewDir = 5,
@@ -47,15 +47,15 @@ Result traced(const char *routine, const Record &record, const Result &result) {
   return result;
 }
 
-// The workers of a nested run have recorded their own errno; here the exit status of the run takes its
-// place.
+// Runs the lists of a top directory. The workers of the nested run have recorded their errno; the
+// failure here carries the exit status of the run instead.
 Result runLists(const Record &record, bool deleted, int code, const ListRunner &here) {
   const Result result = restoreDelNewDir(record.ino, deleted, here);
   return result ? result : Result{result.rc, code, result.reason()};
 }
 
-// Once directories have gone home, their attributes are restored there: paths through the links that
-// they left at their temporary locations would name the links.
+// Finds the place of a directory whose attributes phase 6 restores. A directory that has gone home left
+// a link at its temporary location, and a path through it would name the link.
 Result settledPath(const std::string &path, std::string *real) {
   *real = path;
   if (!inWorkDir(path)) return {};
@@ -98,11 +98,12 @@ Result make(const Record &record, const ListRunner &here) {
   if (settings.pass == 1 || settings.phase == kPhaseDirs) {
     if (Result r = makeAndRestore(record, snap.get()); !r) return r;
   }
+  // A nested run can take long: do not hold the inode open meanwhile.
   snap.reset();
   return settings.topDir ? runLists(record, true, kCreateLists, here) : Result{};
 }
 
-// True when the directory has no entry at all; false also when it cannot be read.
+// Returns true if the directory has no entry at all; false also if it cannot be read.
 bool reallyEmpty(const kest_ifile_t *dir) {
   const UniqueFd named(kest_path_descriptor(dir));
   if (!named) return false;
@@ -114,8 +115,8 @@ bool reallyEmpty(const kest_ifile_t *dir) {
   return nextEntry(stream, &entry) && entry == nullptr;
 }
 
-// True when a directory holds only what no restore touches (snapshots, nested filesets that have not
-// been moved), perhaps in directories that hold nothing else.
+// Returns true if a directory holds only what a restore leaves alone (snapshots, nested filesets that
+// have not moved) or directories that hold only such objects. The library's listing omits those.
 bool holdsOnlyHidden(uint64_t ino) {
   Inode dir;
   if (!openInode(handles.activeFsP, ino, &dir) || !isDirectory(dir->if_mode)) return false;
@@ -137,14 +138,14 @@ Result removeFailed(const std::string &path, int err) {
   return failed(kRemove, err);
 }
 
-// `err`: why the directory at `path` could not be removed.
+// `err` tells why the directory at `path` could not be removed.
 Result removeJunction(const std::string &path, int err) {
   bool junction = false;
   if (!checkJunction(path, &junction) || !junction) return removeFailed(path, err);
   if (Result r = unlinkJunction(path, path); !r) return failed(kUnlinkJunction, r.err);
   struct stat st;
   if (Result r = statPath(path, &st); !r && r.err == ENOENT) return {};
-  const Result stub = removeEmptyDir(path, 0);  // what the nested fileset leaves at its path
+  const Result stub = removeEmptyDir(path, 0);  // the stub that the nested fileset leaves at its path
   return stub || stub.err == ENOENT ? Result{} : removeFailed(path, stub.err);
 }
 

@@ -34,7 +34,7 @@ enum DeletedStep : int {
   kOpenDeleted = 1,
   kMadeXAttrs = 3,
   kTruncate = 4,
-  kCheckMade = 5,         // the object at the path is none that this run made for the inode
+  kCheckMade = 5,         // the object at the path was not made by this run for the inode
   kTruncateClearing = 7,  // the flags that forbid it could not be cleared
   kFindSnapPath = 8,
   kCopyData = 9,
@@ -45,7 +45,7 @@ enum DeletedStep : int {
   kCopyClearing = 72,  // as 7, for writing data
 };
 
-// Making one object of the snapshot again at a path of the active fileset.
+// Makes one object of the snapshot again at a path of the active fileset.
 class DeletedFile {
  public:
   DeletedFile(const Record &record, OpenObject snap);
@@ -66,10 +66,10 @@ class DeletedFile {
 
   const std::string &path_;
   const uint64_t ino_;
-  Operation data_;  // the range that is all of the file
+  Operation data_;  // the range of the whole file
   OpenObject snap_;
-  OpenObject active_;        // a regular file, once it is there
-  bool atItsPlace_ = false;  // the snapshot is known to have `ino_` at the same path
+  OpenObject active_;        // set for a regular file once it exists
+  bool atItsPlace_ = false;  // the snapshot has `ino_` at the same path
 };
 
 DeletedFile::DeletedFile(const Record &record, OpenObject snap)
@@ -83,7 +83,7 @@ Result DeletedFile::createFailed(const char *call, int err) const {
   return failed(kCreate, err);
 }
 
-// A link or special file that a lost worker has made counts as made.
+// If a worker died after making a link or special file, the repeated record finds it and accepts it.
 Result DeletedFile::makeLink() {
   std::string target(PATH_MAX, '\0');
   int64_t offset = 0;
@@ -138,12 +138,12 @@ Result DeletedFile::sizeFile() {
   return {};
 }
 
-// A clone with several names is listed for the first that was missing. While the inode exists, phase 8
-// links its names to it.
+// A clone with several names is listed under the first missing one. While its inode exists, phase 8
+// links that name to it, so nothing has to be made.
 Result DeletedFile::livesElsewhere(bool *lives) {
   *lives = false;
-  // A file whose clone attributes cannot be read is made as an ordinary one. isClone has recorded that
-  // as a fatal error, so the run ends with 1.
+  // If the clone attributes cannot be read, the file is made as an ordinary one; isClone has recorded a
+  // fatal error, so the run ends with 1.
   bool clone = false;
   if (!isClone(snap_.get(), &clone) || !clone) return {};
   if (snap_.facts.attr.ia_nlink <= 1) return {};
@@ -153,9 +153,9 @@ Result DeletedFile::livesElsewhere(bool *lives) {
   return {};
 }
 
-// The file may be there already: a lost worker made it, or phase 8 repeats its record.
+// Creates the file, or opens it if a dead worker made it or phase 8 repeats its record.
 Result DeletedFile::makeRegular() {
-  constexpr int kMostAttempts = 100;  // as long as users give the name and take it away
+  constexpr int kMostAttempts = 100;  // users can create and remove the name meanwhile
   Result made;
   for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
     made = createFile(path_, snap_.facts, &active_);
@@ -176,10 +176,10 @@ Result DeletedFile::fill() {
     }
     atItsPlace_ = place.ino == ino_;
   }
-  // Before any data: they include the attribute that turns copy-on-write off, which only an empty file
-  // accepts.
+  // This must precede the data: the attributes include the flag that turns copy-on-write off, and btrfs
+  // accepts that only for an empty file.
   if (Result r = restoreXAttrs(); !r) return r;
-  // In phase 51 the data makes a shorter file long enough.
+  // In phase 51 writing the data extends a shorter file.
   if (settings.phase == kPhaseLinks || active_.facts.attr.ia_size > snapSize()) {
     if (Result r = sizeFile(); !r) return r;
   }
@@ -232,8 +232,9 @@ enum SurvivorStep : int {
   kAttributes = 91,
 };
 
-// Where the path belongs to another object of the snapshot, the move back restores the attributes.
-// `active`: the object at the path; null: it is another one by now.
+// Restores the attributes of a surviving object. If the path belongs to another object of the snapshot,
+// the move home restores them instead. `active` is the object at the path, or null if it is another one
+// now.
 Result attributesOfSurvivor(const Record &record, const OpenObject &snap, OpenObject *active) {
   SnapPlace place;
   if (Result r = getSnapPath(record.path, &place); !r)
@@ -277,7 +278,7 @@ bool restoresData(const Record &record) {
   return record.op.isRange(1);
 }
 
-// Users may have put the object on which the step failed in the file's place.
+// A user may have put another object in the place of the file, on which the step then failed.
 bool isFileOfRecord(int fd, const Record &record) {
   struct stat st;
   if (fstat(fd, &st) != 0) return false;
@@ -311,6 +312,7 @@ Result restoreDiffFile(const Record &record) {
 void markUnfinished(const Record &record) {
   if (!restoresData(record)) return;
   timespec now;
+  // The present time differs from the snapshot's, so the next run finds the file in the difference.
   clock_gettime(CLOCK_REALTIME, &now);
   kest_timestruc64_t times[4] = {};
   times[1] = {now.tv_sec, static_cast<uint32_t>(now.tv_nsec)};

@@ -25,16 +25,16 @@ enum LinkStep : int {
   kRootPath = 1,
   kSnapRootPath = 2,
   kLookUpNames = 3,
-  kNames = 4,      // there are none or too few, or the object at one cannot be looked at
+  kNames = 4,      // no or too few names, or the object at one cannot be examined
   kClearName = 5,  // another object has the name and could not be removed
-  kMakeFile = 6,   // or finding out whether the inode is the snapshot's file still
+  kMakeFile = 6,   // or checking whether the inode is still the snapshot's file
   kAddName = 7,
   kAttributes = 8,
   kOpenSnapshot = 10,
 };
 
 struct Name {
-  std::string path;  // active path
+  std::string path;  // path in the active fileset
   bool exists = false;
   struct stat st {};
 };
@@ -78,9 +78,9 @@ Result LinkGroup::collectNames(const std::vector<std::string> &paths) {
   return {};
 }
 
-// The inode itself, where a name of it has survived; else a clone or clone parent that has just been
-// made at one of the names, as it is, or a file that an interrupted run of this record has left there,
-// restored once more.
+// Chooses the object that all names are linked to: the inode itself if one of its names has survived;
+// else a clone or clone parent that phase 7 made at one of the names; else a file that an interrupted
+// run left at one, which is restored once more.
 Result LinkGroup::chooseTarget() {
   for (Name &name : names_) {
     if (!name.exists || name.st.st_ino != ino_) continue;
@@ -99,7 +99,7 @@ Result LinkGroup::chooseTarget() {
   return {};
 }
 
-// False also where the clone attributes cannot be read, which isClone has recorded as a fatal error.
+// Returns false also if the clone attributes cannot be read; isClone has then recorded a fatal error.
 bool LinkGroup::madeAsClone(const Name &name) const {
   CloneAttr attr;
   CloneSnapAttr attr_snap;
@@ -110,7 +110,7 @@ bool LinkGroup::madeAsClone(const Name &name) const {
 
 Result LinkGroup::restoreName(Name &name) {
   bool clone = false;
-  if (!isClone(snap_, &clone)) clone = false;  // recorded as a fatal error
+  if (!isClone(snap_, &clone)) clone = false;  // isClone has recorded a fatal error
   Record whole{ino_, name.path, {}};
   whole.op = {kOpRestoreDelFile, 0, snap_->if_size, 0, clone};
   Result result = restoreDelFile(whole);
@@ -126,7 +126,7 @@ Result LinkGroup::restoreName(Name &name) {
   return {};
 }
 
-// Removes an object that has the name and is another inode.
+// Removes another inode that has the name.
 Result LinkGroup::clearName(const Name &name) {
   if (isDirectory(name.st.st_mode)) {
     traceLog("linkFile: a directory stands at %s\n", name.path.c_str());
@@ -161,7 +161,7 @@ Result LinkGroup::restoreAll() {
   return restoreAttr(target_->path, settings.phase).at(kAttributes);
 }
 
-// The names that the inode has in the snapshot, as paths of the active fileset.
+// Finds the names of the inode in the snapshot, as paths of the active fileset.
 Result lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::string> *paths) {
   if (Result r = findInodePaths(handles.oldFsP, ino, handles.rootPath, paths); !r) {
     traceLog(r.err == ENOENT ? "linkFile: cannot get hard link path, ino %lld\n"
@@ -171,6 +171,7 @@ Result lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::stri
   }
   kest_iattr64_t attr;
   if (kest_istat(snap, &attr) != 0) return failed(kNames);
+  // Fewer names than links would silently lose a hard link.
   if (static_cast<int64_t>(paths->size()) < attr.ia_nlink) {
     traceLog("linkFile: cannot get hard link path, ino %lld\n", static_cast<long long>(ino));
     return failed(kNames, EIO);

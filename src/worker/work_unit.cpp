@@ -108,8 +108,8 @@ Result perform(const Record &record) {
   }
 }
 
-// A step that met another object than the listed one, or a link on the way, gets a message of its own:
-// a user may have put it there.
+// These three errors mean that the step met another object than the listed one, or a link in the path.
+// A user may have put it there, so they get a message of their own.
 void reportFailure(const Record &record, int err) {
   traceLog("doWorkUnit error: %s inodeNum %lld opCode %d\n", record.path.c_str(),
            static_cast<long long>(record.ino), record.op.opCode);
@@ -120,9 +120,9 @@ void reportFailure(const Record &record, int err) {
   }
 }
 
-// Performs the records of a per-directory list in this process, as a worker of a nested run would: in
-// phase 3 and without nested runs of its own. No checkpoints: the record of the top directory is the
-// one that is repeated.
+// Performs the records of a top directory's list in this process, as a worker of a nested run would: in
+// phase 3 and without further nested runs. Writes no checkpoints, because a retry repeats the top
+// directory's record.
 Result performListHere(const std::string &list_path) {
   ListReader list;
   if (Result r = openList(list_path, &list); !r) return r;
@@ -152,7 +152,7 @@ Result performListHere(const std::string &list_path) {
   return result;
 }
 
-// Ends the batch: never with 0, and never with a marker that says 0.
+// Ends the batch. Neither the exit status nor the marker may be 0.
 Result stop(const Result &failure) {
   const int err = failure.err != 0 ? failure.err : 1;
   traceLog("doWorkUnit: rc %d, code %d, error %d\n", failure.rc, failure.code, err);
@@ -160,7 +160,7 @@ Result stop(const Result &failure) {
   return {err, failure.code, err};
 }
 
-// Performs one record and checkpoints it.
+// Performs one record and notes that it is done.
 Result performLine(std::string_view text, const std::string &list_path, int done,
                    Checkpoint *checkpoint) {
   BatchLine line;
@@ -178,6 +178,7 @@ Result performLine(std::string_view text, const std::string &list_path, int done
   if (Result r = perform(record); !r) {
     reportFailure(record, r.reason());
     const Result stopped = stop(failed(kPerform, r.reason()));
+    // This must follow stop(), which writes the marker that markIfOthersFailed looks for.
     markUnfinished(record);
     return stopped;
   }
@@ -187,7 +188,7 @@ Result performLine(std::string_view text, const std::string &list_path, int done
   return {};
 }
 
-// The line at the start of `text`, with its newline; without one where it is cut off or too long.
+// Returns the first line of `text` with its newline; without one if the line is cut off or too long.
 std::string_view firstLine(std::string_view text) {
   text = text.substr(0, kBatchLineMax - 1);
   return text.substr(0, text.find('\n') == text.npos ? text.npos : text.find('\n') + 1);
@@ -229,6 +230,6 @@ int runWorker() {
   flushTraceLines();
   const int rc = doWorkUnit(settings.listFile, settings.callerPid).rc;
   traceLog("[THREAD %d] finished, phase %d, rc %d\n\n", pid, settings.phase, rc);
-  // The status is an errno; the system would cut a larger number to eight bits, and perhaps to 0.
+  // The exit status has eight bits, so a larger number could become 0.
   return rc >= 0 && rc < 256 ? rc : 1;
 }

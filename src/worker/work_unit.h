@@ -1,4 +1,4 @@
-// The dispatcher of worker mode.
+// The dispatcher of a worker.
 #pragma once
 
 #include <cstdint>
@@ -6,11 +6,11 @@
 
 #include "base/result.h"
 
-// Performs the records of one batch in order, with a checkpoint line for each; the first that fails
-// writes the fatal-error marker and ends the batch. rc of a failure is the errno of the failing step (1
-// where there is none).
+// Performs the records of one batch in order and writes a checkpoint line after each. The first failure
+// writes the fatal-error marker and ends the batch. rc of a failure is the errno of the failing step,
+// or 1 without one.
 Result doWorkUnit(const std::string &listPath, int32_t callerPid);
 
-// Worker mode as a whole, once the trees are open: the batch of the settings, with its trace lines. The
-// exit status.
+// Runs a whole worker, once the trees are open: the batch that the settings name, with its trace lines.
+// Returns the exit status.
 int runWorker();
