@@ -15,13 +15,14 @@ namespace front {
 
 namespace {
 
-constexpr int kMostTries = 1000;  // backups of one fileset within one second
+constexpr int kMostTries = 1000;  // backups of one fileset in one second
 
 [[noreturn]] void cannotTake(int error) {
   throw Trouble(frontText(FrontText::kNoBackup, strerror(error)));
 }
 
-// Old states hold what their owners have hidden or repaired since: nobody but root may look.
+// Opens the folder for backups and makes it if necessary. Only root may enter it: old states contain
+// what owners have hidden or repaired since.
 UniqueFd openFolder(const std::string &top) {
   const UniqueFd above(open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!above) cannotTake(errno);

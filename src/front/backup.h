@@ -1,4 +1,4 @@
-// Read-only snapshots of a fileset as it is before something changes it.
+// Makes read-only snapshots of a fileset before something changes it.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 
 namespace front {
 
-// Takes one in the folder kBackupFolder at the top of the file system, which only root may enter, and
-// returns its path below the top. Throws Trouble where it cannot be taken.
+// Makes a snapshot in kBackupFolder at the top of the file system, which only root may enter, and
+// returns its path below the top. Throws Trouble if that fails.
 std::string takeBackup(const Fileset &fileset, Backup kind, int64_t now);
 
 }  // namespace front

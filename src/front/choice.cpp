@@ -34,7 +34,7 @@ std::vector<const Snapshot *> those(const std::vector<Snapshot> &all, Test test)
   return found;
 }
 
-// By the first way in which the word means any.
+// The ways to name a snapshot are tried in order; the first that matches any decides.
 std::vector<const Snapshot *> byName(const std::vector<Snapshot> &all, const std::string &word,
                                      const Fileset &fileset) {
   std::string path = word;
@@ -52,7 +52,7 @@ std::vector<const Snapshot *> byName(const std::vector<Snapshot> &all, const std
       btrfs_util_subvolume_info(word.c_str(), 0, &there) != BTRFS_UTIL_OK ||
       btrfs_util_subvolume_info_fd(fileset.root.get(), id, &here) != BTRFS_UTIL_OK)
     return found;
-  // The number alone may be that of another file system's.
+  // The id alone could be that of a subvolume of another file system.
   const bool same = std::equal(std::begin(here.uuid), std::end(here.uuid), std::begin(there.uuid));
   return those(all, [&](const Snapshot &one) { return same && one.id == id; });
 }
@@ -63,7 +63,7 @@ std::vector<std::string> namesOf(const std::vector<const Snapshot *> &these) {
   return names;
 }
 
-// Timeshift leaves its snapshots writable.
+// Returns true for a snapshot that times and "latest" can mean. Timeshift keeps its snapshots writable.
 bool isAState(const Snapshot &one) {
   return one.maker != Maker::kFset && (one.read_only || one.maker == Maker::kTimeshift);
 }

@@ -1,4 +1,4 @@
-// Which snapshot the user means.
+// Finds the snapshot that the user means.
 #pragma once
 
 #include <string>
@@ -8,14 +8,14 @@
 
 namespace front {
 
-// A name, a path (below the top of the file system, or one that leads there), "#42" or "42" of snapper,
-// "latest", or a time: the newest at or before it. A name goes before a time. Times and "latest" mean
-// read-only snapshots, and Timeshift's, that this program did not make. Throws Trouble where there is
-// none, and with all of them where the word means several.
+// `word` is a name, a path (below the top of the file system, or one that leads to the snapshot), "#42"
+// or "42" of snapper, "latest", or a time, which means the newest snapshot at or before it. A name
+// takes precedence over a time. Times and "latest" mean read-only snapshots, and those of Timeshift,
+// that this program did not make. Throws Trouble if none matches, or with all candidates if several do.
 const Snapshot &chooseSnapshot(const std::vector<Snapshot> &all, const std::string &word,
                                const Fileset &fileset, int64_t now);
 
-// The state before the last restore. Throws Trouble where there is none.
+// Returns the backup that the last restore made. Throws Trouble if there is none.
 const Snapshot &chooseUndo(const std::vector<Snapshot> &all, const Fileset &fileset);
 
 }  // namespace front

@@ -14,12 +14,12 @@ namespace {
 
 constexpr char kWords[] = "WORDS";
 
-// The one or two words of diff and restore: [PATH] SNAPSHOT.
+// The words of diff and restore: [PATH] SNAPSHOT.
 struct Words {
   std::vector<std::string> words;
 };
 
-// The two words of diff and restore are one option to the library, which would show it as one.
+// To the library, the two words of diff and restore are one option. This formatter shows them as two.
 class HelpFormatter : public CLI::Formatter {
  public:
   std::string make_usage(const CLI::App *app, std::string name) const override {
@@ -97,7 +97,7 @@ bool readCommandLine(int argc, char **argv, Request *request, int *status) {
   addChanging(undo, request);
   CLI::App *progress = addCommand(&app, "progress", frontText(FrontText::kHelpProgress), request);
   addPath(progress, request);
-  // Not for people: hidden by its empty group.
+  // An empty group hides this command, which only the shell's completion uses.
   CLI::App *complete = addCommand(&app, "complete", "", request);
   complete->group("");
   complete->add_option("KIND", request->snapshot)->required();

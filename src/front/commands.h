@@ -1,4 +1,4 @@
-// The commands. Each returns the exit status and throws Trouble where it cannot do what it is for.
+// The commands. Each returns the exit status and throws Trouble if it cannot do its work.
 #pragma once
 
 #include "front/request.h"
@@ -7,11 +7,11 @@ namespace front {
 
 int listCommand(const Request &request);
 int diffCommand(const Request &request);
-// restore and undo.
+// For restore and undo.
 int restoreCommand(const Request &request);
 int progressCommand(const Request &request);
-// For the completion of the shell: what the word after request.snapshot, "snapshots" or "filesets",
-// can be, a line each: the word, a tab, and the date of a snapshot.
+// For the shell's completion: prints the possible words of the kind in request.snapshot, "snapshots" or
+// "filesets". Each line is a word, a tab, and the date of a snapshot.
 int completeCommand(const Request &request);
 
 }  // namespace front

@@ -1,4 +1,4 @@
-// fset complete: words for the shell's completion.
+// fset complete: prints words for the shell's completion.
 #include <cstdio>
 #include <string>
 
@@ -12,7 +12,7 @@ namespace front {
 
 namespace {
 
-// What would be shown otherwise than it is typed is left out.
+// Omits a name with bytes that would be shown differently from what must be typed.
 void printWord(const std::string &word, const std::string &date) {
   if (shown(word) == word) printf("%s\t%s\n", word.c_str(), date.c_str());
 }

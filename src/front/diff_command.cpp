@@ -1,4 +1,4 @@
-// fset diff: what a restore would change.
+// fset diff: shows what a restore would change.
 #include <cstdio>
 #include <ctime>
 #include <string>
@@ -17,8 +17,8 @@ namespace front {
 
 namespace {
 
-// The same object that print() would make, but a member at a time: a million lines need not be one
-// object in memory.
+// Prints the same object as print() would, but one member at a time, so that a million differences need
+// not be one object in memory.
 void printJson(const Request &request, const Fileset &fileset, const Snapshot &snapshot,
                const Summary &summary, Verdict verdict, const std::vector<std::string> &objects) {
   Json object{{"command", request.command}, {"fileset", jsonOf(fileset)}};
@@ -28,7 +28,7 @@ void printJson(const Request &request, const Fileset &fileset, const Snapshot &s
   object["summary"] = jsonOf(summary);
   if (request.stat) return print(object);
   std::string text = object.dump(2);
-  text.resize(text.size() - 2);  // "\n}"
+  text.resize(text.size() - 2);  // cut off "\n}"
   printf("%s,\n  \"differences\": [", text.c_str());
   const char *separator = "\n    ";
   for (const std::string &one : objects) {
@@ -47,7 +47,7 @@ int diffCommand(const Request &request) {
   const int64_t now = time(nullptr);
   const Snapshot &snapshot = chooseSnapshot(all, request.snapshot, fileset, now);
   const bool colour = inColour();
-  std::vector<std::string> objects;  // the summary goes first
+  std::vector<std::string> objects;  // kept, because the summary comes first
   DifferenceReader::Sink keep;
   if (!request.stat)
     keep = [&](const ChangedObject &one) {

@@ -36,8 +36,8 @@ std::vector<std::string_view> fields(std::string_view line) {
   return all;
 }
 
-// What stands first in the path; "." for an object of the root directory itself would say nothing, so
-// files there are counted together under it.
+// Returns the first component of the path. Files in the root directory itself are counted together
+// under ".".
 std::string topDirectory(const ChangedObject &object) {
   const size_t slash = object.path.find('/');
   if (slash != std::string::npos) return object.path.substr(0, slash);
@@ -69,7 +69,7 @@ void DifferenceReader::line(std::string_view text) {
   const Effect effect = effectOf(kind);
   ++summary_.kinds[kind];
   ++summary_.lines;
-  // The object that an extra or missing line tells of is another one than that of the line before.
+  // A "missing" or "extra" line begins a new object even if the line before it has the same path.
   const bool own = effect == Effect::kComesBack || effect == Effect::kGoesAway;
   if (!open_ || own || object_.path != path || object_.effect == Effect::kGoesAway) {
     end();

@@ -1,4 +1,4 @@
-// How differences look on a terminal.
+// Formats differences for a terminal.
 #pragma once
 
 #include <string>
@@ -7,13 +7,13 @@
 
 namespace front {
 
-// True where standard output is a terminal that shows colours, and NO_COLOR is not set.
+// Returns true if standard output is a terminal with colours and NO_COLOR is not set.
 bool inColour();
 
-// The counts by effect, then by top directory, the largest first; lines with newlines.
+// Returns the counts by effect, then by top directory, largest first, as lines with newlines.
 std::string summaryText(const Summary &summary);
 
-// "+ projects/a  (file, 12.0 KiB)", with a newline.
+// Returns a line such as "+ projects/a  (file, 12.0 KiB)", with a newline.
 std::string objectLine(const ChangedObject &object, bool colour);
 
 }  // namespace front

@@ -25,18 +25,18 @@ namespace front {
 
 namespace {
 
-constexpr ino_t kRootInode = 256;  // of every subvolume
+constexpr ino_t kRootInode = 256;  // inode number of the root directory of every subvolume
 
 [[noreturn]] void cannotRead(const std::string &path, int error) {
   throw Trouble(frontText(FrontText::kCannotRead, shown(path), strerror(error)));
 }
 
-// An object that the user named, open in a way that its file system can be asked.
+// An object that the user named, opened so that its file system can be queried.
 struct Named {
   UniqueFd fd;
   uint64_t mount_id = 0;
   bool block_device = false;
-  bool read_only = false;  // mounted so
+  bool read_only = false;  // the mount is read-only
 };
 
 Named openNamed(const std::string &path) {
@@ -58,7 +58,7 @@ Named openNamed(const std::string &path) {
   return named;
 }
 
-// A block device of the file system of `fd`; "" where the kernel names none.
+// Returns a block device of the file system of `fd`; "" if the kernel names none.
 std::string blockDevice(int fd) {
   btrfs_ioctl_fs_info_args info{};
   if (ioctl(fd, BTRFS_IOC_FS_INFO, &info) != 0) return "";
@@ -74,7 +74,7 @@ std::string blockDevice(int fd) {
   return "";
 }
 
-// Id and path of the subvolume that the user means.
+// Finds the id, path and UUID of the subvolume that the user means.
 void identify(const Place &place, int fd, Fileset *fileset) {
   btrfs_util_error error;
   if (place.fileset.empty()) {
@@ -100,7 +100,7 @@ void identify(const Place &place, int fd, Fileset *fileset) {
   std::copy(std::begin(info.uuid), std::end(info.uuid), fileset->uuid.begin());
 }
 
-// Opens `path` where it is the root directory of the fileset.
+// Opens `path` if it is the root directory of the fileset.
 UniqueFd openRoot(const std::string &path, const Fileset &fileset) {
   UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC));
   struct stat status;
@@ -111,7 +111,7 @@ UniqueFd openRoot(const std::string &path, const Fileset &fileset) {
   return fd;
 }
 
-// The mount that the user's path lies on comes first, where it shows the root.
+// Finds a mount that shows the fileset's root. Prefers the mount on which the user's path lies.
 void findRoot(std::vector<MountLine> mounts, uint64_t named_mount, Fileset *fileset) {
   std::stable_sort(mounts.begin(), mounts.end(), [&](const MountLine &a, const MountLine &b) {
     return (a.id == named_mount) > (b.id == named_mount);
@@ -131,7 +131,8 @@ void findRoot(std::vector<MountLine> mounts, uint64_t named_mount, Fileset *file
   if (!fileset->root) throw Trouble(frontText(FrontText::kNotVisible, shown(fileset->name())));
 }
 
-// The path of the fileset's root where it is mounted, else the arguments that named it.
+// Returns the path of the fileset's root if it is mounted, else the arguments with which the user named
+// it.
 std::string nameForUser(const Place &place, const Fileset &fileset) {
   if (fileset.device != fileset.top.point()) return shellWord(fileset.root_path);
   if (place.fileset.empty()) return shellWord(place.path);

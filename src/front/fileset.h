@@ -1,4 +1,4 @@
-// The fileset that a path lies in.
+// Finds the fileset in which a path lies.
 #pragma once
 
 #include <sys/types.h>
@@ -17,29 +17,29 @@ using Uuid = std::array<uint8_t, 16>;
 
 struct Fileset {
   uint64_t id = 0;
-  std::string path;  // below the top of the file system; "" the top-level subvolume
+  std::string path;  // path below the top of the file system; "" for the top level
   Uuid uuid{};
-  dev_t device_number = 0;          // st_dev of everything in it
-  UniqueFd root;                    // its root directory
-  std::string root_path;            // where that is visible to this process and its children
-  std::string device;               // a path on the file system, as the commands' Device
-  std::vector<std::string> mounts;  // where mounts show it, or a part of it, to everybody
-  std::string named;                // how the user names it: arguments for the next fset, shell words
+  dev_t device_number = 0;          // st_dev of all its inodes
+  UniqueFd root;                    // its root directory, open
+  std::string root_path;            // path of the root directory for this process and its children
+  std::string device;               // a path on the file system, for the commands' Device
+  std::vector<std::string> mounts;  // mount points that show it, or a part of it, to everybody
+  std::string named;                // shell words with which the user can name it to fset
   TopMount top;
 
-  // The path as the commands take it: "/" for the top-level subvolume.
+  // Returns the path as the commands expect it: "/" for the top level.
   std::string name() const { return path.empty() ? "/" : path; }
 };
 
-// What the user said about it.
+// The user's words for a fileset.
 struct Place {
-  std::string path;     // any path in it, or a block device; "" the current directory
-  std::string fileset;  // its path below the top, where `path` only names the file system; "" none
+  std::string path;     // any path in it, or a block device; "" for the current directory
+  std::string fileset;  // its path below the top, if `path` only names the file system; else ""
 };
 
-// Finds it and mounts the top level of its file system privately. `to_change`: that mount can be
-// written to, unless the user mounted the file system read-only. Where the top level cannot be
-// mounted, a fileset that is mounted will do, and `top` is empty. Throws Trouble.
+// Finds the fileset and mounts the top level of its file system privately. With `to_change` that mount
+// is writable, unless the user mounted the file system read-only. If the top level cannot be mounted,
+// `top` stays empty; that is enough for a fileset that is mounted. Throws Trouble.
 Fileset findFileset(const Place &place, bool to_change);
 
 }  // namespace front

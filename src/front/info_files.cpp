@@ -16,9 +16,9 @@ namespace front {
 
 namespace {
 
-constexpr size_t kMost = 256 * 1024;  // bytes of a file that is looked at
+constexpr size_t kMost = 256 * 1024;  // most bytes that are read of a file
 
-// The text of the first element with this name that has no attributes, as it stands.
+// Returns the text of the first element that has this name and no attributes, unchanged.
 std::optional<std::string_view> element(std::string_view text, const std::string &name) {
   const std::string opening = "<" + name + ">", closing = "</" + name + ">";
   const size_t start = text.find(opening);
@@ -76,7 +76,7 @@ std::optional<std::string> parseTimeshiftInfo(std::string_view text) {
 std::optional<std::string> readInfoFile(int dir, const std::string &path) {
   open_how how{};
   how.flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK;
-  // Not RESOLVE_NO_XDEV: a folder of snapshots can be a subvolume.
+  // Without RESOLVE_NO_XDEV, because a folder of snapshots can be a subvolume.
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
   const UniqueFd fd(static_cast<int>(syscall(SYS_openat2, dir, path.c_str(), &how, sizeof how)));
   struct stat status;

@@ -1,4 +1,4 @@
-// Objects for programs, as the page fset(8) describes them.
+// Builds and prints JSON objects for programs, as the page fset(8) describes them.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -12,8 +12,8 @@ namespace front {
 
 using Json = nlohmann::ordered_json;
 
-// Sets object[key] to a name, which may be any bytes. JSON holds UTF-8 alone: where the name is none,
-// each byte that does not fit stands as U+FFFD, and object[key + "_hex"] has all bytes in hexadecimal.
+// Sets object[key] to a name of any bytes. JSON holds only UTF-8, so in other names U+FFFD replaces
+// each byte that does not fit, and object[key + "_hex"] holds all bytes in hexadecimal.
 void putName(Json *object, const std::string &key, const std::string &bytes);
 
 Json jsonOf(const Fileset &fileset);
@@ -21,9 +21,9 @@ Json jsonOf(const Snapshot &snapshot);
 Json jsonOf(const Summary &summary);
 Json jsonOf(const ChangedObject &object);
 
-// Prints one object and a newline on standard output. Throws Trouble where it does not get there.
+// Prints one object and a newline on standard output. Throws Trouble if the output fails.
 void print(const Json &object);
-// Throws Trouble where standard output did not take all.
+// Throws Trouble if standard output did not accept everything.
 void flushOutput();
 
 }  // namespace front

@@ -1,4 +1,4 @@
-// fset list: what a fileset can be restored to.
+// fset list: shows the snapshots to which a fileset can be restored.
 #include <algorithm>
 #include <array>
 #include <cstdio>

@@ -27,7 +27,7 @@ void LiveLine::show(const std::string &text) {
   if (!on_) return;
   std::string cut = text;
   while (columns(cut) >= terminalWidth()) cut.pop_back();
-  // A cut character would be half a one.
+  // Do not leave part of a multi-byte character.
   while (!cut.empty() && !isUtf8(cut)) cut.pop_back();
   fprintf(stderr, "\r\033[K%s", cut.c_str());
   fflush(stderr);

@@ -1,11 +1,11 @@
-// One line of a terminal that is written over and over.
+// A line of a terminal that is overwritten again and again.
 #pragma once
 
 #include <string>
 
 namespace front {
 
-// On standard error; where that is no terminal nothing is shown.
+// Uses standard error, and shows nothing if that is no terminal.
 class LiveLine {
  public:
   LiveLine();
@@ -14,9 +14,9 @@ class LiveLine {
   LiveLine &operator=(const LiveLine &) = delete;
 
   bool on() const { return on_; }
-  // Cut off at the edge of the terminal.
+  // Cuts the text at the edge of the terminal.
   void show(const std::string &text);
-  // Takes the line away, so that something else can be printed.
+  // Removes the line, so that something else can be printed.
   void clear();
 
  private:

@@ -1,5 +1,5 @@
-// fset: snapshots for people. It finds, asks and tells; what can be restored, what differs and the
-// restore itself are the affair of the programs that it starts.
+// fset, the front end for users. It finds filesets and snapshots, asks and reports. Other programs,
+// which it starts, decide what can be restored, compare, and restore.
 #include <unistd.h>
 
 #include <cstdio>
@@ -62,7 +62,7 @@ int main(int argc, char **argv) {
   initMessages();
   try {
     return front::runProgram(argc, argv);
-  } catch (const std::exception &error) {  // no memory, no output
+  } catch (const std::exception &error) {  // out of memory, or no output
     fprintf(stderr, "fset: %s\n", error.what());
     return front::kFailed;
   }

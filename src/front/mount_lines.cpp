@@ -25,7 +25,7 @@ std::vector<std::string> words(const std::string &line) {
   return all;
 }
 
-// "id parent major:minor root point options [tags ...] - type source options".
+// Parses "id parent major:minor root point options [tags ...] - type source options".
 bool parse(const std::string &line, MountLine *mount) {
   const std::vector<std::string> all = words(line);
   size_t dash = 6;

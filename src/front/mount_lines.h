@@ -8,16 +8,16 @@
 namespace front {
 
 struct MountLine {
-  uint64_t id = 0;     // as statx reports it
-  std::string root;    // what it shows: a path below the top of the file system, "" the top
-  std::string point;   // where
-  std::string source;  // the device, as it was named
+  uint64_t id = 0;     // the number that statx reports
+  std::string root;    // what the mount shows: a path below the top of the file system; "" for the top
+  std::string point;   // mount point
+  std::string source;  // the device as the user named it
 };
 
-// All mounts of type btrfs, the oldest first. Throws Trouble where the table cannot be read.
+// Returns all mounts of type btrfs, oldest first. Throws Trouble if the mount table cannot be read.
 std::vector<MountLine> btrfsMounts();
 
-// Where a mount shows the object with this path below the top; "" where it does not.
+// Returns the path at which a mount shows the object with this path below the top; "" if it does not.
 std::string placeIn(const MountLine &mount, const std::string &path);
 
 }  // namespace front

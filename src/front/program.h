@@ -1,4 +1,4 @@
-// Starting other programs, by their arguments and without a shell, and reading what they print.
+// Starts other programs by their arguments, without a shell, and reads their output.
 #pragma once
 
 #include <sys/types.h>
@@ -12,27 +12,28 @@
 
 namespace front {
 
-// Where the restore and its commands are installed.
+// The folder into which the restore and its commands are installed.
 inline constexpr char kProgramDir[] = "/usr/qtx/kest/bin/";
 
-// A program that runs while this process does something else. It is killed when this process dies.
+// A program that runs beside this process. It is killed when this process dies.
 class Program {
  public:
-  enum class Capture { kOutput, kBoth };  // standard output, or standard error with it
+  enum class Capture { kOutput, kBoth };  // standard output alone, or with standard error
 
-  // `arguments`: the first is the path of the program. `environment` is set in addition ("LC_ALL=C").
-  // What is not captured stays the caller's. Throws Trouble where it cannot be started.
+  // The first argument is the path of the program. `environment` adds variables such as "LC_ALL=C".
+  // Output that is not captured goes where the caller's goes. Throws Trouble if the program cannot be
+  // started.
   Program(const std::vector<std::string> &arguments, Capture capture,
           const std::vector<std::string> &environment = {});
-  ~Program();  // waits for its end
+  ~Program();  // waits for the program to end
   Program(const Program &) = delete;
   Program &operator=(const Program &) = delete;
 
   pid_t pid() const { return pid_; }
-  // The next piece of what it prints; "" and *ended at the end. Waits at most `milliseconds` (-1: as
-  // long as it takes) and returns "" where nothing came, or where a signal arrived.
+  // Returns the next piece of output; "" with *ended set after the last. Waits at most `milliseconds`
+  // (-1: without limit) and returns "" if there was no output or a signal arrived.
   std::string read(int milliseconds, bool *ended);
-  // Waits. Its exit status, or 128 + the signal that ended it.
+  // Waits for the program to end. Returns its exit status, or 128 + the signal that killed it.
   int wait();
 
  private:
@@ -41,11 +42,11 @@ class Program {
   int status_ = -1;
 };
 
-// All of standard output; what it says on standard error stays visible. Returns the exit status.
+// Reads all of standard output. Standard error stays the caller's. Returns the exit status.
 int runForOutput(const std::vector<std::string> &arguments, std::string *output,
                  const std::vector<std::string> &environment = {});
 
-// Calls `line` for each line of standard output, without its newline. Returns the exit status.
+// Calls `line` for each line of standard output, without the newline. Returns the exit status.
 int runForLines(const std::vector<std::string> &arguments,
                 const std::function<void(std::string_view)> &line);
 

@@ -1,4 +1,4 @@
-// fset progress: how far the restore of a fileset is.
+// fset progress: shows how far the restore of a fileset is.
 #include <unistd.h>
 
 #include <cmath>
@@ -30,7 +30,7 @@ Json jsonOf(const Progress &progress) {
   return object;
 }
 
-// The rate of a single look is unknown.
+// Looks twice, because a rate needs two samples.
 std::optional<Progress> lookTwice(RunWatch *watch) {
   const auto first = watch->look();
   if (!first) return first;

@@ -1,4 +1,4 @@
-// What the user asks for.
+// The user's request.
 #pragma once
 
 #include <string>
@@ -18,7 +18,7 @@ struct Request {
   bool full = false;
 };
 
-// Exit statuses. Those of restore and undo are fsetrestore's, all others fsetcompare's.
+// Exit statuses: those of restore and undo are fsetrestore's, all others fsetcompare's.
 enum ExitStatus { kDone = 0, kNotDone = 1, kFailed = 2 };
 
 }  // namespace front

@@ -1,4 +1,4 @@
-// fset restore and fset undo: says what will happen, asks, takes a backup, restores, compares.
+// fset restore and fset undo: shows what will happen, asks, takes a backup, restores and compares.
 #include <unistd.h>
 
 #include <cstdio>
@@ -28,9 +28,9 @@ namespace front {
 
 namespace {
 
-constexpr size_t kMostPids = 8;  // of processes of one name
+constexpr size_t kMostPids = 8;  // most process IDs shown for one name
 
-// What is known before anything is changed, and what became of it.
+// What is known before the first change, and the outcome.
 struct Run {
   const Request &request;
   const Fileset &fileset;
@@ -38,14 +38,14 @@ struct Run {
   int64_t now = 0;
   std::vector<User> users = {};
   Summary summary = {};
-  std::string backup = {};  // its path below the top; "" none
-  std::string undo = {};    // the command line that undoes it; "" none
+  std::string backup = {};  // path below the top; "" without a backup
+  std::string undo = {};    // command line that undoes the restore; "" without a backup
   std::optional<int> exit_status = {};
-  std::optional<uint64_t> left = {};  // differences afterwards
+  std::optional<uint64_t> left = {};  // number of differences after the restore
 };
 
 void say(const Run &run, const std::string &text) {
-  // With --json standard output is for the one object.
+  // With --json standard output carries only the JSON object.
   fputs(text.c_str(), run.request.json ? stderr : stdout);
 }
 
@@ -108,7 +108,7 @@ bool confirmed(const Run &run) {
   return ask(text == FrontText::kAsk ? frontText(FrontText::kAsk) : frontText(FrontText::kAskNoBackup));
 }
 
-// Restores and compares. The status to end with.
+// Restores and compares. Returns the exit status.
 int carryOut(Run *run) {
   run->exit_status = runRestore(run->fileset, run->snapshot);
   if (*run->exit_status != 0) {
@@ -120,7 +120,7 @@ int carryOut(Run *run) {
     if (verdict == Verdict::kEqual)
       say(*run, frontText(FrontText::kRestored, shown(run->fileset.name()), shown(run->snapshot.name)) +
                     "\n");
-    else if (verdict == Verdict::kDifferent)  // else the comparison has said why it failed
+    else if (verdict == Verdict::kDifferent)  // on trouble the comparison has printed its reason
       say(*run, frontText(FrontText::kStillDiffers, static_cast<int64_t>(after.lines)) + "\n");
   }
   if (!run->undo.empty())
@@ -138,13 +138,13 @@ int restoreCommand(const Request &request) {
   const Snapshot &snapshot =
       undo ? chooseUndo(all, fileset) : chooseSnapshot(all, request.snapshot, fileset, now);
   Run run{.request = request, .fileset = fileset, .snapshot = snapshot, .now = now};
-  // The backup of a state that is half restored would be of no use.
+  // A backup taken in the middle of another restore would be of no use.
   if (RunWatch(fileset.root.get()).look())
     throw Trouble(frontText(FrontText::kRestoreRuns, shown(fileset.name())));
-  // The restore refuses to run in a directory that it may have to move.
+  // The restore refuses to run with a current directory inside the fileset.
   if (chdir("/") != 0) throw Trouble(frontText(FrontText::kNotCompared));
   const Verdict verdict = compareWith(fileset, snapshot, false, {}, &run.summary);
-  // Nobody is asked about differences that were not all seen.
+  // Do not ask about differences that are not all known.
   if (verdict == Verdict::kTrouble) throw Trouble(frontText(FrontText::kNotCompared));
   if (verdict == Verdict::kEqual) {
     say(run, frontText(FrontText::kEqual, shown(fileset.name()), shown(snapshot.name),

@@ -22,7 +22,7 @@ void passOn(int number) {
   if (restore > 0) kill(static_cast<pid_t>(restore), number);
 }
 
-// This process must outlive the restore, which ends by itself in good order.
+// Passes signals on, because this process must outlive the restore, which ends by itself.
 void catchSignals() {
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction action;
@@ -33,11 +33,12 @@ void catchSignals() {
   }
 }
 
-// Prints whole lines and keeps the rest.
+// Prints the whole lines of `text` and keeps the remainder.
 void printLines(std::string *text, bool ended, LiveLine *live) {
   if (ended && !text->empty() && !text->ends_with('\n')) *text += '\n';
   size_t start = 0;
   for (size_t end; (end = text->find('\n', start)) != std::string::npos; start = end + 1) {
+    // These lines report progress, which the live line shows.
     if (live->on() && (*text)[start] == '[') continue;
     live->clear();
     fwrite(text->data() + start, 1, end + 1 - start, stderr);

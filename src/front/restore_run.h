@@ -1,4 +1,4 @@
-// One run of fsetrestore, watched.
+// Runs fsetrestore once and watches it.
 #pragma once
 
 #include "front/fileset.h"
@@ -6,10 +6,9 @@
 
 namespace front {
 
-// Runs it to its end and returns its exit status. What it says appears on standard error; on a terminal
-// a live line shows how far it is, and its own words about that (lines that begin with a time stamp)
-// are left out. SIGINT, SIGTERM and SIGHUP are passed on to it. Throws Trouble where it cannot be
-// started.
+// Runs fsetrestore to its end and returns its exit status. Its messages appear on standard error. On a
+// terminal a live line shows the progress instead of fsetrestore's own progress lines, which begin with
+// a time stamp. Passes SIGINT, SIGTERM and SIGHUP on to it. Throws Trouble if it cannot be started.
 int runRestore(const Fileset &fileset, const Snapshot &snapshot);
 
 }  // namespace front

@@ -25,7 +25,7 @@ namespace {
 
 constexpr std::chrono::seconds kRateWindow{10};
 
-// Lists in the order in which a run works them off; phases as in docs/formats.md.
+// The lists in the order in which a run performs them. docs/formats.md describes the phases.
 enum Rank { kUnknown = -1, kMain, kCloneDelete, kMoveBack, kPending, kCreate, kClones, kLinks, kDirs };
 
 int rankOfPhase(int phase) {
@@ -59,7 +59,7 @@ int rankOfList(const std::string &name) {
   if (name == kOpListCopy) return kCreate;
   if (parseCloneList(name)) return kClones;
   if (name == kLinkIno) return kLinks;
-  if (name == kDirLast) return kDirs;  // not dir.new, of which it is made
+  if (name == kDirLast) return kDirs;  // not dir.new, whose records move to dir.last
   return kUnknown;
 }
 
@@ -67,7 +67,7 @@ struct DirCloser {
   void operator()(DIR *dir) const { closedir(dir); }
 };
 
-// The names in a directory below `dir`; none where it cannot be read.
+// Returns the names in a directory below `dir`; none if it cannot be read.
 std::vector<std::string> namesIn(int dir, const std::string &path) {
   std::vector<std::string> names;
   const int fd = openat(dir, path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
@@ -94,7 +94,7 @@ bool isRestore(pid_t pid) {
   return fd && readToEnd(fd.get(), &name) && name.starts_with("fsetrestore");
 }
 
-// The value behind an option in the words of a worker's command line.
+// Returns the value that follows an option in a worker's command line.
 int optionValue(const std::vector<std::string> &words, const char *option) {
   int value = 0;
   for (size_t at = 0; at + 1 < words.size(); ++at)
@@ -104,8 +104,8 @@ int optionValue(const std::vector<std::string> &words, const char *option) {
 
 }  // namespace
 
-// The youngest of root's own: what runs that were cut off left behind is older. Inode numbers only
-// grow.
+// Finds the youngest work directory that belongs to root: those that interrupted runs left are older.
+// btrfs never reuses inode numbers of a subvolume, so the largest number is the youngest.
 bool RunWatch::findDirectory() {
   const std::string start = workDirName(0).substr(0, workDirName(0).size() - 1);
   ino_t youngest = 0;
@@ -126,7 +126,7 @@ bool RunWatch::findDirectory() {
   return youngest != 0;
 }
 
-// Whoever runs an engine on a list of the master's writes here which phase it is.
+// Every engine run of the master writes a policy file here, whose worker options name phase and pass.
 void RunWatch::readPolicy(Progress *progress) {
   struct stat status;
   const UniqueFd fd = openFile(dir_.get(), kPolicy, &status);
@@ -148,7 +148,7 @@ void RunWatch::countList(int dir, const std::string &name, const std::string &ke
   list.rank = rank;
   list.nested = nested;
   if (list.inode != status.st_ino || static_cast<uint64_t>(status.st_size) < list.position) {
-    finished_ += list.records;  // emptied for the next pass, or another file of this name
+    finished_ += list.records;  // the list was emptied for the next pass, or replaced
     list.inode = status.st_ino;
     list.position = list.records = 0;
   }
@@ -156,7 +156,7 @@ void RunWatch::countList(int dir, const std::string &name, const std::string &ke
   ListReader reader;
   if (!reader.open(std::move(fd))) return;
   reader.seek(list.position);
-  // A record that is not whole yet is counted the next time.
+  // A record that is still incomplete is counted at the next look.
   for (ListRecord record;;) {
     bool end = false;
     if (!reader.next(&record, &end) || end) break;
@@ -199,6 +199,7 @@ void RunWatch::countCheckpoints(pid_t caller, int rank) {
     one.lines += static_cast<uint64_t>(std::count(text.begin(), text.end(), '\n'));
     one.position += text.size();
   }
+  // Removed checkpoints of the master's list count as done until the phase ends.
   for (auto at = checkpoints_.begin(); at != checkpoints_.end();) {
     if (!at->second.seen && at->second.own) gone_lines_ += at->second.lines;
     at = at->second.seen ? std::next(at) : checkpoints_.erase(at);
@@ -226,7 +227,7 @@ std::optional<Progress> RunWatch::look() {
   struct stat status;
   const bool ours = pid_ == 0 || progress.pid == pid_ || number_ == pid_;
   if (!ours || !isRestore(progress.pid) || fstat(dir_.get(), &status) != 0 || status.st_nlink == 0) {
-    dir_.reset();  // another one may begin
+    dir_.reset();  // another run may begin
     return std::nullopt;
   }
   const int rank = rankOfPhase(progress.phase);
@@ -250,6 +251,7 @@ std::optional<Progress> RunWatch::look() {
   for (const auto &[name, one] : checkpoints_) (one.own ? lines : nested_lines) += one.lines;
   done += finished_ + std::min(here, lines) + std::min(nested, nested_lines);
   progress.total += finished_;
+  // The estimate can fluctuate while lists and checkpoints change; never show it going backwards.
   most_done_ = std::max(most_done_, std::min(done, progress.total));
   progress.done = std::min(most_done_, progress.total);
   measureRate(&progress);

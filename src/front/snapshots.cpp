@@ -27,12 +27,12 @@ namespace {
 constexpr char kBeforeRestore[] = "-before-restore-";
 constexpr char kBeforeUndo[] = "-before-undo-";
 constexpr uint64_t kTopLevel = 5;
-constexpr size_t kNamePart = 180;  // bytes of the fileset's name in that of a backup
+constexpr size_t kNamePart = 180;  // most bytes of the fileset's name in the name of a backup
 
 std::string lastComponent(const std::string &path) {
   return path.substr(path.rfind('/') + 1);
 }
-// Without the last component; "" where there is no other.
+// Returns the path without its last component; "" if there is no other.
 std::string parentOf(const std::string &path) {
   const size_t slash = path.rfind('/');
   return slash == std::string::npos ? "" : path.substr(0, slash);
@@ -49,7 +49,8 @@ size_t digitsAt(std::string_view text, size_t at) {
   return end - at;
 }
 
-// NAME.YYYYMMDD, with Thhmm or Thhmmss and a time zone, and _N for a second one of that time.
+// Returns true for NAME.YYYYMMDD, with an optional Thhmm or Thhmmss, time zone, and _N for a repeated
+// time.
 bool hasBtrbkName(const std::string &name) {
   const size_t dot = name.rfind('.');
   if (dot == 0 || dot == std::string::npos || digitsAt(name, dot + 1) != 8) return false;
@@ -66,7 +67,7 @@ bool hasBtrbkName(const std::string &name) {
   return at == name.size();
 }
 
-// The ids in ktlssnapshot's table: the second word of each line behind the heading.
+// Reads the ids in ktlssnapshot's table: the second word of each line after the two header lines.
 std::set<uint64_t> relatedIds(const Fileset &fileset) {
   std::set<uint64_t> ids;
   int lines = 0;
@@ -89,7 +90,7 @@ void findSnapper(int top, Snapshot *one) {
   if (lastComponent(one->path) != "snapshot" || !isNumber(lastComponent(folder), &number)) return;
   const auto text = readInfoFile(top, folder + "/info.xml");
   const auto info = text ? parseSnapperInfo(*text) : std::nullopt;
-  // Where its file cannot be read, the usual name of its folder is sign enough.
+  // If the info file cannot be read, the usual name of the folder is sufficient evidence.
   if (info ? info->number != number : lastComponent(parentOf(folder)) != ".snapshots") return;
   one->maker = Maker::kSnapper;
   one->number = number;
@@ -140,7 +141,7 @@ Snapshot described(const char *path, const struct btrfs_util_subvolume_info &inf
   return one;
 }
 
-// Calls visit(path, info) for every subvolume but the top level.
+// Calls visit(path, info) for every subvolume except the top level.
 template <typename Visit>
 void forEachSubvolume(const Fileset &fileset, Visit visit) {
   using Iterator = btrfs_util_subvolume_iterator;
@@ -155,7 +156,7 @@ void forEachSubvolume(const Fileset &fileset, Visit visit) {
     const btrfs_util_error error =
         btrfs_util_subvolume_iterator_next_info(iterator.get(), &path, &info);
     if (error == BTRFS_UTIL_ERROR_STOP_ITERATION) return;
-    if (error == BTRFS_UTIL_ERROR_SUBVOLUME_NOT_FOUND) continue;  // deleted a moment ago
+    if (error == BTRFS_UTIL_ERROR_SUBVOLUME_NOT_FOUND) continue;  // deleted meanwhile
     if (error != BTRFS_UTIL_OK)
       throw Trouble(frontText(FrontText::kCannotRead, shown(fileset.root_path), strerror(errno)));
     const std::unique_ptr<char, decltype(&free)> owned(path, free);

@@ -1,4 +1,4 @@
-// The snapshots that a fileset can be restored to, and who made them.
+// Lists the snapshots to which a fileset can be restored, and finds who made each.
 #pragma once
 
 #include <cstdint>
@@ -10,24 +10,24 @@
 
 namespace front {
 
-// The folder of this program's own snapshots, below the top of the file system. The restore leaves it
-// alone where the fileset is the top-level subvolume.
+// The folder for this program's own snapshots, below the top of the file system. A restore of the
+// top-level subvolume leaves it alone.
 inline constexpr char kBackupFolder[] = ".fset";
 
 enum class Maker { kPlain, kSnapper, kBtrbk, kTimeshift, kFset };
-// "snapper" and so on; also in JSON.
+// Returns "snapper" and so on, also for JSON.
 const char *makerName(Maker maker);
 
-// What a snapshot of this program's own holds.
+// The state that a snapshot made by this program holds.
 enum class Backup { kNone, kBeforeRestore, kBeforeUndo };
 
 struct Snapshot {
   uint64_t id = 0;
   std::string path;  // below the top of the file system
-  std::string name;  // short, and of this one alone: "#42", "home-monday", the path where that is taken
+  std::string name;  // short and unique: "#42", "home-monday"; the path if that is taken
   Uuid uuid{}, parent{};
   int64_t created = 0;  // seconds since 1970
-  uint64_t order = 0;   // transaction that made it: orders what was made within one second
+  uint64_t order = 0;   // creating transaction; orders snapshots of one second
   bool read_only = true;
   Maker maker = Maker::kPlain;
   std::optional<uint64_t> number;  // snapper's
@@ -35,14 +35,13 @@ struct Snapshot {
   Backup backup = Backup::kNone;
 };
 
-// All of them, the newest first. Which ones can be restored to is ktlssnapshot's answer. Throws
-// Trouble.
+// Returns all snapshots, newest first. ktlssnapshot decides which ones count. Throws Trouble.
 std::vector<Snapshot> listSnapshots(const Fileset &fileset);
 
-// The path of every subvolume of the file system, below its top. Throws Trouble.
+// Returns the path of every subvolume of the file system, below its top. Throws Trouble.
 std::vector<std::string> listFilesets(const Fileset &fileset);
 
-// The name of a new one of this program's own.
+// Returns the name for a new backup.
 std::string backupName(const Fileset &fileset, Backup kind, int64_t now);
 
 }  // namespace front

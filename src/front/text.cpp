@@ -8,7 +8,8 @@ namespace front {
 
 namespace {
 
-// Length of the UTF-8 character at the start of `text`, and its number; 0 where there is none.
+// Returns the length of the UTF-8 character at the start of `text` and its code point; 0 if there is
+// none.
 size_t characterAt(std::string_view text, uint32_t *number) {
   const auto byte = [&](size_t at) { return static_cast<unsigned char>(text[at]); };
   const unsigned char first = byte(0);
@@ -102,7 +103,7 @@ std::string byteText(uint64_t bytes) {
   static constexpr const char *kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
   double value = static_cast<double>(bytes);
   size_t unit = 0;
-  // 1023.95 would be rounded to 1024.0.
+  // A value from 1023.95 on would be rounded to 1024.0.
   for (; value >= 1023.95 && unit + 1 < std::size(kUnits); ++unit) value /= 1024;
   char text[32];
   if (unit == 0)

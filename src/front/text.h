@@ -1,4 +1,4 @@
-// Names, sizes and ages as people read them.
+// Formats names, sizes and ages for people.
 #pragma once
 
 #include <cstdint>
@@ -7,26 +7,27 @@
 
 namespace front {
 
-// A name for a terminal. Names are bytes that anybody may have chosen, so all that could steer a
-// terminal or mislead a reader stands as \xNN: control characters (C1 too), bytes that are not UTF-8,
-// and the characters that change the direction of writing. A backslash is doubled.
+// Returns a name in a form that is safe on a terminal. Anybody can choose the bytes of a name, so \xNN
+// replaces everything that could control a terminal or mislead a reader: control characters (also C1),
+// bytes that are not UTF-8, and characters that change the direction of writing. Doubles a backslash.
 std::string shown(std::string_view name);
 
-// Undoes what fsetcompare does to the paths in its lines: \\, \n, \t and \xNN. Anything else stands for
-// itself.
+// Decodes the escapes in the paths of fsetcompare's lines: \\, \n, \t and \xNN. Keeps anything else.
 std::string unescaped(std::string_view text);
 
-// True when all of it is UTF-8 as RFC 3629 has it: no overlong forms, surrogates or numbers too large.
+// Returns true if all of it is UTF-8 according to RFC 3629: no overlong forms, surrogates or numbers
+// above the limit.
 bool isUtf8(std::string_view text);
 
-// "17 B", "33.1 MiB".
+// Returns a size such as "17 B" or "33.1 MiB".
 std::string byteText(uint64_t bytes);
-// Length of a time in the largest unit of which it holds at least two: "95 s", "19 h", "3 days".
+// Returns a duration in the largest unit of which it has at least two: "95 s", "19 h", "3 days".
 std::string ageText(int64_t seconds);
 
-// Columns that `text`, UTF-8 without control characters, takes on a terminal: one a character.
+// Returns the number of columns of `text`, UTF-8 without control characters, on a terminal: one per
+// character.
 size_t columns(std::string_view text);
-// Fills up with blanks at the end, or at the start.
+// Fill up with blanks on the right, or on the left.
 std::string padded(std::string text, size_t width);
 std::string rightAligned(std::string text, size_t width);
 

@@ -20,8 +20,8 @@ namespace front {
 
 namespace {
 
-// A mount point in the fileset would be in the way of its restore, so the folder for it is looked for
-// on memory file systems first.
+// Chooses the folder for the mount point. Memory file systems come first, because a mount point inside
+// the fileset would obstruct its restore.
 std::string folderForMountPoint() {
   static constexpr const char *kFolders[] = {"/run", "/dev/shm", "/dev", "/tmp"};
   for (const char *folder : kFolders) {
@@ -33,8 +33,8 @@ std::string folderForMountPoint() {
   return kFolders[0];
 }
 
-// A signal that ends this process must not leave its mount point behind. While a
-// restore runs, restore_run has these signals.
+// A signal that ends this process must not leave the mount point behind. While a restore runs,
+// restore_run handles these signals.
 char signalled_point[64];
 
 void removeAndEnd(int number) {
@@ -62,7 +62,8 @@ void removeOnSignals(const std::string &point) {
 }  // namespace
 
 TopMount::TopMount(const std::string &device, bool read_only) {
-  // Slave: nothing of ours shows outside, and what is unmounted outside is not kept busy by us.
+  // MS_SLAVE: mounts made here stay invisible outside, and file systems unmounted outside do not stay
+  // busy here.
   if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_SLAVE, nullptr) != 0)
     cannotMount(device);
   std::string point = folderForMountPoint() + "/fset.XXXXXX";

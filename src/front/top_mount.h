@@ -1,5 +1,5 @@
-// The top level of a file system, mounted for this process and its children alone, so that every
-// subvolume can be reached whatever is mounted on this machine.
+// Mounts the top level of a file system for this process and its children alone, so that every
+// subvolume can be reached, whatever is mounted on this machine.
 #pragma once
 
 #include <string>
@@ -8,9 +8,9 @@ namespace front {
 
 class TopMount {
  public:
-  TopMount() = default;  // none
-  // Takes this process into a mount namespace of its own and mounts the top level of the file system on
-  // `device`, a block device. What is unmounted outside meanwhile goes here as well. Throws Trouble.
+  TopMount() = default;  // no mount
+  // Moves this process into its own mount namespace and mounts the top level of the file system on the
+  // block device `device`. File systems that are unmounted outside disappear here, too. Throws Trouble.
   TopMount(const std::string &device, bool read_only);
   ~TopMount();
   TopMount(TopMount &&other) noexcept : point_(std::move(other.point_)) { other.point_.clear(); }
@@ -19,7 +19,7 @@ class TopMount {
     return *this;
   }
 
-  // Where it is mounted; "" where there is none.
+  // Returns the mount point; "" if there is none.
   const std::string &point() const { return point_; }
 
  private:

@@ -20,7 +20,7 @@ struct DirCloser {
   void operator()(DIR *dir) const { closedir(dir); }
 };
 
-// Calls visit(name) for every entry until it says yes; then true.
+// Calls visit(name) for every entry until it returns true; returns whether it did.
 template <typename Visit>
 bool anyEntry(const std::string &path, Visit visit) {
   const std::unique_ptr<DIR, DirCloser> dir(opendir(path.c_str()));
@@ -30,7 +30,8 @@ bool anyEntry(const std::string &path, Visit visit) {
   return false;
 }
 
-// Never asks a server that may be away: what is on another machine is not on this file system.
+// AT_STATX_DONT_SYNC: never wait for a server that is away. What lies on another machine is not on this
+// file system.
 bool liesOn(const std::string &path, dev_t device) {
   struct statx status;
   if (statx(AT_FDCWD, path.c_str(), AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC, STATX_TYPE, &status) != 0)

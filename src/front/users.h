@@ -1,4 +1,4 @@
-// Who uses a fileset.
+// Finds the processes that use a fileset.
 #pragma once
 
 #include <sys/types.h>
@@ -10,12 +10,12 @@ namespace front {
 
 struct User {
   pid_t pid = 0;
-  std::string name;  // as the process calls itself, raw bytes
+  std::string name;  // the process's own name, raw bytes
 };
 
-// The processes that have a file or directory of the file system `device` (st_dev) open, stand in it,
-// run a program of it or have mapped one of its files; this process is none of them. Processes that
-// cannot be looked at are passed over.
+// Returns the processes, other than this one, that have a file or directory of the file system `device`
+// (st_dev) open, have it as current or root directory, run a program from it or have mapped one of its
+// files. Skips processes that cannot be examined.
 std::vector<User> findUsers(dev_t device);
 
 }  // namespace front

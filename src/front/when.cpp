@@ -26,7 +26,7 @@ bool hasDigit(const std::string &words) {
   return std::any_of(words.begin(), words.end(), [](unsigned char c) { return isdigit(c) != 0; });
 }
 
-// Calls test(word) for each run of letters, in lower case, until it says yes.
+// Calls test(word) for each run of letters, in lower case, until it returns true.
 template <typename Test>
 bool anyWord(const std::string &words, Test test) {
   std::string word;
@@ -59,7 +59,7 @@ bool looksLikeTime(const std::string &words) {
   });
 }
 
-// True for a day alone: date(1) takes its first moment.
+// Returns true if the words name a whole day. date(1) then gives its first second.
 bool isWholeDay(const std::string &words, int64_t moment) {
   tm parts{};
   const time_t seconds = moment;
@@ -73,7 +73,7 @@ bool isWholeDay(const std::string &words, int64_t moment) {
 
 std::optional<int64_t> askDate(const std::string &words) {
   std::string output;
-  // Words that are no time are no error here: its message would only confuse.
+  // Words that are no time are no error here, so date's message would only confuse.
   Program date({kDate, "--date=" + words, "+%s"}, Program::Capture::kBoth, {"LC_ALL=C"});
   for (bool ended = false; !ended;) output += date.read(-1, &ended);
   if (date.wait() != 0) return std::nullopt;
@@ -86,7 +86,7 @@ std::string formatted(int64_t seconds, const char *format) {
   localtime_r(&time, &parts);
   char text[64];
 #pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"  // the three formats stand below
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"  // the three formats are below
   strftime(text, sizeof text, format, &parts);
 #pragma GCC diagnostic pop
   return text;
@@ -106,7 +106,7 @@ std::optional<int64_t> momentOf(const std::string &words, int64_t now) {
     if (!moment || *moment > now) throw Trouble(frontText(FrontText::kInTheFuture, shown(words)));
   }
   if (isWholeDay(words, *moment)) {
-    // The next day's beginning, whatever the clocks do in between.
+    // 6 hours beyond one day: into the next day even if it has 23 or 25 hours.
     const std::string day = isoTime(*moment + kDaySeconds + kDaySeconds / 4).substr(0, 10);
     if (const auto next = askDate(day)) moment = std::min(*next - 1, now);
   }

@@ -1,4 +1,4 @@
-// Times: what people say, and what is shown to them.
+// Parses the times that users write, and formats times for them.
 #pragma once
 
 #include <cstdint>
@@ -8,17 +8,18 @@
 
 namespace front {
 
-// The moment that a user's words mean, as date(1) reads them, in seconds since 1970; nothing where they
-// are no time, as a single letter or a bare number of other than eight digits is not. A day without a
-// time of day ("monday", "2026-11-24") means the end of that day. A day of the week, or a time of day,
-// that is still to come means the last one. Throws Trouble for what lies in the future all the same.
+// Returns the moment that a user's words mean, in seconds since 1970, as date(1) reads them. Returns
+// nothing if they are no time; a single letter, or a bare number without exactly eight digits, is none.
+// A day without a time of day ("monday", "2026-11-24") means the end of that day. A day of the week, or
+// a time of day, that is still to come means the previous one. Throws Trouble for any other time in the
+// future.
 std::optional<int64_t> momentOf(const std::string &words, int64_t now);
 
-// "2026-11-24 14:00:05", local time.
+// Returns local time as "2026-11-24 14:00:05".
 std::string localTime(int64_t seconds);
-// "2026-11-24T14:00:05+0100", for programs.
+// Returns local time as "2026-11-24T14:00:05+0100", for programs.
 std::string isoTime(int64_t seconds);
-// "2026-11-24-140005", for names.
+// Returns local time as "2026-11-24-140005", for names.
 std::string nameTime(int64_t seconds);
 
 }  // namespace front

@@ -11,7 +11,7 @@
 namespace {
 
 struct Clone {
-  bool is = false;  // a clone, a parent or both
+  bool is = false;  // a clone, a clone parent or both
   CloneAttr attr;
   CloneSnapAttr snap;
 
@@ -19,7 +19,7 @@ struct Clone {
   bool isParent() const { return is && attr.isParent(); }
 };
 
-// isClone would record a failure as a fatal error of a run, which a comparison is not.
+// Does not call isClone, which would record a failure as the fatal error of a restore.
 Result readClone(kest_ifile_t *file, Clone *clone) {
   const int is = kest_iclone_attr(file, clone->attr.bytes.data(), clone->snap.bytes.data());
   if (is < 0) return failedErrno(0);
@@ -33,9 +33,9 @@ Result readClones(kest_ifile_t *active, kest_ifile_t *snapshot, Clone *have, Clo
   return readClone(snapshot, want);
 }
 
-// A clone's parent in its own tree.
+// The parent of a clone in the clone's own tree.
 struct Parent {
-  Inode file;  // empty: the number leads to no living parent
+  Inode file;  // empty if the number leads to no clone parent
   Clone clone;
 };
 
@@ -68,6 +68,7 @@ class CloneComparison {
     if (Result r = findParent(handles.activeFsP, have_, &parent_now_); !r) return r;
     if (Result r = findParent(handles.oldFsP, want_, &parent_then_); !r) return r;
     const bool survived = kest_same_file(active_, snapshot_) == 1;
+    // The restore makes such a file from its data, so this is what equality means here.
     if (!survived && want_.is && want_.depth() > 0 && !parentFits(want_, parent_then_)) {
       const bool right = want_.isParent() ? have_.isParent() && have_.depth() == 0 : !have_.is;
       return right ? Result{} : differ();
@@ -94,7 +95,7 @@ class CloneComparison {
     return parent.file && parent.clone.depth() + 1 == clone.depth();
   }
 
-  // Whether every ancestor in the snapshot is there.
+  // Sets *whole if the snapshot holds every ancestor of the clone.
   static Result reachesRoot(Clone clone, bool *whole) {
     *whole = false;
     while (clone.depth() > 0 && !clone.attr.parentInSnapshot()) {
@@ -147,8 +148,8 @@ class CloneComparison {
   Parent parent_now_, parent_then_;
 };
 
-// Whether the active inode is another parent than the snapshot's, or has other data. Both are open, and
-// `then` is a parent.
+// Sets *changed if the active inode is not the snapshot's clone parent any more, or has other data.
+// Both inodes are open, and `then` is a parent.
 Result parentChanged(kest_ifile_t *active, kest_ifile_t *snapshot, const Clone &then, bool *changed) {
   *changed = true;
   if (kest_same_file(active, snapshot) != 1) return {};
@@ -175,7 +176,7 @@ Result isBrokenParent(uint64_t ino, bool *broken) {
   return active ? parentChanged(active.get(), snapshot.get(), then, broken) : Result{};
 }
 
-// A clone that the difference knows was compared already.
+// Compares one clone that the difference does not contain; the walk has compared all others.
 Result compareUnchanged(uint64_t ino, Report *report) {
   const int known = kest_idifference(handles.iscanP, ino);
   if (known < 0) return failedErrno(0);

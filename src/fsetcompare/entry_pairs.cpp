@@ -10,7 +10,7 @@
 
 namespace {
 
-// Gives the next entry, null at the end: 0, or -1 and errno.
+// Gives the next entry, or null at the end. Returns 0, or -1 and errno.
 using Next = std::function<int(const kest_direntx64_t **entry)>;
 
 // Reads entries until `next` gives none.
@@ -23,6 +23,7 @@ Result addAll(const Next &next, bool from_snapshot, EntryPairs *pairs) {
     const bool snapshot = from_snapshot || (entry->d_type & KEST_DT_SNAP) != 0;
     const bool junction = (entry->d_flags & (KEST_DF_JUNCTION | KEST_DF_JUNCTION2)) != 0;
     EntryPair &pair = (*pairs)[std::string(name)];
+    // A nested subvolume shows as an empty directory in the snapshot; it is no entry of its own there.
     if (snapshot && junction) {
       pair.nested = entry->d_ino;
       continue;

@@ -13,24 +13,24 @@
 
 struct Entry {
   uint64_t ino = 0;
-  uint32_t mode = 0;      // the type alone, as in st_mode
-  bool junction = false;  // a nested fileset, whose number `ino` is then; never of the snapshot
+  uint32_t mode = 0;      // only the type bits, as in st_mode
+  bool junction = false;  // a nested fileset, with its id as `ino`; never set for the snapshot
 };
 
 struct EntryPair {
   std::optional<Entry> active, snapshot;
-  std::optional<uint64_t> nested;  // the number of the nested fileset that the snapshot has here
+  std::optional<uint64_t> nested;  // id of the nested fileset that the snapshot has under this name
 };
 using EntryPairs = std::map<std::string, EntryPair>;
 
-// rc of a failure is the errno.
+// In all three, rc of a failure is the errno.
 
-// Adds what a tree holds under inode `ino`, as one side, but for entries that a restore leaves alone.
+// Adds one side: the entries of inode `ino` in a tree, without those that a restore leaves alone.
 Result addListing(kest_fssnap_handle_t *tree, uint64_t ino, EntryPairs *pairs);
 
-// Adds what only one of the two directories with this number holds, by the difference scan.
+// Adds the entries that only one of both directories with this number has, from the difference scan.
 Result addChangedEntries(uint64_t ino, EntryPairs *pairs);
 
-// Adds what both of these directories hold and what is different itself or leads to a difference. After
+// Adds the entries that both directories have and that differ or lead to a difference. Call it after
 // addChangedEntries.
 Result addCommonEntries(uint64_t ino, EntryPairs *pairs);

@@ -14,7 +14,7 @@ namespace {
 constexpr int64_t kBlock = 4096;
 constexpr unsigned kExtentsAtOnce = 256;
 
-// In the longest file the last block ends where no offset is any more.
+// In a file of the greatest size the end of the last block is no valid offset.
 int64_t roundUp(int64_t offset) {
   return offset > INT64_MAX - kBlock ? INT64_MAX : (offset + kBlock - 1) / kBlock * kBlock;
 }
@@ -43,6 +43,7 @@ Result readExtentMap(const kest_ifile_t *file, std::vector<Extent> *extents) {
     for (uint32_t i = 0; i < map->fm_mapped_extents; ++i) {
       const fiemap_extent &one = map->fm_extents[i];
       at = one.fe_logical + one.fe_length;
+      // A preallocated extent reads as zeros and counts as a hole.
       if (one.fe_flags & FIEMAP_EXTENT_UNWRITTEN) continue;
       const uint64_t end = std::min<uint64_t>(at, INT64_MAX);
       extents->push_back({static_cast<int64_t>(one.fe_logical), static_cast<int64_t>(end),

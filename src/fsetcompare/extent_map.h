@@ -1,4 +1,4 @@
-// Where the data of a file lies, as the file system shows it to every user.
+// Reads where the data of a file lies, with calls that every program can make.
 #pragma once
 
 #include <cstdint>
@@ -9,22 +9,22 @@
 #include "kest.h"
 
 struct Extent {
-  int64_t start = 0, end = 0;  // in the file, bytes
-  uint64_t place = 0;          // on the device, bytes; of a compressed extent that of the whole
-  bool whole = false;          // compressed: only the whole has a place
-  bool placed = true;          // false: the metadata hold its data
+  int64_t start = 0, end = 0;  // bytes in the file
+  uint64_t place = 0;  // byte offset on the device; for a compressed extent that of the whole extent
+  bool whole = false;  // compressed, so parts of it have no place of their own
+  bool placed = true;  // false: inline extent, whose data lies in the metadata
 };
 
-// The extents that hold data, in order; preallocated ones are left out. rc of a failure is the errno.
+// Reads the extents that hold data, in order, without preallocated ones. rc of a failure is the errno.
 Result readExtentMap(const kest_ifile_t *file, std::vector<Extent> *extents);
 
-using Ranges = std::vector<std::pair<int64_t, int64_t>>;  // [start, end), in order, merged
+using Ranges = std::vector<std::pair<int64_t, int64_t>>;  // [start, end), in order and merged
 
-// What of [0, size) is data and not a hole, in whole blocks.
+// Returns the parts of [0, size) that are data and not holes, in whole blocks.
 Ranges dataRanges(const std::vector<Extent> &extents, int64_t size);
-// Where both files hold the same blocks at the same offsets.
+// Returns the ranges in which both files hold the same blocks at the same offsets.
 Ranges sharedRanges(const std::vector<Extent> &one, const std::vector<Extent> &other);
-// The first offset that is in exactly one of both; -1 none.
+// Returns the first offset that lies in exactly one of both, or -1.
 int64_t firstDifference(const Ranges &one, const Ranges &other);
-// The first offset that is in `one` and not in `other`; -1 none.
+// Returns the first offset that lies in `one` and not in `other`, or -1.
 int64_t firstMissing(const Ranges &one, const Ranges &other);

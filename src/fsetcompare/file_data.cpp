@@ -15,7 +15,7 @@ namespace {
 
 constexpr int64_t kPiece = 256 * 1024;
 
-// A stretch of data or of a hole.
+// A contiguous range of data or of a hole.
 struct Stretch {
   int64_t end = 0;
   bool hole = false;
@@ -40,11 +40,11 @@ class DataComparison {
     return {};
   }
 
-  int64_t dataAt() const { return dataAt_; }  // offset of the first byte that differs, -1: none does
+  int64_t dataAt() const { return dataAt_; }  // offset of the first byte that differs, or -1
   bool holesDiffer() const { return holesDiffer_; }
 
  private:
-  // `to` where the file has become shorter meanwhile.
+  // Finds the end of the stretch at `at`; `to` if the file has become shorter meanwhile.
   static Result stretchAt(kest_ifile_t *file, int64_t at, int64_t to, Stretch *stretch) {
     int hole = 0;
     int64_t offset = at;
@@ -70,7 +70,7 @@ class DataComparison {
     return {};
   }
 
-  // Bytes after the end of a file that has become shorter read as zeros.
+  // Reads bytes; those after the end of a file that has become shorter are zeros.
   Result read(int side, int64_t at, int64_t want, bool hole) {
     std::vector<char> &buffer = buffers_[side];
     if (buffer.size() < static_cast<size_t>(want)) buffer.resize(static_cast<size_t>(want));
@@ -90,7 +90,7 @@ class DataComparison {
   bool holesDiffer_ = false;
 };
 
-// Visits every range that the difference scan names below `size`; a failure of a visit ends it.
+// Visits every range below `size` in the difference scan, until a visit fails.
 Result forEachChange(kest_ifile_t *active, int64_t size,
                      const std::function<Result(int64_t offset, int64_t length)> &visit) {
   for (int64_t offset = 0; offset < size;) {
@@ -104,8 +104,8 @@ Result forEachChange(kest_ifile_t *active, int64_t size,
   return {};
 }
 
-// The quick answer is no proof: the kernel says "data" of preallocated blocks that a file got through a
-// reflink.
+// Compares the extent maps, because the first answer is no proof: the kernel reports preallocated
+// blocks that a file got by a reflink as data.
 Result compareHoles(kest_ifile_t *active, kest_ifile_t *snapshot, int64_t size, const std::string &path,
                     Report *report) {
   std::vector<Extent> now, then;

@@ -1,4 +1,4 @@
-// Which names are the same inode, and whether they are the same names in both trees.
+// Collects which names are hard links to one inode, and compares that between both trees.
 #pragma once
 
 #include <sys/stat.h>
@@ -12,20 +12,20 @@
 
 class LinkGroups {
  public:
-  // Two inodes that one name leads to. True for the first name of this pair, the only one for which the
-  // inodes themselves need to be compared.
+  // Takes two inodes that one name leads to. Returns true for the first name of this pair, for which
+  // alone the caller needs to compare the inodes themselves.
   bool meet(const struct stat &active, const struct stat &snapshot);
 
-  // One line for every inode of the snapshot whose names are not those of one inode of the fileset, at
-  // the first of its names.
+  // Reports each inode of the snapshot whose names are not exactly those of one inode of the fileset,
+  // at its first name.
   void report(Report *report) const;
 
  private:
   struct Group {
-    std::vector<uint64_t> partners;  // inodes of the fileset under its names
+    std::vector<uint64_t> partners;  // inodes of the fileset under the group's names
     bool other_count = false;
   };
-  std::unordered_map<uint64_t, Group> groups_;       // by inode of the snapshot
-  std::unordered_map<uint64_t, uint64_t> partners_;  // of inodes of the fileset: the first one met
-  std::vector<uint64_t> torn_;                       // share an inode of the fileset with another
+  std::unordered_map<uint64_t, Group> groups_;       // key: inode of the snapshot
+  std::unordered_map<uint64_t, uint64_t> partners_;  // fileset inode -> first snapshot inode met
+  std::vector<uint64_t> torn_;  // snapshot inodes that share an inode of the fileset with another
 };

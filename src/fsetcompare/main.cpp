@@ -1,4 +1,4 @@
-// fsetcompare from the command line to the exit status.
+// fsetcompare, from the command line to the exit status.
 #include <fcntl.h>
 #include <getopt.h>
 #include <string.h>
@@ -29,14 +29,13 @@ struct Options {
   bool help = false, version = false;
 };
 
-// False: usage.
+// Returns false if the usage message must be printed.
 bool readOptions(int argc, char **argv, Options *options) {
   const option kLong[] = {{"full", no_argument, nullptr, 'f'},
                           {"help", no_argument, nullptr, 'h'},
                           {"version", no_argument, nullptr, 'V'},
                           {nullptr, 0, nullptr, 0}};
-  // With the leading '-', getopt returns words that are no options in their order, whatever
-  // POSIXLY_CORRECT says.
+  // The leading '-' makes getopt return other words in their order, too, even with POSIXLY_CORRECT.
   for (int letter; (letter = getopt_long(argc, argv, "-j:o:", kLong, nullptr)) != -1;) {
     if (letter == 1) {
       if (!settings.deviceP.empty()) return false;
@@ -54,7 +53,7 @@ bool readOptions(int argc, char **argv, Options *options) {
       return false;
     }
   }
-  // Words that follow "--".
+  // The words after "--".
   for (; optind < argc; ++optind) {
     if (!settings.deviceP.empty()) return false;
     settings.deviceP = argv[optind];
@@ -62,7 +61,7 @@ bool readOptions(int argc, char **argv, Options *options) {
   return !settings.deviceP.empty() && !settings.filesetP.empty() && !settings.snapOldP.empty();
 }
 
-// The words that were asked for, on standard output.
+// Prints the requested help or version on standard output.
 Status tell(const Options &options) {
   if (options.help)
     fputs(messageText(Message::kCompareHelp), stdout);
@@ -73,14 +72,15 @@ Status tell(const Options &options) {
   return kTrouble;
 }
 
-// No tree shows what has not been written yet.
+// Data that is not committed yet is in no tree.
 Result commit() {
   const UniqueFd root(open(handles.rootPath.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return root ? called(syncfs(root.get())) : failedErrno(0);
 }
 
-// Lets the time run for all who hold leases on files that will be read. Each is waited for when his
-// file's turn comes.
+// Starts breaking the leases on files that the comparison will read, all at once. Later it waits for
+// each lease when it comes to the file; otherwise it would wait the full time for one lease after the
+// other.
 void tellLeaseHolders() {
   for (const uint64_t ino : leasedInodes())
     for (kest_fssnap_handle_t *tree : {handles.activeFsP, handles.oldFsP}) {

@@ -20,10 +20,10 @@ namespace {
 
 using Xattrs = std::map<std::string, std::string>;
 
-// They hold the relation between clones, which is compared by itself.
+// These hold the relation between clones, which compareClones compares.
 constexpr std::string_view kOwnAttributes = "trusted.kest.";
 
-constexpr int kAttributes = 32;  // what kest_igetattrsx is to return
+constexpr int kAttributes = 32;  // selects what kest_igetattrsx returns
 
 struct FlagName {
   int bit;
@@ -38,7 +38,7 @@ struct ObjectState {
   struct stat st {};
   int flags = 0;
   Xattrs xattrs;
-  bool too_many = false;  // more names than the kernel lists
+  bool too_many = false;  // more names than the kernel can list
 };
 
 Result readValue(const char *object, const char *name, std::string *value) {
@@ -105,10 +105,9 @@ std::string timeText(const timespec &time) {
   return text;
 }
 
-// The kernel marks a file whose data did not become smaller as not to be compressed, with the flag that
-// users set as well. Its mark says nothing about the file. It is only on a file that was written since:
-// one that shares all its blocks with the snapshot's was marked by a user, and so was one without
-// blocks.
+// The kernel sets the no-compression flag, which users set as well, on a file whose data did not
+// shrink. Its own mark is no difference. It can only be on a file that was written since the snapshot:
+// if the file shares all its blocks with the snapshot's, or has none, a user set the flag.
 Result leaveOutKernelsMark(kest_ifile_t *active, kest_ifile_t *snapshot, int64_t size,
                            const ObjectState &then, ObjectState *now) {
   if (!isRegular(active->if_mode) || (now->flags & ~then.flags & FS_NOCOMP_FL) == 0) return {};
@@ -128,7 +127,7 @@ std::string flagsText(int flags) {
   return text.empty() ? "none" : text;
 }
 
-// Of an object with more attributes than can be listed, the library shows whether they differ.
+// For an object with more attributes than the kernel can list, the library decides whether they differ.
 Result compareAllXattrs(kest_ifile_t *active, kest_ifile_t *snapshot, const std::string &path,
                         Report *report) {
   std::vector<char> blobs[2];

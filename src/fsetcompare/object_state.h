@@ -1,5 +1,5 @@
-// What is compared of an object besides its data: owner, mode, times, attributes, flags, target,
-// device.
+// Compares the properties of an object besides its data: owner, mode, times, attributes, flags, link
+// target and device.
 #pragma once
 
 #include <sys/stat.h>
@@ -10,14 +10,15 @@
 #include "fsetcompare/report.h"
 #include "kest.h"
 
-// "file", "directory", "link", "fifo", "socket", "char", "block", by an st_mode.
+// Returns the name of the type in an st_mode: "file", "directory", "link", "fifo", "socket", "char" or
+// "block".
 const char *kindName(uint32_t mode);
 
-// rc of a failure is the errno.
+// In both, rc of a failure is the errno.
 
-// The object as it is now.
+// Reads the object's present state.
 Result statObject(const kest_ifile_t *file, struct stat *st);
 
-// Reports what differs between two objects of one type, but data, link groups and clones.
+// Reports how two objects of one type differ, except in data, hard links and clones.
 Result compareProperties(kest_ifile_t *active, kest_ifile_t *snapshot, const std::string &path,
                          Report *report);

@@ -1,4 +1,4 @@
-// The lines that report what differs.
+// Prints the lines that report differences.
 #pragma once
 
 #include <cstdint>
@@ -8,19 +8,20 @@
 
 #include "base/result.h"
 
-// A difference is one line: a kind word, the path below the root of the fileset ("." the root itself),
-// and the details of the kind, separated by tabs.
+// A difference is one line of fields separated by tabs: a kind word, the path below the fileset's root
+// ("." for the root itself), and the details of that kind.
 class Report {
  public:
-  // quiet: only counts.
+  // With `quiet`, only counts.
   explicit Report(bool quiet = false) : quiet_(quiet) {}
 
-  // Path and details are escaped here. Of two values the snapshot's comes first.
+  // Escapes path and details. Of two values, the snapshot's comes first.
   void difference(const char *kind, const std::string &path,
                   std::initializer_list<std::string> details = {});
-  // An object that could not be compared: a message with errno `error`.
+  // Reports an object that could not be compared, for the reason in the errno `error`.
   void trouble(const std::string &path, int error);
-  // The line with the count. Fails where standard output did not take all that was printed.
+  // Prints the line with the count. Fails if standard output did not accept everything that was
+  // printed.
   Result finish() const;
 
   int64_t differences() const { return differences_; }
@@ -32,5 +33,6 @@ class Report {
   bool troubled_ = false;
 };
 
-// Backslash, newline and tab as \\, \n and \t, other control bytes as \xNN, every other byte as it is.
+// Writes backslash, newline and tab as \\, \n and \t and other control bytes as \xNN; keeps all other
+// bytes.
 std::string escaped(std::string_view text);

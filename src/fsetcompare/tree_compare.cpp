@@ -26,14 +26,14 @@ Result statBoth(kest_ifile_t *active, kest_ifile_t *snapshot, struct stat *now, 
   return statObject(snapshot, then);
 }
 
-// Opens both, or fails.
+// Opens both inodes or fails.
 Result openBoth(uint64_t active_ino, uint64_t snapshot_ino, Inode *active, Inode *snapshot) {
   if (Result r = openInode(handles.activeFsP, active_ino, active); !r) return r;
   return openInode(handles.oldFsP, snapshot_ino, snapshot);
 }
 
-// Both are the same object, which has one name at a time: under another name in the other tree it was
-// moved. What cannot be looked at is not known to be one.
+// Returns true if both are the same object and it has one name at a time, so that another name in the
+// other tree means a move. Returns false if they cannot be examined.
 bool isOneObject(kest_ifile_t *active, kest_ifile_t *snapshot) {
   struct stat now, then;
   if (kest_same_file(active, snapshot) != 1) return false;
@@ -46,7 +46,7 @@ bool isInBothTrees(uint64_t ino) {
   return openBoth(ino, ino, &active, &snapshot) && isOneObject(active.get(), snapshot.get());
 }
 
-// Compares everything but names, link groups and the contents of directories.
+// Compares everything except names, hard links and the contents of directories.
 Result compareObjects(kest_ifile_t *active, kest_ifile_t *snapshot, bool by_difference,
                       const std::string &path, Report *report) {
   if (Result r = compareProperties(active, snapshot, path, report); !r) return r;
@@ -55,14 +55,15 @@ Result compareObjects(kest_ifile_t *active, kest_ifile_t *snapshot, bool by_diff
   return compareClones(active, snapshot, path, report);
 }
 
-// A nested fileset that only the snapshot has, which no restore brings back, or that stands where the
-// snapshot has it.
+// Returns true for a nested fileset that is at the snapshot's place, or that only the snapshot has: no
+// restore brings back the latter.
 bool isNestedAlone(const EntryPair &pair) {
   if (!pair.nested || pair.snapshot) return false;
   return !pair.active || (pair.active->junction && pair.active->ino == *pair.nested);
 }
 
-// The path at which the snapshot has the nested fileset `id`. False where it does not have it.
+// Finds the path of the nested fileset `id` in the snapshot. Returns false if the snapshot does not
+// have it.
 bool nestedHome(uint64_t id, std::string *path) {
   uint64_t dir = 0;
   char name[256];
@@ -73,8 +74,8 @@ bool nestedHome(uint64_t id, std::string *path) {
   return true;
 }
 
-// Two objects that changed places and equal each other in everything that is compared did not change
-// anything. What cannot be compared is not equal.
+// Returns true if two objects that changed places are equal in everything that is compared, in which
+// case nothing has changed. Returns false if they cannot be compared.
 bool areEqual(uint64_t active_ino, uint64_t snapshot_ino) {
   Inode active, snapshot;
   struct stat now, then;
@@ -119,14 +120,14 @@ class TreeComparison {
   }
 
  private:
-  // Two objects, or, with one number 0, an object that only one tree has. Paths are those of the tree
-  // itself.
+  // Two objects, or an object of only one tree if the other number is 0. Each path is that in the
+  // object's own tree.
   struct Dirs {
     uint64_t active = 0, snapshot = 0;
     std::string active_path, path;
   };
 
-  // Compares two objects and keeps directories to be entered.
+  // Compares two objects and remembers directories to enter later.
   void compareBoth(const Dirs &both) {
     Inode active, snapshot;
     if (Result r = openInode(handles.activeFsP, both.active, &active); !r) {
@@ -169,7 +170,7 @@ class TreeComparison {
       if (Result r = addChangedEntries(both.active, pairs); !r) return r;
       return addCommonEntries(both.active, pairs);
     }
-    // ENOENT: gone since its name was read.
+    // ENOENT: removed since its name was read.
     if (both.active != 0)
       if (Result r = addListing(handles.activeFsP, both.active, pairs); !r && r.err != ENOENT) return r;
     return both.snapshot != 0 ? addListing(handles.oldFsP, both.snapshot, pairs) : Result{};
@@ -196,8 +197,8 @@ class TreeComparison {
     }
   }
 
-  // Whether the two objects of one name are to be compared: unless one of them has another name in the
-  // other tree.
+  // Returns true if the objects of one name must be compared with each other, that is, unless one of
+  // them has another name in the other tree.
   static bool belongTogether(const Entry &active, const Entry &snapshot) {
     if (active.ino == snapshot.ino) return true;
     if (!isInBothTrees(active.ino) && !isInBothTrees(snapshot.ino)) return true;
@@ -216,7 +217,8 @@ class TreeComparison {
     if (isDirectory(snapshot->if_mode)) dirs_.push_back({0, ino, path, path});
   }
 
-  // Whether the snapshot's name of an object that had another one leads here is known only at the end.
+  // Only the end of the walk shows whether the object was moved here from another name, so postpone the
+  // report.
   void onlyInActive(const Entry &entry, const std::string &path) {
     if (isInBothTrees(entry.ino))
       newcomers_.emplace(entry.ino, std::make_pair(path, entry));

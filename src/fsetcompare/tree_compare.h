@@ -1,11 +1,11 @@
-// The comparison of a fileset with its snapshot.
+// Compares a fileset with its snapshot.
 #pragma once
 
 #include "base/result.h"
 #include "fsetcompare/report.h"
 
-// Compares the trees of `handles` and reports every difference once. Objects are compared with those of
-// the same name; one that has another name in the fileset is reported as moved, and the contents of a
-// moved directory are compared there. `full`: every object is read; else those that the difference scan
-// names. A failure, whose rc is the errno, means that the comparison broke off.
+// Compares the trees of `handles` and reports every difference once. Compares objects of equal names.
+// Reports an object that has another name in the fileset as moved, and compares it, and what a moved
+// directory contains, at that place. With `full` reads every object; else only those in the difference
+// scan. A failure means that the comparison was broken off; its rc is the errno.
 Result compareTrees(bool full, Report *report);

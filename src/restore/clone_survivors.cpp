@@ -19,7 +19,7 @@
 
 namespace {
 
-using NewParents = std::unordered_map<uint64_t, uint64_t>;  // number in the snapshot to number now
+using NewParents = std::unordered_map<uint64_t, uint64_t>;  // number in the snapshot -> present number
 
 Result readBucket(const std::string &bucket, NewParents *parents) {
   Dir dir;
@@ -32,7 +32,7 @@ Result readBucket(const std::string &bucket, NewParents *parents) {
     uint64_t now = 0, twin = 0;
     if (Result r = readNewParent(*then, &now); !r) return r;
     if (Result r = called(kest_twin(handles.iscanP, *then, &twin)); !r) return r;
-    // Every survivor that is a clone of a twin knows its number already.
+    // All surviving clones of a twin already name it as their parent.
     if (now != 0 && now != twin) (*parents)[*then] = now;
   }
 }
@@ -48,7 +48,8 @@ Result readNewParents(NewParents *parents) {
   }
 }
 
-// A clone parent has become immutable on the way, whatever it was in the snapshot.
+// Setting a new parent number left the clone parent immutable. Restores the snapshot's state of that
+// flag.
 Result restoreImmutable(kest_ifile_t *snap, kest_ifile_t *active) {
   const UniqueFd snap_fd(kest_path_descriptor(snap));
   if (!snap_fd) return failedErrno(0);
@@ -60,14 +61,15 @@ Result restoreImmutable(kest_ifile_t *snap, kest_ifile_t *active) {
   return wanted.immutable == now.immutable ? Result{} : setImmutableFlag(fd.get(), wanted.immutable);
 }
 
-// A clone state that cannot be read has been recorded as a fatal error: the run ends with 1 whatever
-// follows here.
+// If the clone state cannot be read, isClone has recorded a fatal error, so the run ends with 1 in any
+// case.
 bool countsAsClone(kest_ifile_t *file, CloneAttr *attr) {
   bool clone = false;
   return isClone(file, &clone, attr) && clone;
 }
 
-// The inode that is the clone `ino` of the snapshot now, survivor or twin; 0: none.
+// Finds the inode that now stands for the snapshot's clone `ino`: its twin, or the survivor itself; 0
+// if none.
 Result numberNow(uint64_t ino, uint64_t *now) {
   if (Result r = called(kest_twin(handles.iscanP, ino, now)); !r || *now != 0) return r;
   FileKind kind = kKindOther;
@@ -93,7 +95,8 @@ Result followParent(uint64_t ino, const NewParents &parents) {
   return attr.isParent() ? restoreImmutable(snap.get(), active.get()) : Result{};
 }
 
-// Gives a parent the time that it was kept from (unsettledTime).
+// Gives a clone parent the snapshot's modification time, which it did not get before (see
+// unsettledTime).
 Result settleParent(uint64_t then, uint64_t now) {
   constexpr int kModificationTime = 2;
   OpenObject snap;
@@ -101,6 +104,7 @@ Result settleParent(uint64_t then, uint64_t now) {
   if (Result r = openSnapshotObject(then, "", &snap); !r) return r;
   if (Result r = openInode(handles.activeFsP, now, &active); !r) return r;
   const kest_timestruc64_t times[4] = {{}, snap.facts.attr.ia_mtime, {}, {}};
+  // The immutable flag of a parent forbids to set its times, so clear it for that moment.
   if (Result r = called(kest_iset_protection(active.get(), 0)); !r) return r;
   if (Result r = called(kest_iset_times(active.get(), kModificationTime, times)); !r) return r;
   return called(kest_iset_protection(active.get(), snap.facts.protection));
@@ -123,6 +127,8 @@ Result followNewParents() {
   NewParents parents;
   if (Result r = readNewParents(&parents); !r || parents.empty()) return r;
   if (Result r = followAll(parents); !r) return r;
+  // Only now do all clones know their parents. A run that died earlier leaves parents with a wrong
+  // time, so that the next run makes them again.
   for (const auto &[then, now] : parents)
     if (Result r = settleParent(then, now); !r) return r;
   return {};

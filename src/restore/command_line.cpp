@@ -15,13 +15,14 @@
 
 namespace {
 
-constexpr size_t kNameMax = 1023;  // characters of a node list and of a work directory path
+constexpr size_t kNameMax = 1023;  // most characters of a node list and of a work directory path
 
 int32_t number(const char *text) {
   return static_cast<int32_t>(strtol(text, nullptr, 10));
 }
 
-// "<number><m|M|g|G>" as KiB; false for any other last character. The number saturates.
+// Parses "<number><m|M|g|G>" into KiB; returns false for any other last character. Large numbers
+// saturate.
 bool parseMemory(const char *text, uint64_t *kib) {
   const size_t length = strlen(text);
   uint64_t factor = 0;
@@ -44,7 +45,8 @@ bool parseMemory(const char *text, uint64_t *kib) {
   return true;
 }
 
-// The engine finds the program by this path, whatever its own current directory and PATH are.
+// The engine starts this program from another directory and with another PATH, so it needs an absolute
+// path.
 std::string ownPath(const char *argv0) {
   char path[kPathMax];
   const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
@@ -52,7 +54,7 @@ std::string ownPath(const char *argv0) {
   return std::string(path, static_cast<size_t>(length));
 }
 
-// A device named relative to the current directory, which the run is about to leave.
+// The run is about to leave the current directory, so a relative device would be lost.
 std::string absoluteDevice(const std::string &typed) {
   if (typed.empty() || typed.front() == '/') return typed;
   const std::unique_ptr<char, decltype(&free)> resolved(realpath(typed.c_str(), nullptr), free);
@@ -64,7 +66,7 @@ RunMode usage(const char *argv0) {
   return RunMode::kUsage;
 }
 
-// False: usage.
+// Returns false if the command line must be answered by the usage message.
 bool applyOption(int option, const char *value) {
   switch (option) {
     case 'j':
@@ -145,8 +147,7 @@ RunMode readCommandLine(int argc, char **argv) {
     settings.deviceP = argv[1];
   }
 
-  // With the leading '-', getopt returns words that are no options in their order, whatever
-  // POSIXLY_CORRECT says.
+  // The leading '-' makes getopt return other words in their order, too, even with POSIXLY_CORRECT.
   optind = 0;
   int option;
   while ((option = getopt(argc, argv, "-j:b:B:o:t:Dd:m:s:M:N:p:c:Eqvxk")) != -1) {
@@ -161,11 +162,12 @@ RunMode readCommandLine(int argc, char **argv) {
     return usage(argv[0]);
   if (!worker) {
     settings.deviceP = absoluteDevice(settings.deviceP);
-    // Options of workers: the master makes its own work directory and counts its passes from 1.
+    // These two options are for workers: the master makes its own work directory and counts its passes
+    // from 1.
     settings.shareDir.clear();
     settings.pass = 0;
   } else if (settings.shareDir.empty()) {
-    return usage(argv[0]);  // its marker would land in the machine's root directory
+    return usage(argv[0]);  // else its marker would go to the machine's root directory
   }
   return RunMode::kRun;
 }

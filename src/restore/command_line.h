@@ -1,12 +1,12 @@
-// The command line of both run modes.
+// Parses the command line of both run modes.
 #pragma once
 
 enum class RunMode {
-  kProbe,  // "TEST": ends at once with 0
-  kUsage,  // the usage message was printed, the run ends with 1
-  kRun,    // settings are filled; settings.role tells master from worker
+  kProbe,  // "TEST": end at once with 0
+  kUsage,  // the usage message was printed: end with 1
+  kRun,    // settings are filled, among them the role
 };
 
-// Reads the arguments into `settings`, printing messages about them. Paths of this program and of the
-// device become absolute.
+// Parses the arguments into `settings` and prints messages about errors. Makes the paths of this
+// program and of the device absolute.
 RunMode readCommandLine(int argc, char **argv);

@@ -17,20 +17,20 @@
 namespace {
 
 constexpr int kRemoteFileset = 1;
-constexpr int kAlreadyDone = 56;  // exit status of suspend and resume that is as good as 0
+constexpr int kAlreadyDone = 56;  // this exit status of suspend and resume also means success
 
-// The fileset's name for a command line, where a first "-" would make it an option.
+// Returns the fileset's name for a command line. A slash keeps a leading "-" from making it an option.
 std::string filesetWord() {
   return shellWord(settings.filesetP.starts_with('-') ? "/" + settings.filesetP : settings.filesetP);
 }
 
-// The output of one of the file system's commands and its exit status.
+// Runs one of the file system's commands and reads its output and exit status.
 Result askFileSystem(const std::string &command, std::string *output, int *status) {
   if (Result r = checkCommand(command); !r) return r;
   return runCommandOutput(command, output, status);
 }
 
-// Runs "ktfsctl <device> <word>", whose messages go to standard error.
+// Runs "ktfsctl <device> <word>". The command prints its messages on standard error.
 Result fileSystemControl(const std::string &command, const char *label, Message cannot_start) {
   if (Result r = checkCommand(command); !r) return r;
   int status = 0;
@@ -54,7 +54,7 @@ Result writeSnapshotList(const std::string &text) {
 
 bool isLocalFileset(std::string_view listing) {
   constexpr int kColonsBefore = 18;
-  size_t at = listing.find('\n');  // the end of the header line
+  size_t at = listing.find('\n');  // end of the header line
   if (at == std::string_view::npos) return false;
   std::string_view data = listing.substr(at + 1);
   data = data.substr(0, data.find('\n'));
@@ -95,7 +95,7 @@ void listSnapshots() {
   bool listed = askFileSystem(command, &output, &status) && status == 0;
   if (listed) {
     listed = bool{writeSnapshotList(output)};
-    // Half a list would hide the other snapshots.
+    // Clones of a snapshot that half a list omits would count as having lost their parent.
     if (!listed) (void)unlinkWorkFile(workPath(kSnapList));
   }
   if (!listed) traceLog("Cannot list all snapshots in %s\n", settings.deviceP.c_str());

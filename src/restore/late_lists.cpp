@@ -63,7 +63,7 @@ Result invalidRecord(const ListReader &list, const std::string &from, int err) {
   return errnoResult(err == EINVAL ? EIO : err);
 }
 
-// Visits every record; a failure of a visit ends it.
+// Visits every record until a visit fails.
 Result forEachRecord(const std::string &from, const Visitor &visit) {
   ListReader list;
   if (Result r = openList(from, &list); !r) return r;
@@ -81,7 +81,7 @@ size_t hashOf(const ListRecord &record) {
   return std::hash<std::string_view>()(record.path) ^ (record.ino * 0x9e3779b97f4a7c15u);
 }
 
-// Adds, of records with one hash, those whose directory an earlier one names.
+// Among records with equal hashes, adds those that repeat the directory of an earlier one.
 Result addRepeated(ListReader &list, std::span<const HashAt> alike, std::vector<Position> *repeated) {
   std::vector<Identity> seen;
   for (const auto &[hash, position] : alike) {
@@ -100,8 +100,8 @@ Result addRepeated(ListReader &list, std::span<const HashAt> alike, std::vector<
   return {};
 }
 
-// Positions, in order, of the records whose directory an earlier one names. Takes 16 bytes for each
-// record.
+// Finds the positions, in order, of records that repeat the directory of an earlier one. Takes 16 bytes
+// of memory for each record, because a hash and a position suffice to find candidates.
 Result findRepeated(const std::string &from, std::vector<Position> *repeated) {
   std::vector<HashAt> hashes;
   const auto note = [&hashes](const ListRecord &record, Position position) {

@@ -26,9 +26,9 @@
 
 namespace {
 
-// Bytes that lists and trace log take, generously: for every inode that differs, and in any case.
+// A generous estimate of the bytes for lists and trace log: per differing inode, and the least.
 constexpr uint64_t kBytesAnInode = 1024, kBytesAtLeast = 8 << 20;
-// What the steps of a few workers ask of the file system's trees at a time.
+// Metadata that the steps of a few workers reserve at the same time, in bytes.
 constexpr int64_t kMetadataAtLeast = 8 << 20;
 
 struct Candidate {
@@ -40,7 +40,7 @@ struct Removed {
   int64_t files = 0, bytes = 0;
 };
 
-// *file is filled in, and its number not 0, where the inode may go.
+// Fills *file, with a number other than 0, if the inode may be removed.
 Result lookAt(kest_iscan_t *scan, uint64_t ino, Candidate *file) {
   const int bits = kest_idifference(scan, ino);
   if (bits < 0) return failedErrno(0);
@@ -53,7 +53,7 @@ Result lookAt(kest_iscan_t *scan, uint64_t ino, Candidate *file) {
   return {};
 }
 
-// The files that may go, the largest first.
+// Finds the files that may be removed, largest first.
 Result findCandidates(kest_iscan_t *scan, uint64_t max_ino, std::vector<Candidate> *candidates) {
   for (;;) {
     if (stopSignal() != 0) return errnoResult(EINTR);
@@ -69,8 +69,8 @@ Result findCandidates(kest_iscan_t *scan, uint64_t max_ino, std::vector<Candidat
   return {};
 }
 
-// A file that cannot go, because of a flag or of a mount, or since it has gone, is passed over: another
-// one may do.
+// Removes one file. Skips a file that cannot be removed, because of a flag or a mount, or that is gone
+// already: the next one may do.
 void removeOne(const Candidate &file, Removed *removed) {
   std::vector<std::string> paths;
   if (!findInodePaths(handles.activeFsP, file.ino, handles.rootPath, &paths) || paths.size() != 1)
@@ -85,7 +85,7 @@ void removeOne(const Candidate &file, Removed *removed) {
   removed->bytes += file.size;
 }
 
-// Space and quota of a removed file are free after a commit.
+// The file system frees the space and quota of removed files only when it commits.
 Result commit() {
   UniqueFd named;
   if (Result r = openObject(handles.rootPath, &named); !r) return r;
@@ -93,7 +93,8 @@ Result commit() {
   return root ? called(syncfs(root.get())) : failedErrno(0);
 }
 
-// Ever more files at a time: each commit costs as much as the removal of many small ones.
+// Doubles the number of files from one commit to the next: a commit costs as much as removing many
+// small files.
 Result removeUntil(const std::function<Result()> &attempt, const std::vector<Candidate> &files,
                    Removed *removed) {
   Result result = errnoResult(ENOSPC);
@@ -117,7 +118,7 @@ Result openOwnScan(InodeScan *scan, uint64_t *max_ino) {
   return *scan ? Result{} : failedErrno(0);
 }
 
-// Whether the work directory can take so many bytes.
+// Checks that the work directory can take `bytes` more bytes.
 Result reserve(uint64_t bytes) {
   kest_statfs64_t figures;
   if (Result r = called(kest_statfs64(handles.rootPath.c_str(), &figures)); !r) return r;
@@ -125,7 +126,7 @@ Result reserve(uint64_t bytes) {
   const int64_t metadata = kest_metadata_room(handles.activeFsP);
   if (metadata < 0) return failedErrno(0);
   if (metadata < kMetadataAtLeast) return errnoResult(ENOSPC);
-  // A quota shows only when it is used.
+  // The file system's figures do not include quotas, so reserve the space in a real file.
   const std::string path = workPath(kRoom);
   UniqueFd fd;
   Result result = openWorkFile(path, O_WRONLY | O_CREAT | O_TRUNC, &fd);
@@ -133,7 +134,7 @@ Result reserve(uint64_t bytes) {
   result = errnoResult(posix_fallocate(fd.get(), 0, static_cast<off_t>(bytes)));
   fd.reset();
   const Result removed = unlinkWorkFile(path);
-  // A limit of the process says nothing of the room. A list that meets it will tell.
+  // EFBIG is a limit of the process and says nothing about room. A list that meets it reports that.
   if (result.err == EFBIG) return removed;
   return result ? removed : result;
 }
@@ -176,7 +177,7 @@ Result makeRoomForLists() {
   Result result = reserve(bytes);
   if (isFull(result.err)) {
     result = makeRoom([bytes] { return reserve(bytes); });
-    // What was removed must not be listed.
+    // The difference still contains the removed files, which must not be listed.
     if (Result r = renewDifference(); !r) return r;
     if (Result r = obstacleCheck(handles.iscanP, false); !r) return r;
   }

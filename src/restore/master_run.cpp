@@ -50,7 +50,8 @@ Result prepareTable(const char *argv0, uint64_t item_limit) {
   return result;
 }
 
-// Walks and moves can fail with -1 and the reason in err: a full file system must be known by rc.
+// Walks and moves can fail with rc -1 and the errno in err, but endRun recognises a full file system by
+// rc.
 Result byReason(const Result &result) {
   return errnoResult(result.reason());
 }
@@ -59,14 +60,14 @@ Result constructLists(MasterLists &lists) {
   userMessage(Message::kConstruct, formatTimeStamp());
   if (Result r = lists.openForPass(); !r) return r;
   if (Result r = walkNames(lists); !r) {
-    // A signal and a path too long have messages of their own.
+    // endRun reports a signal and a path that is too long.
     if (stopSignal() == 0 && !settings.path2long) tellWalkFailure(handles.rootPath, r);
     userMessage(Message::kConstructFailed);
     dumpDiffTable();
     return byReason(r);
   }
   if (Result r = lists.closePass(); !r) return r;
-  // The lists hold wrong records where something could not be read.
+  // If something could not be read, the lists contain wrong records and must not run.
   return {.rc = getFatalError()};
 }
 
@@ -122,14 +123,14 @@ Result runPassesAndPhases(MasterLists &lists) {
   return {};
 }
 
-// A path cut in the middle for a message.
+// Cuts out the middle of a long path for a message.
 std::string shortened(const std::string &path) {
   constexpr size_t kBegin = 300, kEnd = 150;  // bytes that stay
   if (path.size() <= kBegin + kEnd) return path;
   return path.substr(0, kBegin) + "..." + path.substr(path.size() - kEnd);
 }
 
-// Removes the work directory where it can go; it is missing when the run ended before it was made.
+// Removes the work directory if that is allowed. It does not exist if the run ended before making it.
 Result tidyUp(bool worthless, bool force) {
   struct stat st;
   if (settings.shareDir.empty() || !statPath(settings.shareDir, &st)) return errnoResult(ENOENT);
@@ -144,8 +145,8 @@ Result tidyUp(bool worthless, bool force) {
   return result;
 }
 
-// Its own times, last of all: every entry made or removed in it, the work directory's too, changes
-// them.
+// This must be the very last step: every name made or removed in the root directory, even the work
+// directory's, changes the root's times.
 Result restoreRoot() {
   const Result result = restoreRootAttr();
   if (result) return {};
@@ -170,7 +171,7 @@ Result restoreFileset(int argc, char **argv, uint64_t item_limit, MasterLists &l
   if (settings.Verb)
     for (int i = 0; i < argc; ++i) traceLog("argv[%d]: %s\n", i, argv[i]);
   userMessage(Message::kPrepare, formatTimeStamp());
-  // A failure up to here leaves nothing in the work directory that anybody needs.
+  // A failure up to this point leaves nothing of value in the work directory.
   *worthless = true;
   if (Result r = syncFileset(); !r) {
     userMessage(Message::kSyncFailed);
@@ -189,7 +190,7 @@ Result endRun(Result result, bool worthless, Result *tidied) {
   const bool before_passes = settings.pass == 0;
   const char *stopped = !result && stopSignal() != 0 ? strsignal(stopSignal()) : nullptr;
   ignoreStopSignals();
-  // A worker that recorded an error is a failure, whatever its engine run returned.
+  // A recorded error fails the run even if the engine run reported success.
   const int marker = isFull(result.rc) ? result.rc : getFatalError();
   if (result) result = {.rc = marker};
   if (result && settings.path2long) result = errnoResult(ENAMETOOLONG);

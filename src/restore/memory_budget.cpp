@@ -17,7 +17,7 @@ enum BudgetStep : int { kOpenFigures = 2, kReadFigures = 3, kFindTotal = 4 };
 
 constexpr uint64_t kMostKiB = 4194304;
 constexpr uint64_t kItemBytes = 24;
-constexpr size_t kTextMax = 128;  // bytes; the total comes first
+constexpr size_t kTextMax = 128;  // bytes to read; the total is the first figure
 
 Result readTotal(const std::string &meminfo, uint64_t *total) {
   const UniqueFd fd(open(meminfo.c_str(), O_RDONLY | O_CLOEXEC));
@@ -43,7 +43,7 @@ Result setMaxMemUsage(uint64_t *mem, const std::string &meminfo) {
     traceLog("setMaxMemUsage: rc %d, code %d, err %d\n", r.rc, r.code, r.err);
     return r;
   }
-  // Where the product would overflow, the cap applies in any case.
+  // If the product would overflow, the cap applies anyway.
   *mem = std::min(total > UINT64_MAX / 3 ? kMostKiB : total * 3 / 10, kMostKiB);
   return {};
 }

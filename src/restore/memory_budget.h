@@ -1,4 +1,4 @@
-// How much memory the difference table may take. Master only.
+// Determines how much memory the difference table may take. Master only.
 #pragma once
 
 #include <cstdint>
@@ -6,9 +6,9 @@
 
 #include "base/result.h"
 
-// 30 % of the machine's memory, at most 4 GiB, in KiB. rc of a failure, which has been traced, is -1 or
-// an errno.
+// Sets *mem to 30 % of the machine's memory, at most 4 GiB, in KiB. rc of a failure is -1 or an errno,
+// after a trace line.
 Result setMaxMemUsage(uint64_t *mem, const std::string &meminfo = "/proc/meminfo");
 
-// Difference items that one pass may hold with a budget of `mem` KiB.
+// Returns the number of difference items that one pass may hold with a budget of `mem` KiB.
 uint64_t diffItemLimit(uint64_t mem);

@@ -20,7 +20,7 @@
 namespace {
 
 constexpr int kSettleRounds = 100;
-constexpr char kClonesLabel[] = "clone";  // all clone lists together, in trace lines
+constexpr char kClonesLabel[] = "clone";  // stands for all clone lists in trace lines
 
 using StartMessage = CheckedMessage<std::string>;
 
@@ -49,7 +49,8 @@ Result failPhase(const PhaseList &list, int err) {
   return failedErrno(0, err);
 }
 
-// Runs the phase when its list exists. A list that cannot be looked at does not count as missing.
+// Runs the phase if its list exists. A list that cannot be examined is a failure and does not count as
+// missing.
 Result runIfListed(const PhaseList &list, std::optional<StartMessage> start,
                    bool remove_after = false) {
   struct stat st;
@@ -63,7 +64,7 @@ Result runIfListed(const PhaseList &list, std::optional<StartMessage> start,
   return removed ? removed : failPhase(list, removed.err);
 }
 
-// Clone lists, one run a depth.
+// Runs the clone lists, one engine run for each depth.
 Result runCloneLists(Phase phase, CloneLists kind, CheckedMessage<std::string, int> start,
                      CheckedMessage<> failure) {
   std::vector<int> depths;

@@ -23,33 +23,34 @@
 
 namespace {
 
-constexpr size_t kShareDirMax = 1023;     // characters; workers take no more
-constexpr int kOtherNumbers = 100000;     // left-over work directories that are passed over
-constexpr mode_t kWorkDirTopMode = 0700;  // what was set aside must not become readable to others
+constexpr size_t kShareDirMax = 1023;     // characters; workers accept no longer path
+constexpr int kOtherNumbers = 100000;     // how many left-over work directories are skipped
+constexpr mode_t kWorkDirTopMode = 0700;  // others must not read objects that wait in it
 
-// What the root directory carried before the run cleared it.
+// The flags of the root directory before this run cleared them.
 InodeFlags rootFlags;
 
-// The root directory itself is accepted as current directory.
+// The root directory itself is allowed as current directory.
 bool runsInsideFileset() {
   const std::unique_ptr<char, decltype(&free)> current(getcwd(nullptr, 0), free);
   if (!current) return false;
   return handles.rootPath != current.get() && liesIn(current.get(), handles.rootPath);
 }
 
-// No work directory can be made in an immutable root, and none can be removed from an append-only one.
+// An immutable root directory takes no new work directory, and an append-only one would keep it for
+// ever.
 Result clearRootFlags() {
   UniqueFd root;
   if (Result r = openObject(handles.rootPath, &root); !r) return r;
   InodeFlags now;
   if (Result r = getInodeFlags(root.get(), &now); !r) return r;
   if (!now.immutable && !now.appendOnly) return {};
-  rootFlags = now;  // not those of an attempt that came after the one that cleared them
+  rootFlags = now;  // only here: a later attempt finds them cleared
   return clearInodeFlags(root.get());
 }
 
-// A directory that was made a moment ago is empty; one of an earlier run that somebody put in its place
-// is not.
+// Checks that the work directory is empty. Somebody could have replaced the new one by that of an
+// earlier run.
 Result holdNewWorkDirectory() {
   if (Result r = holdWorkDirectory(); !r) return r;
   Dir dir;
@@ -74,7 +75,7 @@ Result makeTopDirectory() {
       settings.shareDir = path;
       return holdNewWorkDirectory();
     }
-    // Where there is no room, its mode may be what could not be set any more.
+    // On a full file system mkdir can succeed and setting the mode fail, so remove the directory.
     if (isFull(made.err)) (void)kest_rmdir(handles.activeFsP, path.c_str(), 0);
     if (made.err != EEXIST) return made;
   }
@@ -113,7 +114,7 @@ void putBackRootFlags() {
   if (!rootFlags.immutable && !rootFlags.appendOnly) return;
   UniqueFd root;
   if (!openObject(handles.rootPath, &root)) return;
-  // Best effort, at the end of a run that failed or was stopped: its own result matters more.
+  // Best effort, because the result of the failed or stopped run matters more.
   if (rootFlags.immutable) (void)setImmutableFlag(root.get(), true);
   if (rootFlags.appendOnly) (void)setAppendOnlyFlag(root.get(), true);
 }

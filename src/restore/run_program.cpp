@@ -23,8 +23,8 @@
 
 namespace {
 
-// Releases the handles and writes the last line of the process. The errno in it is that of the last
-// call that failed, also of one whose failure did not matter.
+// Releases the handles and writes the last trace line of the process. Its errno is that of the last
+// call that failed, even if that failure did not matter.
 void endProcess(int rc, int err) {
   const int last = errno;
   releaseHandles();
@@ -64,7 +64,7 @@ int runBatch() {
     rc = result.rc;
   }
   endProcess(rc, 0);
-  // An exit status that the system cut to its lower byte could read as success.
+  // The system cuts an exit status to its lower byte, so a larger number could read as success.
   return rc >= 0 && rc < 256 ? rc : 1;
 }
 
@@ -81,9 +81,9 @@ int runProgram(int argc, char **argv, uint64_t item_limit) {
     case RunMode::kRun:
       break;
   }
-  // Closing the pipe that takes the messages must not kill a half-done restore; commands inherit this.
+  // Whoever closes the pipe of the messages must not kill a half-done restore. Commands inherit this.
   signal(SIGPIPE, SIG_IGN);
-  // A parent that ignores it would keep the exit statuses of commands from us.
+  // If the parent ignored SIGCHLD, this process could not get the exit statuses of its commands.
   signal(SIGCHLD, SIG_DFL);
   return settings.isMaster() ? runMaster(argc, argv, item_limit) : runBatch();
 }

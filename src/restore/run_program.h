@@ -1,8 +1,8 @@
-// The program, in every mode.
+// The program in every mode.
 #pragma once
 
 #include <cstdint>
 
-// The exit status. `item_limit`: difference items that one pass may hold; 0: as many as the memory
-// budget allows.
+// Runs the program and returns its exit status. `item_limit` is the number of difference items that one
+// pass may hold; 0 takes it from the memory budget.
 int runProgram(int argc, char **argv, uint64_t item_limit = 0);

@@ -19,22 +19,22 @@
 
 namespace {
 
-// Shells redirect the lower ones by their numbers, should this process have been started without them.
+// Shells redirect descriptors 0 to 2, which this process may have been started without.
 constexpr int kLeastDescriptor = 3;
 
 constexpr char kCommandDir[] = "/usr/qtx/kest/bin/";
 constexpr const char *kCommands[] = {"ktapplypolicy", "ktfsctl",         "ktlsfileset",
                                      "ktlssnapshot",  "ktunlinkfileset", "kxfindinode"};
 
-// `lock` receives a descriptor with the lock, which the caller closes.
+// `lock` receives a descriptor that holds the lock; the caller closes it.
 Result takeLock(int *lock) {
   const UniqueFd held(kest_lock(handles.activeFsP));
   if (!held) return failedErrno(0);
-  *lock = fcntl(held.get(), F_DUPFD_CLOEXEC, kLeastDescriptor);  // shares the lock
+  *lock = fcntl(held.get(), F_DUPFD_CLOEXEC, kLeastDescriptor);  // the copy shares the lock
   return *lock >= 0 ? Result{} : failedErrno(0);
 }
 
-// A file that the run needs must be the same before and after it.
+// Checks that a file which the run needs is the same before and after the restore.
 Result checkSurvives(const std::string &path) {
   const int survives = kest_file_survives(handles.activeFsP, handles.oldFsP, path.c_str());
   if (survives > 0) return {};
@@ -76,7 +76,7 @@ Result lockFileset() {
   const Result taken = takeLock(&lock);
   if (taken) {
     locked = true;
-    inheritInCommands(lock);  // open as long as this process lives
+    inheritInCommands(lock);  // keep it open while this process lives
   } else if (taken.err == EWOULDBLOCK) {
     userMessage(Message::kAlreadyRunning, settings.filesetP);
   } else {
@@ -98,6 +98,7 @@ Result selfCheck() {
   for (const char *name : kCommands)
     if (Result r = checkCommandFile(std::string(kCommandDir) + name); !r) return r;
   if (Result r = checkSurvives(settings.exe); !r) return r;
+  // The library's own file must survive as well.
   Dl_info library;
   if (dladdr(reinterpret_cast<void *>(&kest_iopen64), &library) != 0 && library.dli_fname) {
     const std::unique_ptr<char, decltype(&free)> path(realpath(library.dli_fname, nullptr), free);
@@ -111,7 +112,7 @@ namespace {
 
 struct ObstacleReport {
   bool tell_programs;
-  bool refused = false;  // the restore cannot begin
+  bool refused = false;  // the restore must not begin
 };
 
 void reportObstacle(void *arg, unsigned kind, const char *path) {
