@@ -13,16 +13,17 @@ namespace {
 struct Child {
   const ProcessStart &start;
   pid_t parent;
-  volatile int failure;  // an errno; the child writes it into the memory that it shares with the parent
+  volatile int failure;  // an errno; the child writes it into the memory that both share
 };
 
-// Makes `fd` the descriptor `place`, which stays open in the program.
+// Makes `fd` the descriptor `place` of the new program.
 bool putAt(int fd, int place) {
-  // dup2 onto itself would leave the descriptor close-on-exec.
+  // dup2 of a descriptor onto itself would leave it close-on-exec.
   return fd == place ? fcntl(fd, F_SETFD, 0) == 0 : dup2(fd, place) >= 0;
 }
 
-// The parent's handlers must not be called in the child, which works in the parent's memory.
+// Resets caught signals. A handler of the parent that ran in the child would change the parent's
+// memory.
 void forgetHandlers() {
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
     struct sigaction action;
@@ -31,12 +32,12 @@ void forgetHandlers() {
   }
 }
 
-// Runs in the child, which shares the parent's memory until the program is executed: system calls only.
-// Returns with the errno when the program could not be executed.
+// Runs in the child, which shares the parent's memory until execve, so it may only make system calls.
+// Returns the errno if the program could not be executed.
 int becomeProgram(const Child &child) {
   const ProcessStart &start = child.start;
   if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) return errno;
-  // The parent may have died before the kernel knew that this process is to die with it.
+  // The parent may have died before PR_SET_PDEATHSIG took effect.
   if (getppid() != child.parent) _exit(127);
   if (start.own_group && setpgid(0, 0) != 0) return errno;
   if (start.standard_input >= 0 && !putAt(start.standard_input, STDIN_FILENO)) return errno;
@@ -51,7 +52,7 @@ int becomeProgram(const Child &child) {
   return errno;
 }
 
-// A function of its own, whose frame vfork leaves alone: the child must not change variables of the
+// This must not be inlined: the child of vfork shares the stack, and must not change variables of the
 // caller.
 __attribute__((noinline)) pid_t forkChild(Child &child) {
   const pid_t pid = vfork();
@@ -68,6 +69,7 @@ Result startProcess(const ProcessStart &start, pid_t *pid) {
   Child child{start, getpid(), 0};
   const pid_t started = forkChild(child);
   if (started < 0) return errnoResult(errno);
+  // vfork returns in the parent only after execve or _exit in the child, so `failure` is final here.
   if (child.failure != 0) {
     while (waitpid(started, nullptr, 0) < 0 && errno == EINTR) {
     }

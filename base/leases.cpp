@@ -20,7 +20,7 @@ using Clock = std::chrono::steady_clock;
 constexpr milliseconds kFirstPause{1}, kLongestPause{50};
 constexpr seconds kDefaultBreakTime{45};
 
-// 0: the kernel breaks no lease.
+// Returns 0 if the kernel breaks no lease.
 seconds breakTime() {
   int time = 0;
   std::ifstream("/proc/sys/fs/lease-break-time") >> time;
@@ -46,7 +46,7 @@ std::unordered_set<uint64_t> leasedInodes() {
 int openPastLeases(const std::function<int(int waiting)> &open) {
   int fd = open(O_NONBLOCK);
   if (fd >= 0 || errno != EWOULDBLOCK) return fd;
-  // The attempt has told the holder, and the time is running.
+  // The failed attempt has notified the holder and started the timer.
   const seconds time = breakTime();
   const Clock::time_point end =
       Clock::now() + (time > seconds(0) ? time : kDefaultBreakTime) - kLongestPause;

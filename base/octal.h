@@ -1,11 +1,10 @@
-// Words in which bytes stand as a backslash and three octal digits, as in mount tables and snapshot
-// lists.
+// Octal escapes, a backslash and three octal digits, as used by mount tables and snapshot lists.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-// Blanks, control bytes and backslashes of `text` become octal escapes.
+// Replaces blanks, control bytes and backslashes of `text` by octal escapes.
 std::string octalEscaped(std::string_view text);
-// Undoes it. A backslash without three octal digits stands for itself.
+// Decodes octal escapes. Keeps a backslash that three octal digits do not follow.
 std::string octalUnescaped(std::string_view word);

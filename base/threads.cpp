@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int kMostThreads = 8;  // more wait for the locks of one file system
+constexpr int kMostThreads = 8;  // more would wait for the locks of one file system
 
 int guarded(const std::function<int(size_t)> &work, size_t index) {
   try {
@@ -34,7 +34,8 @@ size_t usefulThreads() {
 int inThreads(size_t count, const std::function<int(size_t)> &work) {
   std::vector<int> results(count, 0);
   std::vector<std::thread> threads;
-  std::vector<size_t> own{0};  // those that the caller does itself
+  std::vector<size_t> own{0};  // the calls that the caller makes itself
+  // Threads inherit this mask, so signals are delivered to the caller alone.
   sigset_t all, before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);

@@ -1,14 +1,14 @@
-// Work that does not depend on order, divided among threads.
+// Divides work that needs no order among threads.
 #pragma once
 
 #include <cstddef>
 #include <functional>
 
-// As many as processors that this process may use, at least 1, and no more than are of use here.
+// Returns the number of processors that this process may use, at least 1 and at most kMostThreads.
 size_t usefulThreads();
 
-// Calls work(0) to work(count - 1), each in a thread of its own but the first, which is the caller's;
-// also one after the other where the system grants no more threads. Returns when all are done: 0, or
-// the negative errno of the first one that failed. The threads take no signals. What `work` throws
-// becomes -ENOMEM.
+// Calls work(0) to work(count - 1), the first in the caller's thread and each other one in a new
+// thread, or in the caller's if the system grants no more. Returns when all have ended: 0, or the
+// negative errno of the first index that failed. The new threads receive no signals. An exception in
+// `work` becomes -ENOMEM.
 int inThreads(size_t count, const std::function<int(size_t)> &work);

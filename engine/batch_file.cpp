@@ -11,14 +11,14 @@
 
 namespace {
 
-// A killed engine with this process id may have left files, but hardly so many for one number.
+// A killed engine with the same process ID can have left files, but hardly this many for one number.
 constexpr int kNameTries = 1000;
 
 Result writeBatch(UniqueFd fd, const Batch &batch) {
   std::string text;
   for (const BatchRecord &record : batch) text += record.line;
   if (Result r = writeAll(fd.get(), text); !r) return r;
-  // Some file systems report a full disk only here.
+  // Some file systems report a full disk only at the close.
   return called(close(fd.release()));
 }
 

@@ -1,4 +1,4 @@
-// The file that carries one batch to its worker.
+// The file that hands a batch to its worker.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 #include "engine/batcher.h"
 #include "engine/run_directory.h"
 
-// The file exists from create() until the object goes.
+// Owns the file, which exists from create() until the object is destroyed.
 class BatchFile {
  public:
   BatchFile() = default;
@@ -16,9 +16,9 @@ class BatchFile {
   BatchFile &operator=(const BatchFile &) = delete;
   ~BatchFile() { remove(); }
 
-  // Writes the batch into a new file of `directory`, which outlives this (formats/work_names.h,
-  // batchName), readable by this user only, never over or through an existing name. rc of a failure is
-  // the errno; no file is left then.
+  // Writes the batch to a new file of `directory`, which must outlive this object (for its name see
+  // batchName in formats/work_names.h). Only this user can read the file. Never opens or replaces an
+  // existing name. rc of a failure is the errno; no file is left then.
   Result create(const RunDirectory &directory, uint64_t number, const Batch &batch);
 
   const std::string &path() const { return path_; }
@@ -26,6 +26,6 @@ class BatchFile {
  private:
   void remove();
 
-  std::string path_;  // empty: no file
+  std::string path_;  // "" without a file
   const RunDirectory *directory_ = nullptr;
 };

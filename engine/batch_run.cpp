@@ -18,8 +18,10 @@
 
 namespace {
 
-// How often to try for slots that other engines hold: long against one try, short against a worker.
+// Interval between attempts to get slots that other engines hold: long compared to an attempt, short
+// compared to the run time of a worker.
 constexpr int kSlotPollMs = 1;
+// Signals within this time after the first one belong to the same request to end.
 constexpr std::chrono::seconds kPatience(2);
 
 void complain(const char *format, ...) __attribute__((format(printf, 1, 2)));
@@ -38,7 +40,7 @@ bool contains(const std::vector<pid_t> &pids, pid_t pid) {
 
 }  // namespace
 
-// Batch 0 is the probe.
+// A worker process. Number 0 is the probe.
 struct BatchRun::Worker {
   pid_t pid = 0;
   WorkerSlots::Slot slot;
@@ -46,12 +48,12 @@ struct BatchRun::Worker {
   BatchFile file;
 };
 
-// The batches of a list.
+// Reads the batches of a list.
 class BatchRun::Batches {
  public:
   Batches(ListReader *list, size_t size) : list_(list), batcher_(size) {}
 
-  // *batch is empty at the end. A failure is the list's.
+  // *batch is empty at the end of the list. A failure is that of the list.
   Result next(Batch *batch) {
     while (!batcher_.take(batch) && !at_end_) {
       ListRecord record;
@@ -75,8 +77,10 @@ BatchRun::BatchRun(Settings settings, WorkerSlots *slots, const RunSignals *sign
       slots_(slots),
       signals_(signals),
       starter_(signals->workerMask()),
-      // A shell that became this program by exec may have left us children that are not ours to await.
+      // A shell that became this program by exec can have left children, for which the engine must not
+      // wait.
       earlier_children_(childProcesses()) {
+  // Adopts processes that a dead worker leaves, so that the run can wait for them.
   prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
 
@@ -119,7 +123,7 @@ RunOutcome BatchRun::run(ListReader *list) {
   return outcome_;
 }
 
-// False when the batch file could not be written.
+// Returns false if the batch file could not be written.
 bool BatchRun::startBatch(const Batch &batch, WorkerSlots::Slot slot) {
   auto worker = std::make_unique<Worker>();
   worker->number = outcome_.batches + 1;
@@ -150,7 +154,7 @@ void BatchRun::start(const std::vector<std::string> &argv, WorkerSlots::Slot slo
   workers_.push_back(std::move(worker));
 }
 
-// Waits until something happens; with `for_slot`, at most until it is time to try for a slot again.
+// Waits for an event; with `for_slot`, at most until the next attempt to get a slot.
 void BatchRun::wait(bool for_slot) {
   struct pollfd polled[2] = {{signals_->fd(), POLLIN, 0},
                              {outer_gone_ ? -1 : slots_->outerEngine(), POLLIN, 0}};
@@ -176,7 +180,7 @@ void BatchRun::handleSignals() {
     complain("%s", strsignal(static_cast<int>(info.ssi_signo)));
     auto now = std::chrono::steady_clock::now();
     if (!outcome_.stopped) stopped_at_ = now;
-    // One request to end often arrives as several signals.
+    // A request to end often arrives as several signals, so only a later one kills the workers.
     signalAll(now - stopped_at_ >= kPatience ? SIGKILL : SIGTERM);
     outcome_.stopped = true;
   }
@@ -202,7 +206,7 @@ void BatchRun::reap() {
 }
 
 void BatchRun::ended(Worker &worker, int status) {
-  // Processes that the worker left may still be at work, so its slot is not free yet.
+  // Processes that the worker left behind may still be working, so its slot is not free yet.
   orphan_slots_.push_back(worker.slot);
   if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return;
   ++outcome_.failed;
@@ -221,7 +225,7 @@ void BatchRun::releaseOrphanSlots() {
   orphan_slots_.clear();
 }
 
-// Children that are no workers: processes that a worker left.
+// Returns children that are no workers: processes that a worker left behind.
 std::vector<pid_t> BatchRun::strangers() const {
   std::vector<pid_t> found = childProcesses();
   std::erase_if(found, [this](pid_t pid) {

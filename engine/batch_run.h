@@ -1,4 +1,4 @@
-// One run: batches to workers, and their end.
+// One run of the engine: starts workers for batches and waits for their end.
 #pragma once
 
 #include <sys/types.h>
@@ -22,11 +22,11 @@ inline bool isFull(int error) {
 }
 
 struct RunOutcome {
-  uint64_t records = 0;  // handed to workers
+  uint64_t records = 0;  // records handed to workers
   uint64_t batches = 0;
   uint64_t failed = 0;  // workers that failed, died or could not be started
-  int own_error = 0;    // errno of the engine's own list or files, 0 when they were all right
-  bool full = false;    // a worker ended with the error number of a full file system or quota
+  int own_error = 0;    // errno of a failure of the engine's own list or files, or 0
+  bool full = false;    // a worker ended with the errno of a full file system or quota
   bool stopped = false;
 
   bool good() const { return failed == 0 && own_error == 0 && !stopped; }
@@ -34,28 +34,28 @@ struct RunOutcome {
 
 // Hands batch after batch to workers and waits for them.
 //
-// After the first failure, or a signal, nothing more is started; what runs is waited for. A signal is
-// passed on to the workers as SIGTERM; one that comes two seconds later or more as SIGKILL. The run
-// ends when all processes that came of its workers have ended, also those that a worker left behind:
-// this process adopts them. When the engine that this run is nested in is killed, its workers are
-// killed too.
+// After the first failure, or a signal, starts nothing more and waits for the running workers. Passes a
+// signal on to the workers as SIGTERM, but one that comes two seconds or more after the first as
+// SIGKILL. The run ends when all processes that descend from its workers have ended, also those that a
+// worker left behind: this process adopts them. If the engine in which this run is nested is killed,
+// its workers are killed, too.
 class BatchRun {
  public:
   struct Settings {
     ScriptRule script;
-    const RunDirectory *directory;  // for batch files
-    size_t max_workers;             // at a time, of this run
+    const RunDirectory *directory;  // receives the batch files
+    size_t max_workers;             // workers of this run at the same time
     size_t batch_size;
   };
 
-  // `slots` and `signals` outlive this.
+  // `slots` and `signals` must outlive this object.
   BatchRun(Settings settings, WorkerSlots *slots, const RunSignals *signals);
   ~BatchRun();
 
-  // Starts the script as EXEC TEST <directory>, as a worker on a slot, and waits. True when it ended
-  // with 0.
+  // Starts the script as EXEC TEST <directory>, in a worker on a slot, and waits. Returns true if it
+  // ended with 0.
   bool probe();
-  // Executes the list from its current position on.
+  // Runs the list from its current position.
   RunOutcome run(ListReader *list);
 
  private:
@@ -81,7 +81,7 @@ class BatchRun {
   WorkerStarter starter_;
   std::vector<pid_t> earlier_children_;
   std::vector<std::unique_ptr<Worker>> workers_;
-  std::vector<WorkerSlots::Slot> orphan_slots_;  // of ended workers that left processes behind
+  std::vector<WorkerSlots::Slot> orphan_slots_;  // slots of ended workers that left processes behind
   RunOutcome outcome_;
   std::chrono::steady_clock::time_point stopped_at_;
   bool outer_gone_ = false;

@@ -27,7 +27,7 @@ BatchRecord::BatchRecord(const ListRecord &record)
 void Batcher::add(BatchRecord record) {
   if (!run_.empty() && run_.front().aggregate != record.aggregate) endRun();
   run_.push_back(std::move(record));
-  // With two records beyond a full batch there is a remainder that can stand alone.
+  // With two records more than a full batch, the remainder is large enough to stand alone.
   if (run_.size() > max_records_ + 1) {
     closeOpen();
     const auto cut = run_.begin() + static_cast<ptrdiff_t>(max_records_);
@@ -42,7 +42,7 @@ void Batcher::endRun() {
   const bool fits = open_.size() + run_.size() <= max_records_ && !(has_ranges && open_has_ranges_);
   if (!fits) closeOpen();
   if (max_records_ == 1 && run_.size() == 2) {
-    // A batch of one leaves no remainders.
+    // With a batch size of one every batch is full, so there are no remainders.
     ready_.push_back({std::move(run_.front())});
     run_.erase(run_.begin());
   }

@@ -1,4 +1,4 @@
-// Executes a list of records through an external script, in parallel.
+// ktapplypolicy, the policy engine: passes the records of a list to an external script, in parallel.
 
 #include <fcntl.h>
 
@@ -29,7 +29,7 @@ int fail(const std::string &text) {
   return kFailed;
 }
 
-// After a failure, *problem is what to print.
+// *problem explains a failure.
 Result readPolicy(const Options &options, const RunDirectory &directory, ScriptRule *script,
                   std::string *problem) {
   UniqueFd fd;
@@ -48,7 +48,7 @@ Result readPolicy(const Options &options, const RunDirectory &directory, ScriptR
   return r;
 }
 
-// Opens the list and reads all of it once: a damaged one must not be executed in part.
+// Opens the list and reads all of it once, because a damaged list must not be executed in part.
 Result openList(const Options &options, const RunDirectory &directory, ListReader *list,
                 uint64_t *records, std::string *problem) {
   UniqueFd fd;
@@ -89,6 +89,7 @@ int applyPolicy(const Options &options) {
                 balancedBatchSize(records, workers, options.batch_size)},
                &slots, &signals);
   if (!run.probe()) return fail(script.exec + " TEST failed, nothing was started");
+  // In a good run the number of records handed out must equal the number that openList counted.
   const RunOutcome outcome = run.run(&list);
   printf("%llu records in %llu batches, %llu failed%s\n",
          static_cast<unsigned long long>(outcome.records),

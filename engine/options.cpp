@@ -39,12 +39,11 @@ bool parseCount(const char *text, size_t *value) {
 bool parseOptions(int argc, char **argv, Options *options, std::string *problem) {
   static const struct option kLong[] = {
       {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'V'}, {}};
-  optind = 0;  // starts getopt anew
+  optind = 0;  // restarts getopt
   opterr = 0;
   int letter;
   std::vector<std::string> devices;
-  // With the leading '-', getopt returns words that are no options in their order, whatever
-  // POSIXLY_CORRECT says.
+  // The leading '-' makes getopt return other words in their order, too, even with POSIXLY_CORRECT.
   while ((letter = getopt_long(argc, argv, "-:P:g:r:m:B:N:h", kLong, nullptr)) != -1) {
     switch (letter) {
       case 1:

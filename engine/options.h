@@ -1,4 +1,4 @@
-// The command line.
+// The command line of the engine.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@ struct Options {
   std::string directory;  // -g
   std::string list;       // -r
   std::string nodes = "all";
-  size_t max_workers = 24;  // -m
+  size_t max_workers = 24;   // -m
   size_t batch_size = 1000;  // -B
   bool help = false;
   bool version = false;
@@ -18,5 +18,5 @@ struct Options {
 
 extern const char *const kEngineUsage;
 
-// False: *problem says what is wrong or missing.
+// Returns false if an option is wrong or missing; *problem explains it.
 bool parseOptions(int argc, char **argv, Options *options, std::string *problem);

@@ -1,4 +1,4 @@
-// The directory of a run, held open: its parent may be a place where users can exchange it for theirs.
+// The directory of a run, held open, because users who may write to its parent could replace it.
 #pragma once
 
 #include <sys/types.h>
@@ -8,22 +8,22 @@
 #include "base/result.h"
 #include "base/unique_fd.h"
 
-// rc of its failures is the errno.
+// rc of every failure is the errno.
 class RunDirectory {
  public:
-  // EPERM where others could write to it, or where KT_DIRECTORY in the environment, <device>:<inode>,
-  // names another one.
+  // EPERM if other users may write to the directory, or if KT_DIRECTORY in the environment,
+  // "<device>:<inode>", names another one.
   Result open(const std::string &path);
 
   const std::string &path() const { return path_; }
 
-  // Opens `file`, by its name alone where it lies directly in the directory; links are not followed.
-  // EPERM for a file to be read elsewhere that others could have written.
+  // Opens `file` without following links. A file directly in the directory is opened by its name alone.
+  // EPERM for a regular file elsewhere that another user owns or may write.
   Result openFile(const std::string &file, int flags, UniqueFd *fd, mode_t mode = 0600) const;
   void remove(const std::string &file) const;
 
  private:
-  // The descriptor and name by which `file` is reached.
+  // Finds the descriptor and the name through which `file` is reached.
   int reach(const std::string &file, const char **name) const;
 
   std::string path_;

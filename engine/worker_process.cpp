@@ -21,7 +21,7 @@ std::vector<char *> pointers(std::vector<std::string> &words) {
   return result;
 }
 
-// This process's environment with `slot` instead of its own slot.
+// Returns the environment of this process with `slot` in place of its own slot.
 std::vector<std::string> workerEnvironment(const std::string &slot) {
   const std::string start = std::string(kWorkerSlotVariable) + "=";
   std::vector<std::string> result = {start + slot};
@@ -33,7 +33,8 @@ std::vector<std::string> workerEnvironment(const std::string &slot) {
 }  // namespace
 
 RunSignals::RunSignals() {
-  // If SIGCHLD were ignored, as it may have been inherited, the kernel would reap children unseen.
+  // An inherited SIG_IGN for SIGCHLD would let the kernel reap children before the engine sees their
+  // status.
   signal(SIGCHLD, SIG_DFL);
   sigset_t set;
   sigemptyset(&set);

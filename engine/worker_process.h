@@ -1,4 +1,4 @@
-// Worker processes: how they start, and the signals of this process that are for them.
+// Starts worker processes and receives the signals of the engine.
 #pragma once
 
 #include <signal.h>
@@ -10,9 +10,9 @@
 #include "base/result.h"
 #include "base/unique_fd.h"
 
-// Signals that end a run: those of SIGTERM, SIGINT and SIGHUP that were not ignored at the start.
-// Blocked together with SIGCHLD from construction on; the mask before that is the workers'. One per
-// process.
+// Receives the signals that end a run: SIGTERM, SIGINT and SIGHUP, except those that were ignored at
+// the start. They and SIGCHLD are blocked from the construction on; workers get the mask from before.
+// One object per process.
 class RunSignals {
  public:
   RunSignals();
@@ -24,14 +24,14 @@ class RunSignals {
   UniqueFd fd_;
 };
 
-// Starts workers on this machine, each in a process group of its own, with /dev/null as standard input.
+// Starts workers, each in its own process group and with /dev/null as standard input.
 class WorkerStarter {
  public:
   explicit WorkerStarter(const sigset_t &mask) : mask_(mask) {}
 
-  // Starts the program argv[0] in this process's environment, where KT_WORKER_SLOT is `slot`, and
-  // returns at once. The worker is killed when this process dies. rc of a failure is the errno; there
-  // is no child then.
+  // Starts the program argv[0] with the environment of this process, in which KT_WORKER_SLOT is `slot`,
+  // and returns at once. The worker is killed when this process dies. rc of a failure is the errno;
+  // there is no child then.
   Result start(std::vector<std::string> argv, const std::string &slot, pid_t *child);
 
  private:
@@ -39,5 +39,5 @@ class WorkerStarter {
   UniqueFd input_;
 };
 
-// Direct children of this process, adopted ones included.
+// Returns the direct children of this process, including adopted ones.
 std::vector<pid_t> childProcesses();

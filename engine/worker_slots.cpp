@@ -40,9 +40,9 @@ bool maxWorkersFromEnvironment(size_t *count, std::string *problem) {
 
 }  // namespace
 
-// Workers that write small files to one btrfs were fastest with two to four of them on two processors
-// (0.64 to 0.98 s against 1.1 s alone) and lost a fifth with eight or more. Those that wait for a disk
-// gain a little from the upper end.
+// Measured: workers that write small files to one btrfs were fastest with two to four of them on two
+// processors (0.64 to 0.98 s against 1.1 s with one), and a fifth slower with eight or more. Workers
+// that wait for a disk gain a little from more.
 size_t defaultMaxWorkers(size_t cpus) {
   return std::clamp<size_t>(2 * cpus, 4, kMostSlots);
 }
@@ -76,7 +76,8 @@ Result WorkerSlots::join(const char *value, std::string *problem) {
     *problem = std::string(kWorkerSlotVariable) + " is not of this program's making";
     return errnoResult(EINVAL);
   }
-  // In this order: if the descriptor then leads to a slot area, the process descriptor is that engine.
+  // This order matters. The process descriptor comes first: if the file descriptor then leads to a slot
+  // area, the process is still that engine, and its number has not been reused.
   outer_.reset(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
   std::string path = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
   char target[64];
@@ -98,8 +99,8 @@ Result WorkerSlots::join(const char *value, std::string *problem) {
   return {};
 }
 
-// Byte <index> is the slot itself, byte <index> of stripe <depth> + 1 its loan to a run nested in the
-// worker that works there at that depth.
+// Byte `index` stands for the slot itself. Byte `index` of stripe `depth` + 1 stands for its loan to a
+// run that is nested in the worker on that slot at that depth.
 bool WorkerSlots::lock(size_t index, size_t stripe, bool take) {
   struct flock range {};
   range.l_type = take ? F_WRLCK : F_UNLCK;

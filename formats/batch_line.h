@@ -1,8 +1,8 @@
-// Batch lines: how the policy engine hands a record to a worker.
+// The line with which the policy engine hands a record to a worker:
 //
 //   <inode, decimal> <generation> <snapshot>  <op string> -- <path>\n
 //
-// with backslash, newline and tab in the path written as \\, \n and \t.
+// In the path, backslash, newline and tab are written as \\, \n and \t.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@
 
 #include "formats/list_record.h"
 
-constexpr size_t kBatchLineMax = 16384;  // bytes, newline and terminator included
+constexpr size_t kBatchLineMax = 16384;  // bytes, with newline and terminator
 
 struct BatchLine {
   uint64_t ino = 0;
@@ -21,6 +21,6 @@ struct BatchLine {
 
 std::string formatBatchLine(const ListRecord &record);
 
-// False when the line does not hold its items, or has no newline: a path that was cut could mean
-// something else.
+// Returns false if the line lacks a field or its newline: a path that was cut off could name another
+// object.
 bool parseBatchLine(std::string_view line, BatchLine *out);

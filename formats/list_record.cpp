@@ -15,7 +15,7 @@ namespace {
 constexpr size_t kPathMost = 4095;  // bytes
 constexpr size_t kTextMost = 4095;
 
-// Takes a record apart from the left; after a failure, `problem` says what is wrong and where.
+// Parses a record from left to right. `problem` tells what is wrong, and where.
 class FieldReader {
  public:
   explicit FieldReader(std::string_view text) : text_(text) {}
@@ -41,7 +41,7 @@ class FieldReader {
   }
   bool colon() { return character(':', "':' expected"); }
 
-  // <length>!<text>
+  // Parses <length>!<text>.
   bool counted(std::string_view *value, size_t shortest, size_t longest, const char *what) {
     const size_t start = at_;
     size_t length = 0;
@@ -90,7 +90,7 @@ bool readFields(FieldReader &in, ListRecord *record) {
       !in.counted(&record->opString, 1, kOpStringMax, "operation is damaged") ||
       !in.character('\n', "end of line expected"))
     return false;
-  // The op string travels as one word of a batch line.
+  // A batch line carries the op string as one word.
   if (record->opString.find_first_of(" \t\n\r\v\f") != std::string_view::npos)
     return in.fail("operation is more than one word");
   record->whole = in.taken();
@@ -132,7 +132,7 @@ Result ListReader::open(UniqueFd file) {
   return {};
 }
 
-// The text at the current position, up to the end that the list had when it was opened.
+// Returns the text at the current position, up to the end that the list had when it was opened.
 Result ListReader::peek(size_t want, std::string_view *text) {
   const uint64_t left = size_ - std::min(size_, position());
   want = static_cast<size_t>(std::min<uint64_t>(want, left));

@@ -1,9 +1,9 @@
-// The lists of operations: one record a line, but for what its path holds.
+// The lists of operations, one record a line (but a path can contain newlines):
 //
 //   <aggregate>:<n>:<inode, hex, padded with blanks>:<generation>:<snapshot>:<n>:<n>:<n>:
 //   <length>!<path>:<length>!<text>;<length>!<op string>\n
 //
-// Path, text and op string are found by their lengths alone: a path holds any byte but NUL, also ':',
+// Only the lengths delimit path, text and op string: a path can contain any byte except NUL, also ':',
 // '!' and newlines. The restore writes "%lld:0:%11llx:0:0:0:0:0:%d!%s:0!;%d!%s\n".
 #pragma once
 
@@ -15,57 +15,57 @@
 #include "base/result.h"
 #include "formats/operation.h"
 
-constexpr size_t kListRecordMax = 16384;  // bytes; a longer one is damaged
+constexpr size_t kListRecordMax = 16384;  // bytes; a longer record is damaged
 
-// Views into the text that was parsed.
+// A parsed record. Its strings point into the parsed text.
 struct ListRecord {
   int64_t aggregate = 0;  // records of one aggregate stay together
   uint64_t ino = 0;
-  uint64_t generation = 0;    // 0 in our lists
-  uint64_t snapshot = 0;      // 0 in our lists
-  std::string_view path;      // 1 to 4095 bytes, none of them NUL
+  uint64_t generation = 0;    // 0 in lists of the restore
+  uint64_t snapshot = 0;      // 0 in lists of the restore
+  std::string_view path;      // 1 to 4095 bytes other than NUL
   std::string_view opString;  // one word of 1 to kOpStringMax characters
-  std::string_view whole;     // the record with its newline
+  std::string_view whole;     // the whole record with its newline
 };
 
-// One record with its newline.
+// Returns one record with its newline.
 std::string formatListRecord(int64_t aggregate, uint64_t ino, std::string_view path,
                              const Operation &op);
 
-// Where and why a text is no record.
+// Why, and where, a text is no record.
 struct RecordProblem {
   const char *what = "";
-  size_t at = 0;  // offset from the start of the record
+  size_t at = 0;  // offset in the record
 };
 
-// Takes one record from the start of `text`; record->whole tells how long it is. False and *problem
-// (may be null) where no whole record stands.
+// Parses one record at the start of `text`; record->whole tells its length. Returns false and *problem
+// (may be null) if there is no complete record.
 bool parseListRecord(std::string_view text, ListRecord *record, RecordProblem *problem = nullptr);
 
-// Reads a list, once or more, record by record: always only as far as it went when it was opened, for
-// what is appended during a run belongs to the next one.
+// Reads a list, once or several times, record by record. Reads only as far as the list went when it was
+// opened: records that are appended during a run belong to the next run.
 class ListReader {
  public:
   explicit ListReader(size_t piece = 128 * 1024) : reader_(piece) {}
 
-  // rc of a failure is the errno; EINVAL or EISDIR where `file` is no regular file.
+  // rc of a failure is the errno; EINVAL or EISDIR: `file` is no regular file.
   Result open(UniqueFd file);
 
-  // The record at the current position, valid until the next call; *end is set where none is left. rc
-  // of a failure is the errno, EINVAL where the list is damaged; problem() says more.
+  // Reads the record at the current position; it is valid until the next call. Sets *end after the last
+  // record. rc of a failure is the errno; EINVAL: the list is damaged. problem() explains it.
   Result next(ListRecord *record, bool *end);
 
   uint64_t position() const { return reader_.position(); }  // bytes
   void seek(uint64_t position) { reader_.seek(position); }
-  // What is wrong, with the byte of the list.
+  // Returns what is wrong, with the position in the list.
   const std::string &problem() const { return problem_; }
-  // The text that is no record, at most `most` bytes; for messages.
+  // Returns the text that is no record, at most `most` bytes, for a message.
   std::string textHere(size_t most);
 
  private:
   Result peek(size_t want, std::string_view *text);
 
   FileReader reader_;
-  uint64_t size_ = 0;  // bytes of the list when it was opened
+  uint64_t size_ = 0;  // size of the list in bytes when it was opened
   std::string problem_;
 };

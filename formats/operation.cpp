@@ -6,7 +6,7 @@
 
 namespace {
 
-// Reads a number at the start of `text` and takes it away.
+// Parses a number at the start of `text` and removes it.
 template <typename Number>
 bool takeNumber(std::string_view &text, Number *value) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), *value);

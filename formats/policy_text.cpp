@@ -7,7 +7,7 @@
 
 namespace {
 
-// A text as it stands between single quotes in a policy.
+// Returns the text in the form for single quotes in a policy, where a quote is doubled.
 std::string quotable(const std::string &text) {
   std::string quoted;
   for (const char c : text) {

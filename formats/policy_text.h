@@ -1,20 +1,22 @@
-// The policy file: which program the engine hands an external list to, and with which words.
+// The policy file, which names the program that the engine starts for an external list, and its
+// options.
 #pragma once
 
 #include <string>
 #include <string_view>
 #include <vector>
 
-// What an EXTERNAL LIST rule says. The program is started as EXEC LIST <batch file> OPTIONS...
+// The contents of an EXTERNAL LIST rule. The program is started as EXEC LIST <batch file> OPTIONS...
 struct ScriptRule {
-  std::string exec;                  // path as written, handed to execv as it is
-  std::vector<std::string> options;  // OPTS, split as a shell does
+  std::string exec;                  // path as written; execve gets it unchanged
+  std::vector<std::string> options;  // OPTS, split like a shell command
 };
 
-// The policy of one engine run: starts `exec` with the words of `options`.
+// Returns the policy of one engine run, which starts `exec` with the words of `options`.
 std::string formatPolicy(const std::string &exec, const std::string &options);
 
-// Finds the one `RULE ['name'] EXTERNAL LIST 'list' EXEC 'path' [OPTS 'words']` of `text`; keywords in
-// either case, a quote inside a quoted string doubled, other rules skipped. False: *problem says why
-// (no such rule or more than one, a clause other than EXEC and OPTS, an empty path, an open quote).
+// Finds the only `RULE ['name'] EXTERNAL LIST 'list' EXEC 'path' [OPTS 'words']` of `text`. Keywords
+// can be in either case, a quote inside a quoted string is doubled, and other rules are skipped.
+// Returns false and explains in *problem: no such rule or several, a clause other than EXEC and OPTS,
+// an empty path, an unterminated quote.
 bool parsePolicy(std::string_view text, ScriptRule *rule, std::string *problem);

@@ -1,15 +1,14 @@
-// Words of command lines, as a shell reads and writes them.
+// Quotes and splits words of command lines like a shell.
 #pragma once
 
 #include <string>
 #include <string_view>
 #include <vector>
 
-// `word` as it stands when it holds only characters that mean nothing to a shell, else in single
-// quotes.
+// Returns `word` unchanged if none of its characters is special to a shell, else in single quotes.
 std::string shellWord(std::string_view word);
 
-// Splits as a shell splits a command line: blanks separate; '...' is literal; in "..." a backslash
-// escapes $ ` " \ and newline; elsewhere it escapes any character. Nothing is expanded and no other
-// character means anything. False and *problem on an open quote or a backslash at the very end.
+// Splits like a shell: blanks separate words, '...' is literal, in "..." a backslash escapes $ ` " \
+// and newline, and elsewhere it escapes any character. Expands nothing and treats no other character
+// specially. Returns false and *problem for an unterminated quote or a backslash at the end.
 bool splitWords(std::string_view text, std::vector<std::string> *words, std::string *problem);

@@ -19,7 +19,7 @@ std::string inBucket(uint64_t ino, const std::string &name) {
   return bucketName(ino) + "/" + name;
 }
 
-// Takes a number without a sign away from the start of `name`.
+// Parses a number without sign at the start of `name` and removes it.
 template <typename Number>
 std::optional<Number> takeNumber(std::string_view &name) {
   Number value = 0;
@@ -29,7 +29,7 @@ std::optional<Number> takeNumber(std::string_view &name) {
   return value;
 }
 
-// The <d> of "<start><d>".
+// Returns the <d> of "<start><d>".
 std::optional<int> depthAfter(std::string_view start, std::string_view name) {
   if (!name.starts_with(start)) return std::nullopt;
   name.remove_prefix(start.size());

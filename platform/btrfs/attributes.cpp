@@ -14,7 +14,7 @@ kest_timestruc64_t toTime(const TreeTime &time) {
   return {time.sec, time.nsec};
 }
 
-// What ia_xattr says: whether the attribute blob of the inode would hold anything.
+// The value of ia_xattr: whether the attribute blob of the inode would hold anything.
 bool carriesBlob(const InodeItem &item, const std::vector<XattrItem> &xattrs) {
   return storageFlagsOfItem(item.mode, item.flags) != 0 ||
          std::any_of(xattrs.begin(), xattrs.end(),

@@ -1,4 +1,4 @@
-// The attributes of an inode as the library's callers get them.
+// The attributes of an inode in the form of the C interface.
 #pragma once
 
 #include <cstdint>
@@ -11,17 +11,17 @@
 
 namespace kest {
 
-// ia_rdev for a device number; only the low 12 bits of the minor fit.
+// Encodes a device number as ia_rdev, which has room for only the low 12 bits of the minor number.
 uint32_t packDevice(unsigned major_no, unsigned minor_no);
 
-// The KEST_HAS_* bit of kest_facts_t that an extended attribute of this name stands for (KEST_HAS_BLOB
-// apart, which is not a matter of names alone).
+// Returns the KEST_HAS_* bit that an extended attribute of this name sets in kest_facts_t.
+// KEST_HAS_BLOB is not among them, because it does not depend on names alone.
 uint32_t factOfXattr(std::string_view name);
 
-// The attributes of inode `ino`, whose items are `item` and `xattrs`.
+// Fills the attributes of inode `ino` from its items `item` and `xattrs`.
 void fillAttributes(uint64_t ino, const InodeItem &item, const std::vector<XattrItem> &xattrs,
                     kest_iattr64_t *attr);
-// The attributes of inode `ino` as `tree` has them; `item` is its inode item. 0 or -errno.
+// Reads the attributes of inode `ino` from `tree`; `item` is its inode item. 0 or -errno.
 int readTreeAttributes(TreeReader &tree, uint64_t ino, const InodeItem &item, kest_iattr64_t *attr);
 
 }  // namespace kest

@@ -15,8 +15,8 @@
 namespace kest {
 namespace {
 
-// The kernel gives up (EAGAIN) when something is renamed anywhere while it looks at "..", which no path
-// of ours holds, or by its own choice.
+// openat2 can fail with EAGAIN when a rename happens anywhere while the kernel resolves "..", which our
+// paths do not contain, or for reasons of its own.
 constexpr int kAttempts = 100;
 
 int openDirectory(int from, const std::string &piece, uint64_t flags, uint64_t resolve) {
@@ -33,7 +33,7 @@ int openDirectory(int from, const std::string &piece, uint64_t flags, uint64_t r
 }  // namespace
 
 int openBeneath(int from, std::string_view path, UniqueFd *dir) {
-  constexpr size_t kPieceSize = PATH_MAX - 1;  // what the kernel takes at once
+  constexpr size_t kPieceSize = PATH_MAX - 1;  // most bytes that the kernel accepts in one call
   const uint64_t resolve = from == AT_FDCWD ? 0
                                             : RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS |
                                                   RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;
@@ -50,7 +50,7 @@ int openBeneath(int from, std::string_view path, UniqueFd *dir) {
     dir->reset(fd);
     from = fd;
     path.remove_prefix(length);
-    // A piece that began with a slash would start at the root again.
+    // Without this, a piece that begins with a slash would start at the root.
     path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
   }
   return 0;

@@ -1,4 +1,4 @@
-// Resolving a path beneath a directory that is held open.
+// Resolves paths beneath a directory that is held open.
 #pragma once
 
 #include <string>
@@ -8,12 +8,12 @@
 
 namespace kest {
 
-// Opens the directory `path` (relative, of any length, "" the directory `from` itself) with O_PATH.
-// Neither a symbolic link nor ".." nor a mount leads out of `from`; each of them is refused on the way:
-// ELOOP, EXDEV. With `from` AT_FDCWD the path is followed as usual. 0 or -errno.
+// Opens the directory `path` with O_PATH. `path` is relative and of any length; "" is the directory
+// `from` itself. No symbolic link, ".." or mount can lead out of `from`: each is refused (ELOOP,
+// EXDEV). With `from` AT_FDCWD the kernel resolves the path as usual. 0 or -errno.
 int openBeneath(int from, std::string_view path, UniqueFd *dir);
 
-// Opens a directory for reading, by any path of which no component is a symbolic link. 0 or -errno.
+// Opens a directory for reading by a path without symbolic links. 0 or -errno.
 int openWithoutLinks(const std::string &path, UniqueFd *dir);
 
 }  // namespace kest

@@ -20,7 +20,8 @@ namespace {
 constexpr mode_t kCloneMode = 0600;
 constexpr unsigned kDeepest = UINT16_MAX;
 
-// 0 and the attribute of a clone parent, which is now open for reading; -EINVAL it is none; -errno.
+// Reads the attribute of a clone parent and opens the parent for reading. 0; -EINVAL: it is no clone
+// parent; or -errno.
 int readParent(BtrfsInode &parent, CloneAttribute *attribute) {
   if (!S_ISREG(parent.facts().mode)) return -EINVAL;
   const int rc = readCloneAttribute(parent, attribute);
@@ -29,7 +30,8 @@ int readParent(BtrfsInode &parent, CloneAttribute *attribute) {
   return parent.openForReading();
 }
 
-// The attribute that makes `clone` a clone of `parent`, whose attribute is `of_parent`. 0 or -errno.
+// Builds the attribute that makes `clone` a clone of `parent`, whose attribute is `of_parent`. 0 or
+// -errno.
 int describeClone(int parent, const CloneAttribute &of_parent, int clone, CloneAttribute *attribute) {
   struct stat st;
   if (fstat(parent, &st) != 0) return -errno;
@@ -54,13 +56,14 @@ int describeClone(int parent, const CloneAttribute &of_parent, int clone, CloneA
   return 0;
 }
 
-// Files with and without copy-on-write cannot share; a file can change between them while it is empty.
+// Files with and without copy-on-write cannot share blocks. The flag can change only while the file is
+// empty.
 int matchCopyOnWrite(int parent, int clone) {
   unsigned wanted, now;
   int rc = readStorageFlags(parent, &wanted);
   if (rc == 0) rc = readStorageFlags(clone, &now);
   if (rc != 0 || ((wanted ^ now) & FS_NOCOW_FL) == 0) return rc;
-  // In two steps, because an inherited compression would forbid no-copy-on-write.
+  // Clear all flags first, because an inherited compression flag would forbid no-copy-on-write.
   rc = writeStorageFlags(clone, 0);
   return rc == 0 && (wanted & FS_NOCOW_FL) != 0 ? writeStorageFlags(clone, FS_NOCOW_FL) : rc;
 }
@@ -75,7 +78,7 @@ int makeClone(int dir_fd, const std::string &name, BtrfsInode &parent) {
   if (errno != ENOENT) return -errno;
   if (name.back() == '/') return -EISDIR;
 
-  // Without a name until it is whole, so that a process that dies on the way leaves nothing.
+  // Give the file a name only when it is complete, so that a process that dies leaves nothing behind.
   UniqueFd fd(openat(dir_fd, ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, kCloneMode));
   if (!fd) return -errno;
   BtrfsInode clone(std::move(fd), BtrfsInode::Held::kReal);

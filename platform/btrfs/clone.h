@@ -1,4 +1,4 @@
-// Making a file a clone of another.
+// Makes a file a clone of another one.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace kest {
 
-// Creates `name` in the directory `dir_fd` (O_PATH will do) as a clone of the clone parent `parent`.
-// See kest_clone_copy. 0 or -errno.
+// Creates `name` in the directory `dir_fd` (O_PATH suffices) as a clone of the clone parent `parent`;
+// see kest_clone_copy. 0 or -errno.
 int makeClone(int dir_fd, const std::string &name, BtrfsInode &parent);
 
 }  // namespace kest

@@ -19,7 +19,7 @@ namespace {
 
 constexpr int64_t kSector = 4096;
 
-// For the end of a program.
+// How often, and how long, to wait for a running program to end.
 constexpr int kMostWaits = 200;
 constexpr useconds_t kWaitMicroseconds = 10000;
 
@@ -27,8 +27,8 @@ int resultOf(int rc) {
   return rc == 0 ? 0 : -errno;
 }
 
-// Where the hole after the data at `offset` begins; -errno. In the last block of the longest file the
-// kernel's own sum overflows, and it answers with the smallest number.
+// Returns the start of the hole after the data at `offset`, or -errno. In the last block of a file of
+// the greatest size the kernel's sum overflows, and lseek returns INT64_MIN.
 int64_t holeAfter(int fd, int64_t offset) {
   const off_t hole = lseek(fd, offset, SEEK_HOLE);
   return hole == INT64_MIN ? INT64_MAX : hole < 0 ? -errno : hole;
@@ -37,8 +37,9 @@ int64_t holeAfter(int fd, int64_t offset) {
 // Makes [from, to) of a file of `size` bytes a hole. 0 or -errno.
 int punch(int fd, int64_t from, int64_t to, int64_t size) {
   if (to == size) {
-    // A hole that ends inside the last block would fill the rest of it with zeros instead of freeing
-    // it. After the last block of the longest file there is no offset.
+    // A hole that ends inside the last block would fill that block with zeros instead of freeing it, so
+    // extend it to the block's end. For a file of the greatest size that is no valid offset, so cut and
+    // extend the file instead.
     if (size > INT64_MAX - kSector)
       return ftruncate(fd, from) == 0 && ftruncate(fd, size) == 0 ? 0 : -errno;
     to = (to + kSector - 1) / kSector * kSector;
@@ -61,7 +62,7 @@ int DescriptorInode::anyFd() const {
 }
 
 int DescriptorInode::readFd() {
-  const int path_fd = this->fd();  // which may tell how it is held
+  const int path_fd = this->fd();  // can open the inode and change held_
   if (held_ != Held::kPath) return path_fd;
   if (read_fd_) return read_fd_.get();
   const mode_t mode = facts_.mode;
@@ -82,7 +83,7 @@ int DescriptorInode::writeFd() {
   const int any = this->fd();
   if (any < 0) return any;
   int fd = openAgain(any, O_WRONLY);
-  // A program that ran when the restore began is made again. One that was started since may end soon.
+  // The restore replaces programs that ran when it began. One that was started since may end soon.
   for (int waits = 0; fd == -ETXTBSY && waits < kMostWaits; ++waits) {
     usleep(kWaitMicroseconds);
     fd = openAgain(any, O_WRONLY);
@@ -170,7 +171,7 @@ int DescriptorInode::truncate(int64_t size) {
   return resultOf(rc);
 }
 
-// The kernel knows unwritten data, too, and shows preallocated space as a hole.
+// lseek takes data in the page cache into account and reports preallocated space as a hole.
 int DescriptorInode::stretchAt(int64_t offset, int64_t end, int64_t *stop, bool *hole) {
   const int fd = readFd();
   if (fd < 0) return fd;
@@ -241,7 +242,7 @@ int DescriptorInode::readProtection(Protection *protection) {
   return fd < 0 ? fd : kest::readProtection(fd, "", protection);
 }
 
-// `call`(descriptor) on one that is no O_PATH descriptor.
+// Runs `call`(descriptor) with a descriptor that was not opened with O_PATH.
 template <typename Call>
 int DescriptorInode::onRealDescriptor(Call call) {
   if (held_ == Held::kPath) {

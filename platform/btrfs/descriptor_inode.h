@@ -1,4 +1,4 @@
-// An inode behind a descriptor: what the kernel's ordinary calls do with it.
+// An inode behind a descriptor, through the kernel's ordinary system calls.
 #pragma once
 
 #include <cerrno>
@@ -15,25 +15,25 @@ class DescriptorInode : public Inode {
  public:
   enum class Held {
     kPath,      // opened with O_PATH; mode and facts are known
-    kReal,      // open for reading or writing, whatever its user needs
-    kBorrowed,  // anything, and the caller's to close
-    // Regular files, the facts known:
+    kReal,      // open for reading or writing, whichever its user needs
+    kBorrowed,  // any kind of descriptor, which the caller closes
+    // For regular files with known facts:
     kForReading,
-    kForBoth,  // open for reading and writing, but nothing was to be written yet
+    kForBoth,  // open for reading and writing, but nobody has asked to write yet
   };
   DescriptorInode(UniqueFd fd, Held held) : held_(held), fd_(std::move(fd)) {}
   ~DescriptorInode() override;
 
   int fd() const { return fd_ ? fd_.get() : openLate(); }
-  // Any descriptor of the inode. Calls cost less on one that is really open, where there is one.
+  // Returns any descriptor of the inode, if possible one without O_PATH, on which calls are cheaper.
   int anyFd() const;
-  // Descriptor for reading file data, directory entries or inode flags. -EINVAL for all but files and
-  // directories; -errno.
+  // Returns a descriptor for reading file data, directory entries or inode flags. -EINVAL for anything
+  // but files and directories; -errno.
   int readFd();
-  // Descriptor for writing file data. -EROFS where the immutable or append-only flag forbids it;
-  // -errno.
+  // Returns a descriptor for writing file data. -EROFS if the immutable or append-only flag forbids
+  // that; -errno.
   int writeFd();
-  // No longer holds a file open for writing that it opened so without being asked to. 0 or -errno.
+  // Reopens for reading only a file that was opened for writing without a request. 0 or -errno.
   int giveUpWriting();
 
   int openForReading() override;
@@ -59,14 +59,14 @@ class DescriptorInode : public Inode {
   int takeDescriptor() override;
 
  protected:
-  // For an inode that was made without a descriptor: opens one, as `held` says, and hands it to keep().
-  // The descriptor or -errno.
+  // Opens a descriptor, as `held` says, for an inode that was created without one, and passes it to
+  // keep(). Returns the descriptor or -errno.
   virtual int openLate() const { return -EBADF; }
   int keep(UniqueFd fd) const {
     fd_ = std::move(fd);
     return fd_.get();
   }
-  // The same for an O_PATH descriptor, where `held` says otherwise.
+  // Like keep(), for an O_PATH descriptor even if `held` says otherwise.
   int keepPath(UniqueFd fd) const {
     held_ = Held::kPath;
     return keep(std::move(fd));
@@ -78,7 +78,7 @@ class DescriptorInode : public Inode {
 
   mutable Held held_;
   mutable UniqueFd fd_;
-  UniqueFd read_fd_, write_fd_;  // where fd_ is not open so, once they are needed
+  UniqueFd read_fd_, write_fd_;  // opened on demand if fd_ is not open in that way
 };
 
 }  // namespace kest

@@ -1,4 +1,4 @@
-// The difference of a fileset and a snapshot, and what is asked about it.
+// The difference of a fileset and a snapshot, with queries about it.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ namespace kest {
 
 class BtrfsDifference : public Difference {
  public:
-  // `line`: the last transaction that both have in common. `root` must live as long.
+  // `line` is the last transaction that both trees have in common. `root` must outlive this object.
   BtrfsDifference(const TreeRoot &root, uint64_t snapshot_id, uint64_t line);
 
   int compute() override;
@@ -30,7 +30,7 @@ class BtrfsDifference : public Difference {
   const uint64_t snapshot_id_, line_;
   ChangeNotes changes_;
   TreeReader active_, snapshot_;
-  TreeReader walked_, walked_snapshot_;  // of a walk, which comes by directories
+  TreeReader walked_, walked_snapshot_;  // the walk asks in the order of directories
 };
 
 }  // namespace kest

@@ -22,10 +22,10 @@ int resultOf(int rc) {
   return rc == 0 ? 0 : -errno;
 }
 
-// A descriptor, or -1 with errno.
+// Returns a descriptor, or -1 and errno.
 int openObjectAt(int dir, const std::string &name) {
   const size_t end = name.find_last_not_of('/') + 1;
-  // If a slash follows the name, the kernel follows a link all the same. So a directory is asked for
+  // With a slash after the name the kernel would follow a symbolic link, so ask for a directory
   // instead.
   const int directory = end < name.size() ? O_DIRECTORY : 0;
   return openat(dir, name.substr(0, end).c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC | directory);
@@ -35,14 +35,14 @@ int fdOf(const Directory &dir) {
   return static_cast<const BtrfsDirectory &>(dir).fd();
 }
 
-// RESOLVE_NO_XDEV stops at mounts, but not at nested subvolumes.
+// RESOLVE_NO_XDEV refuses mounts but not nested subvolumes, which have a device number of their own.
 int refuseOtherTree(const TreeRoot &root, int dir) {
   struct stat st;
   if (fstat(dir, &st) != 0) return -errno;
   return st.st_dev == root.device ? 0 : -EXDEV;
 }
 
-// Whether `name` is the nested subvolume `id`. 0, -ESTALE or -errno.
+// Checks that `name` is the nested subvolume `id`. 0, -ESTALE or -errno.
 int expectFileset(int dir, const std::string &name, uint64_t id) {
   InodeAddress address;
   if (int rc = addressOf(dir, name.c_str(), &address); rc != 0) return rc == -EXDEV ? -ESTALE : rc;
@@ -100,7 +100,8 @@ int BtrfsDirectory::renameFileset(const std::string &name, uint64_t id, Director
   if (int rc = expectFileset(fd(), name, id); rc != 0) return rc;
   int rc = movingSubvolume(fd(), name, [&] { return rename(name, to, to_name); });
   if (rc != 0) return rc;
-  // Who may write to the directory can have exchanged the name since it was looked at.
+  // A user with write access to the directory can have exchanged the name after the check, so check
+  // again and undo.
   if (expectFileset(target.fd(), to_name, id) != -ESTALE) return 0;
   rc = target.rename(to_name, *this, name);
   return rc != 0 ? rc : -ESTALE;
@@ -162,7 +163,7 @@ int createFile(const TreeRoot &root, const Directory &dir, const std::string &na
   if (!fd) return -errno;
   auto made = std::make_unique<BtrfsInode>(std::move(fd), BtrfsInode::Held::kReal, &root);
   if (int rc = made->learnStatus(); rc < 0) return rc;
-  // The umask and an inherited ACL may have taken bits away.
+  // The umask and an inherited ACL may have cleared bits of the mode.
   if ((made->facts().mode & 07777) != mode) {
     if (int rc = made->changeMode(mode); rc != 0) return rc;
     if (int rc = made->learnStatus(); rc < 0) return rc;

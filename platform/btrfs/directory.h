@@ -34,21 +34,21 @@ class BtrfsDirectory : public Directory {
   int holdsFileset(const std::string &name) override;
 
  private:
-  UniqueFd fd_;  // O_PATH will do
+  UniqueFd fd_;  // O_PATH suffices
 };
 
-// The directory `path` beneath the directory `start_fd` of the tree; see Tree::openDirectory.
+// Opens the directory `path` beneath the directory `start_fd` of the tree; see Tree::openDirectory.
 int openDirectoryBeneath(const TreeRoot &root, int start_fd, std::string_view path,
                          std::unique_ptr<Directory> *dir);
-// See Tree::openNamed and Tree::createFile. `frozen`: a reader of the tree, where it cannot change;
-// else NULL.
+// See Tree::openNamed and Tree::createFile. `frozen` is a reader of the tree if it is read-only, else
+// NULL.
 int openNamed(const TreeRoot &root, TreeReader *frozen, const Directory &dir, const std::string &name,
               std::unique_ptr<Inode> *inode);
 int createFile(const TreeRoot &root, const Directory &dir, const std::string &name, mode_t mode,
                std::unique_ptr<Inode> *inode);
 // See Tree::duplicateDirectory.
 int duplicateDirectory(const TreeRoot &root, int fd, std::unique_ptr<Directory> *dir);
-// The directory `path`, resolved as the kernel does it. 0 or -errno.
+// Opens the directory `path`, resolved by the kernel as usual. 0 or -errno.
 int openDirectoryAnywhere(std::string_view path, std::unique_ptr<Directory> *dir);
 
 }  // namespace kest

@@ -16,17 +16,17 @@ namespace {
 
 constexpr size_t kBatch = 64 * 1024;
 
-// A directory is listed as a whole where one entry in so many leads to a change, but not for a few, nor
-// where too many would have to be kept.
+// The directory is listed as a whole if more than one in kEntriesPerLead entries leads to a change. Not
+// for kFewLeads or fewer, and not if more than kMostListed would have to be kept.
 constexpr uint64_t kEntriesPerLead = 8;
 constexpr size_t kFewLeads = 3, kMostListed = 64 * 1024;
-constexpr uint64_t kUsualEntry = 20;  // bytes that an entry of ten letters adds to a directory's size
+constexpr uint64_t kUsualEntry = 20;  // what a name of ten letters adds to a directory's size
 
 bool isDots(const char *name) {
   return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
-// Calls visit(record) with names, numbers and types as the kernel lists them. 0 or -errno.
+// Calls visit(record) with names, numbers and types in the kernel's order. 0 or -errno.
 template <typename Visit>
 int readRaw(int fd, Visit visit) {
   auto buffer = std::make_unique_for_overwrite<char[]>(kBatch);
@@ -90,7 +90,7 @@ int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const Differe
   const DiffInode own = set.find(facts.ino);
   if (!own.alive()) return 0;
   HiddenEntries hidden(root, snapshot_id);
-  // A directory that only the fileset has is new as a whole.
+  // A directory that the snapshot does not have is new as a whole.
   if (!own.inSnapshot() || own.replaced()) return listDirectory(root, dir, hidden, false, entries);
   if ((own.state & KEST_DI_ENTRIES) == 0) return 0;
   EntryDifference difference;
@@ -102,6 +102,7 @@ int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const Differe
     int rc = diffDirectories(active, snapshot, facts.ino, facts.size, line, hidden, &difference);
     if (rc < 0) return rc;
   }
+  // A twin under its old name is no change of the directory.
   dropPairs(&difference, [&](uint64_t then, uint64_t now) { return set.twinOf(then) == now; });
   LiveEntries live(root, dir.fd(), facts.ino);
 
@@ -133,7 +134,7 @@ LeadListing::LeadListing(const TreeRoot &root, DescriptorInode &dir, const Diffe
       active_(active),
       live_(root, dir.fd(), dir_),
       cursor_(set.leadsFrom(dir_)) {
-  // What was read before may be older than the last changes of the run itself.
+  // Cached items can be older than changes of the run itself.
   active_.forget();
 }
 
@@ -158,8 +159,8 @@ int LeadListing::next(const kest_direntx64_t **entry) {
   }
 }
 
-// A listing shows what names mean, but for directories: a nested subvolume may have the number of an
-// inode.
+// A listing by the kernel is current. Only a directory must be checked: a nested subvolume can have the
+// number of an inode.
 bool LeadListing::needsCheck(const kest_direntx64_t &record) const {
   return !listed_ || record.d_type == DT_DIR;
 }
@@ -200,7 +201,7 @@ int LeadListing::listAll() {
   return rc;
 }
 
-// Puts the next entries, of one inode, into waiting_. 1, 0 at the end, -errno.
+// Puts the next entries, all of one inode, into waiting_. 1; 0 at the end; or -errno.
 int LeadListing::takeNext() {
   NumberPair lead;
   const bool more = cursor_.next(&lead) && lead.first == dir_;

@@ -1,4 +1,4 @@
-// Listings of open directories: all entries, those that changed, those that lead to a change.
+// Lists open directories: all entries, the changed ones, or those that lead to a change.
 #pragma once
 
 #include <cstdint>
@@ -14,25 +14,25 @@
 
 namespace kest {
 
-// The whole live directory, hidden entries left out, `dots` or not. Generations are looked up for
-// directories only. 0 or -errno.
+// Lists the whole present directory without hidden entries, "." and ".." only with `dots`. Looks up
+// generations for directories only. 0 or -errno.
 int listDirectory(const TreeRoot &root, DescriptorInode &dir, const HiddenEntries &hidden, bool dots,
                   EntryList *entries);
 
-// Compares the directory with the snapshot's, unless the comparison of the trees noted how they differ,
-// and drops what the live one contradicts. `set` decides whether there is anything to compare, and says
-// which inode numbers were used again. `line`: the last transaction that both trees have in common. 0
-// or -errno.
+// Lists the entries in which the directory differs from the snapshot's, as `notes` has them or by
+// comparing the directory in both trees, and drops those that the present directory contradicts. `set`
+// tells whether there is anything to compare, and which inode numbers were reused. `line` is the last
+// transaction that both trees have in common. 0 or -errno.
 int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const DifferenceSet &set,
                        const ChangeNotes &notes, uint64_t snapshot_id, uint64_t line,
                        EntryList *entries);
 
-// Goes through the inodes that lie in the directory and are in the difference or lead to one that is.
-// The set has only their numbers. Where they are few among the entries, their names are read from the
-// tree, and checked, one inode at a time; else the directory is listed once.
+// Lists the entries of the directory whose inodes are in the difference or lead to one. The set knows
+// only inode numbers. If these are few among the entries, reads their names from the tree, one inode at
+// a time, and checks them; else lists the directory once.
 class LeadListing : public EntryStream {
  public:
-  // All must live as long; `active` is a reader of the active tree.
+  // All arguments must outlive this object. `active` reads the active tree.
   LeadListing(const TreeRoot &root, DescriptorInode &dir, const DifferenceSet &set, TreeReader &active);
 
   int next(const kest_direntx64_t **entry) override;
@@ -52,10 +52,10 @@ class LeadListing : public EntryStream {
   TreeReader &active_;
   LiveEntries live_;
   SortedPairs::Cursor cursor_;
-  bool begun_ = false, listed_ = false;  // the directory as a whole, in all_
-  std::vector<DirEntry> all_;            // what leads there, by inode number, from next_ on
+  bool begun_ = false, listed_ = false;  // listed_: the whole directory was read into all_
+  std::vector<DirEntry> all_;            // the leading entries by inode number; next_ is the next one
   size_t next_ = 0;
-  std::vector<kest_direntx64_t> waiting_;  // of one inode, the next one last
+  std::vector<kest_direntx64_t> waiting_;  // entries of one inode; the last one is next
   kest_direntx64_t current_{};
 };
 

@@ -13,15 +13,15 @@ namespace kest {
 
 namespace {
 
-// What a name of eight bytes counts in a directory's size.
+// Bytes that a name of eight characters adds to a directory's size.
 constexpr uint64_t kNameSize = 16;
 
-// One directory's DIR_INDEX items, one after the other.
+// Reads the DIR_INDEX items of one directory in order.
 class IndexCursor {
  public:
   IndexCursor(TreeReader &tree, uint64_t dir) : tree_(tree), key_{dir, BTRFS_DIR_INDEX_KEY, 0} {}
 
-  // 0 or -errno; afterwards item() is the next one, or NULL.
+  // Advances. 0 or -errno; then item() is the next item, or NULL after the last.
   int next() {
     item_ = nullptr;
     int rc = tree_.at(key_, &item_);
@@ -48,7 +48,7 @@ class IndexCursor {
   std::vector<DirEntryItem> decoded_;
 };
 
-// Whether inode `ino` is the same file in both trees. 1, 0 or -errno.
+// Whether inode `ino` is the same file in both trees: 1, 0 or -errno.
 int sameInode(TreeReader &active, TreeReader &snapshot, uint64_t ino) {
   InodeItem now, then;
   int rc = readInode(active, ino, &now);
@@ -56,7 +56,7 @@ int sameInode(TreeReader &active, TreeReader &snapshot, uint64_t ino) {
   return rc <= 0 ? rc : sameIdentity(now, then);
 }
 
-// Drops the entries that a restore leaves alone. 0 or -errno.
+// Drops entries that a restore leaves alone. 0 or -errno.
 int dropHidden(const HiddenEntries &hidden, uint64_t dir, std::vector<DirEntry> *entries) {
   std::vector<DirEntry> shown;
   for (DirEntry &entry : *entries) {
@@ -69,9 +69,9 @@ int dropHidden(const HiddenEntries &hidden, uint64_t dir, std::vector<DirEntry> 
   return 0;
 }
 
-// Whether two items, equal in every byte, may mean different inodes: two relatives with histories of
-// their own can give one number, name and place to different files. That can only happen after the
-// line.
+// Returns true if two items with equal bytes can still mean different inodes. Trees that parted can
+// give one number, name and index to different files, but only in a transaction after `line`, the last
+// common one.
 bool mayDiffer(const TreeItem &item, uint64_t line) {
   btrfs_dir_item head;
   if (item.size < sizeof head) return true;
@@ -83,9 +83,9 @@ bool mayDiffer(const TreeItem &item, uint64_t line) {
 
 int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, uint64_t size,
                     uint64_t line, const HiddenEntries &hidden, EntryDifference *difference) {
-  // Both trees keep the entries in the order in which they were made, so most of them meet their
-  // counterpart before any name is compared. An entry that was removed and made again has a new index:
-  // it is found on both sides, and dropped in the end.
+  // Both trees keep entries in the order of their creation, so most entries meet their counterpart
+  // before any name is compared. An entry that was removed and made again has a new index. It appears
+  // on both sides, and dropCommonEntries drops it.
   active.expect(size / kNameSize + 2);
   snapshot.expect(size / kNameSize + 2);
   IndexCursor now(active, dir), then(snapshot, dir);

@@ -1,4 +1,4 @@
-// Where a directory differs from its snapshot, by the items of both trees.
+// Compares a directory in both trees by their items.
 #pragma once
 
 #include <cstdint>
@@ -9,9 +9,9 @@
 
 namespace kest {
 
-// Compares directory `dir` of both trees, hidden entries left out. `size`: of the directory in either
-// tree, for an idea of how much there is to read. `line`: the last transaction that both trees have in
-// common. 0 or -errno.
+// Finds the entries in which directory `dir` differs between the trees, without hidden entries. `size`
+// is that of the directory in either tree and serves as an estimate of how much there is to read.
+// `line` is the last transaction that both trees have in common. 0 or -errno.
 int diffDirectories(TreeReader &active, TreeReader &snapshot, uint64_t dir, uint64_t size,
                     uint64_t line, const HiddenEntries &hidden, EntryDifference *difference);
 

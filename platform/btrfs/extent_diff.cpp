@@ -14,19 +14,19 @@ namespace kest {
 
 namespace {
 
-// A search cannot go backward; no extent item with data reaches further than this.
+// An extent that covers an offset can begin this much before it. No extent with data is longer.
 constexpr uint64_t kLongestExtent = 1ull << 30;
 
 constexpr uint64_t kBlock = 4096;
 constexpr size_t kReadBytes = 256 * 1024;
 
-// Walks one file's extent map forward.
+// Walks the extent map of one file forwards.
 class ExtentCursor {
  public:
   ExtentCursor(TreeReader &tree, uint64_t ino, uint64_t start)
       : tree_(tree), ino_(ino), next_(start > kLongestExtent ? start - kLongestExtent : 0) {}
 
-  // Goes to `position`, which never decreases. 0 or -errno.
+  // Moves to `position`, which must never decrease. 0 or -errno.
   int advance(uint64_t position) {
     while (more_ && item_.start + item_.length <= position) {
       int rc = nextExtent(tree_, ino_, next_, &item_);
@@ -39,13 +39,13 @@ class ExtentCursor {
     return 0;
   }
   bool hole() const { return !inside_ || item_.hole; }
-  uint64_t end() const { return end_; }  // of what is at the position
+  uint64_t end() const { return end_; }  // end of the extent or hole at the position
   const ExtentItem &item() const { return item_; }
 
  private:
   TreeReader &tree_;
   uint64_t ino_;
-  uint64_t next_;  // where to look for the next item
+  uint64_t next_;  // file offset at which to search the next item
   ExtentItem item_;
   bool more_ = true, inside_ = false;
   uint64_t end_ = 0;
@@ -59,15 +59,15 @@ bool sameExtent(const ExtentItem &a, const ExtentItem &b, uint64_t from, uint64_
   return a.inline_data.compare(from, to - from, b.inline_data, from, to - from) == 0;
 }
 
-// A part of two files in which each has one kind of thing.
+// A range in which each of both files has one extent or one hole.
 struct Stretch {
   uint64_t start = 0, end = 0;  // bytes
   bool hole_now = false, hole_then = false;
-  bool shared = false;     // the same data, or a hole in both
-  bool shareable = false;  // the snapshot's data can be shared: all but those that lie in the inode
+  bool shared = false;     // the same extent, or a hole in both
+  bool shareable = false;  // the snapshot's data can be shared: it is no inline extent
 };
 
-// Calls visit(stretch) for one after the other, until it returns false. 0 or -errno.
+// Calls visit(stretch) for consecutive stretches until it returns false. 0 or -errno.
 template <typename Visit>
 int visitStretches(const InodeOfTree &active, const InodeOfTree &snapshot, uint64_t start, uint64_t end,
                    Visit visit) {
@@ -87,15 +87,15 @@ int visitStretches(const InodeOfTree &active, const InodeOfTree &snapshot, uint6
   return 0;
 }
 
-// Whether the stretch of a file of `size` bytes has a whole block, so that one can tell a hole from
-// data there.
+// Returns true if the stretch, in a file of `size` bytes, contains a whole block. Only then can a hole
+// be told from data.
 bool hasBlock(const Stretch &stretch, uint64_t size) {
   const uint64_t first = (stretch.start + kBlock - 1) / kBlock * kBlock;
   return first < (stretch.end == size ? size : stretch.end / kBlock * kBlock);
 }
 
 UniqueFd openFile(const InodeOfTree &file) {
-  // Looking at a file leaves its access time alone, and waits for nobody who holds a lease on it.
+  // Do not change the access time, and do not wait for the holder of a lease.
   return UniqueFd(openByInode(file.tree.fd(), file.tree.treeId(), file.ino, 0,
                               O_RDONLY | O_NONBLOCK | O_NOATIME | O_NOFOLLOW | O_CLOEXEC));
 }
@@ -109,7 +109,7 @@ bool readWhole(int fd, uint64_t at, std::vector<char> *buffer, size_t size) {
   return true;
 }
 
-// Whether both files have the same bytes in [at, end). What cannot be read is not the same.
+// Returns true if both files have equal bytes in [at, end). Data that cannot be read is not equal.
 bool readsAlike(int now, int then, uint64_t at, uint64_t end) {
   std::vector<char> a(kReadBytes), b(kReadBytes);
   for (size_t size; at < end; at += size) {

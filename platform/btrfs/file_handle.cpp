@@ -13,7 +13,7 @@ namespace kest {
 
 namespace {
 
-constexpr int kHandleType = 0x4d;  // inode, subvolume, generation; no parent
+constexpr int kHandleType = 0x4d;  // FILEID_BTRFS_WITHOUT_PARENT: inode, subvolume, generation
 
 struct RawHandle {
   uint64_t ino;

@@ -26,7 +26,7 @@ struct SubvolumeState {
   bool read_only = false;
 };
 
-// The state of subvolume `id` of the file system of `fd`. 0 or -errno.
+// Reads the state of subvolume `id` of the file system of `fd`. 0 or -errno.
 int readState(int fd, uint64_t id, SubvolumeState *state) {
   UniqueFd root(openByInode(fd, id, kFirstInode, 0, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root) return root.get();
@@ -110,7 +110,7 @@ int BtrfsFileSystem::listSnapshots(const std::string &fileset_name, std::string 
   for (NamedSnapshot &one : found) {
     SubvolumeState state;
     rc = readState(mounted_.fd.get(), one.subvolume->id, &state);
-    if (rc == -ENOENT) continue;  // deleted a moment ago
+    if (rc == -ENOENT) continue;  // deleted meanwhile
     if (rc < 0) return failWith(-rc, one.name);
     snapshots->push_back({one.subvolume->id, std::move(one.name), state.created, state.read_only});
   }

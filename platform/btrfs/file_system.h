@@ -11,7 +11,7 @@ namespace kest {
 
 class BtrfsFileSystem : public FileSystem {
  public:
-  // `device`: as the caller named it, for error texts.
+  // `device` is the caller's name for it, for error texts.
   BtrfsFileSystem(MountedFileSystem mounted, std::string device)
       : mounted_(std::move(mounted)), device_(std::move(device)) {}
 
@@ -27,11 +27,12 @@ class BtrfsFileSystem : public FileSystem {
   std::string device_;
 };
 
-// 0; -ENODEV `device` is no mounted btrfs; -errno of the access to it.
+// Opens the file system of `device`. 0; -ENODEV: `device` is no mounted btrfs; -errno: it cannot be
+// accessed.
 int openBtrfs(const std::string &device, std::unique_ptr<FileSystem> *fs);
 
-// The subvolume that the directory `path` lies in, with that directory as its root. 0; -ENOTTY it is on
-// no btrfs; -errno.
+// Opens the subvolume in which the directory `path` lies, with that directory as the root. 0; -ENOTTY:
+// it is not on a btrfs; -errno.
 int openBtrfsTreeAt(const std::string &path, std::unique_ptr<Tree> *tree);
 
 }  // namespace kest

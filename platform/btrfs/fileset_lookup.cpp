@@ -25,7 +25,7 @@ std::string display(const std::string &top_path) {
   return top_path.empty() ? "/" : top_path;
 }
 
-// "; there are a, b, c" where the names are few enough to be of help.
+// Returns "; there are a, b, c" if there are few enough names to help the user.
 std::string listNames(const SubvolumeTable &table, const std::vector<const Subvolume *> &these) {
   if (these.empty() || these.size() > kFewNames) return "";
   std::string text;
@@ -37,7 +37,7 @@ std::string listNames(const SubvolumeTable &table, const std::vector<const Subvo
   return text;
 }
 
-// Every subvolume that is related to the fileset. 0 or -errno.
+// Finds all subvolumes that are related to the fileset. 0 or -errno.
 int findRelatives(const SubvolumeTable &table, const Subvolume &fileset,
                   std::vector<const Subvolume *> *relatives) {
   for (const Subvolume &one : table.all()) {
@@ -75,7 +75,7 @@ int findFileset(const SubvolumeTable &table, const std::string &name, const std:
 int findSnapshot(const SubvolumeTable &table, const std::string &name, const Subvolume &fileset,
                  const std::string &fileset_name, const Subvolume **snapshot) {
   std::string path = trimSlashes(name), found;
-  // A name with a slash is a path, any other one the last component of a path.
+  // A name with a slash is a whole path, any other name the last component of one.
   bool by_path = name.find('/') != std::string::npos;
   std::vector<const Subvolume *> matches, snapshots;
   bool unrelated = false;
@@ -126,7 +126,7 @@ int listSnapshots(const SubvolumeTable &table, const Subvolume &fileset,
     if (uses[one.name] < 2) continue;
     int rc = table.pathOf(one.subvolume->id, &one.name);
     if (rc < 0) return rc;
-    // Without a slash it would be read as a last component again.
+    // A path without a slash would be taken for a last component.
     if (one.name.find('/') == std::string::npos) one.name.insert(0, "/");
   }
   return 0;

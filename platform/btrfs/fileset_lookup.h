@@ -1,4 +1,4 @@
-// From the names of filesets and snapshots to their subvolumes.
+// Finds the subvolumes that names of filesets and snapshots mean.
 #pragma once
 
 #include <string>
@@ -8,12 +8,12 @@
 
 namespace kest {
 
-// The subvolume with this path below the top of the file system; slashes around it do not matter. NULL:
-// there is none.
+// Returns the subvolume with this path below the top of the file system, or NULL. Slashes around the
+// path are ignored.
 const Subvolume *findByPath(const SubvolumeTable &table, const std::string &path);
 
-// Name a fileset, and a snapshot of it, as kest_get_fset_snaphandle_by_name takes them. `device` and
-// `fileset_name` are for the error text. 0; -ENOENT, -EINVAL, -errno.
+// Find a fileset, or a snapshot of one, by its name as in kest_get_fset_snaphandle_by_name. `device`
+// and `fileset_name` are for the error text. 0; -ENOENT, -EINVAL or another -errno.
 int findFileset(const SubvolumeTable &table, const std::string &name, const std::string &device,
                 const Subvolume **fileset);
 int findSnapshot(const SubvolumeTable &table, const std::string &name, const Subvolume &fileset,
@@ -21,12 +21,12 @@ int findSnapshot(const SubvolumeTable &table, const std::string &name, const Sub
 
 struct NamedSnapshot {
   const Subvolume *subvolume = nullptr;
-  // Last component of the path, or, where several have the same, the path below the top, which then
-  // holds a slash, if only a leading one.
+  // The last component of the path. If several snapshots share it, the path below the top, which then
+  // contains a slash, if necessary a leading one.
   std::string name;
 };
 
-// The relatives of the fileset that have a path, by id. 0 or -errno.
+// Lists the relatives of the fileset that have a path, in the order of their ids. 0 or -errno.
 int listSnapshots(const SubvolumeTable &table, const Subvolume &fileset,
                   std::vector<NamedSnapshot> *snapshots);
 

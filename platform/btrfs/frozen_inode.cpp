@@ -15,7 +15,7 @@ namespace kest {
 
 namespace {
 
-constexpr uint64_t kBlockBits = 9;  // st_blocks counts 512 bytes
+constexpr uint64_t kBlockBits = 9;  // st_blocks counts units of 512 bytes
 constexpr blksize_t kSector = 4096;
 
 struct timespec toTimespec(const TreeTime &time) {
@@ -88,8 +88,8 @@ int FrozenInode::listXattrs(std::vector<std::string> *names) {
   return 0;
 }
 
-// The tree holds the value of a user or trusted attribute as it was set. The kernel has its own form of
-// others: ACLs, and the attributes of security modules.
+// The tree holds the value of a user or trusted attribute as it was set. Other values, such as ACLs and
+// those of security modules, have a different form in the kernel, so ask it.
 int FrozenInode::readXattr(const char *name, std::string *value) {
   const std::string_view wanted = name;
   const auto found =
@@ -121,7 +121,7 @@ int FrozenInode::openLate() const {
   int fd = open(regular ? O_RDONLY | O_NONBLOCK | O_NOATIME : O_PATH);
   if (fd == -EPERM && regular) fd = open(O_RDONLY | O_NONBLOCK);
   if (fd == -EWOULDBLOCK && regular) {
-    // Somebody holds a lease, and gets time only when the data is needed.
+    // Another process holds a lease on the file. Break it only when the data is needed.
     UniqueFd path(open(O_PATH));
     return path ? keepPath(std::move(path)) : path.get();
   }

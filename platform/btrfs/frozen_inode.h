@@ -1,4 +1,4 @@
-// An inode as a tree holds it: the tree answers instead of the kernel.
+// An inode of a read-only tree, whose items answer in place of the kernel.
 #pragma once
 
 #include <memory>
@@ -10,20 +10,20 @@
 
 namespace kest {
 
-// An inode as a tree holds it.
+// The items of an inode in a tree.
 struct StoredInode {
   InodeItem item;
   std::vector<XattrItem> xattrs;
 };
 
-// 0, -ENOENT the tree has no such inode, or one without a name, -errno.
+// Reads the items. 0; -ENOENT: no such inode, or one without a name; or -errno.
 int readStored(TreeReader &tree, uint64_t ino, StoredInode *stored);
 
-// No descriptor is opened before a call needs one: for the data of a regular file, for the path of
-// anything else.
+// Opens a descriptor only when a call needs one: for the data of a regular file, or as O_PATH for any
+// other type.
 class FrozenInode : public BtrfsInode {
  public:
-  // `fd`, where there is one, was opened with O_PATH.
+  // `fd`, if it is valid, was opened with O_PATH.
   FrozenInode(const TreeRoot &root, uint64_t ino, StoredInode stored, UniqueFd fd = UniqueFd());
 
   int stat(struct stat *st) override;
@@ -42,11 +42,11 @@ class FrozenInode : public BtrfsInode {
   const StoredInode stored_;
 };
 
-// Inode `ino` of a tree that cannot change. `tree` reads that tree and keeps what it read for the next
-// inodes. 0, -ENOENT no such inode, or one without a name, or -errno.
+// Opens inode `ino` of a read-only tree. `tree` reads that tree and caches items for the next inodes.
+// 0; -ENOENT: no such inode, or one without a name; or -errno.
 int openFrozenInode(const TreeRoot &root, TreeReader &tree, uint64_t ino,
                     std::unique_ptr<Inode> *inode);
-// The same for an object of that tree that `fd` has open with O_PATH.
+// The same for an object of that tree that is already open with O_PATH as `fd`.
 int adoptFrozenInode(const TreeRoot &root, TreeReader &tree, uint64_t ino, UniqueFd fd,
                      std::unique_ptr<Inode> *inode);
 

@@ -16,8 +16,8 @@ class CommandLine {
   CommandLine(const char *name, const char *usage) : name_(name), usage_(usage) {}
 
   // Reads options of these getopt `letters` and `words` words, or up to `most_words` if that is more.
-  // True to go on; else the command ends with *status: 0 after --help and --version (on standard output), 1
-  // after a mistake (message and usage on standard error).
+  // True to go on; else the command ends with *status: 0 after --help and --version (on standard
+  // output), 1 after a mistake (message and usage on standard error).
   bool parse(int argc, char **argv, const std::string &letters, size_t words, int *status,
              size_t most_words = 0);
 
