@@ -15,8 +15,8 @@ namespace kest {
 
 namespace {
 
-// Cuts `dir` and the slash after it from the beginning of the path. False where the path is not below
-// `dir`.
+// Removes `dir` and the following slash from the start of the path. Returns false if the path does not
+// lie below `dir`.
 bool cutBeginning(std::string_view dir, std::string_view *path) {
   if (!dir.empty()) {
     if (!path->starts_with(dir)) return false;
@@ -40,7 +40,7 @@ class InnerMounts {
     return own_ == nullptr ? -ENODEV : 0;
   }
 
-  // 1 and the first mount that is in the way, 0 or -errno.
+  // Finds the first mount in the way. 1, 0 or -errno.
   int firstInTheWay(std::string *point) {
     for (const Mount &mount : mounts_) {
       std::string below;
@@ -60,8 +60,8 @@ class InnerMounts {
     return found == mounts_.end() ? nullptr : &*found;
   }
 
-  // Whether it is mounted on something in the tree, in whichever mount of the file system: a directory
-  // that is a mount point in any of them can be neither renamed nor removed.
+  // Returns true if the mount point lies in the tree, through whichever mount of the file system: a
+  // directory that is a mount point in any of them can be neither renamed nor removed.
   bool isInside(const Mount &mount, std::string *below) const {
     const Mount *parent = find(mount.parent_id);
     if (parent == nullptr || parent->major_no != own_->major_no || parent->minor_no != own_->minor_no)
@@ -85,13 +85,14 @@ class InnerMounts {
       if (int rc = findEntry(tree_, ino, name, &entry); rc <= 0) return rc;
       if (int rc = hidden_.hidesName(ino, name, entry.type); rc != 0) return std::min(rc, 0);
       if (entry.junction) {
-        // What lies inside the junction is another fileset's; the junction itself would be moved away.
+        // What lies inside the junction belongs to another fileset. The junction itself would be moved
+        // or unlinked.
         int rc = hidden_.hidesSubvolume(ino, name, entry.target);
         return rc < 0 ? rc : rc == 0 && end == below.size();
       }
       ino = entry.target;
     }
-    // An inode that the other tree does not have is in the difference, unless it has a twin there.
+    // An inode that only one tree has is in the difference, unless it has a twin in the other one.
     return difference_.find(ino).state != 0 || difference_.leads(ino);
   }
 

@@ -1,4 +1,4 @@
-// Mounts inside a fileset or snapshot that prevent a restore.
+// Finds mounts inside a fileset or snapshot that prevent a restore.
 #pragma once
 
 #include <string>
@@ -8,7 +8,8 @@
 
 namespace kest {
 
-// See kest_mount_in_the_way. The trees are committed: they are searched by name. 1, 0 or -errno.
+// See kest_mount_in_the_way. The trees must be committed, because names are searched in them. 1, 0 or
+// -errno.
 int findMountInTheWay(const TreeRoot &active, const TreeRoot &snapshot, const DifferenceSet &difference,
                       std::string *point);
 

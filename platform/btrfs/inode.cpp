@@ -55,11 +55,11 @@ bool sameProperty(const BlobAttributes &a, const BlobAttributes &b) {
   return one->second == other->second;
 }
 
-// -EBUSY while somebody has the file open for writing: such a descriptor would go on writing to it.
+// Returns -EBUSY while a process has the file open for writing, because it could still write to it
+// later.
 int refuseWriters(int fd) {
-  // The kernel grants a read lease only on a file that nobody has open for writing. If somebody opens
-  // it for writing before the lease is given back, the holder gets a signal: one that is ignored by
-  // default.
+  // The kernel grants a read lease only on a file that no process has open for writing. If one opens it
+  // for writing before the lease is returned, this process gets SIGURG, which is ignored by default.
   if (fcntl(fd, F_SETSIG, SIGURG) != 0) return 0;
   if (fcntl(fd, F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN ? -EBUSY : 0;
   fcntl(fd, F_SETLEASE, F_UNLCK);
@@ -97,7 +97,7 @@ int BtrfsInode::learnAll() {
 
 int BtrfsInode::learnSame(const InodeFacts &other) {
   if (int rc = learnStatus(); rc < 0) return rc;
-  // Two writable relatives can give one number to different files, even in one generation.
+  // Two writable relatives can give one number, even with equal generations, to different files.
   if (((facts_.mode ^ other.mode) & S_IFMT) != 0 || facts_.created.tv_sec != other.created.tv_sec ||
       facts_.created.tv_nsec != other.created.tv_nsec)
     return -ENOENT;
@@ -121,7 +121,7 @@ int BtrfsInode::readAttributes(kest_iattr64_t *attr) {
 
 int BtrfsInode::readFacts(kest_facts_t *facts) {
   const bool has_flags = S_ISREG(facts_.mode) || S_ISDIR(facts_.mode);
-  // First: the other two questions cost less on what it opens.
+  // Read the flags first: that opens a descriptor on which the other two calls are cheaper.
   unsigned flags = 0;
   if (has_flags) {
     const int fd = readFd();
@@ -144,7 +144,7 @@ int BtrfsInode::readFacts(kest_facts_t *facts) {
   return 0;
 }
 
-// An inode of a snapshot is asked once: nothing changes there.
+// The answer for an inode of a snapshot is kept, because it cannot change.
 int BtrfsInode::carriesBlob(mode_t mode, uint32_t *answer) {
   if (!carries_blob_ || !root_->isSnapshot()) {
     unsigned flags = 0;
@@ -159,7 +159,7 @@ int BtrfsInode::carriesBlob(mode_t mode, uint32_t *answer) {
   return 0;
 }
 
-// The kernel lists at most 64 KiB of names; the tree holds any number of them.
+// The kernel lists at most 64 KiB of names, so read more from the tree.
 int BtrfsInode::listXattrs(std::vector<std::string> *names) {
   int rc = DescriptorInode::listXattrs(names);
   if (rc != -E2BIG || root_ == nullptr) return rc;
@@ -181,10 +181,10 @@ int BtrfsInode::limitStorage(const BlobAttributes &now, BlobAttributes *wanted) 
     struct stat st;
     if (int rc = stat(&st); rc != 0) return rc;
     if (st.st_size > 0) {
-      // Only an empty file can become, or stop being, no-copy-on-write.
+      // Only an empty file can gain or lose no-copy-on-write.
       const unsigned fixed = now.flags & FS_NOCOW_FL;
       wanted->flags = (wanted->flags & ~FS_NOCOW_FL) | fixed;
-      // Beside it the no-compression flag can be taken away, but not added.
+      // Next to it the no-compression flag can be cleared but not set.
       if (fixed != 0) wanted->flags &= now.flags;
     }
   }
@@ -192,28 +192,28 @@ int BtrfsInode::limitStorage(const BlobAttributes &now, BlobAttributes *wanted) 
     wanted->flags &= ~FS_COMPR_FL;
     wanted->xattrs.erase(kCompressionProperty);
   } else if ((wanted->flags & FS_COMPR_FL) && now.xattrs.contains(kCompressionProperty)) {
-    // The kernel sets the flag only together with the property: the property that it set then stays.
+    // The kernel sets the compression flag only together with the property, so keep the property.
     wanted->xattrs.emplace(kCompressionProperty, now.xattrs.find(kCompressionProperty)->second);
     wanted->flags &= ~FS_COMPR_FL;
   }
   return 0;
 }
 
-// The kernel changes storage flags and compression property together.
+// The kernel changes storage flags and compression property together, so their order matters.
 int BtrfsInode::applyStorage(const BlobAttributes &now, const BlobAttributes &wanted) {
   if (now.flags == wanted.flags && sameProperty(now, wanted)) return 0;
   const auto property = wanted.xattrs.find(kCompressionProperty);
   const bool wants_property = property != wanted.xattrs.end();
   if (now.xattrs.contains(kCompressionProperty) && !wants_property) {
-    // The kernel refuses this on an immutable object, unlike the change of flags below, so it goes
-    // first.
+    // This must come first: on an immutable object the kernel refuses it, but not the change of flags
+    // below.
     if (int rc = removeXattr(kCompressionProperty); rc != 0) return rc;
   }
   if (now.flags != wanted.flags) {
     const int fd = readFd();
     if (fd < 0) return fd;
-    // The kernel refuses most ways from one state to another, but none by way of no flag at all. (It
-    // leaves no-copy-on-write on a file with data, whatever the request says.)
+    // The kernel refuses most direct changes from one combination of flags to another, but none through
+    // no flag at all. (On a file with data it keeps no-copy-on-write, whatever the request says.)
     if (int rc = writeStorageFlags(fd, 0); rc != 0) return rc;
     if (wanted.flags != 0) {
       if (int rc = writeStorageFlags(fd, wanted.flags); rc != 0) return rc;
@@ -239,7 +239,7 @@ int BtrfsInode::share(Inode &from, int64_t offset, int64_t length) {
     case -EXDEV:
     case -EOPNOTSUPP:
       return -EINVAL;
-    case -EPERM:  // the flag was set after the file was opened
+    case -EPERM:  // the flag was set after the open
       return -EROFS;
     default:
       return rc;
@@ -258,12 +258,12 @@ int BtrfsInode::makeCloneParent() {
 
   CloneAttribute attribute;
   if (int rc = readCloneAttribute(*this, &attribute); rc < 0) return rc;
-  // The attribute goes first, because it cannot be set on an immutable file. If the process dies in
-  // between, the next call finishes the parent.
+  // Write the attribute first, because it cannot be set on an immutable file. If the process dies in
+  // between, the next call completes the parent.
   if (!attribute.isParent()) {
     attribute.setIsParent();
     const int rc = writeCloneAttribute(*this, attribute);
-    // Another process may have made it a parent meanwhile.
+    // Another process may have made it a clone parent meanwhile.
     if (rc == -EPERM && readProtection(&protection) == 0 && protection.any()) return -EROFS;
     if (rc != 0) return rc;
   }
@@ -300,7 +300,7 @@ int openSameInode(const TreeRoot &root, const Inode &other, std::unique_ptr<Inod
     fd = open(O_RDONLY | O_NONBLOCK | O_NOATIME);
     if (fd == -EPERM) fd = open(O_RDONLY | O_NONBLOCK);
   }
-  // Somebody who holds a lease gets time only when the data is needed.
+  // Another process holds a lease on the file. Break it only when the data is needed.
   if (regular && fd == -EWOULDBLOCK) {
     held = DescriptorInode::Held::kPath;
     fd = open(O_PATH);

@@ -14,18 +14,19 @@ namespace kest {
 
 class BtrfsInode : public DescriptorInode {
  public:
-  // `root`: of the tree that it was opened in, which must live as long; NULL where none is known.
+  // `root` is the tree in which the inode was opened and must outlive it; NULL if none is known.
   BtrfsInode(UniqueFd fd, Held held, const TreeRoot *root = nullptr)
       : DescriptorInode(std::move(fd), held), root_(root) {}
 
-  // Fills in the facts that `st` holds.
+  // Fills in the facts that `st` contains.
   void learn(const struct stat &st);
-  // Fills in all facts but the generation. 0, -ENOENT it has no name, -errno.
+  // Fills in all facts except the generation. 0; -ENOENT: the inode has no name; or -errno.
   int learnStatus();
-  // Fills in all facts of an inode that was opened by the number and generation of `other`. 0, -ENOENT
-  // it is another file or has no name, -errno.
+  // Fills in all facts of an inode that was opened by the number and generation of `other`. 0; -ENOENT:
+  // it is another file, or has no name; or -errno.
   int learnSame(const InodeFacts &other);
-  // Fills in all facts. 0, -EXDEV it is of another tree than `root`, -ENOENT it has no name, -errno.
+  // Fills in all facts. 0; -EXDEV: it belongs to another tree than `root`; -ENOENT: it has no name; or
+  // -errno.
   int learnAll();
 
   int listEntries(EntryList *entries) override;
@@ -43,7 +44,7 @@ class BtrfsInode : public DescriptorInode {
   int carriesBlob(mode_t mode, uint32_t *answer);
 
   const TreeRoot *root_;
-  std::optional<bool> carries_blob_;  // the last answer
+  std::optional<bool> carries_blob_;  // the last answer of carriesBlob
 };
 
 inline BtrfsInode &asBtrfs(Inode &inode) {

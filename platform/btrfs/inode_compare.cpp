@@ -19,11 +19,11 @@ namespace kest {
 
 namespace {
 
-// Hints of the kernel to itself, which no restore can set.
+// Flags that the kernel keeps for itself and that no restore can set.
 constexpr uint64_t kHasPreallocated = 1u << 4, kRootItemInit = 1u << 31;
 constexpr uint64_t kPrivateFlags = kHasPreallocated | kRootItemInit;
 
-// Whether both are the same names, though in other directories.
+// Returns true if both have the same names, in whichever directories.
 bool sameNamesElsewhere(const std::vector<NameRef> &now, const std::vector<NameRef> &then) {
   if (now.size() == 1 && then.size() == 1) return now.front().name == then.front().name;
   const auto sorted = [](const std::vector<NameRef> &names) {
@@ -35,7 +35,7 @@ bool sameNamesElsewhere(const std::vector<NameRef> &now, const std::vector<NameR
   return sorted(now) == sorted(then);
 }
 
-// 1 when both trees know directory `dir` by the same path from the root. 0, -errno.
+// Whether both trees know directory `dir` by the same path from the root: 1, 0 or -errno.
 int sameWayUp(TreeReader &active, TreeReader &snapshot, uint64_t dir) {
   std::vector<NameRef> now, then;
   while (dir != kFirstInode) {
@@ -52,7 +52,7 @@ int sameWayUp(TreeReader &active, TreeReader &snapshot, uint64_t dir) {
   return 1;
 }
 
-// The names of the file by which `path` may have reached it.
+// Returns the names of the file through which `path` can have reached it.
 std::vector<NameRef> namesOf(const char *path, const std::vector<NameRef> &names) {
   char resolved[PATH_MAX];
   struct stat folder;
@@ -71,7 +71,7 @@ std::vector<NameRef> namesOf(const char *path, const std::vector<NameRef> &names
 
 namespace {
 
-// Links and special files inherit flags from their directory, which nobody can change.
+// Symbolic links and special files inherit flags from their directory, and nobody can change those.
 bool sameFlags(const InodeItem &now, const InodeItem &then) {
   return (!S_ISREG(now.mode) && !S_ISDIR(now.mode)) || ((now.flags ^ then.flags) & ~kPrivateFlags) == 0;
 }
@@ -112,7 +112,7 @@ int compareInodes(const InodeOfTree &active, InodeRecord *now, const InodeOfTree
   if (now->clone_xattrs != then->clone_xattrs) found |= kCloneRelation;
   const mode_t mode = now->item.mode;
   if (S_ISREG(mode) || S_ISLNK(mode)) {
-    // A clone is one by the blocks that it shares. Links are stored with their inode.
+    // A clone is defined by the blocks that it shares. A symbolic link's target lies in its inode item.
     const bool clone = !now->clone_xattrs.empty() || !then->clone_xattrs.empty();
     rc = sameData(active, snapshot, now->item.size, clone || S_ISLNK(mode));
     if (rc <= 0) return rc;
@@ -131,7 +131,7 @@ int describeChange(TreeReader &active, TreeReader &snapshot, uint64_t ino, const
   change->ch_shareable = sharesInPlace(then.flags, now.flags);
   change->ch_other_storage = !change->ch_shareable;
   std::vector<FileRange> ranges;
-  constexpr size_t kEnough = 2;  // to know that there are more
+  constexpr size_t kEnough = 2;  // enough to know that there are more
   int rc = diffExtents(active, snapshot, ino, 0, std::min(now.size, then.size), kEnough, &ranges);
   if (rc < 0 || ranges.empty()) return rc;
   change->ch_start = ranges.front().start;
@@ -146,7 +146,7 @@ int fileSurvives(const TreeRoot &active_root, const TreeRoot &snapshot_root, con
   if (!fd) return -errno;
   struct stat status, root;
   if (fstat(fd.get(), &status) < 0 || fstat(active_root.fd.get(), &root) < 0) return -errno;
-  // Every subvolume has a device number of its own.
+  // Every subvolume has its own device number.
   if (status.st_dev != root.st_dev) return 1;
   if (syncfs(active_root.fd.get()) < 0) return -errno;
   TreeReader active(active_root.fd.get(), active_root.subvol_id);

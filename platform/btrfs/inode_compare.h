@@ -1,4 +1,4 @@
-// Whether an inode is the same in a fileset and a snapshot.
+// Compares an inode in a fileset and a snapshot.
 #pragma once
 
 #include <cstdint>
@@ -11,37 +11,37 @@
 
 namespace kest {
 
-// What is not equal in two inodes that may be of one number or of two.
+// How two inodes, of one number or of two, are unequal.
 enum Unequal : unsigned {
-  kParents = 1,        // the directories of the names, but not the names themselves
-  kCloneRelation = 2,  // the clone attributes of a regular file, in any way
+  kParents = 1,        // other directories, but the same names in them
+  kCloneRelation = 2,  // any difference in the clone attributes of a regular file
   kOther = 4,          // anything else that a restore could bring back
 };
 
-// Whether two inode items are equal in all that can be restored. The size of a directory does not
-// count: it is that of its names and includes hidden entries.
+// Returns true if two inode items are equal in everything that can be restored. Ignores the size of a
+// directory, which depends on its names and includes hidden entries.
 bool sameItem(const InodeItem &now, const InodeItem &then);
 
-// An inode but for its data.
+// An inode without its data.
 struct InodeRecord {
   InodeItem item;
   std::vector<NameRef> names;           // sorted
-  std::vector<XattrItem> xattrs;        // sorted; without
-  std::vector<XattrItem> clone_xattrs;  // those that make a regular file a clone or clone parent
+  std::vector<XattrItem> xattrs;        // sorted; without clone_xattrs
+  std::vector<XattrItem> clone_xattrs;  // those of a clone or clone parent
 };
 
-// Reads all but the item, which comes before, so that everything is read in the order of the tree. 0 or
-// -errno.
+// Reads everything but the item, which the caller has read before, so that reads follow the order of
+// the tree. 0 or -errno.
 int readNamesAndXattrs(const InodeOfTree &inode, InodeRecord *record);
 
-// Compares everything that a restore could bring back: owner, mode, links and their names, modification
-// time, flags, extended attributes, and size and data of all but directories, whose entries are not
-// looked at. Both records have their items; the rest is read into them as far as is needed, all of it
-// where the answer is not kOther. 0 and Unequal bits, or -errno.
+// Compares everything that a restore could bring back: owner, mode, link count and names, modification
+// time, flags, extended attributes, and, except for directories, size and data. Does not look at the
+// entries of directories. Both records contain their items; reads the rest into them as far as needed,
+// and completely if the answer is not kOther. 0 and the Unequal bits, or -errno.
 int compareInodes(const InodeOfTree &active, InodeRecord *now, const InodeOfTree &snapshot,
                   InodeRecord *then, unsigned *unequal);
 
-// What kest_ichange tells of an inode that is the same file in both trees. 0 or -errno.
+// Fills `change` as kest_ichange does, for an inode that is the same file in both trees. 0 or -errno.
 int describeChange(TreeReader &active, TreeReader &snapshot, uint64_t ino, const InodeItem &now,
                    const InodeItem &then, kest_change_t *change);
 

@@ -21,7 +21,8 @@ constexpr uint64_t kItemImmutable = 1u << 6;
 constexpr uint64_t kItemAppendOnly = 1u << 7;
 constexpr uint64_t kItemCompress = 1u << 11;
 
-// One flag in the forms of this library, of FS_IOC_GETFLAGS, FS_IOC_FSGETXATTR and an inode item.
+// The forms of one flag: in this library, in FS_IOC_GETFLAGS, in FS_IOC_FSGETXATTR and in an inode
+// item.
 struct FlagForms {
   uint32_t bit;
   unsigned flag, xflag;
@@ -45,9 +46,9 @@ int requestFlags(int fd, unsigned flags) {
   return ioctl(fd, FS_IOC_SETFLAGS, &all) == 0 ? 0 : -errno;
 }
 
-// Makes `flags` all that a file or directory has. The kernel refuses every change beside both of
-// no-copy-on-write and no compression, but not to set the two together. A file with data, which would
-// lose the latter, is left as it is.
+// Sets exactly `flags` on a file or directory. While no-copy-on-write and no-compression are both set,
+// the kernel refuses any change, but it accepts setting both at once, so clear them first. That would
+// lose no-compression on a file with data, so such a file stays as it is.
 int setAllFlags(int fd, unsigned flags) {
   const int rc = requestFlags(fd, flags);
   constexpr unsigned kBoth = FS_NOCOW_FL | FS_NOCOMP_FL;
@@ -60,7 +61,7 @@ int setAllFlags(int fd, unsigned flags) {
   return requestFlags(fd, flags);
 }
 
-// Gives `mask`, FS_XFLAG_* bits, the values in `wanted`, by the other request. 0 or -errno.
+// Sets the flags in `mask`, FS_XFLAG_* bits, to `wanted`, through FS_IOC_SETFLAGS. 0 or -errno.
 int writeAsFlags(int fd, unsigned mask, unsigned wanted) {
   unsigned flags = 0;
   if (int rc = readAllFlags(fd, &flags); rc != 0) return rc;
@@ -71,10 +72,8 @@ int writeAsFlags(int fd, unsigned mask, unsigned wanted) {
   return setAllFlags(fd, flags);
 }
 
-// Gives `mask`, FS_XFLAG_* bits, the values in `wanted`.
-//
-// Through FSSETXATTR, not SETFLAGS: the latter would turn the compression property of a file into the
-// kernel's default algorithm.
+// Sets the flags in `mask`, FS_XFLAG_* bits, to `wanted`. 0 or -errno. Uses FSSETXATTR, because
+// SETFLAGS would replace a file's compression property by the kernel's default algorithm.
 int writeXflags(int fd, unsigned mask, unsigned wanted) {
   struct fsxattr attr {};
   if (ioctl(fd, FS_IOC_FSGETXATTR, &attr) != 0) return hasNoFlags(errno) ? 0 : -errno;
@@ -85,8 +84,9 @@ int writeXflags(int fd, unsigned mask, unsigned wanted) {
   return errno == EINVAL ? writeAsFlags(fd, mask, wanted) : -errno;
 }
 
-// FSSETXATTR does not know this flag of a directory. `flags` are all that it has now. It must be
-// neither immutable nor append-only, for then its compression property could not be put back.
+// Toggles the dirsync flag of a directory, which FSSETXATTR does not know. `flags` are all present
+// flags. They must not contain the immutable and append-only flags, which would prevent restoring the
+// compression property.
 int toggleDirsync(int fd, unsigned flags) {
   std::string property;
   const int has_property = readXattr(fd, kCompressionProperty, &property);
@@ -99,7 +99,7 @@ int toggleDirsync(int fd, unsigned flags) {
 
 bool sharesInPlace(uint64_t from, uint64_t to) {
   constexpr uint64_t kMustAgree = kItemNoDataSum | kItemNoDataCow;
-  // A file without copy-on-write gets the no-compression flag while it is empty or never.
+  // A file without copy-on-write can get the no-compression flag only while it is empty.
   const bool too_late = (from & kItemNoDataCow) != 0 && (from & ~to & kItemNoCompress) != 0;
   return ((from ^ to) & kMustAgree) == 0 && !too_late;
 }

@@ -13,12 +13,11 @@
 namespace kest {
 namespace {
 
-// Where all names in one directory are found: its path, and the directory itself where they are
-// checked.
+// One directory with names of the inode: its path and, if names are checked, its descriptor.
 struct Folder {
-  uint64_t ino = 0;  // 0: none looked at yet
+  uint64_t ino = 0;  // 0: none entered yet
   bool below = false;
-  std::string path;  // from the start directory, with a slash at its end; "" the start directory
+  std::string path;  // path from the start directory, ending with a slash; "" for the start directory
   UniqueFd fd;
 };
 
@@ -39,7 +38,7 @@ class NameFinder {
   uint64_t subvol_id_;
   bool checked_;
   struct stat start_ {};
-  std::string start_path_;  // in the subvolume, with a slash at its end; "" the root
+  std::string start_path_;  // path in the subvolume, ending with a slash; "" for the root
   Folder folder_;
 };
 
@@ -48,7 +47,7 @@ int NameFinder::begin() {
   return directoryPath(start_fd_, subvol_id_, start_.st_ino, &start_path_);
 }
 
-// Opens the folder by its path, in pieces that the kernel takes. 0 or -errno.
+// Opens the folder by its path, in pieces that the kernel accepts. 0 or -errno.
 int NameFinder::openFolder() {
   constexpr size_t kPiece = PATH_MAX - 1;
   std::string_view rest = folder_.path;
@@ -80,7 +79,7 @@ int NameFinder::enter(uint64_t dir) {
   return 0;
 }
 
-// 1, 0 or -errno.
+// Whether the name leads to the inode: 1, 0 or -errno.
 int NameFinder::leadsTo(const std::string &name, uint64_t ino) const {
   if (!checked_) return 1;
   struct stat st;
@@ -101,7 +100,7 @@ int NameFinder::find(uint64_t ino, InodeNames *found) {
     found->paths.emplace_back();
     return 1;
   }
-  std::vector<NameRef> names;  // sorted: those of one directory follow each other
+  std::vector<NameRef> names;  // sorted, so names in one directory are adjacent
   rc = readNames(tree, ino, &names);
   if (rc < 0) return rc;
   for (const NameRef &name : names) {

@@ -1,4 +1,4 @@
-// The paths that lead to an inode, from its back references.
+// Finds the paths of an inode from its back references.
 #pragma once
 
 #include <cstdint>
@@ -7,10 +7,10 @@
 
 namespace kest {
 
-// Finds every path of inode `ino` of subvolume `subvol_id` below the directory `dir_fd` (not O_PATH) of
-// it, whatever their length and number. `checked`: passes over what the kernel's own look-up does not
-// confirm: the tree still holds names that were removed since the last commit, and a mount may hide
-// one. 1, 0 no such inode, -errno.
+// Finds every path of inode `ino` of subvolume `subvol_id` below its directory `dir_fd` (not O_PATH),
+// of any length and number. With `checked` drops paths that the kernel does not confirm: the tree still
+// contains names that were removed since the last commit, and a mount can hide a name. 1; 0: no such
+// inode; or -errno.
 int findInodeNames(int dir_fd, uint64_t subvol_id, uint64_t ino, bool checked, InodeNames *found);
 
 }  // namespace kest

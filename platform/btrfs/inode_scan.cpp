@@ -11,7 +11,7 @@ namespace kest {
 
 namespace {
 
-// Attributes of an inode as they are now. 0; -ENOENT, -errno.
+// Reads the present attributes of an inode. 0, -ENOENT or another -errno.
 int readAttributesNow(const TreeRoot &root, uint64_t ino, kest_iattr64_t *attr) {
   std::unique_ptr<Inode> inode;
   const int rc = openInode(root, ino, &inode);
@@ -20,7 +20,7 @@ int readAttributesNow(const TreeRoot &root, uint64_t ino, kest_iattr64_t *attr) 
 
 }  // namespace
 
-// Finds the first inode in [from, to] that has a name. 1, 0 or -errno.
+// Finds the first inode in [from, to] with a name. 1, 0 or -errno.
 int BtrfsScan::find(uint64_t from, uint64_t to, uint64_t *ino, InodeItem *inode) {
   for (uint64_t at = std::max(from, kFirstInode); at <= std::min(to, kLastInode); ++at) {
     const TreeItem *item;
@@ -56,8 +56,8 @@ int BtrfsScan::nextNow(uint64_t from, uint64_t end, kest_iattr64_t *attr) {
     InodeItem item;
     int rc;
     if (!frozen_) tree_.forget();
-    // A tree that is written is older than its inodes. The inode itself is asked, and the tree only for
-    // the next number, where there is more than one to choose from.
+    // The tree of a writable subvolume lags behind the inodes until a commit. So ask the inode itself,
+    // and use the tree only to find the next number when the range has several.
     if (!frozen_ && ino + 1 == end) {
       rc = readAttributesNow(root_, ino, attr);
     } else {

@@ -1,4 +1,4 @@
-// A scan of every inode of a subvolume.
+// Scans all inodes of a subvolume.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +11,7 @@ namespace kest {
 
 class BtrfsScan : public InodeScan {
  public:
-  // `root` must live as long.
+  // `root` must outlive this object.
   explicit BtrfsScan(const TreeRoot &root) : root_(root), tree_(root.fd.get(), root.subvol_id) {}
 
   int next(uint64_t from, uint64_t to, kest_iattr64_t *attr) override;
@@ -22,7 +22,7 @@ class BtrfsScan : public InodeScan {
 
   const TreeRoot &root_;
   TreeReader tree_;
-  int frozen_ = -1;  // whether the tree cannot change; -1: not asked yet
+  int frozen_ = -1;  // 1: the tree is read-only; -1: not known yet
 };
 
 }  // namespace kest

@@ -9,8 +9,8 @@ namespace {
 constexpr uint64_t kStub = 2;  // inode number of a subvolume's stub in a snapshot
 }
 
-// The address of an entry; *covered when something is mounted on it, so that a lookup by name ends
-// there. 1; 0 when it is gone by now; -errno.
+// Finds the address of an entry. *covered is set if something is mounted on it, so that a lookup by
+// name ends there. 1; 0: the entry is gone; or -errno.
 int LiveEntries::find(const char *name, InodeAddress *address, bool *covered) {
   if (self_.ino == 0) {
     int own = addressOf(dir_fd_, "", &self_);
@@ -42,7 +42,7 @@ int LiveEntries::stillMeans(kest_direntx64_t *record) {
   int rc = find(record->d_name, &address, &covered);
   if (rc <= 0) return rc;
   if (covered) {
-    // What is covered cannot be removed or renamed.
+    // A covered entry can be neither removed nor renamed, so it still means the same.
     kest_direntx64_t found = *record;
     found.d_flags = 0;
     rc = resolveCovered(&found);

@@ -1,4 +1,4 @@
-// What the names in an open directory mean now.
+// Finds what the names in an open directory mean now.
 #pragma once
 
 #include <cstdint>
@@ -10,19 +10,19 @@
 
 namespace kest {
 
-// The kernel lists nested subvolumes by their subvolume id, which may also be an inode number. The file
-// handle of an entry says what it is.
+// The kernel lists a nested subvolume under its subvolume id, which can also be the number of an inode.
+// Only the file handle of the entry tells them apart.
 class LiveEntries {
  public:
-  // `dir_fd`: the directory `dir_ino` of the tree, O_PATH will do. Both must live as long.
+  // `dir_fd` is the directory `dir_ino` of the tree (O_PATH suffices). It and `root` must outlive this
+  // object.
   LiveEntries(const TreeRoot &root, int dir_fd, uint64_t dir_ino)
       : root_(root), dir_fd_(dir_fd), dir_ino_(dir_ino) {}
 
-  // Fills in the generation, or marks the record as a junction. 1; 0 when the entry is gone by now;
-  // -errno.
+  // Fills in the generation, or marks the record as a junction. 1; 0: the entry is gone; or -errno.
   int resolve(kest_direntx64_t *record);
-  // Whether the record's name still means its inode or junction: 1, and the generation is filled in; 0;
-  // -errno.
+  // Returns 1, and fills in the generation, if the record's name still leads to its inode or junction;
+  // else 0 or -errno.
   int stillMeans(kest_direntx64_t *record);
 
  private:
@@ -32,7 +32,7 @@ class LiveEntries {
   const TreeRoot &root_;
   int dir_fd_;
   uint64_t dir_ino_;
-  InodeAddress self_;  // of the directory; ino 0: not read yet
+  InodeAddress self_;  // address of the directory; ino 0: not read yet
   std::vector<Subvolume> nested_;
   bool nested_known_ = false;
 };

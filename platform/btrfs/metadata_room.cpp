@@ -11,12 +11,12 @@ namespace kest {
 
 namespace {
 
-constexpr uint64_t kGlobalReserve = 1ull << 49;  // of the kernel's, among the kinds of space
-// With less than this no block group is made any more, and each may be kept twice.
+constexpr uint64_t kGlobalReserve = 1ull << 49;  // the kernel's bit for it among the kinds of space
+// With less space the kernel makes no new block group. A block group can be stored twice.
 constexpr uint64_t kSmallestGroup = 64 << 20;
 constexpr uint64_t kCopies = 2;
 
-// Bytes of the devices that belong to no block group yet. 0 or -errno.
+// Reads the bytes of the devices that no block group uses yet. 0 or -errno.
 int readUnallocated(int fd, uint64_t *bytes) {
   btrfs_ioctl_fs_info_args info;
   memset(&info, 0, sizeof info);
@@ -27,7 +27,7 @@ int readUnallocated(int fd, uint64_t *bytes) {
     memset(&device, 0, sizeof device);
     device.devid = id;
     if (ioctl(fd, BTRFS_IOC_DEV_INFO, &device) < 0) {
-      if (errno == ENODEV) continue;  // a number that no device has
+      if (errno == ENODEV) continue;  // no device has this number
       return -errno;
     }
     if (device.total_bytes > device.bytes_used) *bytes += device.total_bytes - device.bytes_used;
@@ -41,7 +41,7 @@ int64_t metadataRoom(int fd) {
   btrfs_ioctl_space_args count;
   memset(&count, 0, sizeof count);
   if (ioctl(fd, BTRFS_IOC_SPACE_INFO, &count) < 0) return -errno;
-  // One more than there are: a kind can come in between.
+  // One slot more than needed now, because a kind can be added in between.
   const uint64_t slots = count.total_spaces + 1;
   const size_t words = (sizeof count + slots * sizeof(btrfs_ioctl_space_info)) / sizeof(uint64_t) + 1;
   const auto buffer = std::make_unique<uint64_t[]>(words);

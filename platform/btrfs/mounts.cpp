@@ -27,7 +27,7 @@ int openMounted(const std::string &path) {
   return fd < 0 ? -errno : fd;
 }
 
-// True when block device `rdev` is one of the devices of the file system of `fd`.
+// Returns true if the block device `rdev` belongs to the file system of `fd`.
 bool hasDevice(int fd, dev_t rdev) {
   btrfs_ioctl_fs_info_args info;
   memset(&info, 0, sizeof info);
@@ -45,7 +45,7 @@ bool hasDevice(int fd, dev_t rdev) {
   return false;
 }
 
-// Keeps the mounts of the file system of `mine`, with `mine` first.
+// Keeps the mounts of the file system that `mine` shows, with `mine` first.
 void keepMountsOf(const Mount &mine, const std::vector<Mount> &all, std::vector<Mount> *kept) {
   for (const Mount &one : all) {
     if (one.major_no != mine.major_no || one.minor_no != mine.minor_no) continue;
@@ -58,7 +58,7 @@ int findByBlockDevice(dev_t rdev, const std::vector<Mount> &all, MountedFileSyst
     UniqueFd fd(openMounted(one.point));
     if (!fd || !onBtrfs(fd.get()) || !hasDevice(fd.get(), rdev)) continue;
     struct statx status;
-    // What is mounted on top may be another btrfs.
+    // Another btrfs can be mounted over this mount point.
     if (statx(fd.get(), "", AT_EMPTY_PATH, STATX_MNT_ID, &status) < 0) return -errno;
     auto same = [&](const Mount &m) { return static_cast<uint64_t>(m.id) == status.stx_mnt_id; };
     auto mine = std::find_if(all.begin(), all.end(), same);
@@ -89,7 +89,7 @@ int findFileSystem(const std::string &device, MountedFileSystem *fs) {
     auto mine = std::find_if(all.begin(), all.end(), same);
     if (mine == all.end()) return -ENODEV;
     keepMountsOf(*mine, all, &fs->mounts);
-    // Requests to the file system need a descriptor of a file or directory that is really open.
+    // Requests to the file system need a descriptor of a file or directory without O_PATH.
     bool plain = S_ISDIR(status.stx_mode) || S_ISREG(status.stx_mode);
     int real = open(plain ? device.c_str() : mine->point.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (real < 0) return -errno;
@@ -130,8 +130,8 @@ int openSubvolume(const MountedFileSystem &fs, uint64_t id, const std::string &t
       continue;
     if (subvolumeIdOf(fd.get(), &found) < 0 || found != id) continue;
     if (fileSystemIdOf(fd.get(), &fsid) < 0 || fsid != fs.fsid) continue;
-    // The path may lead over another mount than the one that it begins with: what counts is where it
-    // ends.
+    // The path can lead through another mount than the one that it begins with. Only the mount in which
+    // it ends counts.
     const bool writable = fstatvfs(fd.get(), &figures) == 0 && (figures.f_flag & ST_RDONLY) == 0;
     if (!writable && read_only) continue;
     *path = std::move(one.path);

@@ -1,4 +1,4 @@
-// The mounted btrfs file systems of this machine, and the subvolumes that their mounts show.
+// Finds the mounted btrfs file systems of this machine and the subvolumes that their mounts show.
 #pragma once
 
 #include <cstdint>
@@ -11,22 +11,22 @@
 
 namespace kest {
 
-// One mounted btrfs and everything that shows it in this mount namespace.
+// One mounted btrfs and its mounts in this mount namespace.
 struct MountedFileSystem {
-  UniqueFd fd;  // some directory on it
+  UniqueFd fd;  // any directory on it
   Uuid fsid{};
-  std::vector<Mount> mounts;  // the one that the argument named first
+  std::vector<Mount> mounts;  // the mount that the caller named comes first
 };
 
-// The file system of `device`: any path on it, or one of its block devices. 0; -ENODEV when it is no
-// mounted btrfs; -errno of the access to `device`.
+// Finds the file system of `device`, which is any path on it or one of its block devices. 0; -ENODEV:
+// no mounted btrfs; or the -errno of the access to `device`.
 int findFileSystem(const std::string &device, MountedFileSystem *fs);
 
 // Opens the root directory of subvolume `id`, whose path below the top is `top_path`, through the best
-// of the mounts: a writable one before any that is not, and of several the one that the argument named,
-// one of the subvolume itself, any. Candidates are opened and checked, so that a mount point hidden
-// below another mount is not taken. The descriptor and its path (no trailing slash); -ENXIO when no
-// mount shows it.
+// mount. Prefers writable mounts; among these the one that the caller named, then one of the subvolume
+// itself, then any other. Opens and checks each candidate, because a mount point can be hidden below
+// another mount. Returns the descriptor and its path without a trailing slash; -ENXIO: no mount shows
+// the subvolume.
 int openSubvolume(const MountedFileSystem &fs, uint64_t id, const std::string &top_path,
                   std::string *path);
 

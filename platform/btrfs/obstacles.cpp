@@ -28,7 +28,7 @@ namespace {
 
 enum class Use { kFree, kRuns, kSwap, kUnknown };
 
-// 1 where the file system is mounted without access control lists, 0, -errno.
+// 1: the file system is mounted without ACLs; 0; or -errno.
 int lacksAcls(int fd) {
   if (fgetxattr(fd, "system.posix_acl_access", nullptr, 0) >= 0 || errno == ENODATA) return 0;
   return errno == EOPNOTSUPP ? 1 : -errno;
@@ -62,7 +62,8 @@ class Obstacles {
  private:
   int lookAt(const DiffInode &one) {
     const bool same = one.alive() && one.inSnapshot() && !one.replaced();
-    // Swap space lies in files without copy-on-write alone, and a program that is to go runs on.
+    // Only a file without copy-on-write can be swap space. A program that will only be removed can keep
+    // running.
     const bool may_be_swap = (one.state & kDiffNoCow) != 0;
     if (one.alive() && (one.state & kDiffRegular) != 0 && (same || may_be_swap))
       if (int rc = lookAtUse(one.ino, same, may_be_swap); rc < 0) return rc;
@@ -71,19 +72,19 @@ class Obstacles {
     return look_for_acls_ ? lookForAcl(one, same) : 0;
   }
 
-  // Of a lease on the snapshot's file. Nobody is waited for here, and the time runs for all holders at
-  // once.
+  // Starts breaking the lease on a file of the snapshot. Does not wait, so that the time runs for all
+  // holders at once.
   int tellHolder(uint64_t ino) {
     InodeItem then;
     if (int rc = readInode(snapshot_, ino, &then); rc <= 0) return rc;
-    if (!S_ISREG(then.mode)) return 0;  // the number is that of a file elsewhere
+    if (!S_ISREG(then.mode)) return 0;  // the leased file with this number is in another tree
     const UniqueFd fd(openEvenNameless(root_.fd.get(), snapshot_root_.subvol_id, ino,
                                        static_cast<uint32_t>(then.generation),
                                        O_RDONLY | O_NONBLOCK | O_NOATIME));
     return 0;
   }
 
-  // `same`: the snapshot has the file, too.
+  // `same`: the snapshot has this file, too.
   int lookAtUse(uint64_t ino, bool same, bool may_be_swap) {
     switch (useOf(ino, may_be_swap)) {
       case Use::kSwap:
@@ -95,12 +96,11 @@ class Obstacles {
     }
   }
 
-  // By what the kernel answers to an attempt to write, which also tells the holder of a lease on the
-  // file.
+  // Finds out by trying to open the file for writing. That also starts breaking a lease on it.
   Use useOf(uint64_t ino, bool may_be_swap) {
     const UniqueFd fd(openEvenNameless(root_.fd.get(), root_.subvol_id, ino, 0, O_WRONLY | O_NONBLOCK));
     if (fd) {
-      // This range is too large for any file; the kernel says so only of one that is not swap space.
+      // No file can be so large, so the request always fails, and for swap space with its own error.
       constexpr off_t kTooFar = INT64_MAX;
       if (may_be_swap && fallocate(fd.get(), FALLOC_FL_KEEP_SIZE, kTooFar, kTooFar) != 0 &&
           errno == ETXTBSY)
@@ -109,12 +109,13 @@ class Obstacles {
     }
     if (fd.get() == -ETXTBSY) return Use::kRuns;
     if (fd.get() != -EPERM) return Use::kUnknown;
-    // An immutable or append-only file is not opened for writing, whether it runs or not.
+    // The kernel refuses to open an immutable or append-only file for writing, whether it is running or
+    // not.
     if (!running_) running_ = runningPrograms(root_.device);
     return running_->contains(ino) ? Use::kRuns : Use::kUnknown;
   }
 
-  // A program that runs counts only where the restore would have to write to it.
+  // A running program matters only if the restore would have to write to it.
   int lookAtProgram(uint64_t ino) {
     InodeItem now, then;
     int found = readInode(active_, ino, &now);
@@ -129,7 +130,7 @@ class Obstacles {
     return report(KEST_OB_RUNS, ino, root_);
   }
 
-  // One is enough to know.
+  // Looks for ACLs until the first one is found, which is enough for a refusal.
   int lookForAcl(const DiffInode &one, bool same) {
     int has = 0;
     if (one.inSnapshot()) has = hasAcl(snapshot_, one.ino);

@@ -1,4 +1,4 @@
-// Objects of a difference that a restore cannot treat like others.
+// Finds the objects of a difference that a restore cannot treat like others.
 #pragma once
 
 #include "btrfs/tree_root.h"
@@ -6,7 +6,7 @@
 
 namespace kest {
 
-// See Tree::findObstacles. The trees are committed. 0 or -errno.
+// See Tree::findObstacles. The trees must be committed. 0 or -errno.
 int findObstacles(const TreeRoot &active, const TreeRoot &snapshot, Difference *difference,
                   const ObstacleVisitor &visit);
 

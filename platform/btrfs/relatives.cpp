@@ -21,11 +21,12 @@ struct Comparison {
   uint64_t fileset_id, snapshot_id, line;
 };
 
-// Subvolume ids are never used again and UUIDs never change, so what is remembered stays true.
+// A cache for the process. Its contents stay valid: subvolume ids are never reused, and UUIDs never
+// change.
 std::mutex mutex;
-std::vector<Comparison> comparisons;                           // the latest last
-std::map<std::tuple<Uuid, uint64_t, uint64_t>, bool> related;  // file system, fileset, other subvolume
-std::map<std::pair<Uuid, uint64_t>, bool> keepers;  // filesets whose folder for snapshots holds some
+std::vector<Comparison> comparisons;                           // most recent last
+std::map<std::tuple<Uuid, uint64_t, uint64_t>, bool> related;  // by file system, fileset, subvolume
+std::map<std::pair<Uuid, uint64_t>, bool> keepers;             // fileset: does .snapshots hold some?
 
 constexpr std::string_view kSnapshotFolder = ".snapshots";
 
@@ -39,7 +40,7 @@ int isRelated(const TreeRoot &root, uint64_t id) {
   SubvolumeTable table;
   int rc = table.load(root.fd.get());
   if (rc < 0) return rc;
-  // All at once: a fileset that holds one of its snapshots often holds more.
+  // Find all relatives at once: a fileset that contains one of its snapshots often contains more.
   std::lock_guard lock(mutex);
   for (const Subvolume &one : table.all()) {
     rc = table.related(root.fileset_id, one.id, nullptr);
@@ -49,7 +50,7 @@ int isRelated(const TreeRoot &root, uint64_t id) {
   return related[key];
 }
 
-// Whether directory `dir` of the tree is `above` or lies below it. 1, 0 or -errno.
+// Whether directory `dir` of the tree is `above` or lies below it: 1, 0 or -errno.
 int liesBelow(TreeReader &tree, uint64_t dir, uint64_t above) {
   while (dir != above && dir != kFirstInode) {
     std::vector<NameRef> names;
@@ -61,8 +62,8 @@ int liesBelow(TreeReader &tree, uint64_t dir, uint64_t above) {
   return dir == above;
 }
 
-// Whether the fileset's folder for snapshots is a subvolume of its own, or holds one of its snapshots.
-// 1, 0 or -errno.
+// Whether the fileset's .snapshots folder is a subvolume, or contains a snapshot of the fileset: 1, 0
+// or -errno.
 int findKeptSnapshot(const TreeRoot &root) {
   const int fd = root.fd.get();
   TreeReader tree(fd, root.fileset_id);
@@ -80,7 +81,7 @@ int findKeptSnapshot(const TreeRoot &root) {
   return 0;
 }
 
-// The same, looked up once: what the fileset's own restore does cannot change it.
+// Like findKeptSnapshot, but asks only once: a restore of the fileset cannot change the answer.
 int keepsSnapshots(const TreeRoot &root) {
   const auto key = std::make_pair(root.fsid, root.fileset_id);
   {
@@ -149,7 +150,8 @@ int HiddenEntries::hidesSubvolume(uint64_t dir, std::string_view name, uint64_t 
       rc = findEntry(snapshot, dir, name, &stub);
       if (rc < 0) return rc;
       if (rc > 0 && stub.junction && stub.target == id) {
-        // The directory's number alone may mean another directory there.
+        // The directory's number can belong to another directory in the snapshot, so compare their
+        // identity.
         InodeItem then, now;
         int found_then = readInode(snapshot, dir, &then), found_now = readInode(active, dir, &now);
         if (found_then < 0 || found_now < 0) return std::min(found_then, found_now);

@@ -34,19 +34,19 @@ bool decodeRootRef(const TreeItem &item, RootRef *ref) {
 }
 
 void decodeRoot(const TreeItem &item, Subvolume *one) {
-  // Items of old kernels end before the UUIDs.
+  // Items written by old kernels end before the UUIDs.
   btrfs_root_item raw;
   memset(&raw, 0, sizeof raw);
   memcpy(&raw, item.data, std::min<size_t>(item.size, sizeof raw));
   one->deleted = le32toh(raw.refs) == 0;
   memcpy(one->uuid.data(), raw.uuid, sizeof raw.uuid);
   memcpy(one->parent_uuid.data(), raw.parent_uuid, sizeof raw.parent_uuid);
-  // A snapshot's key holds the transaction that made it; the field is 0 in old items.
+  // The key of a snapshot's item holds the transaction that made it; in old items the field is 0.
   one->otransid = item.key.offset != 0 ? item.key.offset : le64toh(raw.otransid);
   one->created = static_cast<int64_t>(le64toh(raw.otime.sec));
 }
 
-// Calls visit(item) for all items of tree 1 in [from, to]. 0 or -errno.
+// Calls visit(item) for all items of the root tree in [from, to]. 0 or -errno.
 template <typename Visit>
 int forEachRootItem(int fd, TreeKey from, const TreeKey &to, Visit visit) {
   TreeBatch batch;
@@ -103,7 +103,7 @@ SubvolumeTable::Chain SubvolumeTable::chainOf(uint64_t id) const {
   const Subvolume *one = find(id);
   if (one == nullptr) return chain;
   if (one->uuid != kNoUuid) chain.ancestors.push_back({one->uuid, UINT64_MAX});
-  // A deleted ancestor has no item any more, but its UUID still ties its descendants together.
+  // A deleted ancestor has no item any more, but its UUID still connects its descendants.
   while (one != nullptr && one->parent_uuid != kNoUuid && chain.ancestors.size() <= all_.size()) {
     chain.ancestors.push_back({one->parent_uuid, one->otransid});
     one = byUuid(one->parent_uuid);
@@ -132,7 +132,7 @@ int SubvolumeTable::relatedByBirth(uint64_t a, uint64_t b, uint64_t *line) const
   int rc = birthOf(a, &mine);
   if (rc == 0) rc = birthOf(b, &theirs);
   if (rc < 0 || !mine || !theirs || *mine != *theirs) return rc;
-  // Nobody knows any more where the two parted: at the earliest right after their birth.
+  // It is unknown where the two parted; the earliest possible moment is right after their common birth.
   if (line != nullptr) *line = mine->generation > 0 ? mine->generation - 1 : 0;
   return 1;
 }
@@ -242,7 +242,7 @@ int directoryPath(int fd, uint64_t subvol_id, uint64_t dir, std::string *path) {
     return 0;
   }
   if (errno != ENAMETOOLONG) return -errno;
-  // The path is longer than the request can hold: go up name by name.
+  // The path is too long for this request, so go up name by name.
   TreeReader tree(fd, subvol_id);
   std::vector<NameRef> names;
   while (dir != kFirstInode) {

@@ -1,4 +1,4 @@
-// A fileset or snapshot of a btrfs: a subvolume.
+// A fileset or snapshot of a btrfs, which is a subvolume.
 #pragma once
 
 #include "btrfs/tree_root.h"
@@ -42,13 +42,13 @@ class BtrfsTree : public Tree {
   int fileSurvives(const Tree &snapshot, const char *path) const override;
 
  private:
-  // 1 where this is a snapshot that cannot change, so that what `reader_` keeps stays true; 0; -errno.
+  // Whether this is a read-only snapshot, so that items cached by `reader_` stay valid: 1, 0 or -errno.
   int isFrozen() const;
 
   const TreeRoot root_;
-  static constexpr uint32_t kFirstItems = 4, kMostItems = 64;  // of a batch of records in a worker
+  static constexpr uint32_t kFirstItems = 4, kMostItems = 64;  // suit a worker's batch of records
   mutable TreeReader reader_;
-  mutable int frozen_ = -1;  // the answer of isFrozen(); -1: not asked yet
+  mutable int frozen_ = -1;  // the answer of isFrozen(); -1: not known yet
 };
 
 }  // namespace kest

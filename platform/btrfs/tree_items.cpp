@@ -40,7 +40,8 @@ int forEachItem(TreeReader &tree, uint64_t ino, uint32_t first, uint32_t last, V
   }
 }
 
-// Names and values of an XATTR_ITEM, DIR_ITEM or DIR_INDEX: one or more elements in a row.
+// Visits names and values in an XATTR_ITEM, DIR_ITEM or DIR_INDEX, which consists of one or more
+// elements. Returns false for a damaged item.
 template <typename Visit>
 bool forEachDirItem(const TreeItem &item, Visit visit) {
   const uint8_t *at = item.data;
@@ -59,7 +60,7 @@ bool forEachDirItem(const TreeItem &item, Visit visit) {
   return true;
 }
 
-// Parents and names of an INODE_REF or INODE_EXTREF.
+// Visits parents and names in an INODE_REF or INODE_EXTREF. Returns false for a damaged item.
 template <typename Visit>
 bool forEachName(const TreeItem &item, Visit visit) {
   const uint8_t *at = item.data;
@@ -89,7 +90,8 @@ bool forEachName(const TreeItem &item, Visit visit) {
   return true;
 }
 
-// Whether a directory can hold this name. Any other would lead out of it, or to another entry.
+// Returns true if a directory can contain this name. Any other name would lead out of it or to another
+// entry.
 bool isEntryName(std::string_view name) {
   return !name.empty() && name.size() <= kLongestName && name != "." && name != ".." &&
          name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
@@ -153,11 +155,11 @@ bool decodeExtent(const TreeItem &item, ExtentItem *extent) {
   }
   if (item.size < sizeof raw) return false;
   extent->length = le64toh(raw.num_bytes);
-  // In whole blocks: the last one of the longest file ends after it.
+  // Lengths are in whole blocks, so the last block of the longest file ends behind kLongestFile.
   if (extent->start > kLongestFile || extent->length > kLongestFile + 1 - extent->start) return false;
   extent->disk = le64toh(raw.disk_bytenr);
   extent->shift = le64toh(raw.offset) - item.key.offset;
-  // A hole's offset field is not to be relied on; preallocated space reads as zeros.
+  // The offset field of a hole is not reliable. Preallocated space reads as zeros.
   extent->hole = extent->disk == 0 || raw.type == BTRFS_FILE_EXTENT_PREALLOC;
   return true;
 }
@@ -182,7 +184,7 @@ int visitNamesIn(TreeReader &tree, uint64_t ino, uint64_t dir, const NameRefVisi
   int rc = tree.at(key, &item);
   if (rc <= 0) return rc;
   if (item->key == key && !forEachName(*item, visit)) return -EUCLEAN;
-  // Names for which that item has no room.
+  // Names that do not fit into that item are in INODE_EXTREF items.
   return forEachItem(tree, ino, BTRFS_INODE_EXTREF_KEY, BTRFS_INODE_EXTREF_KEY,
                      [&](const TreeItem &one) {
                        return forEachName(one, [&](uint64_t parent, std::string_view name) {

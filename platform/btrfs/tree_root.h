@@ -1,4 +1,4 @@
-// The subvolume behind a fileset or snapshot, held open.
+// The subvolume of a fileset or snapshot, held open.
 #pragma once
 
 #include <cstdint>
@@ -12,12 +12,12 @@
 namespace kest {
 
 struct TreeRoot {
-  UniqueFd fd;              // the root directory, really open; any descriptor opens file handles
-  dev_t device = 0;         // of every object of the subvolume
-  uint64_t subvol_id = 0;   // 5: the top-level subvolume
-  uint64_t fileset_id = 0;  // of a snapshot: the fileset for which it was opened; else subvol_id
-  std::string path;         // root directory through a mount, no trailing slash; "/" the machine's root
-  std::string top_path;     // path below the top of the file system, no leading slash; "" the top
+  UniqueFd fd;              // root directory, not O_PATH, so that it can open file handles
+  dev_t device = 0;         // st_dev of all its objects
+  uint64_t subvol_id = 0;   // 5: top-level subvolume
+  uint64_t fileset_id = 0;  // for a snapshot, the fileset for which it was opened; else subvol_id
+  std::string path;         // root directory through a mount, without trailing slash, or "/"
+  std::string top_path;  // path below the top of the file system, without leading slash; "" for the top
   Uuid fsid{};
 
   bool isSnapshot() const { return subvol_id != fileset_id; }

@@ -11,16 +11,16 @@ namespace kest {
 
 namespace {
 
-constexpr uint32_t kInodeItems = 8;  // first_items of a reader of whole inodes
+constexpr uint32_t kInodeItems = 8;  // first_items for reading whole inodes
 constexpr unsigned kBoth = KEST_DI_ACTIVE | KEST_DI_SNAPSHOT;
 
-// The entries of a directory in the order of their hashes, which is the same in every directory.
+// Reads the entries of a directory in the order of their hashes, which is the same in every directory.
 class HashedEntries {
  public:
   HashedEntries(TreeReader &tree, uint64_t dir) : tree_(tree), dir_(dir) {}
 
-  // Goes to the next hash with an entry that `shown`(entry) keeps (1; 0, -errno). 1, 0 at the end, or
-  // -errno.
+  // Advances to the next hash with an entry for which `shown`(entry) returns 1 (not 0 or -errno). 1; 0
+  // at the end; or -errno.
   template <typename Shown>
   int next(Shown shown) {
     do {
@@ -48,7 +48,7 @@ class HashedEntries {
   std::vector<DirEntryItem> entries_;
 };
 
-// What clone attributes make of a file; nothing where it is neither clone nor parent.
+// Returns the clone attributes of a file; nothing if it is neither clone nor clone parent.
 std::optional<CloneAttribute> cloneOf(const InodeRecord &record) {
   CloneAttribute clone;
   const auto take = [&](std::string_view name, auto *bytes) {
@@ -64,7 +64,7 @@ std::optional<CloneAttribute> cloneOf(const InodeRecord &record) {
   return clone;
 }
 
-// 1 and all of the inode, 0 there is none, -errno.
+// Reads an inode completely. 1; 0: there is none; or -errno.
 int readRecord(const InodeOfTree &inode, InodeRecord *record) {
   int rc = readInode(inode.tree, inode.ino, &record->item);
   if (rc <= 0) return rc;
@@ -84,7 +84,8 @@ TwinSearch::TwinSearch(const TreeRoot &root, uint64_t snapshot_id, const HiddenE
       active_entries_(root.fd.get(), root.subvol_id, kDirectoryItems),
       snapshot_entries_(root.fd.get(), snapshot_id, kDirectoryItems) {}
 
-// Whether the file of this number in one tree (KEST_DI_ACTIVE or KEST_DI_SNAPSHOT) is not in the other.
+// Returns true if the file of this number in one tree (KEST_DI_ACTIVE or KEST_DI_SNAPSHOT) is not in
+// the other one.
 bool TwinSearch::onlyIn(unsigned tree, uint64_t ino) const {
   const uint64_t state = found_.secondOf(ino);
   return (state & tree) != 0 && ((state & kBoth) != kBoth || (state & KEST_DI_REPLACED) != 0);
@@ -114,7 +115,8 @@ int TwinSearch::searchFamily(const NumberPair &top, Family *family) {
     int rc = comparePair(pair, family);
     if (rc <= 0) return rc;
   }
-  // Files of several names were met before all of their directories.
+  // A file with several names was compared before all of its directories were known, so relate it
+  // again.
   std::vector<NumberPair> open;
   for (const NumberPair &pair : family->open) {
     bool still_open = false;
@@ -147,7 +149,7 @@ int TwinSearch::comparePair(const NumberPair &pair, Family *family) {
   return compareEntries(pair, family);
 }
 
-// Compares the names, and adds what they lead to to the family.
+// Compares the entries of a pair of directories and adds the inodes that they lead to.
 int TwinSearch::compareEntries(const NumberPair &pair, Family *family) {
   HashedEntries now(active_entries_, pair.second), then(snapshot_entries_, pair.first);
   const auto shownNow = [&](const DirEntryItem &entry) {
@@ -155,8 +157,8 @@ int TwinSearch::compareEntries(const NumberPair &pair, Family *family) {
         entry.junction ? hidden_.hidesSubvolume(pair.second, entry.name, entry.target) : 0;
     return hides < 0 ? hides : hides == 0;
   };
-  // A nested fileset that has left the fileset is not looked for. Any other one must be at its home,
-  // and a directory that has one is no twin.
+  // Ignore a nested fileset that is no longer in the fileset: no restore brings it back. Any other one
+  // must be at its place, so a directory that contains one has no twin.
   const auto shownThen = [&](const DirEntryItem &entry) {
     uint64_t dir;
     std::string name;
@@ -176,7 +178,7 @@ int TwinSearch::compareEntries(const NumberPair &pair, Family *family) {
       if (rc <= 0) return rc;
     }
   }
-  // In order, so that neighbours are read together.
+  // Sorted, so that neighbouring inodes are read together.
   std::sort(family->pairs.begin() + first_child, family->pairs.end());
   return 1;
 }
@@ -194,7 +196,8 @@ int TwinSearch::addChild(const DirEntryItem &now, const DirEntryItem &then, Fami
   return 1;
 }
 
-// What an inode of the snapshot is in the fileset: itself, or its twin. False where there is neither.
+// Finds the present number of an inode of the snapshot: its own or that of its twin. Returns false if
+// there is neither.
 bool TwinSearch::twinOf(uint64_t then, const Family *family, uint64_t *now) const {
   *now = then;
   if (!onlyIn(KEST_DI_SNAPSHOT, then)) return true;
@@ -209,8 +212,8 @@ bool TwinSearch::twinOf(uint64_t then, const Family *family, uint64_t *now) cons
   return *now != 0;
 }
 
-// Whether the names and the clone relation of the pair are the same, as far as one can tell; *open is
-// set where they depend on inodes that may turn out to be twins.
+// Returns 1 if names and clone relation of the pair are equal as far as that is known. *open is set if
+// they depend on inodes that may turn out to be twins.
 int TwinSearch::relate(const NumberPair &pair, const Family *family, bool *open) {
   InodeRecord now, then;
   int rc = readRecord({active_, pair.second}, &now);
@@ -226,7 +229,7 @@ int TwinSearch::relate(const NumberPair &pair, const InodeRecord &now, const Ino
   if (onlyIn(KEST_DI_SNAPSHOT, pair.first))
     return clone_then ? relateMadeAgain(clone_now ? &*clone_now : nullptr, *clone_then, family, open)
                       : !clone_now;
-  // A survivor keeps its attributes, but learns the number of a parent that was made again.
+  // A survivor keeps its attributes, except for the number of a parent that was made again.
   if (now.clone_xattrs == then.clone_xattrs) return 1;
   if (!clone_now || !clone_then || clone_now->namesSnapshot() || clone_then->namesSnapshot()) return 0;
   uint64_t parent;
@@ -253,12 +256,12 @@ bool TwinSearch::sameNames(const std::vector<NameRef> &now, const std::vector<Na
   return std::includes(now.begin(), now.end(), known.begin(), known.end());
 }
 
-// `now`: NULL where the fileset's file is neither clone nor parent.
+// `now` is NULL if the fileset's file is neither clone nor clone parent.
 int TwinSearch::relateMadeAgain(const CloneAttribute *now, const CloneAttribute &then,
                                 const Family *family, bool *open) {
   int is_clone = then.depth() > 0 ? parentIsThere(then) : 0;
   if (is_clone < 0) return is_clone;
-  // Without its parent a clone is made from its data.
+  // A restore makes a clone whose parent is missing from its data.
   if (is_clone == 0 && !then.isParent()) return now == nullptr;
   if (now == nullptr || now->isParent() != then.isParent()) return 0;
   if (is_clone == 0) return now->depth() == 0;
@@ -272,7 +275,7 @@ int TwinSearch::relateMadeAgain(const CloneAttribute *now, const CloneAttribute 
     return 1;
   }
   if (now->parent() != parent || now->depth() == 0) return 0;
-  // Where an ancestor was made from its data, the depths begin with it.
+  // If an ancestor was made from its data, depths are counted from that ancestor.
   return isParentOfDepth(active_, parent, now->depth() - 1);
 }
 
@@ -284,7 +287,7 @@ int TwinSearch::isParentOfDepth(TreeReader &tree, uint64_t ino, unsigned depth) 
   return parent && parent->isParent() && parent->depth() == depth;
 }
 
-// Whether the snapshot's clone has its parent, in whichever tree that lives.
+// Whether the snapshot's clone has its parent, in whichever tree the parent is.
 int TwinSearch::parentIsThere(const CloneAttribute &clone) {
   if (!clone.namesSnapshot()) return isParentOfDepth(snapshot_, clone.parent(), clone.depth() - 1);
   TreeReader other(root_.fd.get(), clone.snapshot());
@@ -305,7 +308,8 @@ void TwinSearch::keep(const Family &family) {
 
 namespace {
 
-// What a dependent family has in a list of all of them: from `begin` to where the next one begins.
+// Returns the part of a dependent family in a list of all families: from `begin` to the next family's
+// begin.
 template <typename T>
 std::span<const T> partOf(const std::vector<T> &list, size_t begin, size_t end) {
   return std::span<const T>(list).subspan(begin, end - begin);
@@ -313,7 +317,8 @@ std::span<const T> partOf(const std::vector<T> &list, size_t begin, size_t end) 
 
 }  // namespace
 
-// Counts all as twins, then drops those whose relations do not agree with that, until all do.
+// Assumes that all families are twins, then drops those whose relations contradict that, until none
+// does.
 int TwinSearch::settle() {
   for (;;) {
     const auto end = [&](size_t i) {

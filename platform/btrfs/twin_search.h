@@ -1,5 +1,5 @@
-// Finding twins: an inode that only the snapshot has, and one that only the fileset has, that nobody
-// could tell apart but by their numbers. A restore that made a file again left one.
+// Finds twins: an inode that only the snapshot has and one that only the fileset has, which differ in
+// nothing but their numbers. A restore leaves such pairs when it makes a file again.
 #pragma once
 
 #include <cstdint>
@@ -17,45 +17,44 @@
 
 namespace kest {
 
-// Twins have the same names in the same directories, where twins count as one directory; all that a
-// restore could bring back is equal; clones have the same parent, where twins count as one; and in
-// directories everything is a twin or equal, down to the last file.
+// Twins have equal names in the same directories, where twins count as one directory. They are equal in
+// everything that a restore could bring back. Clones have the same parent, where twins count as one
+// parent. In directories all entries must be twins or equal, down to the last file.
 class TwinSearch {
  public:
-  // `found`: the number and KEST_DI_* bits of every inode that differs while nothing is known of twins.
-  // All must live as long.
+  // `found` holds number and KEST_DI_* bits of every inode that differs if twins are ignored. All
+  // arguments must outlive this object.
   TwinSearch(const TreeRoot &root, uint64_t snapshot_id, const HiddenEntries &hidden,
              const SortedPairs &found);
 
-  // Looks for twins among `candidates`, pairs of a number in the snapshot and one in the fileset, and
-  // below those that are directories. Takes two looks at an inode for a pair of other attributes. 0 or
-  // -errno.
+  // Searches twins among `candidates`, pairs of a number in the snapshot and one in the fileset, and
+  // below those that are directories. A pair with unequal attributes costs two reads. 0 or -errno.
   int search(const SortedPairs &candidates);
-  // Those that were found, by the number in the snapshot.
+  // Returns the twins, by the number in the snapshot.
   const SortedPairs &twins() const { return twins_; }
-  // Whether inode `ino`, the same file in both trees, has the same names and the same clone attributes,
-  // where twins count as one inode. 1, 0 or -errno.
+  // Whether inode `ino`, the same file in both trees, has equal names and clone attributes, where twins
+  // count as one inode: 1, 0 or -errno.
   int sameRelations(uint64_t ino);
-  // To be called with the difference that results: directories that hold what is in it or leads to it
-  // are no twins, nor is what depends on them. 1 when some were dropped, so that the difference is
-  // another; 0 or -errno.
+  // Call this with the resulting difference. Drops directories that contain, or lead to, an inode of
+  // the difference, and what depends on them: those are no twins. 1: some were dropped, so the
+  // difference changes; 0; or -errno.
   int dropThoseThatLead(const DifferenceSet &difference);
 
  private:
-  // What stands or falls together: a pair, with everything below where it is one of directories.
+  // A unit that is accepted or rejected as a whole: one pair and, for directories, everything below.
   struct Family {
     std::vector<NumberPair> pairs;
-    std::vector<NumberPair> open;  // of those, with relations to inodes that may turn out to be twins
-    std::vector<uint64_t> survivors;  // inodes of both trees in its directories
-    std::unordered_map<uint64_t, uint64_t> directories, linked;  // pairs, the latter of many names
+    std::vector<NumberPair> open;     // the pairs whose relations depend on possible twins
+    std::vector<uint64_t> survivors;  // inodes of both trees in the family's directories
+    std::unordered_map<uint64_t, uint64_t> directories, linked;  // pairs; linked: with several names
   };
-  // A family that depends on others or on survivors: where its own begin in the lists of all of them.
+  // A family that depends on other families or on survivors: where its part of each common list begins.
   struct Dependent {
     size_t pairs = 0, open = 0, survivors = 0;
     bool dropped = false;
   };
 
-  // All answers: 1, 0 or -errno.
+  // Functions that return int: 1, 0 or -errno.
   bool onlyIn(unsigned tree, uint64_t ino) const;
   int searchFamily(const NumberPair &top, Family *family);
   int comparePair(const NumberPair &pair, Family *family);

@@ -18,12 +18,12 @@ namespace {
 constexpr char kKept[] = ".unlinked";
 
 struct Nested {
-  UniqueFd parent;  // directory that it is linked in
+  UniqueFd parent;  // the directory in which it is linked
   std::string name;
   uint64_t id = 0;
 };
 
-// 0; -errno and errorText().
+// 0, or -errno and errorText().
 int findNested(const std::string &path, Nested *nested) {
   const std::string wrong_kind = path + " is not a nested subvolume";
   std::string full = path;
@@ -41,21 +41,21 @@ int findNested(const std::string &path, Nested *nested) {
   if (rc == 0 && address.ino != kFirstInode) return failWith(EINVAL, wrong_kind);
   if (rc == 0) rc = subvolumeIdOf(nested->parent.get(), &outside);
   if (rc == 0 && fstat(nested->parent.get(), &st) < 0) rc = -errno;
-  // A subvolume that is only mounted at the path is linked somewhere else.
+  // A subvolume that is merely mounted at the path is linked elsewhere.
   uint64_t linked_dir = 0;
   std::string linked_name;
   if (rc == 0) {
     rc = findRootRef(nested->parent.get(), outside, address.subvol_id, &linked_dir, &linked_name);
   }
-  // -EXDEV, -ENOTTY: it, or its parent directory, is not of a btrfs.
+  // -EXDEV, -ENOTTY: the object or its parent directory is not on a btrfs.
   if (rc < 0 && rc != -EXDEV && rc != -ENOTTY) return failWith(-rc, path + ": " + strerror(-rc));
   nested->id = address.subvol_id;
   const bool linked_here = rc > 0 && linked_dir == st.st_ino && linked_name == nested->name;
   return linked_here ? 0 : failWith(EINVAL, wrong_kind);
 }
 
-// The directory for unlinked filesets, made where it is missing. The descriptor or -errno. It is opened
-// through the mount of `on`, because nothing can be renamed from one mount to another.
+// Opens the directory for unlinked filesets and makes it if necessary. Opens it through the mount of
+// `on`, because nothing can be renamed from one mount to another. Returns the descriptor or -errno.
 int openKept(int on) {
   int top = openByInode(on, kTopLevel, kFirstInode, 0, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (top < 0) return top;

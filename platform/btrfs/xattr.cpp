@@ -9,9 +9,9 @@
 namespace kest {
 namespace {
 
-constexpr size_t kFirstSize = 1024;  // most lists and values fit: one call instead of two
+constexpr size_t kFirstSize = 1024;  // enough for most lists and values, which then take one call
 
-// `get`(buffer, size) as getxattr. Repeated while the attribute grows under our hands.
+// Calls `get`(buffer, size), which acts like getxattr, and repeats it while the attribute grows.
 template <typename Get>
 int readGrowing(Get get, std::string *out) {
   out->resize(kFirstSize);
@@ -30,8 +30,8 @@ int readGrowing(Get get, std::string *out) {
 
 }  // namespace
 
-// Here and below: calls on the descriptor itself are several times cheaper than those by way of /proc,
-// but refused for O_PATH descriptors (EBADF).
+// In this file: calls on the descriptor are several times cheaper than those through /proc, but fail
+// with EBADF for O_PATH descriptors.
 int listXattrs(int fd, std::vector<std::string> *names) {
   names->clear();
   std::string list;

@@ -1,4 +1,4 @@
-// Extended attributes of the object behind any descriptor, O_PATH included.
+// Extended attributes of the object of any descriptor, O_PATH included.
 #pragma once
 
 #include <string>
@@ -6,14 +6,14 @@
 
 namespace kest {
 
-// All names, in no order. 0 or -errno: -E2BIG when they take more than 64 KiB. None where the file
-// system has no attributes.
+// Lists all names in no particular order; none if the file system has no attributes. 0 or -errno;
+// -E2BIG: they take more than 64 KiB.
 int listXattrs(int fd, std::vector<std::string> *names);
 
-// The whole value. 0 or -errno: -ENODATA absent, -EOPNOTSUPP no such attributes here.
+// Reads the whole value. 0 or -errno; -ENODATA: no such attribute; -EOPNOTSUPP: not supported here.
 int readXattr(int fd, const char *name, std::string *value);
 
 int writeXattr(int fd, const char *name, const std::string &value);  // 0 or -errno
-int removeXattr(int fd, const char *name);                           // 0, also when absent; -errno
+int removeXattr(int fd, const char *name);  // 0, also if it is absent; or -errno
 
 }  // namespace kest

@@ -14,11 +14,10 @@ namespace kest {
 
 bool CommandLine::parse(int argc, char **argv, const std::string &letters, size_t words, int *status,
                         size_t most_words) {
-  constexpr int kVersion = 256;  // no letter
+  constexpr int kVersion = 256;  // not a letter
   static const struct option kLong[] = {
       {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, kVersion}, {}};
-  // With the leading '-', getopt returns words that are no options in their order, whatever
-  // POSIXLY_CORRECT says.
+  // The leading '-' makes getopt return other words in their order, too, even with POSIXLY_CORRECT.
   std::string all = "-:h" + letters;
   opterr = 0;
   int letter;

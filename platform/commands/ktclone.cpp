@@ -1,4 +1,4 @@
-// File clones by hand: makes a clone parent, or a clone of one.
+// ktclone: makes a clone parent, or a clone of one.
 
 #include <cerrno>
 #include <cstring>

@@ -1,4 +1,4 @@
-// Brings what was written to the disk and the trees up to date.
+// ktfsctl: commits a file system, so that disk and trees are up to date.
 
 #include "commands/command_line.h"
 

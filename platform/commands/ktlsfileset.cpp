@@ -1,4 +1,4 @@
-// Tells about one fileset.
+// ktlsfileset: describes one fileset.
 
 #include <cstdio>
 
@@ -47,7 +47,7 @@ int list(const CommandLine &line) {
   int rc = fs->describeFileset(line.word(1), &info);
   if (rc == -ENOENT) return line.fail("no fileset " + line.word(1) + " on " + line.word(0));
   if (rc < 0) return line.fail(errorText(), rc);
-  // Readers find the remote mark by its place, the nineteenth.
+  // Readers find the field "remote" by its position, the nineteenth.
   std::vector<Field> fields = {
       {"record", "fileset"},
       {"format", "1"},

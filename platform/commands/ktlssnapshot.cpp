@@ -1,4 +1,4 @@
-// Lists the snapshots of a fileset.
+// ktlssnapshot: lists the snapshots of a fileset.
 
 #include <cerrno>
 #include <cinttypes>

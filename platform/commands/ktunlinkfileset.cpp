@@ -1,4 +1,4 @@
-// Takes a nested fileset out of the tree that it is linked in, with all its data.
+// ktunlinkfileset: unlinks a nested fileset, with all its data, from the tree in which it is linked.
 
 #include <cstdio>
 

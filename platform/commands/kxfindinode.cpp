@@ -1,4 +1,4 @@
-// Finds the paths of an inode.
+// kxfindinode: finds the paths of an inode.
 
 #include <cerrno>
 #include <charconv>

@@ -1,4 +1,4 @@
-// What a comparison learned about single inodes, kept for the walk that follows it.
+// What a comparison learned about single inodes, kept for the walk that follows.
 #pragma once
 
 #include <cstddef>
@@ -11,23 +11,23 @@
 
 namespace kest {
 
-// Holds the first kMost inodes that are noted, and directories with about as many entries: some 10 MiB.
-// The walk reads what it asks about the rest from the trees.
+// Holds the first kMost noted inodes, and directories with about as many entries, in about 10 MiB. The
+// walk reads the rest from the trees.
 class ChangeNotes {
  public:
   static constexpr size_t kMost = 1 << 16;
 
   bool full() const { return notes_.size() >= kMost; }
   void add(uint64_t ino, const kest_change_t &change) { notes_.push_back({ino, change}); }
-  // Takes over the notes of another one, as far as there is room.
+  // Takes over the notes of another object as far as there is room.
   void take(ChangeNotes *other);
-  // To be called after the last add() and before the first find().
+  // Call this after the last add() and before the first find().
   void sort();
   bool find(uint64_t ino, kest_change_t *change) const;
 
-  // The entries that only one of the two directories of this number has.
+  // Notes the entries that only one of both directories of this number has.
   void addEntries(uint64_t dir, const EntryDifference &entries);
-  const EntryDifference *findEntries(uint64_t dir) const;  // NULL where they were not noted
+  const EntryDifference *findEntries(uint64_t dir) const;  // NULL if they were not noted
 
  private:
   struct Note {
@@ -36,7 +36,7 @@ class ChangeNotes {
   };
   std::vector<Note> notes_;
   std::unordered_map<uint64_t, EntryDifference> directories_;
-  size_t entries_ = 0;  // in all of them
+  size_t entries_ = 0;  // number of entries in all directories
 };
 
 }  // namespace kest

@@ -1,4 +1,4 @@
-// Comparing the entries of a directory with those of its snapshot.
+// Compares the entries of a directory with those of its snapshot.
 #pragma once
 
 #include <algorithm>
@@ -12,18 +12,19 @@ namespace kest {
 
 struct DirEntry {
   std::string name;
-  uint64_t target = 0;    // inode number; of a junction, the number of its fileset
+  uint64_t target = 0;    // inode number, or the id of a junction's fileset
   bool junction = false;  // a nested fileset is linked here
   uint8_t type = 0;       // DT_*
 };
 
-// Entries that only one of two directories has. A name that means another object is in both lists.
+// Entries that only one of two directories has. A name that leads to different objects is in both
+// lists.
 struct EntryDifference {
-  std::vector<DirEntry> active, snapshot;  // by name
+  std::vector<DirEntry> active, snapshot;  // sorted by name
 };
 
-// Sorts both lists and drops the entries that are in both of them. `same`(ino) says whether the inode
-// of this number is the same file in both trees: 1, 0 or -errno. 0 or -errno.
+// Sorts both lists and drops entries that are in both. `same`(ino) returns whether the inode of this
+// number is the same file in both trees: 1, 0 or -errno. 0 or -errno.
 template <typename Same>
 int dropCommonEntries(EntryDifference *difference, Same same) {
   const auto less = [](const DirEntry &a, const DirEntry &b) {
@@ -54,7 +55,7 @@ int dropCommonEntries(EntryDifference *difference, Same same) {
   return 0;
 }
 
-// Calls visit(active, snapshot) for every name, with the entry of each list, NULL where it has none.
+// Calls visit(active, snapshot) for every name with the entries of both lists; NULL where one has none.
 template <typename Visit>
 void visitNamePairs(const EntryDifference &difference, Visit visit) {
   auto now = difference.active.begin(), now_end = difference.active.end();
@@ -68,7 +69,8 @@ void visitNamePairs(const EntryDifference &difference, Visit visit) {
   }
 }
 
-// Drops the names under which both have a file, and same(snapshot's number, active number).
+// Drops every name under which both have an object, neither a junction, for which same(snapshot's
+// number, active number) returns true.
 template <typename Same>
 void dropPairs(EntryDifference *difference, Same same) {
   EntryDifference left;
@@ -82,8 +84,8 @@ void dropPairs(EntryDifference *difference, Same same) {
   *difference = std::move(left);
 }
 
-// Visits both lists by name; of one name, the active entry comes first. Ends with the first answer
-// below 0 of a visitor. 0, or that answer.
+// Visits both lists in the order of names; of equal names, the active entry comes first. Stops when a
+// visitor returns a negative number, and returns that; else 0.
 template <typename VisitActive, typename VisitSnapshot>
 int visitByName(const EntryDifference &difference, VisitActive visit_active,
                 VisitSnapshot visit_snapshot) {

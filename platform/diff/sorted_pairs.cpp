@@ -102,7 +102,7 @@ SortedPairs PairSorter::finish() {
   size_t bytes = 0;
   for (const SortedPairs &run : runs) bytes += run.bytes_.size();
   all.bytes_.reserve(bytes);
-  using Head = std::pair<NumberPair, size_t>;  // the next pair of a run
+  using Head = std::pair<NumberPair, size_t>;  // next pair of a run, and the run
   std::priority_queue<Head, std::vector<Head>, std::greater<>> heads;
   std::vector<SortedPairs::Cursor> cursors;
   NumberPair pair;

@@ -1,4 +1,4 @@
-// Large sorted sets of pairs of numbers, in two or three bytes a pair where the numbers are close
+// A large sorted set of pairs of numbers, in two or three bytes a pair if the numbers are close
 // together.
 #pragma once
 
@@ -16,7 +16,7 @@ struct NumberPair {
 
 class SortedPairs {
  public:
-  // Walks the set upwards. The set must live as long and not move.
+  // Walks the set upwards. The set must outlive the cursor and not move.
   class Cursor {
    public:
     Cursor() = default;
@@ -25,7 +25,7 @@ class SortedPairs {
    private:
     friend class SortedPairs;
     const SortedPairs *set_ = nullptr;
-    size_t at_ = 0;     // of the next pair
+    size_t at_ = 0;     // index of the next pair
     size_t bytes_ = 0;  // where its bytes begin
     NumberPair last_;
   };
@@ -33,34 +33,34 @@ class SortedPairs {
   bool empty() const { return count_ == 0; }
   size_t size() const { return count_; }
   size_t memory() const { return bytes_.capacity() + blocks_.capacity() * sizeof(Block); }  // bytes
-  // Begins with the first pair that is not below `pair`.
+  // Returns a cursor that begins with the first pair not below `pair`.
   Cursor from(const NumberPair &pair) const;
-  // The second number of the first pair that begins with `first`; 0 where there is none.
+  // Returns the second number of the first pair that begins with `first`, or 0.
   uint64_t secondOf(uint64_t first) const;
   Cursor begin() const { return from({}); }
-  // Adds a pair that is above all others.
+  // Adds a pair, which must be greater than all others.
   void append(const NumberPair &pair);
 
  private:
   friend class PairSorter;
   struct Block {
-    NumberPair first;  // not among the bytes
-    size_t bytes;      // where those of the pairs after it begin
+    NumberPair first;  // stored here and not in the bytes
+    size_t bytes;      // where the bytes of the following pairs begin
   };
 
   std::vector<Block> blocks_;
-  std::vector<uint8_t> bytes_;  // differences to the pair before
+  std::vector<uint8_t> bytes_;  // differences to the previous pair
   size_t count_ = 0;
   NumberPair last_;
 };
 
-// Sorts pairs that come in any order, and drops those that come again. Takes little more memory than
-// the sets that it makes.
+// Sorts pairs that come in any order and drops duplicates. Takes little more memory than the resulting
+// set.
 class PairSorter {
  public:
   void add(const NumberPair &pair);
   void add(SortedPairs &&pairs);
-  SortedPairs finish();  // and leaves the sorter empty
+  SortedPairs finish();  // also empties the sorter
 
  private:
   void endRun();

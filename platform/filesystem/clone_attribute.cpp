@@ -9,7 +9,7 @@
 namespace kest {
 namespace {
 
-// 1 and the first bytes of the attribute; 0 absent or too short; -errno.
+// Reads the first bytes of an attribute. 1; 0: absent or too short; or -errno.
 template <size_t N>
 int readFirst(Inode &inode, const char *name, std::array<uint8_t, N> *bytes) {
   std::string value;
@@ -64,7 +64,8 @@ int readCloneAttribute(Inode &inode, CloneAttribute *attribute) {
 }
 
 int writeCloneAttribute(Inode &inode, const CloneAttribute &attribute) {
-  // A process may die in between: the flag that announces the second attribute is written after it.
+  // The process can die between both writes, so the flag that announces the second attribute is written
+  // last.
   if (attribute.namesSnapshot()) {
     if (int rc = writeAll(inode, kCloneSnapAttribute, attribute.clone_snap); rc != 0) return rc;
   }

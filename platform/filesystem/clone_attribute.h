@@ -1,4 +1,4 @@
-// The attributes that make a file a clone or a clone parent; kest.h describes their bytes.
+// The attributes that make a file a clone or clone parent. kest.h describes their bytes.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@ inline bool isCloneAttribute(std::string_view name) {
 
 struct CloneAttribute {
   std::array<uint8_t, 16> clone{};
-  std::array<uint8_t, 8> clone_snap{};  // all 0 where the parent lives in no snapshot
+  std::array<uint8_t, 8> clone_snap{};  // all 0 unless the parent is in a snapshot
 
   uint64_t parent() const;
   void setParent(uint64_t ino);
@@ -26,12 +26,12 @@ struct CloneAttribute {
   bool namesSnapshot() const { return (clone[12] & 0x40) != 0; }
   void setSnapshot(uint32_t id);
   uint32_t snapshot() const;
-  // 0: no clone itself
+  // 0 if the file is no clone.
   unsigned depth() const { return clone[14] << 8 | clone[15]; }
   void setDepth(unsigned depth);
 };
 
-// 1; 0 where there is none, or one too short to be one; -errno.
+// Reads the attributes. 1; 0: there are none, or they are too short; or -errno.
 int readCloneAttribute(Inode &inode, CloneAttribute *attribute);
 int writeCloneAttribute(Inode &inode, const CloneAttribute &attribute);  // 0 or -errno
 

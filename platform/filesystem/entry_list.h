@@ -1,4 +1,4 @@
-// Listed directory entries, in little more memory than their names.
+// Directory entries from a listing, in little more memory than their names take.
 #pragma once
 
 #include <cstddef>
@@ -14,19 +14,19 @@ class EntryList {
  public:
   void clear();
   void add(const kest_direntx64_t &entry);
-  // The next entry, valid until the next call; NULL at the end.
+  // Returns the next entry, which is valid until the next call; NULL after the last.
   const kest_direntx64_t *next();
 
  private:
-  std::vector<char> bytes_;  // fields, then the name and its terminator, entry by entry
+  std::vector<char> bytes_;  // for each entry the fields, the name and its terminator
   size_t next_ = 0;
   kest_direntx64_t current_{};
 };
 
-// Sets d_name. A name that is too long is cut.
+// Sets d_name. Cuts off a name that is too long.
 void setName(kest_direntx64_t *record, std::string_view name);
 
-// The record of an entry, with generation 0.
+// Returns the record of an entry, with generation 0.
 kest_direntx64_t toRecord(const DirEntry &entry);
 
 }  // namespace kest

@@ -12,8 +12,7 @@
 namespace kest {
 
 bool parseMount(std::string_view line, Mount *mount) {
-  // Words are divided by blanks alone: the kernel leaves some of the other white space in names as it
-  // is.
+  // Only blanks separate the words: the kernel does not escape all other white space in names.
   const auto next = [&line] {
     const std::string word(line.substr(0, line.find(' ')));
     line.remove_prefix(std::min(line.size(), word.size() + 1));
@@ -23,7 +22,7 @@ bool parseMount(std::string_view line, Mount *mount) {
     return sscanf(word.c_str(), "%d", value) == 1;
   };
   const std::string id = next(), parent = next(), device = next(), root = next(), point = next();
-  next();  // the options of the mount
+  next();  // mount options
   if (!number(id, &mount->id) || !number(parent, &mount->parent_id) || root.empty() || point.empty() ||
       sscanf(device.c_str(), "%u:%u", &mount->major_no, &mount->minor_no) != 2)
     return false;

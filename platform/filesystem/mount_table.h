@@ -1,4 +1,4 @@
-// What is mounted in this mount namespace.
+// The mounts of this mount namespace.
 #pragma once
 
 #include <string>
@@ -8,18 +8,18 @@
 namespace kest {
 
 struct Mount {
-  int id = 0, parent_id = 0;            // parent: the mount on which this one is mounted
-  std::string type;                     // of the file system
-  unsigned major_no = 0, minor_no = 0;  // of the superblock
-  std::string root;                     // path below the top of its file system, no leading slash
+  int id = 0, parent_id = 0;            // parent_id: the mount on which this one is mounted
+  std::string type;                     // type of the file system
+  unsigned major_no = 0, minor_no = 0;  // device number of the superblock
+  std::string root;                     // path below the top of its file system, without leading slash
   std::string point;                    // mount point
   std::string source;                   // what is mounted, in the words of the file system
   std::string super_options;            // of the file system
 };
 
-// A line of /proc/self/mountinfo.
+// Parses a line of /proc/self/mountinfo. Returns false if it is malformed.
 bool parseMount(std::string_view line, Mount *mount);
-// Every mount of this namespace. 0 or -errno.
+// Reads all mounts of this namespace. 0 or -errno.
 int readMounts(std::vector<Mount> *mounts);
 
 }  // namespace kest

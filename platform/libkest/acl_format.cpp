@@ -10,13 +10,13 @@ constexpr uint32_t kMagic = 0x4c43414b;
 constexpr mode_t kModeBits = 07777;
 
 struct Header {
-  int32_t length;  // in: of the buffer; out: of what was stored
+  int32_t length;  // in: size of the buffer; out: length of the contents
   uint16_t version;
   uint8_t type;
   uint8_t pad;
   uint32_t magic;
   uint32_t mode;
-  uint32_t access_length;  // 0: none beyond the mode bits
+  uint32_t access_length;  // 0: no ACL besides the mode bits
   uint32_t default_length;
 };
 static_assert(sizeof(Header) == 24);

@@ -1,4 +1,4 @@
-// Access control lists and mode bits as one buffer; kest.h says how it begins.
+// Access control lists and mode bits in one buffer; kest.h describes its head.
 #pragma once
 
 #include <string>
@@ -9,12 +9,12 @@ namespace kest {
 
 struct AclState {
   mode_t mode = 0;        // all twelve bits
-  std::string access;     // raw access ACL; "" none beyond the mode
-  std::string inherited;  // raw default ACL of a directory; "" none
+  std::string access;     // raw access ACL; "" if there is only the mode
+  std::string inherited;  // raw default ACL of a directory; "" if there is none
 };
 
-// The state as kest_getacl gives it. decodeAcl reads as many bytes as `buf` says it is long; false for
-// what is none.
+// Convert between the state and the buffer of kest_getacl. decodeAcl reads as many bytes as the head of
+// `buf` says and returns false if `buf` is malformed.
 std::string encodeAcl(const AclState &state);
 bool decodeAcl(const void *buf, AclState *state);
 

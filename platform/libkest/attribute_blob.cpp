@@ -1,4 +1,4 @@
-// Reading and setting the extended attributes of an open inode as one byte string.
+// Reads and sets the extended attributes of an open inode as one byte string.
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -38,7 +38,7 @@ int readAttributes(Inode &inode, BlobAttributes *out) {
   return 0;
 }
 
-// The blob of an open inode; empty where there is nothing to restore. 0 or -errno.
+// Reads the blob of an open inode; "" if there is nothing to restore. 0 or -errno.
 int readBlob(Inode &inode, std::string *blob) {
   BlobAttributes attributes;
   if (int rc = readAttributes(inode, &attributes); rc != 0) return rc;
@@ -52,10 +52,10 @@ bool sameValue(const BlobAttributes &attributes, const std::string &name, const 
   return found != attributes.xattrs.end() && found->second == value;
 }
 
-// Makes the attributes those of `blob` ("" : none) and writes nothing where they are already.
-// No-copy-on-write can change only while a file is empty: a file with data keeps the state it has, and
-// one that stays no-copy-on-write goes without compression.
-// 0; -EINVAL no blob of ours; -EPERM immutable or append-only; -errno.
+// Sets the attributes to those in `blob` ("": none) and writes nothing that is equal already.
+// No-copy-on-write can change only while a file is empty, so a file with data keeps its state, and one
+// that stays no-copy-on-write gets no compression. 0; -EINVAL: malformed blob; -EPERM: immutable or
+// append-only; or another -errno.
 int writeBlob(OpenFile *file, std::string_view blob) {
   Inode &inode = *file->inode;
   BlobAttributes now, wanted;

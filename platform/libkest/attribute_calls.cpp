@@ -1,5 +1,5 @@
-// Owner, mode, access control lists, times and single attributes of any object: by path, descriptor or
-// open inode.
+// Owner, mode, ACLs, times and single attributes of an object that is given by path, descriptor or open
+// inode.
 #include <cerrno>
 #include <cstring>
 
@@ -24,7 +24,7 @@ constexpr mode_t kModeBits = 07777;
 
 enum TimesFlag { kAccessTime = 1, kModificationTime = 2 };
 
-// Value of an ACL attribute, "" where the object has none. 0 or -errno.
+// Reads an ACL attribute; "" if the object has none. 0 or -errno.
 int readAclXattr(Inode &inode, const char *name, std::string *value) {
   const int rc = inode.readXattr(name, value);
   if (rc != -ENODATA && rc != -EOPNOTSUPP) return rc;
@@ -39,7 +39,7 @@ int applyAclXattr(Inode &inode, const char *name, const std::string &wanted) {
   return wanted.empty() ? inode.removeXattr(name) : inode.writeXattr(name, wanted);
 }
 
-// The state of the object (a link has its mode only). 0 or -errno.
+// Reads the state of the object; for a symbolic link only the mode. 0 or -errno.
 int readAcl(Inode &inode, AclState *state) {
   struct stat st;
   if (int rc = inode.stat(&st); rc != 0) return rc;
@@ -49,8 +49,8 @@ int readAcl(Inode &inode, AclState *state) {
   return S_ISDIR(st.st_mode) ? readAclXattr(inode, kDefault, &state->inherited) : 0;
 }
 
-// Brings the object into that state and writes nothing where it is already; a link is left alone. 0 or
-// -errno.
+// Sets the state of the object and writes nothing that is equal already. Does nothing for a symbolic
+// link. 0 or -errno.
 int writeAcl(Inode &inode, const AclState &state) {
   struct stat st;
   if (int rc = inode.stat(&st); rc != 0) return rc;
@@ -59,7 +59,7 @@ int writeAcl(Inode &inode, const AclState &state) {
   if (S_ISDIR(st.st_mode)) {
     if (int rc = applyAclXattr(inode, kDefault, state.inherited); rc != 0) return rc;
   }
-  // Last: setting an access ACL changes the permission bits.
+  // This must come last, because setting an access ACL changes the permission bits.
   return inode.setExactMode(state.mode);
 }
 
@@ -88,7 +88,8 @@ int openPath(const char *path, UniqueFd *fd) {
   return *fd ? 0 : -errno;
 }
 
-// UTIME_NOW and UTIME_OMIT are nanosecond values to the kernel, so a bad count must not get through.
+// The kernel takes some nanosecond values as UTIME_NOW and UTIME_OMIT, so refuse counts that are too
+// large.
 int convert(const kest_timestruc64_t &from, struct timespec *to) {
   if (from.tv_nsec > 999999999u) return -EINVAL;
   to->tv_sec = from.tv_sec;
@@ -105,9 +106,9 @@ int convertTimes(int flags, const kest_timestruc64_t times[4], struct timespec s
   return rc;
 }
 
-// `capability` is the inode's, read already or not.
+// `capability` is that of the inode, read or not.
 int changeOwner(Inode &inode, uint64_t uid, uint64_t gid, KeptCapability *capability) {
-  constexpr uint64_t kLargestId = UINT32_MAX - 1;  // the value above means "leave it" to the kernel
+  constexpr uint64_t kLargestId = UINT32_MAX - 1;  // the next value means "keep" to the kernel
   if (uid > kLargestId || gid > kLargestId) return -EINVAL;
   struct stat st;
   if (int rc = inode.stat(&st); rc != 0) return rc;
@@ -130,7 +131,7 @@ int64_t readOneXattr(Inode &inode, const char *name, void *buf, size_t size) {
   return static_cast<int64_t>(value.size());
 }
 
-// Runs `body`(open file), with the C interface's result.
+// Runs `body`(open file) and returns its result in the form of the C interface.
 template <typename Body>
 auto onInode(const kest_ifile_t *file, Body body) {
   return cCall([&]() -> decltype(body(*openFile(file))) {
@@ -223,7 +224,7 @@ int kest_iputacl(kest_ifile_t *file, int flags, const void *buf) {
 
 int kest_iset_protection(kest_ifile_t *file, uint32_t protection) {
   return onInode(file, [=](OpenFile &open) {
-    // Others have no flags to set, and a flags request on a device would reach its driver.
+    // Other types have no flags, and a flags request on a device would reach its driver.
     if (!S_ISREG(open.if_mode) && !S_ISDIR(open.if_mode)) return 0;
     return open.inode->writeFlags(protection);
   });

@@ -1,4 +1,4 @@
-// The edge between C++ and the C interface.
+// The border between C++ and the C interface.
 #pragma once
 
 #include <cerrno>
@@ -6,8 +6,8 @@
 
 namespace kest {
 
-// Runs `body`, which returns 0 or more for success or -errno, and turns the answer into the C
-// interface's: the same value, or -1 with errno. Nothing is thrown across it.
+// Runs `body`, which returns 0 or more for success, else -errno. Returns the same value for success, or
+// -1 and errno. No exception crosses the border.
 template <typename Body>
 auto cCall(Body body) noexcept -> decltype(body()) {
   decltype(body()) rc = -EIO;

@@ -1,4 +1,4 @@
-// Clones and clone parents; kest.h has the contracts.
+// Clones and clone parents; see the contracts in kest.h.
 #include <algorithm>
 #include <cerrno>
 #include <memory>
@@ -29,7 +29,7 @@ int setParentNumber(OpenFile *file, uint64_t parent) {
 
   Protection protection;
   rc = inode.readProtection(&protection);
-  // A parent gets its flag in any case: another process may have lifted it just now.
+  // A clone parent gets its flag in any case, because another process may have cleared it for a moment.
   if (rc == 0 && attribute.isParent()) protection.immutable = true;
   if (rc != 0) return rc;
   if (!protection.any()) return writeCloneAttribute(inode, attribute);

@@ -1,4 +1,5 @@
-// Control requests: flags and attributes of an object behind a descriptor; kest.h has their layout.
+// Control requests for flags and attributes of the object of a descriptor; kest.h describes their
+// layout.
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -44,7 +45,7 @@ struct AttributeDirective {
   int32_t length;
   int32_t type;
   int32_t name_length;
-  int32_t value_length;  // in: of the buffer; out: of the value, also when the buffer is too small
+  int32_t value_length;  // in: of the buffer; out: of the value, even if it does not fit
   int32_t flags;
   int32_t reason;
 };
@@ -57,7 +58,7 @@ int64_t padded(int64_t length) {
   return (length + 7) & ~int64_t{7};
 }
 
-// "kest.CLONE" is kept as trusted.kest.CLONE; any other attribute is kept by its name.
+// Returns trusted.kest.CLONE for "kest.CLONE", and any other name unchanged.
 std::string storedName(const std::string &name) {
   return name.starts_with("kest.") ? "trusted." + name : name;
 }
@@ -92,11 +93,11 @@ int readAttribute(Inode &inode, char *at) {
 int setProtection(Inode &inode, Protection wanted) {
   struct stat st;
   if (int rc = inode.stat(&st); rc != 0) return rc;
-  // Others have no flags to set, and a flags request on a device would reach its driver.
+  // Other types have no flags, and a flags request on a device would reach its driver.
   return S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) ? inode.writeProtection(wanted) : 0;
 }
 
-// The flags of the object, once a directive of the request needs them.
+// The flags of the object, read when the first directive needs them.
 struct KnownProtection {
   bool known = false;
   Protection now;
@@ -151,7 +152,7 @@ struct Directive {
   char *at;
 };
 
-// The whole request is understood before any of it is carried out.
+// Parses the whole request before the first directive is executed.
 int parseRequest(char *request, std::vector<Directive> *directives) {
   RequestHeader header;
   memcpy(&header, request, sizeof header);

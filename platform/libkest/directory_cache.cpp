@@ -8,8 +8,8 @@ namespace {
 
 constexpr size_t kMostDirectories = 16;
 
-// The same path with one slash between components and none at the end, so that two texts for one
-// directory compare.
+// Returns the path with single slashes and none at the end, so that two spellings of one path are
+// equal.
 std::string plain(std::string_view path) {
   std::string text;
   for (size_t at = 0; at < path.size();) {
@@ -36,7 +36,8 @@ std::shared_ptr<Directory> DirectoryCache::find(std::string_view path) {
 }
 
 void DirectoryCache::keep(std::string_view path, std::shared_ptr<Directory> dir) {
-  // Such a path passes through directories that its text does not lie below.
+  // A path with ".." leads through directories that its text does not lie below, so drop() could miss
+  // it.
   if (hasDotDot(path)) return;
   if (entries_.size() == kMostDirectories) entries_.erase(entries_.begin());
   entries_.push_back({std::string(path), std::move(dir)});

@@ -1,4 +1,4 @@
-// The directories that path calls opened last.
+// Caches the directories that path calls opened last.
 #pragma once
 
 #include <memory>
@@ -10,16 +10,16 @@
 
 namespace kest {
 
-// A directory that somebody renames, or replaces, after it was opened stays the one that was resolved.
-// That is safe: it was reached beneath the root through no link, it cannot have left the subvolume, and
-// what a step does in it is checked against the inode that the step names. It is no more than what can
-// happen between the resolution and the step of a single call.
+// If somebody renames or replaces a directory after it was cached, the cache still holds the original
+// one. That is safe: it was reached beneath the root without a symbolic link, it cannot have left the
+// subvolume, and a step in it checks the inode that the caller names. The same can happen between
+// resolution and step of a single call.
 class DirectoryCache {
  public:
-  // NULL: not kept. `path`: the text of the path of the directory.
+  // Returns NULL if the directory is not cached. `path` is the text of the directory's path.
   std::shared_ptr<Directory> find(std::string_view path);
   void keep(std::string_view path, std::shared_ptr<Directory> dir);
-  // Drops what is kept at or below `path`: a name there is about to mean something else.
+  // Drops directories at or below `path`, because that name is about to lead to something else.
   void drop(std::string_view path);
   void clear() { entries_.clear(); }
 
@@ -28,7 +28,7 @@ class DirectoryCache {
     std::string path;
     std::shared_ptr<Directory> dir;
   };
-  std::vector<Entry> entries_;  // the one that was used last is the last
+  std::vector<Entry> entries_;  // the last one was used last
 };
 
 }  // namespace kest

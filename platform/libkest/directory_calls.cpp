@@ -1,4 +1,4 @@
-// Listings of open directories, entry by entry.
+// Lists open directories entry by entry.
 #include <cerrno>
 
 #include <sys/stat.h>
@@ -10,7 +10,8 @@
 namespace kest {
 namespace {
 
-// Runs next(directory, entry), which sets *entry, with the C interface's result.
+// Runs next(directory, entry), which sets *entry, and returns its result in the form of the C
+// interface.
 template <typename Next>
 int nextEntry(kest_ifile_t *dir, const kest_direntx64_t **entry, Next next) {
   return cCall([&] {

@@ -1,4 +1,4 @@
-// Handles of filesets and snapshots, and what is asked of them as a whole.
+// Handles of filesets and snapshots, and queries about these.
 #include "libkest/handle.h"
 
 #include <sys/statfs.h>
@@ -83,7 +83,7 @@ int kest_statfs64(const char *path, kest_statfs64_t *buf) {
     if (path == nullptr || buf == nullptr) return -EINVAL;
     struct statfs fs;
     if (statfs(path, &fs) != 0) return -errno;
-    // Counted in the unit that is reported, so that blocks times unit is bytes.
+    // Convert to the reported unit, so that blocks times unit is bytes.
     auto units = [&](uint64_t blocks) {
       return blocks * static_cast<uint64_t>(fs.f_bsize) / kTransferUnit;
     };

@@ -1,4 +1,4 @@
-// What is behind a kest_fssnap_handle_t.
+// The object behind a kest_fssnap_handle_t.
 #pragma once
 
 #include <memory>

@@ -1,4 +1,4 @@
-// A file capability over a step in which the file system drops it.
+// Keeps a file capability over a step in which the file system drops it.
 #pragma once
 
 #include <optional>
@@ -10,13 +10,13 @@ namespace kest {
 
 class KeptCapability {
  public:
-  // Reads it, once, before the first such step. 0 or -errno.
+  // Reads the capability once. Call it before the first such step. 0 or -errno.
   int save(Inode &inode);
-  // Another one was set, or (NULL) removed.
+  // Notes that another capability was set, or (NULL) removed.
   void replace(const std::string *capability);
-  // Sets it again after a step that is known to drop it. 0 or -errno.
+  // Sets it again after a step that certainly drops it. 0 or -errno.
   int putBack(Inode &inode) const;
-  // The same after a step that may have left it.
+  // Sets it again after a step that may drop it. 0 or -errno.
   int putBackIfLost(Inode &inode) const;
 
  private:

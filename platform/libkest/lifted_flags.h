@@ -1,23 +1,23 @@
-// A step that the immutable or append-only flag of a file would forbid.
+// Clears the immutable and append-only flags for one step that they would forbid.
 #pragma once
 
 #include "filesystem/file_system.h"
 
 namespace kest {
 
-// Both flags of one object are off from lift() to setAgain() or the end of life.
+// Both flags of the object are clear from lift() to setAgain() or the destructor.
 class LiftedFlags {
  public:
-  // The inode is open from before the step, so that it is surely the same object, and must live as
-  // long.
+  // The inode must have been opened before the step, so that it is certainly the same object, and must
+  // outlive this one.
   explicit LiftedFlags(Inode &inode) : inode_(inode) {}
   LiftedFlags(const LiftedFlags &) = delete;
   LiftedFlags &operator=(const LiftedFlags &) = delete;
   ~LiftedFlags();
 
-  // `afterwards`: the flags that setAgain() sets. 0 or -errno.
+  // `afterwards` are the flags that setAgain() sets. 0 or -errno.
   int lift(Protection afterwards);
-  // Does nothing to an object that has lost its last name. 0 or -errno.
+  // Does nothing if the object has lost its last name. 0 or -errno.
   int setAgain();
 
  private:

@@ -1,4 +1,4 @@
-// Opening, reading and writing inodes by number.
+// Opens inodes by number; reads and writes them.
 #include "libkest/open_file.h"
 
 #include <sys/stat.h>
@@ -25,8 +25,8 @@ int64_t readLink(Inode &inode, void *buf, int64_t size, int64_t offset) {
   return n;
 }
 
-// Ranges that were known to differ go on doing so after a write inside one of them, because the extents
-// stay different. After any other write they have to be compared again.
+// Keeps the known ranges if the write lies inside one: its extents still differ. After any other write
+// they must be compared again.
 void noteWrite(ChangedRanges *known, uint64_t begin, uint64_t end) {
   auto one = std::upper_bound(known->ranges.begin(), known->ranges.end(), begin,
                               [](uint64_t at, const FileRange &range) { return at < range.start; });
@@ -46,7 +46,7 @@ int64_t writeOrPunch(OpenFile *file, const void *buf, int64_t len, int64_t offse
     done = inode.write(buf, len, offset, error);
     if (done < 0) return done;
   }
-  // At once, for the process may die before it closes the file.
+  // Restore the capability now, because the process can die before it closes the file.
   if (int rc = file->capability.putBack(inode); rc < 0) return rc;
   noteWrite(&file->changed_ranges, static_cast<uint64_t>(offset), static_cast<uint64_t>(offset + len));
   return done == 0 && *error != 0 ? -*error : done;

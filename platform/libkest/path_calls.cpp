@@ -1,5 +1,5 @@
-// Path calls with the file system's own error numbers, and calls that take an object's descriptor;
-// kest.h has their contracts.
+// Path calls with the file system's own errno values, and calls that take an object's descriptor; see
+// the contracts in kest.h.
 #include <algorithm>
 #include <cerrno>
 #include <initializer_list>
@@ -20,11 +20,11 @@ namespace {
 
 constexpr mode_t kModeBits = 07777;
 constexpr int kCreateAttempts = 100;
-// Two processes may be at two names of one clone parent: one sets the flag again while the other still
-// needs it lifted.
+// Two processes can work on two names of one clone parent. One then sets the flag again while the other
+// needs it cleared.
 constexpr int kLiftAttempts = 1000;
 
-// Between the making of an object and this look at it, users can rename what they own.
+// Users can rename what they own between the creation of an object and this check.
 int setModeOfNew(const Place &place, mode_t type, mode_t mode, dev_t device = 0) {
   std::unique_ptr<Inode> made;
   struct stat st;
@@ -34,7 +34,8 @@ int setModeOfNew(const Place &place, mode_t type, mode_t mode, dev_t device = 0)
   return made->setExactMode(mode);
 }
 
-// Looks at what exists before it opens it: opening a device can do something, a FIFO wait.
+// Checks the type before the open, because opening a device can have effects and opening a FIFO can
+// block.
 int openExisting(const Place &place, int flags, std::unique_ptr<Inode> *file) {
   std::unique_ptr<Inode> found;
   struct stat st;
@@ -45,7 +46,7 @@ int openExisting(const Place &place, int flags, std::unique_ptr<Inode> *file) {
   return outcome(found->reopen(flags & ~O_NOFOLLOW, file), *found);
 }
 
-// open(2) for a caller that must know whether it made the file, which O_CREAT alone does not tell.
+// Like open(2), but also tells whether it created the file, which O_CREAT alone does not.
 int openOrCreate(const Place &place, int flags, mode_t mode, std::unique_ptr<Inode> *file,
                  bool *created) {
   for (int attempt = 0; attempt < kCreateAttempts; attempt++) {
@@ -60,9 +61,9 @@ int openOrCreate(const Place &place, int flags, mode_t mode, std::unique_ptr<Ino
   return -ENOENT;
 }
 
-// A descriptor or -errno.
+// Returns a descriptor or -errno.
 int openFileAt(const Place &place, int flags, mode_t mode) {
-  // Only directories are named so.
+  // Only a directory can have a name with a trailing slash.
   if (place.leaf.size() > 1 && place.leaf.back() == '/') return -EISDIR;
   std::unique_ptr<Inode> file;
   flags |= O_CLOEXEC | O_NOFOLLOW;
@@ -91,7 +92,7 @@ int truncateFile(const Place &place, int64_t size, uint64_t ino) {
   KeptCapability capability;
   if (int rc = capability.save(*file); rc != 0) return rc;
   const int rc = outcome(file->truncate(size), *file);
-  const int kept = capability.putBackIfLost(*file);  // it is gone even where the truncation failed
+  const int kept = capability.putBackIfLost(*file);  // the capability is gone even if truncate failed
   return rc != 0 ? rc : kept;
 }
 
@@ -103,8 +104,8 @@ int removeDirectory(const Place &place, uint64_t ino) {
   return outcome(place.dir->removeDirectory(place.leaf), {object(place), givingDirectory(place)});
 }
 
-// 1 with the flag lifted where `place` is a clone parent that nothing but its immutable flag protects;
-// 0; -errno.
+// Clears the immutable flag if `inode` is a clone parent that nothing but this flag protects. 1; 0: it
+// is none; or -errno.
 int liftParent(Inode &inode, const struct stat &st, LiftedFlags *lifted) {
   if (!S_ISREG(st.st_mode)) return 0;
   CloneAttribute attribute;
@@ -117,8 +118,8 @@ int liftParent(Inode &inode, const struct stat &st, LiftedFlags *lifted) {
   return rc == 0 ? 1 : rc;
 }
 
-// Runs `call`, which takes a name from `named` or gives it one. The immutable flag of a clone parent is
-// lifted for it; the flags of `directories` go on forbidding it. 0 or -errno.
+// Runs `call`, which removes a name from `named` or adds one. Clears the immutable flag of a clone
+// parent for that time. The flags of `directories` still forbid the call. 0 or -errno.
 template <typename Call>
 int changeNames(const Place &named, std::initializer_list<Suspect> directories, Call call) {
   int rc = call();
@@ -139,8 +140,8 @@ int changeNames(const Place &named, std::initializer_list<Suspect> directories, 
   return rc == -EPERM ? -EROFS : rc;
 }
 
-// The flags of the fileset's own root directory are lifted for the step; those of the other directories
-// forbid it. 0 or -errno.
+// Clears the flags of the nested fileset's own root directory for the move. Flags of the other
+// directories still forbid it. 0 or -errno.
 int moveFileset(const Place &source, const Place &target, uint64_t id) {
   const auto move = [&] {
     return source.dir->renameFileset(source.leaf, id, *target.dir, target.leaf);
@@ -160,12 +161,12 @@ int moveFileset(const Place &source, const Place &target, uint64_t id) {
   return rc != 0 ? rc : set;
 }
 
-// The name `path` is about to mean something else.
+// Call this when the name `path` is about to lead to something else.
 void forget(kest_fssnap_handle *active, const char *path) {
   if (active != nullptr) active->directories.drop(path);
 }
 
-// The open inode of what `open`(place, &inode) opens; NULL with errno.
+// Returns the inode that `open`(place, &inode) opens; NULL and errno on failure.
 template <typename Open>
 kest_ifile_t *openAtPath(kest_fssnap_handle *handle, const char *path, Open open) {
   kest_ifile_t *file = nullptr;
@@ -289,7 +290,7 @@ kest_ifile_t *kest_iopen_path(kest_fssnap_handle_t *handle, const char *path) {
 
 kest_ifile_t *kest_icreate(kest_fssnap_handle_t *active, const char *path, mode_t mode) {
   return openAtPath(active, path, [=](const Place &place, std::unique_ptr<Inode> *inode) {
-    // Only directories are named so.
+    // Only a directory can have a name with a trailing slash.
     if (place.leaf.size() > 1 && place.leaf.back() == '/') return -EISDIR;
     return outcome(active->tree->createFile(*place.dir, place.leaf, mode & 07777, inode),
                    {takingDirectory(place)});

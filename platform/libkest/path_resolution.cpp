@@ -11,13 +11,13 @@
 namespace kest {
 namespace {
 
-// Where the resolution of `path` starts, and what of it is left.
+// The directory at which the resolution of a path starts, and the remaining path.
 struct Start {
-  const Directory *dir = nullptr;  // NULL: the root of the tree
+  const Directory *dir = nullptr;  // NULL: the tree's root
   std::string_view rest;
 };
 
-// The part of `path` after the directory `dir`; false where it does not lie below that.
+// Removes the directory `dir` from the start of `path`. Returns false if `path` does not lie below it.
 bool stripDirectory(std::string_view path, std::string_view dir, std::string_view *rest) {
   if (!path.starts_with(dir)) return false;
   *rest = path.substr(dir.size());
@@ -49,7 +49,7 @@ int locate(kest_fssnap_handle *handle, const char *path, Place *place) {
   const size_t end = rest.find_last_not_of('/') + 1;
   const size_t slash = end == 0 ? std::string_view::npos : rest.rfind('/', end - 1);
   const size_t leaf = slash == std::string_view::npos ? 0 : slash + 1;
-  // The start itself has no last component: the call then answers for ".".
+  // The start directory itself has no last component, so the call works on ".".
   place->leaf = end == 0 ? "." : std::string(rest.substr(leaf));
   std::unique_ptr<Directory> opened;
   if (handle == nullptr) {
@@ -72,7 +72,7 @@ int locate(kest_fssnap_handle *handle, const char *path, Place *place) {
 bool forgetIfRemoved(kest_fssnap_handle *handle, const char *path, Place *place) {
   struct stat st;
   if (!place->kept || place->dir->stat(".", &st) != 0 || st.st_nlink != 0) return false;
-  // The leaf is the end of the path.
+  // The leaf is the last part of the path.
   const std::string_view text(path);
   handle->directories.drop(text.substr(0, text.size() - place->leaf.size()));
   return true;

@@ -1,4 +1,4 @@
-// From a path to the directory that a path call works in, and from its refusal to the reason.
+// Finds the directory in which a path call works, and the reason if it is refused.
 #pragma once
 
 #include <initializer_list>
@@ -11,32 +11,31 @@
 
 namespace kest {
 
-// Where a path call works: the directory, held open, and the last component within it. When a call is
-// refused, the very directory that refused it can be asked for the reason.
+// The place at which a path call works: a directory, held open, and the last component in it. If the
+// call is refused, the same directory can be examined for the reason.
 struct Place {
   std::shared_ptr<Directory> dir;
-  bool kept = false;  // it was open since an earlier call
-  std::string leaf;   // with the slashes that followed it
+  bool kept = false;  // it was opened by an earlier call
+  std::string leaf;   // with its trailing slashes
 };
 
-// Resolves all of `path`, which may be of any length, but its last component: beneath the root
-// directory of the handle, through no link and into no other tree. This is the only place in which a
-// path given to a path call is followed; the handle keeps the directories that were opened last. 0,
-// -EXDEV outside, -ELOOP at a link, or -errno as the system call itself would have answered. `handle`
-// NULL: anywhere, as the kernel does it.
+// Resolves all of `path`, which can be of any length, except its last component: beneath the root
+// directory of the handle, without symbolic links and without leaving the tree. Only this function
+// resolves the path of a path call. The handle caches the directories that were opened last. 0; -EXDEV:
+// outside; -ELOOP: a symbolic link; or the -errno of the system call. With `handle` NULL the kernel
+// resolves the path as usual.
 int locate(kest_fssnap_handle *handle, const char *path, Place *place);
 
-// After a call that found nothing: whether the directory was kept and somebody has removed it since.
-// Nothing can have been done in it then, and the path may lead to another one by now.
+// Call this if a call found nothing. Returns true if the directory came from the cache and has been
+// removed since. Then nothing can have been done in it, and the path may lead to another directory now.
 bool forgetIfRemoved(kest_fssnap_handle *handle, const char *path, Place *place);
 
-// 0 when the last component is inode `ino` or that is 0; -ESTALE when it is another, -errno. It can be
-// exchanged afterwards only by users who may write to the directory, and who could do to the name
-// themselves whatever is done to it.
+// Returns 0 if the last component is inode `ino` or `ino` is 0; -ESTALE: another inode; or -errno.
+// After the check, only users with write access to the directory can exchange the name, and they could
+// do the same to it without this call.
 int expectInode(const Place &place, uint64_t ino);
 
-// What could have refused a call with EPERM: an object in the directory, or (NULL) the directory
-// itself.
+// An object that may be the reason for EPERM: `name` in the directory, or (NULL) the directory itself.
 struct Suspect {
   Directory *dir;
   const std::string *name;
@@ -48,18 +47,18 @@ inline Suspect object(const Place &place) {
 inline Suspect givingDirectory(const Place &place) {
   return {place.dir.get(), nullptr, true};
 }
-// An append-only directory takes new entries.
+// An append-only directory accepts new entries.
 inline Suspect takingDirectory(const Place &place) {
   return {place.dir.get(), nullptr, false};
 }
 bool flagsForbid(const Suspect &suspect);
 
-// The result of a step, with EPERM turned into EROFS where the flags of a suspect, or of the object
-// itself, forbid it.
+// Returns the result of a step, with EPERM turned into EROFS if flags of a suspect, or of the inode,
+// forbid it.
 int outcome(int rc, std::initializer_list<Suspect> suspects);
 int outcome(int rc, Inode &inode);
 
-// Runs `body`(place) for one path, with the C interface's result.
+// Runs `body`(place) for one path and returns its result in the form of the C interface.
 template <typename Body>
 int onPath(kest_fssnap_handle *active, const char *path, Body body) {
   return cCall([&] {

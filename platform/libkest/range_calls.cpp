@@ -1,4 +1,4 @@
-// Ranges of files: what changed, what is data and what a hole, and what two files can share.
+// Ranges of files: what changed, what is data or a hole, and what two files can share.
 #include <sys/stat.h>
 #include <algorithm>
 #include <cerrno>
@@ -13,7 +13,8 @@ namespace kest {
 
 namespace {
 
-// The next stretch of one kind. `buf` not NULL: with its data, up to `size` bytes.
+// Finds the next stretch of data or of a hole; if `buf` is not NULL, also reads up to `size` bytes of
+// it.
 int64_t nextStretch(Inode &inode, void *buf, int64_t size, int64_t *offset, int64_t term, int *hole) {
   struct stat status;
   if (int rc = inode.openForReading(); rc < 0) return rc;
@@ -80,13 +81,13 @@ int share(OpenFile *from, OpenFile *to, int64_t offset, int64_t len) {
   if (!S_ISREG(from->if_mode) || !S_ISREG(to->if_mode) || offset < 0 || len < 0 ||
       offset > INT64_MAX - len)
     return -EINVAL;
-  if (len == 0) return 0;  // to the kernel it would mean all the rest
+  if (len == 0) return 0;  // 0 would mean "all the rest" to the kernel
   if (int rc = from->inode->openForReading(); rc < 0) return rc;
   if (int rc = to->inode->openForWriting(); rc < 0) return rc;
   if (int rc = to->capability.save(*to->inode); rc != 0) return rc;
   const int rc = to->inode->share(*from->inode, offset, len);
   to->changed_ranges = {};
-  const int kept = to->capability.putBack(*to->inode);  // it is gone even where the sharing failed
+  const int kept = to->capability.putBack(*to->inode);  // the capability is gone even if sharing failed
   return rc == 0 ? kept : rc;
 }
 

@@ -11,7 +11,7 @@ namespace kest {
 
 namespace {
 
-// 0 or -errno; *attr is NULL at the end.
+// 0 or -errno. *attr is NULL after the last inode.
 int nextDifferent(kest_iscan *scan, uint64_t end_ino, const kest_iattr64_t **attr) {
   Difference *difference;
   int rc = differenceOf(scan, &difference);
