@@ -1,15 +1,13 @@
 // Cuts the records of a list into batches.
 //
 // - The records keep their order.
-// - Consecutive records of one aggregate stay together, up to the batch size. More of them are cut into
-// full
-//   batches; a remainder of one record joins the batch before it, because an aggregate is often one
-//   record longer than a batch.
+// - Consecutive records of one aggregate stay together, up to the batch size. More of them are cut
+//   into full batches; a remainder of one record joins the batch before it, because an aggregate is
+//   often one record longer than a batch.
 // - Small aggregates share a batch as long as each fits whole.
-// - Large byte ranges of different aggregates never share a batch: every range of a large file has its
-// own
-//   aggregate, so that several workers copy the file. Small ranges do share, because they cost less
-//   than starting a worker.
+// - Large byte ranges of different aggregates never share a batch: every range of a large file has
+//   its own aggregate, so that several workers copy the file. Small ranges do share, because they
+//   cost less than starting a worker.
 #pragma once
 
 #include <cstddef>

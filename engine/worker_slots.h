@@ -5,20 +5,16 @@
 // use it up, and no run would make progress. Therefore:
 //
 // - The outermost engine creates the area, an anonymous memory file that holds the number of slots.
-// Every
-//   worker runs on a slot: the engine that starts it locks byte <slot> of the file.
+//   Every worker runs on a slot: the engine that starts it locks byte <slot> of the file.
 // - A worker finds KT_WORKER_SLOT=<engine pid>:<descriptor>:<slot>:<depth> in its environment. An
-// engine
-//   that it starts opens the area through /proc/<engine pid>/fd/<descriptor>, and so becomes a lock
-//   owner of its own.
+//   engine that it starts opens the area through /proc/<engine pid>/fd/<descriptor>, and so becomes
+//   a lock owner of its own.
 // - A worker that waits for a nested run does no work itself, so its slot is lent to that run. The
-// nested
-//   engine locks the byte for (slot, depth) and runs one worker there, one level deeper. Further
-//   workers need slots of their own. Several nested runs of one worker take turns on the lent slot. So
-//   every engine makes progress whatever the others hold, and there is no deadlock.
-// - The locks belong to the open file of the engine and end with it, however the engine ends. The slot
-// of a
-//   killed worker is free once its engine has reaped it.
+//   nested engine locks the byte for (slot, depth) and runs one worker there, one level deeper.
+//   Further workers need slots of their own. Several nested runs of one worker take turns on the
+//   lent slot. So every engine makes progress whatever the others hold, and there is no deadlock.
+// - The locks belong to the open file of the engine and end with it, however the engine ends. The
+//   slot of a killed worker is free once its engine has reaped it.
 #pragma once
 
 #include <cstddef>

@@ -3,13 +3,11 @@
 //
 // - FileSystem: a mounted file system. It opens a fileset, or a snapshot of it, as a Tree, lists the
 //   snapshots of a fileset, and unlinks a nested fileset (a junction) from its parent.
-// - Tree: a fileset or a snapshot. It opens inodes by number and directories by path, finds the names
-// of an
-//   inode, scans its inodes, and compares itself with a snapshot.
+// - Tree: a fileset or a snapshot. It opens inodes by number and directories by path, finds the
+//   names of an inode, scans its inodes, and compares itself with a snapshot.
 // - Difference: the inodes in which a fileset and a snapshot differ, with their attributes, changed
-// entries
-//   and changed ranges, and the entries through which a walk reaches them. It does not contain twins,
-//   which differ only in their numbers (see kest.h).
+//   entries and changed ranges, and the entries through which a walk reaches them. It does not
+//   contain twins, which differ only in their numbers (see kest.h).
 // - Inode: an open inode with its data, attributes and flags. It can share ranges with another file.
 // - Directory: a directory held open, whose entries are created, renamed and removed by name.
 //
