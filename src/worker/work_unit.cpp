@@ -41,48 +41,6 @@ enum UnitStep : int {
 
 Result performListHere(const std::string &list_path);
 
-// The lines of a worker's checkpoint file: what a run that repeats the batch passes over.
-class Checkpoint {
- public:
-  Result open(const std::string &path) {
-    return openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND, &fd_);
-  }
-
-  // To be called before a record is performed. A file's contents and attributes can be restored twice
-  // with the same result, so the lines of such records may be lost with the worker: they wait up to ten
-  // milliseconds for each other. Any other record depends on what was done before it.
-  Result before(const Operation &op) {
-    const bool repeatable = op.opCode == kOpRestoreDiffFile || op.opCode == kOpRestoreDelFile;
-    return repeatable && nanoseconds() - last_write_ < kPause ? Result{} : flush();
-  }
-  void done(int64_t ino, const std::string &op_string) {
-    waiting_ += formatCheckpointLine(ino, op_string);
-  }
-  // Writes the lines that wait. A record that is noted is not performed again, so the file system has
-  // to keep what was done first.
-  Result flush() {
-    if (waiting_.empty()) return {};
-    if (Result r = called(kest_settle(handles.activeFsP)); !r) return r;
-    const Result written = writeAll(fd_.get(), waiting_);
-    waiting_.clear();
-    last_write_ = nanoseconds();
-    return written;
-  }
-
- private:
-  static constexpr int64_t kPause = 10000000;
-
-  static int64_t nanoseconds() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * int64_t{1000000000} + now.tv_nsec;
-  }
-
-  UniqueFd fd_;
-  std::string waiting_;
-  int64_t last_write_ = 0;
-};
-
 Result perform(const Record &record) {
   switch (record.op.opCode) {
     case kOpRestoreDelFile:
@@ -160,6 +118,53 @@ Result stop(const Result &failure) {
   return {err, failure.code, err};
 }
 
+// The lines of a worker's checkpoint file: what a run that repeats the batch passes over.
+class Checkpoint {
+ public:
+  Result open(const std::string &path) {
+    return openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND, &fd_);
+  }
+
+  // To be called before a record is performed. A file's contents and attributes can be restored twice
+  // with the same result, so the lines of such records may be lost with the worker: they wait up to ten
+  // milliseconds for each other. Any other record depends on what was done before it.
+  Result before(const Operation &op) {
+    const bool repeatable = op.opCode == kOpRestoreDiffFile || op.opCode == kOpRestoreDelFile;
+    return repeatable && nanoseconds() - last_write_ < kPause ? Result{} : flush();
+  }
+  void done(const Record &record, const std::string &op_string) {
+    waiting_ += formatCheckpointLine(record.ino, op_string);
+    last_ = record;
+  }
+  // Writes the lines that wait. A record that is noted is not performed again, so the file system has
+  // to keep what was done first.
+  Result flush() {
+    if (waiting_.empty()) return {};
+    if (Result r = called(kest_settle(handles.activeFsP)); !r) {
+      reportFailure(last_, r.err);
+      return r;
+    }
+    const Result written = writeAll(fd_.get(), waiting_);
+    waiting_.clear();
+    last_write_ = nanoseconds();
+    return written;
+  }
+
+ private:
+  static constexpr int64_t kPause = 10000000;
+
+  static int64_t nanoseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * int64_t{1000000000} + now.tv_nsec;
+  }
+
+  UniqueFd fd_;
+  std::string waiting_;
+  Record last_;  // of those whose lines wait
+  int64_t last_write_ = 0;
+};
+
 // Performs one record and notes that it is done.
 Result performLine(std::string_view text, const std::string &list_path, int done,
                    Checkpoint *checkpoint) {
@@ -184,7 +189,7 @@ Result performLine(std::string_view text, const std::string &list_path, int done
   }
   if (unsavedFatalError() != 0) return stop(failed(kPerform, unsavedFatalError()));
   markIfOthersFailed(record);
-  checkpoint->done(line.ino, line.opString);
+  checkpoint->done(record, line.opString);
   return {};
 }
 
