@@ -31,16 +31,31 @@ int keepingTimes(const CephRoot &root, Call call) {
   return rc < 0 ? rc : set;
 }
 
-// The open file, made where it is missing. The lock is asked for through the mount, so that it belongs
-// to the descriptor and not to this process.
+// The client makes it, whom no quota hinders.
+int makeLockFile(const CephRoot &root) {
+  CephClient &client = *root.client;
+  ::Inode *made = nullptr;
+  ::Fh *file = nullptr;
+  CephStat st;
+  const int rc = ceph_ll_create(client.mount(), root.inode.get(), kLockFile, 0600,
+                                O_CREAT | O_EXCL | O_RDWR, &made, &file, &st, 0, 0, client.perms());
+  if (rc < 0) return rc == -EEXIST ? 0 : rc;
+  const int closed = ceph_ll_close(client.mount(), file);
+  ceph_ll_put(client.mount(), made);
+  return closed;
+}
+
+// The lock is asked for through the mount, so that it belongs to the descriptor and not to this
+// process.
 int openLockFile(const CephRoot &root, UniqueFd *fd) {
-  const auto open = [&](int flags) {
-    fd->reset(
-        openat(root.fd.get(), kLockFile, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | flags, 0600));
+  const auto open = [&] {
+    fd->reset(openat(root.fd.get(), kLockFile, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     return *fd ? 0 : -errno;
   };
-  const int rc = open(0);
-  return rc == -ENOENT ? keepingTimes(root, [&] { return open(O_CREAT); }) : rc;
+  int rc = open();
+  if (rc != -ENOENT) return rc;
+  rc = keepingTimes(root, [&] { return makeLockFile(root); });
+  return rc < 0 ? rc : open();
 }
 
 }  // namespace
@@ -55,7 +70,9 @@ void leaveOutLockFile(const CephRoot &root, uint64_t dir, std::vector<CephEntry>
 int lockFileset(const CephRoot &root) {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     UniqueFd fd;
-    if (int rc = openLockFile(root, &fd); rc < 0) return rc;
+    const int rc = openLockFile(root, &fd);
+    if (rc == -ENOENT) continue;  // it has just been removed
+    if (rc < 0) return rc;
     struct stat st, named;
     if (fstat(fd.get(), &st) != 0) return -errno;
     // Somebody else's file has the name.

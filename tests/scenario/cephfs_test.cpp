@@ -2,11 +2,16 @@
 // moved, and inodes that the servers have forgotten.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "support/ceph_cluster.h"
+#include "support/loop_btrfs.h"
 #include "support/restore_run.h"
 #include "support/tree_builder.h"
 #include "support/tree_fingerprint.h"
@@ -125,13 +130,188 @@ TEST_F(CephRestore, DeletedInodesAreReachedAfterARestart) {
   expectRestored(snapshot);
 }
 
+// Work for some seconds, in every phase.
+void buildMuch(TreeBuilder &t) {
+  for (int i = 0; i < 12; ++i) {
+    const std::string dir = "d" + std::to_string(i);
+    t.dirs(dir + "/below");
+    for (int j = 0; j < 12; ++j) t.big(dir + "/f" + std::to_string(j), 5000, 1);
+    t.file(dir + "/below/f", "text");
+    t.link(dir + "/below/f", dir + "/link");
+  }
+  t.big("large", 9 << 20, 2);
+}
+
+void wreckMuch(TreeBuilder &t) {
+  for (int i = 0; i < 12; ++i) {
+    const std::string dir = "d" + std::to_string(i);
+    if (i < 6) {
+      t.removeTree(dir);
+    } else {
+      for (int j = 0; j < 12; ++j) t.write(dir + "/f" + std::to_string(j), 100, "changed");
+      t.rename(dir + "/below", "moved" + std::to_string(i));
+      t.remove(dir + "/link");
+    }
+    t.file("new" + std::to_string(i));
+  }
+  t.write("large", 5'000'000, "changed");
+}
+
+constexpr const char *kStages[] = {"traverseCommonDir",      "start, phase 3", "start, phase 51",
+                                   "doFinalDirMove: moving", "start, phase 8", "start, phase 6"};
+
+class CephFaults : public CephRestore {
+ protected:
+  void prepare() {
+    buildMuch(*tree_);
+    snapshot_ = cluster_->takeSnapshot(fileset_, "snap");
+    wreckMuch(*tree_);
+  }
+  std::unique_ptr<Running> start(const std::string &device = "") {
+    return std::make_unique<Running>(
+        std::vector<std::string>{device.empty() ? cluster_->mountPoint() : device, "-j", fileset_, "-o",
+                                 "snap", "-m", "2", "-B", "4"});
+  }
+  // False where the run was over before it was seen in that stage.
+  bool reach(Running &run, const std::string &stage) {
+    const auto begun = [&] {
+      for (const auto &entry : std::filesystem::directory_iterator(tree_->root()))
+        if (entry.path().filename().string().starts_with("RestoreTemp") &&
+            readAll(entry.path().string() + "/ErrorLog").find(stage) != std::string::npos)
+          return true;
+      return false;
+    };
+    return waitUntil([&] { return run.ended() || begun(); }, 60) && !run.ended();
+  }
+  int end(Running &run) {
+    EXPECT_TRUE(waitUntil([&] { return run.ended(); }, kSeconds)) << run.said();
+    return run.exitStatus();
+  }
+  void expectEqual(const std::string &said) {
+    EXPECT_EQ(joined(compare(fingerprint(snapshot_), fingerprint(tree_->root()))), "") << said;
+  }
+  void expectFinishedByNextRun() {
+    const RunResult result = run("snap");
+    EXPECT_EQ(result.exitStatus, 0) << result.describe();
+    expectEqual(result.describe());
+    EXPECT_EQ(access((tree_->root() + "/.fsetrestore.lock").c_str(), F_OK), -1);
+  }
+  // Shuts out the clients that are no mounts.
+  void evictRestore() {
+    runCommand(
+        "ceph -c $CEPH_CONF tell mds.m client ls 2> /dev/null | python3 -c '"
+        "import json, subprocess, sys\n"
+        "for one in json.load(sys.stdin):\n"
+        "  if \"mount_point\" not in one[\"client_metadata\"] or "
+        "one[\"client_metadata\"][\"mount_point\"] == \"\":\n"
+        "    subprocess.run([\"ceph\", \"tell\", \"mds.m\", \"client\", \"evict\", \"id=%d\" % "
+        "one[\"id\"]], stderr=subprocess.DEVNULL)'");
+  }
+
+  std::string snapshot_;
+};
+
+TEST_F(CephFaults, ASecondRunIsRefused) {
+  const std::string other = "/mnt/other";
+  runCommand("mkdir -p " + other + " && ceph-fuse -c $CEPH_CONF --pid-file= " + other +
+             " > /dev/null 2>&1");
+  prepare();
+  auto first = start();
+  ASSERT_TRUE(reach(*first, kStages[0])) << first->said();
+  auto second = start(other);  // as from another node
+  EXPECT_EQ(end(*second), 1);
+  EXPECT_NE(second->said().find("Another restore of the fileset " + fileset_ + " is running"),
+            std::string::npos)
+      << second->said();
+  EXPECT_FALSE(first->ended());
+  EXPECT_EQ(end(*first), 0) << first->said();
+  expectEqual(first->said());
+  runCommand("umount " + other);
+  expectFinishedByNextRun();
+}
+
+TEST_F(CephFaults, TheServerIsStartedAgainAtEveryStage) {
+  for (const char *stage : kStages) {
+    SCOPED_TRACE(stage);
+    TearDown();
+    SetUp();
+    prepare();
+    auto run = start();
+    ASSERT_TRUE(reach(*run, stage)) << run->said();
+    cluster_->restartMds();
+    EXPECT_EQ(end(*run), 0) << run->said();
+    expectEqual(run->said());
+  }
+}
+
+// What they had not handed over is lost, and no run that lost something ends well.
+TEST_F(CephFaults, ClientsThatAreShutOutEndTheRun) {
+  prepare();
+  for (const char *stage : {kStages[1], kStages[2]}) {
+    SCOPED_TRACE(stage);
+    auto run = start();
+    ASSERT_TRUE(reach(*run, stage)) << run->said();
+    evictRestore();
+    EXPECT_NE(end(*run), 0) << run->said();
+    EXPECT_FALSE(run->endAll() && run->said().empty());
+  }
+  expectFinishedByNextRun();
+}
+
+TEST_F(CephFaults, KilledRunsAreFinishedByTheNext) {
+  prepare();
+  for (const char *stage : {kStages[0], kStages[1], kStages[2]}) {
+    SCOPED_TRACE(stage);
+    auto run = start();
+    if (!reach(*run, stage)) continue;
+    run->endAll();
+  }
+  expectFinishedByNextRun();
+}
+
+TEST_F(CephFaults, AQuotaThatIsUsedUpIsNamed) {
+  prepare();
+  // Enforced for the lists of the run, not for what it restores.
+  runCommand("setfattr -n ceph.quota.max_files -v 5 " + tree_->root());
+  const RunResult result = run("snap");
+  EXPECT_EQ(result.exitStatus, 1) << result.describe();
+  EXPECT_NE(result.err.find("There is not enough free inode or disk space"), std::string::npos)
+      << result.describe();
+  runCommand("setfattr -n ceph.quota.max_files -v 0 " + tree_->root());
+  expectFinishedByNextRun();
+}
+
+TEST_F(CephFaults, AFullPoolIsNamed) {
+  prepare();
+  cluster_->tell("osd set-nearfull-ratio 0.0005");
+  cluster_->tell("osd set-backfillfull-ratio 0.0006");
+  cluster_->tell("osd set-full-ratio 0.0007");
+  EXPECT_TRUE(
+      waitUntil([&] { return cluster_->tell("osd dump").find("full") != std::string::npos; }, 30));
+  const RunResult result = run("snap");
+  EXPECT_EQ(result.exitStatus, 1) << result.describe();
+  EXPECT_NE(result.err.find("There is not enough free inode or disk space"), std::string::npos)
+      << result.describe();
+  cluster_->tell("osd set-full-ratio 0.95");
+  cluster_->tell("osd set-backfillfull-ratio 0.90");
+  cluster_->tell("osd set-nearfull-ratio 0.85");
+  expectFinishedByNextRun();
+}
+
 TEST_F(CephRestore, NamesWhatIsMissing) {
   tree_->file("f", "x");
   cluster_->takeSnapshot(fileset_, "there");
-  const RunResult result = run("snap");
-  EXPECT_NE(result.exitStatus, 0);
-  EXPECT_NE((result.err + result.out).find("has no snapshot snap; there are there"), std::string::npos)
-      << result.describe();
+  cluster_->takeSnapshot("", "above");
+  const std::string shown = "_above_1";
+  const std::pair<std::string, std::string> cases[] = {
+      {"snap", "has no snapshot snap; there are there"},
+      {shown, shown + " is no snapshot of " + fileset_ + " alone: it is above of the directory /"}};
+  for (const auto &[name, said] : cases) {
+    const RunResult result = run(name);
+    EXPECT_NE(result.exitStatus, 0);
+    EXPECT_NE((result.err + result.out).find(said), std::string::npos) << result.describe();
+  }
+  cluster_->removeSnapshot("", "above");
 }
 
 }  // namespace
