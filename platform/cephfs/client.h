@@ -1,6 +1,8 @@
 // A client of a Ceph cluster: one session with the metadata servers and one with the object stores.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -113,9 +115,12 @@ class CephClient : public std::enable_shared_from_this<CephClient> {
   int connect(const ClusterAccess &access);
   int connectRados();
   int closeAll(std::vector<::Fh *> files);
+  void tickSlowlyInTheLongRun();
 
   ceph_mount_info *mount_ = nullptr;
   bool mounted_ = false;
+  const std::chrono::steady_clock::time_point begun_ = std::chrono::steady_clock::now();
+  std::atomic<bool> ticks_fast_ = true;
   UserPerm *perms_ = nullptr;
   ClusterAccess access_;
   std::string fsid_;

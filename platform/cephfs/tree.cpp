@@ -115,7 +115,9 @@ int CephTree::isWritable() const {
 int64_t CephTree::metadataRoom() const {
   struct statvfs figures;
   const int rc = ceph_ll_statfs(root_->client->mount(), root_->inode.get(), &figures);
-  return rc < 0 ? rc : static_cast<int64_t>(figures.f_bavail * figures.f_frsize);
+  if (rc < 0) return rc;
+  if (figures.f_blocks == 0) return INT64_MAX;  // the cluster has no manager, and nobody counts
+  return static_cast<int64_t>(figures.f_bavail * figures.f_frsize);
 }
 
 int CephTree::openInode(uint64_t ino, const char *path, std::unique_ptr<Inode> *inode) const {
