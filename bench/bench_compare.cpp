@@ -1,6 +1,6 @@
-// bench_compare WANT HAVE: whether two trees are equal, judged as the scenario tests judge a restore.
-// Directories named .snapshots at their top are left out. Prints the number of objects and of
-// differences, and the first of these. Exit status 0 equal, 1 different, 2 trouble.
+// bench_compare WANT HAVE: compares two trees by the same rules as the scenario tests. Ignores a
+// .snapshots directory at their top. Prints the number of objects and of differences, and the first
+// differences. Exit status 0: equal, 1: different, 2: trouble.
 
 #include <cstdio>
 #include <exception>

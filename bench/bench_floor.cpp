@@ -1,8 +1,8 @@
 // bench_floor list SNAPSHOT TREE LIST   writes to LIST the calls that make TREE equal to SNAPSHOT
 // bench_floor run LIST                  makes them
-// The least that a restore can take: only what changes something, by two threads, and nothing to be
-// found out, recorded or started. `list` prints the number of calls' objects; where it is 0, there is
-// nothing to measure.
+// Measures the least that a restore can cost: two threads make only the calls that change something;
+// nothing has to be found out, recorded or started. `list` prints the number of objects that calls
+// change; 0: there is nothing to measure.
 
 #include <cstdio>
 #include <exception>

@@ -1,6 +1,6 @@
 // bench_measure RESULT COMMAND [ARG...]: runs the command and writes to the file RESULT: seconds,
-// seconds of processor (user, system) and the peak memory in KiB of its largest process. Exit status of
-// the command.
+// processor seconds (user, system), and the peak memory in KiB of the largest process. Exits with the
+// status of the command.
 
 #include <spawn.h>
 #include <sys/resource.h>
@@ -38,7 +38,7 @@ int main(int argc, char **argv) {
     return 127;
   }
   int status;
-  rusage use;  // of the child and of all below it that were waited for; the peak is that of the largest
+  rusage use;  // of the child and all awaited descendants; the peak is that of the largest process
   if (wait4(child, &status, 0, &use) != child) return 127;
   double wall = now() - start;
   FILE *result = fopen(argv[1], "w");

@@ -43,7 +43,7 @@ void enter(const std::string &tree) {
 void readFile(const std::string &path) {
   static std::vector<char> buffer(1 << 20);
   int fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return;  // not in this one of the trees
+  if (fd < 0) return;  // this tree does not have the file
   while (read(fd, buffer.data(), buffer.size()) > 0) continue;
   close(fd);
 }

@@ -1,6 +1,6 @@
-// floor_list.h: the list that the contender `floor` works from: every call that makes a tree equal to
-// its snapshot, found beforehand, in the order in which it is to be made. A private format of
-// bench_floor: arrays as they lie in memory, so that reading the list costs next to nothing.
+// floor_list.h: the list of the contender `floor`: all calls that make a tree equal to its snapshot,
+// found beforehand and in the order in which they must be made. A private format of bench_floor: arrays
+// as in memory, so that reading costs almost nothing.
 #pragma once
 
 #include <cstdint>
@@ -12,24 +12,24 @@ namespace bench {
 inline constexpr uint32_t kNone = UINT32_MAX;
 
 enum class FloorCall : uint32_t {
-  kUnlink,     // dir, name
-  kRename,     // dir, name to otherDir, otherName
-  kMakeDir,    // dir, name; its own place in the table of directories is otherDir
-  kRemoveDir,  // dir, name; otherDir as above, or kNone where nobody opened it
-  kMakeFile,   // dir, name; cloned whole from otherDir, otherName of the snapshot, unless that is kNone
-  kMakeSymlink,  // dir, name; target is otherName
-  kMakeNode,     // dir, name; device number is `number`
-  kLink,         // dir, name to otherDir, otherName
-  kChangeFile,   // dir, name; cut to `number` first where kCut says so; ranges from otherDir, otherName
+  kUnlink,         // dir, name
+  kRename,         // dir, name to otherDir, otherName
+  kMakeDir,        // dir, name; otherDir is its index in the table of directories
+  kRemoveDir,      // dir, name; otherDir as above, or kNone if it is not open
+  kMakeFile,       // dir, name; clone of otherDir, otherName in the snapshot unless kNone
+  kMakeSymlink,    // dir, name; target is otherName
+  kMakeNode,       // dir, name; device number is `number`
+  kLink,           // dir, name to otherDir, otherName
+  kChangeFile,     // dir, name; first cut to `number` if kCut is set; ranges from otherDir, otherName
   kDirAttributes,  // dir itself
 };
 
-// What is to be set, or done, beside the call itself.
+// What must be set or done besides the call itself.
 inline constexpr uint32_t kOwner = 1, kMode = 2, kTimes = 4, kCut = 8;
 
 struct FloorOp {
   FloorCall call;
-  uint32_t stage;  // the list is sorted by it; the calls of one stage can be made in any order
+  uint32_t stage;  // sort key; the calls of one stage can be made in any order
   uint32_t dir = kNone, name = kNone, otherDir = kNone, otherName = kNone;
   uint32_t what = 0, mode = 0, uid = 0, gid = 0;
   uint32_t firstRange = 0, ranges = 0;
@@ -43,15 +43,15 @@ struct FloorRange {
 };
 
 struct FloorXattr {
-  uint32_t name, value, length;  // kNone for value: to be removed
+  uint32_t name, value, length;  // kNone as value: remove it
 };
 
-// Paths below the roots. kNone: not opened; a directory that is made again is opened where it is made.
+// Paths below the roots. kNone: do not open. A directory that is made again is opened when it is made.
 struct FloorDir {
   uint32_t activePath, snapshotPath;
 };
 
-// Names, paths and values are offsets in text, which begins with the paths of the two roots.
+// Names, paths and values are offsets into the text, which begins with the paths of both roots.
 struct FloorList {
   std::vector<FloorOp> ops;
   std::vector<FloorRange> ranges;
@@ -60,11 +60,11 @@ struct FloorList {
   std::string text;
 };
 
-// Compares the trees by a walk of both and tells what makes `active` equal to `snapshot`. Clones, flags
-// and nested subvolumes are left alone, as is .snapshots at the top. Throws std::system_error.
+// Walks both trees and finds the calls that make `active` equal to `snapshot`. Ignores clones, flags,
+// nested subvolumes and .snapshots at the top. Throws std::system_error.
 FloorList planFloor(const std::string &snapshot, const std::string &active);
 
-// Makes the calls, by two threads. Ends the process where one fails.
+// Makes the calls with two threads. Ends the process when one fails.
 void runFloor(const FloorList &list);
 
 void writeFloorList(const FloorList &list, const std::string &path);

@@ -11,14 +11,15 @@
 namespace bench {
 namespace {
 
-// Names that are in the way go first, directories stand before what goes into them and are empty before
-// they go; times of directories come last. A depth is added where it matters.
+// Order of the calls: first remove names that are in the way; make directories before their contents;
+// empty directories before removing them; set the times of directories last. A depth is added where it
+// matters.
 enum Stage : uint32_t {
   kStageUnlink = 0,
   kStageAside = 1,
   kStageMakeDir = 10'000,
   kStageHome = 20'000,
-  kStageRemoveDir = 40'000,  // less the depth: deepest first
+  kStageRemoveDir = 40'000,  // minus the depth: deepest first
   kStageFiles = 50'000,
   kStageLinks = 60'000,
   kStageDirAttributes = 70'000
@@ -62,7 +63,8 @@ class Plan {
   }
 
  private:
-  // The same inode was never another object: btrfs gives no inode number twice; the root is the root.
+  // Equal numbers are the same object, because btrfs never reuses an inode number. The root pairs with
+  // the root.
   void pairObjects() {
     toActive_[0] = toSnapshot_[0] = 0;
     for (uint32_t object = 1; object < snapshot_.objects.size(); object++) {
@@ -76,7 +78,8 @@ class Plan {
     }
   }
 
-  // homeOf_[name of the active tree]: the name of the snapshot where it belongs; sourceOf_ the reverse.
+  // homeOf_[name in the active tree] is the name in the snapshot to which it belongs; sourceOf_ is the
+  // reverse.
   void matchNames() {
     homeOf_.assign(active_.names.size(), kNone);
     sourceOf_.assign(snapshot_.names.size(), kNone);
@@ -104,7 +107,7 @@ class Plan {
     return toActive_[old.parent] == now.parent && old.name == now.name;
   }
 
-  // A name of the active tree that the snapshot has not there: goes, or moves home.
+  // A name that the snapshot does not have there: remove it or move it home.
   void planOldName(uint32_t have) {
     const uint32_t want = homeOf_[have];
     if (want != kNone && samePlace(want, have)) return;
@@ -132,7 +135,7 @@ class Plan {
     }
   }
 
-  // Whether the snapshot has another object under this name.
+  // Returns true if the snapshot has another object under this name.
   bool isWanted(const WalkedName &name) {
     const uint32_t old = toSnapshot_[name.parent];
     if (old == kNone) return false;
@@ -152,7 +155,7 @@ class Plan {
     if (toActive_[object] == kNone)
       planMissing(object);
     else if (S_ISDIR(old.mode))
-      return;  // times, after all else
+      return;  // times come last
     else if (!same(old.ctime, active_.objects[toActive_[object]].ctime))
       planChanged(object);
     planLinks(object);
@@ -187,7 +190,7 @@ class Plan {
     newAttributes(object, &op);
   }
 
-  // In the active tree the object has, when files are made and changed, the names that stayed or moved.
+  // When files are made and changed, the active object has the names that stayed or moved.
   void planChanged(uint32_t object) {
     const WalkedObject &old = snapshot_.objects[object];
     uint32_t want = old.firstName;
@@ -213,7 +216,8 @@ class Plan {
     std::vector<uint64_t> old = blockMap(wantPath, want), now = blockMap(havePath, have);
     const bool isInline = std::count(old.begin(), old.end(), kUnknownBlock) > 0;
     if (isInline && want == have && readAll(wantPath, want) == readAll(havePath, have)) return;
-    // Cut at a block, so that no block is copied only to clear its end; a clone brings back the rest.
+    // Cut at a block boundary, so that no block is copied only to clear its end. A clone brings back
+    // the rest.
     if (have > want) {
       op->what |= kCut;
       op->number = want / kBlock * kBlock;
@@ -238,7 +242,7 @@ class Plan {
   void planLinks(uint32_t object) {
     const WalkedObject &old = snapshot_.objects[object];
     if (S_ISDIR(old.mode)) return;
-    uint32_t from = old.firstName;  // what was made again, or a name that is there
+    uint32_t from = old.firstName;  // an object that was made again, or an existing name
     if (toActive_[object] != kNone)
       while (sourceOf_[from] == kNone) from = snapshot_.names[from].next;
     for (uint32_t want = old.firstName; want != kNone; want = snapshot_.names[want].next) {
@@ -332,7 +336,7 @@ class Plan {
     return dir;
   }
 
-  // Where the snapshot's directory is in the active tree, or will be.
+  // Returns the present or future place of the snapshot's directory in the active tree.
   uint32_t targetDir(uint32_t object) {
     if (toActive_[object] != kNone) return activeDir(toActive_[object]);
     uint32_t &dir = dirOfMade_[object];
@@ -358,10 +362,10 @@ class Plan {
   std::string activePath(uint32_t object) const { return active_.root + "/" + active_.path(object); }
 
   WalkedTree snapshot_, active_;
-  std::vector<uint32_t> dirOfActive_, dirOfMade_;  // places in list_.dirs
-  std::vector<uint32_t> toActive_, toSnapshot_;    // the same object in the other tree
-  std::vector<uint32_t> homeOf_, sourceOf_;  // the same name, or the one it moves to, in the other
-  std::vector<bool> isTouched_;              // by place in list_.dirs: gets or loses names
+  std::vector<uint32_t> dirOfActive_, dirOfMade_;  // indices into list_.dirs
+  std::vector<uint32_t> toActive_, toSnapshot_;    // index of the same object in the other tree
+  std::vector<uint32_t> homeOf_, sourceOf_;        // the same or the new name in the other tree
+  std::vector<bool> isTouched_;                    // by index into list_.dirs: it gains or loses names
   std::unordered_map<std::string, uint32_t> wantedNames_;
   FloorList list_;
 };

@@ -53,7 +53,7 @@ class Run {
     size_t from, to;
   };
 
-  // The first is that of the directories, the others are those of the calls.
+  // The first stage opens the directories; the others are those of the calls.
   static std::vector<Stage> stagesOf(const FloorList &list) {
     std::vector<Stage> stages = {{0, list.dirs.size()}};
     for (size_t at = 0; at < list.ops.size(); at++) {
@@ -144,7 +144,7 @@ class Run {
     check(close(fd), "close", name);
   }
 
-  // In this order: a new owner takes away set-user-ID, an ACL changes the mode.
+  // The order matters: chown clears set-user-ID, and an ACL changes the mode.
   void attributes(const FloorOp &op, int fd, const char *name) {
     if (op.what & kOwner) check(fchown(fd, op.uid, op.gid), "chown", name);
     for (uint32_t i = 0; i < op.xattrs; i++) {
@@ -173,7 +173,7 @@ class Run {
     return fd;
   }
 
-  // The other thread may stand at the barrier: the process ends at once.
+  // The other thread may wait at the barrier, so end the process at once.
   static void check(int result, const char *what, const char *name) {
     if (result == 0) return;
     fprintf(stderr, "bench_floor: %s %s: %s\n", what, name, strerror(errno));
@@ -184,10 +184,10 @@ class Run {
 
   static constexpr int kFolder = O_RDONLY | O_DIRECTORY;
   const FloorList &list_;
-  std::vector<int> active_, snapshot_;  // open directories, by their place in the list; -1 elsewhere
+  std::vector<int> active_, snapshot_;  // open directories by index in the list; -1: not open
   int activeFd_ = -1, snapshotFd_ = -1;
   std::vector<Stage> stages_;
-  std::vector<std::atomic<size_t>> next_;  // what nobody has taken yet, by stage
+  std::vector<std::atomic<size_t>> next_;  // first index that no thread has taken, by stage
   std::barrier<> barrier_;
 };
 

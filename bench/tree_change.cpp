@@ -21,8 +21,8 @@ class Change {
  public:
   explicit Change(const Changed &tree) : tree_(tree) {}
 
-  // Every changes-th file, by kind: 13 of 20 have other contents, 2 are gone, 2 have a new neighbour, 2
-  // have other attributes and 1 another name.
+  // Changes every changes-th file. Of 20 files, 13 get other contents, 2 are removed, 2 get a new
+  // neighbour, 2 get other attributes and 1 gets another name.
   void mixed() {
     forEachChosen([this](uint64_t file, uint64_t kind) { mixedOne(file, kind % 20); });
   }
@@ -31,13 +31,13 @@ class Change {
     forEachChosen([this](uint64_t file, uint64_t kind) { attributesOne(file, kind % 5); });
   }
 
-  // Of 20,000 inodes of two names: data, mode, a name less, a name moved, a name more, no name left.
+  // For 20,000 inodes with two names: change data or mode; remove, move or add a name; remove both.
   void links() {
     forEachChosen([this](uint64_t file, uint64_t kind) { linksOne(file, kind % 6); });
   }
 
-  // A tenth of the files: every twentieth directory with its files, every second file of a tenth of
-  // them.
+  // Removes a tenth of the files: every twentieth directory with its files, and every second file of
+  // another tenth.
   void deleted() {
     for (uint64_t file = 0; file < tree_.files; file++) {
       uint64_t leaf = file / kFilesInLeaf;
@@ -50,7 +50,7 @@ class Change {
     }
   }
 
-  // Every fourth directory of 500 files: every second one of these into another directory.
+  // Moves every second of every fourth directory with 500 files into another directory.
   void dirmove() {
     uint64_t middles = tree_.files / kFilesInLeaf / 10;
     for (uint64_t middle = 0; middle < middles; middle += 4) {
@@ -61,7 +61,7 @@ class Change {
     }
   }
 
-  // New files at depths up to 60, five in a directory.
+  // Makes new files at depths up to 60, five in each directory.
   void deepNew() {
     constexpr uint64_t kDepth = 60, kFiles = 5;
     std::string path;
@@ -76,7 +76,7 @@ class Change {
     }
   }
 
-  // 4 to 128 KiB at any offset of the big files.
+  // Overwrites 4 to 128 KiB at any offset of the big files.
   void ranges() {
     for (uint64_t i = 0; i < tree_.changes; i++) {
       uint64_t mixed = scatter(i + 99);

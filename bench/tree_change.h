@@ -1,4 +1,4 @@
-// tree_change.h: what the benchmark does to a tree after its snapshot.
+// tree_change.h: the changes that the benchmark makes after a snapshot.
 #pragma once
 
 #include <cstdint>
@@ -10,14 +10,14 @@ namespace bench {
 
 struct Changed {
   Base base;
-  uint64_t files;     // of the tree
-  uint64_t changes;   // how many of them, or of its ranges, spread evenly
-  uint64_t bigBytes;  // of kBig
+  uint64_t files;     // number of files in the tree
+  uint64_t changes;   // how many files or ranges to change, evenly spread
+  uint64_t bigBytes;  // size for kBig
 };
 
-// change: mixed, attributes, delete, dirmove, links, new, ranges, or nothing. Returns the paths that a
-// file of the snapshot has there and that have other contents or attributes, or no file, in the changed
-// tree. Each ends with a NUL. Throws std::system_error, or std::runtime_error for an unknown change.
+// `change` is mixed, attributes, delete, dirmove, links, new, ranges or nothing. Returns the paths of
+// files in the snapshot that have other contents or attributes, or do not exist, in the changed tree,
+// each with a NUL at the end. Throws std::system_error, or std::runtime_error for an unknown change.
 std::string changeTree(const std::string &change, const Changed &tree);
 
 }  // namespace bench

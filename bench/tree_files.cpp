@@ -44,7 +44,8 @@ int opened(const std::string &path, int flags) {
   return fd;
 }
 
-// Times long past, so that no change falls into the second in which the file was made.
+// Sets times in the distant past, so that no change can fall into the second in which the file was
+// made.
 void finish(int fd, const std::string &path, uint64_t file) {
   uint64_t mixed = scatter(file + 17);
   time_t when = 1500000000 + static_cast<time_t>(mixed % 100000000);

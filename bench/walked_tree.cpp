@@ -20,7 +20,7 @@
 namespace bench {
 namespace {
 
-// Of the root of a subvolume, and of what a snapshot shows in place of a nested one.
+// Inode numbers of a subvolume's root, and of the stub of a nested one in a snapshot.
 constexpr uint64_t kSubvolumeRoot = 256, kSubvolumeStub = 2;
 
 using Directory = std::unique_ptr<DIR, decltype([](DIR *dir) { closedir(dir); })>;
@@ -36,7 +36,7 @@ class Walk {
   }
 
  private:
-  // The object, where it has not been met before, and its name. Returns a directory to enter, or kNone.
+  // Adds the name, and the object if it is new. Returns a directory to enter, or kNone.
   uint32_t add(int dirFd, const char *path, const char *name, uint32_t parent) {
     struct statx sx;
     if (statx(dirFd, path, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0)

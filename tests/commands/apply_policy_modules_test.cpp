@@ -1,4 +1,4 @@
-// How the policy engine divides its work, and where it may do it.
+// How the policy engine divides its work, and where it accepts files.
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -60,8 +60,9 @@ class PolicyRun : public ::testing::Test {
     fs::remove_all(top_);
   }
 
-  // A policy whose script gets these options, and a list of `records` records in aggregates of one.
-  // The command line that runs it.
+  // Writes a policy whose script gets these options, and a list of `records` records, each its own
+  // aggregate.
+  // Returns the command line that runs them.
   std::string command(const std::string &name, const std::string &options, int records,
                       const std::string &flags, const std::string &script = POLICY_WORKER) {
     std::string quoted;
@@ -74,7 +75,7 @@ class PolicyRun : public ::testing::Test {
            flags;
   }
 
-  // Exit status of a shell command; what it says is said().
+  // Runs a shell command and returns its exit status; said() returns its output.
   int shell(const std::string &line) {
     int status = system((line + " > " + top_ + "said 2>&1").c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -90,7 +91,7 @@ class PolicyRun : public ::testing::Test {
       pids.push_back(std::stoi(path.filename()));
     return pids;
   }
-  // The line's busy workers: the most at a time, and all.
+  // Runs the line and checks how many workers were busy: the most at the same time, and all.
   void expectBusy(int budget, const std::string &line, int most, int all) {
     ASSERT_EQ(shell("KT_MAX_WORKERS=" + std::to_string(budget) + " " + line), 0) << said();
     int now = -1, most_seen = -1, all_seen = -1;
@@ -98,7 +99,7 @@ class PolicyRun : public ::testing::Test {
     EXPECT_EQ((std::array{now, most_seen, all_seen}), (std::array{0, most, all}));
     fs::remove(out_ + "/count");
   }
-  // An engine that was killed could not do it.
+  // For an engine that was killed before it could remove them.
   void removeBatchFiles() {
     for (const auto &entry : fs::directory_iterator(g_)) fs::remove(entry.path());
   }
@@ -151,7 +152,7 @@ TEST_F(PolicyRun, LimitsOfWorkers) {
   expectBusy(2, command("a", busy, 30, "-B 1 -m 30"), 2, 30);
 }
 
-// Two levels of nesting, each asking for more workers than there are.
+// Two levels of nesting. Each asks for more workers than the budget has.
 TEST_F(PolicyRun, NestedRunsShareOneBudget) {
   std::string leaf = command("leaf", "busy " + out_ + "/count 0.005", 6, "-B 1 -m 32");
   std::string middle = command("middle", "shell '" + leaf + " > /dev/null'", 3, "-B 1 -m 32");
@@ -219,7 +220,7 @@ TEST_F(PolicyRun, KilledEngineLeavesNoWorker) {
   removeBatchFiles();
 }
 
-// A shell that becomes the engine may have children already; they are not the engine's to wait for.
+// A shell that becomes the engine by exec may have children, for which the engine must not wait.
 TEST_F(PolicyRun, EarlierChildrenAreNotAwaited) {
   std::string good = command("good", keep_, 2, "");
   std::string sleeper = top_ + "sleeper";
@@ -243,7 +244,7 @@ TEST_F(PolicyRun, RefusedBeforeAnythingStarts) {
       {good + "-g /no/directory", "/no/directory: No such file"},
       {good + "-P /no/policy", "/no/policy: No such file"},
       {"KT_MAX_WORKERS=0 " + good, "KT_MAX_WORKERS must be a number"},
-      // A worker whose engine has gone must not become an outermost run of its own.
+      // A worker whose engine has died must not become an outermost run.
       {"KT_WORKER_SLOT=" + std::to_string(getpid()) + ":3:0:0 " + good,
        "(process " + std::to_string(getpid()) + ") has ended"},
   };

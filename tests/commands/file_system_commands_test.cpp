@@ -1,4 +1,4 @@
-// The small commands on a real file system: two mounts of one fileset, the top level not mounted.
+// The small commands on a real file system: one fileset in two mounts, the top level not mounted.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -16,7 +16,7 @@ namespace {
 
 struct Result {
   int status = -1;
-  std::string out;  // and errors
+  std::string out;  // both streams
 };
 
 Result run(const std::string &line) {
@@ -44,7 +44,8 @@ std::string inodeOf(const fs::path &path) {
   return lstat(path.c_str(), &st) == 0 ? std::to_string(st.st_ino) : "";
 }
 
-// The fileset "my home" on /mnt/home and /mnt/home2; the top level on /mnt/top until hideTop().
+// The fileset "my home" is mounted on /mnt/home and /mnt/home2; the top level on /mnt/top until
+// hideTop().
 class Commands : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -93,7 +94,7 @@ TEST_F(Commands, FilesetListing) {
   expectFails("ktlsfileset /mnt/home home -Y", "ktlsfileset: ");
 }
 
-// As scripts read it: words after the line that holds "Directory".
+// Parsed as scripts do: the words of the lines after the one with "Directory".
 TEST_F(Commands, SnapshotListing) {
   subvolume("snapshot -r 'my home' 'snaps/a b\n\\c'");
   subvolume("snapshot 'my home' snaps/writable");
@@ -118,7 +119,7 @@ TEST_F(Commands, EveryPathOfAnInode) {
   std::set<std::string> paths = {"/a/file", "/a/b/x y", "/a/b/n\\nt\\tb\\\\"};
   fs::create_hard_link(home / "a/file", home / "a/b/x y");
   fs::create_hard_link(home / "a/file", home / "a/b/n\nt\tb\\");
-  // More links than one item holds, so that the overflow items are read too.
+  // More links than one item can hold, so that overflow items are read, too.
   for (int i = 0; i < 2000; i++) {
     std::string name = "link with a longer name " + std::to_string(i);
     fs::create_hard_link(home / "a/file", home / "a" / name);
@@ -126,7 +127,7 @@ TEST_F(Commands, EveryPathOfAnInode) {
   }
   std::string ino = inodeOf(home / "a/file");
   subvolume("snapshot -r 'my home' snaps/s");
-  fs::remove(home / "a/b/x y");  // must not be found, committed or not
+  fs::remove(home / "a/b/x y");  // must not be found, whether committed or not
 
   auto lookUp = [&](const std::string &root) {
     std::istringstream in(command("kxfindinode -i " + ino + " -- " + root).out);

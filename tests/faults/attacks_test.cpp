@@ -1,8 +1,8 @@
-// Users at work against a restore: while it runs, one of them swaps his directories and files for
-// symbolic links, for each other, for FIFOs and for what other users own; another owns the fileset's
-// root and exchanges the work directory.
+// Users interfere with a running restore. One of them replaces his directories and files by symbolic
+// links, by each other, by FIFOs and by files of other users. Another one owns the root of the fileset
+// and replaces the work directory.
 //
-// ATTACKS=N in the environment: N attacked restores of each kind instead of the few of the suite.
+// ATTACKS=N in the environment: N attacked restores of each kind instead of a few.
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
@@ -31,7 +31,7 @@ using testsupport::TreePrint;
 
 namespace {
 
-constexpr uid_t kAlice = 1001, kBob = 1002;  // alice attacks
+constexpr uid_t kAlice = 1001, kBob = 1002;  // alice is the attacker
 constexpr int kDirs = 6;
 
 int rounds(int in_suite) {
@@ -39,7 +39,7 @@ int rounds(int in_suite) {
   return wanted ? atoi(wanted) : in_suite;
 }
 
-// All that a tree outside the fileset tells, change times included.
+// Describes a tree outside the fileset completely, including ctimes.
 std::string allOf(const std::string &root) {
   std::map<std::string, std::string> lines;
   for (const auto &entry : std::filesystem::recursive_directory_iterator(root)) {
@@ -58,8 +58,8 @@ std::string allOf(const std::string &root) {
   return all;
 }
 
-// Everything in the fileset that alice does not own, by inode number: she may move it about and link it
-// where she has the right to, but whatever it is called, it stays what it was.
+// Returns all objects that alice does not own, by inode number. She can rename and link them where she
+// has the right to, but their contents and attributes must not change.
 TreePrint othersThan(uid_t uid, const TreePrint &tree) {
   TreePrint found;
   for (const auto &[path, one] : tree.objects) {
@@ -72,7 +72,8 @@ TreePrint othersThan(uid_t uid, const TreePrint &tree) {
   return found;
 }
 
-// The names that every directory holds, those outside too, so that what goes astray hits something.
+// Makes the same names in every directory, also outside, so that an operation that goes astray hits
+// something.
 void fill(TreeBuilder &t, const std::string &dir) {
   t.dirs(dir + "/s/t");
   t.dirs(dir + "/n/m");
@@ -108,7 +109,7 @@ void build(TreeBuilder &t) {
     fill(t, dir);
     own(t, dir, kBob);
   }
-  t.file("bob/writable", "everybody may link it", 0666);  // which the kernel allows for such files
+  t.file("bob/writable", "everybody may link it", 0666);  // the kernel allows that for such files
   t.chown("bob/writable", kBob, kBob);
   t.file("alice/secret", "root's in alice's directory", 0600);
   t.chmod("pub", 0777);
@@ -143,7 +144,7 @@ struct Shared {
   std::atomic<bool> stop;
 };
 
-// Processes that run one attack as an unprivileged user until they are destroyed.
+// Processes that perform one attack as an unprivileged user until this object is destroyed.
 class Attackers {
  public:
   using Step = std::function<void(std::minstd_rand &, std::atomic<uint64_t> &)>;
@@ -188,8 +189,7 @@ bool exchange(const std::string &one, const std::string &other) {
   return renameat2(AT_FDCWD, one.c_str(), AT_FDCWD, other.c_str(), RENAME_EXCHANGE) == 0;
 }
 
-// Puts `other` in the place of `one` for a moment. The longer the pauses, the further the restore
-// comes.
+// Exchanges `one` and `other` for a moment. Longer pauses let the restore get further.
 void swapFor(const std::string &one, const std::string &other, std::minstd_rand &random,
              std::atomic<uint64_t> &swaps) {
   if (!exchange(one, other)) return;
@@ -215,7 +215,7 @@ class Attacks : public Faults {
     for (const std::string &dir : outside()) testsupport::runCommand("rm -rf " + dir);
     Faults::TearDown();
   }
-  // On another file system, and on this one in another subvolume.
+  // One directory on another file system, and one on this file system in another subvolume.
   static std::vector<std::string> outside() { return {"/mnt/outside", "/mnt/scenario/outside"}; }
   static std::string outsideNow() { return allOf(outside()[0]) + allOf(outside()[1]); }
 
@@ -223,7 +223,7 @@ class Attacks : public Faults {
     return {outside()[0], outside()[1], root() + "/bob", "../bob", "/", "..", root() + "/pub/bob"};
   }
 
-  // An attacked restore, then the same command in peace.
+  // Restores under attack, then once more without.
   void expectNothingLost(const std::vector<Attackers::Step> &steps, unsigned seed) {
     const std::string outside_before = outsideNow();
     const auto others_before = othersThan(kAlice, fingerprint(fs().path(snapshotName())));
@@ -309,8 +309,8 @@ TEST_F(Attacks, SwappedDirectoriesAndFiles) {
   EXPECT_GT(swaps_, 10u * static_cast<unsigned>(runs));
 }
 
-// Directories that stand ready for the place of the work directory: links to elsewhere, files of
-// alice's, and the left-over of an earlier run, which is root's alone.
+// Prepares directories to replace the work directory: symbolic links to the outside, files of alice's,
+// and the left-over of an earlier run that belongs to root alone.
 void prepareLookAlikes(TreeBuilder &t) {
   const std::string policy = "RULE EXTERNAL LIST 'all' EXEC '/mnt/evil' OPTS ''\n";
   const std::string list = "1:0:  100:0:0:0:0:0:1!x:0!;3!7,0,0\n";
@@ -357,8 +357,8 @@ TEST_F(Attacks, ExchangedWorkDirectory) {
   EXPECT_GT(swaps_, static_cast<unsigned>(runs));
 }
 
-// Files that root keeps in alice's directory are deleted together with files of hers. As soon as one of
-// root's is back, she renames it to where one of hers is due: what it holds must not become hers.
+// Files of root in alice's directory are deleted together with files of hers. As soon as one of root's
+// is back, she renames it to the name of one of hers that is not back yet. It must not become hers.
 TEST_F(Attacks, RenamedOverWhatIsDue) {
   constexpr int kPairs = 60;
   const std::string secret(9000, 's');

@@ -1,5 +1,5 @@
-// A call of the file-system library fails once: the run ends with 1 and says why, the next run ends
-// well, and nothing is lost. Never 0 with a difference.
+// A call of the library fails once. The run must end with 1 and report the reason, the next run must
+// succeed, and nothing may be lost. Exit status 0 with a difference is never acceptable.
 //
 // FAULTS_THOROUGH=1 in the environment: many errors of each call instead of one.
 #include <cerrno>
@@ -15,9 +15,9 @@ namespace {
 
 enum class Outcome {
   kFails,      // exit status 1
-  kRetried,    // in a worker that has not yet begun: it counts as lost
-  kEither,     // some of its callers do without an answer
-  kCannotFail  // answers yes or no
+  kRetried,    // in a worker that has not begun yet, which then counts as lost
+  kEither,     // some callers can do without the answer
+  kCannotFail  // it answers yes or no
 };
 
 Outcome outcomeOf(const std::string &call, int where) {
@@ -25,9 +25,9 @@ Outcome outcomeOf(const std::string &call, int where) {
       "kest_get_fset_snaphandle_by_name", "kest_get_fssnapid_from_fssnaphandle",
       "kest_get_pathname_from_fssnaphandle", "kest_statfs64", "kest_open_inodescan64"};
   static const std::set<std::string> either{
-      "kest_idifference",  // else clone attributes are read
-      "kest_is_writable",  // of the snapshot: a warning alone
-      "kest_lstat",        // what cannot be looked at counts as taken
+      "kest_idifference",  // then clone attributes are read
+      "kest_is_writable",  // of the snapshot: only a warning
+      "kest_lstat",        // then the name counts as taken
       "kest_younger",         "kest_remove_lock", "kest_fcntl",
       "kest_path_descriptor", "kest_open_path"};  // clone attributes; nothing is a clone
   if (call == "kest_same_file" || call == "kest_is_quota_file") return Outcome::kCannotFail;
@@ -46,7 +46,7 @@ class FailingCalls : public Faults {
     const bool mayPass = outcome == Outcome::kEither && result.exitStatus == 0;
     if (outcome == Outcome::kRetried || mayPass) {
       expectEqual(result);
-      // While a worker prepares itself, a call that may fail ends it like the others.
+      // During the preparation of a worker, even a call that may fail ends the worker.
       EXPECT_GE(retriesTold(result), outcome == Outcome::kRetried ? 1 : 0) << what();
       EXPECT_LE(retriesTold(result), 1) << what();
       return;
@@ -63,7 +63,7 @@ TEST_F(FailingCalls, EachCall) {
   std::map<std::string, std::vector<std::pair<int, uint32_t>>> places;
   for (const auto &[place, count] : calls()) places[place.first].emplace_back(place.second, count);
   EXPECT_GE(places.size(), 36u) << "the history does not need the whole library any more";
-  // Every call in every phase, at several moments; else every call once.
+  // Thorough: every call in every phase at several moments. Otherwise every call once.
   const bool thorough = getenv("FAULTS_THOROUGH") != nullptr;
   size_t turn = 0, sum = 0;
   for (const auto &[call, phases] : places) {
@@ -89,7 +89,7 @@ TEST_F(FailingCalls, EachCall) {
   printf("%5zu errors injected\n", sum);
 }
 
-// A failure that brings no reason is one all the same: a batch that it stops is not done.
+// A failure without an errno is a failure nevertheless: the batch that it stops is not done.
 TEST_F(FailingCalls, FailureWithoutAnErrorNumber) {
   const std::pair<const char *, int> cases[] = {{"kest_unlink", kMain},       {"kest_ishare", kMain},
                                                 {"kest_iset_times", kDirs},   {"kest_link", kLinks},

@@ -1,4 +1,4 @@
-// faults_fixture.h: one history with every kind of work in it, restored with a fault, then without.
+// faults_fixture.h: one history with every kind of work, restored first with a fault and then without.
 #pragma once
 
 #include <map>
@@ -24,7 +24,7 @@ using testsupport::waitUntil;
 
 inline constexpr int kMain = 3, kMoveBack = 4, kPending = 5, kDirs = 6, kLinks = 8, kCreate = 51;
 
-// A stage of a run, and a text of its trace log with which it begins.
+// A stage of a run, and the text in its trace log that marks its beginning.
 struct Stage {
   const char *name, *begins;
   bool masterAlone;
@@ -42,35 +42,35 @@ inline constexpr Stage kStages[] = {{"walks", "traverseCommonDir", true},
 class Faults : public scenario::RestoreFixture {
  protected:
   using Work = void (*)(testsupport::TreeBuilder &);
-  // A fresh fileset with a history: that of this file, or another. May be called several times in a
-  // test. `further`: more that the snapshot holds.
+  // Makes a fresh fileset with the history of this file, or with another one. A test can call it
+  // several times. `further` adds to the snapshot.
   void prepare(Work further = nullptr);
   void prepareHistory(Work build, Work further, Work change);
-  // Restores with a fault; the fault has to strike, or the test fails. What the run prints goes to the
-  // test's messages until the next call.
-  // `items`: the program of several passes, with as many differing inodes in each.
+  // Restores with a fault, which must strike or the test fails. The output of the run goes to the
+  // test's messages until the next call. `items`: uses the program with several passes, each with that
+  // many differing inodes.
   RunResult restoreWith(const Fault &fault, unsigned items = 0);
-  // Begins a restore to the snapshot of prepare(). Its workers take two records each, so that there
-  // are many.
+  // Starts a restore to the snapshot of prepare(). Its workers take two records each, so that there are
+  // many workers.
   std::unique_ptr<Running> start();
-  // Waits until the stage has begun. False when the run was faster.
+  // Waits until the stage has begun. Returns false if the run was faster.
   bool reach(Running &run, const Stage &stage);
   std::vector<std::string> workDirs() const;  // paths
-  // prepare() and start(), again where the run was over before it was seen in that stage.
+  // Calls prepare() and start() until a run is seen in that stage.
   std::unique_ptr<Running> startUntil(const Stage &stage);
-  // exit status 0, tree and snapshot equal, nothing left, every survivor kept.
+  // Expects exit status 0, equal trees, no left-overs and every survivor kept.
   void expectEqual(const RunResult &result);
-  // The same command again, without a fault, ends well.
+  // Runs the same command again without a fault and expects success.
   void expectRepairedByNextRun();
-  // A message beyond the lines that tell the time, or the log of the run.
+  // Returns true if the run printed a message other than progress lines, or its log.
   static bool hasMessage(const RunResult &result);
-  // How often the run told that it starts the engine again.
+  // Returns how often the run reported that it restarts the engine.
   static int retriesTold(const RunResult &result);
   bool equalsSnapshot();
   bool isAsBefore();  // as prepare() left it
   const std::string &what() const { return what_; }
 
-  // How often the history's restore makes each call, by call and phase (measured once).
+  // Returns how often a restore of the history makes each call, by call and phase (measured once).
   const std::map<std::pair<std::string, int>, uint32_t> &calls();
 
  private:

@@ -1,7 +1,7 @@
-// The file system, or the fileset's quota, is full from some stage of a restore on. The run says so and
-// loses nothing; once there is room the same command ends well.
+// From some stage of a restore on, the file system or the fileset's quota is full. The run must report
+// that and lose nothing; the same command must succeed once there is room.
 //
-// FULL_ALL=1 in the environment: each kind of fullness in each stage instead of one.
+// FULL_ALL=1 in the environment: every kind of fullness in every stage instead of one.
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -27,7 +27,7 @@ class Full : public Faults {
 
   std::string fillers() { return fs().path("fill"); }
 
-  // Bytes that come from one file, whole; then small files, whose data lies in the metadata.
+  // Fills space with one large file, then with small files whose data lies in the metadata.
   void fill(bool metadata) {
     runCommand("mkdir -p " + fillers());
     {
@@ -59,7 +59,7 @@ class Full : public Faults {
     fs().commit();
   }
 
-  // What no clean-up may follow or enter.
+  // Plants objects that no clean-up may follow or enter.
   void plant(const std::string &workDir, bool nested) {
     runCommand("mkdir -p /mnt/outside && echo kept >/mnt/outside/file && ln -s /mnt/outside " +
                workDir + "/outside");
@@ -97,7 +97,7 @@ TEST_F(Full, ThenTheSameCommand) {
              full ? ", full" : "");
       ++runs[kind];
       failed[kind] += full;
-      // With nothing more to write, a run can do without space.
+      // A run with nothing left to write needs no space.
       EXPECT_EQ(run->exitStatus(), full) << run->said();
       makeRoom(static_cast<Kind>(kind));
       expectRepairedByNextRun();

@@ -1,7 +1,7 @@
-// A run's processes are killed or stopped from outside at moments all over a restore, and a second run
-// is started beside a living one.
+// Processes of a run are killed or stopped from outside at many moments of a restore, and a second run
+// is started beside a running one.
 //
-// KILLS=500 in the environment: so many kills instead of the few of the suite.
+// KILLS=500 in the environment: that many kills instead of a few.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -30,7 +30,7 @@ class Kills : public Faults {
     return free;
   }
 
-  // The lock goes with the last process, and that goes soon.
+  // The lock is released with the last process of the run, and that must end soon.
   void expectDead(Running &run) {
     EXPECT_TRUE(waitUntil([&] { return run.ended() && lockIsFree(); }, 3)) << "the lock is still held";
     std::string left;
@@ -61,13 +61,13 @@ TEST_F(Kills, ThenTheSameCommand) {
     if (reach(*run, stage)) {
       usleep(static_cast<useconds_t>(random() % 6000));
       const pid_t victim = run->ended() ? 0 : run->find(role);
-      // One that never ends by itself shows who takes it along.
+      // A stopped process never ends by itself, so it shows whether something takes it along.
       const pid_t stopped = role == "worker" || random() % 2 ? 0 : run->find("worker");
       if (stopped > 1) kill(stopped, SIGSTOP);
       killed = victim > 1 && kill(victim, SIGKILL) == 0;
     }
     if (killed && role == "master") expectDead(*run);
-    // Else the master goes on and does what its engine or worker did not.
+    // Otherwise the master continues and repeats what its engine or worker did not do.
     ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 30)) << run->said();
     if (role == "master") killed = run->signalNumber() == SIGKILL;
     if (killed && role != "master") {
@@ -90,9 +90,9 @@ TEST_F(Kills, ThenTheSameCommand) {
          retried, missed);
 }
 
-// Two dead runs left their work directories. A restore to another snapshot, the one of the state before
-// them, then one to theirs: what waits in the work directories is moved, not made again, and none of
-// their links, lists and destinations counts.
+// Two dead runs left their work directories. Then a restore to another snapshot, which shows the state
+// before those runs, and one to theirs: objects in the old work directories must be moved and not made
+// again, and the old links, lists and destinations must be ignored.
 TEST_F(Kills, LeftOversOfSeveralRuns) {
   for (const int stage : {0, 1, 5}) {
     SCOPED_TRACE(kStages[stage].name);
@@ -104,7 +104,7 @@ TEST_F(Kills, LeftOversOfSeveralRuns) {
       const bool seen = reach(*run, kStages[stage]);
       if (seen) kill(run->pid(), SIGKILL);
       expectDead(*run);
-      dead = seen ? dead + 1 : 0;  // a run that was faster than the eye has restored everything
+      dead = seen ? dead + 1 : 0;  // a run that was too fast has restored everything
     }
     ASSERT_EQ(dead, 2);
     const testsupport::TreePrint want = testsupport::fingerprint(fs().path(snapshotName("later")));
@@ -126,7 +126,7 @@ TEST_F(Kills, ASecondRunIsRefused) {
                           fs().mountPoint() + ") " + other);
   auto first = start();
   ASSERT_TRUE(reach(*first, kStages[1]));
-  for (int round = 0; round < 3; ++round)  // also what was being started meanwhile
+  for (int round = 0; round < 3; ++round)  // also processes that were just being started
     for (const Process &process : first->living()) kill(process.pid, SIGSTOP);
   bool engine = false;
   for (const Process &process : first->living()) {
@@ -171,7 +171,7 @@ TEST_F(Kills, SignalsEndTheRunAndSayWhatIsLeft) {
       ASSERT_TRUE(waitUntil([&] { return run->ended(); }, 3)) << run->said();
       expectDead(*run);
       const std::string said = run->said();
-      if (run->exitStatus() != 0) {  // 0: it was at its end
+      if (run->exitStatus() != 0) {  // 0: the run was already at its end
         ++stopped;
         EXPECT_EQ(run->exitStatus(), 1);
         EXPECT_NE(said.find("Stopped by a signal (" + std::string(strsignal(number)) +
@@ -185,7 +185,7 @@ TEST_F(Kills, SignalsEndTheRunAndSayWhatIsLeft) {
       expectRepairedByNextRun();
     }
   }
-  EXPECT_GE(stopped, 4);  // some come when the run is at its end; rarely more than a few of the twelve
+  EXPECT_GE(stopped, 4);  // some signals come too late; rarely more than a few of twelve
 }
 
 TEST_F(Kills, WorkDirectoryIsRootsAlone) {
@@ -198,13 +198,13 @@ TEST_F(Kills, WorkDirectoryIsRootsAlone) {
   ASSERT_EQ(stat(workDirs()[0].c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0700u);
   EXPECT_EQ(st.st_uid, 0u);
-  // As any other user.
+  // Another user must not be able to list it.
   testsupport::runCommand("chmod 755 " + root() + " && ! setpriv --reuid=1234 --clear-groups ls " +
                           workDirs()[0] + " 2>&1");
   expectRepairedByNextRun();
 }
 
-// What the workers have not begun stays undone: the signal does not wait for the end of a phase.
+// The signal does not wait for the end of a phase: records that workers have not begun stay undone.
 TEST_F(Kills, SignalsEndALongPhaseAtOnce) {
   constexpr int kFiles = 1500;
   prepare();
@@ -224,7 +224,7 @@ TEST_F(Kills, SignalsEndALongPhaseAtOnce) {
 
 TEST_F(Kills, IgnoredHangUpStaysIgnored) {
   prepare();
-  signal(SIGHUP, SIG_IGN);  // which the run inherits
+  signal(SIGHUP, SIG_IGN);  // inherited by the run
   auto run = start();
   signal(SIGHUP, SIG_DFL);
   ASSERT_TRUE(reach(*run, kStages[1]));

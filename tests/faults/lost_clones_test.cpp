@@ -1,4 +1,4 @@
-// Workers killed while they take clones away and make them again.
+// Workers are killed while they move clones aside and make them again.
 #include "faults/faults_fixture.h"
 
 using namespace faults;

@@ -7,7 +7,7 @@ namespace {
 
 class LostProcesses : public Faults {
  protected:
-  // The run notices, repeats what was not done, and ends equal.
+  // Expects that the run notices the loss, repeats what was not done, and ends equal.
   void expectRetried(const Fault &fault, unsigned items = 0) {
     SCOPED_TRACE(fault.words());
     prepare();
@@ -40,7 +40,8 @@ TEST_F(LostProcesses, WorkerInTheMiddleOfAStep) {
   }
 }
 
-// The object is home and its record no longer finds it where it waited: its attributes still come.
+// The object is home and the repeated record does not find it where it waited. Its attributes must
+// still be restored.
 TEST_F(LostProcesses, WorkerBetweenRenameAndAttributes) {
   for (uint64_t nth = 1; nth <= calls().at({"kest_rename_noreplace", kMoveBack}); ++nth)
     expectRetried({.call = "kest_rename_noreplace",
@@ -49,14 +50,15 @@ TEST_F(LostProcesses, WorkerBetweenRenameAndAttributes) {
                    .nth = nth});
 }
 
-// The same where the place was taken at first: in a run of several passes by an object of a later one.
+// The same after the place was taken at first, in a run of several passes by an object of a later pass.
 TEST_F(LostProcesses, WorkerBetweenRenameAndAttributesOfAPendingMove) {
   for (FaultAction action : {FaultAction::kKillBefore, FaultAction::kKillAfter})
     for (unsigned items : {1, 3})
       expectRetried({.call = "kest_rename_noreplace", .action = action, .where = kPending}, items);
 }
 
-// The records of two names of one inode look alike: that one is done says nothing of the other.
+// The records of two names of one inode look alike, so a checkpoint of one must not count for the
+// other.
 TEST_F(LostProcesses, WorkerBetweenTwoNamesOfOneInode) {
   for (uint64_t nth = 1; nth <= calls().at({"kest_unlink", kMain}); ++nth)
     expectRetried(
@@ -104,7 +106,8 @@ TEST_F(LostProcesses, MasterThenTheSameCommand) {
   }
 }
 
-// Around the change of an owner: nothing that a user made or marked may be left for him to run as root.
+// Kills around a change of owner: no program that a user made or marked may be left as a set-user-ID
+// program of root.
 TEST_F(LostProcesses, NoUsersProgramIsLeftToRoot) {
   constexpr uid_t kUser = 1001;
   tree().file("program", "a user's", 04755);

@@ -1,7 +1,7 @@
-// The power fails at moments all over a restore: the disk keeps what was flushed and some of what was
-// written after it. The same command then ends well.
+// The power fails at many moments of a restore: the disk keeps what was flushed and part of what was
+// written later. The same command must then succeed.
 //
-// CUTS=300 in the environment: so many cuts instead of the few of the suite.
+// CUTS=300 in the environment: that many cuts instead of a few.
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -23,8 +23,8 @@ namespace {
 constexpr int kCutsOfOneRun = 27;
 constexpr char kBefore[] = "/mnt/before.image";
 
-// Commits the file system and flushes single files now and then, as others on a machine do: without
-// that the disk would stay as it was when the run began.
+// Commits the file system and flushes single files now and then, as other programs do. Without that the
+// disk would stay as it was at the start of the run.
 class Syncing {
  public:
   Syncing(std::string mount, std::string root, unsigned seed)
@@ -56,10 +56,10 @@ class PowerCuts : public Faults {
  protected:
   struct Begin {
     std::string stage;
-    uint64_t record;  // how many writes and flushes the disk had seen
+    uint64_t record;  // number of writes and flushes that the disk had seen
   };
 
-  // The file system as a cut would leave it, mounted.
+  // Mounts the file system as a cut at this moment would leave it.
   void cut(const WriteRecorder &disk, uint64_t at, const std::function<bool()> &survives) {
     detach();
     runCommand("cp --sparse=always " + std::string(kBefore) + " " + fs().image());
@@ -67,7 +67,7 @@ class PowerCuts : public Faults {
     remount();
   }
 
-  // Restores while the disk is recorded. The stages of the run, and last its end.
+  // Restores while the disk is recorded. Returns the stages of the run, and its end as the last one.
   std::vector<Begin> record(WriteRecorder &disk, unsigned seed) {
     std::vector<Begin> begins;
     runCommand("mount -t btrfs -o loop,nodiscard " + disk.device() + " " + fs().mountPoint());
@@ -101,7 +101,7 @@ TEST_F(PowerCuts, ThenTheSameCommand) {
     runCommand("cp --sparse=always " + fs().image() + " " + kBefore);
     WriteRecorder disk(kBefore, "/mnt/recorder");
     const std::vector<Begin> begins = record(disk, seed);
-    // The recording itself: nothing of the run is there before it, all of it at its end.
+    // Checks the recording itself: before the run nothing of it is on disk, at its end everything.
     cut(disk, 0, [] { return true; });
     EXPECT_TRUE(isAsBefore());
     cut(disk, begins.back().record, [] { return true; });

@@ -1,5 +1,5 @@
-// Blocks of the snapshot that cannot be read any more: the run fails, says which file, and leaves no
-// file with wrong data and right times.
+// Blocks of the snapshot cannot be read any more. The run must fail, name the file, and leave no file
+// with wrong data and right times.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -18,13 +18,13 @@ constexpr uint64_t kFileSystemBytes = 192ull << 20;
 
 class ReadErrors : public Faults {
  protected:
-  // A disk without remains of other tests.
+  // Starts with a disk without remains of other tests.
   void SetUp() override {
     makeFileSystem(kFileSystemBytes);
     Faults::SetUp();
   }
 
-  // Changes the byte behind `needle` wherever the disk holds it. Nothing is cached afterwards.
+  // Changes the byte after `needle` wherever the disk contains it, and drops caches.
   size_t damage(const std::string &needle) {
     detach();
     const std::string disk = readAll(fs().image());
@@ -57,10 +57,10 @@ class ReadErrors : public Faults {
     remount();
   }
 
-  std::vector<std::pair<size_t, char>> damaged_;  // where, and what was there
+  std::vector<std::pair<size_t, char>> damaged_;  // offset and original byte
 };
 
-// A file cut to nothing, one changed in the middle and one deleted; each needs a block that is damaged.
+// A truncated file, one changed in the middle and a deleted one; each needs a damaged block.
 TEST_F(ReadErrors, OfDataFailTheRunWithTheName) {
   const std::pair<const char *, std::string> cases[] = {
       {"truncated", testsupport::patternBytes(2, 131072, 64)},
@@ -77,14 +77,14 @@ TEST_F(ReadErrors, OfDataFailTheRunWithTheName) {
         << result.describe();
     EXPECT_NE(std::filesystem::last_write_time(root() + "/" + name),
               std::filesystem::last_write_time(fs().path(snapshotName()) + "/" + name));
-    // The same command fails again, and ends well once the block can be read.
+    // The same command fails again, and succeeds once the block can be read.
     EXPECT_EQ(copyingRestore().exitStatus, 1);
     mend();
     expectRepairedByNextRun();
   }
 }
 
-// The names of a directory that the snapshot alone has; both copies of the metadata.
+// Damages the names of a directory that only the snapshot has, in both copies of the metadata.
 TEST_F(ReadErrors, OfTheTreeFailTheRun) {
   prepare();
   EXPECT_GE(damage("../data"), 2u);  // the target of gone/a/b/link

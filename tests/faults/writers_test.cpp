@@ -1,6 +1,6 @@
-// Programs go on working in a directory of the fileset while it is restored.
+// Programs keep working in a directory of the fileset while it is restored.
 //
-// WRITERS=200 in the environment: so many restores instead of the few of the suite.
+// WRITERS=200 in the environment: that many restores instead of a few.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -27,10 +27,9 @@ using testsupport::TreePrint;
 namespace {
 
 constexpr int kWriters = 3;
-constexpr unsigned kNames = 12;  // of each directory
+constexpr unsigned kNames = 12;  // in each directory
 
-// Does at random what users do, in two levels of directories below its own. Errors are the users'
-// matter.
+// Performs random user operations in two levels of directories below its own. Ignores their errors.
 class Writer {
  public:
   Writer(const std::string &dir, unsigned seed, bool calm)
@@ -102,14 +101,14 @@ class Writer {
     if (fstat(fd.get(), &st) != 0 || st.st_size < 4096) return;
     void *map = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (map == MAP_FAILED) return;
-    // A plain store would kill the test where another writer has cut the file meanwhile.
+    // A plain store would kill the test if another writer has truncated the file meanwhile.
     char text[] = "mapped";
     const iovec from{text, sizeof text}, to{map, sizeof text};
     if (process_vm_writev(getpid(), &from, 1, &to, 1, 0) > 0 && below(2)) msync(map, 4096, MS_ASYNC);
     munmap(map, 4096);
   }
 
-  const bool calm_;  // changes what is there, slowly
+  const bool calm_;  // changes existing objects slowly
   Descriptor dir_;
   std::minstd_rand random_;
   std::atomic<bool> end_ = false;
@@ -119,7 +118,7 @@ class Writer {
 
 class Writers : public Faults {
  protected:
-  // Without what the writers work in.
+  // Returns the tree without the directory in which the writers work.
   static TreePrint still(TreePrint tree) {
     std::erase_if(tree.objects, [](const auto &object) {
       return object.first == "busy" || object.first.starts_with("busy/");
@@ -152,7 +151,7 @@ TEST_F(Writers, DisturbNothingButTheirOwn) {
     const auto result = restore();
     for (auto &writer : writers) steps += writer->stop();
     ASSERT_FALSE(result.timedOut) << result.describe();
-    // A directory that is to go can get new entries again and again, a file can vanish: that is told.
+    // A directory that must go can get new entries, and a file can disappear; the run reports that.
     ASSERT_TRUE(result.exitStatus == 0 || (result.exitStatus == 1 && !calm)) << result.describe();
     ++ended[result.exitStatus];
     const TreePrint want = fingerprint(fs().path(snapshotName()));

@@ -1,4 +1,4 @@
-// Readers of bytes from outside, each with what must hold of whatever it reads.
+// Parsers of bytes from outside, each with properties that must hold for everything it accepts.
 #pragma once
 
 #include <string>
@@ -13,16 +13,16 @@ namespace fuzz {
   ((property) ? static_cast<void>(0) : fuzz::broken(#property, __FILE__, __LINE__))
 
 struct Target {
-  const char *name = nullptr;  // of its folder below corpus/, too
+  const char *name = nullptr;  // also the name of its folder in corpus/
   void (*run)(std::string_view input) = nullptr;
 };
 extern const std::vector<Target> kRecordTargets, kTextTargets, kTreeTargets;
 std::vector<Target> targets();  // all of them
 
-// The pieces of an input that stands for several texts: divided by NUL.
+// Splits an input that stands for several texts at NUL bytes.
 std::vector<std::string> pieces(std::string_view input);
 
-// A folder of this process's own, removed at its end.
+// A folder for this process, which is removed at its end.
 const std::string &scratchFolder();
 
 }  // namespace fuzz

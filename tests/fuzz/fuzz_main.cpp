@@ -21,7 +21,7 @@ namespace {
 
 constexpr size_t kLongestInput = 65536;
 
-// Bytes whose end is the end of the memory: a read beyond it is a crash, in every build.
+// Memory in which the input ends at the end of a page, so that a read beyond it crashes in every build.
 class GuardedInput {
  public:
   GuardedInput() {
@@ -104,7 +104,7 @@ std::vector<std::string> readCorpus(const std::filesystem::path &folder) {
     std::ifstream in(entry.path(), std::ios::binary);
     corpus.emplace_back(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
-  std::sort(corpus.begin(), corpus.end());  // so that a seed always means the same
+  std::sort(corpus.begin(), corpus.end());  // so that a seed always gives the same inputs
   return corpus;
 }
 

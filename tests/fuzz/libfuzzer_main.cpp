@@ -21,7 +21,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-  // A copy that ends with its memory, which targets may write to and put back.
+  // A copy that ends with its allocation, and which targets may modify temporarily.
   const std::unique_ptr<char[]> copy(new char[size]);
   if (size > 0) memcpy(copy.get(), data, size);
   chosen.run({copy.get(), size});

@@ -1,4 +1,4 @@
-// Lists, batches and checkpoints: what is written is read as it was, and damage is noticed.
+// Lists, batches and checkpoints: written records are read unchanged, and damage is noticed.
 #include <fcntl.h>
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace fuzz {
 
 namespace {
 
-// The policy engine hands a record to its worker: nothing is lost.
+// The batch line carries everything from engine to worker.
 void checkBatchLine(const ListRecord &record) {
   const std::string line = formatBatchLine(record);
   FUZZ_CHECK(line.size() < kBatchLineMax && line.find('\n') == line.size() - 1);
@@ -25,7 +25,7 @@ void checkBatchLine(const ListRecord &record) {
   FUZZ_CHECK(read.ino == record.ino && read.opString == record.opString && read.path == record.path);
 }
 
-// A list is read as a file as it is read in memory, whatever the size of the reads.
+// A list reads the same from a file as from memory, whatever the size of the reads.
 void listRecord(std::string_view input) {
   const std::string file = scratchFolder() + "/list";
   UniqueFd fd(open(file.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
@@ -71,7 +71,7 @@ void batchLine(std::string_view input) {
   checkBatchLine(record);
 }
 
-// Master to engine to worker: whatever a path holds, the worker gets it.
+// From master to engine to worker: the worker gets any path unchanged.
 void recordRoad(std::string_view input) {
   uint64_t ino = 0;
   const size_t head = std::min(input.size(), sizeof ino);
@@ -100,7 +100,7 @@ void batches(std::string_view input) {
   const auto take = [&] {
     while (batcher.take(&batch)) {
       FUZZ_CHECK(!batch.empty() && batch.size() <= most + 1);
-      int64_t ranges = -1;  // aggregate of the byte ranges in it
+      int64_t ranges = -1;  // aggregate of its byte ranges
       for (const BatchRecord &record : batch) {
         FUZZ_CHECK(std::stoull(record.line) == next++);
         if (!record.large_range) continue;

@@ -24,7 +24,7 @@ namespace fuzz {
 
 namespace {
 
-// Messages about wrong command lines are many here.
+// Suppresses the many messages about wrong command lines.
 class Silence {
  public:
   Silence() : before_(stderr) {
@@ -68,7 +68,7 @@ void filesetListing(std::string_view input) {
   FUZZ_CHECK(input[at] == '-');
 }
 
-// What the C library takes a text for decides, whatever we think of it.
+// The C library's interpretation of a format decides, not ours.
 void catalogueText(std::string_view input) {
   const std::vector<std::string> parts = pieces(input);
   const auto argumentsOf = [](const std::string &text) {
@@ -96,7 +96,7 @@ void policyText(std::string_view input) {
   FUZZ_CHECK(!rule.exec.empty() && rule.exec.find('\0') == std::string::npos);
 }
 
-// What the master quotes the engine takes apart again.
+// The engine splits what the master quotes.
 void words(std::string_view input) {
   std::vector<std::string> split, again;
   std::string problem, line;
@@ -156,7 +156,7 @@ void mountLine(std::string_view input) {
   kest::Mount mount;
   const std::string line(parts[0]);
   if (kest::parseMount(line, &mount)) FUZZ_CHECK(!mount.point.empty());
-  // A name as the kernel writes it.
+  // A name in the kernel's notation.
   if (parts.size() < 2 || parts[1].empty()) return;
   std::string point = "/", escaped = "/";
   for (unsigned char c : parts[1]) {

@@ -1,4 +1,4 @@
-// Items of the file system's trees, and what the library hands out as one buffer.
+// Items of file-system trees, and the library's buffers.
 #include <endian.h>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -62,7 +62,7 @@ void attributeBlob(std::string_view input) {
     FUZZ_CHECK(kest::encodeBlob(attributes) == input);
     FUZZ_CHECK(kest::blobAt(input.data()) == input);
   }
-  // And a whole one made of the input: names and values in turn.
+  // Also a valid blob made of the input: names and values alternate.
   const std::vector<std::string> parts = pieces(input);
   for (size_t i = 0; i + 1 < parts.size(); i += 2) attributes.xattrs["user." + parts[i]] = parts[i + 1];
   kest::BlobAttributes again;
@@ -72,7 +72,7 @@ void attributeBlob(std::string_view input) {
 
 void accessList(std::string_view input) {
   if (input.size() < sizeof(int32_t)) return;
-  // A buffer is as long as it says, which its owner sees to.
+  // A buffer is as long as its head says; its owner guarantees that.
   int32_t length;
   memcpy(&length, input.data(), sizeof length);
   if (length > 0 && static_cast<size_t>(length) > input.size()) return;
@@ -86,11 +86,11 @@ void accessList(std::string_view input) {
              again.inherited == state.inherited);
 }
 
-// On a file that takes attributes, but no flags.
+// Uses a file that has attributes but no flags.
 void controlRequest(std::string_view input) {
   static const int fd = memfd_create("object", MFD_CLOEXEC);
   if (input.size() < 16) return;
-  // The end of the input is the end of what may be read.
+  // Nothing may be read beyond the end of the input.
   char *request = const_cast<char *>(input.data());
   const std::string before(input);
   const auto total = static_cast<int32_t>(input.size());
@@ -101,7 +101,7 @@ void controlRequest(std::string_view input) {
   memcpy(request, before.data(), before.size());
 }
 
-// The program and the library each read it for themselves.
+// The program and the library parse it independently.
 void cloneAttribute(std::string_view input) {
   kest::CloneAttribute library;
   CloneAttr program;

@@ -11,7 +11,7 @@ namespace histories {
 
 using testsupport::TreeBuilder;
 
-// How often each kind of change comes, relative to each other.
+// Relative frequency of each kind of change.
 struct Generator::Weights {
   unsigned create, remove, removeTree, replaceKind, rename, exchange, parentChild, ring, link, takeIn,
       data, attribute, time, flag, replaceFile, clone;
@@ -82,7 +82,7 @@ Generator::Generator(const std::string &profile, uint64_t seed)
 }
 
 void Generator::perform(const Operation &operation) {
-  // What was refused half-way is a step of the history all the same.
+  // An operation that the kernel refused half-way is still part of the history.
   bool halves = operation.verb == "remove-tree" || operation.verb == "reflink";
   if (histories::apply(*tree_, operation) || halves) done_.push_back(operation);
 }
@@ -115,7 +115,7 @@ void Generator::look() {
     }
   };
   walk("");
-  // The walk meets "a", "a/b", "a-b"; look-ups want them by bytes.
+  // The walk yields "a", "a/b", "a-b", but look-ups need byte order.
   for (auto *list : {&paths_, &dirs_, &files_, &others_, &parents_})
     std::sort(list->begin(), list->end());
 }
@@ -134,7 +134,7 @@ std::string Generator::freshPath() {
       if (depth(other) > depth(dir)) dir = other;
     }
   }
-  // Long paths are a matter of their own, see the scenario tests.
+  // The scenario tests cover long paths.
   if (dir.size() > 1000) dir = "";
   return join(dir, freshName());
 }
@@ -211,7 +211,7 @@ void Generator::changeData(const std::string &path) {
     case 8:
       return perform({"zeros", path, "", offset, length});
     default:
-      // The same file changed by way of a commit: old and new data are both on disk.
+      // Commits between two changes of a file, so that old and new data are both on disk.
       perform("commit");
       perform({"write", path, "", offset, length, random_.next()});
   }
@@ -345,7 +345,7 @@ void Generator::replaceKind(const std::string &path) {
   char kind = anyKind();
   create(path, kind);
   if (kind != 'd') return;
-  // Often with the same names below as the directory that stood there.
+  // Often reuses the names below the directory that was there before.
   for (const std::string &old : snapshotPaths_)
     if (parentOf(old) == path && random_.chance(60)) create(old, anyKind());
 }
@@ -423,7 +423,7 @@ std::vector<Operation> Generator::buildInitial(TreeBuilder &tree) {
 
 std::vector<Operation> Generator::change(TreeBuilder &tree) {
   tree_ = &tree;
-  if (flagPercent_ > 10)  // where much is flagged, most changes need the flag gone
+  if (flagPercent_ > 10)  // with many flags, most changes need a flag cleared first
     for (const std::string &path : snapshotPaths_)
       if (random_.chance(60)) {
         perform("immutable", path);

@@ -1,5 +1,5 @@
-// generator.h: makes random histories against a live tree, so that operations meet objects that exist,
-// those made since the snapshot included. The same seed and profile give the same history everywhere.
+// generator.h: generates random histories against a live tree, so that operations meet existing
+// objects, even those made since the snapshot. A seed and a profile give the same history everywhere.
 #pragma once
 
 #include <string>
@@ -26,8 +26,8 @@ class Generator {
   static std::vector<std::string> profiles();
   Generator(const std::string &profile, uint64_t seed);
 
-  // Both apply what they generate and return it; operations that the kernel refused are left out,
-  // unless they may have done a part of their work.
+  // Both apply what they generate and return it, without operations that the kernel refused, unless
+  // these may have been done in part.
   std::vector<Operation> buildInitial(testsupport::TreeBuilder &tree);
   std::vector<Operation> change(testsupport::TreeBuilder &tree);
 
@@ -39,7 +39,7 @@ class Generator {
   void perform(const char *verb, const std::string &path = "", const std::string &other = "") {
     perform(Operation{verb, path, other});
   }
-  void look();  // reads the names of the tree again
+  void look();  // rereads the names of the tree
   std::string freshName();
   std::string freshPath();
   std::string anyPath();  // new, gone since the snapshot, or taken
@@ -56,7 +56,7 @@ class Generator {
   void ring();
   void newTreeThatTakesIn();
   void changeClones();
-  void unlockParents();  // so that what follows can remove, rename and change them
+  void unlockParents();  // so that the next operations can change them
   void replaceKind(const std::string &path);
   void oneChange();
 
@@ -64,7 +64,7 @@ class Generator {
   Random random_;
   testsupport::TreeBuilder *tree_ = nullptr;
   std::vector<Operation> done_;
-  std::vector<std::string> paths_, dirs_, files_, others_;  // sorted; others_: all but directories
+  std::vector<std::string> paths_, dirs_, files_, others_;  // sorted; others_: no directories
   std::vector<std::string> parents_;                        // clone parents
   std::vector<std::string> snapshotPaths_;
   unsigned counter_ = 0;

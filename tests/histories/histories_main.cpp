@@ -1,5 +1,5 @@
-// histories: restores after random histories, judged by reading both trees afresh.
-// Run it in the private namespace: tools/private-namespace BUILD/bin BUILD/tests/histories --help
+// histories: restores after random histories and compares both trees by reading them again.
+// Runs in the private namespace: tools/private-namespace BUILD/bin BUILD/tests/histories --help
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -52,7 +52,7 @@ std::vector<int> numbers(const std::string &text) {
   return list;
 }
 
-// False where the command line is wrong.
+// Returns false if the command line is wrong.
 bool readOptions(const std::vector<std::string> &words, Settings *settings, Campaign *campaign) {
   const std::map<std::string, std::function<void()>> switches = {
       {"--kill-before", [&] { settings->killBefore = true; }},
@@ -88,7 +88,7 @@ void report(const Outcome &outcome, uint64_t seed, const char *title) {
   fflush(stdout);
 }
 
-// True where the history was restored.
+// Returns true if the history was restored.
 bool judgeOne(Runner &runner, const Campaign &campaign, uint64_t seed, const Outcome &outcome) {
   if (outcome.problems.empty()) return true;
   report(outcome, seed, "FAILED");

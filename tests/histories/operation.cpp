@@ -17,7 +17,7 @@ namespace {
 
 using testsupport::TreeBuilder;
 
-// What of an operation each of them uses, besides the path.
+// The fields of an operation that each verb uses besides the path.
 const std::map<std::string, void (*)(TreeBuilder &, const Operation &)> kVerbs = {
     // a: pattern seed, b: bytes
     {"file", [](auto &t, auto &o) { t.big(o.path, o.b, o.a); }},

@@ -1,4 +1,4 @@
-// operation.h: one step of a history, printable, readable again and replayable on any tree.
+// operation.h: one step of a history, which can be printed, parsed and replayed on any tree.
 #pragma once
 
 #include <cstdint>
@@ -18,21 +18,21 @@ struct Operation {
   bool operator==(const Operation &) const = default;
 };
 
-// Performs it; false where the kernel refused (a part of a removed tree may be gone then).
+// Performs it. Returns false if the kernel refused (a tree may be removed in part then).
 bool apply(testsupport::TreeBuilder &tree, const Operation &operation);
 
-// "rename "a/b" "c" 0 0 0": one line without newline, understood by parse.
+// "rename "a/b" "c" 0 0 0": one line without newline, in the form for parse.
 std::string print(const Operation &operation);
-// Throws std::runtime_error where the line is no operation.
+// Throws std::runtime_error if the line is no operation.
 Operation parse(const std::string &line);
 
 struct History {
-  std::vector<Operation> initial;  // build the tree of which the snapshot is taken
-  std::vector<Operation> changes;  // since the snapshot
-  std::vector<Operation> later;    // since the first restore; it is followed by another one
+  std::vector<Operation> initial;  // build the tree before the snapshot
+  std::vector<Operation> changes;  // after the snapshot
+  std::vector<Operation> later;    // after the first restore, which a second one follows
 };
 
-// Numbered lines in three sections, and back; numbers in front of lines are ignored.
+// Numbered lines in three sections, and their parser, which ignores the numbers.
 std::string print(const History &history);
 History parseHistory(const std::string &text);
 

@@ -1,4 +1,5 @@
-// random.h: a random number generator that gives the same numbers on every machine and library.
+// random.h: a random number generator that gives the same numbers on every machine and with every
+// library.
 #pragma once
 
 #include <cstddef>

@@ -29,15 +29,15 @@ namespace {
 
 constexpr unsigned kRunsPerFileSystem = 64;  // before deleted subvolumes fill it
 constexpr char kSnapshot[] = "snap";
-constexpr int kMostTries = 600;  // of a shrinking
+constexpr int kMostTries = 600;  // replays while shrinking
 
-// "mtime", "left over", "remade": lines of one kind count as the same failure.
+// Returns "mtime", "left over", "remade": lines of one kind count as the same failure.
 std::string kindOf(const std::string &line) {
   const std::string kind = line.substr(0, std::min(line.find(" of "), line.find(": ")));
   return kind.substr(kind.starts_with("later, ") ? 7 : 0);
 }
 
-// A run that starts its engine four times at most survives three losses, wherever they are.
+// A run starts its engine at most four times, so it survives three losses anywhere.
 Fault lostWorkers(Random &random) {
   static const std::vector<const char *> calls{"*",
                                                "kest_unlink",
@@ -64,9 +64,8 @@ Fault lostWorkers(Random &random) {
   return fault;
 }
 
-// fsetcompare by the difference scan and with --full. A line where its exit status is not that of trees
-// that are equal, or not, as `differences` of their fingerprints say, or where the two ways tell
-// different things.
+// Runs fsetcompare by the difference scan and with --full. Returns a line if its exit status
+// contradicts `differences`, those of the fingerprints, or if both ways report different lines.
 std::vector<std::string> checkCompare(const std::string &device, const std::string &fileset,
                                       const std::string &snapshot,
                                       const std::vector<std::string> &differences) {
@@ -136,7 +135,7 @@ Outcome Runner::run(uint64_t seed, const Builder &initial, const Builder &change
     changes(tree);
   }
   outcome.problems = restoreAndJudge(seed, fileset, &outcome);
-  // What the first restore made again is changed in turn.
+  // Also changes objects that the first restore made again.
   if (outcome.problems.empty()) {
     TreeBuilder tree(fs_->path(fileset));
     later(tree);
@@ -204,7 +203,7 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
   return problems.empty() ? judgeAgain(fileset, options, want, outcome) : problems;
 }
 
-// A restore of what is restored must find nothing to do, whatever was made again.
+// A second restore must find nothing to do, whatever the first made again.
 std::vector<std::string> Runner::judgeAgain(const std::string &fileset, const RunOptions &options,
                                             const TreePrint &want, Outcome *outcome) {
   const std::string snapshot = fs_->snapshotName(fileset, kSnapshot);
@@ -215,7 +214,7 @@ std::vector<std::string> Runner::judgeAgain(const std::string &fileset, const Ru
   const std::vector<std::string> touched = exchangedOrChanged(before, after);
   problems.insert(problems.end(), touched.begin(), touched.end());
   if (result.exitStatus != 0) problems.push_back("exit status: " + std::to_string(result.exitStatus));
-  // The program counts one more than it lists.
+  // The program counts one operation more than it lists.
   if ((result.err + result.out).find("] 1 operations have been added") == std::string::npos)
     problems.push_back("operations: something was listed");
   if (problems.empty()) return {};
@@ -228,7 +227,7 @@ bool Runner::failsAlike(const History &history, uint64_t seed, const std::vector
                         Outcome *outcome) {
   std::set<std::string> kinds;
   for (const std::string &line : problems) kinds.insert(kindOf(line));
-  // What depends on the order of workers or the moment of a kill need not fail every time.
+  // A failure that depends on the order of workers or the moment of a kill may not happen every time.
   int tries = settings_.killBefore || settings_.loseWorkers ? 4 : seed % 2 ? 2 : 1;
   for (; tries > 0; --tries) {
     Outcome one = replay(history, seed);

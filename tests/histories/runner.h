@@ -1,4 +1,4 @@
-// runner.h: one history from the empty fileset to the verdict.
+// runner.h: runs one history from the empty fileset to the verdict.
 #pragma once
 
 #include <cstdint>
@@ -18,24 +18,24 @@ struct Settings {
   std::string profile = "all";
   std::string program = testsupport::kRestoreProgram;
   std::vector<int> passes;   // one of these at random as DIFF_ITEM_LIMIT; empty: unset
-  bool killBefore = false;   // kill one or two restores at random moments first
-  bool loseWorkers = false;  // kill workers at random calls to the library, three times a run at most
-  bool compare = false;      // ask fsetcompare before and after the restore, too
+  bool killBefore = false;   // first kill one or two restores at random moments
+  bool loseWorkers = false;  // kill workers at random calls, at most three times a run
+  bool compare = false;      // also run fsetcompare before and after the restore
 };
 
 struct Outcome {
   History history;
   std::vector<std::string> problems;  // empty: restored
-  std::string runText;                // of the last restore
+  std::string runText;                // output of the last restore
 };
 
 class Runner {
  public:
   explicit Runner(const Settings &settings);
   Outcome generate(uint64_t seed);                        // a random history of the profile
-  Outcome replay(const History &history, uint64_t seed);  // the seed chooses the rest
+  Outcome replay(const History &history, uint64_t seed);  // the seed decides everything else
   unsigned workersLost() const { return workersLost_; }   // in all runs so far
-  // The smallest history found that fails in one of the ways of `failed`, by leaving operations out.
+  // Leaves out operations to find a small history that fails in one of the ways of `failed`.
   Outcome shrink(const Outcome &failed, uint64_t seed);
 
  private:

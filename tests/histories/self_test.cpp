@@ -1,5 +1,5 @@
-// The random-history runner itself: the same seed gives the same history, good restores pass, bad ones
-// fail with the right lines, and failures shrink. Small scripts stand in for the restore program.
+// Tests the runner of random histories: a seed gives the same history, good restores pass, bad ones
+// fail with the right lines, and failures shrink. Small scripts replace the restore program.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -46,7 +46,7 @@ History generated(LoopBtrfs &fs, const std::string &fileset, const std::string &
   return history;
 }
 
-// The same seed gives the same history, and what is printed builds the same tree.
+// A seed gives the same history, and its printed form builds the same tree.
 TEST(Generator, SeedDecidesAndReplayRepeats) {
   LoopBtrfs fs("gen", 1ull << 30);
   std::set<std::string> all;
@@ -65,9 +65,9 @@ TEST(Generator, SeedDecidesAndReplayRepeats) {
       TreeBuilder tree(fs.path(name + "replayed"));
       for (const auto *section : {&read.initial, &read.changes})
         for (const Operation &operation : *section) apply(tree, operation);
-      fs.commit();  // what cannot be compressed is marked when it is written out
+      fs.commit();  // the kernel marks incompressible data when it writes it
       std::vector<std::string> lines = compare(fingerprint(fs.path(name)), fingerprint(tree.root()));
-      // Times that nobody set are those of the clock.
+      // Times that no operation set come from the clock.
       std::erase_if(lines, [](const std::string &line) { return line.starts_with("mtime of "); });
       EXPECT_EQ(joined(lines), "");
     }
@@ -136,7 +136,7 @@ TEST(Survival, HardLinkedInodeMayBeRemadeOnlyWhereNoNameStayed) {
     tree.link(name, std::string("d/") + name);
   }
   TreePrint want = fingerprint(fs.snapshot("f", "snap"));
-  testsupport::awaitClockTick();  // or the folders seem untouched since
+  testsupport::awaitClockTick();  // otherwise the folders look unchanged
   tree.rename("d/stays", "elsewhere");
   tree.rename("moves", "d/other1");
   tree.rename("d/moves", "other2");

@@ -1,4 +1,4 @@
-// fsetrestore with the number of difference items of a pass taken from DIFF_ITEM_LIMIT.
+// fsetrestore, but DIFF_ITEM_LIMIT sets the number of difference items in a pass.
 #include <cstdlib>
 
 #include "restore/run_program.h"

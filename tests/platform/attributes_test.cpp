@@ -37,10 +37,10 @@ class Attributes : public LibraryTest {
   int put(const std::string &name, const std::string &blob) {
     return kest_iputattrsx(open(name).get(), 32, blob.empty() ? nullptr : blob.data(), nullptr);
   }
-  // The blob is there already, or cannot be had: nothing is written.
+  // The object has the blob already, or cannot have it, so nothing is written.
   void expectPutWritesNothing(const std::string &name, const std::string &blob) {
     struct timespec before = statOf(at(name)).st_ctim;
-    usleep(10000);  // more than the granularity of time stamps
+    usleep(10000);  // more than the granularity of timestamps
     EXPECT_EQ(0, put(name, blob)) << strerror(errno);
     EXPECT_EQ(before.tv_nsec, statOf(at(name)).st_ctim.tv_nsec) << "an equal blob was written";
   }
@@ -66,7 +66,7 @@ TEST_F(Attributes, ABlobMakesEveryTypeOfObjectEqual) {
     if (type == "file") tree_->setXattr(from, "security.capability", kCapability);
     tree_->setXattr(to, "trusted.binary", "a longer value than the new one");
     tree_->setXattr(to, "trusted.other", "goes away");
-    // What no blob carries.
+    // Attributes that no blob carries.
     tree_->setXattr(to, "trusted.kest.CLONE", "stays");
     if (type != "link") tree_->setXattr(to, testsupport::kAccessAcl, testsupport::aclForUser(1234, 4));
 
@@ -159,11 +159,11 @@ TEST_F(Attributes, NoCopyOnWriteOfAFileWithDataStaysAsItIs) {
 
   expectPutWritesNothing("cow", nocow);
   expectPutWritesNothing("nocow", "");
-  // The kernel adds the no-compression flag to none of those, but takes it away.
+  // The kernel never adds the no-compression flag to those, but clears it.
   expectPutWritesNothing("nocow", both);
   EXPECT_EQ(0, put("both", nocow)) << strerror(errno);
   EXPECT_EQ(nocow, blobOf("both"));
-  // Compression is impossible there; the rest of the blob arrives.
+  // Compression is impossible there, but the rest of the blob is set.
   EXPECT_EQ(0, put("nocow", compressed)) << strerror(errno);
   EXPECT_EQ((std::map<std::string, std::string>{{"user.a", "1"}}), xattrsOf(at("nocow")));
   expectPutWritesNothing("nocow", compressed);
@@ -210,7 +210,7 @@ TEST_F(Attributes, TimesOfEveryObjectAreSetToTheNanosecond) {
     kest_timestruc64_t times[4] = {{-5, 999999999}, {(int64_t{1} << 33) + 1, 1}, {7, 7}, {8, 8}};
     ASSERT_EQ(0, kest_set_times_path(at(type).c_str(), 15, times)) << strerror(errno);
     times[0] = {1, 2};
-    times[1] = {3, 2000000000};  // not asked for, not looked at
+    times[1] = {3, 2000000000};  // not requested, so not checked
     ASSERT_EQ(0, kest_set_times_path(at(type).c_str(), 1, times)) << strerror(errno);
     EXPECT_EQ("1.2 8589934593.1", timesOf(at(type)));
     EXPECT_FAILS(EINVAL, kest_set_times_path(at(type).c_str(), 2, times));
@@ -265,7 +265,7 @@ TEST_F(Attributes, FlagsAreReadSetAndClearedThroughAnyDescriptor) {
       EXPECT_EQ(0, kest_fcntl(fd.get(), &get));
       EXPECT_EQ(0, get.directives[0].value + get.directives[1].value);
 
-      // The whole request is looked at before anything is done.
+      // The whole request is checked before anything is done.
       std::vector<Request> bad(7, request(kSetImmutable, kSetAppend, 1));
       bad[0].version = 2;
       bad[1].total = 63;

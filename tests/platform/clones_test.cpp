@@ -1,4 +1,5 @@
-// Clone parents and clones on a real btrfs: what they share, what forbids what, what comes and goes.
+// Clone parents and clones on a real btrfs: what they share, what is forbidden, and how they come and
+// go.
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -17,7 +18,7 @@ using testsupport::TreeBuilder;
 
 constexpr uint64_t K = 1024;
 
-// Where each block of a file lies.
+// Returns the place of each block of a file.
 std::vector<std::pair<uint64_t, uint64_t>> blocksOf(const std::string &path) {
   Descriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   EXPECT_EQ(0, fsync(fd.get()));
@@ -35,7 +36,7 @@ class Clones : public LibraryTest {
     tree_->big(path, 256 * K, 7);
     ASSERT_EQ(0, snap(path)) << path << ": " << strerror(errno);
   }
-  // "clone 1 of 257", "clone 1 of snapshot 300 inode 257, parent", "parent"; "" for neither.
+  // Returns "clone 1 of 257", "clone 1 of snapshot 300 inode 257, parent", "parent", or "" for neither.
   std::string state(const std::string &path) const {
     uint8_t clone[16], clone_snap[8];
     int rc = kest_iclone_attr(open(path).get(), clone, clone_snap);
@@ -60,7 +61,7 @@ TEST_F(Clones, AParentIsReadOnlyAndKeepsItsTimes) {
   tree_->big("p", 64 * K, 1);
   tree_->mtime("p", 1234567890, 987654321);
   std::string times = timesOf(at("p")), data = tree_->read("p");
-  Inode before = open("p");  // not yet open for writing
+  Inode before = open("p");  // not open for writing yet
   ASSERT_EQ(0, snap("p")) << strerror(errno);
   EXPECT_EQ("parent", state("p"));
 
@@ -73,7 +74,7 @@ TEST_F(Clones, AParentIsReadOnlyAndKeepsItsTimes) {
   EXPECT_FAILS(EROFS, kest_ishare(open("other").get(), open("p").get(), 0, 64 * K));
   EXPECT_EQ(data, tree_->read("p"));
 
-  tree_->immutable("p", false);  // by an administrator, or by a process lost halfway
+  tree_->immutable("p", false);  // as an administrator or a process that died may leave it
   EXPECT_EQ(0, snap("p"));
   EXPECT_TRUE(immutable("p"));
   EXPECT_EQ("parent", state("p"));
@@ -119,8 +120,8 @@ TEST_F(Clones, ACloneSharesAllOfItsParent) {
   for (std::string one : {"plain/whole", "nocow/whole", "squeezed/letters", "plain/tiny", "nocow/empty",
                           "plain/sparse"}) {
     ASSERT_EQ(0, snap(one));
-    // The folder decides whether a new file is no-copy-on-write or compressed; the parent has the last
-    // word.
+    // The folder decides whether a new file is no-copy-on-write or compressed, but the parent overrides
+    // that.
     for (std::string folder : {"plain", "nocow", "squeezed"}) {
       std::string clone = folder + "/clone of " + one.substr(one.find('/') + 1) + one[0];
       SCOPED_TRACE(clone);
@@ -146,7 +147,7 @@ TEST_F(Clones, TheParentMayLieInASnapshot) {
   ASSERT_EQ(0, snap("c"));
   EXPECT_EQ(expected + ", parent", state("c"));
 
-  // In a tree that has nothing to do with the parent's its number would mean something else.
+  // In an unrelated tree, the parent's number would mean another file.
   std::string stranger = fs_->createSubvolume("unrelated of " + name_);
   EXPECT_FAILS(EXDEV, kest_clone_copy(at("p").c_str(), (stranger + "/c").c_str()));
   EXPECT_FAILS(EXDEV, kest_clone_copy(at("p").c_str(), "/mnt/clone"));
@@ -198,7 +199,7 @@ TEST_F(Clones, NamesOfAParentComeAndGo) {
   EXPECT_FAILS(EEXIST, kest_link(active, at("moved").c_str(), at("taken").c_str(), 0));
   EXPECT_TRUE(immutable("moved"));
 
-  // The flags of directories and of ordinary files forbid what they always did.
+  // Flags of directories and ordinary files still forbid what they always did.
   tree_->dir("dir");
   parent("dir/p");
   struct stat before = statOf(at("dir/p"));
@@ -209,7 +210,7 @@ TEST_F(Clones, NamesOfAParentComeAndGo) {
   EXPECT_EQ(before.st_ctim.tv_nsec, statOf(at("dir/p")).st_ctim.tv_nsec) << "lifted for nothing";
   tree_->immutable("dir", false);
   tree_->immutable("dir/p", false);
-  tree_->appendOnly("dir/p");  // of a parent, too, it says more than being one
+  tree_->appendOnly("dir/p");  // a parent that is append-only, too, is more than a parent
   EXPECT_FAILS(EROFS, kest_unlink(active, at("dir/p").c_str(), 0));
 }
 
@@ -247,7 +248,7 @@ TEST_F(Clones, TheNumberOfTheParentCanBeSet) {
     EXPECT_EQ(std::string("immutable parent").find(name) != std::string::npos, immutable(name));
   }
   EXPECT_FAILS(EROFS, kest_truncate(active_.get(), at("append").c_str(), 0, 0));
-  EXPECT_FAILS(EINVAL, kest_iset_clone_parent(open("p").get(), 300));  // no clone itself
+  EXPECT_FAILS(EINVAL, kest_iset_clone_parent(open("p").get(), 300));  // not a clone itself
   tree_->dir("dir");
   tree_->file("none", "data");
   tree_->file("half", "data");
@@ -288,7 +289,7 @@ TEST_F(Clones, RangesAreSharedFromTheSnapshot) {
   EXPECT_FAILS(EINVAL, share("part", 100, 4 * K));
   EXPECT_FAILS(EINVAL, share("part", -4096, 4 * K));
   tree_->append("file", "longer");
-  EXPECT_FAILS(EINVAL, share("file", 0, 300 * K + 5));  // would leave a part of a block behind it
+  EXPECT_FAILS(EINVAL, share("file", 0, 300 * K + 5));  // would leave part of a block behind it
 
   ino_t plain = old.inode("nocow");
   tree_->remove("nocow");
@@ -304,7 +305,7 @@ TEST_F(Clones, BlockMap) {
   for (uint64_t i = 0; i < 100; i++) islands.push_back(i * 16 * K);
   tree_->sparse("file", 100 * 16 * K, islands);
   Descriptor fd(::open(at("file").c_str(), O_RDONLY | O_CLOEXEC));
-  // In answers of one table each: every stretch once, data and holes by turns.
+  // In answers of one table each: every stretch once, data and holes alternating.
   kest_block_map_t map{};
   for (int64_t end = 0; end < int64_t{100 * 16 * K}; map.bm_start = end) {
     map.bm_end = INT64_MAX;

@@ -17,7 +17,7 @@ using testsupport::TreeBuilder;
 
 class Difference : public LibraryTest {
  protected:
-  // The numbers of objects, in the form of inodesOf.
+  // Returns the numbers of objects in the form of inodesOf.
   std::string numbers(const std::vector<std::string> &paths, const std::vector<ino_t> &gone = {}) {
     std::map<ino_t, std::string> sorted;
     for (const std::string &path : paths) sorted[inode(path)] = std::to_string(inode(path));
@@ -63,7 +63,7 @@ TEST_F(Difference, ReportsExactlyWhatChangedInOrder) {
   tree_->remove("work/held");
   tree_->dirs("fresh/below");
   tree_->file("fresh/below/file");
-  // An access time alone is no change.
+  // A changed access time alone is no change.
   fs_->commit();
   const std::string before = timesOf(at("work/read"));
   testsupport::runCommand("cat " + at("work/read") + " > /dev/null");
@@ -111,7 +111,7 @@ TEST_F(Difference, LeavesOutWhatWasPutBack) {
   for (const char *name : {"data", "folder", ""}) putBack(name);
   // Only what cannot come back is left: a deleted inode, and its directory, which lacks an entry.
   EXPECT_EQ(numbers({"."}, {deleted}), inodes());
-  // A changed value behind equal times is still a change.
+  // A changed value with equal times is still a change.
   tree_->write("data", 0, "0riginal");
   putBack("data");
   EXPECT_EQ(numbers({".", "data"}, {deleted}), inodes());
@@ -131,7 +131,7 @@ TEST_F(Difference, ListsChangedEntries) {
   tree_->remove("d/c");
   tree_->file("d/c", "another");
   tree_->rename("d/e", "d/f");
-  tree_->rename("d/f", "d/e");  // back again, under a new index
+  tree_->rename("d/f", "d/e");  // the old name with a new index
   tree_->dirs("d/fresh");
   tree_->file("d/fresh/x");
   tree_->append("untouched/file", "!");
@@ -142,7 +142,7 @@ TEST_F(Difference, ListsChangedEntries) {
   EXPECT_EQ("", changes(scan, "untouched"));
   EXPECT_EQ("", changes(scan, "."));
 
-  // Both sides are told.
+  // Both sides are reported.
   Inode dir = open("d");
   const kest_direntx64_t *entry;
   int seen = 0;
@@ -156,7 +156,7 @@ TEST_F(Difference, ListsChangedEntries) {
   EXPECT_EQ(2, seen);
 }
 
-// Copies stand in for what a restore makes again.
+// Copies stand for objects that a restore made again.
 TEST_F(Difference, LeavesOutTwins) {
   tree_->dirs("made/again/deep");
   tree_->dirs("keep");
@@ -188,7 +188,7 @@ TEST_F(Difference, LeavesOutTwins) {
     EXPECT_EQ(ino == inode(path) ? 0 : inode(path), twin) << path;
     EXPECT_EQ(0, kest_leads_to_change(scan.get(), inode(path))) << path;
   }
-  // What differs below a directory, or in it, takes all with it that depends on it.
+  // A difference in or below a directory ends the twins that depend on it.
   tree_->append("made/again/survivor", "!");
   EXPECT_EQ("keep keep@snap made made@snap", changes(openDifference(active_, snapshot_), "."));
   const std::function<void()> near_misses[] = {
@@ -210,7 +210,7 @@ TEST_F(Difference, LeadsToChangesAndJunctionsAlone) {
     tree_->dirs(dir);
   for (const char *file : {"quiet/q/f", "way/down/far/f", "way/down/far/g", "moved/in/f", "links/f"})
     tree_->file(file, "text");
-  // More names in one directory than one item holds.
+  // More names in one directory than one item can hold.
   const auto linkName = [](int i) { return "links/" + std::string(120, 'n') + std::to_string(i); };
   for (int i = 0; i < 300; ++i) tree_->link("links/f", linkName(i));
   tree_->link("links/f", "way/link");
@@ -223,7 +223,7 @@ TEST_F(Difference, LeadsToChangesAndJunctionsAlone) {
   tree_->chmod("flags", 0700);
   tree_->append(".snapshots/1/info", "!");
   fs_->createSubvolume(name_ + "/holds/junction/nested");
-  fs_->snapshot(name_, name_ + "/.snapshots/1/kept");  // makes it a folder that is left alone
+  fs_->snapshot(name_, name_ + "/.snapshots/1/kept");  // so .snapshots is left alone
   Scan scan = openDifference(active_, snapshot_);
   const auto leads = [&](const std::string &dir) { return leadingEntries(active_, scan, inode(dir)); };
   EXPECT_EQ("nested=", leads("holds/junction").substr(0, 7));
@@ -252,7 +252,7 @@ TEST_F(Difference, LeadsToChangesAndJunctionsAlone) {
   EXPECT_EQ(both | KEST_DI_DIR | KEST_DI_ENTRIES, known("quiet"));
   EXPECT_EQ(0, known("way"));
 
-  // A listing that is under way sees what has been done since.
+  // A listing in progress takes later changes into account.
   Inode far = open("way/down/far");
   const ino_t gone = inode("way/down/far/f");
   tree_->rename("way/down/far/f", "elsewhere");
@@ -307,15 +307,15 @@ TEST_F(Difference, UnitesBothTreesAfterARollback) {
   tree_->file("own");
   active_ = openHandle(fs_->mountPoint(), "rolled");
   snapshot_ = openHandle(fs_->mountPoint(), "rolled", ("second of " + name_).c_str());
-  // "own" may have the number of "later": then one number stands for two files.
+  // "own" can have the number of "later", so that one number means two files.
   ASSERT_EQ(later, inode("own"));
   Scan scan = openDifference(active_, snapshot_);
   EXPECT_EQ(KEST_DI_ACTIVE | KEST_DI_SNAPSHOT | KEST_DI_REPLACED, kest_idifference(scan.get(), later));
-  // The snapshot's history deleted dir/common: only the fileset has it.
+  // The snapshot's history deleted dir/common, so only the fileset has it.
   EXPECT_EQ(numbers({".", "base", "dir", "dir/common", "own"}), inodes());
   EXPECT_EQ("common later@snap", changes(scan, "dir"));
   EXPECT_EQ("own", changes(scan, "."));
-  // Of two files of one number each may have a twin of its own.
+  // Two files of one number can each have a twin.
   testsupport::runCommand("cp -a '" + second + "/dir/later' '" + at("dir/later") + "'");
   scan = openDifference(active_, snapshot_);
   EXPECT_EQ(KEST_DI_ACTIVE, kest_idifference(scan.get(), later));
@@ -337,11 +337,11 @@ TEST_F(Difference, MaximumCoversBothTrees) {
   fs_->commit();
   openDifference(active_, snapshot_, &max_ino);
   EXPECT_EQ(inode("new"), max_ino);
-  // The full scan knows every inode of the snapshot, in order.
+  // The full scan has every inode of the snapshot, in order.
   std::string all = "256";
   for (ino_t ino = 257; ino <= last; ++ino) all += " " + std::to_string(ino);
   EXPECT_EQ(all, inodesOf(openFull(snapshot_)));
-  // The fileset's own answers what is so now, committed or not.
+  // That of the fileset reports the present state, committed or not.
   Scan live = openFull(active_);
   tree_->chmod("a", 0611);
   const kest_iattr64_t *attr;

@@ -1,4 +1,4 @@
-// How filesets and snapshots are found over the mounts of a machine, and what directories show of them.
+// How filesets and snapshots are found through a machine's mounts, and what directories show of them.
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -25,7 +25,7 @@ class Handles : public testing::Test {
     for (auto point = mounted_.rbegin(); point != mounted_.rend(); ++point)
       umount2(point->c_str(), MNT_DETACH);
   }
-  // The errno's name and the sentence of a refused open, or "" when it was not refused.
+  // Returns the errno's name and the sentence of a refused open; "" if it was not refused.
   std::string refusal(const char *fileset, const char *snapshot = nullptr,
                       const char *device = "/mnt/handles") {
     Handle handle(kest_get_fset_snaphandle_by_name(device, fileset, snapshot));
@@ -84,7 +84,7 @@ TEST_F(Handles, ResolvesOverAllMounts) {
       "of the file system; there are @snaps/1/snapshot, @snaps/2/snapshot",
       refusal("@home", "snapshot"));
 
-  // The top level mounted nowhere, the fileset by itself, and a mount that is only a part of it.
+  // The top level is not mounted, the fileset is mounted alone, and a mount shows only part of it.
   TreeBuilder(pathOf(home)).dirs("part");
   std::string by_itself = mountAt("alone", device_, "subvol=@home");
   std::string root = mountAt("root", device_, "subvol=@");

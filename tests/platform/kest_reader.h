@@ -1,5 +1,5 @@
-// A fileset for every test, and what the library's scans and listings answer there as text, so that a
-// test can compare it at one glance.
+// A fileset for every test, and the library's scans and listings as text, which a test can compare
+// easily.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -38,33 +38,33 @@ using Handle = std::unique_ptr<kest_fssnap_handle_t, FreeHandle>;
 using Scan = std::unique_ptr<kest_iscan_t, CloseScan>;
 using Inode = std::unique_ptr<kest_ifile_t, CloseInode>;
 
-// Throw std::runtime_error with the library's sentence on failure.
+// These throw std::runtime_error with the library's sentence on failure.
 Handle openHandle(const std::string &device, const std::string &fileset,
                   const char *snapshot = nullptr);
 Scan openDifference(const Handle &active, const Handle &snapshot, uint64_t *max_ino = nullptr);
 Scan openFull(const Handle &handle, uint64_t *max_ino = nullptr);
 Inode openInode(const Handle &handle, uint64_t ino);
 
-// "257 259 -260": every inode of the scan in the order it comes, deleted ones with a minus.
+// "257 259 -260": the inodes of the scan in its order; a minus marks deleted ones.
 std::string inodesOf(const Scan &scan);
-// Changed entries as "name" (active) and "name@snap", in the order they come.
+// Changed entries as "name" (active) and "name@snap", in their order.
 std::string changedEntries(const Handle &active, const Scan &scan, uint64_t ino);
-// The same of those that matter to a walk.
+// The same for the entries that matter to a walk.
 std::string leadingEntries(const Handle &active, const Scan &scan, uint64_t ino);
-// Ranges of a file as "offset+length", holes of the snapshot as "offset+length(hole)": those that
-// changed for the scan of a difference, all for a full one.
+// Ranges of a file as "offset+length", with "(hole)" for holes of the snapshot: changed ranges for a
+// difference scan, all ranges for a full scan.
 std::string ranges(const Handle &handle, const Scan &scan, uint64_t ino, int64_t term = 0);
 
 kest_snapid_t idOf(const Handle &handle);
 struct stat statOf(const std::string &path);
-std::string timesOf(const std::string &path);  // of access and modification
-// Every attribute of an object, as the kernel tells it.
+std::string timesOf(const std::string &path);  // access and modification time
+// All attributes of an object as the kernel reports them.
 std::map<std::string, std::string> xattrsOf(const std::string &path);
 
 // A file capability (cap_net_raw+ep), as setcap stores it.
 inline const std::string kCapability("\1\0\0\2\0\x20\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 20);
 
-// One file system a test program, one fileset a test, named after it.
+// One file system for each test program, and one fileset, named after it, for each test.
 class LibraryTest : public testing::Test {
  protected:
   static void SetUpTestSuite();
@@ -76,7 +76,7 @@ class LibraryTest : public testing::Test {
   std::string at(const std::string &name) const { return root() + "/" + name; }
   ino_t inode(const std::string &name) const { return tree_->inode(name); }
   Inode open(const std::string &name) const { return openInode(active_, inode(name)); }
-  // Snapshot and fileset as they are now, both opened anew; the snapshot's path.
+  // Takes a snapshot, reopens both trees and returns the snapshot's path.
   std::string snapshot(const std::string &which = "snap");
 
   static std::unique_ptr<testsupport::LoopBtrfs> fs_;

@@ -1,5 +1,5 @@
-// What the library knows of an open inode, in a snapshot and in the fileset, against what the kernel
-// says; inodes opened by what they are; and the directories that a handle keeps open.
+// Compares what the library knows about an open inode, in snapshot and fileset, with the kernel's
+// answers. Also tests opening inodes by identity, and the cached directories of a handle.
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -13,7 +13,7 @@ namespace {
 using namespace kesttest;
 using testsupport::Descriptor;
 
-// An access ACL that names user 7, as the kernel takes it.
+// An access ACL with an entry for user 7, in the kernel's format.
 const std::string kAcl(
     "\2\0\0\0\1\0\6\0\377\377\377\377\2\0\4\0\7\0\0\0\4\0\4\0\377\377\377\377\20\0\4\0\377\377\377\377"
     "\40\0\4\0\377\377\377\377",
@@ -24,7 +24,7 @@ class OpenInodes : public LibraryTest {
   Inode openPath(const std::string &name) const {
     return Inode(kest_iopen_path(active_.get(), at(name).c_str()));
   }
-  // Compares everything that is known of the inode with the object at `path`.
+  // Compares all facts of the inode with the object at `path`.
   void expectFacts(const Inode &file, const std::string &path) {
     SCOPED_TRACE(path);
     const struct stat want = statOf(path);
@@ -121,7 +121,7 @@ TEST_F(OpenInodes, FactsAreWhatTheKernelSays) {
     EXPECT_EQ(1, kest_same_file(same.get(), now.get())) << name;
     expectFacts(same, at(name));
   }
-  // What a snapshot's inode says stays what it was.
+  // Facts of a snapshot's inode never change.
   tree_->append("plain", "more");
   expectFacts(openInode(snapshot_, inode("plain")), snap + "/plain");
 }
@@ -156,7 +156,7 @@ TEST_F(OpenInodes, ByWhatTheyAre) {
   // Two relatives can give one number to different files.
   const std::string writable = fs_->snapshot(name_, name_ + "-fork", false);
   testsupport::TreeBuilder(writable).file("theirs", "x");
-  usleep(20000);  // creation times are as coarse as the tick of the clock
+  usleep(20000);  // creation times are only as fine as the clock tick
   tree_->file("ours", "x");
   ASSERT_EQ(inode("ours"), testsupport::TreeBuilder(writable).inode("theirs"));
   const Handle relative = openHandle(fs_->mountPoint(), name_ + "-fork");
@@ -215,7 +215,8 @@ TEST_F(OpenInodes, KeptDirectoriesFollowTheirNames) {
   EXPECT_TRUE(make("a/b/c/1"));
   EXPECT_TRUE(make("a/b/1"));
   EXPECT_TRUE(make("ab/1"));
-  // Renamed by this process, by a path of another form: the old name is gone, what takes it is used.
+  // Renamed by this process through another spelling of the path: the old name is gone, and its
+  // successor is used.
   EXPECT_EQ(0, rename(".//a/", "moved/"));
   EXPECT_FALSE(make("a/b/c/2"));
   EXPECT_EQ(ENOENT, errno);
@@ -224,7 +225,7 @@ TEST_F(OpenInodes, KeptDirectoriesFollowTheirNames) {
   EXPECT_TRUE(make("moved/b/c/3"));
   EXPECT_EQ((std::vector<std::string>{"2"}), tree_->names("a/b/c"));
   EXPECT_EQ((std::vector<std::string>{"1", "3"}), tree_->names("moved/b/c"));
-  // Removed by somebody else, and made again.
+  // Removed and made again by another process.
   tree_->removeTree("a");
   EXPECT_FALSE(make("a/b/c/4"));
   EXPECT_EQ(ENOENT, errno);
@@ -234,11 +235,11 @@ TEST_F(OpenInodes, KeptDirectoriesFollowTheirNames) {
   tree_->removeTree("a/b/c");
   tree_->dirs("a/b/c");
   EXPECT_TRUE(make("a/b/c/6"));
-  // Renamed by somebody else: still the directory that was resolved.
+  // Renamed by another process: still the directory that was resolved.
   tree_->rename("a/b/c", "a/b/other");
   EXPECT_TRUE(make("a/b/c/7"));
   EXPECT_EQ((std::vector<std::string>{"6", "7"}), tree_->names("a/b/other"));
-  // More directories than are kept.
+  // More directories than the cache holds.
   for (int round = 0; round < 2; ++round)
     for (int i = 0; i < 20; ++i) {
       const std::string dir = "many/" + std::to_string(i);

@@ -1,4 +1,4 @@
-// Path calls on a real btrfs: error numbers, what is never followed or removed, what is kept.
+// Path calls on a real btrfs: errno values, what is never followed or removed, and what is kept.
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/sysmacros.h>
@@ -50,7 +50,7 @@ class PathCalls : public LibraryTest {
 };
 
 TEST_F(PathCalls, FlagsAreReportedAsReadOnlyAndClearingThemHelps) {
-  // Errors of an immutable and of an append-only object.
+  // Errors for an immutable and for an append-only object.
   const struct {
     const char *call;
     std::vector<const char *> flagged;
@@ -106,7 +106,7 @@ TEST_F(PathCalls, OtherErrorsAreThoseOfTheKernel) {
   EXPECT_FAILS(EINVAL, truncate("fifo", 0));
   EXPECT_FAILS(EISDIR, truncate("dir", 0));
   EXPECT_FAILS(EISDIR, openFile("dir", O_CREAT | O_RDONLY));
-  EXPECT_FAILS(EEXIST, openFile("fifo", O_CREAT | O_RDONLY));  // which would wait
+  EXPECT_FAILS(EEXIST, openFile("fifo", O_CREAT | O_RDONLY));  // opening it would block
   EXPECT_FAILS(EEXIST, openFile("other", O_CREAT | O_EXCL | O_RDWR));
   EXPECT_FAILS(EPERM, link("dir", "dir2"));
   EXPECT_FAILS(EINVAL, chown("other", UINT32_MAX));
@@ -146,7 +146,7 @@ TEST_F(PathCalls, NothingLeadsOutOfTheFileset) {
   }
   testsupport::runCommand("umount " + at("mounted") + " && rm /mnt/outside");
 
-  // What lies below an anchor is found there, whatever has its name.
+  // Paths below an anchor are found there, whatever has taken its name.
   const Descriptor held(::open(at("held").c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
       foreign(::open("/mnt", O_PATH | O_DIRECTORY | O_CLOEXEC));
   EXPECT_FAILS(EXDEV, kest_anchor(active, at("held").c_str(), foreign.get()));
@@ -182,7 +182,7 @@ TEST_F(PathCalls, ANestedSubvolumeIsNeverRemoved) {
   fs_->createSubvolume(name_ + "/dir/nested");
   EXPECT_FAILS(EPERM, rmdir("dir/nested"));
   EXPECT_FAILS(EPERM, rmdir("dir/nested/"));
-  // A subvolume can be renamed, and is still not removed.
+  // A subvolume can be renamed, but not removed.
   ASSERT_EQ(0, rename("dir/nested", "moved")) << strerror(errno);
   EXPECT_FAILS(EPERM, rmdir("moved"));
   EXPECT_EQ(256u, statOf(at("moved")).st_ino);
@@ -210,13 +210,13 @@ TEST_F(PathCalls, TheLastComponentIsNotFollowed) {
 
 TEST_F(PathCalls, ModesAreExact) {
   tree_->dir("plain");
-  tree_->dir("acl", 02777);  // new objects take its group bit and its default ACL
+  tree_->dir("acl", 02777);  // new objects inherit its group bit and default ACL
   tree_->setXattr("acl", testsupport::kDefaultAcl, testsupport::aclForUser(1234, 4));
   mode_t before = umask(077);
   for (std::string dir : {"plain", "acl"}) {
     SCOPED_TRACE(dir);
     EXPECT_EQ(0, openFile(dir + "/file", O_CREAT | O_RDWR, 06775));
-    EXPECT_EQ(0, openFile(dir + "/file", O_CREAT | O_RDWR, 0777));  // which is there already
+    EXPECT_EQ(0, openFile(dir + "/file", O_CREAT | O_RDWR, 0777));  // it exists already
     EXPECT_EQ(0, mkdir(dir + "/dir", 01757));
     EXPECT_EQ(0, mknod(dir + "/device", S_IFBLK | 0660, makedev(7, 300)));
     EXPECT_EQ(mode_t{S_IFREG | 06775}, statOf(at(dir + "/file")).st_mode);
@@ -241,7 +241,7 @@ TEST_F(PathCalls, OwnerChangeAndTruncationKeepSpecialBitsAndCapabilities) {
   expectKept(7);
   EXPECT_EQ("0123", tree_->read("file"));
   struct stat st = statOf(file);
-  usleep(10000);  // more than the granularity of time stamps
+  usleep(10000);  // more than the granularity of timestamps
   EXPECT_EQ(0, chown("file", 7));
   EXPECT_EQ(st.st_ctim.tv_nsec, statOf(file).st_ctim.tv_nsec) << "an equal owner was written";
   EXPECT_FAILS(EBADF, kest_fchown(-1, 9, 9));
@@ -260,7 +260,7 @@ TEST_F(PathCalls, NamesOfAnInodeInSnapshotAndFileset) {
   tree_->link("one", deep + "gone");
   const uint64_t ino = inode("one");
   snapshot();
-  tree_->remove(deep + "gone");  // must not be found, committed or not
+  tree_->remove(deep + "gone");  // must not be found, whether committed or not
   tree_->rename(deep.substr(0, 200), "moved");
 
   using Paths = std::set<std::string>;

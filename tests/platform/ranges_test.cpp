@@ -91,14 +91,14 @@ TEST_F(Ranges, WritesHolesWithoutTouchingHoles) {
   tree_->appendOnly("growing");
   snapshot();
   ASSERT_EQ(64 * K, write("data", nullptr, 64 * K, 32 * K));
-  ASSERT_EQ(64 * K, write("data", nullptr, 64 * K, 224 * K));  // to beyond the end
+  ASSERT_EQ(64 * K, write("data", nullptr, 64 * K, 224 * K));  // beyond the end
   EXPECT_EQ("0+32768 32768+65536(hole) 98304+131072 229376+65536(hole)",
             ranges(active_, openFull(active_), inode("data")));
-  // The last block of a file goes whole, whatever the size.
+  // The last block of a file becomes a hole as a whole, whatever the size.
   ASSERT_EQ(5000, write("empty", std::string(5000, 'e').c_str(), 5000, 0));
   ASSERT_EQ(5000, write("empty", nullptr, 5000, 0));
   EXPECT_EQ("0+5000(hole)", ranges(active_, openFull(active_), inode("empty")));
-  // A hole that is one already costs no change at all.
+  // A range that is a hole already costs no change.
   struct stat before = statOf(at("holes"));
   usleep(10000);
   ASSERT_EQ(128 * K, write("holes", nullptr, 128 * K, 64 * K));
@@ -112,8 +112,8 @@ TEST_F(Ranges, WritesHolesWithoutTouchingHoles) {
   EXPECT_FAILS(EROFS, kest_iwritex(openInode(snapshot_, inode("cap")).get(), "x", 1, 0, 0));
 }
 
-// One file of many pieces: the comparison is made once, not once a piece.
-// An open file that the caller has already: written and read through that very descriptor.
+// A file of many pieces: the comparison is made once, not once for each piece.
+// A file that the caller opened: read and written through that descriptor.
 TEST_F(Ranges, OfAFileThatIsTakenOver) {
   tree_->file("file", "before");
   tree_->file("gone", "x");

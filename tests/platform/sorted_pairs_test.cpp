@@ -1,4 +1,4 @@
-// Large sets in few bytes: what goes in comes out, sorted and once.
+// Large sets in few bytes: pairs come out sorted and without duplicates.
 #include "diff/sorted_pairs.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@ namespace {
 
 using namespace kest;
 
-// Several runs to merge, in order and not, with repetitions, and numbers of every length.
+// Several runs to merge, sorted and not, with duplicates and numbers of every length.
 TEST(SortedPairs, HoldWhatASetHolds) {
   std::mt19937_64 random(7);
   for (const size_t count : {0, 1, 63, 64, 65, 65536, 300000}) {

@@ -1,4 +1,4 @@
-// Attributes alone: the data stay as they are and must not be touched.
+// Only attributes differ: the data stays and must not be touched.
 #include <linux/fs.h>
 #include <sys/stat.h>
 
@@ -12,7 +12,7 @@ namespace {
 
 const char *const kAll[] = {"file", "dir", "link", "fifo", "socket", "device"};
 
-// One object of each kind in a folder.
+// Makes one object of each kind in a folder.
 void oneOfEach(TreeBuilder &t, const std::string &folder) {
   t.dir(folder);
   t.file(folder + "/file", "data");
@@ -26,8 +26,8 @@ void oneOfEach(TreeBuilder &t, const std::string &folder) {
 
 const std::string kCapability("\1\0\0\2\0\4\0\0\0\0\0\0\0\0\0\0\0\0\0\0", 20);
 
-// A file and a directory for each flag that a user can set, with it or without; `kind` begins their
-// names.
+// Makes a file and a directory for each flag that users can set, with or without it. Their names begin
+// with `kind`.
 void withEachFlag(TreeBuilder &t, const std::string &kind, bool make, bool on) {
   for (const int flag : {FS_NOATIME_FL, FS_NODUMP_FL, FS_SYNC_FL, FS_DIRSYNC_FL, FS_COMPR_FL,
                          FS_NOCOMP_FL, FS_NOCOW_FL, FS_IMMUTABLE_FL, FS_APPEND_FL}) {
@@ -60,7 +60,7 @@ const HistoryCase kCases[] = {
        for (const std::string &name : t.names(""))
          if (name.starts_with("deleted")) t.remove(name);
        t.flag("property", FS_IMMUTABLE_FL, false);
-       t.flag("property", FS_DIRSYNC_FL);  // which makes the algorithm the kernel's own
+       t.flag("property", FS_DIRSYNC_FL);  // this resets the algorithm to the kernel's default
        t.flag("both", FS_NOCOW_FL | FS_NOCOMP_FL | FS_IMMUTABLE_FL);
        t.flag("late", FS_NOCOW_FL | FS_NOCOMP_FL, false);
      },
@@ -173,10 +173,10 @@ TEST_P(RestoreTable, Attributes) {
 }
 INSTANTIATE_TEST_SUITE_P(Attributes, RestoreTable, casesOf(kCases), caseName);
 
-// What the kernel finds out about data is neither a difference nor restored.
+// A mark that the kernel derives from data is no difference and is not restored.
 using Incompressible = RestoreFixture;
 TEST_F(Incompressible, MarkOfTheKernelIsNoDifference) {
-  // It tries where few of the bytes that it looks at differ, 16 of 256.
+  // The kernel tries to compress if few of the sampled bytes differ, 16 of 256.
   std::string data = testsupport::patternBytes(1, 0, 256 * 1024);
   for (size_t i = 0; i < data.size(); ++i)
     if (i % 256 < 16) data[i] &= 31;

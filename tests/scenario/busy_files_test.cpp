@@ -1,4 +1,4 @@
-// Files that somebody uses: programs that run, leases of file servers, swap space.
+// Files in use: running programs, leases of file servers, swap space.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/swap.h>
@@ -29,7 +29,7 @@ class BusyFiles : public RestoreFixture {
 
 using Programs = BusyFiles;
 
-// A copy of a program, written in place, that runs then.
+// Overwrites the file in place with a copy of a program, which then runs.
 void overwrite(TreeBuilder &t, const std::string &path) {
   std::filesystem::copy_file("/bin/sleep", t.root() + "/" + path,
                              std::filesystem::copy_options::overwrite_existing);
@@ -76,7 +76,7 @@ TEST_F(Programs, AreMadeAnewWithAllNamesWhereTheyWouldBeWritten) {
 using Swap = BusyFiles;
 
 TEST_F(Swap, EndsTheRunWhereItIsNewOrDiffers) {
-  struct Active {  // ends with the test, whatever happens
+  struct Active {  // ends with the test in any case
     explicit Active(const std::string &file) : path(file) { EXPECT_EQ(swapon(path.c_str(), 0), 0); }
     ~Active() { swapoff(path.c_str()); }
     const std::string path;
@@ -108,7 +108,7 @@ TEST_F(Swap, EndsTheRunWhereItIsNewOrDiffers) {
   expectEqual();
 }
 
-// A process that holds leases and gives none of them up.
+// A process that holds leases and never gives one up.
 class LeaseHolder {
  public:
   LeaseHolder(const std::vector<std::string> &paths, int kind) {

@@ -1,4 +1,4 @@
-// Clones and clone parents: trees of several depths come back as such, sharing what they shared.
+// Clones and clone parents: trees of several depths are restored as such and share what they shared.
 #include <sys/statvfs.h>
 #include <sys/xattr.h>
 
@@ -9,7 +9,7 @@ using namespace scenario;
 
 namespace {
 
-// A parent with two clones, one of them changed, a clone that is a parent in turn, and a bystander.
+// A parent with two clones, one of them changed, a clone that is a parent itself, and an ordinary file.
 void family(TreeBuilder &t) {
   t.dirs("d/sub");
   t.dirs("e");
@@ -199,7 +199,7 @@ TEST_F(CloneTrees, WithoutExtendedAttributes) {
   EXPECT_EQ(testsupport::joined(testsupport::compare(want, testsupport::fingerprint(root()))), "");
 }
 
-// Made in one restore, told apart, found again, unmade in the next.
+// Made in one restore, recognised, found again, and undone in the next.
 TEST_F(CloneTrees, RestoredClonesAreRestoredAgain) {
   family(tree());
   takeSnapshot();
@@ -214,7 +214,8 @@ TEST_F(CloneTrees, RestoredClonesAreRestoredAgain) {
   expectRestored();
 }
 
-// A parent that is made again is not the snapshot's before the clones that survived know its number.
+// Until the surviving clones know its number, a parent that was made again must differ from the
+// snapshot.
 TEST_F(CloneTrees, RunThatDiesBeforeSurvivorsKnowTheNewParent) {
   family(tree());
   takeSnapshot();

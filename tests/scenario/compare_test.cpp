@@ -1,5 +1,5 @@
-// fsetcompare: one line for what differs and nothing else, the same by the difference scan and by
-// reading all.
+// fsetcompare: exactly one line for each difference, the same by the difference scan and by reading
+// everything.
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/stat.h>
@@ -80,7 +80,7 @@ const Case kCases[] = {
       "xattr\td/e\tsystem.posix_acl_default", "xattr\td/empty\ttrusted.\\t", "xattr\td/f\tuser.a"}},
     {"WhatNobodyCouldTell",
      [](TreeBuilder &t) {
-       t.remove("d/f");  // and made again
+       t.remove("d/f");  // the file is made again below
        t.big("d/f", 20000, 1);
        t.setXattr("d/f", "user.a", "1");
        t.pattern("d/e/g", 4096, 4096, 2);
@@ -164,7 +164,7 @@ class Compare : public RestoreFixture {
     return testsupport::runRestore(fs().mountPoint(), fileset(), snapshotName(), options, all);
   }
 
-  // Both ways of comparing.
+  // Compares in both ways.
   void expectLines(std::vector<std::string> want) {
     std::sort(want.begin(), want.end());
     for (const std::vector<std::string> &options : {std::vector<std::string>{}, {"--full"}}) {
@@ -172,7 +172,7 @@ class Compare : public RestoreFixture {
       RunResult result = run(options);
       EXPECT_EQ(result.exitStatus, want.empty() ? 0 : 1);
       EXPECT_EQ(result.err, "");
-      // In any order, the count last.
+      // In any order, with the count at the end.
       std::vector<std::string> lines;
       std::istringstream in(result.out);
       for (std::string line; std::getline(in, line);) lines.push_back(line);

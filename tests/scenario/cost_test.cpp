@@ -1,4 +1,4 @@
-// What a restore costs must follow from what changed, not from what is there: calls are counted, not
+// The cost of a restore must depend on what changed, not on the size of the tree. Counts calls, not
 // seconds.
 #include <map>
 #include <string>
@@ -16,7 +16,7 @@ constexpr int kMaster = testsupport::kMaster;
 
 class Cost : public RestoreFixture {
  protected:
-  // Restores a tree with 500 files and `more` that nothing happens to, and counts what that takes.
+  // Restores a tree with 500 changed files and `more` unchanged ones, and counts the calls.
   Counts countsWith(int more, void (*change)(TreeBuilder &)) {
     TearDown();
     SetUp();
@@ -50,7 +50,7 @@ class Cost : public RestoreFixture {
 
   static bool ofWorkers(const Counts::value_type &one) { return one.first.second != kMaster; }
   static void expectSame(Counts small, Counts large) {
-    // Blocks end elsewhere in a larger tree, so that a few searches more or less come of that alone.
+    // In a larger tree, blocks end at other places, which causes a few searches more or less.
     const auto searches = std::make_pair(std::string(testsupport::kTreeSearch), kMaster);
     EXPECT_LE(large[searches], small[searches] + small[searches] / 4 + 20);
     small.erase(searches);
@@ -76,7 +76,7 @@ TEST_F(Cost, SameChangesAmongFiveHundredAndSixThousandFiles) {
   };
   Counts small = countsWith(0, change);
   expectSame(small, countsWith(6000, change));
-  // In one pass nothing is asked of an inode that the difference does not know already.
+  // In one pass, inodes that the difference knows are not queried again.
   EXPECT_LE((small[{"kest_iopen64", kMaster}]), 90u);
 }
 
@@ -85,7 +85,7 @@ TEST_F(Cost, NothingToDo) {
   expectSame(countsWith(0, change), countsWith(6000, change));
 }
 
-// Neighbours are read together, also where one has more items than a first look at an inode takes.
+// Neighbouring inodes are read together, even if one has more items than the first search returns.
 TEST_F(Cost, OfNeighboursWithManyItems) {
   constexpr uint32_t kFiles = 2000;
   for (int i = 0; i < int{kFiles}; ++i) {
@@ -103,7 +103,7 @@ TEST_F(Cost, OfNeighboursWithManyItems) {
   EXPECT_LE((made[{testsupport::kProgramStart, 0}]), 34u) << "shells, engines and workers";
 }
 
-// Of each kind of record twenty. Nothing is read, and an object is opened once in each tree.
+// Twenty records of each kind: nothing is read, and each object is opened once in each tree.
 TEST_F(Cost, OfARecord) {
   constexpr uint32_t kFiles = 20;
   constexpr int kMain = 3, kCreate = 51;

@@ -85,7 +85,7 @@ const HistoryCase kCases[] = {
          if (name.starts_with("shrunk")) t.truncate(name, 5000);
          if (name.starts_with("hole")) t.write(name, size - 1, "x");
          if (name.starts_with("data")) t.write(name, size - 1, "y");
-         // Beside the other kind of file nothing can be shared.
+         // Files of the other storage kind cannot share.
          if (name.starts_with("all")) {
            t.truncate(name, 0);
            t.noCow(name);
@@ -131,7 +131,7 @@ TEST_P(RestoreTable, Data) {
 }
 INSTANTIATE_TEST_SUITE_P(Data, RestoreTable, casesOf(kCases), caseName);
 
-// Written and written again within one tick of the clock, so that times and size stay the same.
+// Files are written twice within one clock tick, so that times and size stay equal.
 using SameTick = RestoreFixture;
 TEST_F(SameTick, MappedWriteAndPlainWrite) {
   for (int i = 0; i < 5; ++i) {
@@ -157,7 +157,7 @@ TEST_F(Batches, RangesFillThem) {
   takeSnapshot();
   for (uint64_t at = 0; at < 30 * kMiB; at += 300000) {
     t.pattern("large", at, 1000, 41);
-    t.pattern("large", at + 30000, 1000, 41);  // near: one record for both
+    t.pattern("large", at + 30000, 1000, 41);  // close to the other: one record for both
   }
   for (int i = 0; i < 90; ++i) {
     t.pattern("small" + std::to_string(i), 0, 100, 41);
@@ -174,7 +174,7 @@ uint64_t spaceLeft(const std::string &mount_point) {
   return figures.f_bavail * figures.f_bsize;
 }
 
-// What is shared takes no space.
+// Shared blocks take no space.
 using NearlyFull = RestoreFixture;
 TEST_F(NearlyFull, BigFilesAreSharedAndNotCopied) {
   TreeBuilder &t = tree();
@@ -197,13 +197,13 @@ TEST_F(NearlyFull, BigFilesAreSharedAndNotCopied) {
   fs().destroySubvolume("others");
 }
 
-// A file that has become one without copy-on-write, or ceased to be one, keeps that while it has data:
-// it is emptied first. Where attributes are not wanted it stays what it is, and nothing can be shared.
+// A file that gained or lost copy-on-write keeps that state while it has data, so it must be emptied
+// first. Without attributes (-x) it keeps its state, and its blocks cannot be shared.
 using OtherStorage = RestoreFixture;
 TEST_F(OtherStorage, ComesBackOrIsCopiedInFrames) {
   TreeBuilder &t = tree();
   t.big("f", 40 * kMiB, 37);
-  t.punch("f", kMiB, 8192);  // small enough to be copied along with the data around it
+  t.punch("f", kMiB, 8192);  // small enough to be copied with the data around it
   t.file("back");
   t.noCow("back");
   t.pattern("back", 0, 50000, 38);

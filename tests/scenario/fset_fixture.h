@@ -1,4 +1,4 @@
-// fset_fixture.h: runs fset as a user does, and judges the trees by themselves.
+// fset_fixture.h: runs fset like a user and compares the trees independently.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -20,7 +20,7 @@ inline RunResult runFset(const std::vector<std::string> &arguments, const std::s
   return testsupport::runProgram(arguments, running);
 }
 
-// With --json; output that is no JSON is a failure.
+// Runs fset with --json. Output that is no JSON is a failure.
 inline Json fsetJson(std::vector<std::string> arguments, int status = 0,
                      const std::string &directory = "/") {
   arguments.push_back("--json");
@@ -31,8 +31,9 @@ inline Json fsetJson(std::vector<std::string> arguments, int status = 0,
   return object;
 }
 
-// list, diff, restore and undo of the fileset of `place`, with its tree at `root`, to `snapshot`, whose
-// tree stands at `snapshotRoot`: that the tree becomes what it was, and then again what it had become.
+// Runs list, diff, restore and undo on the fileset of `place`, whose tree is at `root`, with
+// `snapshot`, whose tree is at `snapshotRoot`. Checks that the tree becomes that of the snapshot, and
+// then what it was before.
 inline void expectThereAndBack(const std::vector<std::string> &place, const std::string &root,
                                const std::string &snapshot, const std::string &snapshotRoot,
                                const testsupport::FingerprintOptions &options = {}) {

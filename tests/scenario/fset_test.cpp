@@ -1,5 +1,5 @@
-// fset on plain snapshots: what a person types, what he is asked and told, and that nothing happens
-// before he says yes.
+// fset on plain snapshots: what a user types, what he is asked and told, and that nothing happens
+// before a yes.
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -38,7 +38,8 @@ class Fset : public RestoreFixture {
     tree().file("new", "new");
   }
   bool haveBackups() const { return std::filesystem::exists(fs().mountPoint() + "/.fset"); }
-  // On a terminal of its own, where somebody types `typed`. What is shown, with the bare status behind.
+  // Runs the command on its own terminal, where `typed` is typed. Returns the output and, after it, the
+  // status.
   std::string onTerminal(const std::string &command, const std::string &typed) {
     testsupport::runCommand("cd " + root() + "/mail && { printf '" + typed +
                             "' | TERM=xterm script -qec '" + command +
@@ -67,7 +68,7 @@ TEST_F(Fset, ThereAndBackFromWhereOneStands) {
 
   result = runFset({"list", root()});
   EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '*'), 2) << result.describe();
-  result = runFset({"undo", root(), "--yes"});  // again: to the same state
+  result = runFset({"undo", root(), "--yes"});  // undo again: to the same state
   EXPECT_EQ(result.exitStatus, 0) << result.describe();
   EXPECT_NE(result.out.find("there is nothing to restore"), std::string::npos) << result.describe();
   struct stat st;
@@ -88,12 +89,12 @@ TEST_F(Fset, NothingChangesWithoutAYes) {
     EXPECT_NE(shown.find("[y/N]"), std::string::npos) << shown;
     EXPECT_NE(shown.find("Nothing was changed"), std::string::npos) << shown;
     EXPECT_NE(shown.find("status 1"), std::string::npos) << shown;
-    EXPECT_NE(shown.find("In use by: "), std::string::npos) << shown;  // by the shell that stands there
+    EXPECT_NE(shown.find("In use by: "), std::string::npos) << shown;  // by that shell
   }
   EXPECT_EQ(joined(compare(wrecked, fingerprint(root()))), "");
   EXPECT_FALSE(haveBackups());
 
-  // Usage, and what cannot be: a message and the status of a failure, nothing else.
+  // Usage errors and impossible requests: only a message and the status of a failure.
   const std::vector<std::vector<std::string>> wrong = {{},
                                                        {"nosuch"},
                                                        {"restore"},
@@ -123,7 +124,7 @@ TEST_F(Fset, NothingChangesWithoutAYes) {
 
 TEST_F(Fset, WhatIsMountedNowhereAndTheTopLevelItself) {
   wreck();
-  // Neither fileset nor snapshot is visible: only a stranger is mounted.
+  // Neither fileset nor snapshot is visible; only an unrelated subvolume is mounted.
   fs().createSubvolume("stranger");
   detach();
   fs().remount("", "stranger");
@@ -132,7 +133,7 @@ TEST_F(Fset, WhatIsMountedNowhereAndTheTopLevelItself) {
   result = runFset({"restore", "--yes", "--fileset", fileset(), fs().mountPoint(), "latest"});
   EXPECT_EQ(result.exitStatus, 0) << result.describe();
   fs().unmount();
-  // Not even the file system is: it is named by its device.
+  // The file system is not mounted at all; the device names it.
   testsupport::runCommand("losetup -f --show " + fs().image() + " | tr -d '\\n' > /mnt/loop");
   const std::string loop = testsupport::readAll("/mnt/loop");
   EXPECT_EQ(runFset({"list", loop}).exitStatus, 2) << "which of its subvolumes?";
@@ -206,7 +207,7 @@ TEST_F(Fset, ProgressAndSignalsOfARunningRestore) {
   tree().removeTree("mail");
   EXPECT_EQ(fsetJson({"progress", root()}, 1)["running"], false);
 
-  // An engine that rests after its work, so that there is something to look at for a while.
+  // An engine that sleeps after its work, so that progress can be watched for a while.
   const std::string engine = "/usr/qtx/kest/bin/ktapplypolicy";
   testsupport::runCommand(
       "cp " + engine +

@@ -1,4 +1,4 @@
-// Names and paths that break programs that quote, print or measure carelessly.
+// Names and paths that break careless quoting, printing and measuring.
 #include <filesystem>
 #include <sstream>
 
@@ -8,7 +8,7 @@ using namespace scenario;
 
 namespace {
 
-// Parted by what no name can hold.
+// Separated by '/', which no name can contain.
 constexpr char kNames[] =
     " /two  blanks /new\nline/\n/tab\there/back\\slash/\\n/quo\"te/apo'strophe/$(touch owned-by-name)/"
     "`touch owned-by-name`/; touch owned-by-name/ba!ng/co:lon/%s%n%d/-rf/--/*/?[a]/#/&/|/<>/~/"
@@ -30,7 +30,7 @@ class HostileNames : public RestoreFixture {
           << "a name was run as a command";
     RestoreFixture::TearDown();
   }
-  // A file, a directory with a file and a symbolic link for each name.
+  // Makes a file, a directory with a file, and a symbolic link for each name.
   void buildAll() {
     for (const char *dir : {"files", "dirs", "links"}) tree().dir(dir);
     for (const std::string &name : hostileNames()) {
@@ -90,7 +90,7 @@ TEST_F(HostileNames, Renamed) {
 class LongPaths : public RestoreFixture {
  protected:
   static constexpr size_t kLongest = 4093;  // the longest path that the command can build
-  // A chain of directories whose path in the mounted fileset, with one more name of ten bytes below it,
+  // Makes a chain of directories whose path in the mounted fileset, with a name of ten bytes below it,
   // is `bytes` long.
   std::string chain(size_t bytes, const std::string &step) {
     std::string path;
@@ -103,7 +103,8 @@ class LongPaths : public RestoreFixture {
   }
 };
 
-// The path through the snapshot (a longer name) and through the work directory is longer than 4096.
+// The paths through the snapshot, with its longer name, and through the work directory are longer than
+// 4096 bytes.
 TEST_F(LongPaths, JustBelowTheLimit) {
   std::string deep = chain(kLongest, std::string(200, 'd'));
   tree().file(deep + "/changed---", "before");

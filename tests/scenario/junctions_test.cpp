@@ -1,5 +1,5 @@
-// Nested subvolumes: what the snapshot does not know goes to .unlinked with all its data, what it knows
-// elsewhere goes home, what stood where it stands is left alone, and nothing of any is ever lost.
+// Nested subvolumes. One that the snapshot does not know moves to .unlinked with all its data, one that
+// it has elsewhere moves home, and one at its place is left alone. No data is ever lost.
 #include <fcntl.h>
 #include <linux/btrfs.h>
 #include <sys/ioctl.h>
@@ -54,9 +54,9 @@ void fill(const std::string &subvolume) {
   t.link("small", "deep/second");
 }
 
-// A nested subvolume as it was before the restore.
+// A nested subvolume before the restore.
 struct Nested {
-  std::string path;  // below the fileset
+  std::string path;  // path below the fileset
   uint64_t id = 0;
   TreePrint contents;
   std::string kept() const {
@@ -71,7 +71,7 @@ class Junctions : public RestoreFixture {
     RestoreFixture::TearDown();
   }
 
-  // With a few things in it.
+  // Makes one with some contents.
   void make(const std::string &path, bool readOnly = false) {
     fill(fs().createSubvolume(fileset() + "/" + path));
     if (readOnly) makeReadOnly(root() + "/" + path);
@@ -107,7 +107,7 @@ class Junctions : public RestoreFixture {
   }
 
  private:
-  // Deepest first; read-only ones as well.
+  // Destroys them deepest first, also read-only ones.
   static void destroyNested(const std::string &top) {
     namespace stdfs = std::filesystem;
     std::vector<std::string> found;
@@ -143,7 +143,7 @@ TEST_F(Junctions, MadeSinceGoAsideWithAllTheirData) {
   make("becomes");
   tree().removeTree("emptied");
   make("emptied");
-  make("emptied/nested");  // goes along with the one that it stands in
+  make("emptied/nested");  // moves with the subvolume that contains it
 
   std::vector<Nested> all;
   for (const char *path :
@@ -154,7 +154,7 @@ TEST_F(Junctions, MadeSinceGoAsideWithAllTheirData) {
 
   RunResult result = expectEqual();
   for (const Nested &one : all) expectUnlinked(one, result);
-  // Places are told as they were, not as the run had set them aside.
+  // Messages name places before the run, not temporary locations.
   for (const char *place : {"/stays/moved/sub/inMoved is", "/other name/before is"})
     EXPECT_NE(result.err.find(root() + place), std::string::npos) << place << "\n" << result.err;
   EXPECT_EQ(result.err.find("RestoreTemp"), std::string::npos) << result.err;
@@ -178,7 +178,7 @@ TEST_F(Junctions, StoodThereAreLeftAlone) {
   tree().file("away/and/new");
   Nested back = remember("away/and/back"), along = remember("elsewhere/still/along"),
          readonly = remember("readonly");
-  along.path = "moved/along";  // its directory comes home, and it with it
+  along.path = "moved/along";  // its directory moves home, and it moves with it
 
   RunResult result = expectEqual();
   for (const Nested &one : {back, along, readonly}) expectUntouched(one, result);
@@ -197,11 +197,11 @@ TEST_F(Junctions, MovedSinceGoHomeAndDeletedAreSkipped) {
   tree().file("a/moved", "another thing in its place");
   tree().exchange("a/one", "b/other");
   tree().rename("a/readonly", "a/still readonly");
-  // A plain directory in the way is a new directory.
+  // A plain directory at its place is a new directory.
   tree().rename("d/covered", "b/covered");
   tree().dir("d/covered");
   tree().file("d/covered/file", "goes");
-  // The same name in a directory of the same name, which is another directory.
+  // The same name in a directory of the same name, but in another directory.
   tree().rename("a", "formerly");
   tree().dirs("a");
   tree().rename("formerly/parted", "a/parted");
@@ -217,7 +217,7 @@ TEST_F(Junctions, MovedSinceGoHomeAndDeletedAreSkipped) {
   tree().immutable("b");
   tree().immutable("formerly/otherwise");
 
-  std::map<std::string, Nested> all;  // by their homes
+  std::map<std::string, Nested> all;  // key: home
   for (const auto &[now, home] :
        std::map<std::string, std::string>{{"formerly/otherwise", "a/renamed"},
                                           {"b/moved", "a/moved"},
@@ -242,7 +242,7 @@ TEST_F(Junctions, MovedSinceGoHomeAndDeletedAreSkipped) {
   EXPECT_EQ(testsupport::runProgram(compare, comparison).exitStatus, 0);
 }
 
-// The run ends while they wait: killed, and for want of space, after which a clean-up puts them back.
+// The run ends while they wait: killed, or for lack of space, after which the clean-up moves them back.
 TEST_F(Junctions, WaitingOnesAreNotLost) {
   using testsupport::FaultAction;
   const testsupport::Fault faults[] = {
@@ -276,7 +276,7 @@ TEST_F(Junctions, WaitingOnesAreNotLost) {
   }
 }
 
-// The directory is gone, and its inode number is given again to one of the same name.
+// The directory is gone, and its inode number belongs to another directory of the same name.
 TEST_F(Junctions, InADirectoryThatOnlyHasTheNumberGoesHome) {
   tree().dir("d");
   make("d/nested");
@@ -292,7 +292,7 @@ TEST_F(Junctions, InADirectoryThatOnlyHasTheNumberGoesHome) {
   expectUntouched(nested, expectEqual());
 }
 
-// Of the fileset as well as of the snapshots kept in it.
+// Snapshots of the fileset, and of those snapshots, that lie in it.
 TEST_F(Junctions, SnapshotsInTheFilesetStay) {
   tree().file("f", "text");
   tree().dirs(".snapshots/1");
@@ -321,7 +321,7 @@ TEST_F(Junctions, SnapshotsInTheFilesetStay) {
   EXPECT_EQ(result.err.find(".unlinked"), std::string::npos) << result.err;
 }
 
-// A folder .snapshots without any is a directory like others.
+// A .snapshots folder without snapshots is an ordinary directory.
 TEST_F(Junctions, FolderWithoutSnapshotsIsRestored) {
   tree().dirs(".snapshots/mine");
   tree().file(".snapshots/mine/file", "text");
@@ -337,7 +337,7 @@ TEST_F(Junctions, FolderWithoutSnapshotsIsRestored) {
   expectUntouched(nested, expectEqual());
 }
 
-// It changes in the transaction that makes the snapshot, but not in the snapshot.
+// The directory changes in the transaction that makes the snapshot, but not in the snapshot.
 TEST_F(Junctions, DirectoryThatTheSnapshotIsPutIntoGetsItsTimes) {
   tree().dir("snaps");
   tree().mtime("snaps", 1000000000);

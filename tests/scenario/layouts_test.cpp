@@ -1,5 +1,5 @@
-// fset on the layouts that snapshot tools and distributions make: each by the tool itself. What is
-// mounted is what such a machine mounts, never the top level.
+// fset on the layouts of snapshot tools and distributions, made by the tools themselves. The mounts are
+// those of such machines and never include the top level.
 #include <dirent.h>
 
 #include <filesystem>
@@ -41,7 +41,7 @@ class Layouts : public ::testing::Test {
     tree.rename("renamed", "elsewhere");
     tree.file("new", "new");
   }
-  // snapper's own files come into a folder of this test's.
+  // Keeps snapper's own files in a folder of this test.
   void configureSnapper(const std::string &root) {
     runCommand(
         "rm -rf /mnt/snapper && cp -a /etc/snapper /mnt/snapper && rm -f /mnt/snapper/configs/* && "
@@ -59,7 +59,7 @@ class Layouts : public ::testing::Test {
                " | sed 's/\\[.*//' | tr -d '\\n' > /mnt/device");
     return testsupport::readAll("/mnt/device");
   }
-  // The tree of a snapshot, through a mount of its own.
+  // Returns the tree of a snapshot through a separate mount.
   std::string snapshotTree(const std::string &path) {
     runCommand("mkdir -p /mnt/top && { mountpoint -q /mnt/top || mount -o ro,subvolid=5 " + device() +
                " /mnt/top; }");
@@ -75,7 +75,7 @@ class Layouts : public ::testing::Test {
   }
 
   LoopBtrfs fs_{"layout", 1ull << 30};
-  const std::string home_ = fs_.mountPoint();  // once the fileset is mounted there
+  const std::string home_ = fs_.mountPoint();  // mounted there later
 };
 
 TEST_F(Layouts, SnapperNested) {
@@ -130,7 +130,7 @@ TEST_F(Layouts, Timeshift) {
   expectThereAndBack({home_}, home_, name, snapshotTree(all[0]["path"]));
 }
 
-// A rollback puts a writable snapshot in the place of the subvolume and keeps the old one.
+// The rollback puts a writable snapshot in place of the subvolume and keeps the old one.
 TEST_F(Layouts, AfterARollbackByExchange) {
   fs_.snapshot("@home", "old");
   wreck(fs_.path("@home"));
@@ -147,7 +147,7 @@ TEST_F(Layouts, AfterARollbackByExchange) {
   EXPECT_EQ(runFset({"restore", home_, "old", "--yes"}).exitStatus, 0);
 }
 
-// Layers of images and containers: subvolumes in the fileset, some snapshots of each other.
+// Layers of images and containers: subvolumes in the fileset, some of them snapshots of others.
 TEST_F(Layouts, ContainerHost) {
   const std::string layers = "@/var/lib/containers/";
   fill(fs_.path("@"));

@@ -1,4 +1,4 @@
-// What the command says and how it ends: usage, refusals, progress.
+// What the command prints and how it ends: usage, refusals, progress.
 #include <regex>
 
 #include "scenario/restore_fixture.h"
@@ -44,7 +44,7 @@ TEST_F(Messages, UsageErrors) {
   EXPECT_EQ(result.exitStatus, 1);
   EXPECT_NE(result.err.find("invalid option -- 'Z'"), std::string::npos) << result.err;
   EXPECT_NE(result.err.find(kUsage), std::string::npos) << result.err;
-  result = run({"TEST", "x", "y"});  // the engine's question
+  result = run({"TEST", "x", "y"});  // as the engine asks it
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_EQ(result.out + result.err, "");
   EXPECT_EQ(run({"TEST2"}).exitStatus, 1) << "only the whole word";
@@ -84,7 +84,7 @@ TEST_F(Messages, CurrentDirectoryInsideTheFileset) {
   EXPECT_TRUE(tree().exists("new"));
   EXPECT_TRUE(workDirectories().empty());
 
-  // The root itself is accepted, and a sibling with the same prefix lies elsewhere.
+  // The root itself is accepted, and a sibling with the same prefix is outside.
   for (const std::string &directory : {root(), fs().createSubvolume(fileset() + "0")}) {
     tree().append("new", "text");
     inside.workingDirectory = directory;
@@ -132,7 +132,7 @@ TEST_F(Messages, KeepsTheWorkDirectory) {
   EXPECT_EQ(testsupport::joined(compare(testsupport::fingerprint(fs().path(snapshotName())),
                                         testsupport::fingerprint(root(), {{"RestoreTemp"}, false}))),
             "");
-  expectRestored();  // and the next run takes the old one away
+  expectRestored();  // and the next run removes the old one
   EXPECT_TRUE(workDirectories().empty());
   tree().remove("f");
   EXPECT_EQ(restore("snap", {"-v", "-q"}).exitStatus, 0);

@@ -1,5 +1,5 @@
-// Mounts inside the fileset: never entered, changed or covered; what the restore would have to do to
-// them is found before it begins.
+// Mounts inside the fileset are never entered, changed or covered. A run that would have to do so is
+// refused before it begins.
 #include <sys/mount.h>
 
 #include <filesystem>
@@ -29,7 +29,7 @@ class MountsBase : public RestoreFixture {
     unmount();
     RestoreFixture::TearDown();
   }
-  // A memory file system with a file on a directory; on a file, another file.
+  // Mounts a memory file system with a file on a directory, or another file on a file.
   void mountOn(const std::string &point) {
     if (std::filesystem::is_directory(point)) {
       ASSERT_EQ(mount("none", point.c_str(), "tmpfs", 0, nullptr), 0) << point;
@@ -41,7 +41,7 @@ class MountsBase : public RestoreFixture {
     }
     points_.push_back(point);
   }
-  // Where it is by now, with what was in it.
+  // Checks that the mount is at its present place and has its contents.
   void expectMounted(const std::string &point) {
     const bool directory = std::filesystem::is_directory(point);
     const std::filesystem::path path = directory ? point + "/mounted" : point;
@@ -95,7 +95,7 @@ TEST_P(MountsInTheWay, EndTheRunBeforeItChangesAnything) {
   takeSnapshot();
   GetParam().change(tree());
   TreePrint before = fingerprint(root());
-  // Also where the fileset is seen through another mount than the run's.
+  // Also through another mount of the fileset than the run's.
   std::filesystem::create_directory("/mnt/view");
   ASSERT_EQ(mount(root().c_str(), "/mnt/view", nullptr, MS_BIND, nullptr), 0);
   for (const std::string &view : {root(), std::string("/mnt/view")}) {
@@ -107,7 +107,7 @@ TEST_P(MountsInTheWay, EndTheRunBeforeItChangesAnything) {
     expectMounted(point);
     unmount();
     TreePrint after = fingerprint(root());
-    before.objects[""] = after.objects[""];  // its times: the work directory came and went
+    before.objects[""] = after.objects[""];  // ignore its times, which the work directory changed
     EXPECT_EQ(joined(compare(before, after)), "");
   }
   EXPECT_EQ(umount("/mnt/view"), 0);
@@ -127,7 +127,7 @@ const InTheWay kInTheWay[] = {
 INSTANTIATE_TEST_SUITE_P(All, MountsInTheWay, ::testing::ValuesIn(kInTheWay),
                          [](const auto &one) { return std::string(one.param.name); });
 
-// The fileset is seen read-only where the command line points to, and writable elsewhere.
+// The mount named on the command line is read-only, and another one is writable.
 TEST_F(Mounts, AWritableOneIsTaken) {
   build(tree());
   takeSnapshot();
@@ -135,7 +135,7 @@ TEST_F(Mounts, AWritableOneIsTaken) {
   std::filesystem::create_directory("/mnt/view");
   ASSERT_EQ(mount(fs().mountPoint().c_str(), "/mnt/view", nullptr, MS_BIND, nullptr), 0);
   ASSERT_EQ(mount(nullptr, "/mnt/view", nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
-  // Nor does the place count at which a path ends in another mount than the one that it begins with.
+  // A path that ends in another mount than the one that it begins with does not count.
   ASSERT_EQ(mount(("/mnt/view/" + fileset()).c_str(), root().c_str(), nullptr, MS_BIND, nullptr), 0);
   ASSERT_EQ(mount(nullptr, root().c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
   RunResult result = testsupport::runRestore("/mnt/view", fileset(), snapshotName());
@@ -150,7 +150,8 @@ TEST_F(Mounts, AWritableOneIsTaken) {
   expectRestored();
 }
 
-// The chain of parents is broken: fileset and snapshot share the birth of their root directories.
+// The chain of parents is broken, but fileset and snapshot share the creation of their root
+// directories.
 TEST_F(Mounts, LineageAfterARollback) {
   build(tree());
   takeSnapshot();
@@ -167,7 +168,7 @@ TEST_F(Mounts, LineageAfterARollback) {
   tree().removeTree("same/other");
   tree().dirs("new/deep");
   expectRestored();
-  // Relatives by birth alone are listed as well, and a stranger is none.
+  // Relatives by creation alone are listed, too, but an unrelated subvolume is not.
   fs().createSubvolume("stranger");
   RunResult result = testsupport::runRestore(fs().mountPoint(), "stranger", snapshotName());
   EXPECT_NE(result.err.find("is not a snapshot of fileset stranger"), std::string::npos) << result.err;
@@ -205,7 +206,7 @@ TEST_F(Mounts, InTheSnapshot) {
   expectRestored();
 }
 
-// The options of a mount are those of the whole file system.
+// The options of a mount apply to the whole file system.
 using WithoutAcls = RestoreFixture;
 
 TEST_F(WithoutAcls, EndsTheRunWhereTheDifferenceHoldsOne) {

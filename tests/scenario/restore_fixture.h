@@ -22,7 +22,7 @@ using testsupport::RunResult;
 using testsupport::TreeBuilder;
 using testsupport::TreePrint;
 
-// One row of a table of histories. An empty build is an empty fileset.
+// One row of a table of histories. Without `build` the fileset starts empty.
 struct HistoryCase {
   const char *name;
   void (*build)(TreeBuilder &);
@@ -30,7 +30,7 @@ struct HistoryCase {
   unsigned needs = 0;  // features; see test_file_system.h
 };
 
-// Those of a table that the file system under test can hold.
+// Returns the cases of a table that the file system under test can hold.
 template <size_t n>
 auto casesOf(const HistoryCase (&table)[n]) {
   std::vector<HistoryCase> cases;
@@ -39,11 +39,11 @@ auto casesOf(const HistoryCase (&table)[n]) {
   return ::testing::ValuesIn(cases);
 }
 
-// One file system a test program, one fresh fileset a test.
+// One file system for each test program, one new fileset for each test.
 class RestoreFixture : public ::testing::Test {
  protected:
   static void SetUpTestSuite();
-  // For suites and tests that want one of their own.
+  // For suites and tests that need a file system of their own.
   static void makeFileSystem(uint64_t bytes, const std::string &options = "");
   static void TearDownTestSuite();
   void SetUp() override;
@@ -55,7 +55,7 @@ class RestoreFixture : public ::testing::Test {
   const std::string &fileset() const { return fileset_; }
   std::string root() const { return fs_->path(fileset_); }
   TreeBuilder &tree() { return *tree_; }
-  // The name of a snapshot of this test's fileset.
+  // Returns the name of a snapshot of this test's fileset.
   std::string snapshotName(const std::string &which = "snap") const {
     return fs_->snapshotName(fileset_, which);
   }
@@ -63,16 +63,16 @@ class RestoreFixture : public ::testing::Test {
     return fs_->snapshotPath(fileset_, which);
   }
 
-  void detach();                                  // unmounts; tree() lets go of its root
-  void remount(const std::string &options = "");  // also where it is not mounted
+  void detach();                                  // unmounts; tree() closes its root
+  void remount(const std::string &options = "");  // also if it is not mounted
   void takeSnapshot(const std::string &which = "snap");
-  // Restores with -m 4 and the given options. Where the snapshot is `which`, expects exit status 0,
-  // both trees equal, the snapshot unchanged, no work directory and no process left, survivors kept.
+  // Restores with -m 4 and the given options. expectRestored also expects exit status 0, equal trees,
+  // an unchanged snapshot, no work directory or process left, and that survivors were kept.
   RunResult restore(const std::string &which = "snap", const std::vector<std::string> &options = {},
                     const RunOptions &running = {});
   void expectRestored(const std::string &which = "snap", const std::vector<std::string> &options = {},
                       const RunOptions &running = {});
-  // The whole of a table's row. Trees that equal their snapshot before the restore are an error.
+  // Runs one row of a table. It is an error if the trees are equal before the restore.
   void runCase(const HistoryCase &history);
 
  private:
@@ -83,7 +83,7 @@ class RestoreFixture : public ::testing::Test {
   std::vector<std::string> snapshots_;
 };
 
-// Tests of a table: TEST_P bodies call runCase(GetParam()).
+// For tests of a table: TEST_P bodies call runCase(GetParam()).
 class RestoreTable : public RestoreFixture, public ::testing::WithParamInterface<HistoryCase> {};
 
 inline std::string caseName(const ::testing::TestParamInfo<HistoryCase> &info) {

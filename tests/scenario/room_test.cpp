@@ -1,5 +1,5 @@
-// A file system, or a quota, that what is new in the fileset has filled up: new files make room for the
-// restore, and nothing else is touched before.
+// A file system or quota that new files have filled: new files make room for the restore, and nothing
+// else is touched before.
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -39,7 +39,7 @@ class Room : public RestoreFixture {
     tree().link("new/linked", "new/deep/linked");
   }
 
-  // All that is left, in one file; then in the metadata.
+  // Fills all space with one file, then the metadata.
   static void fill(const std::string &path) {
     const Descriptor fd(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     off_t at = 0;
@@ -87,7 +87,7 @@ TEST_F(Room, UnderAQuota) {
   fs().commit();
   for (int i = 0; i < 1000 && mkdir((root() + "/new/" + std::to_string(i)).c_str(), 0700) == 0; ++i)
     fs().commit();
-  // What is mounted in the way is found before a file goes.
+  // A mount in the way is found before a file is removed.
   const std::string point = root() + "/new/deep";
   ASSERT_EQ(mount("none", point.c_str(), "tmpfs", 0, nullptr), 0);
   const RunResult refused = restore();
@@ -112,7 +112,7 @@ TEST_F(Room, NoneIsToldWhereOthersHaveFilledIt) {
   EXPECT_NE(result.err.find(kNoSpace), std::string::npos) << result.err;
   EXPECT_EQ(result.err.find(kRoomMade), std::string::npos) << result.err;
   TreePrint after = fingerprint(root());
-  before.objects[""] = after.objects[""];  // its times
+  before.objects[""] = after.objects[""];  // ignore its times
   EXPECT_EQ(joined(compare(before, after)), "") << result.describe();
   runCommand("rm -r " + others);
   fs().commit();

@@ -1,4 +1,5 @@
-// Runs in a row, several snapshots, and the ways a fileset and its snapshots can lie and be mounted.
+// Several runs in a row, several snapshots, and the ways in which a fileset and its snapshots can be
+// placed and mounted.
 #include <sys/mount.h>
 
 #include <filesystem>
@@ -45,7 +46,7 @@ TEST_F(Runs, TwoInARow) {
   takeSnapshot();
   wreck(tree());
   expectRestored();
-  expectRestored();  // which touches nothing that the first one put right
+  expectRestored();  // must not touch what the first one restored
   wreck(tree());
   takeSnapshot("newer");
   tree().removeTree("d");
@@ -55,8 +56,8 @@ TEST_F(Runs, TwoInARow) {
   expectRestored();
 }
 
-// What a restore made again counts as the snapshot's: the next one leaves it alone, and makes only what
-// changed since.
+// Objects that a restore made again count as the snapshot's: the next restore leaves them alone and
+// makes only what changed since.
 TEST_F(Runs, NothingIsMadeAgainTwice) {
   constexpr int kFiles = 300;
   const auto file = [](int i) { return "old/d" + std::to_string(i % 6) + "/f" + std::to_string(i); };
@@ -83,7 +84,7 @@ TEST_F(Runs, NothingIsMadeAgainTwice) {
   testsupport::FaultPlan counter(testsupport::Fault{.call = "none"});
   RunOptions counted;
   counted.environment = counter.environment();
-  // A mount hinders nobody where nothing has to be done.
+  // A mount is no obstacle if nothing has to be done below it.
   ASSERT_EQ(mount("none", (root() + "/old/d2/below").c_str(), "tmpfs", 0, nullptr), 0);
   EXPECT_EQ(restore("snap", {}, counted).exitStatus, 0);
   EXPECT_EQ(umount((root() + "/old/d2/below").c_str()), 0);
@@ -101,7 +102,7 @@ TEST_F(Runs, NothingIsMadeAgainTwice) {
   EXPECT_EQ(joined(testsupport::exchangedOrChanged(before, after)), "");
 }
 
-// A worker for a hundred changed files, and none where nothing is listed.
+// One worker for a hundred changed files, and none for an empty list.
 TEST_F(Runs, NoMoreWorkersThanTheChangeNeeds) {
   for (int i = 0; i < 5; ++i) tree().dirs("d" + std::to_string(i));
   for (int i = 0; i < 250; ++i)
@@ -113,12 +114,12 @@ TEST_F(Runs, NoMoreWorkersThanTheChangeNeeds) {
   RunOptions running;
   running.environment = counter.environment();
   restore("snap", {}, running);
-  std::map<int, uint32_t> workers;  // by phase; each opens two handles
+  std::map<int, uint32_t> workers;  // by phase; each worker opens two handles
   for (const auto &[call, times] : counter.made())
     if (call.first == "kest_get_fset_snaphandle_by_name") workers[call.second] = times / 2;
   EXPECT_LE(workers[3], 3u);
-  // The master, four queries with their shells, the engine with its shell and its question, the
-  // workers, and the removal with its shell.
+  // The master; four queries with their shells; the engine with its shell and its probe; the workers;
+  // the removal with its shell.
   EXPECT_LE((counter.made()[{testsupport::kProgramStart, 0}]), 1 + 4 * 2 + 3 + workers[3] + 2);
   EXPECT_GT((counter.made()[{testsupport::kProgramStart, 0}]), workers[3]);
   workers.erase(3);
@@ -147,7 +148,7 @@ TEST_F(Runs, AfterTheFileSystemWasMountedAnew) {
   expectRestored();
 }
 
-// As on a machine whose home is "@home" and whose snapshots are mounted elsewhere.
+// Like a machine whose home is "@home" and whose snapshots are mounted elsewhere.
 TEST(Layout, MountedByThemselves) {
   LoopBtrfs fs("layout");
   TreeBuilder tree(fs.createSubvolume("@home"));
@@ -158,7 +159,7 @@ TEST(Layout, MountedByThemselves) {
   fs.remount("", "@home");
   std::string elsewhere = "/mnt/snapshots";
   std::filesystem::create_directories(elsewhere);
-  // The second mount of one image takes the same loop device.
+  // The second mount of one image uses the same loop device.
   testsupport::runCommand("mount -t btrfs -o subvol=@snapshots/monday \"$(findmnt -no SOURCE " +
                           fs.mountPoint() + " | sed 's/\\[.*//')\" " + elsewhere);
   RunResult result = runRestore(fs.mountPoint(), "@home", "monday", {"-m", "4"});

@@ -1,4 +1,4 @@
-// How a run starts: what it refuses before anything is touched, and where its work directory goes.
+// How a run starts: what it refuses before its first change, and where it puts its work directory.
 #include <linux/fs.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -29,17 +29,17 @@ class Start : public RestoreFixture {
     library_ = TreeBuilder("/mnt").read("library");
     ASSERT_FALSE(library_.empty()) << "the program loads no libkest";
   }
-  // A whole installation of what is under test, in the fileset.
+  // Installs everything under test in the fileset.
   void install() {
     namespace stdfs = std::filesystem;
     stdfs::copy(kCommands, root() + "/bin", stdfs::copy_options::recursive);
     tree().dir("lib");
     stdfs::copy_file(library_, inside());
   }
-  std::string inside() const {  // of the fileset: the library's name there
+  std::string inside() const {  // the library's name in the fileset
     return root() + "/lib/" + std::filesystem::path(library_).filename().string();
   }
-  // exit 1, the text that names the file, and not even a time stamp changed.
+  // Expects exit status 1, the text that names the file, and no change at all, not even of a timestamp.
   void expectRefused(const std::string &file, const RunOptions &running) {
     TreePrint before = fingerprint(root());
     RunResult result = restore("snap", {}, running);
@@ -73,7 +73,7 @@ TEST_F(Start, WhatWouldRemoveTheProgramItselfIsRefused) {
   expectRefused(std::string(kCommands) + "/kt", running);
   ASSERT_EQ(umount(kCommands), 0);
   std::filesystem::remove("/mnt/elsewhere");
-  expectRestored();  // with a program that lies elsewhere
+  expectRestored();  // with a program outside the fileset
 }
 
 TEST_F(Start, ProgramThatTheSnapshotHoldsTooCanRunFromTheFileset) {
@@ -86,7 +86,7 @@ TEST_F(Start, ProgramThatTheSnapshotHoldsTooCanRunFromTheFileset) {
   EXPECT_EQ(result.exitStatus, 0) << result.describe();
   EXPECT_EQ(joined(compare(fingerprint(fs().path(snapshotName())), fingerprint(root()))), "");
 
-  // Upgraded since: another file of the same name.
+  // Upgraded since the snapshot: another file of the same name.
   tree().rename("bin/fsetrestore", "bin/old");
   std::filesystem::copy_file(root() + "/bin/old", root() + "/bin/fsetrestore");
   expectRefused(running.program, running);
@@ -95,7 +95,7 @@ TEST_F(Start, ProgramThatTheSnapshotHoldsTooCanRunFromTheFileset) {
 TEST_F(Start, TakenNamesOfTheWorkDirectoryArePassedOver) {
   constexpr int kTaken = 400;
   takeSnapshot();
-  // Processes are numbered in a row: the run's number is among these.
+  // Process IDs are consecutive, so the run's will be one of these.
   pid_t next = fork();
   if (next == 0) _exit(0);
   ASSERT_EQ(waitpid(next, nullptr, 0), next);
@@ -149,7 +149,7 @@ TEST_F(Start, RootKeepsItsFlagWhenTheRunEndsBeforeTheFirstPass) {
   expectRestored();
 }
 
-// What keeps a process from restoring or comparing is named at the start, and nothing is touched.
+// The start names what keeps a process from restoring or comparing, and nothing is touched.
 TEST_F(Start, WhatTheProcessLacksIsNamed) {
   const std::string all[] = {fs().mountPoint(), "-j", fileset(), "-o", snapshotName()};
   const auto run = [&](const std::string &program, std::vector<std::string> arguments, const char *of) {
@@ -178,7 +178,7 @@ TEST_F(Start, WhatTheProcessLacksIsNamed) {
              "user namespace");
   for (const char *limit : {"--nofile=10", "--nofile=18"})
     expectTold(run("/usr/bin/prlimit", {limit}, "fsetrestore"), 1, "(ulimit -n)");
-  // A low limit that may be raised is no reason.
+  // A low limit that can be raised is no reason to refuse.
   EXPECT_EQ(run("/usr/bin/prlimit", {"--nofile=32:4096"}, "fsetrestore").exitStatus, 0);
   expectRestored();
 }
@@ -194,7 +194,7 @@ TEST_F(Start, WhateverPosixlyCorrectSays) {
   EXPECT_EQ(compared.exitStatus, 0) << compared.describe();
 }
 
-// Each command that cannot do its work says why.
+// Each command that fails prints the reason.
 TEST_F(Start, FailuresHaveAReason) {
   takeSnapshot();
   tree().append("f", "more");

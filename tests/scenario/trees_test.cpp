@@ -1,5 +1,5 @@
-// Names, kinds, links and flags: what was moved, removed, made or replaced comes back as it was, as the
-// same object where that still exists.
+// Names, types, links and flags: objects that were moved, removed, made or replaced come back as they
+// were, as the same object if it still exists.
 #include <sys/stat.h>
 
 #include <cstring>
@@ -98,7 +98,7 @@ const HistoryCase kNames[] = {
      [](TreeBuilder &t) {
        for (const char *name : {"one", "two"}) t.removeTree(name);
      }},
-    // To what a walk by name meets before and after it.
+    // To names that a walk in order of names meets before and after it.
     {"MovedOutOfADeletedDirectory", sample,
      [](TreeBuilder &t) {
        t.rename("p/f", "aa/in/taken");
@@ -141,8 +141,8 @@ const HistoryCase kKinds[] = {
        t.device("block", S_IFCHR, 7, 300);
        t.device("large minor", S_IFCHR, 4, 5);
      }},
-    // A changed file of the snapshot waits below the directory: its path in the snapshot leads through
-    // a link.
+    // A changed file of the snapshot waits below the directory, and its path in the snapshot leads
+    // through a link.
     {"SymlinksThatLeadNowhereToDirectoriesWithOldFiles",
      [](TreeBuilder &t) {
        t.symlink(std::string(3000, 'n'), "long");

@@ -37,7 +37,7 @@ const ClonePrint *parentIn(const TreePrint &tree, const ClonePrint &clone) {
   return is ? &*found->second.clone : nullptr;
 }
 
-// True when every ancestor up to a parent of depth 0 is there, or one in a snapshot.
+// Returns true if every ancestor up to a parent of depth 0, or one in a snapshot, exists.
 bool unbroken(const TreePrint &tree, const ClonePrint &clone) {
   if (clone.depth == 0) return true;
   if (!clone.parentFits) return false;
@@ -45,7 +45,7 @@ bool unbroken(const TreePrint &tree, const ClonePrint &clone) {
   return parent ? unbroken(tree, *parent) : !tree.objects.count(clone.parentPath);
 }
 
-// Whether the file is what a restore makes of the wanted clone.
+// Returns true if the file is what a restore makes of the wanted clone.
 bool isRight(const TreePrint &wantTree, const TreePrint &haveTree, const ObjectPrint &wanted,
              const ObjectPrint &had) {
   const std::optional<ClonePrint> &want = wanted.clone, &have = had.clone;
@@ -121,7 +121,7 @@ PlacedBlocks physicalBlocks(int fd, const std::string &path, bool written_out) {
   for (const fiemap_extent &extent : extentsOf(fd, written_out ? FIEMAP_FLAG_SYNC : 0, path)) {
     if (extent.fe_flags & (FIEMAP_EXTENT_DATA_INLINE | FIEMAP_EXTENT_UNWRITTEN)) continue;
     for (uint64_t offset = 0; offset < extent.fe_length; offset += kBlock) {
-      // Of a compressed extent only the whole has a place.
+      // Parts of a compressed extent have no place of their own.
       const uint64_t inside = extent.fe_flags & FIEMAP_EXTENT_ENCODED ? 0 : offset;
       blocks[extent.fe_logical + offset] = extent.fe_physical + inside;
     }

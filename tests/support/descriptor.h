@@ -1,5 +1,5 @@
-// descriptor.h: a file descriptor that closes itself. The tests have their own so that the judge shares
-// no line with the programs that it judges.
+// descriptor.h: a file descriptor that closes itself. The tests have their own, so that they share no
+// code with the programs under test.
 #pragma once
 
 #include <unistd.h>
@@ -33,18 +33,17 @@ class Descriptor {
   int fd_ = -1;
 };
 
-// Throws std::system_error with the error number that the last call left, for example
-// "chmod a/b: Operation not permitted".
+// Throws std::system_error with errno, for example "chmod a/b: Operation not permitted".
 [[noreturn]] inline void failWithErrno(const std::string &what) {
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-// The name under which the object behind a descriptor can be reached by path, O_PATH ones included.
+// Returns a path to the object of any descriptor, O_PATH included.
 inline std::string procPath(int fd) {
   return "/proc/self/fd/" + std::to_string(fd);
 }
 
-// The names in the directory behind a descriptor, sorted, without . and ..; `path` is for messages.
+// Returns the names in a directory, sorted and without . and ..; `path` is for messages.
 std::vector<std::string> listNames(int dirFd, const std::string &path);
 
 }  // namespace testsupport

@@ -33,7 +33,7 @@ FaultPlan::~FaultPlan() {
 }
 
 std::vector<std::pair<std::string, std::string>> FaultPlan::environment() const {
-  // A program built with sanitizers wants its runtime to be the first library.
+  // A program built with sanitizers requires its runtime to be the first library.
   const char *asan = getenv("ASAN_OPTIONS");
   return {{"LD_PRELOAD", KEST_FAULTS_LIBRARY},
           {FaultRecord::kVariable, file_},

@@ -1,5 +1,5 @@
-// kest_faults: preloaded into a run, it stands between the restore and libkest and lets one of its
-// calls fail, or kills the process that makes it, as the plan in the environment says (fault_plan.h).
+// kest_faults: preloaded into a run between the restore and libkest. Makes one call fail, or kills the
+// calling process, according to the plan in the environment (fault_plan.h).
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/btrfs.h>
@@ -24,15 +24,15 @@ namespace {
 using testsupport::FaultAction;
 using testsupport::FaultRecord;
 
-FaultRecord *record;  // null: nothing of this process counts
-int phase;            // of a worker; 0: the master
+FaultRecord *record;  // null: do not count in this process
+int phase;            // phase of a worker; 0: the master
 
 void count(FaultRecord::Made &made, const char *which) {
   if (++made.inPhase[phase] == 1) snprintf(made.call, sizeof made.call, "%s", which);
 }
 
-// Notes that a program starts. Of those the restore's own are watched: the commands of the file system
-// use the library as well.
+// Counts the start of a program. Watches only the restore's own programs, because the commands of the
+// file system use the library, too.
 [[gnu::constructor]] void start(int argc, char **argv, char **) {
   const char *file = getenv(FaultRecord::kVariable);
   if (!file) return;
@@ -69,7 +69,7 @@ bool strikes(const char *which) {
   return true;
 }
 
-thread_local bool insideCall;  // what the library calls itself is not the restore's
+thread_local bool insideCall;  // calls from inside the library are not the restore's
 
 template <unsigned index, typename Real, typename... Arguments>
 auto around(const char *name, Real *real, Arguments... arguments) {
@@ -82,7 +82,7 @@ auto around(const char *name, Real *real, Arguments... arguments) {
   const auto does = [&](FaultAction action) { return struck && record->fault.action == action; };
   if (does(FaultAction::kKillBefore)) kill(getpid(), SIGKILL);
   if (does(FaultAction::kKillEngine)) {
-    if (kill(getppid(), SIGKILL) == 0) sleep(10);  // it takes this process along
+    if (kill(getppid(), SIGKILL) == 0) sleep(10);  // this process dies with the engine
     _exit(99);
   }
   if (does(FaultAction::kFail)) {
@@ -110,7 +110,7 @@ auto around(const char *name, Real *real, Arguments... arguments) {
     return around<__COUNTER__>(#name, real, __VA_ARGS__);                                 \
   }
 
-// Counted only: how much of the trees the library reads.
+// Only counts: how much of the trees the library reads.
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   static auto *const real = reinterpret_cast<decltype(&ioctl)>(dlsym(RTLD_NEXT, "ioctl"));
   va_list arguments;

@@ -24,7 +24,7 @@ Descriptor openFolder(const std::string &path) {
   return fd;
 }
 
-// One of the three subvolume requests, all of which take a name in a parent folder.
+// One of the three subvolume requests, which all take a name in a parent folder.
 void requestAt(const std::string &path, unsigned long request, int sourceFd, uint64_t flags,
                const char *what) {
   std::filesystem::path whole(path);
@@ -91,7 +91,7 @@ void LoopBtrfs::destroySubvolume(const std::string &below) {
   std::string where = path(below);
   {
     Descriptor root = openFolder(where);
-    // An immutable root would keep the subvolume.
+    // An immutable root would prevent the removal of the subvolume.
     int flags = 0;
     if (ioctl(root.get(), FS_IOC_GETFLAGS, &flags) == 0 && (flags & (FS_IMMUTABLE_FL | FS_APPEND_FL))) {
       flags &= ~(FS_IMMUTABLE_FL | FS_APPEND_FL);

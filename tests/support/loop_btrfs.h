@@ -1,5 +1,5 @@
-// loop_btrfs.h: a btrfs of our own in an image file, with subvolumes (filesets) and snapshots.
-// Needs root; meant for the private namespace, where /mnt is a memory file system of the test's own.
+// loop_btrfs.h: a btrfs in an image file, with subvolumes (filesets) and snapshots.
+// Needs root. Meant for the private namespace, where /mnt is a memory file system.
 #pragma once
 
 #include <cstdint>
@@ -11,15 +11,15 @@ namespace testsupport {
 
 class LoopBtrfs : public TestFileSystem {
  public:
-  // 110 MB is the least that the kernel mounts.
+  // The kernel mounts no btrfs smaller than 110 MB.
   static constexpr uint64_t kDefaultBytes = 256ull << 20;
 
-  // Makes a sparse image FOLDER/NAME.image, a btrfs in it and mounts its top level at FOLDER/NAME.
-  // options: further mount options ("compress=zstd,max_inline=0"). Throws std::system_error or
-  // std::runtime_error with the failing step.
+  // Makes a sparse image FOLDER/NAME.image with a btrfs and mounts its top level at FOLDER/NAME.
+  // `options` are further mount options ("compress=zstd,max_inline=0"). Throws std::system_error or
+  // std::runtime_error that names the failing step.
   explicit LoopBtrfs(const std::string &name = "fs", uint64_t bytes = kDefaultBytes,
                      const std::string &options = "", const std::string &folder = "/mnt");
-  ~LoopBtrfs() override;  // unmounts all and removes the image
+  ~LoopBtrfs() override;  // unmounts everything and removes the image
   LoopBtrfs(const LoopBtrfs &) = delete;
   LoopBtrfs &operator=(const LoopBtrfs &) = delete;
 
@@ -28,7 +28,7 @@ class LoopBtrfs : public TestFileSystem {
   std::string path(const std::string &below) const override;
   std::string makeFileset(const std::string &below) override { return createSubvolume(below); }
   void removeFileset(const std::string &below) override { destroySubvolume(below); }
-  // A read-only one at the top of the file system.
+  // Takes a read-only snapshot, at the top of the file system.
   std::string takeSnapshot(const std::string &fileset, const std::string &which) override {
     return snapshot(fileset, snapshotName(fileset, which));
   }
@@ -42,15 +42,16 @@ class LoopBtrfs : public TestFileSystem {
     return path(snapshotName(fileset, which));
   }
 
-  // Both take paths below the top; missing parent folders are made. createSubvolume returns its path.
+  // Both take paths below the top, make missing parent folders, and return the path of the new
+  // subvolume.
   std::string createSubvolume(const std::string &below);
   std::string snapshot(const std::string &subvolume, const std::string &below, bool readOnly = true);
-  // Deletes a subvolume with all that is in it, flagged objects included.
+  // Deletes a subvolume with its contents, including flagged objects.
   void destroySubvolume(const std::string &below);
 
   void commit();  // syncfs
-  // Unmounts and mounts again, so that nothing comes from the caches. subvolume: mount this one instead
-  // of the top level (as a machine does whose root is "@"); "" is the top level.
+  // Unmounts and mounts again, so that nothing comes from caches. `subvolume` is mounted instead of the
+  // top level, as on a machine whose root is "@"; "" is the top level.
   void remount(const std::string &options = "", const std::string &subvolume = "");
   void unmount();
 
@@ -61,7 +62,7 @@ class LoopBtrfs : public TestFileSystem {
   bool mounted_ = false;
 };
 
-// Runs a command with its output on our standard error; throws std::runtime_error where it fails.
+// Runs a command with its output on our standard error. Throws std::runtime_error if it fails.
 void runCommand(const std::string &command);
 
 }  // namespace testsupport

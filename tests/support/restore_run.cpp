@@ -23,7 +23,7 @@ double now() {
 }
 
 struct Member : Process {
-  bool ending;  // a zombie, or one that has closed its files and will do nothing more
+  bool ending;  // a zombie, or it has closed its files and does nothing more
 };
 
 std::vector<Member> membersOf(pid_t session) {
@@ -62,7 +62,7 @@ std::string tail(const std::string &text, size_t bytes) {
 }  // namespace
 
 std::string readAll(const std::string &path) {
-  // A file of /proc whose process ends while it is read has no rest.
+  // If a process ends while its file in /proc is read, the rest is empty.
   const std::ifstream in(path, std::ios::binary);
   std::ostringstream text;
   text << in.rdbuf();
@@ -78,7 +78,7 @@ bool waitUntil(const std::function<bool()> &condition, double seconds) {
 Running::Running(const std::vector<std::string> &arguments, const RunOptions &options)
     : out_(memfd_create("stdout", MFD_CLOEXEC)), err_(memfd_create("stderr", MFD_CLOEXEC)) {
   if (!out_.valid() || !err_.valid()) failWithErrno("memfd_create");
-  // Several processes write: the position must be the file's end, or they overwrite each other.
+  // O_APPEND, because several processes write and would otherwise overwrite each other.
   for (const Descriptor *file : {&out_, &err_}) fcntl(file->get(), F_SETFL, O_APPEND);
   std::vector<char *> argv{const_cast<char *>(options.program.c_str())};
   for (const std::string &argument : arguments) argv.push_back(const_cast<char *>(argument.c_str()));
@@ -134,7 +134,7 @@ bool Running::endAll() {
     const std::vector<Member> left = membersOf(pid_);
     for (const Member &member : left) {
       kill(member.pid, SIGKILL);
-      // As process 1 of its namespace the test inherits the orphans.
+      // As process 1 of its namespace, the test inherits orphans.
       if (member.pid != pid_) waitpid(member.pid, nullptr, WNOHANG);
     }
     return left.empty();

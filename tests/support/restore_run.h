@@ -1,5 +1,5 @@
-// restore_run.h: starts the restore command (or another program) in a session of its own, captures what
-// it prints, and makes sure that none of its processes outlives it.
+// restore_run.h: starts the restore command (or another program) in its own session, captures its
+// output, and makes sure that none of its processes outlives it.
 #pragma once
 
 #include <sys/types.h>
@@ -20,7 +20,7 @@ struct RunOptions {
   std::vector<std::pair<std::string, std::string>> environment = {};  // added to ours
   std::string workingDirectory = "/";
   double timeoutSeconds = 60;
-  // Kill the whole session (SIGKILL) after this time, as a crash would; below 0: never.
+  // Kills the whole session (SIGKILL) after this time, like a crash; negative: never.
   double killAfterSeconds = -1;
 };
 
@@ -29,25 +29,25 @@ struct Process {
   std::string name;
 };
 
-// A run that goes on while the test looks at it.
+// A run that continues while the test watches it.
 class Running {
  public:
-  // Throws std::system_error where the program cannot be started.
+  // Throws std::system_error if the program cannot be started.
   explicit Running(const std::vector<std::string> &arguments, const RunOptions &options = {});
   ~Running() { endAll(); }
 
   pid_t pid() const { return pid_; }
   bool ended();
-  int exitStatus() const;    // -1 where a signal ended it
-  int signalNumber() const;  // 0 where it ended by itself
+  int exitStatus() const;    // -1 if a signal ended it
+  int signalNumber() const;  // 0 if it ended by itself
   std::string out() const, err() const;
   std::string said() const { return err() + out(); }
 
-  // Its processes that have not begun to end.
+  // Returns its processes that have not begun to end.
   std::vector<Process> living() const;
-  // The master, its engine, or a worker of it that is at work; 0: there is none.
+  // Returns the master, its engine, or one of its working workers; 0 if there is none.
   pid_t find(const std::string &role) const;
-  // Kills what is left of it. False when something is left even then.
+  // Kills the remaining processes. Returns false if some survive that.
   bool endAll();
 
  private:
@@ -57,29 +57,29 @@ class Running {
   bool reaped_ = false;
 };
 
-// False when the condition has not come true within the time.
+// Returns false if the condition has not become true in time.
 bool waitUntil(const std::function<bool()> &condition, double seconds);
 
 struct RunResult {
-  int exitStatus = -1;  // -1 where a signal ended it
+  int exitStatus = -1;  // -1 if a signal ended it
   int signal = 0;
   bool timedOut = false;
-  int processesLeft = 0;  // of its session, still alive when it ended by itself
+  int processesLeft = 0;  // processes of its session that were alive when it ended by itself
   double seconds = 0;
   std::string out;
   std::string err;
 
-  // "exit 1, 0.24 s" and the last lines of both outputs, for a test's message.
+  // Returns "exit 1, 0.24 s" and the last lines of both outputs, for a test's message.
   std::string describe(size_t tailBytes = 3000) const;
 };
 
-// A run that times out is killed with its whole session and reported.
+// Kills the whole session of a run that times out, and reports that.
 RunResult runProgram(const std::vector<std::string> &arguments, const RunOptions &options = {});
 
-// The usual command line: DEVICE -j FILESET -o SNAPSHOT and further arguments.
+// Uses the usual command line: DEVICE -j FILESET -o SNAPSHOT and further arguments.
 RunResult runRestore(const std::string &device, const std::string &fileset, const std::string &snapshot,
                      const std::vector<std::string> &further = {}, const RunOptions &options = {});
 
-std::string readAll(const std::string &path);  // empty where it cannot be read
+std::string readAll(const std::string &path);  // "" if it cannot be read
 
 }  // namespace testsupport

@@ -1,4 +1,5 @@
-// The judge itself: it must find every single difference, and none between a tree and its snapshot.
+// Tests the comparison itself: it must find every single difference, and none between a tree and its
+// snapshot.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -45,19 +46,19 @@ void buildEverything(TreeBuilder &t) {
     t.cloneParent(parent);
   }
   t.clone("q", "k");
-  // What nobody sets is the clock's: two trees built alike shall be equal.
+  // Times that nobody sets come from the clock, but two trees built alike must be equal.
   for (const std::string &name : t.names(""))
     if (name != "q" && name != "r") t.mtime(name, 1000000000);
   t.mtime("", 1000000000);
 }
 
 struct Difference {
-  const char *expected;  // a part of a line of the comparison, the only one where `alone`
+  const char *expected;  // part of a line of the comparison, the only line if `alone` is set
   std::function<void(TreeBuilder &)> change;
-  bool alone = true;  // but for a second name of the file
+  bool alone = true;  // apart from a line for a second name of the file
 };
 
-// Changes the file's data and puts its time back.
+// Changes the file's data and restores its time.
 template <typename Change>
 std::function<void(TreeBuilder &)> quietly(const char *file, Change change) {
   return [file, change](TreeBuilder &t) {

@@ -17,12 +17,12 @@ bool sameTime(const timespec &a, const timespec &b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-// Inode numbers can be used again; then the creation time differs.
+// An inode number can be reused; then the creation time differs.
 bool sameObject(const ObjectPrint &a, const ObjectPrint &b) {
   return a.inode == b.inode && sameTime(a.birth, b.birth) && (a.mode & S_IFMT) == (b.mode & S_IFMT);
 }
 
-using Place = std::tuple<ino_t, ino_t, std::string>;  // folder, inode, name
+using Place = std::tuple<ino_t, ino_t, std::string>;  // folder, inode number, name
 
 Place placeOf(const std::string &path, const ObjectPrint &object) {
   return {object.parent, object.inode, path.substr(path.rfind('/') + 1)};
@@ -46,7 +46,7 @@ class Survivors {
     }
   }
 
-  // The same file, whose clone state nothing turns back: it became a parent, or lost its attributes.
+  // The same file, but nothing can restore its clone state: it became a parent, or lost its attributes.
   bool isRemade(const ObjectPrint &object) const {
     auto found = byInode_.find(object.inode);
     return found != byInode_.end() && sameObject(object, *found->second) &&
@@ -91,7 +91,7 @@ std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePr
                                          const TreePrint &after, bool timesToo) {
   std::vector<std::string> lines;
   Survivors survivors(before);
-  std::set<ino_t> parted;  // folders in which a file is made anew at its own name
+  std::set<ino_t> parted;  // folders in which a file is made again under its own name
   for (const auto &[path, object] : snapshot.objects)
     if (survivors.isRemade(object)) parted.insert(object.parent);
   for (const auto &[path, object] : snapshot.objects) {
@@ -104,7 +104,7 @@ std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePr
     }
     auto then = before.objects.find(path);
     if (!timesToo || then == before.objects.end() || !sameObject(object, then->second)) continue;
-    // Given the number that its parent has now.
+    // Its attribute received the new number of its parent.
     if (parentOf(then->second) != parentOf(now->second) || parted.count(object.inode)) continue;
     if ((object.flags & (FS_IMMUTABLE_FL | FS_APPEND_FL)) ||
         !sameTime(object.ctime, then->second.ctime))
@@ -115,7 +115,8 @@ std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePr
   return lines;
 }
 
-// The coarse clock lags: until it has passed a fine time, a change can be given that fine time again.
+// The coarse clock lags behind the fine one, so it can repeat a time that the fine clock has already
+// given.
 void awaitClockTick() {
   timespec start, now;
   clock_gettime(CLOCK_REALTIME, &start);

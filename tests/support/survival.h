@@ -1,4 +1,4 @@
-// survival.h: what a restore must leave in place, beyond equality of the two trees.
+// survival.h: what a restore must leave in place, beyond the equality of both trees.
 #pragma once
 
 #include <string>
@@ -8,20 +8,20 @@
 
 namespace testsupport {
 
-// Lines about objects that were made anew or touched without need. An object that exists in the
-// snapshot and in the tree before the restore must keep its inode number at its snapshot path; excepted
-// are hard-linked inodes none of whose snapshot names stayed in its directory, and files that became
-// clone parents. What had not changed since the snapshot must not be touched: it keeps its change time.
-// excepted are flagged objects, whose flags may have to be cleared for a while. timesToo false: leave
-// change times out (after interrupted runs).
+// Returns lines about objects that were made again or touched without need. An object in the snapshot
+// and in the tree before the restore must keep its inode number at its snapshot path, except for
+// hard-linked inodes none of whose snapshot names stayed in its directory, and files that became clone
+// parents. An object that had not changed since the snapshot must keep its ctime, except for flagged
+// objects, whose flags may have to be cleared for a moment. With timesToo false, ignores ctimes (after
+// interrupted runs).
 std::vector<std::string> remadeOrTouched(const TreePrint &snapshot, const TreePrint &before,
                                          const TreePrint &after, bool timesToo);
 
-// Everything but the root that is another inode than before, or was changed in any way.
+// Returns everything, except the root, that is another inode than before or was changed in any way.
 std::vector<std::string> exchangedOrChanged(const TreePrint &before, const TreePrint &after);
 
-// Returns when the clock that the file system stamps changes with has moved on. What is done afterwards
-// has another change time than what was done before; without it both can lie in one tick (some ms).
+// Returns when the clock of the file system's timestamps has advanced, so that later changes get
+// another ctime than earlier ones. Otherwise both can fall into one tick of a few milliseconds.
 void awaitClockTick();
 
 }  // namespace testsupport

@@ -84,7 +84,7 @@ std::string patternBytes(uint64_t seed, uint64_t offset, size_t length) {
 
 std::string aclForUser(uint32_t user, uint16_t permissions) {
   struct Entry {
-    uint16_t tag, permissions;  // tag 1 owner, 2 user, 4 group of the object, 16 mask, 32 others
+    uint16_t tag, permissions;  // tag: 1 owner, 2 user, 4 group of the object, 16 mask, 32 others
     uint32_t id;
   };
   const Entry entries[] = {{1, 7, UINT32_MAX},
@@ -92,7 +92,7 @@ std::string aclForUser(uint32_t user, uint16_t permissions) {
                            {4, 5, UINT32_MAX},
                            {16, 7, UINT32_MAX},
                            {32, 0, UINT32_MAX}};
-  std::string blob("\2\0\0\0", 4);  // the format's version
+  std::string blob("\2\0\0\0", 4);  // version of the format
   return blob.append(reinterpret_cast<const char *>(entries), sizeof entries);
 }
 

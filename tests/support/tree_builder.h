@@ -1,6 +1,6 @@
-// tree_builder.h: small verbs that build and wreck trees. Every verb takes paths below the builder's
-// root, of any length, never follows a symbolic link on the way, and throws std::system_error with a
-// readable text ("chmod a/b: Operation not permitted") where the kernel refuses.
+// tree_builder.h: short verbs that build and change trees. Every verb takes paths below the builder's
+// root, of any length, follows no symbolic link on the way, and throws std::system_error with a
+// readable text ("chmod a/b: Operation not permitted") if the kernel refuses.
 #pragma once
 
 #include <sys/stat.h>
@@ -14,11 +14,11 @@
 
 namespace testsupport {
 
-// Bytes that depend on the seed and the position only, of which the first `length` from `offset`.
+// Returns `length` bytes from `offset` on of a pattern that depends only on seed and position.
 std::string patternBytes(uint64_t seed, uint64_t offset, size_t length);
 
-// The value of system.posix_acl_access or system.posix_acl_default:
-// owner rwx, one user with the given rights, group r-x, mask rwx, others ---.
+// Returns a value of system.posix_acl_access or system.posix_acl_default: owner rwx, one user with the
+// given rights, group r-x, mask rwx, others ---.
 std::string aclForUser(uint32_t user, uint16_t permissions);
 
 inline constexpr const char *kAccessAcl = "system.posix_acl_access";
@@ -29,12 +29,12 @@ class TreeBuilder {
   explicit TreeBuilder(const std::string &root);
   const std::string &root() const { return root_; }
 
-  // New objects: EEXIST where the name is taken. Modes are exact, whatever the umask.
+  // New objects. EEXIST if the name is taken. Modes are exact, whatever the umask.
   void file(const std::string &path, std::string_view text = "", mode_t mode = 0644);
   void big(const std::string &path, uint64_t bytes, uint64_t seed);  // pattern bytes
   void sparse(const std::string &path, uint64_t size, const std::vector<uint64_t> &islands);
   void dir(const std::string &path, mode_t mode = 0755);
-  void dirs(const std::string &path);  // with missing parents; existing ones are kept
+  void dirs(const std::string &path);  // with missing parents; keeps existing ones
   void symlink(const std::string &target, const std::string &path);
   void fifo(const std::string &path, mode_t mode = 0644);
   void socket(const std::string &path, mode_t mode = 0644);
@@ -54,22 +54,22 @@ class TreeBuilder {
   // Clones, made by the file system's own command.
   void cloneParent(const std::string &path);                             // ktclone snap
   void clone(const std::string &parent, const std::string &path);        // ktclone copy
-  void cloneOf(const std::string &parentPath, const std::string &path);  // the same, of any path
+  void cloneOf(const std::string &parentPath, const std::string &path);  // the same for any path
 
   // Names.
-  void rename(const std::string &from, const std::string &to);  // replaces, as rename(2) does
+  void rename(const std::string &from, const std::string &to);  // replaces like rename(2)
   void exchange(const std::string &one, const std::string &other);
   void remove(const std::string &path);  // a file or an empty directory
   void removeTree(const std::string &path);
 
-  // Attributes; none follows a symbolic link.
+  // Attributes. No verb follows a symbolic link.
   void chmod(const std::string &path, mode_t mode);
   void chown(const std::string &path, uid_t uid, gid_t gid);
   void setXattr(const std::string &path, const std::string &name, std::string_view value);
   void removeXattr(const std::string &path, const std::string &name);
   void mtime(const std::string &path, int64_t seconds, long nanoseconds = 0);
 
-  // Inode flags, of files and directories only.
+  // Inode flags of files and directories.
   void immutable(const std::string &path, bool on = true);
   void appendOnly(const std::string &path, bool on = true);
   void noCow(const std::string &path, bool on = true);
@@ -83,11 +83,11 @@ class TreeBuilder {
   std::vector<std::string> names(const std::string &path) const;  // sorted, without . and ..
 
  private:
-  // The folder that holds the last component, opened step by step; *name is that component.
+  // Opens the folder of the last component step by step; *name is that component.
   Descriptor parentOf(const std::string &path, std::string *name) const;
   Descriptor open(const std::string &path, int flags) const;
   struct stat status(const std::string &path) const;
-  // Makes a call on the folder and the last component of a path, or of two.
+  // Calls `call` with the folder and last component of one path, or of two.
   template <typename Call>
   void at(const std::string &what, const std::string &path, Call call) const;
   template <typename Call>

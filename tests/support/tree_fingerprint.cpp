@@ -20,14 +20,14 @@
 namespace testsupport {
 namespace {
 
-// All that a user can set.
+// All flags that a user can set.
 const std::pair<unsigned, const char *> kFlags[] = {
     {FS_IMMUTABLE_FL, "immutable "}, {FS_APPEND_FL, "append-only "}, {FS_NOATIME_FL, "no-atime "},
     {FS_NODUMP_FL, "no-dump "},      {FS_SYNC_FL, "sync "},          {FS_DIRSYNC_FL, "dirsync "},
     {FS_NOCOW_FL, "nocow "},         {FS_COMPR_FL, "compressed "},   {FS_NOCOMP_FL, "uncompressed "}};
 constexpr uint64_t kBlock = 4096;
 
-// Inode numbers of a subvolume's root and of what a snapshot shows in place of a nested subvolume.
+// Inode numbers of a subvolume's root, and of the stub that a snapshot shows for a nested subvolume.
 constexpr ino_t kSubvolumeRoot = 256;
 constexpr ino_t kSubvolumeStub = 2;
 
@@ -55,8 +55,9 @@ class Reader {
     if (dir.valid()) readEntries(dir.get(), path, inode);
   }
 
-  // fd is opened with O_PATH: nothing is started on devices and FIFOs by looking at them. A descriptor
-  // of a directory to read on. Not inlined: its large frame would stand once for every level of a tree.
+  // `fd` was opened with O_PATH, so that examining devices and FIFOs has no effect. Returns a
+  // descriptor if the object is a directory to enter. Not inlined, because its large frame would then
+  // occur on every level of the recursion.
   [[gnu::noinline]] Descriptor describe(int fd, const std::string &path, ino_t parent, ino_t *inode) {
     ObjectPrint object;
     struct statx sx;
@@ -133,7 +134,7 @@ class Reader {
   }
 
   static void readTarget(int fd, const std::string &path, ObjectPrint *object) {
-    object->target.resize(PATH_MAX + 1);  // not on the stack: this walk recurses through deep trees
+    object->target.resize(PATH_MAX + 1);  // not on the stack: the walk recurses
     ssize_t length = readlinkat(fd, "", object->target.data(), object->target.size());
     if (length < 0) failWithErrno("readlink " + path);
     object->target.resize(static_cast<size_t>(length));
@@ -210,7 +211,7 @@ std::string flagsText(unsigned flags) {
   return text.empty() ? "none" : text.substr(0, text.size() - 1);
 }
 
-// All that is compared of an object but the clones, as it is told.
+// Returns all compared properties of an object except clones, as text.
 std::map<std::string, std::string> propertiesOf(const ObjectPrint &object) {
   if (object.nested) return {};
   std::string ranges, group;
@@ -247,7 +248,7 @@ void compareObjects(const std::string &path, const ObjectPrint &want, const Obje
   if (kindName(want) != kindName(have)) return differ("type", kindName(want), kindName(have));
   const auto wanted = propertiesOf(want);
   auto others = propertiesOf(have);
-  // The kernel's own mark on what it has written and could not compress.
+  // The kernel's own mark on data that it wrote and could not compress.
   const bool written = !have.blocks.empty() && have.blocks != want.blocks;
   if (S_ISREG(have.mode) && written && (want.flags & FS_NOCOMP_FL) == 0)
     others["flags"] = flagsText(have.flags & ~unsigned{FS_NOCOMP_FL});

@@ -16,7 +16,7 @@ namespace testsupport {
 namespace {
 
 constexpr uint64_t kDeviceNode = 2;
-constexpr uint32_t kMostBytes = 128 << 10;  // of one request
+constexpr uint32_t kMostBytes = 128 << 10;  // in one request
 constexpr uint32_t kBlock = 4096;
 
 Descriptor openFile(const std::string &path) {
@@ -59,7 +59,7 @@ void WriteRecorder::answer(const fuse_in_header &request, const char *body) {
     head.error = -error;
     head.unique = request.unique;
     iovec parts[2] = {{&head, sizeof head}, {const_cast<void *>(data), length}};
-    // Where the kernel no longer waits for it, there is nobody to tell.
+    // If the kernel no longer waits for the reply, nobody needs it.
     if (writev(fuse_.get(), parts, length ? 2 : 1) < 0) return;
   };
   const auto give = [&](const auto &structure) { reply(0, &structure, sizeof structure); };
@@ -120,7 +120,7 @@ void WriteRecorder::answer(const fuse_in_header &request, const char *body) {
     case FUSE_FORGET:
     case FUSE_BATCH_FORGET:
     case FUSE_INTERRUPT:
-      return;  // these want no answer
+      return;  // these expect no reply
     default:
       return reply(ENOSYS);
   }
@@ -145,7 +145,7 @@ void WriteRecorder::stop() {
 
 WriteRecorder::~WriteRecorder() {
   if (server_.joinable()) {
-    umount2(folder_.c_str(), MNT_FORCE | MNT_DETACH);  // what still waits for the disk fails
+    umount2(folder_.c_str(), MNT_FORCE | MNT_DETACH);  // requests that still wait for the disk fail
     server_.join();
   }
   rmdir(folder_.c_str());
@@ -156,7 +156,7 @@ void WriteRecorder::cut(const std::string &image, uint64_t records,
                         const std::function<bool()> &survives) const {
   if (log_.size() < records) throw std::runtime_error("the log of writes is too short");
   const Descriptor disk = openFile(image);
-  size_t flushed = records;  // so many of them are before the last flush
+  size_t flushed = records;  // number of records before the last flush
   while (flushed > 0 && !log_[flushed - 1].data.empty()) --flushed;
   for (size_t i = 0; i < records; ++i) {
     const auto &[offset, data] = log_[i];

@@ -1,6 +1,6 @@
-// write_recorder.h: a disk that remembers. One file in a file system that a thread of the test's own
-// serves; a loop device over it passes on what a file system writes and flushes, in order, so that the
-// disk can be built as a power cut would have left it.
+// write_recorder.h: a disk that records. A thread of the test serves a file system with one file. A
+// loop device on that file passes on the writes and flushes of a file system in order, so that the disk
+// can be rebuilt as a power cut would have left it.
 #pragma once
 
 #include <atomic>
@@ -18,19 +18,20 @@ namespace testsupport {
 
 class WriteRecorder {
  public:
-  // Serves a copy of `image` as FOLDER/device; folder and copy are made, on a memory file system best.
+  // Serves a copy of `image` as FOLDER/device. Creates folder and copy, preferably on a memory file
+  // system.
   WriteRecorder(const std::string &image, const std::string &folder);
   ~WriteRecorder();
 
   std::string device() const { return folder_ + "/device"; }
-  // Writes and flushes so far; may be asked while the disk is in use.
+  // Returns the number of writes and flushes so far, also while the disk is in use.
   uint64_t count() const { return count_; }
-  // Ends the service. Nothing may have the device open.
+  // Ends the service. Nobody may have the device open.
   void stop();
 
-  // Makes `image`, which must be what the constructor saw, the disk after a cut behind `records` of
-  // them: all writes up to the last flush among these, and of those after it the blocks of 4 KiB that
-  // `survives` picks. After stop().
+  // Makes `image`, which must be as the constructor saw it, the disk after a cut behind `records` of
+  // them: all writes before the last flush among these, and of the writes after it those blocks of 4
+  // KiB that `survives` selects. Call it after stop().
   void cut(const std::string &image, uint64_t records, const std::function<bool()> &survives) const;
 
  private:
@@ -43,7 +44,7 @@ class WriteRecorder {
 
   std::string folder_, copy_;
   Descriptor disk_, fuse_;
-  std::vector<Record> log_;  // the thread's own until stop()
+  std::vector<Record> log_;  // belongs to the thread until stop()
   std::atomic<uint64_t> count_ = 0;
   std::thread server_;
 };

@@ -66,7 +66,7 @@ class Lists : public ::testing::Test {
 TEST_F(Lists, PathsAreFoundByLengthAndLaterRecordsLeft) {
   const std::string paths[] = {"/a", "/x:0!;9!7,0,0,0,0\n1:0:5:", "/\n\t\\ \xff!;",
                                std::string(4095, 'p')};
-  // More than one piece, so that records lie across its end.
+  // More than one read, so that records cross the border.
   std::string text;
   for (int i = 0; i < 1200; ++i)
     text += formatListRecord(i / 7, 0x123456789abcdef0u + i, paths[i % 4], {1, 4096, 8192, 0, 1});

@@ -1,4 +1,4 @@
-// What fset reads and shows: names, times, choices, lines of fsetcompare, files of snapshot tools.
+// What fset parses and shows: names, times, choices, lines of fsetcompare, files of snapshot tools.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <time.h>
@@ -49,7 +49,7 @@ TEST(Names, SizesAndAges) {
   EXPECT_EQ(ageText(3 * 86400 - 1), "2 days");
 }
 
-// Wednesday, 25 November 2026, 15:00 in a zone with one hour's offset.
+// Wednesday, 25 November 2026, 15:00 in a zone one hour east.
 constexpr int64_t kNow = 1795615200;
 
 class Times : public ::testing::Test {
@@ -63,12 +63,12 @@ class Times : public ::testing::Test {
 TEST_F(Times, WhatDateReads) {
   ASSERT_EQ(localTime(kNow), "2026-11-25 15:00:00");
   const struct {
-    const char *words, *moment;  // null: no time
+    const char *words, *moment;  // null: not a time
   } cases[] = {{"2026-11-24", "2026-11-24 23:59:59"},
                {"20261124", "2026-11-24 23:59:59"},
                {"2026-11-24 00:00", "2026-11-24 00:00:00"},
                {"2026-11-24T10:30", "2026-11-24 10:30:00"},
-               {"2026-10-25", "2026-10-25 23:59:59"},  // has 25 hours
+               {"2026-10-25", "2026-10-25 23:59:59"},  // a day of 25 hours
                {"nonsense", nullptr},
                {"a", nullptr},
                {"42", nullptr},
@@ -86,7 +86,7 @@ TEST_F(Times, WhatDateReads) {
   EXPECT_THROW(momentOf("2026-11-27", kNow), Trouble);
 }
 
-// Words that date(1) takes relative to the clock of the machine.
+// Words that date(1) interprets relative to the machine's clock.
 TEST_F(Times, WordsMeanThePast) {
   const int64_t now = time(nullptr);
   EXPECT_NEAR(static_cast<double>(*momentOf("yesterday", now)), static_cast<double>(now - 86400), 7200);

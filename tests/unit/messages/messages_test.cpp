@@ -55,7 +55,7 @@ TEST(Catalogue, UnfitTextsAreNotUsedAndErrnoIsKept) {
   std::filesystem::remove_all(folder);
 }
 
-// Every entry of the programs stands in the German catalogue, fits its arguments and ends as it does.
+// The German catalogue has every text of the programs, with the same arguments and the same ending.
 TEST(Catalogue, GermanIsWholeAndFits) {
   const nl_catd german = catopen(GERMAN_CATALOGUE, 0);
   ASSERT_NE(german, reinterpret_cast<nl_catd>(-1)) << GERMAN_CATALOGUE;

@@ -32,7 +32,7 @@ TEST_F(ClearFlags, MissingObjectAndLinkAreSkippedTheirAncestorsAreNot) {
     EXPECT_FALSE(flagged("a/b") || flagged("a")) << name;
   }
   EXPECT_EQ(clearImuAndApdFlags(active("a/none/missing")).err, ENOENT);
-  EXPECT_FALSE(clearImuAndApdFlags("/elsewhere"));  // ends although the root is not on the way
+  EXPECT_FALSE(clearImuAndApdFlags("/elsewhere"));  // ends although the root is not on the path
 }
 
 TEST_F(ClearFlags, AncestorsThatTheSnapshotHoldsAreListed) {
@@ -69,7 +69,7 @@ TEST_F(ClearFlags, RetriesAreBoundedAndKeepTheCause) {
 TEST_F(ClearFlags, OwnersRefusalClearsTheObjectAloneAsLongAsItCarriesTheFlag) {
   for (const char *flag : {"a/b/f", "a/b"}) tree.immutable(flag);
   int steps = 0;
-  // Another worker sets the flag once more between the clearing and the step.
+  // Another worker sets the flag again between the clearing and the step.
   const auto step = [&] {
     if (++steps == 2) tree.immutable("a/b/f");
     return errnoResult(flagged("a/b/f") ? EPERM : 0);

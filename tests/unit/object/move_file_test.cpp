@@ -7,7 +7,7 @@
 
 namespace {
 
-// The snapshot holds none of the objects, so that moves back restore no attributes.
+// The snapshot has none of the objects, so moves home restore no attributes.
 class MoveFile : public RealFileset {
  protected:
   void SetUp() override {

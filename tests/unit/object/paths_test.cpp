@@ -21,12 +21,12 @@ class Paths : public WorkArea {
 
 TEST_F(Paths, DestinationsInsideOtherLocationsAreFollowedToTheEnd) {
   ASSERT_TRUE(fetchFile("/fs/older", 11));
-  ASSERT_TRUE(fetchFile("/fs/out_er\nx", 11));  // a later decision replaces the earlier one
+  ASSERT_TRUE(fetchFile("/fs/out_er\nx", 11));  // a later decision replaces an earlier one
   ASSERT_TRUE(fetchFile(tempLocation(11) + "/mid", 12));
   ASSERT_TRUE(fetchFile(tempLocation(12) + "/in", 13));
   EXPECT_EQ(real(tempLocation(13) + "/f"), "/fs/out_er\nx/mid/in/f");
   ASSERT_TRUE(fetchFile(tempLocation(13) + "/loop", 11));
-  EXPECT_EQ(real(tempLocation(13) + "/f"), "failed");  // and ends
+  EXPECT_EQ(real(tempLocation(13) + "/f"), "failed");  // ends nevertheless
   EXPECT_EQ(real(tempLocation(14)), "failed");
 }
 
@@ -35,7 +35,7 @@ TEST_F(Paths, OnlyPathsBelowTheWorkDirectoryLieInIt) {
   EXPECT_FALSE(inWorkDir(area_));
   EXPECT_FALSE(inWorkDir("/fs/u" + at("MOVE_1/_1")));
   EXPECT_EQ(real(area_ + "11/MOVE_1/_1"), area_ + "11/MOVE_1/_1");
-  // Names of users look like the program's own.
+  // Users' names can look like the program's own.
   ASSERT_TRUE(fetchFile("/fs/x", 1041));
   EXPECT_EQ(real(tempLocation(1041) + "/MOVE_3/_17"), "/fs/x/MOVE_3/_17");
 }

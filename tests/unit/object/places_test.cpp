@@ -7,7 +7,7 @@ namespace {
 
 class SnapPath : public RealFileset {
  protected:
-  // The inode number of a path's object in the snapshot; 0: there is none, -1: that cannot be told.
+  // Returns the inode number of a path's object in the snapshot; 0: there is none; -1: unknown.
   int64_t inSnapshot(const std::string &path) {
     SnapPlace place;
     if (getSnapPath(path, &place)) return static_cast<int64_t>(place.ino);
@@ -27,7 +27,7 @@ TEST_F(SnapPath, OfRenamedAndWaitingObjects) {
   EXPECT_EQ(inSnapshot(tempLocation(dir)), dir);
   EXPECT_EQ(inSnapshot(tempLocation(dir) + "/a"), below);
   EXPECT_EQ(inSnapshot(tempLocation(dir) + "/b"), 0);
-  // While the walks run a new name stands for the old one; later the object has been moved.
+  // While the walks run, a new name stands for the old one; later the object has been moved.
   ASSERT_TRUE(allocDiffTable());
   ASSERT_TRUE(addItem(dir, kDiffChanged | kDiffMoved));
   EXPECT_EQ(inSnapshot(active("new")), dir);

@@ -12,7 +12,7 @@ class DirLists : public WorkArea {
     lists.dirDepth = depth;
     return lists.DirListRecord(top, "/fs/d", ino, op, deleted);
   }
-  // The records of three inodes, as that list should hold them, whatever their aggregates.
+  // Expects the records of three inodes in the list, whatever their aggregates.
   void expectRecords(const std::string &list, std::vector<uint64_t> inodes) {
     const std::string text = get(list);
     std::string_view rest = text;
@@ -28,7 +28,7 @@ class DirLists : public WorkArea {
   MasterLists lists;
 };
 
-// More lists at once than are kept open.
+// More lists at the same time than are kept open.
 TEST_F(DirLists, EveryRecordInItsListInOrder) {
   for (uint64_t ino = 1; ino <= 3; ++ino) {
     for (uint64_t top = 1000; top < 1040; ++top) {

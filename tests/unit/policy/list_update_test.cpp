@@ -24,8 +24,8 @@ const std::string kHostile = formatListRecord(2, 0x1ffffffff, "/fs/x\n%s:0!;3!7,
 TEST_F(ListUpdate, DropsWhatCheckpointsNameAndKeepsTheRest) {
   put(kOpList, kRange0 + kRange1 + kHostile);
   checkpoint(1, "12c 2,10,10,0,0\n");
-  checkpoint(2, "1ffffffff 6,0,0,0,0\n");              // same inode, another operation
-  checkpoint(1, "12c 2,0,10,0,0\n", /*caller*/ 4242);  // another caller's
+  checkpoint(2, "1ffffffff 6,0,0,0,0\n");              // same inode, other operation
+  checkpoint(1, "12c 2,0,10,0,0\n", /*caller*/ 4242);  // another caller
   ASSERT_TRUE(update());
   EXPECT_EQ(get(kOpList), kRange0 + kHostile);
   checkpoint(3, "1ffffffff 7,0,0,0,0\n");
@@ -63,7 +63,7 @@ TEST_F(ListUpdate, DamagedInputLeavesTheListAsItWas) {
   }
 }
 
-// Done records stay in memory, the list does not.
+// Done records are kept in memory, but not the list.
 TEST_F(ListUpdate, SixHundredThousandCheckpoints) {
   constexpr int kRecords = 600000, kLeft = kRecords / 2;
   const auto record = [](int i) {

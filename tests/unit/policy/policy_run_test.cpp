@@ -16,7 +16,7 @@ class PolicyRun : public WorkArea {
     put(kOpList, kDone + kLeft);
     put(checkpointFile(getpid(), "host", 1), "12c 7,0,0,0,0\n");
   }
-  // Runs a command that notes each of its runs and ends with `exit`.
+  // Runs a command that records each of its runs and ends with `exit`.
   int runs(const std::string &exit) {
     const std::string note = "sh -c 'echo >> " + at("runs") + "; " + exit + "'";
     return executePolicy({note, "-p 3", at(kOpList), at(kPolicy), area_}).rc;

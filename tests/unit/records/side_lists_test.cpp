@@ -15,7 +15,7 @@ TEST_F(SideLists, CountOnlyWhatWasWritten) {
   aggregates = {};
   const int64_t count_before = opCount;
   for (int i = 0; i < 3; ++i) EXPECT_TRUE(listNewDir("/m/a", 300));
-  // The record that overflows an aggregate opens the next with count 0.
+  // A record that overflows an aggregate opens the next one with count 0.
   std::string expected;
   for (const int number : {0, 1, 1}) expected += formatListRecord(number, 300, "/m/a", {kOpCrDir});
   EXPECT_EQ(get(kDirNew), expected);

@@ -1,4 +1,4 @@
-// The work directory goes, what belongs to the fileset never does.
+// The work directory is removed, but never an object of the fileset.
 #include "restore/clean_up.h"
 
 #include <cerrno>
@@ -16,7 +16,7 @@ class CleanUp : public RealFileset {
     for (const char *name : {"opList", "checkpoint/checkpoint.1.h.2", "DelDir_300/1"})
       tree.file("RestoreTemp47/" + std::string(name), "x");
   }
-  // Moves an object of the fileset aside as the walk does it; its temporary location.
+  // Moves an object of the fileset aside like the walk; returns its temporary location.
   std::string setAside(const std::string &name, const std::string &destination = "") {
     const uint64_t ino = tree.inode(name);
     EXPECT_TRUE(makeWorkDirectory(bucketDir(ino)));

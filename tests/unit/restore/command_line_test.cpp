@@ -16,7 +16,7 @@
 
 namespace {
 
-// Of the words of `line`.
+// Parses the words of `line`.
 RunMode read(const std::string &line) {
   std::vector<std::string> words = {"/some/where/prog"};
   std::istringstream in(line);
@@ -42,11 +42,12 @@ TEST(CommandLine, Modes) {
     EXPECT_EQ(read(line), RunMode::kRun) << line;
   for (const std::string &line :
        {std::string(), std::string("/dev -j f"), std::string("/dev -o s"),
-        // A worker needs fileset and snapshot (but in phase 4), a phase, a work directory, and a batch.
+        // A worker needs fileset and snapshot (except in phase 4), a phase, a work directory and a
+        // batch.
         std::string("LIST batch -p 3 -d dev -t /w"), std::string("LIST batch -d dev -j f -o s"),
         std::string("LIST b -p 3 -d dev -j f -o s"), kMaster + "-t /w -p 4", kMaster + "-p 1",
         kMaster + "-p 2", kMaster + "-p -3",
-        std::string("/dev -Z -j f -o s"),  // reading ends at the unknown letter
+        std::string("/dev -Z -j f -o s"),  // parsing ends at the unknown letter
         kMaster + "-N " + std::string(1024, 'n'), kMaster + "-t " + std::string(1024, 'n')})
     EXPECT_EQ(read(line), RunMode::kUsage) << line;
 }

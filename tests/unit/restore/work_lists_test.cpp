@@ -34,7 +34,7 @@ TEST_F(WorkLists, ClonesDeeperThanAnyListGoWithTheDeepestAndAreNotMade) {
   expectDepths(CloneLists::kRestore, {0, 1, 3, 1000});
 }
 
-// Without the list nobody knows whether the snapshot is there: no answer is not "gone".
+// Without the list it is unknown whether the snapshot exists; that must not count as "gone".
 TEST_F(WorkLists, SnapshotsThatCouldNotBeListedAreNotMissing) {
   for (int asked = 0; asked < 2; ++asked) {
     kest_fssnap_handle_t *handle = nullptr;

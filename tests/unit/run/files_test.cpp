@@ -16,7 +16,7 @@ TEST_F(Files, TraceLinesWaitForAMomentOnly) {
   for (int i = 0; i < 2000; ++i) {
     if (i == 1999) {
       EXPECT_GT(get(kErrorLog).size() + 16 * 1024, 1999 * 60u);
-      usleep(2000);  // then the last write is long past
+      usleep(2000);  // so that the last write is long past
     }
     traceLog("line %d\n", i);
     expected += "]: line " + std::to_string(i) + "\n";
@@ -102,7 +102,7 @@ TEST_F(Files, AFullDiskIsReportedAtTheClose) {
 
 TEST(NumberSet, HoldsWhatWasInserted) {
   NumberSet set;
-  // Neighbours, and numbers that differ in their highest bits alone.
+  // Neighbouring numbers, and numbers that differ only in their highest bits.
   const auto number = [](uint64_t i) { return i % 2 == 0 ? i : i << 44; };
   for (uint64_t i = 0; i < 20000; ++i) {
     ASSERT_FALSE(set.contains(number(i))) << i;

@@ -1,4 +1,4 @@
-// How passes divide what the difference scan finds: the library's calls are ours here.
+// How passes divide the results of the difference scan. This test replaces the library's calls.
 #include "scan/scan_pass.h"
 
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include "run/settings.h"
 #include "scan/diff_table.h"
 
-static std::vector<uint64_t> scanned;  // what is left
+static std::vector<uint64_t> scanned;  // inodes that are still to come
 static int openError = ENOENT;
 
 int kest_next_inode64(kest_iscan_t *, uint64_t, const kest_iattr64_t **attr) {

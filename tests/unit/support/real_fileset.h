@@ -1,4 +1,4 @@
-// A fileset of a real file system, its snapshot, and the run's handles and work directory for it.
+// A fileset on a real file system, its snapshot, and handles and work directory for a run.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,8 +14,8 @@
 #include "support/loop_btrfs.h"
 #include "support/tree_builder.h"
 
-// Asked before a call of the library that removes or moves a name: the error number that it fails with,
-// as no kernel does on request; 0: it is performed. Null: all are.
+// Called before a library call that removes or moves a name. Returns the errno with which the call
+// fails, or 0 to perform it. Null: perform all.
 extern std::function<int(const std::string &call)> refusal;
 
 class RealFileset : public ::testing::Test {
@@ -53,7 +53,7 @@ class RealFileset : public ::testing::Test {
   }
 
   std::string active(const std::string &name) const { return tree.root() + "/" + name; }
-  // Of whole paths.
+  // Takes an absolute path.
   static bool exists(const std::string &path) { return std::filesystem::exists(path); }
   std::string read(const std::string &path) const {
     std::string text;

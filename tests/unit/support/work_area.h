@@ -1,4 +1,4 @@
-// A work directory of its own for one test.
+// A work directory for one test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ class WorkArea : public ::testing::Test {
     settings = Settings();
   }
 
-  // Paths in it, or whole ones.
+  // Takes paths in it, or absolute ones.
   std::string at(const std::string &path) const { return std::filesystem::path(area_) / path; }
   void put(const std::string &path, const std::string &text) {
     std::ofstream(at(path), std::ios::binary) << text;

@@ -1,4 +1,4 @@
-// Which blocks are shared and which copied, in which pieces: the library's calls are ours here.
+// Which blocks are shared, which copied, and in which pieces. This test replaces the library's calls.
 #include "worker/data_copy.h"
 
 #include <gtest/gtest.h>
@@ -13,8 +13,8 @@ namespace {
 std::string calls;    // "share 0+4096, "
 std::string refused;  // the range that cannot be shared, or "all"
 int refusedWith = EINVAL;
-bool holes = false;  // what is read
-// What the next calls answer; afterwards they do all that is asked.
+bool holes = false;  // whether reads find holes
+// Results of the next calls; after these, calls do all that is requested.
 std::vector<int64_t> reads, writes;
 
 void note(const char *call, int64_t offset, int64_t length) {
@@ -87,7 +87,7 @@ TEST_F(DataCopy, WholeBlocksAreSharedAndTheRestIsCopied) {
       {5000, 100, 0, "", "share 4096+4096, "},
       {4096, 4096, 1, "", "share 4096+4096, "},
       {8192, 1808, 0, "", "share 8192+1808, "},
-      // A block that ends in the middle cannot be shared where the other file goes on.
+      // A partial block cannot be shared if the other file continues after it.
       {0, 10000, 1, "0+10000", "share 0+10000, share 0+8192, punch 8192+1808, "},
       {5000, 5000, 0, "4096+5904",
        "share 4096+5904, share 4096+4096, look 8192+1808, read 8192+1000, write 8192+1000, read "

@@ -1,4 +1,4 @@
-// Removals that wait, are refused, or meet something else.
+// Removals that wait, are refused, or meet another object.
 #include <cerrno>
 
 #include "formats/list_record.h"
@@ -53,7 +53,7 @@ TEST_F(Operations, DirectoryGoesOnlyWhenItIsTheOneMeantAndEmpty) {
   EXPECT_FALSE(tree.exists("d"));
 }
 
-// Each list is performed by this worker or by an engine of its own; a set has both here in turn.
+// This worker performs small lists, and an engine the others; a set has both in turn.
 TEST_F(Operations, FailureOfANestedListIsTheDirectorys) {
   tree.dir("d");
   const uint64_t ino = tree.inode("d");

@@ -37,9 +37,9 @@ TEST_F(WorkUnit, FirstFailureEndsTheBatch) {
       deletion("d", "9,0,0,0,0"),  // unknown operation
       deletion("d", "5,0,0,0,0"),  // never in a batch
       deletion("d", "7,0,0"),      // no op string
-      "302 0 0\n",                 // no record
+      "302 0 0\n",                 // not a record
       "302 0 0 7,0,0,0,0 -- /" + std::string(17000, 'x') + "\n",
-      deletion("d"),  // cut off below, as its path may be then
+      deletion("d"),  // cut off below, in the middle of its path
   };
   for (std::string &third : thirds) {
     SCOPED_TRACE(third.substr(0, 40));
