@@ -1,9 +1,9 @@
-# Tests run in a private mount and process namespace with the build's own bin folder at
-# /usr/qtx/kest/bin, so they test what was just built and leave nothing behind, even when killed.
+# Tests run in a private mount and process namespace with the build's bin folder at /usr/qtx/kest/bin.
+# So they test the programs just built, and leave nothing behind even if they are killed.
 set(FSETRESTORE_NAMESPACE ${CMAKE_SOURCE_DIR}/tools/private-namespace)
 
 # addTestProgram(NAME SOURCES... [LIBS lib...] [NAMESPACE] [TIMEOUT seconds])
-# One GoogleTest program = one ctest entry. NAMESPACE: run as root in a private namespace.
+# Adds one GoogleTest program as one ctest entry. NAMESPACE: run it as root in a private namespace.
 function(addTestProgram name)
   cmake_parse_arguments(arg "NAMESPACE" "TIMEOUT" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
@@ -25,7 +25,7 @@ function(addTestProgram name)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${arg_TIMEOUT})
 endfunction()
 
-# A test source that is in no test program would silently never run.
+# A test source that belongs to no test program would never run, and nobody would notice.
 function(checkAllTestsRegistered folder)
   get_property(registered GLOBAL PROPERTY FSETRESTORE_TEST_SOURCES)
   file(GLOB_RECURSE files ${folder}/*_test.cpp)

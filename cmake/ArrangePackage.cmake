@@ -1,5 +1,5 @@
-# Runs over the staged package: puts man pages, completion, catalogue and documents where Debian has them, and
-# links to the programs into /usr/sbin.
+# Runs on the staged package: moves man pages, completion, catalogue and documents to their places in Debian, and
+# makes links to the programs in /usr/sbin.
 set(root ${CPACK_TEMPORARY_INSTALL_DIRECTORY})
 set(prefix ${root}/usr/qtx/kest)
 set(doc ${root}/usr/share/doc/fsetrestore)

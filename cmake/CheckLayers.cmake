@@ -1,5 +1,5 @@
-# Fails when a source file includes a room that it may not see (cmake/Rooms.cmake), or when modules include each
-# other in a circle. A module is name.h with name.cpp.
+# Fails if a source file includes a room that cmake/Rooms.cmake does not allow, or if modules include each other in
+# a circle. A module is a pair name.h and name.cpp.
 cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/Rooms.cmake)
 
@@ -36,8 +36,8 @@ foreach(pair IN LISTS FSETRESTORE_ROOMS)
   endforeach()
 endforeach()
 
-# Takes away the modules that include none of those left, and those that none of them includes, until only circles
-# are left.
+# Removes modules that include no remaining one, and modules that no remaining one includes, until only circles
+# remain.
 list(REMOVE_DUPLICATES modules)
 set(left ${modules})
 set(before "")

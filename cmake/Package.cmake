@@ -1,5 +1,5 @@
-# The Debian package: cpack --preset deb. Programs and library stand where the restore looks for them; what a
-# system looks for elsewhere is put there by cmake/ArrangePackage.cmake.
+# The Debian package: cpack --preset deb. Programs and library are installed where the restore looks for them.
+# cmake/ArrangePackage.cmake moves the files that a Debian system expects in other places.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME fsetrestore)
 set(CPACK_PACKAGE_VENDOR fsetrestore)
@@ -20,7 +20,7 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-# From what the programs are linked with; date(1) and a shell are in every system.
+# Dependencies come from the libraries that the programs are linked with. Every system has date(1) and a shell.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_BINARY_DIR}/lib)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)

@@ -1,6 +1,6 @@
-# Who may include whom: "room=rooms that it sees". A room always sees itself; everybody sees kest.h, but for base
-# and formats. Rooms are folders of the include roots (the top, platform/ and src/); those without an order
-# between them (plan and worker) do not see each other.
+# Which room may include which: "room=rooms that it sees". A room sees itself, and every room except base and formats
+# sees kest.h. Rooms are folders of the include roots (the top, platform/ and src/). Neighbours such as plan and worker
+# do not see each other.
 set(FSETRESTORE_ROOMS
   base=
   formats=base

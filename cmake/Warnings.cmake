@@ -4,7 +4,7 @@ set(FSETRESTORE_SANITIZE "" CACHE STRING "value for -fsanitize=, empty for none"
 
 add_compile_options(-Wall -Wextra -Wformat=2 -Wformat-nonliteral -Wshadow -Wundef)
 add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>)
-# g++ 12 sees an overlap in std::string's operator+ that cannot be.
+# g++ 12 falsely reports an overlap in std::string's operator+.
 add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
 add_compile_definitions(_GNU_SOURCE _FILE_OFFSET_BITS=64)
 if(FSETRESTORE_WERROR)
@@ -15,8 +15,8 @@ if(FSETRESTORE_SANITIZE)
   add_link_options(-fsanitize=${FSETRESTORE_SANITIZE})
 endif()
 
-# A restore starts many short processes; relocating the shared C++ runtime is half of a process start.
-# Not with sanitizers, whose runtime wants the shared one, and not in tests, which link shared GoogleTest.
+# Link the C++ runtime statically: a restore starts many short processes, and relocating the shared runtime takes half
+# of a process start. Not with sanitizers, which need the shared runtime, and not in tests, which link GoogleTest.
 if(FSETRESTORE_SANITIZE)
   set(FSETRESTORE_CXX_RUNTIME "")
 else()
