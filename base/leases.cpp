@@ -57,5 +57,6 @@ int openPastLeases(const std::function<int(int waiting)> &open) {
     fd = open(O_NONBLOCK);
     if (fd >= 0 || errno != EWOULDBLOCK) return fd;
   }
+  // If the kernel breaks no lease, a blocking open could wait for ever.
   return time > seconds(0) ? open(0) : fd;
 }

@@ -187,6 +187,7 @@ void BatchRun::handleSignals() {
 }
 
 void BatchRun::signalAll(int signal) {
+  // A negative number addresses the process group, which includes the children of the worker.
   for (const auto &worker : workers_) kill(-worker->pid, signal);
   for (pid_t pid : strangers()) kill(pid, signal);
 }

@@ -91,6 +91,7 @@ int makeClone(int dir_fd, const std::string &name, BtrfsInode &parent) {
     rc = ioctl(clone.fd(), FICLONE, parent.readFd());
   } while (rc != 0 && errno == EINTR);
   if (rc != 0) return -errno;
+  // linkat never replaces an existing name.
   rc = linkat(AT_FDCWD, FdPath(clone.fd()).get(), dir_fd, name.c_str(), AT_SYMLINK_FOLLOW);
   return rc == 0 ? 0 : -errno;
 }

@@ -115,6 +115,8 @@ int listChangedEntries(const TreeRoot &root, DescriptorInode &dir, const Differe
   auto takeSnapshot = [&](const DirEntry &entry) {
     kest_direntx64_t record = toRecord(entry);
     int there = live.stillMeans(&record);
+    // An entry that has come back is no difference any more, unless its number belongs to another
+    // file now.
     if (there < 0 || (there > 0 && (entry.junction || !set.find(entry.target).replaced())))
       return there;
     record.d_type |= KEST_DT_SNAP;

@@ -53,6 +53,8 @@ class ExtentCursor {
 
 bool sameExtent(const ExtentItem &a, const ExtentItem &b, uint64_t from, uint64_t to) {
   if (a.is_inline != b.is_inline || a.compression != b.compression) return false;
+  // The same extent at the same offset into it. Equal addresses alone can be different parts of an
+  // extent.
   if (!a.is_inline) return a.disk == b.disk && a.shift == b.shift;
   if (a.compression != 0 || a.start != 0 || b.start != 0) return a.inline_data == b.inline_data;
   if (to > a.inline_data.size() || to > b.inline_data.size()) return false;

@@ -236,6 +236,7 @@ int BtrfsInode::share(Inode &from, int64_t offset, int64_t length) {
     rc = ioctl(target, FICLONERANGE, &range) == 0 ? 0 : -errno;
   } while (rc == -EINTR);
   switch (rc) {
+    // The caller copies after EINVAL.
     case -EXDEV:
     case -EOPNOTSUPP:
       return -EINVAL;

@@ -100,6 +100,7 @@ int readNamesAndXattrs(const InodeOfTree &inode, InodeRecord *record) {
 int compareInodes(const InodeOfTree &active, InodeRecord *now, const InodeOfTree &snapshot,
                   InodeRecord *then, unsigned *unequal) {
   *unequal = kOther;
+  // Cheap comparisons come first. Data is compared only if everything else is equal.
   if (!sameItem(now->item, then->item)) return 0;
   int rc = readNamesAndXattrs(active, now);
   if (rc == 0) rc = readNamesAndXattrs(snapshot, then);
@@ -148,6 +149,7 @@ int fileSurvives(const TreeRoot &active_root, const TreeRoot &snapshot_root, con
   if (fstat(fd.get(), &status) < 0 || fstat(active_root.fd.get(), &root) < 0) return -errno;
   // Every subvolume has its own device number.
   if (status.st_dev != root.st_dev) return 1;
+  // Trees show committed data only.
   if (syncfs(active_root.fd.get()) < 0) return -errno;
   TreeReader active(active_root.fd.get(), active_root.subvol_id);
   TreeReader snapshot(active_root.fd.get(), snapshot_root.subvol_id);

@@ -139,6 +139,8 @@ int SubvolumeTable::relatedByBirth(uint64_t a, uint64_t b, uint64_t *line) const
 
 int SubvolumeTable::related(uint64_t a, uint64_t b, uint64_t *line) const {
   const Chain mine = chainOf(a), theirs = chainOf(b);
+  // The chains begin with the subvolumes themselves, so the first match is the nearest common
+  // ancestor.
   for (const Ancestor &x : mine.ancestors) {
     for (const Ancestor &y : theirs.ancestors) {
       if (x.uuid != y.uuid) continue;

@@ -129,6 +129,7 @@ int TwinSearch::searchFamily(const NumberPair &top, Family *family) {
 }
 
 int TwinSearch::comparePair(const NumberPair &pair, Family *family) {
+  // A file with several names is compared once; its other names must lead to the same twin.
   if (const auto known = family->linked.find(pair.first); known != family->linked.end())
     return known->second == pair.second;
   InodeRecord now, then;
@@ -170,6 +171,7 @@ int TwinSearch::compareEntries(const NumberPair &pair, Family *family) {
     if (more_now < 0) return more_now;
     const int more_then = then.next(shownThen);
     if (more_then < 0) return more_then;
+    // Both sides come in the order of hashes, so a name that only one of them has shows here.
     if (more_now != more_then) return 0;
     if (more_now == 0) break;
     if (now.hash() != then.hash() || now.entries().size() != then.entries().size()) return 0;
@@ -296,6 +298,7 @@ int TwinSearch::parentIsThere(const CloneAttribute &clone) {
 }
 
 void TwinSearch::keep(const Family &family) {
+  // A family that depends on nothing else is certain and needs no further check.
   if (family.open.empty() && family.survivors.empty()) {
     for (const NumberPair &pair : family.pairs) certain_sorter_.add(pair);
     return;

@@ -38,6 +38,7 @@ int64_t nextChanged(OpenFile *file, kest_iscan *scan, int64_t *offset, int64_t t
   if (difference->set().find(file->if_inode).state == 0) return 0;
   const uint64_t from = *offset, to = term > 0 ? static_cast<uint64_t>(term) : UINT64_MAX;
   ChangedRanges &known = file->changed_ranges;
+  // A query from the start of the file begins a new pass over it, so compare again.
   if (known.scan != scan || from < known.from || to != known.to || from == 0) {
     known = {};
     known.from = from;

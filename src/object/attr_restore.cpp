@@ -179,6 +179,7 @@ Result restoreTarget(const Target &target, int32_t phase) {
   if (type != target.snap.type()) return failed(kIdentify, EINVAL);
   if (!isInodeOrReplacement(target.active, target.snap)) return failed(kIdentify, ESTALE);
   if (Result r = restoreOwner(target); !r) return r;
+  // A symbolic link has no mode, ACL or flags of its own.
   if (type == S_IFLNK) return restoreTimes(target, phase);
   // Later phases still change directories, so phase 6 sets everything but the owner.
   if (type == S_IFDIR && phase != kPhaseDirs) return {};

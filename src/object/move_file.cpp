@@ -39,6 +39,7 @@ bool isGone(const std::string &path) {
 Result moveAside(const std::string &path, uint64_t ino, const std::string &to, bool *vanished) {
   const long long number = static_cast<long long>(ino);
   for (int attempt = 0;; ++attempt) {
+    // The bucket usually exists, so make it only after a failure.
     const Result moved = renameAside(path, to, ino);
     if (moved) return {};
     // ENOENT means that either the bucket or the source is missing.
@@ -83,6 +84,7 @@ Result arriveAgain(const std::string &path, uint64_t ino, int32_t phase) {
   if (st.st_ino != ino) return {};
   FileKind kind = kKindOther;
   if (Result r = checkFile(ino, &kind); !r) return failed(kMoveBack, r.err);
+  // If the number belongs to another file now, there is nothing to repair.
   return kind == kKindSame ? arrive(path, destination, phase) : Result{};
 }
 
@@ -107,6 +109,7 @@ Result moveBack(const std::string &path, uint64_t ino, int32_t phase) {
   if (Result r = destinationOf(ino, &destination); !r) return r;
   const Result moved = renameBack(path, destination);
   if (moved) return arrive(path, destination, phase);
+  // The object at the destination may itself move away in this phase, so phase 5 tries again.
   if (moved.err == EEXIST && phase == kPhaseMoveBack) return listPendingMove(ino).at(kListPending);
   // After a retry a record can be in the list twice, and another worker may have performed it first.
   if (moved.err == ENOENT && isGone(path)) return arriveAgain(path, ino, phase);

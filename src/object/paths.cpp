@@ -75,6 +75,7 @@ Result readLinkTarget(const std::string &path, std::string *target) {
 bool isInodeOrReplacement(const struct stat &st, uint64_t ino, const kest_iattr64_t &attr) {
   if (st.st_ino == ino) return true;
   const auto names = static_cast<uint64_t>(std::max<int64_t>(attr.ia_nlink, 1));
+  // More names than in the snapshot mean that somebody has linked the object here.
   return (st.st_uid == ownUser() || st.st_uid == attr.ia_uid) && st.st_nlink <= names &&
          youngerThanWorkDirectory(st.st_ino);
 }

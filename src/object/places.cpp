@@ -164,6 +164,7 @@ Result resolveCopy(const std::string &path, SnapPlace *place) {
     place->absent = r.err == ENOENT || r.err == ENOTDIR || r.err == ELOOP || r.err == ENAMETOOLONG;
     return failed(kStatCopy, r.err);
   }
+  // The name of a temporary location contains the inode number in the snapshot.
   place->ino = moved_ino != 0 ? moved_ino : st.st_ino;
   return {};
 }

@@ -53,6 +53,7 @@ class DataWalk {
   Result addRange(const DataRange &range) {
     if (range.length <= 0) return {};
     if (waiting_.length > 0 && range.offset - waiting_.end() <= kNearby) {
+      // The merged record is a hole only if both ranges are holes and adjacent.
       waiting_.hole = waiting_.hole && range.hole && range.offset == waiting_.end();
       waiting_.length = range.end() - waiting_.offset;
       return {};
@@ -145,6 +146,7 @@ Result listDifferences(const ChangedFile &file, DataWalk &walk) {
   const DataRange first{static_cast<int64_t>(change.ch_start), static_cast<int64_t>(change.ch_length),
                         change.ch_hole != 0};
   if (Result r = walk.addRange(first); !r) return failed(kListChanges, r.err);
+  // The difference knows the first range, so most files need not be opened.
   if (!change.ch_more) return {};
   Inode active;
   if (Result r = openInode(handles.activeFsP, file.ino, &active); !r) return r.at(kListChanges);
@@ -223,6 +225,8 @@ Result listChangedFile(const RangeWriter &writer, WorkFile &list, const std::str
       if (Result r = truncateActive(file, 0); !r) return r;
     return walk.addWhole(file.snap_size).at(kWriteRecord);
   }
+  // Set the size before a worker starts: several workers write ranges of one file, so none of them
+  // can do it.
   if (file.snap_size != file.active_size)
     if (Result r = truncateActive(file, file.snap_size); !r) return r;
   if (Result r = listDifferences(file, walk); !r) return r;

@@ -37,6 +37,7 @@ class DeletedWalk {
   Result read(uint64_t ino) {
     Inode dir;
     if (Result r = openInode(handles.oldFsP, ino, &dir); !r) return r.at(kOpen);
+    // Each set numbers its aggregates from 1. The caller restores the number of opList.
     aggregates.main.iAgg = 1;
     for (;;) {
       if (stopSignal() != 0) return failedErrno(kReadEntries, EINTR);
@@ -50,9 +51,12 @@ class DeletedWalk {
  private:
   Result handle(const kest_direntx64_t &entry) {
     const bool in_range = inPassRange(entry.d_ino);
+    // A non-directory belongs to the pass of its number, but a directory can lead to objects of any
+    // pass.
     if (isDotEntry(entry.d_name) || (!in_range && !isDirEntry(entry))) return {};
     traceLog("traverseDelDir: d_name %s, d_ino %lld, d_type 0x%X, d_flag 0x%X\n", entry.d_name,
              static_cast<long long>(entry.d_ino), entry.d_type, entry.d_flags);
+    // A snapshot has only an empty stub in place of a nested fileset, so there is nothing to make.
     if (isJunction(path_, entry)) {
       traceLog("traverseDelDir: skip junction %s in deleted dir %s\n", entry.d_name, path_.c_str());
       return {};
@@ -67,6 +71,8 @@ class DeletedWalk {
   Result ofThisPass(const kest_direntx64_t &entry) {
     const uint64_t ino = entry.d_ino;
     const DiffItem *item = findItem(ino);
+    // The difference contains everything below a deleted directory. Without this failure the object
+    // would silently be missing.
     if (!item) {
       traceLog("travserseDelDir: ino %lld path %s\n", static_cast<long long>(ino), path_.c_str());
       dumpDiffTable();

@@ -229,6 +229,7 @@ Result MasterLists::ListRegMoveBack(uint64_t ino) {
   const bool fresh = !reg_moves_;
   Result result = openOnce(kRegMoveList, &reg_moves_).at(kOpenRegMoves);
   if (result) {
+    // Work on a copy: the counter advances only if the record was written.
     AggregateCounter counter = aggregates.regMv;
     counter.countRecord(settings.unitSize);
     result = reg_moves_->appendRecord(counter.iAgg, ino, tempLocation(ino), {.opCode = kOpMoveFile});

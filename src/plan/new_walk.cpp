@@ -115,6 +115,8 @@ class NewWalk {
 
   Result snapshotObject(uint64_t ino, bool in_range, bool changed) {
     if (isHardLinked(ino)) {
+      // Only the name goes; phase 8 gives the inode all its names of the snapshot. If the number lies
+      // outside the range, its own pass lists the inode.
       if (Result r = list(ino, kOpDeleteFile, kListDeletion); !r) return r;
       return in_range ? listLink(path_, ino).at(kListDeletion) : Result{};
     }

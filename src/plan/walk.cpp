@@ -156,6 +156,7 @@ Result CommonWalk::traverseCommonDir(const std::string &path, uint64_t ino) {
 Result CommonWalk::readBoth(CommonDir &dir) {
   if (Result r = openInode(handles.activeFsP, dir.ino, &dir.active); !r) return r.at(kOpen);
   ++directories_;
+  // This read sets the flags by which the second read decides.
   if (Result r = readChangedEntries(dir); !r) return r;
   return readLeadingEntries(dir);
 }
@@ -216,6 +217,7 @@ Result CommonWalk::onlyInSnapshot(CommonDir &dir, const kest_direntx64_t &entry,
     traceLog("traverseCommonDir: skep junction %s only in snapshot.\n", dir.path.c_str());
     return {};
   }
+  // A missing hard link is not copied: phase 8 links the name to the inode.
   if (isDirEntry(entry) || !isHardLinked(entry.d_ino)) return snapshotEntry(dir, entry, in_range);
   bool also_deleted = false;
   if (Result r = listMissingLink(dir.path, entry.d_ino, &also_deleted); !r)
@@ -261,6 +263,7 @@ Result CommonWalk::chooseTarget(uint64_t ino, std::string *target) {
   const std::string own_path = *target;
   struct stat st;
   if (settings.pass > 1) {
+    // Pass 1 has made the directory, so it is either in its temporary location or at its place.
     const std::string waiting = tempLocation(ino);
     const Result there = statPath(waiting, &st);
     if (there || there.err != ENOENT) *target = waiting;
@@ -285,6 +288,7 @@ Result CommonWalk::onlyInActive(CommonDir &dir, const kest_direntx64_t &entry, b
     DiffItem *item = findItem(ino);
     if (!item) {
       if (Result r = addItem(ino, kDiffMoved); !r) return r.at(kAddItem);
+      // A new object under a new name is only deleted; an object of the snapshot must move home.
     } else if (!(item->type & kDiffNew)) {
       item->type |= kDiffMoved;
     }
@@ -321,6 +325,7 @@ Result CommonWalk::leadingEntry(CommonDir &dir, const kest_direntx64_t &entry) {
   const uint64_t ino = entry.d_ino;
   PathName name(dir.path, entry.d_name);
   if (!name.ok()) return failed(kPathTooLong, ENAMETOOLONG);
+  // The work directory lies in the fileset but is no part of it.
   if (dir.path == settings.shareDir) {
     if (settings.Verb) traceLog("Skip shareDir. Path %s\n", dir.path.c_str());
     return {};
@@ -330,6 +335,8 @@ Result CommonWalk::leadingEntry(CommonDir &dir, const kest_direntx64_t &entry) {
   // Without an item the object is unchanged or belongs to another pass, however many links it has.
   DiffItem *item = inPassRange(ino) ? findItem(ino) : nullptr;
   if (!item) return {};
+  // The snapshot has this name, but its inode counts as another file. That may be one which must be
+  // made again.
   if (item->type & kDiffNew && dir.newNames.count(entry.d_name) == 0) {
     bool remake = false;
     if (Result r = needsRemaking(ino, &remake); !r) return failed(kAddItem, r.err);
@@ -429,6 +436,7 @@ Result CommonWalk::hardLinked(CommonDir &dir, const kest_direntx64_t &entry, Dif
   }
   if (item.type & kDiffChanged) {
     if (Result r = lists_.ListRecord(dir.path, ino, kOpRestoreDiffFile); !r) return r.at(kListChanges);
+    // The other names of the inode must not list its changes again.
     item.type &= static_cast<uint8_t>(~kDiffChanged);
   }
   return {};

@@ -134,6 +134,7 @@ Result Update::run() {
   if (Result r = WorkFile::open(rest_, WorkFile::Mode::kTruncate, &rest); !r)
     return failed(kWriteRest, r.err);
   if (Result r = readCheckpoints(); !r) return r;
+  // Read the list twice: a record can be dropped only if no other record has its key.
   if (Result r = countAlike(); !r) return r;
   if (Result r = writePending(*rest); !r) return r;
   if (Result r = closeWorkFile(rest, rest_); !r) return failed(kWriteRest, r.err);

@@ -80,6 +80,7 @@ Result runWithRetries(const EngineRun &run) {
   for (int retries = 0;;) {
     if (Result r = writePolicy(run.policy, options); !r) return r.at(kRunEngine);
     int status = 0;
+    // With exec the engine takes the place of the shell, and is then killed if this process dies.
     const Result started = runCommand("exec " + run.command, &status);
     if (started) traceLog("executePolicy: master: child rc %d\n", status);
     if (started && status == 0) return removeCheckpoints();

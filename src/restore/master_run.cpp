@@ -173,6 +173,7 @@ Result restoreFileset(int argc, char **argv, uint64_t item_limit, MasterLists &l
   userMessage(Message::kPrepare, formatTimeStamp());
   // A failure up to this point leaves nothing of value in the work directory.
   *worthless = true;
+  // The comparison reads committed trees only, so commit first.
   if (Result r = syncFileset(); !r) {
     userMessage(Message::kSyncFailed);
     return r;

@@ -85,6 +85,7 @@ Result runCloneLists(Phase phase, CloneLists kind, CheckedMessage<std::string, i
 
 Result runPassPhases(MasterLists &lists) {
   userMessage(Message::kRestoreFiles, formatTimeStamp());
+  // The records of opList name present paths, so they run before opList.move moves files aside.
   if (Result r = runPhase({kPhaseMain, kOpList, Message::kRestoreFilesFailed}); !r) return r;
   if (Result r =
           runIfListed({kPhaseMain, kOpListMove, Message::kRestoreFilesFailed}, std::nullopt, true);

@@ -32,6 +32,7 @@ void catchStopSignals() {
     if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) continue;
     action = {};
     action.sa_handler = noteStop;
+    // Loops ask stopSignal() themselves, so interrupted system calls can continue.
     action.sa_flags = SA_RESTART;
     sigemptyset(&action.sa_mask);
     for (const int other : kStopSignals) sigaddset(&action.sa_mask, other);

@@ -39,6 +39,7 @@ Result WorkFile::append(std::string_view text) {
     error_ = r.err;
     return r;
   }
+  // Flush before the record, never in the middle of one.
   if (buffer_.size() + text.size() > kBufferBytes) {
     if (Result r = flush(); !r) return r;
   }

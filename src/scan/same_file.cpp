@@ -32,6 +32,8 @@ Result knownKind(uint64_t ino, bool *known, FileKind *kind) {
   if (settings.pass != 1) return {};
   const int bits = kest_idifference(handles.iscanP, ino);
   if (bits < 0) return checkFailed(ino, failed(kAskDifference));
+  // An inode that is not in the difference is unchanged or was made since. The kind of a clone must
+  // be compared.
   if (bits == 0 || bits & KEST_DI_CLONE) return {};
   *known = true;
   if (!(bits & KEST_DI_ACTIVE)) {
@@ -94,6 +96,7 @@ Result checkScanned(uint64_t ino, FileKind *kind) {
 bool mayBeClone(uint64_t ino) {
   constexpr int kBoth = KEST_DI_ACTIVE | KEST_DI_SNAPSHOT;
   const int bits = kest_idifference(handles.iscanP, ino);
+  // A failure counts as "may be", so that the caller examines the inode.
   return bits < 0 || (bits & (kBoth | KEST_DI_REPLACED | KEST_DI_CLONE)) != kBoth;
 }
 

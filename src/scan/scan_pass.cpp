@@ -70,6 +70,7 @@ Result scanPass() {
       const int percent = scan.maxIno == 0 ? 100 : static_cast<int>(ino * 100 / scan.maxIno);
       userMessage(Message::kScanProgress, formatTimeStamp(), settings.pass, ino, percent);
     }
+    // The last step of the run restores the root directory.
     if (ino == handles.rootIno) continue;
     if (Result r = recordInode(ino); !r) return r;
     if (scan.itemCnt >= scan.diffItemLimit) {

@@ -106,6 +106,7 @@ Result fillClone(const std::string &path, kest_ifile_t *snap, uint64_t ino) {
   Inode active;
   if (Result r = openInode(handles.activeFsP, ino, &active); !r) return failed(kOpenClone, r.err);
   const int64_t size = static_cast<int64_t>(snap->if_size);
+  // Sharing can extend a file but not shorten it.
   if (size < static_cast<int64_t>(active->if_size)) {
     bool clearing_failed = false;
     if (Result r = truncatePath(path, size, ino, &clearing_failed); !r)

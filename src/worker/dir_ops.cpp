@@ -69,6 +69,7 @@ Result settledPath(const std::string &path, std::string *real) {
 Result makeDirectory(const std::string &path, uint32_t mode) {
   const Result result = makeDir(path, mode);
   struct stat st;
+  // A repeated record and phase 6 find the directory in place.
   if (!result && result.err == EEXIST && statPath(path, &st) && S_ISDIR(st.st_mode)) return {};
   return result;
 }
@@ -84,6 +85,7 @@ Result makeAndRestore(const Record &record, kest_ifile_t *snap) {
     if (Result r = restoreXAttr(record.ino, snap, path); !r) return r.at(kXAttrs);
   }
   if (Result r = restoreAttr(path, settings.phase); !r) return r.at(kAttributes);
+  // Entries made in the directory will change its times, so phase 6 restores the attributes again.
   if (!last) {
     if (Result r = listNewDir(path, record.ino); !r) return r.at(kListNewDir);
   }
@@ -95,6 +97,7 @@ Result make(const Record &record, const ListRunner &here) {
   if (Result r = openSnapshotInode(record.ino, record.path, &snap); !r)
     return failed(kOpenSnapshotDir, r.err);
   if (!isDirectory(snap->if_mode)) return failed(kOpenSnapshotDir, ENOTDIR);
+  // Pass 1 makes all directories. Later passes only run the lists of their contents.
   if (settings.pass == 1 || settings.phase == kPhaseDirs) {
     if (Result r = makeAndRestore(record, snap.get()); !r) return r;
   }
@@ -152,6 +155,7 @@ Result removeJunction(const std::string &path, int err) {
 Result removeDirectory(const Record &record) {
   const Result result = removeEmptyDir(record.path, record.ino);
   if (result || result.err == ENOENT) return {};
+  // The library never removes a nested subvolume and reports EPERM.
   if (result.err == EPERM) return removeJunction(record.path, result.err);
   if (result.err == ENOTEMPTY && holdsOnlyHidden(record.ino)) {
     traceLog("delDir: dir %s stays, it holds what is left alone\n", record.path.c_str());
@@ -172,6 +176,7 @@ Result remove(const Record &record, const ListRunner &here) {
   if (settings.topDir) {
     if (Result r = runLists(record, false, kDeleteLists, here); !r) return r;
   }
+  // Another inode at the path was not listed, so it stays.
   return st.st_ino == record.ino ? removeDirectory(record) : Result{};
 }
 

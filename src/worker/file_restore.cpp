@@ -163,6 +163,7 @@ Result DeletedFile::makeRegular() {
     if (made = openAt(path_, &active_); made || made.err != ENOENT) break;
   }
   if (!made) return createFailed("open", made.err);
+  // The name may have been taken by a user's file, which must not get this file's data.
   if (active_.type() != S_IFREG) return failed(kCheckMade, EEXIST);
   return isReplacement(active_, snap_) ? Result{} : failed(kCheckMade, ESTALE);
 }
@@ -250,6 +251,7 @@ Result restoreSurvivor(const Record &record) {
   const std::string &path = record.path;
   OpenObject snap, active;
   if (Result r = openSnapshotObject(record.ino, record.path, &snap); !r) return r.at(kOpenSnapshot);
+  // Opened by identity, not by path, so the data reaches the file wherever it has been moved.
   const Result opened = openSameFile(snap, &active);
   if (!opened && opened.err != ENOENT) return opened.at(kOpenActive);
   struct stat st;
@@ -260,6 +262,7 @@ Result restoreSurvivor(const Record &record) {
         !r)
       return r.at(kXAttrs);
   }
+  // Later phases still change the directory, so phase 6 restores its other attributes.
   if (snap.type() == S_IFDIR) return listNewDir(path, record.ino).at(kListDirectory);
   if (snap.type() == S_IFREG) {
     if (!opened) return opened.at(kOpenActive);

@@ -155,6 +155,7 @@ Result LinkGroup::restoreAll() {
     if (name.exists) {
       if (Result r = clearName(name); !r) return r;
     }
+    // Without a target the first name makes the file, to which the others are linked.
     if (Result r = target_ != nullptr ? addName(name) : restoreName(name); !r) return r;
   }
   if (target_ == nullptr) return {};

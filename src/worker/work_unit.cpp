@@ -187,6 +187,7 @@ Result performLine(std::string_view text, const std::string &list_path, int done
     markUnfinished(record);
     return stopped;
   }
+  // A step without a way to fail has recorded an error that could not be written to the marker.
   if (unsavedFatalError() != 0) return stop(failed(kPerform, unsavedFatalError()));
   markIfOthersFailed(record);
   checkpoint->done(record, line.opString);
