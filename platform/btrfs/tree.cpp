@@ -22,7 +22,7 @@
 
 namespace kest {
 
-// Of the directory that this object holds, whatever its path means by now.
+// Locks the directory that this object has open. Its path may lead to another directory by now.
 int BtrfsTree::lock() const {
   UniqueFd root(reopen(root_.fd.get(), O_RDONLY | O_DIRECTORY));
   if (!root || flock(root.get(), LOCK_EX | LOCK_NB) != 0) return -errno;

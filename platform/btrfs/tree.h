@@ -27,7 +27,7 @@ class BtrfsTree : public Tree {
                     std::unique_ptr<Directory> *dir) const override;
   int duplicateDirectory(int fd, std::unique_ptr<Directory> *dir) const override;
   int findNames(uint64_t ino, InodeNames *names) const override;
-  // A new inode has a number above all others.
+  // btrfs gives a new inode a higher number than all others of the subvolume.
   int isYounger(uint64_t ino, uint64_t than) const override { return ino > than; }
   int settle() const override { return 0; }
   int lock() const override;

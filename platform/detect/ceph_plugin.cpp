@@ -18,7 +18,7 @@ namespace {
 constexpr long kCephMagic = 0x00c36400, kFuseMagic = 0x65735546;
 constexpr char kLibrary[] = "libkest-cephfs.so";
 
-// Beside the file that this code is part of, which is the library or a command.
+// Returns the folder, with a slash, of the file that contains this code: the library or a command.
 std::string folderOfThis() {
   Dl_info self;
   if (dladdr(reinterpret_cast<void *>(&isOnCephFs), &self) == 0 || self.dli_fname == nullptr) return "";
@@ -34,7 +34,7 @@ CephPluginOpen load() {
   places.push_back(kLibrary);
   std::string why;
   for (const std::string &place : places) {
-    // For good: the process has threads of it, and what they run must not go away.
+    // It is never unloaded, because its threads run until the process ends.
     void *library = dlopen(place.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
     if (library != nullptr) {
       void *entry = dlsym(library, kCephPluginEntry);

@@ -1,4 +1,5 @@
-// Loads the library that knows CephFS, so that nobody else needs the packages that it stands on.
+// Loads the library that knows CephFS when a path first needs it. Machines without CephFS thus do not
+// need the packages that this library depends on.
 #pragma once
 
 #include <memory>
@@ -8,10 +9,11 @@
 
 namespace kest {
 
-// Whether `path` lies on a mounted CephFS, whoever mounted it. False also where it cannot be looked at.
+// Returns true if `path` lies on a CephFS that the kernel or FUSE mounted; false also if it cannot be
+// examined.
 bool isOnCephFs(const std::string &path);
 
-// As openFileSystem. -ENODEV with errorText(): the library is not there.
+// Does the same as openFileSystem. -ENODEV with errorText(): the library cannot be loaded.
 int openWithCephPlugin(const std::string &device, std::unique_ptr<FileSystem> *fs);
 
 }  // namespace kest

@@ -15,7 +15,8 @@
 
 namespace kest {
 
-// Bits of a state beside KEST_DI_*, which only a platform reads. They tell of the fileset's inode.
+// Further bits of a state, beside KEST_DI_*. They describe the fileset's inode, and only the platform
+// reads them.
 inline constexpr unsigned kDiffRegular = 1u << 8;  // a regular file
 inline constexpr unsigned kDiffNoCow = 1u << 9;    // a file whose blocks are overwritten in place
 inline constexpr unsigned kDiffPublic = 0xff;      // KEST_DI_*

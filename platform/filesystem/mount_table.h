@@ -13,8 +13,8 @@ struct Mount {
   unsigned major_no = 0, minor_no = 0;  // device number of the superblock
   std::string root;                     // path below the top of its file system, without leading slash
   std::string point;                    // mount point
-  std::string source;                   // what is mounted, in the words of the file system
-  std::string super_options;            // of the file system
+  std::string source;                   // what is mounted, as the file system writes it
+  std::string super_options;            // options of the file system, not of this mount
 };
 
 // Parses a line of /proc/self/mountinfo. Returns false if it is malformed.

@@ -1,4 +1,4 @@
-// The programs that run on this machine.
+// Finds the programs that run on this machine.
 #pragma once
 
 #include <sys/types.h>
@@ -7,7 +7,8 @@
 
 namespace kest {
 
-// Inode numbers of those with this st_dev, as far as /proc shows their processes.
+// Returns the inode numbers of the running programs whose files have this st_dev. Processes that /proc
+// does not show are missed.
 std::unordered_set<uint64_t> runningPrograms(dev_t device);
 
 }  // namespace kest

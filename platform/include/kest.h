@@ -242,9 +242,9 @@ int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino, const
 
 /* Opens an inode by number for reading and writing. Its data is opened in either mode when a call
  * first needs it. Opening a device node or FIFO has no side effect. `flags` and `attr` are unused
- * (0, NULL). `link` is a path at which the tree is likely to have the inode, or NULL: a file system that
- * can forget the numbers of deleted inodes looks there first. NULL: ENOENT no such inode, or it has no
- * name. */
+ * (0, NULL). `link` is a path at which the tree is likely to have the inode, or NULL: a file system
+ * that can forget the numbers of deleted inodes looks there first. NULL: ENOENT no such inode, or it
+ * has no name. */
 kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *handle, uint64_t ino, int flags, const void *attr,
                            const char *link);
 /* The same for the regular file of `fd`, which is open for reading and writing. Takes ownership of
@@ -292,8 +292,8 @@ int kest_settle(kest_fssnap_handle_t *active);
 
 /* Locks the fileset for one restore, on all nodes and mounts. Returns a close-on-exec descriptor; the
  * lock lasts while a process has it open. -1: EWOULDBLOCK somebody else holds the lock, errno.
- * kest_remove_lock removes the file on which the lock is held, if there is one, before the descriptor is
- * closed. 0; -1: errno. */
+ * kest_remove_lock removes the file on which the lock is held, if there is one, before the descriptor
+ * is closed. 0; -1: errno. */
 int kest_lock(kest_fssnap_handle_t *active);
 int kest_remove_lock(kest_fssnap_handle_t *active);
 

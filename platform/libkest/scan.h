@@ -13,7 +13,7 @@ struct kest_iscan {
   bool computed = false;                         // the difference has been computed
   uint64_t next_ino = 0;
   kest::SortedPairs::Cursor cursor;  // in the difference
-  uint64_t cursor_ino = UINT64_MAX;  // the cursor continues at this inode; UINT64_MAX: there is no cursor
+  uint64_t cursor_ino = UINT64_MAX;  // the cursor continues at this inode; UINT64_MAX: no cursor
   kest_iattr64_t attr{};             // the record returned last
 };
 

@@ -82,7 +82,7 @@ Result readFlags(const kest_ifile_t *file, int *flags) {
   if (Result r = openForReading(file, &fd); !r) return r;
   const Result r = called(ioctl(fd.get(), FS_IOC_GETFLAGS, flags));
   const bool none = r.err == ENOTTY || r.err == EINVAL || r.err == EOPNOTSUPP;
-  return none ? Result{} : r;  // the file system has no flags
+  return none ? Result{} : r;  // these errors mean that the file system has no flags
 }
 
 Result readState(const kest_ifile_t *file, ObjectState *state) {
@@ -217,7 +217,7 @@ Result statObject(const kest_ifile_t *file, struct stat *st) {
   const UniqueFd fd(kest_path_descriptor(file));
   if (!fd) return failedErrno(0);
   const Result r = called(fstat(fd.get(), st));
-  st->st_ino = file->if_inode;  // a mount may tag the numbers of a snapshot's inodes
+  st->st_ino = file->if_inode;  // because a mount may add a tag to the numbers of a snapshot
   return r;
 }
 

@@ -67,8 +67,8 @@ Result leaveLink(const std::string &path, const std::string &destination) {
 }
 
 Result arrive(const std::string &path, const std::string &destination, int32_t phase) {
-  // The temporary location of a directory becomes a link only in phase 6, its final move.
   if (Result r = restoreAttr(destination, phase); !r) return r.at(kRestoreAttributes);
+  // The temporary location of a directory becomes a link only in phase 6, its final move.
   return phase == kPhaseDirs ? leaveLink(path, destination) : Result{};
 }
 

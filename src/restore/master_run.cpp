@@ -155,7 +155,7 @@ Result restoreRoot() {
   return result;
 }
 
-// What the master itself wrote may still fail.
+// A write of the master itself may fail only now.
 Result settleAll() {
   const Result result = called(kest_settle(handles.activeFsP));
   if (result) return {};

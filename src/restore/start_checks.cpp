@@ -67,7 +67,7 @@ bool locked = false;
 }  // namespace
 
 void unlockFileset() {
-  // What stays is harmless: the next run takes it over.
+  // A file that stays is harmless: the next run locks it again.
   if (locked) (void)kest_remove_lock(handles.activeFsP);
 }
 

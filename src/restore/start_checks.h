@@ -9,7 +9,8 @@
 // released when the last process of the run has ended, however it ended. rc of a failure is the errno,
 // after a message; EWOULDBLOCK: another restore holds the lock.
 Result lockFileset();
-// Takes away what the lock stands on, if this process took it. At the end of a run.
+// Removes the file on which the lock is held, if there is one and this process took the lock. The
+// master calls this at the end of a run.
 void unlockFileset();
 
 // Checks that the program, its library and the commands of the file system exist and survive the

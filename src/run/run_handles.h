@@ -36,8 +36,8 @@ using InodeScan = std::unique_ptr<kest_iscan_t, ScanCloser>;
 // ENOENT means that the tree holds no such inode.
 Result openInode(kest_fssnap_handle_t *fs, uint64_t ino, Inode *file, int flags = 0);
 
-// Opens inode `ino` of the snapshot. `path` is where the inode belongs in the active fileset, if that is
-// known: the snapshot is likely to have it at the same place. rc of a failure is the errno.
+// Opens inode `ino` of the snapshot. `path` is where the inode belongs in the active fileset, if that
+// is known: the snapshot is likely to have it at the same place. rc of a failure is the errno.
 Result openSnapshotInode(uint64_t ino, const std::string &path, Inode *file);
 
 // Like openInode, but a missing inode is no failure; `file` is then empty.

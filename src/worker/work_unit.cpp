@@ -118,16 +118,17 @@ Result stop(const Result &failure) {
   return {err, failure.code, err};
 }
 
-// The lines of a worker's checkpoint file: what a run that repeats the batch passes over.
+// Writes a worker's checkpoint file. It names the records that are done, and a run that repeats the
+// batch skips them.
 class Checkpoint {
  public:
   Result open(const std::string &path) {
     return openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND, &fd_);
   }
 
-  // To be called before a record is performed. A file's contents and attributes can be restored twice
-  // with the same result, so the lines of such records may be lost with the worker: they wait up to ten
-  // milliseconds for each other. Any other record depends on what was done before it.
+  // Must be called before a record is performed. Restoring a file's contents and attributes twice has
+  // the same result, so the lines of such records may be lost with the worker: they are collected for
+  // up to ten milliseconds and written together. Any other record depends on what was done before it.
   Result before(const Operation &op) {
     const bool repeatable = op.opCode == kOpRestoreDiffFile || op.opCode == kOpRestoreDelFile;
     return repeatable && nanoseconds() - last_write_ < kPause ? Result{} : flush();
@@ -136,8 +137,8 @@ class Checkpoint {
     waiting_ += formatCheckpointLine(record.ino, op_string);
     last_ = record;
   }
-  // Writes the lines that wait. A record that is noted is not performed again, so the file system has
-  // to keep what was done first.
+  // Writes the collected lines. A record with a line is not performed again, so the file system must
+  // hold the result first: kest_settle makes sure of that.
   Result flush() {
     if (waiting_.empty()) return {};
     if (Result r = called(kest_settle(handles.activeFsP)); !r) {
@@ -178,7 +179,7 @@ Result performLine(std::string_view text, const std::string &list_path, int done
     traceLog("Invalid opString %s\n", line.opString.c_str());
     return stop(failed(kBadRecord, EINVAL));
   }
-  // Without its line a repeated run would not know that a record is done.
+  // If a line cannot be written, a repeated run would not know that the record is done.
   if (Result r = checkpoint->before(record.op); !r) return stop(failed(kCheckpoint, r.err));
   if (Result r = perform(record); !r) {
     reportFailure(record, r.reason());

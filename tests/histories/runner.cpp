@@ -156,7 +156,7 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
   const std::vector<std::string> workers{"-m", many ? "36" : "2"};
   RunOptions options;
   options.program = settings_.program;
-  // The servers may wait a minute for a client that was killed.
+  // The servers may wait up to a minute for a client that was killed.
   if (TestFileSystem::onCephFs()) options.timeoutSeconds = 250;
   if (many) options.environment.emplace_back("KT_MAX_WORKERS", "36");
   if (!settings_.passes.empty())

@@ -1,4 +1,4 @@
-// A CephFS directory, returned to a snapshot of it: files, links, attributes, layouts, directories that
+// Restores a CephFS directory from a snapshot: files, links, attributes, layouts, directories that
 // moved, and inodes that the servers have forgotten.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -115,7 +115,7 @@ TEST_F(CephRestore, EverythingComesBack) {
   expectRestored(snapshot);
 }
 
-// The number of a deleted inode means nothing to a metadata server that has been started again.
+// A metadata server that was restarted no longer knows the number of a deleted inode.
 TEST_F(CephRestore, DeletedInodesAreReachedAfterARestart) {
   TreeBuilder &t = *tree_;
   t.dirs("gone/deep/er");

@@ -49,7 +49,7 @@ class RestoreFixture : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // For tests of what only btrfs has.
+  // For tests of features that only btrfs has; throws std::bad_cast on another file system.
   static testsupport::LoopBtrfs &fs() { return dynamic_cast<testsupport::LoopBtrfs &>(*fs_); }
   static const std::string &device() { return fs_->mountPoint(); }
   const std::string &fileset() const { return fileset_; }

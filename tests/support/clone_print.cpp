@@ -75,7 +75,7 @@ std::vector<fiemap_extent> extentsOf(int fd, uint32_t flags, const std::string &
     map->fm_flags = flags;
     map->fm_extent_count = kExtents;
     if (ioctl(fd, FS_IOC_FIEMAP, map) != 0) {
-      if (errno == EOPNOTSUPP) return {};  // the file system has none to show
+      if (errno == EOPNOTSUPP) return {};  // the file system does not show extents
       failWithErrno("map " + path);
     }
     if (map->fm_mapped_extents == 0) return extents;

@@ -273,14 +273,14 @@ void TreeBuilder::rename(const std::string &one, const std::string &to) {
 }
 
 void TreeBuilder::exchange(const std::string &one, const std::string &other) {
-  // In three steps where the file system has no such call.
+  // Takes three renames on a file system that has no exchange.
   from("exchange", one, other, [](int a, const char *first, int b, const char *second) {
     if (renameat2(a, first, b, second, RENAME_EXCHANGE) == 0) return 0;
     constexpr char kAside[] = ".exchanged";
     if (errno != EINVAL || renameat(a, first, a, kAside) != 0) return -1;
     if (renameat(b, second, a, first) == 0) {
       if (renameat(a, kAside, b, second) == 0) return 0;
-      renameat(a, first, b, second);  // one lies in the other
+      renameat(a, first, b, second);  // one contains the other: undo
     }
     renameat(a, kAside, a, first);
     errno = EINVAL;

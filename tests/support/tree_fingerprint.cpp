@@ -89,7 +89,7 @@ class Reader {
     if (!opened.valid()) failWithErrno("open " + path);
     int flags = 0;
     const bool none = ioctl(opened.get(), FS_IOC_GETFLAGS, &flags) != 0;
-    // The file system has no flags.
+    // These two errors mean that the file system has no flags.
     if (none && errno != ENOTTY && errno != EINVAL) failWithErrno("get flags of " + path);
     object.flags = static_cast<unsigned>(flags);
     *inode = object.inode;
