@@ -16,10 +16,14 @@ namespace {
 
 constexpr int kLookEvery = 250;  // milliseconds
 
-volatile sig_atomic_t restore = 0;
+volatile sig_atomic_t restore = 0;  // its process
+volatile sig_atomic_t missed = 0;   // a signal that came before that was known
 
 void passOn(int number) {
-  if (restore > 0) kill(static_cast<pid_t>(restore), number);
+  if (restore > 0)
+    kill(static_cast<pid_t>(restore), number);
+  else
+    missed = number;
 }
 
 // Passes signals on, because this process must outlive the restore, which ends by itself.
@@ -54,6 +58,7 @@ int runRestore(const Fileset &fileset, const Snapshot &snapshot) {
                    "/" + snapshot.path, "-q"},
                   Program::Capture::kBoth);
   restore = program.pid();
+  if (missed != 0) passOn(missed);
   RunWatch watch(fileset.root.get(), program.pid());
   LiveLine live;
   std::string text;

@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <string>
 #include <unordered_set>
@@ -317,7 +318,17 @@ Result CommonWalk::readLeadingEntries(CommonDir &dir) {
     ++entries_;
     traceLog("traverseCommonDir:[2] d_name %s, d_ino %lld, d_type 0x%X, d_flag 0x%X\n", entry->d_name,
              number(entry->d_ino), entry->d_type, entry->d_flags);
-    if (Result r = leadingEntry(dir, *entry); !r) return failedAt(dir.path + "/" + entry->d_name, r);
+    const Result handled = leadingEntry(dir, *entry);
+    if (handled) continue;
+    const std::string path = dir.path + "/" + entry->d_name;
+    // A directory with many changes was listed as a whole, so its owner can have removed the entry
+    // since.
+    struct stat st;
+    if (handled.err == ENOENT && statPath(path, &st).err == ENOENT) {
+      traceLog("traverseCommonDir: path %s is gone\n", path.c_str());
+      continue;
+    }
+    return failedAt(path, handled);
   }
 }
 
