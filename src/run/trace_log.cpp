@@ -18,8 +18,8 @@ namespace {
 UniqueFd log_fd;
 std::string log_dir;  // the work directory whose log is log_fd
 
-constexpr size_t kMostWaiting = 16 * 1024;  // bytes
-constexpr int64_t kPause = 1000000;         // nanoseconds
+constexpr size_t kMostWaiting = 64 * 1024;  // bytes
+constexpr int64_t kPause = 10000000;        // nanoseconds
 
 std::string waiting;  // lines that are not written yet
 int64_t last_write = 0;
@@ -40,8 +40,25 @@ bool openLog() {
   return true;
 }
 
-// Writes the line, or keeps it if the last write was less than a millisecond ago and fewer than 16 KiB
-// are waiting.
+// Returns what every line begins with. It is formatted again only when it changes.
+const std::string &linePrefix() {
+  static const long long pid = getpid();  // the children of vfork trace nothing
+  static std::string prefix;
+  static time_t second = 0;
+  static int32_t phase = 0, pass = 0;
+  const time_t now = time(nullptr);
+  if (prefix.empty() || now != second || phase != settings.phase || pass != settings.pass) {
+    second = now, phase = settings.phase, pass = settings.pass;
+    char text[256];
+    snprintf(text, sizeof text, "[%s][%s][pid:%lld phase:%d pass:%d]: ", formatTimeStamp().c_str(),
+             hostName().c_str(), pid, phase, pass);
+    prefix = text;
+  }
+  return prefix;
+}
+
+// Writes the line, or keeps it if the last write was less than ten milliseconds ago and fewer than 64
+// KiB are waiting.
 void putLine(std::string_view line) {
   if (waiting.size() + line.size() > kMostWaiting) flushTraceLines();
   waiting.append(line);
@@ -96,12 +113,7 @@ void traceLog(const char *format, ...) {
     errno = saved;
     return;
   }
-  static const long long pid = getpid();  // the children of vfork trace nothing
-  char prefix[256];
-  const int prefix_length = snprintf(prefix, sizeof prefix,
-                                     "[%s][%s][pid:%lld phase:%d pass:%d]: ", formatTimeStamp().c_str(),
-                                     hostName().c_str(), pid, settings.phase, settings.pass);
-  std::string line(prefix, static_cast<size_t>(prefix_length));
+  std::string line = linePrefix();
   va_list args, again;
   va_start(args, format);
   va_copy(again, args);

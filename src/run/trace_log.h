@@ -4,9 +4,9 @@
 #include <string>
 
 // Appends one line: "[time][host][pid:... phase:... pass:...]: " and the text. Formats end with a
-// newline. Lines that follow each other within a millisecond are collected; they reach the file whole,
-// by one write(2) in append mode. Reports no failure and keeps errno. Does nothing while there is no
-// work directory.
+// newline. Lines that follow each other within ten milliseconds are collected; they reach the file
+// whole, by one write(2) in append mode. Reports no failure and keeps errno. Does nothing while there
+// is no work directory.
 void traceLog(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Writes the lines that wait. Call it before this process waits, starts another process or ends. Keeps
