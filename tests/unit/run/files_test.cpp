@@ -15,8 +15,8 @@ TEST_F(Files, TraceLinesWaitForAMomentOnly) {
   std::string expected, lines;
   for (int i = 0; i < 2000; ++i) {
     if (i == 1999) {
-      EXPECT_GT(get(kErrorLog).size() + 16 * 1024, 1999 * 60u);
-      usleep(2000);  // so that the last write is long past
+      EXPECT_GT(get(kErrorLog).size() + 64 * 1024, 1999 * 60u);
+      usleep(20000);  // so that the last write is long past
     }
     traceLog("line %d\n", i);
     expected += "]: line " + std::to_string(i) + "\n";
