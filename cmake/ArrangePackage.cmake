@@ -1,6 +1,6 @@
-# Runs on the staged package: moves man pages, completion, catalogue and documents to their places in Debian, and
+# Runs on the staged packages, each in a folder named after its component. In fsetrestore itself it moves man pages, completion, catalogue and documents to their places in Debian, and
 # makes links to the programs in /usr/sbin.
-set(root ${CPACK_TEMPORARY_INSTALL_DIRECTORY})
+set(root ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/Unspecified)
 set(prefix ${root}/usr/qtx/kest)
 set(doc ${root}/usr/share/doc/fsetrestore)
 
@@ -39,3 +39,10 @@ pack(${doc}/changelog.Debian)
 file(READ ${FSETRESTORE_SOURCE}/LICENSE license)
 file(WRITE ${doc}/copyright "fsetrestore\n\n${license}")
 file(CHMOD ${doc}/copyright PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+
+# Both packages have the same documents.
+if(EXISTS ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/cephfs)
+  set(docs ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/cephfs/usr/share/doc)
+  file(MAKE_DIRECTORY ${docs})
+  file(CREATE_LINK fsetrestore ${docs}/fsetrestore-cephfs SYMBOLIC)
+endif()

@@ -1,4 +1,5 @@
-# The Debian package: cpack --preset deb. Programs and library are installed where the restore looks for them.
+# The Debian packages: cpack --preset deb. Who has no cluster needs no package of Ceph: its library is a package of its
+# own, fsetrestore-cephfs. Programs and library are installed where the restore looks for them.
 # cmake/ArrangePackage.cmake moves the files that a Debian system expects in other places.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME fsetrestore)
@@ -6,12 +7,25 @@ set(CPACK_PACKAGE_VENDOR fsetrestore)
 set(FSETRESTORE_MAINTAINER "fsetrestore authors <authors@fsetrestore.invalid>" CACHE STRING
   "name and address of whoever builds the package")
 set(CPACK_PACKAGE_CONTACT ${FSETRESTORE_MAINTAINER})
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "put btrfs subvolumes back to snapshots in place")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "put btrfs subvolumes and CephFS directories back to snapshots")
 set(CPACK_PACKAGE_DESCRIPTION
 "fset lists the snapshots of a subvolume, shows what differs, puts it back to
 one of them and undoes that again. Mounts, open files and inodes stay valid,
 and the work grows with the difference alone. The layouts of the usual
 snapshot tools work as they are.")
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_COMPONENTS_ALL Unspecified)
+set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_NAME fsetrestore)
+set(CPACK_DEBIAN_UNSPECIFIED_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
+if(TARGET kest_cephfs)
+  list(APPEND CPACK_COMPONENTS_ALL cephfs)
+  set(CPACK_DEBIAN_CEPHFS_PACKAGE_NAME fsetrestore-cephfs)
+  set(CPACK_DEBIAN_CEPHFS_PACKAGE_DEPENDS "fsetrestore (= ${PROJECT_VERSION}-1)")
+  set(CPACK_DEBIAN_CEPHFS_DESCRIPTION
+"With this package the programs of fsetrestore work on directories of a CephFS
+and the snapshots in their .snap folders.")
+endif()
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr/qtx/kest)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS

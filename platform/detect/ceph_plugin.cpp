@@ -43,7 +43,7 @@ CephPluginOpen load() {
     const char *reason = dlerror();
     if (why.empty() || place == kLibrary) why = reason != nullptr ? reason : "";
   }
-  setErrorText("the library for CephFS cannot be loaded: " + why);
+  setErrorText("the library for CephFS (package fsetrestore-cephfs) cannot be loaded: " + why);
   return nullptr;
 }
 
@@ -66,7 +66,8 @@ bool isOnCephFs(const std::string &path) {
 int openWithCephPlugin(const std::string &device, std::unique_ptr<FileSystem> *fs) {
   static const CephPluginOpen open = load();
   if (open == nullptr) {
-    if (errorText().empty()) setErrorText("the library for CephFS cannot be loaded");
+    if (errorText().empty())
+      setErrorText("the library for CephFS (package fsetrestore-cephfs) cannot be loaded");
     return -ENODEV;
   }
   return open(device, setErrorText, fs);
