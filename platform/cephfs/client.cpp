@@ -160,17 +160,23 @@ int CephClient::list(const InodeRef &dir, std::vector<CephEntry> *entries, bool 
     struct dirent entry;
     CephStat st;
     ::Inode *inode = nullptr;
-    rc = ceph_readdirplus_r(mount_, stream, &entry, &st, kAllAttributes, AT_SYMLINK_NOFOLLOW,
-                            open_directories ? &inode : nullptr);
+    rc = ceph_readdirplus_r(mount_, stream, &entry, &st, kAllAttributes, AT_SYMLINK_NOFOLLOW, &inode);
     // An entry that goes away while it is looked at is none.
     if (rc == -ENOENT || rc == -ESTALE) continue;
     if (rc <= 0) break;
-    InodeRef held(inode != nullptr ? shared_from_this() : nullptr, inode);
+    InodeRef held(shared_from_this(), inode);
     if (isDots(entry.d_name)) continue;
+    // The first entry of every message from the servers comes with attributes that another client may
+    // have changed since, and only this call makes that client tell. Of the others it costs nothing.
+    if (int known = snapshot ? 0 : readStat(held, &st); known < 0) {
+      if (known == -ENOENT || known == -ESTALE) continue;
+      rc = known;
+      break;
+    }
     leaveOutContents(&st);
     entries->push_back({entry.d_name, st, {}});
     if (!S_ISDIR(st.stx_mode)) continue;
-    entries->back().dir = std::move(held);
+    if (open_directories) entries->back().dir = std::move(held);
     if (!snapshot) continue;
     std::lock_guard lock(mutex_);
     places_[own.stx_dev][st.stx_ino] = {own.stx_ino, entry.d_name};
