@@ -169,6 +169,8 @@ int CephDifference::listChanged(Inode &dir, EntryList *entries) {
     if (int rc = diffListings(active, ino, &listed); rc < 0) return rc;
     difference = &listed;
   }
+  EntryDifference left = *difference;
+  dropPairs(&left, [&](uint64_t then, uint64_t now) { return set_.twinOf(then) == now; });
   // 1 where the name still, or again, means the inode; 0; -errno.
   const auto means = [&](const DirEntry &entry) {
     InodeRef inode;
@@ -178,7 +180,7 @@ int CephDifference::listChanged(Inode &dir, EntryList *entries) {
     return rc < 0 ? rc : st.stx_ino == entry.target;
   };
   return visitByName(
-      *difference,
+      left,
       [&](const DirEntry &entry) {
         const int there = means(entry);
         if (there > 0) entries->add(toRecord(entry));

@@ -15,6 +15,11 @@ bool sameListing(const CephStat &now, const CephStat &then);
 int sameProperties(const CephRoot &active, const CephRoot &snapshot, uint64_t ino, const CephStat &now,
                    const CephStat &then, const InodeRef &dir_then, const std::string &name);
 
+// The same for an inode of the fileset and another one of the snapshot, whose listings agree: extended
+// attributes, layout, holes, data, the target of a link. 1, 0 or -errno.
+int sameContents(const CephRoot &active, const CephRoot &snapshot, const InodeRef &here,
+                 const CephStat &now, const InodeRef &there, const CephStat &then);
+
 // See kest_ichange.
 int describeChange(const CephRoot &active, const CephRoot &snapshot, uint64_t ino,
                    kest_change_t *change);

@@ -5,9 +5,11 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -15,12 +17,14 @@
 #include "cephfs/inode_compare.h"
 #include "cephfs/names.h"
 #include "cephfs/run_lock.h"
+#include "cephfs/twin_search.h"
 
 namespace kest {
 
 namespace {
 
 constexpr int kThreads = 4;
+constexpr size_t kMostCandidates = 1 << 17;  // for twins; some 10 MiB
 
 // What one entry says about its inode. All that the entries of an inode say is taken together in the
 // end, so that the names of a hard link can be met in any order.
@@ -55,6 +59,13 @@ class TreeComparison {
     InodeRef then;         // in the snapshot, looked up by names
   };
 
+  // How a directory of both trees with candidates for twins differs.
+  struct Changed {
+    size_t entries =
+        0;  // names that only one of them has, or that mean another inode, which count twice
+    bool itself = false;
+  };
+
   int workThrough();
   void work();
   int visit(const Folder &folder);
@@ -68,8 +79,10 @@ class TreeComparison {
   void addParent(uint64_t dir, uint64_t parent);
   void addLead(uint64_t dir, const CephEntry &entry);
   void noteEntries(uint64_t dir, const EntryDifference &changed);
+  void addCandidates(uint64_t dir, std::vector<TwinCandidate> candidates, const Changed &changed);
   void recordFolder(uint64_t ino, unsigned state);
   void recordFiles();
+  int settleTwins();
   void climb();
 
   const CephRoot &active_, &snapshot_;
@@ -84,6 +97,8 @@ class TreeComparison {
   std::unordered_set<uint64_t> moved_;  // directories of both trees that stand elsewhere now
   std::vector<uint64_t> unmatched_;     // directories under names that only the fileset has
   PairSorter news_, found_, leads_, parents_;
+  std::vector<TwinCandidate> candidates_;
+  std::unordered_map<uint64_t, Changed> changed_dirs_;  // of the candidates
 };
 
 void TreeComparison::push(Folder folder) {
@@ -113,6 +128,15 @@ void TreeComparison::noteEntries(uint64_t dir, const EntryDifference &changed) {
   notes_->addEntries(dir, changed);
 }
 
+void TreeComparison::addCandidates(uint64_t dir, std::vector<TwinCandidate> candidates,
+                                   const Changed &changed) {
+  std::lock_guard lock(mutex_);
+  // What is not looked at counts as different, and is made again.
+  if (candidates_.size() + candidates.size() > kMostCandidates) return;
+  std::move(candidates.begin(), candidates.end(), std::back_inserter(candidates_));
+  changed_dirs_[dir] = changed;
+}
+
 void TreeComparison::recordFolder(uint64_t ino, unsigned state) {
   std::lock_guard lock(mutex_);
   found_.add({ino, state | KEST_DI_DIR});
@@ -140,8 +164,9 @@ int TreeComparison::compute() {
   }
   recordFiles();
   difference_->setInodes(found_.finish());
+  rc = settleTwins();
   climb();
-  return 0;
+  return rc;
 }
 
 int TreeComparison::workThrough() {
@@ -210,6 +235,7 @@ int TreeComparison::visitPair(const Folder &folder) {
   std::sort(now.begin(), now.end(), byName);
   std::sort(then.begin(), then.end(), byName);
   EntryDifference changed;
+  std::vector<TwinCandidate> may_be_twins;
   const auto onlyInActive = [&](CephEntry &entry) {
     changed.active.push_back(toEntry(entry));
     return onlyNow(folder.ino, entry);
@@ -227,12 +253,16 @@ int TreeComparison::visitPair(const Folder &folder) {
     } else if (a->st.stx_ino == b->st.stx_ino) {
       rc = compareEntry(folder, *a++, *b++);
     } else {
+      if (sameTraits(a->st, b->st)) may_be_twins.push_back({folder.ino, a->name});
       rc = onlyInActive(*a++);
       if (rc == 0) rc = onlyInSnapshot(*b++);
     }
   }
   const bool entries_differ = !changed.active.empty() || !changed.snapshot.empty();
   if (entries_differ) noteEntries(folder.ino, changed);
+  if (!may_be_twins.empty())
+    addCandidates(folder.ino, std::move(may_be_twins),
+                  {changed.active.size() + changed.snapshot.size(), folder.changed});
   if (folder.changed || entries_differ)
     recordFolder(folder.ino,
                  KEST_DI_ACTIVE | KEST_DI_SNAPSHOT | (entries_differ ? KEST_DI_ENTRIES : 0));
@@ -308,6 +338,30 @@ void TreeComparison::recordFiles() {
     if ((news & (kOnlyThen | kInBoth)) != 0) state |= KEST_DI_SNAPSHOT;
     found_.add({ino, state});
   }
+}
+
+// Takes twins, and what differs by them alone, out of the difference.
+int TreeComparison::settleTwins() {
+  if (candidates_.empty()) return 0;
+  TwinSearch search(active_, snapshot_, *difference_);
+  if (int rc = search.search(candidates_); rc < 0) return rc;
+  PairSorter left, twins;
+  for (DiffInode one = difference_->firstFrom(0); one.ino != 0;
+       one = difference_->firstFrom(one.ino + 1)) {
+    if (search.settled().contains(one.ino)) continue;
+    if (const auto names = search.names().find(one.ino); names != search.names().end()) {
+      const Changed &changed = changed_dirs_[one.ino];
+      if (changed.entries == 2 * names->second) {
+        if (!changed.itself) continue;
+        one.state &= ~KEST_DI_ENTRIES;
+      }
+    }
+    left.add({one.ino, one.state});
+  }
+  for (const auto &[then, now] : search.twins()) twins.add({then, now});
+  difference_->setInodes(left.finish());
+  difference_->setTwins(twins.finish());
+  return 0;
 }
 
 // Keeps the leads to inodes of the difference, adds those to its directories, and goes on up to the

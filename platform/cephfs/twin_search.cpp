@@ -1,0 +1,172 @@
+#include "cephfs/twin_search.h"
+
+#include <sys/stat.h>
+#include <algorithm>
+#include <cerrno>
+
+#include "cephfs/inode_compare.h"
+#include "cephfs/names.h"
+
+namespace kest {
+
+namespace {
+
+constexpr size_t kNone = SIZE_MAX;
+
+bool isGone(int rc) {
+  return rc == -ENOENT || rc == -ESTALE;
+}
+
+void sortByName(std::vector<CephEntry> *entries) {
+  std::sort(entries->begin(), entries->end(),
+            [](const CephEntry &a, const CephEntry &b) { return a.name < b.name; });
+}
+
+}  // namespace
+
+bool sameTraits(const CephStat &now, const CephStat &then) {
+  return now.stx_mode == then.stx_mode && now.stx_uid == then.stx_uid && now.stx_gid == then.stx_gid &&
+         now.stx_rdev == then.stx_rdev && now.stx_mtime.tv_sec == then.stx_mtime.tv_sec &&
+         now.stx_mtime.tv_nsec == then.stx_mtime.tv_nsec &&
+         (S_ISDIR(now.stx_mode) || (now.stx_nlink == then.stx_nlink && now.stx_size == then.stx_size));
+}
+
+size_t TwinSearch::groupOf(size_t node) {
+  while (nodes_[node].group != node) node = nodes_[node].group = nodes_[nodes_[node].group].group;
+  return node;
+}
+
+// Takes up what the two directories have as `name`. *node is kNone where one of them has nothing any
+// more.
+int TwinSearch::add(size_t parent, const InodeRef &dir_now, const InodeRef &dir_then,
+                    const std::string &name, size_t *node) {
+  InodeRef now, then;
+  CephStat st_now, st_then;
+  *node = kNone;
+  int rc = active_.client->lookUp(dir_now, name, &now, &st_now);
+  if (rc == 0) rc = snapshot_.client->lookUp(dir_then, name, &then, &st_then);
+  if (rc < 0) return isGone(rc) ? 0 : rc;
+  const auto [found, fresh] =
+      index_.emplace(std::make_pair(st_now.stx_ino, st_then.stx_ino), nodes_.size());
+  *node = found->second;
+  if (fresh) nodes_.push_back({st_now.stx_ino, st_then.stx_ino, *node});
+  ++nodes_[*node].met;
+  if (parent != kNone) nodes_[groupOf(*node)].group = groupOf(parent);
+  if (!fresh) return 0;
+  rc = judge(&nodes_[*node], now, st_now, then, st_then);
+  if (rc == 0 && nodes_[*node].valid && S_ISDIR(st_now.stx_mode) && st_now.stx_ino != st_then.stx_ino)
+    folders_.push_back({*node, std::move(now), std::move(then)});
+  return rc;
+}
+
+// The names apart, which conclude() counts, and what is below a directory of two numbers.
+int TwinSearch::judge(Node *node, const InodeRef &now, const CephStat &st_now, const InodeRef &then,
+                      const CephStat &st_then) {
+  node->valid = false;
+  if (!sameTraits(st_now, st_then)) return 0;
+  const bool directory = S_ISDIR(st_now.stx_mode);
+  node->links = directory ? 1 : st_now.stx_nlink;
+  if (node->now != node->then) {
+    const DiffInode a = difference_.find(node->now), b = difference_.find(node->then);
+    if (!a.alive() || a.inSnapshot() || b.alive() || !b.inSnapshot()) return 0;
+    // No inode has two twins.
+    const auto own = static_cast<size_t>(node - nodes_.data());
+    const auto [one, alone] = of_now_.emplace(node->now, own);
+    const auto [other, also_alone] = of_then_.emplace(node->then, own);
+    if (!alone || !also_alone) {
+      nodes_[one->second].valid = nodes_[other->second].valid = node->valid = false;
+      return 0;
+    }
+  } else if (node->links > 1) {
+    return 0;  // some of its names may lie elsewhere
+  }
+  int rc = sameContents(active_, snapshot_, now, st_now, then, st_then);
+  if (rc > 0 && directory && node->now == node->then)
+    rc = unchangedBelow(now.another(), then.another());
+  node->valid = rc > 0;
+  return std::min(rc, 0);
+}
+
+// A directory of two numbers: each name of the one has to be in the other.
+int TwinSearch::listPair(const Pair &pair) {
+  std::vector<CephEntry> now, then;
+  int rc = active_.client->list(pair.now, &now);
+  if (rc == 0) rc = snapshot_.client->list(pair.then, &then);
+  if (rc < 0 && !isGone(rc)) return rc;
+  sortByName(&now);
+  sortByName(&then);
+  const bool equal = rc == 0 && std::equal(now.begin(), now.end(), then.begin(), then.end(),
+                                           [](const CephEntry &a, const CephEntry &b) {
+                                             return a.name == b.name && sameTraits(a.st, b.st);
+                                           });
+  if (!equal) {
+    nodes_[pair.node].valid = false;
+    return 0;
+  }
+  for (const CephEntry &one : now) {
+    size_t node;
+    if (int added = add(pair.node, pair.now, pair.then, one.name, &node); added < 0) return added;
+    if (node == kNone) nodes_[pair.node].valid = false;
+  }
+  return 0;
+}
+
+// Whether a directory of both trees is equal down to the last file. 1, 0 or -errno.
+int TwinSearch::unchangedBelow(InodeRef top_now, InodeRef top_then) {
+  std::vector<std::pair<InodeRef, InodeRef>> open;
+  open.emplace_back(std::move(top_now), std::move(top_then));
+  while (!open.empty()) {
+    const auto [dir_now, dir_then] = std::move(open.back());
+    open.pop_back();
+    std::vector<CephEntry> now, then;
+    int rc = dir_now && dir_then ? active_.client->list(dir_now, &now, true) : -ENOENT;
+    if (rc == 0) rc = snapshot_.client->list(dir_then, &then, true);
+    if (rc < 0) return isGone(rc) ? 0 : rc;
+    sortByName(&now);
+    sortByName(&then);
+    if (now.size() != then.size()) return 0;
+    for (size_t i = 0; i < now.size(); ++i) {
+      const uint64_t ino = now[i].st.stx_ino;
+      if (now[i].name != then[i].name || ino != then[i].st.stx_ino || difference_.find(ino).state != 0)
+        return 0;
+      if (now[i].dir) open.emplace_back(std::move(now[i].dir), std::move(then[i].dir));
+    }
+  }
+  return 1;
+}
+
+int TwinSearch::search(const std::vector<TwinCandidate> &candidates) {
+  std::vector<std::pair<uint64_t, size_t>> tops;
+  for (const TwinCandidate &one : candidates) {
+    InodeRef now, then;
+    CephStat st;
+    int rc = active_.client->byNumber(one.dir, kActive, &now, &st);
+    if (rc == 0) rc = findInSnapshot(snapshot_, one.dir, &then, &st);
+    size_t node = kNone;
+    if (rc == 0) rc = add(kNone, now, then, one.name, &node);
+    if (rc < 0 && !isGone(rc)) return rc;
+    if (node != kNone) tops.emplace_back(one.dir, node);
+    while (!folders_.empty()) {
+      const Pair pair = std::move(folders_.back());
+      folders_.pop_back();
+      if (int listed = listPair(pair); listed < 0) return listed;
+    }
+  }
+  conclude(tops);
+  return 0;
+}
+
+void TwinSearch::conclude(const std::vector<std::pair<uint64_t, size_t>> &tops) {
+  std::unordered_set<size_t> refused;
+  for (size_t i = 0; i < nodes_.size(); ++i)
+    if (!nodes_[i].valid || nodes_[i].met != nodes_[i].links) refused.insert(groupOf(i));
+  for (size_t i = 0; i < nodes_.size(); ++i) {
+    if (refused.contains(groupOf(i))) continue;
+    settled_.insert({nodes_[i].now, nodes_[i].then});
+    if (nodes_[i].now != nodes_[i].then) twins_.emplace_back(nodes_[i].then, nodes_[i].now);
+  }
+  for (const auto &[dir, node] : tops)
+    if (!refused.contains(groupOf(node))) ++names_[dir];
+}
+
+}  // namespace kest

@@ -1,0 +1,78 @@
+// Finding twins: an inode that only the snapshot has, and one that only the fileset has, that nobody
+// could tell apart but by their numbers. A restore that made a file again left one.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "cephfs/tree_root.h"
+#include "diff/difference_set.h"
+
+namespace kest {
+
+// A name in a directory of both trees, under which each has an inode of its own; the listings say the
+// same of both.
+struct TwinCandidate {
+  uint64_t dir = 0;
+  std::string name;
+};
+
+// Whether the listings of two inodes agree in all that a restore gives back.
+bool sameTraits(const CephStat &now, const CephStat &then);
+
+// What belongs together, a directory and all below it, or the directories of a file with several names,
+// is twins or is not as a whole.
+class TwinSearch {
+ public:
+  // `difference`: while nothing is known of twins.
+  TwinSearch(const CephRoot &active, const CephRoot &snapshot, const DifferenceSet &difference)
+      : active_(active), snapshot_(snapshot), difference_(difference) {}
+
+  int search(const std::vector<TwinCandidate> &candidates);  // 0 or -errno
+
+  // Number in the snapshot and number in the fileset.
+  const std::vector<std::pair<uint64_t, uint64_t>> &twins() const { return twins_; }
+  // Inodes that are in the difference no more: twins, and what both trees have in directories that are
+  // twins.
+  const std::unordered_set<uint64_t> &settled() const { return settled_; }
+  // How many names of a directory of both trees mean twins.
+  const std::unordered_map<uint64_t, size_t> &names() const { return names_; }
+
+ private:
+  struct Node {
+    uint64_t now = 0, then = 0;
+    size_t group = 0;  // the node that stands for all that belongs together; its own index: this one
+    size_t links = 1, met = 0;
+    bool valid = true;
+  };
+  struct Pair {
+    size_t node = 0;
+    InodeRef now, then;
+  };
+
+  size_t groupOf(size_t node);
+  int add(size_t parent, const InodeRef &dir_now, const InodeRef &dir_then, const std::string &name,
+          size_t *node);
+  int judge(Node *node, const InodeRef &now, const CephStat &st_now, const InodeRef &then,
+            const CephStat &st_then);
+  int listPair(const Pair &pair);
+  int unchangedBelow(InodeRef now, InodeRef then);
+  void conclude(const std::vector<std::pair<uint64_t, size_t>> &tops);
+
+  const CephRoot &active_, &snapshot_;
+  const DifferenceSet &difference_;
+  std::vector<Node> nodes_;
+  std::map<std::pair<uint64_t, uint64_t>, size_t> index_;
+  std::unordered_map<uint64_t, size_t> of_now_, of_then_;
+  std::vector<Pair> folders_;  // directories that are still to be listed
+  std::vector<std::pair<uint64_t, uint64_t>> twins_;
+  std::unordered_set<uint64_t> settled_;
+  std::unordered_map<uint64_t, size_t> names_;
+};
+
+}  // namespace kest
