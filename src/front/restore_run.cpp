@@ -16,8 +16,8 @@ namespace {
 
 constexpr int kLookEvery = 250;  // milliseconds
 
-volatile sig_atomic_t restore = 0;  // its process
-volatile sig_atomic_t missed = 0;   // a signal that came before that was known
+volatile sig_atomic_t restore = 0;  // process id of the restore; 0: not known yet
+volatile sig_atomic_t missed = 0;   // a signal that arrived before the process id was known
 
 void passOn(int number) {
   if (restore > 0)

@@ -122,7 +122,7 @@ Result openOwnScan(InodeScan *scan, uint64_t *max_ino) {
 Result reserve(uint64_t bytes) {
   kest_statfs64_t figures;
   if (Result r = called(kest_statfs64(handles.rootPath.c_str(), &figures)); !r) return r;
-  // Where the file system does not know how large it is, only a write can tell.
+  // If the file system does not know its size, only a write can show whether there is room.
   if (figures.f_blocks != 0 && figures.f_bavail < bytes / figures.f_bsize) return errnoResult(ENOSPC);
   const int64_t metadata = kest_metadata_room(handles.activeFsP);
   if (metadata < 0) return failedErrno(0);

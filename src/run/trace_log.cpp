@@ -40,7 +40,7 @@ bool openLog() {
   return true;
 }
 
-// Returns what every line begins with. It is formatted again only when it changes.
+// Returns the prefix of the lines. It is formatted again only when it changes.
 const std::string &linePrefix() {
   static const long long pid = getpid();  // the children of vfork trace nothing
   static std::string prefix;

@@ -162,7 +162,7 @@ class Checkpoint {
 
   UniqueFd fd_;
   std::string waiting_;
-  Record last_;  // of those whose lines wait
+  Record last_;  // the last record whose line waits
   int64_t last_write_ = 0;
 };
 

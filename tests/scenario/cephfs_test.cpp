@@ -130,7 +130,7 @@ TEST_F(CephRestore, DeletedInodesAreReachedAfterARestart) {
   expectRestored(snapshot);
 }
 
-// Work for some seconds, in every phase.
+// Builds a tree whose restore takes some seconds and has work in every phase.
 void buildMuch(TreeBuilder &t) {
   for (int i = 0; i < 12; ++i) {
     const std::string dir = "d" + std::to_string(i);
@@ -172,7 +172,7 @@ class CephFaults : public CephRestore {
         std::vector<std::string>{device.empty() ? cluster_->mountPoint() : device, "-j", fileset_, "-o",
                                  "snap", "-m", "2", "-B", "4"});
   }
-  // False where the run was over before it was seen in that stage.
+  // Returns false if the run ended before it was seen in that stage.
   bool reach(Running &run, const std::string &stage) {
     const auto begun = [&] {
       for (const auto &entry : std::filesystem::directory_iterator(tree_->root()))
@@ -196,7 +196,7 @@ class CephFaults : public CephRestore {
     expectEqual(result.describe());
     EXPECT_EQ(access((tree_->root() + "/.fsetrestore.lock").c_str(), F_OK), -1);
   }
-  // Shuts out the clients that are no mounts.
+  // Evicts the clients that are not mounts, which are those of the restore.
   void evictRestore() {
     runCommand(
         "ceph -c $CEPH_CONF tell mds.m client ls 2> /dev/null | python3 -c '"
@@ -244,7 +244,7 @@ TEST_F(CephFaults, TheServerIsStartedAgainAtEveryStage) {
   }
 }
 
-// What they had not handed over is lost, and no run that lost something ends well.
+// An evicted client loses what it had not written back. A run that lost anything must not succeed.
 TEST_F(CephFaults, ClientsThatAreShutOutEndTheRun) {
   prepare();
   for (const char *stage : {kStages[1], kStages[2]}) {
@@ -271,7 +271,7 @@ TEST_F(CephFaults, KilledRunsAreFinishedByTheNext) {
 
 TEST_F(CephFaults, AQuotaThatIsUsedUpIsNamed) {
   prepare();
-  // Enforced for the lists of the run, not for what it restores.
+  // The quota applies to the lists of the run, but not to what it restores.
   runCommand("setfattr -n ceph.quota.max_files -v 5 " + tree_->root());
   const RunResult result = run("snap");
   EXPECT_EQ(result.exitStatus, 1) << result.describe();
