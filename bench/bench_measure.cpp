@@ -41,7 +41,7 @@ int main(int argc, char **argv) {
   rusage use;  // of the child and all awaited descendants; the peak is that of the largest process
   if (wait4(child, &status, 0, &use) != child) return 127;
   double wall = now() - start;
-  FILE *result = fopen(argv[1], "w");
+  FILE *result = fopen(argv[1], "we");
   if (result == nullptr ||
       fprintf(result, "%.6f %.3f %.3f %ld\n", wall, seconds(use.ru_utime), seconds(use.ru_stime),
               use.ru_maxrss) < 0 ||

@@ -26,7 +26,8 @@ class IndexCursor {
     item_ = nullptr;
     int rc = tree_.at(key_, &item_);
     if (rc < 0) return rc;
-    if (rc == 0 || item_->key.objectid != key_.objectid || item_->key.type != BTRFS_DIR_INDEX_KEY) {
+    if (item_ == nullptr || item_->key.objectid != key_.objectid ||
+        item_->key.type != BTRFS_DIR_INDEX_KEY) {
       item_ = nullptr;
       return 0;
     }

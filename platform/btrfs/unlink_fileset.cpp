@@ -35,7 +35,7 @@ int findNested(const std::string &path, Nested *nested) {
     return failWith(EINVAL, wrong_kind);
   InodeAddress address;
   uint64_t outside = 0;
-  struct stat st;
+  struct stat st {};
   int rc = openWithoutLinks(directory, &nested->parent);
   if (rc == 0) rc = addressOf(nested->parent.get(), nested->name.c_str(), &address);
   if (rc == 0 && address.ino != kFirstInode) return failWith(EINVAL, wrong_kind);

@@ -23,7 +23,8 @@ bool CommandLine::parse(int argc, char **argv, const std::string &letters, size_
   int letter;
   while ((letter = getopt_long(argc, argv, all.c_str(), kLong, nullptr)) != -1) {
     if (letter == 1) {
-      words_.push_back(optarg);
+      // For the letter 1 optarg is the word, never null.
+      words_.push_back(optarg);  // NOLINT(clang-analyzer-cplusplus.StringChecker)
       continue;
     }
     if (letter == 'h') {

@@ -22,7 +22,8 @@ constexpr char kUsage[] =
     "characters and backslashes in names are written as a backslash and three octal digits (\\040).\n";
 
 int list(const CommandLine &line) {
-  const std::string device = line.word(0), fileset = line.option('j');
+  const std::string &device = line.word(0);
+  const std::string fileset = line.option('j');
   std::unique_ptr<FileSystem> fs;
   if (int failed = line.openDevice(device, &fs); failed != 0) return failed;
   std::string path;
