@@ -125,7 +125,7 @@ int CephDifference::readAttributes(const DiffInode &inode, kest_iattr64_t *attr)
   int rc = inode.alive() ? openByNumber(*active_, inode.ino, &found, &st) : -ENOENT;
   if (rc == 0) return fillAttributes(found, *active_, st, attr);
   if (rc != -ENOENT) return rc;
-  rc = openByNumber(*snapshot_, inode.ino, &found, &st);
+  rc = findInSnapshot(*snapshot_, inode.ino, &found, &st);
   if (rc == 0) rc = fillAttributes(found, *snapshot_, st, attr);
   if (rc == 0) attr->ia_nlink = 0;
   return rc;

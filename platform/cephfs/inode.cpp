@@ -243,6 +243,7 @@ int CephInode::stat(struct stat *st) {
 int CephInode::readAttributes(kest_iattr64_t *attr) {
   CephStat status;
   if (int rc = now(&status); rc < 0) return rc;
+  if (int rc = linkUp(); rc < 0) return rc;
   return fillAttributes(inode_, *root_, status, attr);
 }
 
@@ -250,6 +251,7 @@ int CephInode::readFacts(kest_facts_t *facts) {
   *facts = {};
   CephStat status;
   if (int rc = now(&status); rc < 0) return rc;
+  if (int rc = linkUp(); rc < 0) return rc;
   if (int rc = fillAttributes(inode_, *root_, status, &facts->attr); rc < 0) return rc;
   if (facts->attr.ia_xattr != 0) facts->has |= KEST_HAS_BLOB;
   std::vector<std::string> names;
@@ -303,10 +305,12 @@ int CephInode::setTimes(const struct timespec times[2]) {
 }
 
 int CephInode::listXattrs(std::vector<std::string> *names) {
+  if (int rc = linkUp(); rc < 0) return rc;
   return readNames(inode_, *root_, facts_.mode, names);
 }
 
 int CephInode::readXattr(const char *name, std::string *value) {
+  if (int rc = linkUp(); rc < 0) return rc;
   return inode_.client()->readXattr(inode_, name, value);
 }
 

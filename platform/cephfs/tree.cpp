@@ -50,7 +50,8 @@ class CephScan : public InodeScan {
   int read(uint64_t ino, kest_iattr64_t *attr) {
     InodeRef inode;
     CephStat st;
-    int rc = openByNumber(*root_, ino, &inode, &st);
+    int rc = root_->isSnapshot() ? findInSnapshot(*root_, ino, &inode, &st)
+                                 : openByNumber(*root_, ino, &inode, &st);
     if (rc == -ENOENT) return 0;
     if (rc == 0) rc = fillAttributes(inode, *root_, st, attr);
     return rc < 0 ? rc : 1;
