@@ -213,6 +213,7 @@ int CephInode::stretchAt(int64_t offset, int64_t end, int64_t *stop, bool *hole)
 }
 
 int CephInode::readLink(std::string *target) {
+  if (int rc = linkUp(); rc < 0) return rc;
   char buffer[PATH_MAX];
   const int length = ceph_ll_readlink(mount(), inode_.get(), buffer, sizeof buffer, perms());
   if (length < 0) return length;
