@@ -283,12 +283,14 @@ TEST_F(CephFaults, AQuotaThatIsUsedUpIsNamed) {
 }
 
 TEST_F(CephFaults, AFullPoolIsNamed) {
+  const auto full = [] {
+    return cluster_->tell("osd pool ls detail").find(",full") != std::string::npos;
+  };
   prepare();
   cluster_->tell("osd set-nearfull-ratio 0.0005");
   cluster_->tell("osd set-backfillfull-ratio 0.0006");
   cluster_->tell("osd set-full-ratio 0.0007");
-  EXPECT_TRUE(
-      waitUntil([&] { return cluster_->tell("osd dump").find("full") != std::string::npos; }, 30));
+  EXPECT_TRUE(waitUntil(full, 60)) << cluster_->tell("osd pool ls detail");
   const RunResult result = run("snap");
   EXPECT_EQ(result.exitStatus, 1) << result.describe();
   EXPECT_NE(result.err.find("There is not enough free inode or disk space"), std::string::npos)
@@ -296,6 +298,7 @@ TEST_F(CephFaults, AFullPoolIsNamed) {
   cluster_->tell("osd set-full-ratio 0.95");
   cluster_->tell("osd set-backfillfull-ratio 0.90");
   cluster_->tell("osd set-nearfull-ratio 0.85");
+  EXPECT_TRUE(waitUntil([&] { return !full(); }, 60));
   expectFinishedByNextRun();
 }
 
