@@ -1,8 +1,11 @@
-// Node lists. The file system is local, so all work is done on this machine.
+// Node lists: names of machines that share the work of a run, divided by commas.
 #pragma once
 
 #include <string>
 
-// Returns true if every node of the comma-separated list is this machine: "all", "localhost" or its
-// host name, with or without the domain. Otherwise sets *foreign to the first other node.
+// Returns true if `node` is this machine: "localhost" or its host name, with or without the domain.
+bool isThisMachine(const std::string &node);
+
+// Returns true if every node of the list is this machine, or "all". Otherwise sets *foreign to the
+// first other node.
 bool nodesAreLocal(const std::string &nodes, std::string *foreign);

@@ -51,13 +51,16 @@ struct BatchRun::Worker {
 // Reads the batches of a list.
 class BatchRun::Batches {
  public:
-  Batches(ListReader *list, size_t size) : list_(list), batcher_(size) {}
+  Batches(ListReader *list, uint64_t end, size_t size) : list_(list), end_(end), batcher_(size) {}
 
   // *batch is empty at the end of the list. A failure is that of the list.
   Result next(Batch *batch) {
     while (!batcher_.take(batch) && !at_end_) {
       ListRecord record;
-      if (Result r = list_->next(&record, &at_end_); !r) return r;
+      if (list_->position() >= end_)
+        at_end_ = true;
+      else if (Result r = list_->next(&record, &at_end_); !r)
+        return r;
       if (at_end_)
         batcher_.finish();
       else
@@ -68,6 +71,7 @@ class BatchRun::Batches {
 
  private:
   ListReader *list_;
+  uint64_t end_;
   Batcher batcher_;
   bool at_end_ = false;
 };
@@ -97,8 +101,8 @@ bool BatchRun::probe() {
   return outcome_.good();
 }
 
-RunOutcome BatchRun::run(ListReader *list) {
-  Batches batches(list, settings_.batch_size);
+RunOutcome BatchRun::run(ListReader *list, uint64_t end) {
+  Batches batches(list, end, settings_.batch_size);
   Batch batch;
   while (mayStart()) {
     if (batch.empty()) {
@@ -156,10 +160,11 @@ void BatchRun::start(const std::vector<std::string> &argv, WorkerSlots::Slot slo
 
 // Waits for an event; with `for_slot`, at most until the next attempt to get a slot.
 void BatchRun::wait(bool for_slot) {
-  struct pollfd polled[2] = {{signals_->fd(), POLLIN, 0},
-                             {outer_gone_ ? -1 : slots_->outerEngine(), POLLIN, 0}};
+  struct pollfd polled[3] = {{signals_->fd(), POLLIN, 0},
+                             {outer_gone_ ? -1 : slots_->outerEngine(), POLLIN, 0},
+                             {settings_.watch != nullptr ? settings_.watch->fd() : -1, POLLIN, 0}};
   int timeout = for_slot && slots_->othersHoldSlots() ? kSlotPollMs : -1;
-  if (poll(polled, 2, timeout) < 0 && errno != EINTR) {
+  if (poll(polled, 3, timeout) < 0 && errno != EINTR) {
     outcome_.own_error = errno;
     complain("poll: %s", strerror(outcome_.own_error));
   }
@@ -169,8 +174,17 @@ void BatchRun::wait(bool for_slot) {
     outcome_.stopped = true;
     signalAll(SIGKILL);
   }
+  if (polled[2].revents) followRun();
   handleSignals();
   reap();
+}
+
+// Does what the engine of which this run is a part has written.
+void BatchRun::followRun() {
+  const RunState state = settings_.watch->state();
+  if (state == RunState::kRun) return;
+  if (state == RunState::kEndNow) endWorkers();
+  outcome_.stopped = true;
 }
 
 void BatchRun::handleSignals() {
@@ -178,12 +192,16 @@ void BatchRun::handleSignals() {
   while (read(signals_->fd(), &info, sizeof(info)) == sizeof(info)) {
     if (info.ssi_signo == SIGCHLD) continue;
     complain("%s", strsignal(static_cast<int>(info.ssi_signo)));
-    auto now = std::chrono::steady_clock::now();
-    if (!outcome_.stopped) stopped_at_ = now;
-    // A request to end often arrives as several signals, so only a later one kills the workers.
-    signalAll(now - stopped_at_ >= kPatience ? SIGKILL : SIGTERM);
+    endWorkers();
     outcome_.stopped = true;
   }
+}
+
+void BatchRun::endWorkers() {
+  const auto now = std::chrono::steady_clock::now();
+  if (stopped_at_ == std::chrono::steady_clock::time_point()) stopped_at_ = now;
+  // A request to end often arrives as several signals, so only a later one kills the workers.
+  signalAll(now - stopped_at_ >= kPatience ? SIGKILL : SIGTERM);
 }
 
 void BatchRun::signalAll(int signal) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "engine/batcher.h"
+#include "engine/run_beat.h"
 #include "engine/run_directory.h"
 #include "engine/worker_process.h"
 #include "engine/worker_slots.h"
@@ -46,6 +47,7 @@ class BatchRun {
     const RunDirectory *directory;  // receives the batch files
     size_t max_workers;             // workers of this run at the same time
     size_t batch_size;
+    BeatWatch *watch = nullptr;  // of a part of a run of several nodes
   };
 
   // `slots` and `signals` must outlive this object.
@@ -55,8 +57,8 @@ class BatchRun {
   // Starts the script as EXEC TEST <directory>, in a worker on a slot, and waits. Returns true if it
   // ended with 0.
   bool probe();
-  // Runs the list from its current position.
-  RunOutcome run(ListReader *list);
+  // Runs the list from its current position to position `end` (bytes).
+  RunOutcome run(ListReader *list, uint64_t end = UINT64_MAX);
 
  private:
   struct Worker;
@@ -69,6 +71,8 @@ class BatchRun {
   void reap();
   void ended(Worker &worker, int status);
   void handleSignals();
+  void followRun();
+  void endWorkers();
   void signalAll(int signal);
   void releaseOrphanSlots();
   std::vector<pid_t> strangers() const;

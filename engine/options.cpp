@@ -14,9 +14,12 @@ const char *const kEngineUsage =
     "  -P POLICY     policy file with one EXTERNAL LIST rule (EXEC, OPTS)\n"
     "  -g DIRECTORY  where batch files are written\n"
     "  -r LIST       the list of records\n"
-    "  -m N          workers at a time (24)\n"
+    "  -m N          workers at a time, on all nodes together (24)\n"
     "  -B N          most records in a batch (1000)\n"
-    "  -N NODES      all, localhost or this machine's name\n"
+    "  -N NODES      machines that share the work, divided by commas: ssh names, localhost, or all for\n"
+    "                those in /usr/qtx/kest/etc/nodes. Others than this one need a clustered file system\n"
+    "  --ask COMMAND --answer TEXT\n"
+    "                only runs COMMAND on every other node, and ends with 0 if each prints TEXT\n"
     "  -h, --help    this text\n"
     "  --version     the version\n"
     "KT_MAX_WORKERS in the environment limits the workers of this run and all runs nested in it\n"
@@ -38,7 +41,9 @@ bool parseCount(const char *text, size_t *value) {
 
 bool parseOptions(int argc, char **argv, Options *options, std::string *problem) {
   static const struct option kLong[] = {
-      {"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'V'}, {}};
+      {"help", no_argument, nullptr, 'h'},         {"version", no_argument, nullptr, 'V'},
+      {"part", required_argument, nullptr, 'p'},   {"ask", required_argument, nullptr, 'a'},
+      {"answer", required_argument, nullptr, 'w'}, {}};
   optind = 0;  // restarts getopt
   opterr = 0;
   int letter;
@@ -60,6 +65,15 @@ bool parseOptions(int argc, char **argv, Options *options, std::string *problem)
         break;
       case 'N':
         options->nodes = optarg;
+        break;
+      case 'p':
+        options->part = optarg;
+        break;
+      case 'a':
+        options->ask = optarg;
+        break;
+      case 'w':
+        options->answer = optarg;
         break;
       case 'h':
         options->help = true;
@@ -88,6 +102,7 @@ bool parseOptions(int argc, char **argv, Options *options, std::string *problem)
     return false;
   }
   options->device = devices.front();
+  if (!options->ask.empty()) return true;
   if (options->policy.empty() || options->directory.empty() || options->list.empty()) {
     *problem = "-P, -g and -r are needed";
     return false;

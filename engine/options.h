@@ -12,6 +12,9 @@ struct Options {
   std::string nodes = "all";
   size_t max_workers = 24;   // -m
   size_t batch_size = 1000;  // -B
+  std::string part;          // --part: this run is a part of one of several nodes; see PartOrder
+  std::string ask;           // --ask: a command to run on every other node
+  std::string answer;        // --answer: what it must print
   bool help = false;
   bool version = false;
 };

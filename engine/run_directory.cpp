@@ -22,8 +22,9 @@ Result RunDirectory::open(const std::string &path) {
   struct stat st;
   if (!fd_ || fstat(fd_.get(), &st) != 0) return errnoResult(errno);
   const char *expected = getenv("KT_DIRECTORY");
-  const std::string identity = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
-  if (!mineAlone(st) || (expected != nullptr && expected != identity)) return errnoResult(EPERM);
+  inode_ = st.st_ino;
+  identity_ = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+  if (!mineAlone(st) || (expected != nullptr && expected != identity_)) return errnoResult(EPERM);
   return {};
 }
 

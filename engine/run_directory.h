@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 
 #include "base/result.h"
@@ -16,6 +17,10 @@ class RunDirectory {
   Result open(const std::string &path);
 
   const std::string &path() const { return path_; }
+  // Returns its inode number, which is the same on every node.
+  uint64_t inode() const { return inode_; }
+  // Returns "<device>:<inode>", as this node sees it.
+  const std::string &identity() const { return identity_; }
 
   // Opens `file` without following links. A file directly in the directory is opened by its name alone.
   // EPERM for a regular file elsewhere that another user owns or may write.
@@ -26,6 +31,7 @@ class RunDirectory {
   // Finds the descriptor and the name through which `file` is reached.
   int reach(const std::string &file, const char **name) const;
 
-  std::string path_;
+  std::string path_, identity_;
+  uint64_t inode_ = 0;
   UniqueFd fd_;
 };

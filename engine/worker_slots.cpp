@@ -47,14 +47,19 @@ size_t defaultMaxWorkers(size_t cpus) {
   return std::clamp<size_t>(2 * cpus, 4, kMostSlots);
 }
 
-Result WorkerSlots::open(std::string *problem) {
+bool WorkerSlots::isNested() {
   const char *value = getenv(kWorkerSlotVariable);
-  return value && *value ? join(value, problem) : create(problem);
+  return value != nullptr && *value != '\0';
 }
 
-Result WorkerSlots::create(std::string *problem) {
+Result WorkerSlots::open(std::string *problem, size_t most) {
+  return isNested() ? join(getenv(kWorkerSlotVariable), problem) : create(problem, most);
+}
+
+Result WorkerSlots::create(std::string *problem, size_t most) {
   size_t count = 0;
   if (!maxWorkersFromEnvironment(&count, problem)) return errnoResult(EINVAL);
+  count = std::min(count, most);
   Header header{};
   memcpy(header.magic, kMagic, sizeof(kMagic));
   header.slots = static_cast<uint32_t>(count);

@@ -18,6 +18,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -38,8 +39,12 @@ class WorkerSlots {
   };
 
   // Joins the area of the engine whose worker started this process, or creates one with KT_MAX_WORKERS
-  // slots (1 to 4096; default: defaultMaxWorkers). rc of a failure is the errno; *problem explains it.
-  Result open(std::string *problem);
+  // slots (1 to 4096; default: defaultMaxWorkers), but `most` at most. rc of a failure is the errno;
+  // *problem explains it.
+  Result open(std::string *problem, size_t most = SIZE_MAX);
+
+  // Returns true if a worker of another engine started this process.
+  static bool isNested();
 
   // Takes a free slot, preferably the lent one. Returns false if there is none now. No event tells when
   // another engine returns a slot, so try again after a short time.
@@ -58,7 +63,7 @@ class WorkerSlots {
   int outerEngine() const { return outer_.get(); }
 
  private:
-  Result create(std::string *problem);
+  Result create(std::string *problem, size_t most);
   Result join(const char *value, std::string *problem);
   bool lock(size_t index, size_t stripe, bool take);
 

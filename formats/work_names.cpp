@@ -50,6 +50,29 @@ std::string originalList(std::string_view list) {
   return std::string(list) + ".orig";
 }
 
+bool isWorkDirName(std::string_view name) {
+  constexpr std::string_view kStart = "RestoreTemp";
+  if (!name.starts_with(kStart)) return false;
+  name.remove_prefix(kStart.size());
+  return takeNumber<int>(name).has_value() && name.empty();
+}
+
+std::string beatName(int32_t engine_pid, int attempt) {
+  return "ktapplypolicy." + std::to_string(engine_pid) + ".beat." + std::to_string(attempt);
+}
+
+bool isBeatName(std::string_view name) {
+  return name.starts_with("ktapplypolicy.") && name.find(".beat.") != name.npos;
+}
+
+std::string nodeFileName(std::string_view file, int node) {
+  return node == 0 ? std::string(file) : std::string(file) + "@" + std::to_string(node);
+}
+
+bool isNodeFile(std::string_view name, std::string_view file) {
+  return name.size() > file.size() + 1 && name.starts_with(file) && name[file.size()] == '@';
+}
+
 std::string bucketName(uint64_t ino) {
   return std::string(kBucketStart) + number(ino & kBucketMask);
 }

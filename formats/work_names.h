@@ -27,6 +27,27 @@ inline constexpr char kSnapList[] = "snapList";
 inline constexpr char kDiffTable[] = "diffTable";
 inline constexpr char kRoom[] = "room";
 
+inline constexpr char kNodeToken[] = "node.token";  // shows other nodes that they see this directory
+
+// Returns true for RestoreTemp<number>.
+bool isWorkDirName(std::string_view name);
+
+// The file by which an engine shows other nodes that it lives: ktapplypolicy.<pid>.beat.<attempt>.
+std::string beatName(int32_t engine_pid, int attempt);
+bool isBeatName(std::string_view name);
+
+// Environment variables for the processes of a run. The identity of the work directory, by which they
+// accept no other: "<device>:<inode>". The number of the node on which they run; absent on the
+// master's.
+inline constexpr char kWorkDirectoryVariable[] = "FSETRESTORE_WORK_DIRECTORY";
+inline constexpr char kNodeVariable[] = "FSETRESTORE_NODE";
+
+// A file that several processes of one node append to. Two nodes cannot append to one file at the same
+// time: each writes where it believes the end to be. So every node but the master's (0) has its own.
+std::string nodeFileName(std::string_view file, int node);  // <file>@<node>
+// Returns true if the name is nodeFileName(file, <any node>).
+bool isNodeFile(std::string_view name, std::string_view file);
+
 // Names for a list that is being rewritten without its done records, and for the original list.
 std::string rewrittenList(std::string_view list);  // <list>.tmp
 std::string originalList(std::string_view list);   // <list>.orig

@@ -237,6 +237,8 @@ class Tree {
   // Path of the root directory without a trailing slash, or "/".
   virtual const std::string &path() const = 0;
   virtual int isWritable() const = 0;  // 1 or 0
+  // Returns true if several nodes can mount the file system and work on it at the same time.
+  virtual bool spansNodes() const { return false; }
   // Returns the bytes left for inodes, names and extents, without the file system's own reserve.
   virtual int64_t metadataRoom() const = 0;
 

@@ -126,10 +126,13 @@ int kest_is_quota_file(const kest_fssnap_handle_t *handle, const char *path, con
 int kest_file_survives(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
                        const char *path);
 
-/* 1: the comma-separated list contains a node other than this machine ("all", "localhost", its host
- * name with or without domain), and `node` receives the first one, cut to `size` bytes; 0: it does
- * not. */
-int kest_other_node(const char *nodes, char *node, size_t size);
+/* 1: this machine cannot share the work on the file system of `active` with all nodes of the
+ * comma-separated list. Other nodes than this machine ("all", "localhost", its host name with or without
+ * domain) need a file system that several nodes can mount. `node` receives the first node that cannot
+ * take part, cut to `size` bytes. 0: it can. */
+int kest_other_node(const kest_fssnap_handle_t *active, const char *nodes, char *node, size_t size);
+/* 1: other nodes can mount the file system; 0: they cannot. */
+int kest_spans_nodes(const kest_fssnap_handle_t *active);
 
 /* For a restore that is about to begin; `scan` is a difference scan of both trees. 1: something is
  * mounted on a directory or file of the fileset or snapshot that the restore would have to enter,

@@ -109,14 +109,18 @@ int kest_file_survives(const kest_fssnap_handle_t *active, const kest_fssnap_han
   });
 }
 
-int kest_other_node(const char *nodes, char *node, size_t size) {
+int kest_other_node(const kest_fssnap_handle_t *active, const char *nodes, char *node, size_t size) {
   return cCall([&] {
-    if (nodes == nullptr || node == nullptr || size == 0) return -EINVAL;
+    if (active == nullptr || nodes == nullptr || node == nullptr || size == 0) return -EINVAL;
     std::string other;
-    if (nodesAreLocal(nodes, &other)) return 0;
+    if (active->tree->spansNodes() || nodesAreLocal(nodes, &other)) return 0;
     node[other.copy(node, size - 1)] = '\0';
     return 1;
   });
+}
+
+int kest_spans_nodes(const kest_fssnap_handle_t *active) {
+  return cCall([&] { return active == nullptr ? -EINVAL : int{active->tree->spansNodes()}; });
 }
 
 int kest_younger(kest_fssnap_handle_t *active, uint64_t ino, uint64_t than) {

@@ -16,6 +16,7 @@
 #include "messages/messages.h"
 #include "policy/list_update.h"
 #include "run/fatal_error.h"
+#include "run/node.h"
 #include "run/settings.h"
 #include "run/shell_command.h"
 #include "run/stop_signal.h"
@@ -36,7 +37,7 @@ enum RunStep : int {
 
 // Removes the checkpoint files of runs that this process started.
 Result removeCheckpoints() {
-  const int32_t pid = getpid();
+  const int32_t pid = callerNumber();
   if (settings.Verb) traceLog("executePolicy: filePrefix %s\n", checkpointPrefix(pid).c_str());
   std::vector<std::string> files;
   if (Result r = findCheckpointFiles(pid, &files); !r) return failed(kFindCheckpoints, r.err);
@@ -74,7 +75,7 @@ Result writePolicy(const std::string &path, const std::string &options) {
 }
 
 Result runWithRetries(const EngineRun &run) {
-  const std::string options = run.options + " -c " + std::to_string(getpid());
+  const std::string options = run.options + " -c " + std::to_string(callerNumber());
   if (options.size() >= kOptionsMax) return failedErrno(kRunEngine, E2BIG);
   if (Result r = exportEngineDirectory(run.directory); !r) return r.at(kRunEngine);
   for (int retries = 0;;) {
@@ -94,7 +95,7 @@ Result runWithRetries(const EngineRun &run) {
     if (getFatalError() != 0 || status == ENOSPC || retries == kMaxRetries)
       return {status, kRunEngine, 0};
     // If the update fails, the retry performs the whole list again, which is slower but harmless.
-    if (!updateOpList(run.list, getpid())) traceLog("executePolicy: cannot update opList\n");
+    if (!updateOpList(run.list, callerNumber())) traceLog("executePolicy: cannot update opList\n");
     ++retries;
     userMessage(Message::kEngineRetry, retries);
   }

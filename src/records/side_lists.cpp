@@ -1,10 +1,16 @@
 #include "records/side_lists.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <unordered_set>
+#include <vector>
 
+#include "base/file_io.h"
 #include "messages/messages.h"
+#include "run/node.h"
 #include "run/number_set.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -12,6 +18,8 @@
 #include "run/work_file.h"
 
 namespace {
+
+constexpr size_t kPiece = 128 * 1024;  // bytes of one read
 
 // Step codes of the routines in this file, as they appear in the trace log.
 enum SideListStep : int { kOpenSideList = 1, kAppendSideRecord = 2 };
@@ -46,7 +54,7 @@ std::unordered_set<uint64_t> listed_clones;
 }  // namespace
 
 Result listNewDir(const std::string &path, uint64_t ino) {
-  const std::string list = workPath(kDirNew);
+  const std::string list = workPath(nodeFileName(kDirNew, nodeNumber()));
   const Result r = appendSideRecord(list, list, ino, path, kOpCrDir);
   if (r) return {};
   traceIfUnopened("listNewDir", list, ino, r);
@@ -56,7 +64,7 @@ Result listNewDir(const std::string &path, uint64_t ino) {
 }
 
 Result listPendingMove(uint64_t ino) {
-  const std::string list = workPath(kRegPendingMvList);
+  const std::string list = workPath(nodeFileName(kRegPendingMvList, nodeNumber()));
   const Result r = appendSideRecord(list, kRegPendingMvList, ino, tempLocation(ino), kOpMoveFile);
   if (r) return {};
   traceIfUnopened("ListRegpendingMvBack", list, ino, r);
@@ -78,6 +86,31 @@ Result listLink(const std::string &path, uint64_t ino) {
            r ? 0 : r.code, r.err);
   if (!r) return failed(r.code, r.err);
   listed_links.insert(ino);
+  return {};
+}
+
+Result gatherNodeLists(const std::string &name) {
+  Dir dir;
+  std::vector<std::string> found;
+  if (Result r = openWorkList(settings.shareDir, &dir); !r) return r;
+  for (const dirent *entry = nullptr;;) {
+    if (Result r = nextEntry(dir, &entry); !r) return r;
+    if (entry == nullptr) break;
+    if (isNodeFile(entry->d_name, name)) found.push_back(workPath(entry->d_name));
+  }
+  for (const std::string &path : found) {
+    std::string text;
+    std::unique_ptr<WorkFile> list;
+    UniqueFd fd;
+    if (Result r = openWorkFile(path, O_RDONLY, &fd); !r) return r;
+    if (Result r = WorkFile::open(workPath(name), WorkFile::Mode::kKeep, &list); !r) return r;
+    do {
+      if (Result r = readToEnd(fd.get(), &text, kPiece); !r) return r;
+      if (Result r = list->append(text); !r) return r;
+    } while (!text.empty());
+    if (Result r = list->close(); !r) return r;
+    if (Result r = unlinkWorkFile(path); !r) return r;
+  }
   return {};
 }
 

@@ -17,6 +17,11 @@ Result listNewDir(const std::string &path, uint64_t ino);
 // Workers.
 Result listPendingMove(uint64_t ino);
 
+// Appends what workers on other nodes have written to their files of a list (nodeFileName) to the list
+// itself, and removes those files. Call it when no worker runs. rc of a failure is the errno. Master
+// only.
+Result gatherNodeLists(const std::string &name);
+
 // link.ino: an inode with several hard links, whose names phase 8 corrects. Each inode is listed once,
 // under the first name that the walk meets. Master only.
 Result listLink(const std::string &path, uint64_t ino);

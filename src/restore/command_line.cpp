@@ -138,7 +138,15 @@ RunMode readCommandLine(int argc, char **argv) {
     return usage(argc > 0 ? argv[0] : "fsetrestore");
   }
   settings.exe = ownPath(argv[0]);
-  if (strcmp(argv[1], "TEST") == 0) return RunMode::kProbe;
+  if (strcmp(argv[1], "TEST") == 0) {
+    if (argc != 7) return RunMode::kProbe;
+    settings.role = Role::kWorker;
+    settings.shareDir = argv[2];
+    settings.deviceP = argv[4];
+    settings.filesetP = argv[5];
+    settings.snapOldP = argv[6];
+    return RunMode::kNodeProbe;
+  }
   const bool worker = strcmp(argv[1], "LIST") == 0;
   settings.role = worker ? Role::kWorker : Role::kMaster;
   if (worker) {

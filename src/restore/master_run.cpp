@@ -19,6 +19,7 @@
 #include "restore/late_lists.h"
 #include "restore/make_room.h"
 #include "restore/memory_budget.h"
+#include "restore/node_check.h"
 #include "restore/phases.h"
 #include "restore/preparation.h"
 #include "restore/start_checks.h"
@@ -179,6 +180,7 @@ Result restoreFileset(int argc, char **argv, uint64_t item_limit, MasterLists &l
     return r;
   }
   if (Result r = checkCommandLines(); !r) return r;
+  if (Result r = checkNodes(); !r) return r;
   userMessage(Message::kScan, formatTimeStamp());
   if (Result r = mountCheck(handles.iscanP); !r) return r;
   if (Result r = obstacleCheck(handles.iscanP, true); !r) return r;

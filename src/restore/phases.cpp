@@ -11,6 +11,7 @@
 #include "object/paths.h"
 #include "policy/command_lines.h"
 #include "policy/policy_run.h"
+#include "records/side_lists.h"
 #include "restore/clone_survivors.h"
 #include "restore/late_lists.h"
 #include "run/settings.h"
@@ -102,6 +103,8 @@ Result runPassPhases(MasterLists &lists) {
 }
 
 Result runFinalPhases() {
+  if (Result r = gatherNodeLists(kRegPendingMvList); !r)
+    return failPhase({kPhasePending, kRegPendingMvList, Message::kMovePendingFailed}, r.err);
   if (Result r = runIfListed({kPhasePending, kRegPendingMvList, Message::kMovePendingFailed},
                              StartMessage(Message::kMovePending));
       !r)
@@ -130,6 +133,7 @@ Result settleDirectories() {
   const std::string fresh = workPath(kDirNew), last = workPath(kDirLast);
   for (int round = 0;; ++round) {
     struct stat st;
+    if (Result r = gatherNodeLists(kDirNew); !r) return failPhase(list, r.err);
     if (Result r = statPath(fresh, &st); !r) return r.err == ENOENT ? Result{} : failPhase(list, r.err);
     if (round == kSettleRounds) break;
     if (Result r = takeDirRecords(fresh, last); !r) return failPhase(list, r.err);

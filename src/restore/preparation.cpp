@@ -13,6 +13,7 @@
 #include "object/paths.h"
 #include "restore/fileset_services.h"
 #include "restore/make_room.h"
+#include "restore/node_check.h"
 #include "restore/start_checks.h"
 #include "run/open_run.h"
 #include "run/path.h"
@@ -100,6 +101,7 @@ Result prepareMaster() {
     userMessage(Message::kStoppedBefore, strsignal(stopSignal()), settings.filesetP);
     return errnoResult(EINTR);
   }
+  awaitDeadRuns();
   Result made = makeTopDirectory();
   if (isFull(made.err)) made = makeRoom(makeTopDirectory);
   if (!made) {

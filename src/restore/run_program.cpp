@@ -9,6 +9,7 @@
 #include "restore/command_line.h"
 #include "restore/fileset_services.h"
 #include "restore/master_run.h"
+#include "restore/node_check.h"
 #include "restore/preparation.h"
 #include "restore/start_checks.h"
 #include "run/limits.h"
@@ -76,6 +77,8 @@ int runProgram(int argc, char **argv, uint64_t item_limit) {
   switch (readCommandLine(argc, argv)) {
     case RunMode::kProbe:
       return 0;
+    case RunMode::kNodeProbe:
+      return answerNodeCheck(argv[3]);
     case RunMode::kUsage:
       return 1;
     case RunMode::kRun:

@@ -79,6 +79,7 @@ Result lockFileset() {
     inheritInCommands(lock);  // keep it open while this process lives
   } else if (taken.err == EWOULDBLOCK) {
     userMessage(Message::kAlreadyRunning, settings.filesetP);
+    if (kest_spans_nodes(handles.activeFsP) == 1) userMessage(Message::kLockOfLostNode);
   } else {
     userMessage(Message::kNoRunLock, settings.filesetP, strerror(taken.err));
   }
@@ -86,8 +87,8 @@ Result lockFileset() {
 }
 
 Result selfCheck() {
-  char other[256];
-  if (kest_other_node(settings.nodeSpec.c_str(), other, sizeof other) != 0) {
+  char other[256] = "";
+  if (kest_other_node(handles.activeFsP, settings.nodeSpec.c_str(), other, sizeof other) != 0) {
     userMessage(Message::kOtherNode, other);
     return errnoResult(EINVAL);
   }

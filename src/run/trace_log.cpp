@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "base/file_io.h"
+#include "run/node.h"
 #include "run/settings.h"
 #include "run/work_dir.h"
 
@@ -34,7 +35,7 @@ bool openLog() {
   if (log_fd && log_dir == settings.shareDir) return true;
   closeTraceLog();
   if (settings.shareDir.empty()) return false;
-  const std::string path = workPath(kErrorLog);
+  const std::string path = workPath(nodeFileName(kErrorLog, nodeNumber()));
   if (path.empty() || !openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND, &log_fd)) return false;
   log_dir = settings.shareDir;
   return true;

@@ -71,7 +71,6 @@ std::string checkpointFile(int32_t caller_pid, const std::string &host, int32_t 
 
 namespace {
 
-constexpr char kIdentityVariable[] = "FSETRESTORE_WORK_DIRECTORY";
 constexpr mode_t kOthersWrite = S_IWGRP | S_IWOTH;
 
 struct WorkDirectory {
@@ -136,7 +135,7 @@ Result openWorkDirectory() {
   closeWorkDirectory();
   UniqueFd fd(open(settings.shareDir.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!fd) return errno == ELOOP || errno == ENOTDIR ? refuse() : failedErrno(0);
-  const char *inherited = getenv(kIdentityVariable);
+  const char *inherited = getenv(kWorkDirectoryVariable);
   struct stat st;
   if (fstat(fd.get(), &st) != 0 || !isOursAlone(st) ||
       (inherited != nullptr && inherited != directoryIdentity(st)))
@@ -154,11 +153,11 @@ int workDirectoryDescriptor() {
 }
 
 void forgetInheritedDirectory() {
-  unsetenv(kIdentityVariable);
+  unsetenv(kWorkDirectoryVariable);
 }
 
 void exportWorkDirectory() {
-  setenv(kIdentityVariable, directoryIdentity(work.st).c_str(), 1);
+  setenv(kWorkDirectoryVariable, directoryIdentity(work.st).c_str(), 1);
 }
 
 bool youngerThanWorkDirectory(uint64_t ino) {

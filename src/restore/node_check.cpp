@@ -1,0 +1,118 @@
+#include "restore/node_check.h"
+
+#include <dirent.h>
+#include <string.h>
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <string_view>
+
+#include "formats/work_names.h"
+#include "messages/messages.h"
+#include "object/paths.h"
+#include "run/open_run.h"
+#include "run/run_handles.h"
+#include "run/settings.h"
+#include "run/shell_command.h"
+#include "run/stop_signal.h"
+#include "run/work_dir.h"
+#include "run/work_file.h"
+
+namespace {
+
+constexpr char kEngine[] = "/usr/qtx/kest/bin/ktapplypolicy";
+constexpr char kAnswer[] = "fsetrestore " FSETRESTORE_VERSION;
+constexpr time_t kUntilDead = 13;  // seconds; more than kLease of the engine, and a look at the clock
+
+// Writes a number into the work directory that no other directory has.
+Result writeToken(std::string *token) {
+  std::array<unsigned char, 16> bytes;
+  if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
+    return failedErrno(0);
+  for (const unsigned char byte : bytes) {
+    char digits[3];
+    snprintf(digits, sizeof digits, "%02x", byte);
+    *token += digits;
+  }
+  std::unique_ptr<WorkFile> file;
+  if (Result r = WorkFile::open(workPath(kNodeToken), WorkFile::Mode::kTruncate, &file); !r) return r;
+  if (Result r = file->append(*token); !r) return r;
+  return file->close();
+}
+
+Result ask(const std::string &token, int *status) {
+  // Without exec the shell answers for a command that was killed; ssh would count it as a lost node.
+  std::string question = shellWord(settings.exe) + " TEST";
+  for (const std::string &word :
+       {settings.shareDir, token, settings.deviceP, settings.filesetP, settings.snapOldP})
+    question += " " + shellWord(word);
+  const std::string command = std::string("exec ") + kEngine + " " + shellWord(settings.deviceP) +
+                              " -N " + shellWord(settings.nodeSpec) + " --answer " +
+                              shellWord(kAnswer) + " --ask " + shellWord(question);
+  if (Result r = checkCommand(command, kNestedCommandMax); !r) return r;
+  return runCommand(command, status);
+}
+
+// Returns the seconds since an engine of the run in `path` has shown that it lives; kUntilDead or more
+// if none did lately.
+time_t secondsSinceBeat(const std::string &path) {
+  const Dir dir(opendir(path.c_str()));
+  time_t least = kUntilDead;
+  const dirent *entry = nullptr;
+  while (dir && nextEntry(dir, &entry) && entry != nullptr) {
+    struct stat st;
+    if (isBeatName(entry->d_name) && fstatat(dirfd(dir.get()), entry->d_name, &st, 0) == 0)
+      least = std::min(least, std::max<time_t>(time(nullptr) - st.st_mtime, 0));
+  }
+  return least;
+}
+
+}  // namespace
+
+Result checkNodes() {
+  if (kest_spans_nodes(handles.activeFsP) != 1) return {};
+  std::string token;
+  int status = 0;
+  Result r = writeToken(&token);
+  if (r) r = ask(token, &status);
+  if (!r) userMessage(Message::kFileError, kEngine, strerror(r.err));
+  if (r && status == 0) return {};
+  userMessage(Message::kNodesCannot);
+  return r ? errnoResult(EHOSTUNREACH) : r;
+}
+
+int answerNodeCheck(const std::string &token) {
+  Result r;
+  std::string held;
+  bool good = false;
+  if (openRun(nullptr, &r) != Opened::kReady) {
+    userMessage(Message::kFileError, settings.shareDir, strerror(r.reason()));
+  } else if (!readWholeFile(workPath(kNodeToken), &held) || held != token ||
+             !settings.shareDir.starts_with(handles.rootPath + "/")) {
+    userMessage(Message::kNodeSeesAnother, settings.shareDir);
+  } else {
+    puts(kAnswer);
+    good = fflush(stdout) == 0;
+  }
+  // A client of a clustered file system that does not say goodbye is waited for.
+  releaseHandles();
+  return good ? 0 : 1;
+}
+
+void awaitDeadRuns() {
+  if (kest_spans_nodes(handles.activeFsP) != 1) return;
+  time_t left = 0;
+  const Dir root(opendir(handles.rootPath.c_str()));
+  const dirent *entry = nullptr;
+  while (root && nextEntry(root, &entry) && entry != nullptr)
+    if (isWorkDirName(entry->d_name))
+      left = std::max(left, kUntilDead - secondsSinceBeat(handles.rootPath + "/" + entry->d_name));
+  if (left > 0) userMessage(Message::kAwaitDeadRun, static_cast<int>(left));
+  for (time_t tenths = left * 10; tenths > 0 && stopSignal() == 0; --tenths) usleep(100000);
+}
