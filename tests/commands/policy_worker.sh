@@ -1,6 +1,7 @@
 #!/bin/sh
 # A script for the policy engine that does what its options say:
 #   keep DIR            copies its batch to DIR/<pid>
+#   node DIR            copies its batch to DIR/<host name>.<pid>
 #   append DIR LIST REC like keep, and appends REC to LIST
 #   busy FILE SECONDS   works for a while; FILE gets "<working now> <most at a time> <sum>"
 #   shell COMMAND       runs COMMAND with the shell and ends with its status
@@ -24,6 +25,7 @@ count() {
 set -e
 case $mode in
 keep) cp "$batch" "$first/$$" ;;
+node) cp "$batch" "$first/$(hostname).$$" ;;
 append) cp "$batch" "$first/$$" && printf %s "$6" >>"$5" ;;
 hold) cp "$batch" "$first/$$" && exec sleep 1000 ;;
 shell) sh -c "$first" || exit $? ;;
