@@ -162,7 +162,7 @@ void BatchRun::start(const std::vector<std::string> &argv, WorkerSlots::Slot slo
 void BatchRun::wait(bool for_slot) {
   struct pollfd polled[3] = {{signals_->fd(), POLLIN, 0},
                              {outer_gone_ ? -1 : slots_->outerEngine(), POLLIN, 0},
-                             {settings_.watch != nullptr ? settings_.watch->fd() : -1, POLLIN, 0}};
+                             {settings_.line != nullptr ? settings_.line->fd() : -1, POLLIN, 0}};
   int timeout = for_slot && slots_->othersHoldSlots() ? kSlotPollMs : -1;
   if (poll(polled, 3, timeout) < 0 && errno != EINTR) {
     outcome_.own_error = errno;
@@ -181,7 +181,7 @@ void BatchRun::wait(bool for_slot) {
 
 // Does what the engine of which this run is a part has written.
 void BatchRun::followRun() {
-  const RunState state = settings_.watch->state();
+  const RunState state = settings_.line->state();
   if (state == RunState::kRun) return;
   if (state == RunState::kEndNow) endWorkers();
   outcome_.stopped = true;

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "engine/batcher.h"
-#include "engine/run_beat.h"
 #include "engine/run_directory.h"
+#include "engine/run_line.h"
 #include "engine/worker_process.h"
 #include "engine/worker_slots.h"
 #include "formats/list_record.h"
@@ -47,7 +47,7 @@ class BatchRun {
     const RunDirectory *directory;  // receives the batch files
     size_t max_workers;             // workers of this run at the same time
     size_t batch_size;
-    BeatWatch *watch = nullptr;  // of a part of a run of several nodes
+    RunLine *line = nullptr;  // of a part of a run of several nodes
   };
 
   // `slots` and `signals` must outlive this object.

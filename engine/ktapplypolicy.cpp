@@ -114,21 +114,27 @@ int runHere(const Options &options, const RunDirectory &directory, ListReader *l
   }
   if (!slots.open(&problem, most)) return fail(problem);
   const RunSignals signals;
-  std::unique_ptr<BeatWatch> watch;
+  std::unique_ptr<RunLine> line;
   if (part != nullptr) {
     // The directory has another device number on every node.
     setenv("KT_DIRECTORY", directory.identity().c_str(), 1);
     setenv(kWorkDirectoryVariable, directory.identity().c_str(), 1);
     if (number != 0) setenv(kNodeVariable, std::to_string(number).c_str(), 1);
-    watch = std::make_unique<BeatWatch>(directory, directory.path() + "/" + part->beat, number);
+    line = std::make_unique<RunLine>();
   }
   const size_t most_here = std::min(options.max_workers, most);
-  BatchRun run({script, &directory, most_here,
-                balancedBatchSize(records, std::min(most_here, slots.budget()), options.batch_size),
-                watch.get()},
-               &slots, &signals);
-  if (!run.probe()) return fail(script.exec + " TEST failed, nothing was started");
-  return report(run.run(list, part != nullptr ? part->to : UINT64_MAX), records, "batches");
+  BatchRun run(
+      {script, &directory, most_here,
+       balancedBatchSize(records, std::min(most_here, slots.budget()), options.batch_size), line.get()},
+      &slots, &signals);
+  if (!run.probe()) {
+    (void)line.release();
+    return fail(script.exec + " TEST failed, nothing was started");
+  }
+  const RunOutcome outcome = run.run(list, part != nullptr ? part->to : UINT64_MAX);
+  // The thread of the line goes on until the process ends.
+  (void)line.release();
+  return report(outcome, records, "batches");
 }
 
 // Runs one part of a list, as the engine that this node works for has ordered.

@@ -60,8 +60,8 @@ Result cutList(ListReader *list, size_t nodes, std::vector<ListPart> *parts) {
 }
 
 std::string formatPartOrder(const PartOrder &order) {
-  std::string text = std::to_string(order.from) + ":" + std::to_string(order.to) + ":" + order.beat +
-                     ":" + std::to_string(order.directory);
+  std::string text = std::to_string(order.from) + ":" + std::to_string(order.to) + ":" +
+                     std::to_string(order.directory);
   for (const Node &node : order.nodes)
     text += ":" + node.name + "/" + std::to_string(node.number) + "/" + std::to_string(node.share);
   return text;
@@ -73,9 +73,7 @@ bool parsePartOrder(const std::string &text, PartOrder *order) {
   const auto number = [&](uint64_t *value) {
     return bool{std::getline(words, word, ':')} && sscanf(word.c_str(), "%" SCNu64, value) == 1;
   };
-  if (!number(&order->from) || !number(&order->to) || !std::getline(words, order->beat, ':') ||
-      !number(&order->directory))
-    return false;
+  if (!number(&order->from) || !number(&order->to) || !number(&order->directory)) return false;
   while (std::getline(words, word, ':')) {
     Node node;
     const size_t slash = word.find('/');
@@ -84,5 +82,5 @@ bool parsePartOrder(const std::string &text, PartOrder *order) {
     node.name = word.substr(0, slash);
     order->nodes.push_back(std::move(node));
   }
-  return !order->nodes.empty() && order->beat.find('/') == order->beat.npos;
+  return !order->nodes.empty();
 }

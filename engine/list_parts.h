@@ -24,7 +24,6 @@ Result cutList(ListReader *list, size_t nodes, std::vector<ListPart> *parts);
 // What the engine tells the engine of a node about its part, as one word.
 struct PartOrder {
   uint64_t from = 0, to = 0;
-  std::string beat;        // name of the beat file in the run directory
   uint64_t directory = 0;  // inode number of the run directory
   std::vector<Node> nodes;
 };

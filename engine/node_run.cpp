@@ -20,13 +20,14 @@
 #include "engine/node_shell.h"
 #include "engine/worker_process.h"
 #include "formats/shell_words.h"
+#include "formats/work_names.h"
 
 namespace {
 
 constexpr char kParallel[] = "/usr/bin/parallel";
 constexpr char kEngine[] = "/usr/qtx/kest/bin/ktapplypolicy";
 constexpr char kLoginFile[] = "nodes", kPartFile[] = "parts", kJobLog[] = "joblog";
-constexpr int kLookMs = 200;
+constexpr int kLookMs = 100;
 // Signals within this time after the first one belong to the same request to end.
 constexpr std::chrono::seconds kPatience(2);
 // After this time nothing works on a node any more that has not confirmed its end.
@@ -50,6 +51,7 @@ NodeRun::NodeRun(const Options &options, const RunDirectory *directory, const Ru
 
 NodeRun::~NodeRun() {
   std::error_code ignored;
+  if (!marker_.empty()) directory_->remove(marker_);
   if (!state_.empty()) std::filesystem::remove_all(state_, ignored);
 }
 
@@ -78,7 +80,10 @@ Result NodeRun::prepare(const std::vector<ListPart> &parts) {
       std::string(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") + "/ktapplypolicy.XXXXXX";
   if (mkdtemp(path.data()) == nullptr) return failedErrno(0);
   state_ = path;
-  if (Result r = beat_.create(*directory_); !r) return r;
+  UniqueFd fd;
+  const std::string marker = directory_->path() + "/" + kNodeRun;
+  if (Result r = directory_->openFile(marker, O_WRONLY | O_CREAT, &fd); !r) return r;
+  marker_ = marker;
   std::string logins, commands;
   for (const Node &node : nodes_) logins += "1/" + node.name + "\n";
   for (const ListPart &part : parts) commands += partCommand(part) + '\0';
@@ -92,7 +97,6 @@ std::string NodeRun::partCommand(const ListPart &part) const {
   PartOrder order;
   order.from = part.from;
   order.to = part.to;
-  order.beat = beat_.path().substr(directory_->path().size() + 1);
   order.directory = directory_->inode();
   order.nodes = nodes_;
   std::string command;
@@ -131,12 +135,6 @@ void NodeRun::follow(pid_t parallel) {
     struct pollfd polled = {signals_->fd(), POLLIN, 0};
     if (poll(&polled, 1, kLookMs) < 0 && errno != EINTR) usleep(kLookMs * 1000);
     handleSignals(parallel);
-    look();
-    if (const Result r = beat_.beat(asked_, lost_); !r && outcome_.own_error == 0) {
-      complain("cannot write " + beat_.path() + ": " + strerror(r.err));
-      outcome_.own_error = r.err;
-      kill(parallel, SIGTERM);
-    }
     while (waitpid(-1, nullptr, WNOHANG) > 0) {
     }
     std::vector<pid_t> children = childProcesses();
@@ -152,8 +150,6 @@ void NodeRun::follow(pid_t parallel) {
 
 // Takes over what the node shells have noted.
 void NodeRun::look() {
-  if (asked_ == RunState::kRun && access((state_ + "/" + kFailedPart).c_str(), F_OK) == 0)
-    asked_ = RunState::kStartNothing;
   for (const Node &node : nodes_)
     if (!node.isLocal() && access((state_ + "/" + kLostNode + node.name).c_str(), F_OK) == 0)
       lost_.insert(node.number);
@@ -172,8 +168,8 @@ void NodeRun::handleSignals(pid_t parallel) {
       kill(-parallel, SIGKILL);
     else if (!outcome_.stopped)
       kill(parallel, SIGTERM);
+    if (!outcome_.stopped) (void)writeState(kStopRun, "");  // a run that is not told ends by itself
     outcome_.stopped = true;
-    asked_ = RunState::kEndNow;
   }
 }
 

@@ -9,7 +9,7 @@
 #include "engine/list_parts.h"
 #include "engine/node_list.h"
 #include "engine/options.h"
-#include "engine/run_beat.h"
+#include "engine/run_line.h"
 
 // GNU parallel runs one part at a time on each node, and gives a part that a node has lost to another
 // one. After the first failure no node begins another batch; a signal ends the workers of all nodes.
@@ -40,9 +40,8 @@ class NodeRun {
   const RunSignals *signals_;
   const std::vector<Node> nodes_;
   const std::vector<pid_t> earlier_children_;
-  std::string state_;  // a directory of this machine; "" before it is made
-  BeatFile beat_;
-  RunState asked_ = RunState::kRun;
+  std::string state_;   // a directory of this machine; "" before it is made
+  std::string marker_;  // kNodeRun in the run directory; "" before it is made
   std::set<size_t> lost_;
   std::chrono::steady_clock::time_point stopped_at_;
   RunOutcome outcome_;

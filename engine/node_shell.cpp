@@ -19,12 +19,12 @@
 #include "base/local_nodes.h"
 #include "base/unique_fd.h"
 #include "engine/node_list.h"
-#include "engine/run_beat.h"
+#include "engine/run_line.h"
 
 namespace {
 
 constexpr int kSshFailed = 255;
-// After this time the node's part has noticed that it is lost. It looks every fifth of a second.
+// After this time the node's part has noticed that it is lost.
 constexpr std::chrono::seconds kUntilLost = kLease + std::chrono::seconds(2);
 
 // What parallel calls: [-l USER] HOST [--] WORD... ; the words are the command.
@@ -65,29 +65,44 @@ int failedStatus(const std::string &state) {
   return status;
 }
 
-// Waits for the end of the child, and kills it if the engine ends before. GNU parallel and the shell
-// between would let it run on.
-void awaitChild(pid_t child, const UniqueFd &engine) {
-  const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-  struct pollfd ends[2] = {{process.get(), POLLIN, 0}, {engine.get(), POLLIN, 0}};
-  while (process && poll(ends, 2, -1) < 0 && errno == EINTR) {
-  }
-  if (ends[0].revents == 0 && ends[1].revents != 0) kill(child, SIGKILL);
+RunState stateOf(const std::string &state) {
+  if (access((state + "/" + kStopRun).c_str(), F_OK) == 0) return RunState::kEndNow;
+  return access((state + "/" + kFailedPart).c_str(), F_OK) == 0 ? RunState::kStartNothing
+                                                                : RunState::kRun;
 }
 
-int runWords(std::vector<std::string> words, const UniqueFd &engine) {
+// Keeps the line to the child until it ends, and kills it if the engine ends before. GNU parallel and
+// the shell between would let it run on.
+void attend(pid_t child, const UniqueFd &line, const UniqueFd &engine, const std::string &state) {
+  const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+  for (;;) {
+    struct pollfd ends[2] = {{process.get(), POLLIN, 0}, {engine.get(), POLLIN, 0}};
+    const int ready = poll(ends, 2, static_cast<int>(kBeat.count()));
+    if (ready > 0 && ends[0].revents == 0) kill(child, SIGKILL);
+    if (ready > 0) return;
+    const char letter = static_cast<char>(stateOf(state));
+    // A child that is about to end reads no more, and one that cannot be reached fills the pipe.
+    if (write(line.get(), &letter, 1) < 0) continue;
+  }
+}
+
+int runWords(std::vector<std::string> words, const UniqueFd &engine, const std::string &state) {
   std::vector<char *> arguments;
   for (std::string &word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
+  int line[2];
+  if (pipe2(line, O_CLOEXEC | O_NONBLOCK) != 0) return kSshFailed;
+  UniqueFd reading(line[0]), writing(line[1]);
+  fcntl(reading.get(), F_SETFL, 0);  // the program expects an ordinary pipe
   ProcessStart start{arguments.data(), environ};
-  const UniqueFd null(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  start.standard_input = null.get();
+  start.standard_input = reading.get();
   pid_t child = 0;
   if (const Result r = startProcess(start, &child); !r) {
     fprintf(stderr, "ktapplypolicy: cannot start %s: %s\n", words[0].c_str(), strerror(r.err));
     return kSshFailed;
   }
-  awaitChild(child, engine);
+  reading.reset();
+  attend(child, writing, engine, state);
   int status = 0;
   while (waitpid(child, &status, 0) < 0)
     if (errno != EINTR) return kSshFailed;
@@ -98,6 +113,7 @@ int runWords(std::vector<std::string> words, const UniqueFd &engine) {
 
 int runNodeShell(int argc, char **argv) {
   const char *directory = getenv(kNodeStateVariable), *pid = getenv(kNodeEngineVariable);
+  signal(SIGPIPE, SIG_IGN);
   Call call;
   if (!parseCall(argc, argv, &call) || directory == nullptr || pid == nullptr) return kSshFailed;
   const UniqueFd engine(static_cast<int>(syscall(SYS_pidfd_open, atoi(pid), 0)));
@@ -110,7 +126,7 @@ int runNodeShell(int argc, char **argv) {
   const bool local = isThisMachine(call.node);
   const int status = runWords(local ? std::vector<std::string>{"/bin/sh", "-c", call.command}
                                     : sshWords(call.node, call.command),
-                              engine);
+                              engine, state);
   if (!local && status == kSshFailed) {
     if (failedStatus(state) == 0 && mark(lost, ""))
       fprintf(stderr, "ktapplypolicy: node %s is lost; the other nodes do its records\n",

@@ -57,14 +57,6 @@ bool isWorkDirName(std::string_view name) {
   return takeNumber<int>(name).has_value() && name.empty();
 }
 
-std::string beatName(int32_t engine_pid, int attempt) {
-  return "ktapplypolicy." + std::to_string(engine_pid) + ".beat." + std::to_string(attempt);
-}
-
-bool isBeatName(std::string_view name) {
-  return name.starts_with("ktapplypolicy.") && name.find(".beat.") != name.npos;
-}
-
 std::string nodeFileName(std::string_view file, int node) {
   return node == 0 ? std::string(file) : std::string(file) + "@" + std::to_string(node);
 }

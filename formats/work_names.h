@@ -32,9 +32,8 @@ inline constexpr char kNodeToken[] = "node.token";  // shows other nodes that th
 // Returns true for RestoreTemp<number>.
 bool isWorkDirName(std::string_view name);
 
-// The file by which an engine shows other nodes that it lives: ktapplypolicy.<pid>.beat.<attempt>.
-std::string beatName(int32_t engine_pid, int attempt);
-bool isBeatName(std::string_view name);
+// Exists while an engine run of several nodes goes on; it is left behind if that is killed.
+inline constexpr char kNodeRun[] = "node.run";
 
 // Environment variables for the processes of a run. The identity of the work directory, by which they
 // accept no other: "<device>:<inode>". The number of the node on which they run; absent on the

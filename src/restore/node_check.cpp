@@ -4,10 +4,8 @@
 #include <string.h>
 #include <sys/random.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <memory>
@@ -28,7 +26,7 @@ namespace {
 
 constexpr char kEngine[] = "/usr/qtx/kest/bin/ktapplypolicy";
 constexpr char kAnswer[] = "fsetrestore " FSETRESTORE_VERSION;
-constexpr time_t kUntilDead = 13;  // seconds; more than kLease of the engine, and a look at the clock
+constexpr int kUntilDead = 12;  // seconds; more than kLease of the engine
 
 // Writes a number into the work directory that no other directory has.
 Result writeToken(std::string *token) {
@@ -57,20 +55,6 @@ Result ask(const std::string &token, int *status) {
                               shellWord(kAnswer) + " --ask " + shellWord(question);
   if (Result r = checkCommand(command, kNestedCommandMax); !r) return r;
   return runCommand(command, status);
-}
-
-// Returns the seconds since an engine of the run in `path` has shown that it lives; kUntilDead or more
-// if none did lately.
-time_t secondsSinceBeat(const std::string &path) {
-  const Dir dir(opendir(path.c_str()));
-  time_t least = kUntilDead;
-  const dirent *entry = nullptr;
-  while (dir && nextEntry(dir, &entry) && entry != nullptr) {
-    struct stat st;
-    if (isBeatName(entry->d_name) && fstatat(dirfd(dir.get()), entry->d_name, &st, 0) == 0)
-      least = std::min(least, std::max<time_t>(time(nullptr) - st.st_mtime, 0));
-  }
-  return least;
 }
 
 }  // namespace
@@ -107,12 +91,14 @@ int answerNodeCheck(const std::string &token) {
 
 void awaitDeadRuns() {
   if (kest_spans_nodes(handles.activeFsP) != 1) return;
-  time_t left = 0;
+  bool killed = false;
   const Dir root(opendir(handles.rootPath.c_str()));
   const dirent *entry = nullptr;
-  while (root && nextEntry(root, &entry) && entry != nullptr)
-    if (isWorkDirName(entry->d_name))
-      left = std::max(left, kUntilDead - secondsSinceBeat(handles.rootPath + "/" + entry->d_name));
-  if (left > 0) userMessage(Message::kAwaitDeadRun, static_cast<int>(left));
-  for (time_t tenths = left * 10; tenths > 0 && stopSignal() == 0; --tenths) usleep(100000);
+  while (root && nextEntry(root, &entry) && entry != nullptr) {
+    const std::string marker = handles.rootPath + "/" + entry->d_name + "/" + kNodeRun;
+    killed = killed || (isWorkDirName(entry->d_name) && access(marker.c_str(), F_OK) == 0);
+  }
+  if (!killed) return;
+  userMessage(Message::kAwaitDeadRun, kUntilDead);
+  for (int tenths = kUntilDead * 10; tenths > 0 && stopSignal() == 0; --tenths) usleep(100000);
 }

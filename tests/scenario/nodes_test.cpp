@@ -201,7 +201,7 @@ TEST_F(Nodes, ASignalEndsEveryNodeAndTheSameCommandFinishes) {
   ASSERT_TRUE(waitUntil([&] { return run.ended() || nodes_->find(3, "LIST") != 0; }, kSeconds));
   ASSERT_FALSE(run.ended()) << run.said();
   kill(nodes_->find(1, std::string(kRestoreProgram) + " " + cluster_->mountPoint()), SIGTERM);
-  ASSERT_TRUE(waitUntil([&] { return run.ended(); }, 30)) << run.said();
+  ASSERT_TRUE(waitUntil([&] { return run.ended(); }, 150)) << run.said();
   EXPECT_EQ(run.exitStatus(), 1) << run.said();
   EXPECT_NE(run.said().find("Terminated"), std::string::npos) << run.said();
   EXPECT_EQ(nodes_->find(2, "LIST") + nodes_->find(3, "LIST"), 0);
