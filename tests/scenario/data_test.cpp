@@ -1,13 +1,24 @@
 // Contents of files: ranges, holes, sizes, and how the blocks are stored.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/statvfs.h>
 
 #include "scenario/restore_fixture.h"
+#include "support/descriptor.h"
 
 using namespace scenario;
 
 namespace {
 
 constexpr uint64_t kMiB = 1 << 20;
+
+// Puts the first block of a file at `to`, too, so that another part of the same extent is there.
+void repeatFirstBlock(const std::string &path, uint64_t to) {
+  const testsupport::Descriptor fd(open(path.c_str(), O_RDWR | O_CLOEXEC));
+  file_clone_range range{fd.get(), 0, 4096, to};
+  if (ioctl(fd.get(), FICLONERANGE, &range) != 0) testsupport::failWithErrno("clone in " + path);
+}
 
 const HistoryCase kCases[] = {
     {"SizesChanged",
@@ -94,26 +105,13 @@ const HistoryCase kCases[] = {
        }
      },
      testsupport::kLongFiles},
-    {"CompressedAndWithoutCopyOnWrite",
+    {"SharedBlocks",
      [](TreeBuilder &t) {
-       for (std::string name :
-            {"compressed", "nocow", "nocow deleted", "compressed deleted", "plain"}) {
-         t.file(name);
-         if (name.starts_with("nocow")) t.noCow(name);
-         if (name.starts_with("compressed")) t.compress(name);
-         for (char c = 'a'; c < 'g'; ++c) t.append(name, std::string(60000, c));
-       }
+       t.big("one", kMiB, 29);
+       t.big("twice", 64 * 1024, 30);
      },
      [](TreeBuilder &t) {
-       for (const char *name : {"compressed", "nocow"}) t.write(name, 200000, "changed in place");
-       for (const char *name : {"nocow deleted", "compressed deleted", "plain"}) t.remove(name);
-       t.file("plain");
-       t.noCow("plain");
-       t.append("plain", "a file that cannot share blocks stands at the name");
-     },
-     testsupport::kInodeFlags},
-    {"SharedBlocks", [](TreeBuilder &t) { t.big("one", kMiB, 29); },
-     [](TreeBuilder &t) {
+       repeatFirstBlock(t.root() + "/twice", 32768);
        t.reflink("one", "copy");
        t.write("one", 1000, "changed");
        t.write("copy", 500000, "changed");
