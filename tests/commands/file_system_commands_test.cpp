@@ -104,11 +104,11 @@ TEST_F(Commands, SnapshotListing) {
     subvolume("snapshot -r 'my home' " + path);
   hideTop();
   EXPECT_EQ(command("ktlssnapshot /mnt/home -j 'my home' | sed '1,/Directory/d' | "
-                    "awk '{ print $2, $1, $9 }' | sort")
+                    "awk '{ print $2, $1, $3, $9 }' | sort")
                 .out,
-            "257 a\\040b\\012\\134c my\\040home\n258 writable my\\040home\n"
-            "260 snaps/1/snapshot my\\040home\n261 snaps/2/snapshot my\\040home\n"
-            "262 /snapshot my\\040home\n");
+            "257 a\\040b\\012\\134c Valid my\\040home\n258 writable Writable my\\040home\n"
+            "260 snaps/1/snapshot Valid my\\040home\n261 snaps/2/snapshot Valid my\\040home\n"
+            "262 /snapshot Valid my\\040home\n");
   expectFails("ktlssnapshot /mnt/home -j nothing", "ktlssnapshot: ");
 }
 

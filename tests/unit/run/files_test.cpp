@@ -1,9 +1,8 @@
-// The trace log, the marker, list files and tables.
+// The trace log, the marker and list files.
 #include <cerrno>
 #include <regex>
 
 #include "run/fatal_error.h"
-#include "run/number_set.h"
 #include "run/work_file.h"
 #include "unit/support/work_area.h"
 
@@ -53,6 +52,9 @@ TEST_F(Files, FatalErrorMarker) {
     EXPECT_EQ(getFatalError(), -1) << text;
   }
   std::filesystem::remove(at(kFatalError));
+  std::filesystem::create_directory(at(kFatalError));
+  EXPECT_EQ(getFatalError(), -1) << "a marker that cannot be read";
+  std::filesystem::remove(at(kFatalError));
   setFatalError(0);
   EXPECT_EQ(getFatalError(), EIO);
   settings.shareDir += "/gone";
@@ -98,18 +100,6 @@ TEST_F(Files, AFullDiskIsReportedAtTheClose) {
             "Error flushing work file cpList: No space left on device\n");
   ASSERT_EQ(symlink("/etc/passwd", at("link").c_str()), 0);
   EXPECT_FALSE(WorkFile::open(at("link"), WorkFile::Mode::kShared, &file));
-}
-
-TEST(NumberSet, HoldsWhatWasInserted) {
-  NumberSet set;
-  // Neighbouring numbers, and numbers that differ only in their highest bits.
-  const auto number = [](uint64_t i) { return i % 2 == 0 ? i : i << 44; };
-  for (uint64_t i = 0; i < 20000; ++i) {
-    ASSERT_FALSE(set.contains(number(i))) << i;
-    ASSERT_TRUE(set.insert(number(i))) << i;
-    ASSERT_FALSE(set.insert(number(i / 2))) << i;
-  }
-  for (uint64_t i = 0; i < 20000; ++i) ASSERT_TRUE(set.contains(number(i))) << i;
 }
 
 }  // namespace

@@ -72,6 +72,9 @@ TEST_F(WorkUnit, ResultAndMarkerAreTheErrorOfTheFailingStep) {
 TEST_F(WorkUnit, BatchOrCheckpointFileThatCannotBeOpenedStops) {
   EXPECT_EQ(doWorkUnit(active("none"), 42).rc, ENOENT);
   EXPECT_EQ(marker(), "2\n");
+  tree.file("planted", deletion("a"));
+  tree.chown("planted", 1000, 0);
+  EXPECT_EQ(doWorkUnit(active("planted"), 42).rc, EPERM) << "the batch of another user";
   tree.removeTree("RestoreTemp47/checkpoint");
   EXPECT_EQ(run(deletion("a")).rc, ENOENT);
   EXPECT_TRUE(tree.exists("a"));
