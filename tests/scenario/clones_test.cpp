@@ -32,20 +32,6 @@ void family(TreeBuilder &t) {
   t.mtime("c", 1000000000, 17);
 }
 
-// p0 <- p1 <- ... <- p5
-void chain(TreeBuilder &t) {
-  t.dirs("d");
-  t.big("p0", 100000, 1);
-  t.cloneParent("p0");
-  for (int i = 1; i <= 5; ++i) {
-    const std::string name = (i % 2 ? "d/p" : "p") + std::to_string(i);
-    t.clone((i % 2 ? "p" : "d/p") + std::to_string(i - 1), name);
-    t.pattern(name, static_cast<uint64_t>(i) * 8192, 3000, static_cast<uint64_t>(i));
-    t.mtime(name, 1000000000 + i);
-    t.cloneParent(name);
-  }
-}
-
 void linkedFamily(TreeBuilder &t) {
   t.dirs("d");
   t.big("p", 50000, 1);
@@ -124,10 +110,6 @@ const HistoryCase kCases[] = {
        t.immutable("d", false);
        removeAll(t, {"p", "d/c", "d/sub/m"});
        t.immutable("d");
-     }},
-    {"ChainOfFiveAllGone", chain,
-     [](TreeBuilder &t) {
-       removeAll(t, {"p0", "d/p1", "p2", "d/p3", "p4", "d/p5"});
      }},
     {"LinkedAllGoneOrOneNameAlone", linkedFamily,
      [](TreeBuilder &t) {

@@ -49,38 +49,7 @@ const HistoryCase kNames[] = {
        t.rename("s/f", "d/f");
        t.rename("x", "s/f");
      }},
-    {"OtherKindsRenamed", sample,
-     [](TreeBuilder &t) {
-       t.remove("link");
-       t.rename("fifo2", "link");
-       t.rename("socket", "e/s");
-       t.file("socket", "x");
-     }},
     {"SwappedAcrossLevels", sample, [](TreeBuilder &t) { t.exchange("p/q", "s"); }},
-    {"ParentAndChildExchanged", sample,
-     [](TreeBuilder &t) {
-       t.rename("p/q", "x");
-       t.rename("p", "x/q");
-       t.rename("x", "p");
-     }},
-    {"MovedIntoMovedIntoMovedAndChangedInside", sample,
-     [](TreeBuilder &t) {
-       t.rename("d", "s/t/d");
-       t.rename("s/t", "p/t");
-       t.remove("p/t/d/f");
-       t.write("p/t/f", 0, "CHANGED");
-       t.rename("p/t/d/sub/f", "elsewhere");
-       t.rename("p", "outermost");
-       t.file("p", "new");
-     }},
-    {"ParentDeletedAfterTheMove", sample,
-     [](TreeBuilder &t) {
-       t.rename("p/q", "d/q");
-       t.removeTree("p");
-       t.rename("s/t", "t");
-       t.removeTree("s");
-       t.rename("t", "s");
-     }},
     {"Everything",
      [](TreeBuilder &t) {
        for (std::string dir : {"one", "one/down", "two", "two/down", "two/down/deeper"}) {
@@ -97,16 +66,6 @@ const HistoryCase kNames[] = {
      },
      [](TreeBuilder &t) {
        for (const char *name : {"one", "two"}) t.removeTree(name);
-     }},
-    // To names that a walk in order of names meets before and after it.
-    {"MovedOutOfADeletedDirectory", sample,
-     [](TreeBuilder &t) {
-       t.rename("p/f", "aa/in/taken");
-       t.rename("p/q/r", "zz/in/taken");
-       t.rename("p/q/f", "zz/other");
-       t.rename("p/q", "aa/q");
-       t.write("zz/other", 0, "changed");
-       t.removeTree("p");
      }},
     {"NewInsideOldInsideNew", sample,
      [](TreeBuilder &t) {
@@ -184,12 +143,6 @@ const HistoryCase kHardLinks[] = {
      [](TreeBuilder &t) {
        for (const char *name : {"a", "a2", "c", "d"}) t.removeTree(name);
      }},
-    {"OnlyNameLeftInANewDirectory", sample,
-     [](TreeBuilder &t) {
-       t.dir("new");
-       t.rename("a", "new/only");
-       t.remove("a2");
-     }},
     {"OtherKinds", sample,
      [](TreeBuilder &t) {
        t.remove("link");
@@ -222,15 +175,6 @@ const HistoryCase kFlags[] = {
        t.truncate("p/f", 10);
        t.chown("p/f", 7, 7);
        t.immutable("p/f");
-     },
-     testsupport::kInodeFlags},
-    {"OnDeletedAndHardLinked", flagged,
-     [](TreeBuilder &t) {
-       for (const char *name : {"b", "p/q"}) t.immutable(name, false);
-       for (const char *name : {"d/f", "s/t"}) t.appendOnly(name, false);
-       for (const char *name : {"b", "p", "d", "s"}) t.removeTree(name);
-       t.link("c", "e/other");
-       t.immutable("c");
      },
      testsupport::kInodeFlags},
     {"AboveChanges", sample,
