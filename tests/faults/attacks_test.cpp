@@ -15,11 +15,9 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
+#include <map>
 #include <random>
-#include <sstream>
 
 #include "faults/faults_fixture.h"
 #include "support/survival.h"
@@ -41,21 +39,13 @@ int rounds(int in_suite) {
 
 // Describes a tree outside the fileset completely, including ctimes.
 std::string allOf(const std::string &root) {
-  std::map<std::string, std::string> lines;
-  for (const auto &entry : std::filesystem::recursive_directory_iterator(root)) {
-    struct stat st;
-    EXPECT_EQ(lstat(entry.path().c_str(), &st), 0);
-    std::ostringstream text;
-    text << entry.path().string() << " ino " << st.st_ino << std::oct << " mode " << st.st_mode
-         << std::dec << " owner " << st.st_uid << ":" << st.st_gid << " links " << st.st_nlink
-         << " size " << st.st_size << " mtime " << st.st_mtim.tv_sec << "." << st.st_mtim.tv_nsec
-         << " ctime " << st.st_ctim.tv_sec << "." << st.st_ctim.tv_nsec << "\n";
-    if (S_ISREG(st.st_mode)) text << std::ifstream(entry.path()).rdbuf();
-    lines[entry.path()] = text.str();
-  }
-  std::string all;
-  for (const auto &[path, text] : lines) all += text + "\n";
-  return all;
+  const RunResult listed = testsupport::runProgram(
+      {"-c", "cd " + root +
+                 " && find . -printf '%p %i %M %U:%G %n %s %T@ %C@ %l\\n' | sort && "
+                 "find . -type f -print0 | sort -z | xargs -0 cat"},
+      {.program = "/bin/sh"});
+  EXPECT_EQ(listed.exitStatus, 0) << listed.describe();
+  return listed.out;
 }
 
 // Returns all objects that alice does not own, by inode number. She can rename and link them where she
