@@ -140,8 +140,11 @@ const Case kCases[] = {
        t.link("d/x1", "d/e/x3");
        t.remove("d/y1");
        t.file("d/y1", "y");
+       for (std::string name : {"y1", "y2"})
+         t.link("d/" + name, "d/e/" + name);  // as many names as before
      },
-     {"extra\td/e/x3\tfile", "links\td/x1", "links\td/y1"}},
+     {"extra\td/e/x3\tfile", "extra\td/e/y1\tfile", "extra\td/e/y2\tfile", "links\td/x1",
+      "links\td/y1"}},
     {"LinksCrossed",
      [](TreeBuilder &t) { t.exchange("d/x2", "d/y2"); },
      {"data\td/x2\t0", "data\td/y2\t0", "links\td/x1", "links\td/y1"}},

@@ -23,8 +23,9 @@ TEST(Names, NothingThatSteersATerminalOrIsNoText) {
                {"\xc3\xbc \xe2\x82\xac \xf0\x9f\x98\x80", "\xc3\xbc \xe2\x82\xac \xf0\x9f\x98\x80"},
                {"\xc2\x9b"
                 "1m",
-                "\\xc2\\x9b1m"},                                   // CSI as one character
-               {"\xe2\x80\xaegpj.exe", "\\xe2\\x80\\xaegpj.exe"},  // written from right to left
+                "\\xc2\\x9b1m"},  // CSI as one character
+               {"\xe2\x80\x8f\xe2\x80\xaegpj.exe",
+                "\\xe2\\x80\\x8f\\xe2\\x80\\xaegpj.exe"},  // written from right to left
                {"\xff \xc3", "\\xff \\xc3"},
                {"\xc0\xaf\xed\xa0\x80", "\\xc0\\xaf\\xed\\xa0\\x80"}};  // overlong, a surrogate
   for (const auto &one : cases) EXPECT_EQ(shown(one.name), one.text);

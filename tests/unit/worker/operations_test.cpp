@@ -5,6 +5,7 @@
 #include "unit/support/real_fileset.h"
 #include "worker/delete_file.h"
 #include "worker/dir_ops.h"
+#include "worker/file_restore.h"
 #include "worker/work_unit.h"
 
 namespace {
@@ -71,6 +72,18 @@ TEST_F(Operations, FailureOfANestedListIsTheDirectorys) {
   tree.truncate(list, 0);
   unlink(workPath(kFatalError).c_str());
   EXPECT_TRUE(doWorkUnit(active("batch"), 42));
+}
+
+TEST_F(Operations, UsersFileAtTheNameOfADeletedOneIsLeftAsItIs) {
+  tree.file("f", "the snapshot's");
+  const uint64_t ino = tree.inode("f");
+  takeSnapshot();
+  tree.remove("f");
+  tree.file("f", "a user's");
+  tree.chown("f", 1001, 0);
+  settings.phase = kPhaseCreate;
+  EXPECT_EQ(restoreDelFile({ino, active("f"), {kOpRestoreDelFile, 0, 14}}).err, ESTALE);
+  EXPECT_EQ(tree.read("f"), "a user's");
 }
 
 TEST_F(Operations, RefusedRemovalWithoutAJunctionIsAFailure) {
