@@ -13,6 +13,7 @@ constexpr unsigned kAllAttributes = CEPH_STATX_ALL_STATS;
 constexpr uint64_t kSnapFolderNumber = static_cast<uint64_t>(-1);
 constexpr size_t kMostWritten = 64;  // files that are kept open for their outcome
 constexpr int kAttempts = 5;         // where a value grows between two calls
+constexpr int kMostMisses = 1000;    // entries of a listing, one after the other, that are gone by now
 
 std::mutex registry_mutex;
 std::map<ClusterAccess, std::weak_ptr<CephClient>> registry;
@@ -156,14 +157,15 @@ int CephClient::list(const InodeRef &dir, std::vector<CephEntry> *entries, bool 
   const bool snapshot = own.stx_dev != kActive && own.stx_dev != kSnapFolderNumber;
   rc = ceph_ll_opendir(mount_, dir.get(), &stream, perms_);
   if (rc < 0) return rc;
-  for (;;) {
+  for (int misses = 0;;) {
     struct dirent entry;
     CephStat st;
     ::Inode *inode = nullptr;
     rc = ceph_readdirplus_r(mount_, stream, &entry, &st, kAllAttributes, AT_SYMLINK_NOFOLLOW, &inode);
     // An entry that goes away while it is looked at is none.
-    if (rc == -ENOENT || rc == -ESTALE) continue;
+    if ((rc == -ENOENT || rc == -ESTALE) && ++misses < kMostMisses) continue;
     if (rc <= 0) break;
+    misses = 0;
     InodeRef held(shared_from_this(), inode);
     if (isDots(entry.d_name)) continue;
     // The first entry of every message from the servers comes with attributes that another client may
@@ -256,6 +258,10 @@ int CephClient::settle() {
   tickSlowlyInTheLongRun();
   // Everything at once before the files are asked one by one.
   const int synced = ceph_sync_fs(mount_);
+  if (synced < 0) {
+    std::lock_guard lock(mutex_);
+    if (failure_ == 0) failure_ = synced;
+  }
   std::vector<::Fh *> files;
   {
     std::lock_guard lock(mutex_);

@@ -58,6 +58,23 @@ int64_t timeOfSnapshot(CephClient &client, const InodeRef &snapshot) {
   return strtoll(text.c_str(), nullptr, 10);
 }
 
+// Returns true if the mount shows the directory `dir` at `fd`. Somebody may change the directory
+// between the two looks at it, so it looks several times.
+bool isShownAt(int fd, CephClient &client, const InodeRef &dir) {
+  constexpr int kLooks = 5;
+  for (int look = 0; look < kLooks; ++look) {
+    struct stat shown;
+    CephStat known;
+    if (fstat(fd, &shown) != 0 || client.readStat(dir, &known) != 0) return false;
+    if (shown.st_ino != known.stx_ino) return false;
+    if (shown.st_ctim.tv_sec == known.stx_ctime.tv_sec &&
+        shown.st_ctim.tv_nsec == known.stx_ctime.tv_nsec)
+      return true;
+    usleep(100000);
+  }
+  return false;
+}
+
 // The layout that files have where nobody asked for another.
 int readDefaultLayout(CephClient &client, std::string *layout) {
   InodeRef top;
@@ -193,6 +210,9 @@ int CephFileSystem::openTree(const char *fileset_name, const char *snapshot_name
   }
   root->fd.reset(open(root->path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!root->fd) return failWith(errno, root->path + ": " + strerror(errno));
+  // A cluster can have several file systems, and the numbers of their directories can be equal.
+  if (!root->isSnapshot() && !isShownAt(root->fd.get(), *client_, root->inode))
+    return failWith(ENODEV, root->path + " is not of the file system that the configuration names");
   if (rc = readDefaultLayout(*client_, &root->default_layout); rc < 0) return rc;
   *tree = std::make_unique<CephTree>(std::move(root));
   return 0;

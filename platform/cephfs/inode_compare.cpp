@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "cephfs/file_objects.h"
+#include "cephfs/names.h"
 #include "filesystem/blob_format.h"
 
 namespace kest {
@@ -180,6 +181,8 @@ int describeChange(const CephRoot &active, const CephRoot &snapshot, uint64_t in
   CephStat now, then;
   int rc = active.client->byNumber(ino, kActive, &here, &now);
   if (rc == 0) rc = snapshot.client->byNumber(ino, snapshot.snapid, &there, &then);
+  // The servers may have forgotten the number.
+  if (rc == -ESTALE && here) rc = findInSnapshot(snapshot, ino, &there, &then);
   if (rc == -ESTALE) return -ENOENT;
   if (rc < 0) return rc;
   if (now.stx_nlink == 0 || ((now.stx_mode ^ then.stx_mode) & S_IFMT) != 0) return -ENOENT;

@@ -63,7 +63,8 @@ class CephScan : public InodeScan {
     while (!folders.empty()) {
       InodeRef dir;
       CephStat st;
-      const int found = openByNumber(*root_, folders.back(), &dir, &st);
+      const int found = root_->isSnapshot() ? findInSnapshot(*root_, folders.back(), &dir, &st)
+                                            : openByNumber(*root_, folders.back(), &dir, &st);
       folders.pop_back();
       if (found == -ENOENT) continue;
       std::vector<CephEntry> entries;

@@ -25,16 +25,18 @@ Result checkFailed(uint64_t ino, const Result &r) {
   return r;
 }
 
-// Classifies an inode from the difference alone, without opening it. That is valid only in the first
-// pass, before the run changes anything. *known is false if the inodes themselves must be compared.
+// Classifies an inode from the difference alone, without opening it. *known is false if the inodes
+// themselves must be compared: that a file was deleted stays true, but everything else is valid only in
+// the first pass, before the run changes anything. A file system may still find a file by its number
+// that was moved out of the fileset; it counts as deleted, too.
 Result knownKind(uint64_t ino, bool *known, FileKind *kind) {
   *known = false;
-  if (settings.pass != 1) return {};
   const int bits = kest_idifference(handles.iscanP, ino);
   if (bits < 0) return checkFailed(ino, failed(kAskDifference));
   // An inode that is not in the difference is unchanged or was made since. The kind of a clone must
   // be compared.
   if (bits == 0 || bits & KEST_DI_CLONE) return {};
+  if (settings.pass != 1 && bits & KEST_DI_ACTIVE) return {};
   *known = true;
   if (!(bits & KEST_DI_ACTIVE)) {
     *kind = kKindDeleted;

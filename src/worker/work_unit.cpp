@@ -143,6 +143,7 @@ class Checkpoint {
     if (waiting_.empty()) return {};
     if (Result r = called(kest_settle(handles.activeFsP)); !r) {
       reportFailure(last_, r.err);
+      waiting_.clear();
       return r;
     }
     const Result written = writeAll(fd_.get(), waiting_);

@@ -253,7 +253,7 @@ TEST_F(CephFaults, ClientsThatAreShutOutEndTheRun) {
     ASSERT_TRUE(reach(*run, stage)) << run->said();
     evictRestore();
     EXPECT_NE(end(*run), 0) << run->said();
-    EXPECT_FALSE(run->endAll() && run->said().empty());
+    EXPECT_FALSE(run->said().empty());
   }
   expectFinishedByNextRun();
 }
@@ -263,7 +263,7 @@ TEST_F(CephFaults, KilledRunsAreFinishedByTheNext) {
   for (const char *stage : {kStages[0], kStages[1], kStages[2]}) {
     SCOPED_TRACE(stage);
     auto run = start();
-    if (!reach(*run, stage)) continue;
+    ASSERT_TRUE(reach(*run, stage)) << run->said();
     EXPECT_TRUE(run->endAll());
     evictRestore();  // else the servers wait for the dead clients, a minute for each that is in the way
   }
