@@ -22,6 +22,7 @@ if(TARGET kest_cephfs)
   list(APPEND CPACK_COMPONENTS_ALL cephfs)
   set(CPACK_DEBIAN_CEPHFS_PACKAGE_NAME fsetrestore-cephfs)
   set(CPACK_DEBIAN_CEPHFS_PACKAGE_DEPENDS "fsetrestore (= ${PROJECT_VERSION}-1)")
+  set(CPACK_DEBIAN_CEPHFS_PACKAGE_RECOMMENDS "parallel, openssh-client")  # by which nodes share a restore
   set(CPACK_DEBIAN_CEPHFS_DESCRIPTION
 "With this package the programs of fsetrestore work on directories of a CephFS
 and the snapshots in their .snap folders.")

@@ -1,6 +1,7 @@
 // ktapplypolicy, the policy engine: passes the records of a list to an external script, in parallel.
 
 #include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -154,7 +155,12 @@ int applyPolicy(const Options &options) {
   std::string problem;
   std::vector<Node> nodes;
   if (!resolveNodes(options.nodes, options.device, &nodes, &problem)) return fail(problem);
-  if (!options.ask.empty()) return askNodes(nodes, options.ask, options.answer) ? 0 : kFailed;
+  if (!options.ask.empty()) {
+    for (const char *program : {kParallel, kSsh})
+      if (!isLocalAlone(nodes) && access(program, X_OK) != 0)
+        return fail(std::string(program) + ", by which other nodes are reached: " + strerror(errno));
+    return askNodes(nodes, options.ask, options.answer) ? 0 : kFailed;
+  }
   RunDirectory directory;
   if (const Result r = directory.open(options.directory); !r)
     return fail(options.directory + ": " + strerror(r.err));

@@ -15,6 +15,7 @@
 
 #include "base/file_io.h"
 #include "base/local_nodes.h"
+#include "formats/work_names.h"
 
 namespace {
 
@@ -92,7 +93,10 @@ bool resolveNodes(const std::string &list, const std::string &device, std::vecto
                  "other nodes need a clustered one";
       return false;
     }
-    ++number;
+    if (++number > kMostNodes) {
+      *problem = "more than " + std::to_string(kMostNodes) + " nodes";
+      return false;
+    }
     if (std::none_of(nodes->begin(), nodes->end(),
                      [&](const Node &node) { return local ? node.isLocal() : node.name == name; }))
       nodes->push_back({name, local ? 0 : number, 0});
@@ -121,7 +125,7 @@ bool isLocalAlone(const std::vector<Node> &nodes) {
 }
 
 std::vector<std::string> sshWords(const std::string &node, const std::string &command) {
-  std::vector<std::string> words = {"/usr/bin/ssh", "-T", "-x"};
+  std::vector<std::string> words = {kSsh, "-T", "-x"};
   if (access(kSshConfig, F_OK) == 0) words.insert(words.end(), {"-F", kSshConfig});
   for (const char *option : {"BatchMode=yes", "ConnectTimeout=8", "ServerAliveInterval=2",
                              "ServerAliveCountMax=4", "LogLevel=ERROR"})

@@ -7,10 +7,8 @@
 
 #include "engine/run_directory.h"
 
-inline constexpr char kNodesFile[] = "/usr/qtx/kest/etc/nodes";       // the nodes of "all", one a line
+inline constexpr char kParallel[] = "/usr/bin/parallel", kSsh[] = "/usr/bin/ssh";
 inline constexpr char kSshConfig[] = "/usr/qtx/kest/etc/ssh_config";  // ssh reads it if it exists
-// The file of the run directory that names the nodes which the run has lost, one a line.
-inline constexpr char kLostNodes[] = "lost.nodes";
 
 struct Node {
   std::string name;   // as ssh takes it
@@ -23,7 +21,8 @@ struct Node {
 // Resolves the argument of -N: names divided by commas, "all" for those in kNodesFile, or for this
 // machine if there is no such file or if no other node can see `device`. Names that mean this machine
 // count once. Returns false and *problem for a name that is no name of a node, for an unreadable file,
-// and for another node if no other can see `device`.
+// for more than
+// kMostNodes, and for another node if no other can see `device`.
 bool resolveNodes(const std::string &list, const std::string &device, std::vector<Node> *nodes,
                   std::string *problem);
 

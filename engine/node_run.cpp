@@ -24,7 +24,6 @@
 
 namespace {
 
-constexpr char kParallel[] = "/usr/bin/parallel";
 constexpr char kEngine[] = "/usr/qtx/kest/bin/ktapplypolicy";
 constexpr char kLoginFile[] = "nodes", kPartFile[] = "parts", kJobLog[] = "joblog";
 constexpr int kLookMs = 100;

@@ -34,6 +34,8 @@ bool isWorkDirName(std::string_view name);
 
 // Exists while an engine run of several nodes goes on; it is left behind if that is killed.
 inline constexpr char kNodeRun[] = "node.run";
+// Names the nodes that engine runs of several nodes have lost, one a line.
+inline constexpr char kLostNodes[] = "lost.nodes";
 
 // Environment variables for the processes of a run. The identity of the work directory, by which they
 // accept no other: "<device>:<inode>". The number of the node on which they run; absent on the

@@ -49,7 +49,7 @@ int makeLockFile(const CephRoot &root) {
 // process.
 int openLockFile(const CephRoot &root, UniqueFd *fd) {
   const auto open = [&] {
-    fd->reset(openat(root.fd.get(), kLockFile, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    fd->reset(openat(root.fd.get(), kLockFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
     return *fd ? 0 : -errno;
   };
   int rc = open();
@@ -73,11 +73,13 @@ int lockFileset(const CephRoot &root) {
     const int rc = openLockFile(root, &fd);
     if (rc == -ENOENT) continue;  // it has just been removed
     if (rc < 0) return rc;
+    // This call answers at once. fstat, or opening the file for writing, would wait for the client of a
+    // lost node until it is evicted.
+    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) return -errno;
     struct stat st, named;
     if (fstat(fd.get(), &st) != 0) return -errno;
     // Somebody else's file has the name.
     if (!isOurs(st.st_mode, st.st_uid, static_cast<uint64_t>(st.st_size))) return -EEXIST;
-    if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) return -errno;
     // A run that ended meanwhile may have removed it.
     if (fstatat(root.fd.get(), kLockFile, &named, AT_SYMLINK_NOFOLLOW) == 0 &&
         named.st_ino == st.st_ino)

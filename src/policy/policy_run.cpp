@@ -94,6 +94,12 @@ Result runWithRetries(const EngineRun &run) {
     // the failure.
     if (getFatalError() != 0 || status == ENOSPC || retries == kMaxRetries)
       return {status, kRunEngine, 0};
+    // A killed engine has left its parts on the other nodes. They would work beside those of the retry.
+    struct stat marker;
+    if (statWorkFile(workPath(kNodeRun), &marker)) {
+      awaitDeadNodes();
+      (void)unlinkWorkFile(workPath(kNodeRun));
+    }
     // If the update fails, the retry performs the whole list again, which is slower but harmless.
     if (!updateOpList(run.list, callerNumber())) traceLog("executePolicy: cannot update opList\n");
     ++retries;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <set>
 #include <unordered_set>
 #include <vector>
 
@@ -19,11 +20,11 @@
 
 namespace {
 
-constexpr size_t kPiece = 128 * 1024;  // bytes of one read
-
 // Step codes of the routines in this file, as they appear in the trace log.
 enum SideListStep : int { kOpenSideList = 1, kAppendSideRecord = 2 };
 enum CloneListStep : int { kOpenCloneList = 3, kAppendDeletion = 4, kAppendCreation = 5 };
+
+std::set<std::string> unsynced_lists;  // lists of this node that syncSideLists must write
 
 // Appends one record to a list that several processes append to, and counts it. The counter advances
 // only if the record was written. rc of a failure is the errno; its code is kOpenSideList if the list
@@ -38,6 +39,7 @@ Result appendSideRecord(const std::string &list_path, const std::string &close_n
   if (Result r = list->appendRecord(next.iAgg, ino, path, {.opCode = op}); !r)
     return r.at(kAppendSideRecord);
   aggregates.regPend = next;
+  if (nodeNumber() != 0) unsynced_lists.insert(list_path);
   reportOpCount(false);
   return closeWorkFile(list, close_name).at(kAppendSideRecord);
 }
@@ -98,18 +100,33 @@ Result gatherNodeLists(const std::string &name) {
     if (entry == nullptr) break;
     if (isNodeFile(entry->d_name, name)) found.push_back(workPath(entry->d_name));
   }
+  struct stat lost;
+  const bool nodes_lost{statWorkFile(workPath(kLostNodes), &lost)};
   for (const std::string &path : found) {
-    std::string text;
+    ListReader records;
     std::unique_ptr<WorkFile> list;
-    UniqueFd fd;
-    if (Result r = openWorkFile(path, O_RDONLY, &fd); !r) return r;
+    if (Result r = openList(path, &records); !r) return r;
     if (Result r = WorkFile::open(workPath(name), WorkFile::Mode::kKeep, &list); !r) return r;
-    do {
-      if (Result r = readToEnd(fd.get(), &text, kPiece); !r) return r;
-      if (Result r = list->append(text); !r) return r;
-    } while (!text.empty());
+    for (bool end = false; !end;) {
+      ListRecord record;
+      const Result r = records.next(&record, &end);
+      // The last records of a lost node may be torn. The nodes that did its work again have them, too.
+      if (r.err == EINVAL && nodes_lost) break;
+      if (!r) return r;
+      if (end) break;
+      if (Result written = list->append(record.whole); !written) return written;
+    }
     if (Result r = list->close(); !r) return r;
     if (Result r = unlinkWorkFile(path); !r) return r;
+  }
+  return {};
+}
+
+Result syncSideLists() {
+  for (; !unsynced_lists.empty(); unsynced_lists.erase(unsynced_lists.begin())) {
+    UniqueFd fd;
+    if (Result r = openWorkFile(*unsynced_lists.begin(), O_WRONLY, &fd); !r) return r;
+    if (Result r = called(fdatasync(fd.get())); !r) return r;
   }
   return {};
 }

@@ -18,9 +18,15 @@ Result listNewDir(const std::string &path, uint64_t ino);
 Result listPendingMove(uint64_t ino);
 
 // Appends what workers on other nodes have written to their files of a list (nodeFileName) to the list
-// itself, and removes those files. Call it when no worker runs. rc of a failure is the errno. Master
+// itself, and removes those files. If the run has lost nodes, drops what follows the last whole record of
+// a file. Call it when no worker runs. rc of a failure is the errno; EINVAL: a list is damaged. Master
 // only.
 Result gatherNodeLists(const std::string &name);
+
+// Writes what this process has appended to the lists of its node to the disk. The restore survives the
+// loss of a node, but not that of these records if a checkpoint line says that the work is done: call
+// it before such a line is written. Does nothing on the master's node, whose loss ends the run.
+Result syncSideLists();
 
 // link.ino: an inode with several hard links, whose names phase 8 corrects. Each inode is listed once,
 // under the first name that the walk meets. Master only.

@@ -7,18 +7,21 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <string_view>
 
+#include "base/local_nodes.h"
 #include "formats/work_names.h"
 #include "messages/messages.h"
 #include "object/paths.h"
+#include "restore/make_room.h"
+#include "run/node.h"
 #include "run/open_run.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/shell_command.h"
-#include "run/stop_signal.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
 
@@ -26,11 +29,18 @@ namespace {
 
 constexpr char kEngine[] = "/usr/qtx/kest/bin/ktapplypolicy";
 constexpr char kAnswer[] = "fsetrestore " FSETRESTORE_VERSION;
-constexpr int kUntilDead = 12;  // seconds; more than kLease of the engine
+
+// Returns true if the list of nodes can only mean this machine.
+bool namesThisMachineAlone() {
+  std::string foreign;
+  return nodesAreLocal(settings.nodeSpec, &foreign) && access(kNodesFile, F_OK) != 0 &&
+         errno == ENOENT;
+}
 
 // Writes a number into the work directory that no other directory has.
 Result writeToken(std::string *token) {
   std::array<unsigned char, 16> bytes;
+  token->clear();
   if (getrandom(bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size()))
     return failedErrno(0);
   for (const unsigned char byte : bytes) {
@@ -60,12 +70,17 @@ Result ask(const std::string &token, int *status) {
 }  // namespace
 
 Result checkNodes() {
-  if (kest_spans_nodes(handles.activeFsP) != 1) return {};
+  if (kest_spans_nodes(handles.activeFsP) != 1 || namesThisMachineAlone()) return {};
   std::string token;
   int status = 0;
-  Result r = writeToken(&token);
-  if (r) r = ask(token, &status);
-  if (!r) userMessage(Message::kFileError, kEngine, strerror(r.err));
+  const auto write = [&] { return writeToken(&token); };
+  Result r = write();
+  if (isFull(r.err)) r = makeRoom(write);
+  if (!r) {
+    userMessage(Message::kFileError, workPath(kNodeToken), strerror(r.err));
+  } else if (r = ask(token, &status); !r) {
+    userMessage(Message::kFileError, kEngine, strerror(r.err));
+  }
   if (r && status == 0) return {};
   userMessage(Message::kNodesCannot);
   return r ? errnoResult(EHOSTUNREACH) : r;
@@ -98,7 +113,5 @@ void awaitDeadRuns() {
     const std::string marker = handles.rootPath + "/" + entry->d_name + "/" + kNodeRun;
     killed = killed || (isWorkDirName(entry->d_name) && access(marker.c_str(), F_OK) == 0);
   }
-  if (!killed) return;
-  userMessage(Message::kAwaitDeadRun, kUntilDead);
-  for (int tenths = kUntilDead * 10; tenths > 0 && stopSignal() == 0; --tenths) usleep(100000);
+  if (killed) awaitDeadNodes();
 }

@@ -4,14 +4,10 @@
 
 #include <cstdlib>
 
+#include "base/local_nodes.h"
 #include "formats/work_names.h"
-
-namespace {
-
-// Linux has process IDs below 2^22. That leaves 511 nodes.
-constexpr int kProcessBits = 22, kMostNodes = 511;
-
-}  // namespace
+#include "messages/messages.h"
+#include "run/stop_signal.h"
 
 int nodeNumber() {
   static const int number = [] {
@@ -24,4 +20,10 @@ int nodeNumber() {
 
 int32_t callerNumber() {
   return static_cast<int32_t>(getpid() | nodeNumber() << kProcessBits);
+}
+
+void awaitDeadNodes() {
+  constexpr int kUntilDead = 12;  // seconds; more than kLease of the engine
+  userMessage(Message::kAwaitDeadRun, kUntilDead);
+  for (int tenths = kUntilDead * 10; tenths > 0 && stopSignal() == 0; --tenths) usleep(100000);
 }

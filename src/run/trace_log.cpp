@@ -66,6 +66,14 @@ void putLine(std::string_view line) {
   if (nanoseconds() - last_write >= kPause) flushTraceLines();
 }
 
+void printFile(const UniqueFd &fd) {
+  char piece[65536];
+  ssize_t got;
+  while ((got = read(fd.get(), piece, sizeof piece)) > 0 || (got < 0 && errno == EINTR))
+    if (got > 0) fwrite(piece, 1, static_cast<size_t>(got), stdout);
+  fflush(stdout);
+}
+
 }  // namespace
 
 void flushTraceLines() {
@@ -140,9 +148,11 @@ void dumpErrorLog() {
   UniqueFd fd;
   if (!openWorkFile(workPath(kErrorLog), O_RDONLY, &fd)) return;
   puts("---------------------");
-  char piece[65536];
-  ssize_t got;
-  while ((got = read(fd.get(), piece, sizeof piece)) > 0 || (got < 0 && errno == EINTR))
-    if (got > 0) fwrite(piece, 1, static_cast<size_t>(got), stdout);
-  fflush(stdout);
+  printFile(fd);
+  Dir dir;
+  if (!openWorkList(settings.shareDir, &dir)) return;
+  for (const dirent *entry = nullptr; nextEntry(dir, &entry) && entry != nullptr;)
+    if (isNodeFile(entry->d_name, kErrorLog) &&
+        openWorkFile(workPath(entry->d_name), O_RDONLY, &fd))
+      printFile(fd);
 }

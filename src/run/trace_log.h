@@ -23,5 +23,5 @@ std::string formatTimeStamp();
 const std::string &hostName();
 
 // If Debug is set and no path was too long, prints 21 dashes and then the whole trace log on standard
-// output.
+// output: the file of the master's node, then those of the other nodes.
 void dumpErrorLog();

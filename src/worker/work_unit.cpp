@@ -17,6 +17,7 @@
 #include "formats/operation.h"
 #include "messages/messages.h"
 #include "object/move_file.h"
+#include "records/side_lists.h"
 #include "run/fatal_error.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
@@ -146,6 +147,7 @@ class Checkpoint {
       waiting_.clear();
       return r;
     }
+    if (Result r = syncSideLists(); !r) return r;
     const Result written = writeAll(fd_.get(), waiting_);
     waiting_.clear();
     last_write_ = nanoseconds();
