@@ -18,9 +18,9 @@ Result listNewDir(const std::string &path, uint64_t ino);
 Result listPendingMove(uint64_t ino);
 
 // Appends what workers on other nodes have written to their files of a list (nodeFileName) to the list
-// itself, and removes those files. If the run has lost nodes, drops what follows the last whole record of
-// a file. Call it when no worker runs. rc of a failure is the errno; EINVAL: a list is damaged. Master
-// only.
+// itself, and removes those files. If the run has lost nodes, drops what follows the last whole record
+// of a file. Call it when no worker runs. rc of a failure is the errno; EINVAL: a list is damaged.
+// Master only.
 Result gatherNodeLists(const std::string &name);
 
 // Writes what this process has appended to the lists of its node to the disk. The restore survives the
