@@ -8,21 +8,22 @@
 
 namespace {
 
-bool isLargeRange(const ListRecord &record) {
+uint64_t rangeBytes(const ListRecord &record) {
   Operation op;
-  return parseOpString(record.opString, &op) && op.isRange(kLargeRange);
+  return parseOpString(record.opString, &op) && op.isRange(1) ? op.length : 0;
 }
 
 }  // namespace
 
-size_t balancedBatchSize(uint64_t records, size_t workers, size_t most) {
-  constexpr uint64_t kBatchesPerWorker = 2, kLeast = 100;
+size_t balancedBatchSize(uint64_t records, size_t workers, bool waits, size_t most) {
+  constexpr uint64_t kBatchesPerWorker = 2;
+  const uint64_t least = waits ? 100 : 400;
   const uint64_t share = records / (kBatchesPerWorker * std::max<size_t>(workers, 1)) + 1;
-  return static_cast<size_t>(std::min<uint64_t>(std::max(share, kLeast), most));
+  return static_cast<size_t>(std::min<uint64_t>(std::max(share, least), most));
 }
 
 BatchRecord::BatchRecord(const ListRecord &record)
-    : aggregate(record.aggregate), large_range(isLargeRange(record)), line(formatBatchLine(record)) {}
+    : aggregate(record.aggregate), bytes(rangeBytes(record)), line(formatBatchLine(record)) {}
 
 void Batcher::add(BatchRecord record) {
   if (!run_.empty() && run_.front().aggregate != record.aggregate) endRun();
@@ -37,9 +38,10 @@ void Batcher::add(BatchRecord record) {
 }
 
 void Batcher::endRun() {
-  const bool has_ranges = std::any_of(run_.begin(), run_.end(),
-                                      [](const BatchRecord &record) { return record.large_range; });
-  const bool fits = open_.size() + run_.size() <= max_records_ && !(has_ranges && open_has_ranges_);
+  uint64_t bytes = 0;
+  for (const BatchRecord &record : run_) bytes += std::min(record.bytes, kSharedBytes);
+  const bool share = bytes == 0 || open_bytes_ == 0 || open_bytes_ + bytes <= kSharedBytes;
+  const bool fits = open_.size() + run_.size() <= max_records_ && share;
   if (!fits) closeOpen();
   if (max_records_ == 1 && run_.size() == 2) {
     // With a batch size of one every batch is full, so there are no remainders.
@@ -47,13 +49,13 @@ void Batcher::endRun() {
     run_.erase(run_.begin());
   }
   std::move(run_.begin(), run_.end(), std::back_inserter(open_));
-  open_has_ranges_ = open_has_ranges_ || has_ranges;
+  open_bytes_ += bytes;
   run_.clear();
 }
 
 void Batcher::closeOpen() {
   if (!open_.empty()) ready_.push_back(std::exchange(open_, {}));
-  open_has_ranges_ = false;
+  open_bytes_ = 0;
 }
 
 void Batcher::finish() {

@@ -126,7 +126,7 @@ int runHere(const Options &options, const RunDirectory &directory, ListReader *l
   const size_t most_here = std::min(options.max_workers, most);
   BatchRun run(
       {script, &directory, most_here,
-       balancedBatchSize(records, std::min(most_here, slots.budget()), options.batch_size), line.get()},
+       balancedBatchSize(records, std::min(most_here, slots.budget()), spansNodes(options.device), options.batch_size), line.get()},
       &slots, &signals);
   if (!run.probe()) {
     (void)line.release();

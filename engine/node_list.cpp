@@ -29,7 +29,8 @@ bool isNodeName(std::string_view name) {
          });
 }
 
-// Returns true if `device` lies on a file system of a type that several nodes can mount.
+}  // namespace
+
 bool spansNodes(const std::string &device) {
   struct stat st;
   if (stat(device.c_str(), &st) != 0) return false;
@@ -46,6 +47,8 @@ bool spansNodes(const std::string &device) {
   }
   return false;
 }
+
+namespace {
 
 bool readNodesFile(std::vector<std::string> *names, std::string *problem) {
   std::ifstream file(kNodesFile);

@@ -18,6 +18,9 @@ struct Node {
   bool isLocal() const { return number == 0; }
 };
 
+// Returns true if `device` lies on a file system of a type that several nodes can mount.
+bool spansNodes(const std::string &device);
+
 // Resolves the argument of -N: names divided by commas, "all" for those in kNodesFile, or for this
 // machine if there is no such file or if no other node can see `device`. Names that mean this machine
 // count once. Returns false and *problem for a name that is no name of a node, for an unreadable file,

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "base/leases.h"
+#include "base/threads.h"
 #include "btrfs/attributes.h"
 #include "btrfs/extent_diff.h"
 #include "btrfs/file_handle.h"
@@ -26,7 +27,10 @@ namespace kest {
 
 namespace {
 
-enum class Use { kFree, kRuns, kSwap, kUnknown };
+enum class Use { kFree, kRuns, kSwap, kForbidden, kUnknown };
+
+// Inodes that are looked at together, and from what number on threads are worth their start.
+constexpr size_t kChunk = 8192, kWorthThreads = 512;
 
 // 1: the file system is mounted without ACLs; 0; or -errno.
 int lacksAcls(int fd) {
@@ -54,19 +58,50 @@ class Obstacles {
     leased_ = leasedInodes();
     const DifferenceSet &set = difference_->set();
     SortedPairs::Cursor cursor = set.inodesFrom(0);
-    for (DiffInode one = set.next(&cursor); one.ino != 0; one = set.next(&cursor))
-      if (int rc = lookAt(one); rc < 0) return rc;
-    return 0;
+    std::vector<Question> some;
+    for (DiffInode one = set.next(&cursor); one.ino != 0; one = set.next(&cursor)) {
+      some.push_back({one});
+      if (some.size() < kChunk) continue;
+      if (int rc = lookAtSome(&some); rc < 0) return rc;
+    }
+    return lookAtSome(&some);
   }
 
  private:
-  int lookAt(const DiffInode &one) {
-    const bool same = one.alive() && one.inSnapshot() && !one.replaced();
+  // An inode of the difference, and how it is used if that matters.
+  struct Question {
+    DiffInode one;
+    Use use = Use::kFree;
+
+    bool same() const { return one.alive() && one.inSnapshot() && !one.replaced(); }
     // Only a file without copy-on-write can be swap space. A program that will only be removed can keep
     // running.
-    const bool may_be_swap = (one.state & kDiffNoCow) != 0;
-    if (one.alive() && (one.state & kDiffRegular) != 0 && (same || may_be_swap))
-      if (int rc = lookAtUse(one.ino, same, may_be_swap); rc < 0) return rc;
+    bool mayBeSwap() const { return (one.state & kDiffNoCow) != 0; }
+    bool matters() const {
+      return one.alive() && (one.state & kDiffRegular) != 0 && (same() || mayBeSwap());
+    }
+  };
+
+  // Opens the files in as many threads as are useful, then looks at the answers in order.
+  int lookAtSome(std::vector<Question> *some) {
+    const size_t count = some->size(), threads = count < kWorthThreads ? 1 : usefulThreads();
+    const int rc = inThreads(threads, [&](size_t thread) {
+      for (size_t i = count * thread / threads; i < count * (thread + 1) / threads; ++i)
+        if (Question &one = (*some)[i]; one.matters()) one.use = useOf(one.one.ino, one.mayBeSwap());
+      return 0;
+    });
+    if (rc < 0) return rc;
+    for (const Question &question : *some)
+      if (int looked = lookAt(question); looked < 0) return looked;
+    some->clear();
+    return 0;
+  }
+
+  int lookAt(const Question &question) {
+    const DiffInode &one = question.one;
+    const bool same = question.same();
+    if (question.matters())
+      if (int rc = lookAtUse(one.ino, same, question.use); rc < 0) return rc;
     if (one.inSnapshot() && leased_.contains(one.ino))
       if (int rc = tellHolder(one.ino); rc < 0) return rc;
     return look_for_acls_ ? lookForAcl(one, same) : 0;
@@ -85,19 +120,24 @@ class Obstacles {
   }
 
   // `same`: the snapshot has this file, too.
-  int lookAtUse(uint64_t ino, bool same, bool may_be_swap) {
-    switch (useOf(ino, may_be_swap)) {
+  int lookAtUse(uint64_t ino, bool same, Use use) {
+    switch (use) {
       case Use::kSwap:
         return report(KEST_OB_SWAP, ino, root_);
       case Use::kRuns:
         return same ? lookAtProgram(ino) : 0;
+      case Use::kForbidden:
+        // The kernel refuses to open an immutable or append-only file for writing, whether it is
+        // running or not.
+        if (!running_) running_ = runningPrograms(root_.device);
+        return same && running_->contains(ino) ? lookAtProgram(ino) : 0;
       default:
         return 0;
     }
   }
 
   // Finds out by trying to open the file for writing. That also starts breaking a lease on it.
-  Use useOf(uint64_t ino, bool may_be_swap) {
+  Use useOf(uint64_t ino, bool may_be_swap) const {
     const UniqueFd fd(openEvenNameless(root_.fd.get(), root_.subvol_id, ino, 0, O_WRONLY | O_NONBLOCK));
     if (fd) {
       // No file can be so large, so the request always fails, and for swap space with its own error.
@@ -108,11 +148,7 @@ class Obstacles {
       return Use::kFree;
     }
     if (fd.get() == -ETXTBSY) return Use::kRuns;
-    if (fd.get() != -EPERM) return Use::kUnknown;
-    // The kernel refuses to open an immutable or append-only file for writing, whether it is running or
-    // not.
-    if (!running_) running_ = runningPrograms(root_.device);
-    return running_->contains(ino) ? Use::kRuns : Use::kUnknown;
+    return fd.get() == -EPERM ? Use::kForbidden : Use::kUnknown;
   }
 
   // A running program matters only if the restore would have to write to it.

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "object/clones.h"
-#include "object/name_calls.h"
+#include "plan/truncations.h"
 #include "records/aggregate.h"
 #include "records/side_lists.h"
 #include "run/run_handles.h"
@@ -17,12 +17,10 @@ namespace {
 enum RangeStep : int {
   kWriteRecord = 2,
   kOpenInodes = 11,
-  kTruncate = 14,
   kListChanges = 15,
   kListTail = 16,
   kOpenDeleted = 17,
   kListClone = 31,
-  kClearFlags = 141,  // the flags that forbid the truncation
 };
 
 constexpr int64_t kBlock = 4096;  // bytes; a hole consists of whole blocks
@@ -132,9 +130,7 @@ Result lookAt(ChangedFile &file) {
 }
 
 Result truncateActive(const ChangedFile &file, int64_t to) {
-  bool clearing_failed = false;
-  if (Result r = truncatePath(file.path, to, file.ino, &clearing_failed); !r)
-    return failed(clearing_failed ? kClearFlags : kTruncate, r.err);
+  if (Result r = truncateListed({file.path, file.ino, to}); !r) return r;
   traceLog("%s: MODIFY truncate file %s from %ld to %ld\n", file.writer.name, file.path.c_str(),
            file.active_size, to);
   return {};

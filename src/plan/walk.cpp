@@ -16,6 +16,7 @@
 #include "plan/entries.h"
 #include "plan/nested.h"
 #include "plan/new_walk.h"
+#include "plan/truncations.h"
 #include "plan/walk_failure.h"
 #include "records/aggregate.h"
 #include "records/side_lists.h"
@@ -469,6 +470,9 @@ Result CommonWalk::singleName(CommonDir &dir, uint64_t ino, const DiffItem &item
 
 Result walkNames(MasterLists &lists) {
   CommonWalk walk(lists);
+  Truncations truncations;
   if (Result r = walk.traverseCommonDir(handles.rootPath, handles.rootIno); !r) return r;
-  return settings.pass > 1 ? walk.walkMovedDirs() : Result{};
+  if (settings.pass > 1)
+    if (Result r = walk.walkMovedDirs(); !r) return r;
+  return truncations.settle();
 }

@@ -1,5 +1,6 @@
 // The signals SIGINT, SIGTERM and SIGHUP ask a run to end. The master notes them, stops the command
-// that it has started and ends by itself. Workers keep the default action and end at once.
+// that it has started and ends by itself. Workers keep the default action and end at once, but on a
+// clustered file system they end after the record at hand.
 #pragma once
 
 #include <sys/types.h>
@@ -9,7 +10,7 @@
 void catchStopSignals();
 
 // Returns the first such signal, or 0. The loops of the master ask after every object and end with
-// EINTR.
+// EINTR, and so do such workers.
 int stopSignal();
 
 // For the end of a run, which only removes the work directory: its commands may start in spite of an

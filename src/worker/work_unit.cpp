@@ -21,6 +21,7 @@
 #include "run/fatal_error.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
@@ -185,6 +186,7 @@ Result performLine(std::string_view text, const std::string &list_path, int done
   // If a line cannot be written, a repeated run would not know that the record is done.
   if (Result r = checkpoint->before(record.op); !r) return stop(failed(kCheckpoint, r.err));
   if (Result r = perform(record); !r) {
+    if (stopSignal() != 0) return errnoResult(EINTR);
     reportFailure(record, r.reason());
     const Result stopped = stop(failed(kPerform, r.reason()));
     // This must follow stop(), which writes the marker that markIfOthersFailed looks for.
@@ -226,6 +228,10 @@ Result doWorkUnit(const std::string &listPath, int32_t callerPid) {
       break;
     }
     if (text.empty()) break;
+    if (stopSignal() != 0) {
+      result = errnoResult(EINTR);
+      break;
+    }
     const std::string_view line = firstLine(text);
     result = performLine(line, listPath, done, &checkpoint);
     batch.skip(line.size());
@@ -236,6 +242,8 @@ Result doWorkUnit(const std::string &listPath, int32_t callerPid) {
 
 int runWorker() {
   const int pid = static_cast<int>(getpid());
+  // The servers of a clustered file system wait for a client that ends without saying goodbye.
+  if (kest_spans_nodes(handles.activeFsP) == 1) catchStopSignals();
   traceLog("[THREAD %d] start, phase %d, callerPid %d\n", pid, settings.phase, settings.callerPid);
   flushTraceLines();
   const int rc = doWorkUnit(settings.listFile, settings.callerPid).rc;

@@ -9,10 +9,11 @@
 namespace {
 
 TEST(Batcher, BalancedBatchSizes) {
-  EXPECT_EQ(balancedBatchSize(40, 4, 1000), 100u) << "a start costs more than such a share";
-  EXPECT_EQ(balancedBatchSize(4000, 4, 1000), 501u);
-  EXPECT_EQ(balancedBatchSize(1000000, 4, 1000), 1000u);
-  EXPECT_EQ(balancedBatchSize(40, 4, 7), 7u);
+  EXPECT_EQ(balancedBatchSize(40, 4, false, 1000), 400u) << "a start costs more than such a share";
+  EXPECT_EQ(balancedBatchSize(40, 4, true, 1000), 100u);
+  EXPECT_EQ(balancedBatchSize(4000, 4, false, 1000), 501u);
+  EXPECT_EQ(balancedBatchSize(1000000, 4, false, 1000), 1000u);
+  EXPECT_EQ(balancedBatchSize(40, 4, false, 7), 7u);
 }
 
 TEST(Batcher, BatchSizes) {
@@ -33,10 +34,10 @@ TEST(Batcher, BatchSizes) {
       {"small ones share", 100, {{30}, {30}, {30}, {30}}, {90, 30}},
       {"one that does not fit is not cut", 100, {{60}, {50}, {50}}, {60, 100}},
       {"rest of a long one takes small ones", 100, {{150}, {20}, {40}}, {100, 70, 40}},
-      {"ranges of several aggregates", 100, {{1, 65536}, {1, 65536}, {2, 65536}}, {1, 1, 2}},
-      {"ranges of one aggregate", 2, {{5, 65536}}, {2, 3}},
-      {"ranges with other records", 100, {{5}, {1, 65536}, {5}, {1, 65536}, {5}}, {11, 6}},
-      {"small ranges", 100, {{1, 65535}, {1, 65535}, {2, 65536}, {1, 65535}}, {5}},
+      {"ranges of several aggregates", 100, {{1, 8 << 20}, {1, 8 << 20}, {2, 8 << 20}}, {1, 1, 2}},
+      {"ranges of one aggregate", 2, {{5, 8 << 20}}, {2, 3}},
+      {"ranges with other records", 100, {{5}, {1, 8 << 20}, {5}, {1, 8 << 20}, {5}}, {11, 6}},
+      {"small ranges", 100, {{1, 1 << 20}, {1, 1 << 20}, {2, 1 << 20}, {1, 1 << 20}}, {5}},
       {"batches of one", 1, {{2}, {1}, {3}}, {1, 1, 1, 1, 1, 1}},
   };
   for (const auto &one : cases) {

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <set>
 
 #include "base/file_io.h"
 #include "engine/batcher.h"
@@ -100,19 +101,20 @@ void batches(std::string_view input) {
   const auto take = [&] {
     while (batcher.take(&batch)) {
       FUZZ_CHECK(!batch.empty() && batch.size() <= most + 1);
-      int64_t ranges = -1;  // aggregate of its byte ranges
+      std::set<int64_t> aggregates;  // with byte ranges
+      uint64_t bytes = 0;
       for (const BatchRecord &record : batch) {
         FUZZ_CHECK(std::stoull(record.line) == next++);
-        if (!record.large_range) continue;
-        FUZZ_CHECK(ranges < 0 || ranges == record.aggregate);
-        ranges = record.aggregate;
+        bytes += record.bytes;
+        if (record.bytes > 0) aggregates.insert(record.aggregate);
       }
+      FUZZ_CHECK(aggregates.size() <= 1 || bytes <= kSharedBytes);
     }
   };
   for (uint64_t i = 1; i < input.size(); ++i) {
     aggregate += input[i] & 1;
     const std::string op_string = formatOpString(
-        {(input[i] >> 1) & 3, 0, kLargeRange - 16 + (static_cast<uint8_t>(input[i]) >> 3)});
+        {(input[i] >> 1) & 3, 0, kSharedBytes / 16 * (static_cast<uint8_t>(input[i]) >> 3)});
     ListRecord record;
     record.aggregate = aggregate;
     record.ino = i - 1;

@@ -161,7 +161,7 @@ TEST_F(Batches, RangesFillThem) {
     t.pattern("small" + std::to_string(i), 0, 100, 41);
     t.pattern("small" + std::to_string(i), 15000, 100, 41);
   }
-  RunResult result = restore();
+  RunResult result = restore("snap", {"-B", "100"});
   EXPECT_EQ(result.exitStatus, 0) << result.describe();
   EXPECT_NE(result.out.find("195 records in 2 batches, 0 failed"), std::string::npos) << result.out;
 }

@@ -179,8 +179,7 @@ TEST_F(Nodes, ALostNodeIsDoneWithout) {
     SCOPED_TRACE(phase);
     const bool cut = phase[3] == '3' || phase[3] == '8';
     makeTree("lost" + std::string(phase + 3, 1));
-    nodes_->shell(3, "printf '#!/bin/sh\\n" BUILT_PROGRAM
-                     " \"$@\" || exit\\ncase \"$*\" in *\"" +
+    nodes_->shell(3, "printf '#!/bin/sh\\n" BUILT_PROGRAM " \"$@\" || exit\\ncase \"$*\" in *\"" +
                          std::string(phase) +
                          "\"*) sleep 30;; esac\\n' > /run/slow; chmod +x /run/slow;"
                          "mount --bind /run/slow /usr/qtx/kest/bin/fsetrestore");

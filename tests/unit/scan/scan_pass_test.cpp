@@ -22,6 +22,10 @@ int kest_next_inode64(kest_iscan_t *, uint64_t, const kest_iattr64_t **attr) {
   return 0;
 }
 
+int kest_idifference(kest_iscan_t *, uint64_t) {
+  return 0;
+}
+
 kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *, uint64_t, int, const void *, const char *) {
   errno = openError;
   return nullptr;

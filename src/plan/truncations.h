@@ -1,0 +1,53 @@
+// Truncates files of the fileset in a thread of its own, while the walk goes on. Truncating a file
+// takes as long as listing it, and no step of the walk depends on it. Master only.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/result.h"
+#include "kest.h"
+
+class Truncations {
+ public:
+  Truncations();  // there is at most one object at a time
+  ~Truncations();
+  Truncations(const Truncations &) = delete;
+  Truncations &operator=(const Truncations &) = delete;
+
+  struct Step {
+    std::string path;  // in the fileset
+    uint64_t ino = 0;
+    int64_t size = 0;  // bytes that the file gets
+    int err = 0;       // errno of a failed attempt
+  };
+  // Hands a step to the thread.
+  void add(Step step);
+  // Waits until every step is done. Repeats in this thread those that a flag has forbidden, and clears
+  // the flag. Call it before a path of a file can change and at the end of the walk.
+  // rc and code of a failure are those of truncateListed.
+  Result settle();
+
+ private:
+  void work();
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<Step> waiting_;
+  std::vector<Step> failed_;
+  bool working_ = false, ending_ = false;
+  kest_fssnap_handle_t *fileset_ = nullptr;  // a handle is for one thread
+  std::thread thread_;
+};
+
+// Truncates a file: later, by the Truncations of the walk, or at once if there are none. rc of a
+// failure is -1.
+Result truncateListed(const Truncations::Step &step);
+
+// Calls settle() of the Truncations of the walk, if there are any.
+Result settleTruncations();
