@@ -1,10 +1,9 @@
 #include "front/choice.h"
 
-#include <btrfsutil.h>
-
 #include <algorithm>
 #include <charconv>
 
+#include "front/snapshot_store.h"
 #include "front/text.h"
 #include "front/trouble.h"
 #include "front/when.h"
@@ -13,10 +12,6 @@
 namespace front {
 
 namespace {
-
-std::string lastComponent(const std::string &path) {
-  return path.substr(path.rfind('/') + 1);
-}
 
 bool hasNumber(const Snapshot &one, std::string_view word) {
   if (word.starts_with('#')) word.remove_prefix(1);
@@ -45,16 +40,7 @@ std::vector<const Snapshot *> byName(const std::vector<Snapshot> &all, const std
   if (found.empty())
     found = those(all, [&](const Snapshot &one) { return lastComponent(one.path) == word; });
   if (!found.empty() || word.find('/') == std::string::npos) return found;
-  uint64_t id = 0;
-  struct btrfs_util_subvolume_info here, there;
-  if (btrfs_util_is_subvolume(word.c_str()) != BTRFS_UTIL_OK ||
-      btrfs_util_subvolume_id(word.c_str(), &id) != BTRFS_UTIL_OK ||
-      btrfs_util_subvolume_info(word.c_str(), 0, &there) != BTRFS_UTIL_OK ||
-      btrfs_util_subvolume_info_fd(fileset.root.get(), id, &here) != BTRFS_UTIL_OK)
-    return found;
-  // The id alone could be that of a subvolume of another file system.
-  const bool same = std::equal(std::begin(here.uuid), std::end(here.uuid), std::begin(there.uuid));
-  return those(all, [&](const Snapshot &one) { return same && one.id == id; });
+  return those(all, [&](const Snapshot &one) { return fileset.store->leadsTo(word, fileset, one); });
 }
 
 std::vector<std::string> namesOf(const std::vector<const Snapshot *> &these) {

@@ -3,8 +3,9 @@
 #include <string>
 
 #include "front/commands.h"
+#include "front/find_fileset.h"
 #include "front/json.h"
-#include "front/snapshots.h"
+#include "front/snapshot_store.h"
 #include "front/text.h"
 #include "front/when.h"
 
@@ -22,9 +23,10 @@ void printWord(const std::string &word, const std::string &date) {
 int completeCommand(const Request &request) {
   const Fileset fileset = findFileset(request.place, false);
   if (request.snapshot == "filesets") {
-    for (const std::string &path : listFilesets(fileset)) printWord(path, "");
+    for (const std::string &path : fileset.store->filesets(fileset)) printWord(path, "");
   } else {
-    for (const Snapshot &one : listSnapshots(fileset)) printWord(one.name, localTime(one.created));
+    for (const Snapshot &one : fileset.store->list(fileset))
+      printWord(one.name, localTime(one.created));
   }
   flushOutput();
   return kDone;

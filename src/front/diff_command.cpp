@@ -8,7 +8,9 @@
 #include "front/commands.h"
 #include "front/difference.h"
 #include "front/difference_view.h"
+#include "front/find_fileset.h"
 #include "front/json.h"
+#include "front/snapshot_store.h"
 #include "front/text.h"
 #include "front/when.h"
 #include "messages/front_texts.h"
@@ -43,7 +45,7 @@ void printJson(const Request &request, const Fileset &fileset, const Snapshot &s
 
 int diffCommand(const Request &request) {
   const Fileset fileset = findFileset(request.place, false);
-  const std::vector<Snapshot> all = listSnapshots(fileset);
+  const std::vector<Snapshot> all = fileset.store->list(fileset);
   const int64_t now = time(nullptr);
   const Snapshot &snapshot = chooseSnapshot(all, request.snapshot, fileset, now);
   const bool colour = inColour();

@@ -102,8 +102,7 @@ void DifferenceReader::end() {
 
 Verdict compareWith(const Fileset &fileset, const Snapshot &snapshot, bool full,
                     const DifferenceReader::Sink &sink, Summary *summary) {
-  const UniqueFd then(
-      open((fileset.top.point() + "/" + snapshot.path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const UniqueFd then(open(snapshot.tree.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   DifferenceReader reader(
       [&](const ChangedObject &object) {
         const bool goes = object.effect == Effect::kGoesAway;
@@ -115,7 +114,7 @@ Verdict compareWith(const Fileset &fileset, const Snapshot &snapshot, bool full,
                                      "-j",
                                      fileset.name(),
                                      "-o",
-                                     "/" + snapshot.path};
+                                     snapshot.word};
   if (full) arguments.push_back("--full");
   const int status = runForLines(arguments, [&](std::string_view line) { reader.line(line); });
   reader.end();

@@ -1,4 +1,4 @@
-// Finds the fileset in which a path lies.
+// A tree of files that can be restored: a btrfs subvolume, or a directory of a CephFS.
 #pragma once
 
 #include <sys/types.h>
@@ -14,18 +14,21 @@
 namespace front {
 
 using Uuid = std::array<uint8_t, 16>;
+class SnapshotStore;
 
 struct Fileset {
+  const SnapshotStore *store = nullptr;  // not owned, and never freed
   uint64_t id = 0;
-  std::string path;  // path below the top of the file system; "" for the top level
-  Uuid uuid{};
+  std::string path;                 // path below the top of the file system; "" for the top level
+  Uuid uuid{};                      // zeros where filesets have none
   dev_t device_number = 0;          // st_dev of all its inodes
+  bool own_device = true;           // no inode outside it has that number
   UniqueFd root;                    // its root directory, open
   std::string root_path;            // path of the root directory for this process and its children
   std::string device;               // a path on the file system, for the commands' Device
   std::vector<std::string> mounts;  // mount points that show it, or a part of it, to everybody
   std::string named;                // shell words with which the user can name it to fset
-  TopMount top;
+  TopMount top;                     // empty where the commands need none
 
   // Returns the path as the commands expect it: "/" for the top level.
   std::string name() const { return path.empty() ? "/" : path; }
@@ -36,10 +39,5 @@ struct Place {
   std::string path;     // any path in it, or a block device; "" for the current directory
   std::string fileset;  // its path below the top, if `path` only names the file system; else ""
 };
-
-// Finds the fileset and mounts the top level of its file system privately. With `to_change` that mount
-// is writable, unless the user mounted the file system read-only. If the top level cannot be mounted,
-// `top` stays empty; that is enough for a fileset that is mounted. Throws Trouble.
-Fileset findFileset(const Place &place, bool to_change);
 
 }  // namespace front

@@ -5,8 +5,9 @@
 #include <ctime>
 
 #include "front/commands.h"
+#include "front/find_fileset.h"
 #include "front/json.h"
-#include "front/snapshots.h"
+#include "front/snapshot_store.h"
 #include "front/text.h"
 #include "front/when.h"
 #include "messages/front_texts.h"
@@ -48,7 +49,7 @@ void printTable(const Fileset &fileset, const std::vector<Snapshot> &all) {
 
 int listCommand(const Request &request) {
   const Fileset fileset = findFileset(request.place, false);
-  const std::vector<Snapshot> all = listSnapshots(fileset);
+  const std::vector<Snapshot> all = fileset.store->list(fileset);
   if (request.json) {
     Json object{{"command", request.command}, {"fileset", jsonOf(fileset)}};
     object["snapshots"] = Json::array();

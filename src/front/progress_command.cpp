@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "front/commands.h"
+#include "front/find_fileset.h"
 #include "front/json.h"
 #include "front/live_line.h"
 #include "front/run_watch.h"

@@ -9,15 +9,16 @@
 #include <vector>
 
 #include "formats/shell_words.h"
-#include "front/backup.h"
 #include "front/choice.h"
 #include "front/commands.h"
 #include "front/difference.h"
 #include "front/difference_view.h"
+#include "front/find_fileset.h"
 #include "front/json.h"
 #include "front/question.h"
 #include "front/restore_run.h"
 #include "front/run_watch.h"
+#include "front/snapshot_store.h"
 #include "front/text.h"
 #include "front/trouble.h"
 #include "front/users.h"
@@ -133,7 +134,7 @@ int carryOut(Run *run) {
 int restoreCommand(const Request &request) {
   const bool undo = request.command == "undo";
   const Fileset fileset = findFileset(request.place, true);
-  const std::vector<Snapshot> all = listSnapshots(fileset);
+  const std::vector<Snapshot> all = fileset.store->list(fileset);
   const int64_t now = time(nullptr);
   const Snapshot &snapshot =
       undo ? chooseUndo(all, fileset) : chooseSnapshot(all, request.snapshot, fileset, now);
@@ -161,9 +162,10 @@ int restoreCommand(const Request &request) {
     return kNotDone;
   }
   if (!request.no_backup) {
-    run.backup =
-        takeBackup(fileset, undo ? Backup::kBeforeUndo : Backup::kBeforeRestore, time(nullptr));
-    run.undo = undo ? "fset restore " + fileset.named + " " + shellWord("/" + run.backup)
+    const Snapshot backup = fileset.store->takeBackup(
+        fileset, undo ? Backup::kBeforeUndo : Backup::kBeforeRestore, time(nullptr));
+    run.backup = backup.path;
+    run.undo = undo ? "fset restore " + fileset.named + " " + shellWord(backup.word)
                     : "fset undo " + fileset.named;
     say(run, frontText(FrontText::kBackupTaken, shown(run.backup)) + "\n");
   }

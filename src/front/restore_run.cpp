@@ -55,7 +55,7 @@ void printLines(std::string *text, bool ended, LiveLine *live) {
 int runRestore(const Fileset &fileset, const Snapshot &snapshot) {
   catchSignals();
   Program program({std::string(kProgramDir) + "fsetrestore", fileset.device, "-j", fileset.name(), "-o",
-                   "/" + snapshot.path, "-q"},
+                   snapshot.word, "-q"},
                   Program::Capture::kBoth);
   restore = program.pid();
   if (missed != 0) passOn(missed);

@@ -1,18 +1,14 @@
-// Lists the snapshots to which a fileset can be restored, and finds who made each.
+// A snapshot to which a fileset can be restored.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "front/fileset.h"
 
 namespace front {
-
-// The folder for this program's own snapshots, below the top of the file system. A restore of the
-// top-level subvolume leaves it alone.
-inline constexpr char kBackupFolder[] = ".fset";
 
 enum class Maker { kPlain, kSnapper, kBtrbk, kTimeshift, kFset };
 // Returns "snapper" and so on, also for JSON.
@@ -25,9 +21,11 @@ struct Snapshot {
   uint64_t id = 0;
   std::string path;  // below the top of the file system
   std::string name;  // short and unique: "#42", "home-monday"; the path if that is taken
+  std::string word;  // the commands' SnapShot; fset takes it, too
+  std::string tree;  // path of the root directory for this process; "" if it sees none
   Uuid uuid{}, parent{};
   int64_t created = 0;  // seconds since 1970
-  uint64_t order = 0;   // creating transaction; orders snapshots of one second
+  uint64_t order = 0;   // orders snapshots of one second
   bool read_only = true;
   Maker maker = Maker::kPlain;
   std::optional<uint64_t> number;  // snapper's
@@ -35,13 +33,13 @@ struct Snapshot {
   Backup backup = Backup::kNone;
 };
 
-// Returns all snapshots, newest first. ktlssnapshot decides which ones count. Throws Trouble.
-std::vector<Snapshot> listSnapshots(const Fileset &fileset);
+// Returns the end of the name of a backup: "-before-restore-2026-11-26-022007".
+std::string backupEnding(Backup kind, int64_t now);
+// Returns the kind of backup that has such a name. Whatever follows the words "-before-restore-"
+// counts.
+Backup backupKind(const std::string &name);
 
-// Returns the path of every subvolume of the file system, below its top. Throws Trouble.
-std::vector<std::string> listFilesets(const Fileset &fileset);
-
-// Returns the name for a new backup.
-std::string backupName(const Fileset &fileset, Backup kind, int64_t now);
+// Returns what follows the last slash.
+std::string lastComponent(const std::string &path);
 
 }  // namespace front

@@ -3,6 +3,7 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include "front/btrfs_store.h"
 #include "front/choice.h"
 #include "front/difference.h"
 #include "front/info_files.h"
@@ -122,6 +123,7 @@ TEST_F(Times, ChoosesByNameThenNumberThenTime) {
   all[2].number = 43;
   all[3].number = 42;
   Fileset fileset;
+  fileset.store = &btrfsStore();
   fileset.uuid = {1};
   const auto chosen = [&](const std::string &word) {
     return chooseSnapshot(all, word, fileset, kNow).path;

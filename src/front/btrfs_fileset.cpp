@@ -1,4 +1,4 @@
-#include "front/fileset.h"
+#include "front/btrfs_fileset.h"
 
 #include <btrfsutil.h>
 #include <fcntl.h>
@@ -16,6 +16,7 @@
 
 #include "base/fd_path.h"
 #include "formats/shell_words.h"
+#include "front/btrfs_store.h"
 #include "front/mount_lines.h"
 #include "front/text.h"
 #include "front/trouble.h"
@@ -141,10 +142,9 @@ std::string nameForUser(const Place &place, const Fileset &fileset) {
 
 }  // namespace
 
-Fileset findFileset(const Place &given, bool to_change) {
-  Place place = given;
-  if (place.path.empty()) place.path = ".";
+Fileset findBtrfsFileset(const Place &place, bool to_change) {
   Fileset fileset;
+  fileset.store = &btrfsStore();
   Named named = openNamed(place.path);
   if (named.block_device && place.fileset.empty()) throw Trouble(frontText(FrontText::kWhichFileset));
   std::vector<MountLine> mounts = btrfsMounts();

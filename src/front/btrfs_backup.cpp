@@ -1,4 +1,4 @@
-#include "front/backup.h"
+#include "front/btrfs_backup.h"
 
 #include <btrfsutil.h>
 #include <fcntl.h>
@@ -15,7 +15,8 @@ namespace front {
 
 namespace {
 
-constexpr int kMostTries = 1000;  // backups of one fileset in one second
+constexpr int kMostTries = 1000;   // backups of one fileset in one second
+constexpr size_t kNamePart = 180;  // most bytes of the fileset's name in the name of a backup
 
 [[noreturn]] void cannotTake(int error) {
   throw Trouble(frontText(FrontText::kNoBackup, strerror(error)));
@@ -36,10 +37,11 @@ UniqueFd openFolder(const std::string &top) {
 
 }  // namespace
 
-std::string takeBackup(const Fileset &fileset, Backup kind, int64_t now) {
+std::string takeBtrfsBackup(const Fileset &fileset, Backup kind, int64_t now) {
   if (fileset.top.point().empty()) cannotTake(ENXIO);
   const UniqueFd folder = openFolder(fileset.top.point());
-  const std::string name = backupName(fileset, kind, now);
+  const std::string of = fileset.path.empty() ? "top" : lastComponent(fileset.path);
+  const std::string name = of.substr(0, kNamePart) + backupEnding(kind, now);
   for (int number = 1; number <= kMostTries; ++number) {
     const std::string tried = number == 1 ? name : name + "." + std::to_string(number);
     const btrfs_util_error error =
