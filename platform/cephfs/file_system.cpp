@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/fd_path.h"
 #include "cephfs/names.h"
 #include "cephfs/tree.h"
 #include "filesystem/blob_format.h"
@@ -59,12 +60,15 @@ int64_t timeOfSnapshot(CephClient &client, const InodeRef &snapshot) {
 }
 
 // Returns true if the mount shows the directory `dir` at `fd`. Somebody may change the directory
-// between the two looks at it, so it looks several times.
+// between the two looks at it, so it looks several times. A client that has taken a snapshot of the
+// directory shows the change time of before until it has to ask the server for something.
 bool isShownAt(int fd, CephClient &client, const InodeRef &dir) {
   constexpr int kLooks = 5;
   for (int look = 0; look < kLooks; ++look) {
     struct stat shown;
     CephStat known;
+    char asked[64];
+    if (getxattr(FdPath(fd).get(), "ceph.dir.rctime", asked, sizeof asked) < 0) asked[0] = '\0';
     if (fstat(fd, &shown) != 0 || client.readStat(dir, &known) != 0) return false;
     if (shown.st_ino != known.stx_ino) return false;
     if (shown.st_ctim.tv_sec == known.stx_ctime.tv_sec &&

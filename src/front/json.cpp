@@ -41,7 +41,8 @@ Json jsonOf(const Fileset &fileset) {
   Json object;
   putName(&object, "path", fileset.name());
   object["id"] = fileset.id;
-  object["uuid"] = hex(fileset.uuid.data(), fileset.uuid.size());
+  object["uuid"] =
+      fileset.uuid == Uuid{} ? Json() : Json(hex(fileset.uuid.data(), fileset.uuid.size()));
   putName(&object, "device", fileset.device);
   Json mounts = Json::array();
   for (const std::string &mount : fileset.mounts) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <string.h>
+#include <sys/sysmacros.h>
 
 #include <cstdlib>
 
@@ -30,8 +31,12 @@ bool parse(const std::string &line, MountLine *mount) {
   const std::vector<std::string> all = words(line);
   size_t dash = 6;
   while (dash < all.size() && all[dash] != "-") ++dash;
-  if (dash + 2 >= all.size() || all[dash + 1] != "btrfs") return false;
+  if (dash + 2 >= all.size()) return false;
   mount->id = strtoull(all[0].c_str(), nullptr, 10);
+  char *end = nullptr;
+  const unsigned long major_number = strtoul(all[2].c_str(), &end, 10);
+  if (*end == ':') mount->device = makedev(major_number, strtoul(end + 1, nullptr, 10));
+  mount->type = all[dash + 1];
   mount->root = octalUnescaped(all[3]);
   mount->root.erase(0, 1);
   mount->point = octalUnescaped(all[4]);
@@ -41,7 +46,7 @@ bool parse(const std::string &line, MountLine *mount) {
 
 }  // namespace
 
-std::vector<MountLine> btrfsMounts() {
+std::vector<MountLine> allMounts() {
   const char *table = "/proc/self/mountinfo";
   const UniqueFd fd(open(table, O_RDONLY | O_CLOEXEC));
   std::string text;
@@ -54,6 +59,12 @@ std::vector<MountLine> btrfsMounts() {
     if (parse(text.substr(at, end - at), &mount)) mounts.push_back(mount);
     at = end + 1;
   }
+  return mounts;
+}
+
+std::vector<MountLine> btrfsMounts() {
+  std::vector<MountLine> mounts = allMounts();
+  std::erase_if(mounts, [](const MountLine &mount) { return mount.type != "btrfs"; });
   return mounts;
 }
 

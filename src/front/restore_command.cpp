@@ -154,7 +154,7 @@ int restoreCommand(const Request &request) {
     if (request.json) printJson(run);
     return kDone;
   }
-  run.users = findUsers(fileset.device_number);
+  run.users = findUsers(fileset.device_number, fileset.own_device ? "" : fileset.root_path);
   introduce(run);
   if (!confirmed(run)) {
     say(run, frontText(FrontText::kNothingDone) + "\n");

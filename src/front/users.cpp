@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 
 #include "base/file_io.h"
@@ -32,19 +33,23 @@ bool anyEntry(const std::string &path, Visit visit) {
 
 // AT_STATX_DONT_SYNC: never wait for a server that is away. What lies on another machine is not on this
 // file system.
-bool liesOn(const std::string &path, dev_t device) {
+bool liesOn(const std::string &path, dev_t device, const std::string &below) {
   struct statx status;
   if (statx(AT_FDCWD, path.c_str(), AT_NO_AUTOMOUNT | AT_STATX_DONT_SYNC, STATX_TYPE, &status) != 0)
     return false;
-  return makedev(status.stx_dev_major, status.stx_dev_minor) == device;
+  if (makedev(status.stx_dev_major, status.stx_dev_minor) != device) return false;
+  if (below.empty()) return true;
+  std::error_code error;
+  const std::string target = std::filesystem::read_symlink(path, error);
+  return target == below || target.starts_with(below + "/");
 }
 
-bool uses(const std::string &process, dev_t device) {
+bool uses(const std::string &process, dev_t device, const std::string &below) {
   for (const char *link : {"/cwd", "/root", "/exe"})
-    if (liesOn(process + link, device)) return true;
+    if (liesOn(process + link, device, below)) return true;
   for (const char *folder : {"/fd", "/map_files"})
     if (anyEntry(process + folder, [&](const std::string &name) {
-          return liesOn(process + folder + "/" + name, device);
+          return liesOn(process + folder + "/" + name, device, below);
         }))
       return true;
   return false;
@@ -60,12 +65,13 @@ std::string nameOf(const std::string &process) {
 
 }  // namespace
 
-std::vector<User> findUsers(dev_t device) {
+std::vector<User> findUsers(dev_t device, const std::string &below) {
   std::vector<User> users;
   anyEntry("/proc", [&](const std::string &name) {
     const pid_t pid = static_cast<pid_t>(strtol(name.c_str(), nullptr, 10));
     const std::string process = "/proc/" + name;
-    if (pid > 0 && pid != getpid() && uses(process, device)) users.push_back({pid, nameOf(process)});
+    if (pid > 0 && pid != getpid() && uses(process, device, below))
+      users.push_back({pid, nameOf(process)});
     return false;
   });
   return users;

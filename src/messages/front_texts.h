@@ -111,6 +111,8 @@ enum class FrontText : int {
   kTryHelp,
   kRestoreRuns,
   kYesLetters,
+  kRootOfCephFs,
+  kPartOfCephFs,
   kEnd
 };
 
@@ -128,9 +130,9 @@ inline constexpr FrontEntry kFrontTexts[] = {
     {FrontText::kCannotRead, "cannot read %s: %s"},
     {FrontText::kCannotMountTop, "cannot mount the top level of the file system on %s: %s"},
     {FrontText::kNoDirectory, "%s is neither a directory nor a file"},
-    {FrontText::kNotBtrfs, "%s is not on a btrfs file system"},
+    {FrontText::kNotBtrfs, "%s is on neither a btrfs nor a CephFS"},
     {FrontText::kNoFileset, "there is no subvolume %s"},
-    {FrontText::kNotVisible, "no mount shows the subvolume %s"},
+    {FrontText::kNotVisible, "no mount shows the fileset %s"},
     {FrontText::kWhichFileset, "a device holds many subvolumes: say which one with --fileset NAME"},
     {FrontText::kInTheFuture, "%s lies in the future"},
     {FrontText::kCannotList, "the snapshots of %s cannot be listed"},
@@ -208,7 +210,8 @@ inline constexpr FrontEntry kFrontTexts[] = {
     {FrontText::kLabelOptionList, "Options"},
     {FrontText::kLabelCommands, "Commands"},
     {FrontText::kHelpTitle,
-     "Looks at the snapshots of a btrfs subvolume, and puts it back to one of them in place."},
+     "Looks at the snapshots of a btrfs subvolume or a CephFS directory, and puts it back to one of "
+     "them in place."},
     {FrontText::kHelpFooter,
      "When something is wrong:\n"
      "  fset list                 what can I go back to?\n"
@@ -217,18 +220,19 @@ inline constexpr FrontEntry kFrontTexts[] = {
      "  fset undo                 it was wrong: back again"},
     {FrontText::kHelpHelp, "this text"},
     {FrontText::kHelpVersion, "the version"},
-    {FrontText::kHelpFileset, "the subvolume, by its path below the top of the file system of PATH"},
+    {FrontText::kHelpFileset,
+     "the fileset (a subvolume, or a directory of a CephFS), by its path below the top of the file system of PATH"},
     {FrontText::kHelpJson, "one JSON object on standard output (fset(8))"},
-    {FrontText::kHelpPath, "anything in the subvolume; without it, where you stand"},
+    {FrontText::kHelpPath, "anything in the fileset; without it, where you stand"},
     {FrontText::kHelpPathAndSnapshot,
-     "[PATH] SNAPSHOT: anything in the subvolume (where you stand), and what to go back to"},
+     "[PATH] SNAPSHOT: anything in the fileset (where you stand), and what to go back to"},
     {FrontText::kHelpYes, "do not ask"},
     {FrontText::kHelpNoBackup, "keep no snapshot of the present state"},
     {FrontText::kHelpStat, "the summary alone"},
     {FrontText::kHelpFull, "read both trees, byte by byte"},
-    {FrontText::kHelpList, "the snapshots that the subvolume can be restored to"},
+    {FrontText::kHelpList, "the snapshots that the fileset can be restored to"},
     {FrontText::kHelpDiff, "what a restore would change"},
-    {FrontText::kHelpRestore, "put the subvolume back to a snapshot"},
+    {FrontText::kHelpRestore, "put the fileset back to a snapshot"},
     {FrontText::kHelpUndo, "back to the state before the last \"fset restore\""},
     {FrontText::kHelpProgress, "how far a running restore is"},
     {FrontText::kHelpSnapshot,
@@ -241,6 +245,10 @@ inline constexpr FrontEntry kFrontTexts[] = {
     {FrontText::kRestoreRuns,
      "a restore of %s is running: \"fset progress\" shows it. Nothing was changed"},
     {FrontText::kYesLetters, "yY"},  // a yes begins with one of these
+    {FrontText::kRootOfCephFs, "%s is the root of a mount; only a directory below it can be restored"},
+    {FrontText::kPartOfCephFs,
+     "%s does not show the root of its CephFS: name the directory with --fileset NAME, by its path "
+     "below that root"},
 };
 
 namespace message_check {

@@ -4,19 +4,26 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "scenario/fset_fixture.h"
 #include "support/ceph_cluster.h"
 #include "support/loop_btrfs.h"
 #include "support/restore_run.h"
+#include "support/survival.h"
 #include "support/tree_builder.h"
 #include "support/tree_fingerprint.h"
 
 using namespace testsupport;
+using scenario::fsetJson;
+using scenario::Json;
+using scenario::runFset;
 
 namespace {
 
@@ -316,6 +323,145 @@ TEST_F(CephRestore, NamesWhatIsMissing) {
     EXPECT_NE((result.err + result.out).find(said), std::string::npos) << result.describe();
   }
   cluster_->removeSnapshot("", "above");
+}
+
+// Returns the commands of a section of the README: the lines of its blocks up to a column of remarks.
+std::vector<std::string> readmeCommands(const std::string &heading) {
+  std::istringstream lines(readAll(README));
+  std::vector<std::string> commands;
+  bool here = false, block = false;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("## ")) here = line == "## " + heading;
+    if (!here) continue;
+    if (line == "```") block = !block;
+    if (block && line != "```") commands.push_back(line.substr(0, line.find("  ")));
+  }
+  return commands;
+}
+
+TEST_F(CephRestore, TheCommandsOfTheReadme) {
+  const std::string alpha = cluster_->path("projects/alpha");
+  cluster_->makeFileset("projects/alpha");
+  TreeBuilder t(alpha);
+  t.dirs("d/e");
+  t.big("d/e/f", 5000, 1);
+  t.file("g", "text");
+  const TreePrint want = fingerprint(cluster_->takeSnapshot("projects/alpha", "monday"));
+  awaitClockTick();
+  t.removeTree("d");
+  t.write("g", 0, "other");
+  const TreePrint wrecked = fingerprint(alpha);
+
+  const std::vector<std::string> commands = readmeCommands("A directory of a CephFS");
+  ASSERT_EQ(commands.size(), 6u);
+  // What the tree is after each of them.
+  const TreePrint *after[] = {&wrecked, &want, &wrecked, &wrecked, &wrecked, &want};
+  for (size_t at = 0; at < commands.size(); ++at) {
+    runCommand("cd / && echo y | PATH=/usr/qtx/kest/bin:$PATH script -qec '" + commands[at] +
+               "; echo status $?' /dev/null > /mnt/typescript 2>&1");
+    const std::string said = readAll("/mnt/typescript");
+    EXPECT_NE(said.find("status 0"), std::string::npos) << commands[at] << "\n" << said;
+    EXPECT_EQ(joined(compare(*after[at], fingerprint(alpha))), "") << commands[at] << "\n" << said;
+  }
+  runCommand("rmdir " + alpha + "/.snap/*");
+}
+
+// Which directory a path means, and which snapshots are its own.
+TEST_F(CephRestore, FsetFindsTheDirectoryWithSnapshots) {
+  TreeBuilder &t = *tree_;
+  t.dirs("in/ner/most");
+  t.dirs("plain/deep");
+  t.file("in/f", "before");
+  cluster_->takeSnapshot("", "above");
+  cluster_->takeSnapshot(fileset_, "outer");
+  cluster_->takeSnapshot(fileset_ + "/in", "inner");
+  awaitClockTick();
+  t.write("in/f", 0, "after!");
+  const std::string top = cluster_->mountPoint(), root = t.root(), inner = fileset_ + "/in";
+  const auto found = [](const std::vector<std::string> &place, const std::string &directory = "/") {
+    std::vector<std::string> arguments{"list"};
+    arguments.insert(arguments.end(), place.begin(), place.end());
+    const Json list = fsetJson(arguments, 0, directory);
+    std::string text = list["fileset"]["path"];
+    for (const Json &one : list["snapshots"]) text += " " + std::string(one["name"]);
+    return text;
+  };
+  EXPECT_EQ(found({root}), fileset_ + " outer");
+  EXPECT_EQ(found({root + "/plain/deep"}), fileset_ + " outer");
+  EXPECT_EQ(found({root + "/in/f"}), inner + " inner");
+  EXPECT_EQ(found({}, root + "/in/ner/most"), inner + " inner");
+  EXPECT_EQ(found({root + "/.snap/outer/in/ner"}), fileset_ + " outer");
+  EXPECT_EQ(found({"--fileset", "/" + inner + "/", top}), inner + " inner");
+  runCommand("mkdir -p /mnt/bound && mount --bind " + root + " /mnt/bound");
+  EXPECT_EQ(found({"/mnt/bound/in"}), inner + " inner");
+  EXPECT_EQ(fsetJson({"list", root})["fileset"]["mounts"].size(), 2u);
+  runCommand("umount /mnt/bound");
+  runCommand("mkdir " + top + "/without");
+  EXPECT_EQ(found({top + "/without"}), "without");
+  EXPECT_EQ(runFset({"undo", root, "--yes"}).exitStatus, 1);
+
+  const std::pair<std::vector<std::string>, std::string> refused[] = {
+      {{"list", top}, "is the root of a mount"},
+      {{"list", "--fileset", "/", top}, "is the root of a mount"},
+      {{"list", "--fileset", "nosuch", top}, "no fileset nosuch"},
+      {{"diff", root, "_above_1"}, "has no snapshot _above_1"}};
+  for (const auto &[arguments, said] : refused) {
+    const RunResult result = runFset(arguments);
+    EXPECT_EQ(result.exitStatus, 2) << result.describe();
+    EXPECT_NE(result.err.find(said), std::string::npos) << result.describe();
+  }
+  // In a mount of a part the path in of the file system is another directory.
+  runCommand("mkdir " + top + "/in");
+  const std::string part = "/mnt/part";
+  runCommand("mkdir -p " + part + " && ceph-fuse -c $CEPH_CONF --pid-file= -r /" + fileset_ + " " +
+             part + " > /dev/null 2>&1");
+  EXPECT_NE(runFset({"list", part + "/in"}).err.find("name the directory with --fileset"),
+            std::string::npos);
+  runCommand("umount " + part);
+
+  // Restored is the directory that was found, and nothing around it. Who works elsewhere is not named.
+  t.file("plain/new", "new");
+  Running elsewhere({"60"}, {.program = "/bin/sleep", .workingDirectory = root + "/plain"});
+  Running there({"60"}, {.program = "/bin/sleep", .workingDirectory = root + "/in/ner"});
+  const Json restored = fsetJson({"restore", root + "/in/ner", root + "/in/.snap/inner", "--yes"});
+  EXPECT_EQ(restored["differences_left"], 0) << restored.dump(2);
+  EXPECT_EQ(restored["undo"], "fset undo " + root + "/in");
+  ASSERT_EQ(restored["users"].size(), 1u) << restored.dump(2);
+  EXPECT_EQ(restored["users"][0]["pid"], there.pid());
+  EXPECT_EQ(t.read("in/f"), "before");
+  EXPECT_TRUE(t.exists("plain/new"));
+  const Json undone = fsetJson({"undo", root + "/in", "--yes"});
+  EXPECT_EQ(t.read("in/f"), "after!");
+  const std::string again = undone["undo"];  // the command that returns to the snapshot
+  runCommand("PATH=/usr/qtx/kest/bin:$PATH " + again + " --yes > /dev/null");
+  EXPECT_EQ(t.read("in/f"), "before");
+  EXPECT_EQ(found({root}), fileset_ + " outer");  // the backups are the inner directory's
+  runCommand("rmdir " + root + "/in/.snap/[!_]* " + root + "/.snap/outer " + top + "/.snap/above");
+}
+
+// The small commands name directories and snapshots like fset.
+TEST_F(CephRestore, SmallCommandsKnowFilesetsAndSnapshots) {
+  const std::string device = cluster_->mountPoint();
+  const auto run = [&](const std::string &command, const std::vector<std::string> &arguments) {
+    return runProgram(arguments, {.program = "/usr/qtx/kest/bin/" + command});
+  };
+  tree_->file("f", "x");
+  cluster_->takeSnapshot(fileset_, "with blank");
+  cluster_->takeSnapshot("", "above");
+  RunResult result = run("ktlssnapshot", {device, "-j", fileset_});
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  EXPECT_NE(result.out.find("\nwith\\040blank "), std::string::npos) << result.describe();
+  EXPECT_EQ(result.out.find("above"), std::string::npos) << result.describe();
+  EXPECT_EQ(std::count(result.out.begin(), result.out.end(), '\n'), 3) << result.describe();
+  result = run("ktlsfileset", {device, fileset_, "-Y"});
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  EXPECT_NE(result.out.find(":rw:yes:" + tree_->root() + ":1:-\n"), std::string::npos)
+      << result.describe();
+  for (const char *word : {"suspend", "resume"})
+    EXPECT_EQ(run("ktfsctl", {device, word}).exitStatus, 0) << word;
+  EXPECT_NE(run("ktlsfileset", {device, "nosuch", "-Y"}).exitStatus, 0);
+  EXPECT_NE(run("ktlssnapshot", {device, "-j", "nosuch"}).exitStatus, 0);
+  runCommand("rmdir '" + tree_->root() + "/.snap/with blank' " + device + "/.snap/above");
 }
 
 }  // namespace
