@@ -159,6 +159,7 @@ int applyPolicy(const Options &options) {
     for (const char *program : {kParallel, kSsh})
       if (!isLocalAlone(nodes) && access(program, X_OK) != 0)
         return fail(std::string(program) + ", by which other nodes are reached: " + strerror(errno));
+    printf("%zu\n", nodes.size());
     return askNodes(nodes, options.ask, options.answer) ? 0 : kFailed;
   }
   RunDirectory directory;

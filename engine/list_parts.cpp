@@ -18,7 +18,8 @@ constexpr uint64_t kBytesOfRecord = 1 << 20;
 uint64_t weight(const ListRecord &record) {
   Operation op;
   if (!parseOpString(record.opString, &op)) return 1;
-  if (op.opCode == kOpCrDir || op.opCode == kOpDelDir) return kTreeWeight;
+  if (op.opCode == kOpCrDir || op.opCode == kOpDelDir || op.opCode == kOpCompareGroup)
+    return kTreeWeight;
   return 1 + op.length / kBytesOfRecord;
 }
 

@@ -13,10 +13,12 @@ enum OpCode : int32_t {
   kOpMoveFile = 4,         // move an object aside or home (moveFile)
   // In no list: the walks use it for the snapshot path of an object that exists elsewhere.
   kOpFetch = 5,
-  kOpDelDir = 6,      // remove a new directory (delDir)
-  kOpDeleteFile = 7,  // remove a name (deleteFile)
-  kOpLinkFile = 8,    // restore hard links (linkFile)
-  kOpCloneFile = 10,  // make a clone again (cloneFile)
+  kOpDelDir = 6,         // remove a new directory (delDir)
+  kOpDeleteFile = 7,     // remove a name (deleteFile)
+  kOpLinkFile = 8,       // restore hard links (linkFile)
+  kOpCloneFile = 10,     // make a clone again (cloneFile)
+  kOpCompareGroup = 11,  // compare directories of both trees; offset and length: where the file at
+                         // `path` names them (compareGroup)
 };
 
 struct Operation {

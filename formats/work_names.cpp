@@ -65,6 +65,18 @@ bool isNodeFile(std::string_view name, std::string_view file) {
   return name.size() > file.size() + 1 && name.starts_with(file) && name[file.size()] == '@';
 }
 
+std::string scanRoundName(int round) {
+  return std::string(kScanDir) + "/" + std::to_string(round);
+}
+
+std::string scanPartName(const std::string &round_file, uint64_t group) {
+  return round_file + "." + number(group);
+}
+
+std::string unfinishedPartName(const std::string &part, const std::string &host, int32_t pid) {
+  return part + "@" + host + "." + std::to_string(pid);
+}
+
 std::string bucketName(uint64_t ino) {
   return std::string(kBucketStart) + number(ino & kBucketMask);
 }

@@ -29,6 +29,15 @@ inline constexpr char kRoom[] = "room";
 
 inline constexpr char kNodeToken[] = "node.token";  // shows other nodes that they see this directory
 
+// The scan of a run of several nodes. A round has a file of directories, divided into groups, and a
+// part for each group that has been compared. A part is written under another name and then gets its
+// own.
+inline constexpr char kScanDir[] = "scan";
+inline constexpr char kScanList[] = "scan.list";
+std::string scanRoundName(int round);                                     // scan/<round>
+std::string scanPartName(const std::string &round_file, uint64_t group);  // <round file>.<group>
+std::string unfinishedPartName(const std::string &part, const std::string &host, int32_t pid);
+
 // Returns true for RestoreTemp<number>.
 bool isWorkDirName(std::string_view name);
 

@@ -197,6 +197,11 @@ bool CephClient::placeInSnapshot(uint64_t snapid, uint64_t ino, SnapshotPlace *p
   return true;
 }
 
+void CephClient::notePlace(uint64_t snapid, uint64_t ino, SnapshotPlace place) {
+  std::lock_guard lock(mutex_);
+  places_[snapid][ino] = std::move(place);
+}
+
 int CephClient::readXattr(const InodeRef &inode, const char *name, std::string *value) {
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     int size = ceph_ll_getxattr(mount_, inode.get(), name, nullptr, 0, perms_);

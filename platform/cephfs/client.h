@@ -96,8 +96,9 @@ class CephClient : public std::enable_shared_from_this<CephClient> {
   int readStat(const InodeRef &inode, CephStat *st);
   // Every entry with its attributes, without "." and "..".
   int list(const InodeRef &dir, std::vector<CephEntry> *entries, bool open_directories = false);
-  // Where a directory of a snapshot stands, if it was listed before.
+  // Where a directory of a snapshot stands, if it was listed before, or its place was noted.
   bool placeInSnapshot(uint64_t snapid, uint64_t ino, SnapshotPlace *place);
+  void notePlace(uint64_t snapid, uint64_t ino, SnapshotPlace place);
   int readXattr(const InodeRef &inode, const char *name, std::string *value);
   int listXattrs(const InodeRef &inode, std::vector<std::string> *names);
   // What this client has changed is safe with the servers afterwards. -errno also of a write that was

@@ -116,7 +116,19 @@ int CephDifference::compute() {
   if (int rc = active_->client->settle(); rc < 0) return rc;
   notes_ = {};
   names_ = {};
+  if (division_) {
+    const int rc = compareTrees(*active_, *snapshot_, &set_, &notes_, &names_, &*division_);
+    // Without room for files, in which the processes tell each other what they find, this one does
+    // everything.
+    if (rc != -ENOSPC && rc != -EDQUOT) return rc;
+    notes_ = {};
+    names_ = {};
+  }
   return compareTrees(*active_, *snapshot_, &set_, &notes_, &names_);
+}
+
+int CephDifference::compareGroup(int directories, const kest_group_t &group, int part) {
+  return kest::compareGroup(*active_, *snapshot_, directories, group.from, group.to, part);
 }
 
 int CephDifference::readAttributes(const DiffInode &inode, kest_iattr64_t *attr) {

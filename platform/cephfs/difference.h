@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "cephfs/lead_names.h"
@@ -18,6 +19,11 @@ class CephDifference : public Difference {
       : active_(std::move(active)), snapshot_(std::move(snapshot)) {}
 
   int compute() override;
+  int divide(const kest_division_t &division) override {
+    division_ = division;
+    return 0;
+  }
+  int compareGroup(int directories, const kest_group_t &group, int part) override;
   int readAttributes(const DiffInode &inode, kest_iattr64_t *attr) override;
   int listChanged(Inode &dir, EntryList *entries) override;
   std::unique_ptr<EntryStream> leadingEntries(Inode &dir) override;
@@ -30,6 +36,7 @@ class CephDifference : public Difference {
   int diffListings(const InodeRef &active, uint64_t ino, EntryDifference *difference);
 
   const std::shared_ptr<const CephRoot> active_, snapshot_;
+  std::optional<kest_division_t> division_;
   ChangeNotes notes_;
   LeadNames names_;
 };

@@ -20,6 +20,8 @@ class LeadNames {
     names_[dir].push_back(std::move(entry));
   }
   bool whole() const { return count_ <= kMost; }
+  void leaveOut() { count_ = kMost + 1; }  // another process has kept some entries to itself
+  const std::unordered_map<uint64_t, std::vector<DirEntry>> &all() const { return names_; }
   // NULL: there are none.
   const std::vector<DirEntry> *of(uint64_t dir) const {
     const auto found = names_.find(dir);

@@ -1,12 +1,10 @@
 #include "cephfs/tree_compare.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <iterator>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -17,6 +15,7 @@
 #include "cephfs/inode_compare.h"
 #include "cephfs/names.h"
 #include "cephfs/run_lock.h"
+#include "cephfs/tree_comparison.h"
 #include "cephfs/twin_search.h"
 
 namespace kest {
@@ -24,7 +23,8 @@ namespace kest {
 namespace {
 
 constexpr int kThreads = 4;
-constexpr size_t kMostCandidates = 1 << 17;  // for twins; some 10 MiB
+// Directories that a group should have at least, so that groups take about the same time.
+constexpr size_t kGroupLeast = 4;
 
 // What one entry says about its inode. All that the entries of an inode say is taken together in the
 // end, so that the names of a hard link can be met in any order.
@@ -42,64 +42,7 @@ bool byName(const CephEntry &a, const CephEntry &b) {
   return a.name < b.name;
 }
 
-class TreeComparison {
- public:
-  TreeComparison(const CephRoot &active, const CephRoot &snapshot, DifferenceSet *difference,
-                 ChangeNotes *notes, LeadNames *names)
-      : active_(active), snapshot_(snapshot), difference_(difference), notes_(notes), names_(names) {}
-
-  int compute();
-
- private:
-  // A directory to be looked at: in both trees, or in the one that has it.
-  struct Folder {
-    enum Kind { kPair, kDeleted, kNew } kind = kPair;
-    uint64_t ino = 0;
-    bool changed = false;  // a pair whose own attributes or place differ
-    InodeRef then;         // in the snapshot, looked up by names
-  };
-
-  // How a directory of both trees with candidates for twins differs.
-  struct Changed {
-    size_t entries =
-        0;  // names that only one of them has, or that mean another inode, which count twice
-    bool itself = false;
-  };
-
-  int workThrough();
-  void work();
-  int visit(const Folder &folder);
-  int visitPair(const Folder &folder);
-  int compareEntry(const Folder &folder, const CephEntry &now, CephEntry &then);
-  int onlyNow(uint64_t dir, const CephEntry &entry);
-  int onlyThen(CephEntry &entry);
-  int listActive(uint64_t ino, std::vector<CephEntry> *entries);
-  void push(Folder folder);
-  void addNews(uint64_t ino, uint64_t news);
-  void addParent(uint64_t dir, uint64_t parent);
-  void addLead(uint64_t dir, const CephEntry &entry);
-  void noteEntries(uint64_t dir, const EntryDifference &changed);
-  void addCandidates(uint64_t dir, std::vector<TwinCandidate> candidates, const Changed &changed);
-  void recordFolder(uint64_t ino, unsigned state);
-  void recordFiles();
-  int settleTwins();
-  void climb();
-
-  const CephRoot &active_, &snapshot_;
-  DifferenceSet *difference_;
-  ChangeNotes *notes_;
-  LeadNames *names_;
-
-  std::mutex mutex_;  // of everything below
-  std::condition_variable changed_;
-  std::vector<Folder> folders_;
-  int busy_ = 0, failure_ = 0;
-  std::unordered_set<uint64_t> moved_;  // directories of both trees that stand elsewhere now
-  std::vector<uint64_t> unmatched_;     // directories under names that only the fileset has
-  PairSorter news_, found_, leads_, parents_;
-  std::vector<TwinCandidate> candidates_;
-  std::unordered_map<uint64_t, Changed> changed_dirs_;  // of the candidates
-};
+}  // namespace
 
 void TreeComparison::push(Folder folder) {
   std::lock_guard lock(mutex_);
@@ -151,21 +94,35 @@ int TreeComparison::compute() {
     same = sameProperties(active_, snapshot_, active_.ino, now, then, snapshot_.inode, "");
   if (rc == 0 && same < 0) rc = same;
   if (rc < 0) return rc;
-  push({Folder::kPair, active_.ino, same == 0, snapshot_.inode.another()});
-  rc = workThrough();
+  push({Folder::kPair, active_.ino, same == 0, snapshot_.inode.another(), ""});
+  rc = workAndShare();
   if (rc < 0) return rc;
   // By now every directory of the snapshot has been looked at, so what is left is new with all it
   // holds.
-  while (!unmatched_.empty()) {
-    for (uint64_t ino : std::exchange(unmatched_, {}))
-      if (!moved_.contains(ino)) folders_.push_back({Folder::kNew, ino, true, {}});
-    rc = workThrough();
-    if (rc < 0) return rc;
-  }
+  descending_ = true;
+  for (uint64_t ino : std::exchange(unmatched_, {}))
+    if (!moved_.contains(ino)) folders_.push_back({Folder::kNew, ino, true, {}, ""});
+  rc = workAndShare();
+  if (rc < 0) return rc;
   recordFiles();
   difference_->setInodes(found_.finish());
   rc = settleTwins();
   climb();
+  return rc;
+}
+
+// Whether what is left is for others.
+bool TreeComparison::stops() const {
+  return visited_ >= most_visited_ ||
+         (division_ != nullptr && !alone_ && folders_.size() >= kGroupLeast * division_->groups);
+}
+
+int TreeComparison::workAndShare() {
+  int rc = workThrough();
+  while (rc == 0 && !folders_.empty()) {
+    rc = shareOut();
+    if (rc == 0) rc = workThrough();
+  }
   return rc;
 }
 
@@ -179,17 +136,24 @@ int TreeComparison::workThrough() {
 void TreeComparison::work() {
   std::unique_lock lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [&] { return !folders_.empty() || busy_ == 0 || failure_ != 0; });
-    if (folders_.empty() || failure_ != 0) break;
-    // The last one first: depth before breadth keeps the list short.
+    changed_.wait(lock, [&] { return !folders_.empty() || busy_ == 0 || failure_ != 0 || stops(); });
+    if (folders_.empty() || failure_ != 0 || stops()) break;
+    // The last one first: depth before breadth keeps the list short. But to share the work, many
+    // directories are wanted soon.
     int rc;
     {
-      const Folder folder = std::move(folders_.back());
-      folders_.pop_back();
+      const bool breadth = division_ != nullptr && !alone_;
+      Folder folder = std::move(breadth ? folders_.front() : folders_.back());
+      if (breadth)
+        folders_.pop_front();
+      else
+        folders_.pop_back();
       ++busy_;
+      ++visited_;
       lock.unlock();
       try {
-        rc = visit(folder);
+        rc = folder.path.empty() ? 0 : openThen(folder.path, &folder.then);
+        if (rc == 0) rc = visit(folder);
       } catch (const std::bad_alloc &) {
         rc = -ENOMEM;
       }
@@ -200,6 +164,26 @@ void TreeComparison::work() {
     if (failure_ != 0 || (busy_ == 0 && folders_.empty())) changed_.notify_all();
   }
   changed_.notify_all();
+}
+
+// Looks a directory of the snapshot up by its path, and keeps the places on the way.
+int TreeComparison::openThen(const std::string &path, InodeRef *dir) {
+  InodeRef at = snapshot_.inode.another();
+  uint64_t parent = snapshot_.ino;
+  for (size_t begin = 0; begin < path.size();) {
+    const size_t end = std::min(path.find('/', begin), path.size());
+    const std::string name = path.substr(begin, end - begin);
+    InodeRef next;
+    CephStat st;
+    if (!at) return -ENOENT;
+    if (int rc = snapshot_.client->lookUp(at, name, &next, &st); rc < 0) return rc;
+    snapshot_.client->notePlace(snapshot_.snapid, st.stx_ino, {parent, name});
+    parent = st.stx_ino;
+    at = std::move(next);
+    begin = end + 1;
+  }
+  *dir = std::move(at);
+  return 0;
 }
 
 int TreeComparison::listActive(uint64_t ino, std::vector<CephEntry> *entries) {
@@ -279,7 +263,7 @@ int TreeComparison::compareEntry(const Folder &folder, const CephEntry &now, Cep
   }
   if (S_ISDIR(now.st.stx_mode)) {
     addParent(ino, dir);
-    push({Folder::kPair, ino, same == 0, std::move(then.dir)});
+    push({Folder::kPair, ino, same == 0, std::move(then.dir), ""});
     return 0;
   }
   const bool several = severalNames(now.st) || severalNames(then.st);
@@ -299,7 +283,12 @@ int TreeComparison::onlyNow(uint64_t dir, const CephEntry &entry) {
   addParent(ino, dir);
   std::lock_guard lock(mutex_);
   names_->add(dir, toEntry(entry));
-  unmatched_.push_back(ino);
+  if (!descending_) {
+    unmatched_.push_back(ino);
+  } else if (!moved_.contains(ino)) {
+    folders_.push_back({Folder::kNew, ino, true, {}, ""});
+    changed_.notify_one();
+  }
   return 0;
 }
 
@@ -312,14 +301,14 @@ int TreeComparison::onlyThen(CephEntry &entry) {
   const int lives = liesInFileset(active_, ino);
   if (lives < 0) return lives;
   if (lives == 0) {
-    push({Folder::kDeleted, ino, true, std::move(entry.dir)});
+    push({Folder::kDeleted, ino, true, std::move(entry.dir), ""});
     return 0;
   }
   {
     std::lock_guard lock(mutex_);
     moved_.insert(ino);
   }
-  push({Folder::kPair, ino, true, std::move(entry.dir)});
+  push({Folder::kPair, ino, true, std::move(entry.dir), ""});
   return 0;
 }
 
@@ -391,11 +380,19 @@ void TreeComparison::climb() {
   difference_->setLeads(all.finish());
 }
 
-}  // namespace
-
 int compareTrees(const CephRoot &active, const CephRoot &snapshot, DifferenceSet *difference,
-                 ChangeNotes *notes, LeadNames *names) {
-  return TreeComparison(active, snapshot, difference, notes, names).compute();
+                 ChangeNotes *notes, LeadNames *names, const kest_division_t *division) {
+  return TreeComparison(active, snapshot, difference, notes, names, division).compute();
+}
+
+int compareGroup(const CephRoot &active, const CephRoot &snapshot, int directories, uint64_t from,
+                 uint64_t to, int part) {
+  UniqueFd own(fcntl(directories, F_DUPFD_CLOEXEC, 0));
+  if (!own) return -errno;
+  ChangeNotes notes;
+  LeadNames names;
+  return TreeComparison(active, snapshot, nullptr, &notes, &names)
+      .computeGroup(std::move(own), from, to, part);
 }
 
 }  // namespace kest

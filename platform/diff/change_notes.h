@@ -27,6 +27,7 @@ class ChangeNotes {
 
   // Notes the entries that only one of both directories of this number has.
   void addEntries(uint64_t dir, const EntryDifference &entries);
+  const std::unordered_map<uint64_t, EntryDifference> &directories() const { return directories_; }
   const EntryDifference *findEntries(uint64_t dir) const;  // NULL if they were not noted
 
  private:

@@ -197,6 +197,9 @@ class Difference {
   // Commits the file system and compares. Required by the other calls. After a failure it can be
   // repeated.
   virtual int compute() = 0;
+  // See kest_divide_difference and kest_compare_group.
+  virtual int divide(const kest_division_t &) { return -ENOTSUP; }
+  virtual int compareGroup(int /*directories*/, const kest_group_t &, int /*part*/) { return -ENOTSUP; }
   const DifferenceSet &set() const { return set_; }
   // Notes that a file of both trees must be made again: it differs, but is a running program.
   void noteRunning(uint64_t ino) { set_.addState(ino, KEST_DI_RUNS); }

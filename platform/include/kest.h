@@ -127,9 +127,9 @@ int kest_file_survives(const kest_fssnap_handle_t *active, const kest_fssnap_han
                        const char *path);
 
 /* 1: this machine cannot share the work on the file system of `active` with all nodes of the
- * comma-separated list. Other nodes than this machine ("all", "localhost", its host name with or without
- * domain) need a file system that several nodes can mount. `node` receives the first node that cannot
- * take part, cut to `size` bytes. 0: it can. */
+ * comma-separated list. Other nodes than this machine ("all", "localhost", its host name with or
+ * without domain) need a file system that several nodes can mount. `node` receives the first node that
+ * cannot take part, cut to `size` bytes. 0: it can. */
 int kest_other_node(const kest_fssnap_handle_t *active, const char *nodes, char *node, size_t size);
 /* 1: other nodes can mount the file system; 0: they cannot. */
 int kest_spans_nodes(const kest_fssnap_handle_t *active);
@@ -201,6 +201,36 @@ int kest_next_inode64(kest_iscan_t *scan, uint64_t end_ino, const kest_iattr64_t
 #define KEST_DI_CLONE 0x40   /* a regular file of both trees with clone attributes in either */
 #define KEST_DI_RUNS 0x80    /* a running program that must be made again (kest_find_obstacles) */
 int kest_idifference(kest_iscan_t *scan, uint64_t ino);
+
+/* For a file system that several nodes can mount: has other processes help when the first query
+ * computes the difference, with the same result. Call it before any query. A small tree is compared
+ * without them.
+ *
+ * A round begins with open_directories, which returns the descriptor of a new file that the other
+ * processes can read. The library writes into it, closes it, and calls compare with at most `groups`
+ * groups of directories, each a range of bytes of that file. compare returns when kest_compare_group
+ * has succeeded for each, in any process, once or again, and what it wrote is whole. Then open_part is
+ * called once for every group of the round, from 0, and returns the descriptor of what was written for
+ * it; the library closes it. Some rounds may follow. A callback that fails returns -1 and sets errno,
+ * with which the query fails; after ENOSPC and EDQUOT the library compares everything itself.
+ * -1: EINVAL, ENOTSUP the file system has nothing of that. */
+typedef struct kest_group {
+  uint64_t from, to; /* bytes */
+} kest_group_t;
+typedef struct kest_division {
+  size_t groups;
+  uint64_t most; /* directories, after which a process returns the rest of its group, which then comes in
+                    the next round; grows from round to round */
+  void *arg;
+  int (*open_directories)(void *arg);
+  int (*compare)(void *arg, const kest_group_t *groups, size_t count);
+  int (*open_part)(void *arg, size_t group);
+} kest_division_t;
+int kest_divide_difference(kest_iscan_t *scan, const kest_division_t *division);
+/* Compares one group and writes what it finds to `part`, an empty file. `scan` is a difference scan of
+ * the same trees, of this process; its own difference is not computed. Closes nothing. -1: EBADMSG the
+ * file of directories is damaged; errno. */
+int kest_compare_group(kest_iscan_t *scan, int directories, const kest_group_t *group, int part);
 
 /* 0, and the number of the active inode that is the twin of the snapshot's inode `ino`, or the
  * number 0 if it has none. -1: errno. */

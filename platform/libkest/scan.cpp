@@ -144,6 +144,22 @@ int64_t kest_difference_size(kest_iscan_t *scan) {
   return rc < 0 ? rc : size;
 }
 
+int kest_divide_difference(kest_iscan_t *scan, const kest_division_t *division) {
+  return cCall([&] {
+    const bool valid = scan != nullptr && scan->difference != nullptr && !scan->computed &&
+                       division != nullptr && division->groups > 0 && division->compare != nullptr &&
+                       division->open_directories != nullptr && division->open_part != nullptr;
+    return valid ? scan->difference->divide(*division) : -EINVAL;
+  });
+}
+
+int kest_compare_group(kest_iscan_t *scan, int directories, const kest_group_t *group, int part) {
+  return cCall([&] {
+    if (scan == nullptr || scan->difference == nullptr || group == nullptr) return -EINVAL;
+    return scan->difference->compareGroup(directories, *group, part);
+  });
+}
+
 int kest_leads_to_change(kest_iscan_t *scan, uint64_t ino) {
   return cCall([&] {
     Difference *difference;

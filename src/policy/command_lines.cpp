@@ -16,9 +16,9 @@ constexpr size_t kWorkerOptionsMax = 2048;
 constexpr size_t kNestedPrefixMax = 1600;  // most bytes before the engine's options for one directory
 
 // The options that the engine gets in every phase.
-std::string engineOptions() {
-  return "-m " + std::to_string(settings.threads) + " -B " + std::to_string(settings.maxFiles) +
-         " -N " + shellWord(settings.nodeSpec);
+std::string engineOptions(int32_t batch_size = settings.maxFiles) {
+  return "-m " + std::to_string(settings.threads) + " -B " + std::to_string(batch_size) + " -N " +
+         shellWord(settings.nodeSpec);
 }
 
 // The options that name the trees and the work directory to a worker.
@@ -42,11 +42,12 @@ std::string outputWords() {
   return settings.Debug ? "" : ">/dev/null";
 }
 
-std::string phaseCommand(Phase phase, const std::string &list_name) {
+std::string phaseCommand(Phase phase, const std::string &list_name,
+                         int32_t batch_size = settings.maxFiles) {
   const std::string dir = shellWord(settings.shareDir);
   return std::string(kEngine) + " " + shellWord(settings.deviceP) + " -P " + dir + "/" + kPolicy +
          " -g " + dir + (phase == kPhaseMain ? " -r " : "  -r ") + dir + "/" + list_name + " " +
-         engineOptions() + " " + outputWords();
+         engineOptions(batch_size) + " " + outputWords();
 }
 
 // -D in phase 6: it only sets attributes, and the lists below the directories ran when those were made.
@@ -69,12 +70,24 @@ Result checkCommandLines() {
   return checkCommand(phaseWorkerOptions(kPhaseDirs) + room, kWorkerOptionsMax);
 }
 
-Result phaseRun(Phase phase, const std::string &list_name, EngineRun *run) {
-  *run = {phaseCommand(phase, list_name), phaseWorkerOptions(phase), workPath(list_name),
+namespace {
+
+Result listRun(Phase phase, const std::string &list_name, int32_t batch_size, EngineRun *run) {
+  *run = {phaseCommand(phase, list_name, batch_size), phaseWorkerOptions(phase), workPath(list_name),
           workPath(kPolicy), settings.shareDir};
   if (Result r = checkCommand(run->command); !r) return r;
   if (Result r = checkCommand(run->options, kWorkerOptionsMax); !r) return r;
   return errnoResult(run->list.empty() ? E2BIG : 0);
+}
+
+}  // namespace
+
+Result phaseRun(Phase phase, const std::string &list_name, EngineRun *run) {
+  return listRun(phase, list_name, settings.maxFiles, run);
+}
+
+Result scanRun(EngineRun *run) {
+  return listRun(kPhaseScan, kScanList, 1, run);
 }
 
 Result nestedRun(const std::string &set, const std::string &list, EngineRun *run) {

@@ -23,6 +23,10 @@ Result checkCommandLines();
 // Master only.
 Result phaseRun(Phase phase, const std::string &list_name, EngineRun *run);
 
+// Builds the run of the scan over scan.list, in which each worker gets one record. E2BIG after a
+// message. Master only.
+Result scanRun(EngineRun *run);
+
 // Builds the run of one list in the set of a top directory, whose path is `set`: phase 3 without
 // further nested runs. E2BIG after a message. Workers.
 Result nestedRun(const std::string &set, const std::string &list, EngineRun *run);

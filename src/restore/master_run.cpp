@@ -22,6 +22,7 @@
 #include "restore/node_check.h"
 #include "restore/phases.h"
 #include "restore/preparation.h"
+#include "restore/shared_scan.h"
 #include "restore/start_checks.h"
 #include "run/fatal_error.h"
 #include "run/run_handles.h"
@@ -180,8 +181,10 @@ Result restoreFileset(int argc, char **argv, uint64_t item_limit, MasterLists &l
     return r;
   }
   if (Result r = checkCommandLines(); !r) return r;
-  if (Result r = checkNodes(); !r) return r;
+  size_t nodes = 1;
+  if (Result r = checkNodes(&nodes); !r) return r;
   userMessage(Message::kScan, formatTimeStamp());
+  if (Result r = shareScan(nodes); !r) return r;
   if (Result r = mountCheck(handles.iscanP); !r) return r;
   if (Result r = obstacleCheck(handles.iscanP, true); !r) return r;
   if (Result r = makeRoomForLists(); !r) return r;

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string_view>
 
@@ -54,7 +55,7 @@ Result writeToken(std::string *token) {
   return file->close();
 }
 
-Result ask(const std::string &token, int *status) {
+Result ask(const std::string &token, size_t *nodes, int *status) {
   // Without exec the shell answers for a command that was killed; ssh would count it as a lost node.
   std::string question = shellWord(settings.exe) + " TEST";
   for (const std::string &word :
@@ -64,12 +65,16 @@ Result ask(const std::string &token, int *status) {
                               " -N " + shellWord(settings.nodeSpec) + " --answer " +
                               shellWord(kAnswer) + " --ask " + shellWord(question);
   if (Result r = checkCommand(command, kNestedCommandMax); !r) return r;
-  return runCommand(command, status);
+  std::string output;
+  const Result r = runCommandOutput(command, &output, status);
+  *nodes = strtoul(output.c_str(), nullptr, 10);
+  return r;
 }
 
 }  // namespace
 
-Result checkNodes() {
+Result checkNodes(size_t *nodes) {
+  *nodes = 1;
   if (kest_spans_nodes(handles.activeFsP) != 1 || namesThisMachineAlone()) return {};
   std::string token;
   int status = 0;
@@ -78,7 +83,7 @@ Result checkNodes() {
   if (isFull(r.err)) r = makeRoom(write);
   if (!r) {
     userMessage(Message::kFileError, workPath(kNodeToken), strerror(r.err));
-  } else if (r = ask(token, &status); !r) {
+  } else if (r = ask(token, nodes, &status); !r) {
     userMessage(Message::kFileError, kEngine, strerror(r.err));
   }
   if (r && status == 0) return {};

@@ -22,6 +22,7 @@ enum Phase : int32_t {
   kPhaseDirs = 6,          // dir.new, final directory move
   kPhaseClones = 7,        // clone.<d>
   kPhaseLinks = 8,         // link.ino
+  kPhaseScan = 9,          // scan.list; before all others
   kPhaseCloneDelete = 31,  // clone.del.<d>
   kPhaseCreate = 51,       // opList.copy
 };

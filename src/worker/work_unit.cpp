@@ -26,6 +26,7 @@
 #include "run/work_dir.h"
 #include "run/work_file.h"
 #include "worker/clone_restore.h"
+#include "worker/compare_group.h"
 #include "worker/delete_file.h"
 #include "worker/dir_ops.h"
 #include "worker/file_restore.h"
@@ -61,6 +62,8 @@ Result perform(const Record &record) {
       return linkFile(record);
     case kOpCloneFile:
       return cloneFile(record);
+    case kOpCompareGroup:
+      return compareGroup(record);
     default:
       traceLog("doWorkUnit: unknown opCode: %d path %s ino %lld\n", record.op.opCode,
                record.path.c_str(), static_cast<long long>(record.ino));
@@ -73,7 +76,9 @@ Result perform(const Record &record) {
 void reportFailure(const Record &record, int err) {
   traceLog("doWorkUnit error: %s inodeNum %lld opCode %d\n", record.path.c_str(),
            static_cast<long long>(record.ino), record.op.opCode);
-  if (err == ESTALE || err == ELOOP || err == EXDEV) {
+  if (record.op.opCode == kOpCompareGroup) {
+    userMessage(Message::kComparisonFailed, settings.filesetP, strerror(err));
+  } else if (err == ESTALE || err == ELOOP || err == EXDEV) {
     userMessage(Message::kReplaced, record.path);
   } else {
     userMessage(Message::kObjectFailed, record.path, strerror(err));
