@@ -283,9 +283,9 @@ int TreeComparison::onlyNow(uint64_t dir, const CephEntry &entry) {
   addParent(ino, dir);
   std::lock_guard lock(mutex_);
   names_->add(dir, toEntry(entry));
-  if (!descending_) {
+  if (!descending_ || moved_.contains(ino)) {
     unmatched_.push_back(ino);
-  } else if (!moved_.contains(ino)) {
+  } else {
     folders_.push_back({Folder::kNew, ino, true, {}, ""});
     changed_.notify_one();
   }

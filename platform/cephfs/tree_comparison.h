@@ -112,7 +112,7 @@ class TreeComparison {
   int busy_ = 0, failure_ = 0;
   uint64_t visited_ = 0;                // directories
   uint64_t most_visited_ = UINT64_MAX;  // a group is left to the others after this number
-  uint64_t group_most_;   // the same for the groups of the next round
+  uint64_t group_most_;                 // the same for the groups of the next round
   bool alone_ = false;                  // nobody else can do what is left
   bool descending_ = false;             // into what is new: moved_ is complete
   std::unordered_set<uint64_t> moved_;  // directories of both trees that stand elsewhere now

@@ -205,6 +205,43 @@ TEST_F(Nodes, ALostNodeIsDoneWithout) {
   }
 }
 
+// The comparison itself, of a tree that is large enough for it.
+TEST_F(Nodes, ShareTheScan) {
+  for (const char *name : {"scan", "scanlost"}) {
+    SCOPED_TRACE(name);
+    makeTree(name);
+    for (int i = 0; i < 160; ++i)
+      tree_->dirs("wide/" + std::to_string(i % 16) + "/" + std::to_string(i));
+    for (int i = 0; i < 160; ++i)
+      tree_->file("wide/" + std::to_string(i % 16) + "/" + std::to_string(i) + "/file", name);
+    cluster_->removeSnapshot(fileset_, "snap");
+    snapshot_ = cluster_->takeSnapshot(fileset_, "snap");
+    want_ = fingerprint(snapshot_);
+    for (int i = 0; i < 160; i += 7) {
+      const std::string dir = "wide/" + std::to_string(i % 16) + "/" + std::to_string(i);
+      tree_->append(dir + "/file", "more");
+      tree_->dirs("fresh" + std::to_string(i) + "/a/b");
+      tree_->rename(dir, "fresh" + std::to_string(i) + "/a/moved");
+    }
+    tree_->removeTree("wide/9");
+    runCommand("sync -f " + cluster_->mountPoint());
+    Running run(words(1, kNodes), nodes_->options());
+    if (std::string(name) == "scanlost") {
+      ASSERT_TRUE(waitUntil([&] { return run.ended() || nodes_->find(3, "-p 9 ") != 0; }, kSeconds));
+      ASSERT_FALSE(run.ended()) << run.said();
+      nodes_->change("kill", 3);
+      usleep(500000);
+      evictAll(3);
+    }
+    ASSERT_TRUE(waitUntil([&] { return run.ended(); }, kSeconds)) << run.said();
+    EXPECT_EQ(run.exitStatus(), 0) << run.said();
+    EXPECT_EQ(run.said().find("node n3 is lost") != std::string::npos, std::string(name) == "scanlost")
+        << run.said();
+    EXPECT_EQ(joined(compare(want_, fingerprint(tree_->root()))), "") << run.said();
+  }
+  nodes_->change("restart", 3);
+}
+
 TEST_F(Nodes, ASignalEndsEveryNodeAndTheSameCommandFinishes) {
   makeTree("stopped");
   Running run(words(1, kNodes), nodes_->options());
