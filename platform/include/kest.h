@@ -219,8 +219,8 @@ typedef struct kest_group {
 } kest_group_t;
 typedef struct kest_division {
   size_t groups;
-  uint64_t most; /* directories, after which a process returns the rest of its group, which then comes in
-                    the next round; grows from round to round */
+  uint64_t most; /* directories, after which a process returns the rest of its group, which then
+                    comes in the next round; grows from round to round */
   void *arg;
   int (*open_directories)(void *arg);
   int (*compare)(void *arg, const kest_group_t *groups, size_t count);
