@@ -12,14 +12,16 @@ namespace {
 constexpr uint64_t kLeast = 100;       // weight of the smallest part
 constexpr uint64_t kPartsOfNode = 16;  // more parts would cost more than they balance
 constexpr uint64_t kTreeWeight = 100;  // a record that can stand for a directory with all it holds
+// Each group has a worker of its own, and a part of less than a few would keep a node's others idle.
+constexpr uint64_t kGroupWeight = 25;
 constexpr uint64_t kBytesOfRecord = 1 << 20;
 
 // How much work a record is, compared with a small file.
 uint64_t weight(const ListRecord &record) {
   Operation op;
   if (!parseOpString(record.opString, &op)) return 1;
-  if (op.opCode == kOpCrDir || op.opCode == kOpDelDir || op.opCode == kOpCompareGroup)
-    return kTreeWeight;
+  if (op.opCode == kOpCrDir || op.opCode == kOpDelDir) return kTreeWeight;
+  if (op.opCode == kOpCompareGroup) return kGroupWeight;
   return 1 + op.length / kBytesOfRecord;
 }
 
