@@ -4,6 +4,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -135,10 +136,11 @@ class Checkpoint {
 
   // Must be called before a record is performed. Restoring a file's contents and attributes twice has
   // the same result, so the lines of such records may be lost with the worker: they are collected for
-  // up to ten milliseconds and written together. Any other record depends on what was done before it.
+  // up to ten milliseconds and written together, or less often where writing them takes long. Any
+  // other record depends on what was done before it.
   Result before(const Operation &op) {
     const bool repeatable = op.opCode == kOpRestoreDiffFile || op.opCode == kOpRestoreDelFile;
-    return repeatable && nanoseconds() - last_write_ < kPause ? Result{} : flush();
+    return repeatable && nanoseconds() - last_write_ < pause_ ? Result{} : flush();
   }
   void done(const Record &record, const std::string &op_string) {
     waiting_ += formatCheckpointLine(record.ino, op_string);
@@ -148,6 +150,7 @@ class Checkpoint {
   // hold the result first: kest_settle makes sure of that.
   Result flush() {
     if (waiting_.empty()) return {};
+    const int64_t begun = nanoseconds();
     if (Result r = called(kest_settle(handles.activeFsP)); !r) {
       reportFailure(last_, r.err);
       waiting_.clear();
@@ -157,11 +160,13 @@ class Checkpoint {
     const Result written = writeAll(fd_.get(), waiting_);
     waiting_.clear();
     last_write_ = nanoseconds();
+    pause_ = std::clamp(kPauses * (last_write_ - begun), kPause, kLongestPause);
     return written;
   }
 
  private:
-  static constexpr int64_t kPause = 10000000;
+  static constexpr int64_t kPause = 10'000'000, kLongestPause = 500'000'000;  // nanoseconds
+  static constexpr int64_t kPauses = 10;  // as long as writing took: a tenth of the time goes to it
 
   static int64_t nanoseconds() {
     timespec now{};
@@ -172,7 +177,7 @@ class Checkpoint {
   UniqueFd fd_;
   std::string waiting_;
   Record last_;  // the last record whose line waits
-  int64_t last_write_ = 0;
+  int64_t last_write_ = 0, pause_ = kPause;
 };
 
 // Performs one record and notes that it is done.
