@@ -25,8 +25,8 @@ struct Setting {
 // Quotas are borders to a rename, and a restore has to cross them. A socket or log file of its own is
 // of no use to a process that lives for seconds. A client lets go of inodes at its ticks, and its end
 // waits for one: up to a second by default. 0 is a tick whenever it has nothing to do; that costs up to
-// 40 % of a processor. It pays for processes that live for seconds, as nearly all do: of those that live
-// longer the end is a small part.
+// 40 % of a processor. It pays for processes that live for seconds, as nearly all do: of those that
+// live longer the end is a small part.
 constexpr char kTick[] = "client_tick_interval";
 constexpr std::chrono::seconds kShortLife{10};
 constexpr Setting kSettings[] = {{"client_quota", "false"},

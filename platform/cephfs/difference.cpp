@@ -117,14 +117,15 @@ int CephDifference::compute() {
   notes_ = {};
   names_ = {};
   if (division_) {
-    const int rc = compareTrees(*active_, *snapshot_, &set_, &notes_, &names_, &*division_);
+    const int rc =
+        compareTrees(*active_, *snapshot_, &set_, &notes_, &names_, &passed_over_, &*division_);
     // Without room for files, in which the processes tell each other what they find, this one does
     // everything.
     if (rc != -ENOSPC && rc != -EDQUOT) return rc;
     notes_ = {};
     names_ = {};
   }
-  return compareTrees(*active_, *snapshot_, &set_, &notes_, &names_);
+  return compareTrees(*active_, *snapshot_, &set_, &notes_, &names_, &passed_over_);
 }
 
 int CephDifference::compareGroup(int directories, const kest_group_t &group, int part) {

@@ -24,6 +24,7 @@ class CephDifference : public Difference {
     return 0;
   }
   int compareGroup(int directories, const kest_group_t &group, int part) override;
+  uint64_t passedOver() const override { return passed_over_; }
   int readAttributes(const DiffInode &inode, kest_iattr64_t *attr) override;
   int listChanged(Inode &dir, EntryList *entries) override;
   std::unique_ptr<EntryStream> leadingEntries(Inode &dir) override;
@@ -39,6 +40,7 @@ class CephDifference : public Difference {
   std::optional<kest_division_t> division_;
   ChangeNotes notes_;
   LeadNames names_;
+  uint64_t passed_over_ = 0;
 };
 
 }  // namespace kest

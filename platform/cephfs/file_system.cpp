@@ -52,13 +52,6 @@ std::string placeOfSnapshotAbove(const std::shared_ptr<CephClient> &client, cons
   return ": it is " + name.substr(1, underscore - 1) + " of the directory " + display(path);
 }
 
-// The time of a snapshot, in seconds. 0 where it has none.
-int64_t timeOfSnapshot(CephClient &client, const InodeRef &snapshot) {
-  std::string text;
-  if (client.readXattr(snapshot, "ceph.snap.btime", &text) < 0) return 0;
-  return strtoll(text.c_str(), nullptr, 10);
-}
-
 // Returns true if the mount shows the directory `dir` at `fd`. Somebody may change the directory
 // between the two looks at it, so it looks several times. A client that has taken a snapshot of the
 // directory shows the change time of before until it has to ask the server for something.
@@ -242,7 +235,7 @@ int CephFileSystem::listSnapshots(const std::string &fileset, std::string *path,
     rc = client_->lookUp(folder, one.name, &snapshot, &st);
     if (rc == -ENOENT) continue;  // deleted a moment ago
     if (rc < 0) return failWith(-rc, one.name);
-    snapshots->push_back({st.stx_dev, one.name, timeOfSnapshot(*client_, snapshot), true});
+    snapshots->push_back({st.stx_dev, one.name, timeOfSnapshot(snapshot), true});
   }
   std::sort(snapshots->begin(), snapshots->end(),
             [](const SnapshotInfo &a, const SnapshotInfo &b) { return a.id < b.id; });

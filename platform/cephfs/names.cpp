@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 #include <cerrno>
+#include <cstdlib>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -159,6 +160,12 @@ int findInSnapshot(const CephRoot &root, uint64_t ino, InodeRef *inode, CephStat
     return found < 0 ? found : 1;
   });
   return rc == 0 ? -ENOENT : rc < 0 ? rc : 0;
+}
+
+int64_t timeOfSnapshot(const InodeRef &snapshot) {
+  std::string text;
+  if (snapshot.client()->readXattr(snapshot, "ceph.snap.btime", &text) < 0) return 0;
+  return strtoll(text.c_str(), nullptr, 10);
 }
 
 int pathOfDirectory(const std::shared_ptr<CephClient> &client, uint64_t ino, std::string *path) {

@@ -22,6 +22,9 @@ int findInSnapshot(const CephRoot &root, uint64_t ino, InodeRef *inode, CephStat
 // for.
 int openByNumber(const CephRoot &root, uint64_t ino, InodeRef *inode, CephStat *st);
 
+// When a snapshot was taken, in seconds since 1970; `snapshot` is its root. 0: nobody knows.
+int64_t timeOfSnapshot(const InodeRef &snapshot);
+
 // The path of a directory of the active file system below its root; "" the root itself. 0 or -errno.
 int pathOfDirectory(const std::shared_ptr<CephClient> &client, uint64_t ino, std::string *path);
 

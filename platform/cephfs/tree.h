@@ -19,6 +19,7 @@ class CephTree : public Tree {
   const std::string &path() const override { return root_->path; }
   int isWritable() const override;
   bool spansNodes() const override { return true; }
+  bool hasNamesOutside() const override { return true; }
   int64_t metadataRoom() const override;
   int openInode(uint64_t ino, const char *path, std::unique_ptr<Inode> *inode) const override;
   int openSame(const Inode &other, std::unique_ptr<Inode> *inode) const override;

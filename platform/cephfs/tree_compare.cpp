@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <cstdlib>
+#include <cstring>
 #include <iterator>
 #include <string>
 #include <thread>
@@ -85,7 +88,40 @@ void TreeComparison::recordFolder(uint64_t ino, unsigned state) {
   found_.add({ino, state | KEST_DI_DIR});
 }
 
+// A value that is no number of seconds counts as none.
+void TreeComparison::readMargin() {
+  const char *text = getenv("FSETRESTORE_RCTIME_MARGIN");
+  if (text == nullptr) return;
+  int64_t margin = 0;
+  const char *end = text + strlen(text);
+  const auto [stop, error] = std::from_chars(text, end, margin);
+  if (error != std::errc() || stop != end || margin < 0) return;
+  const int64_t taken = timeOfSnapshot(snapshot_.inode);
+  if (taken > margin) unchanged_until_ = taken - margin;
+}
+
+// Whether the largest change time below an active directory is older than the snapshot.
+int TreeComparison::maybePassOver(const Folder &folder, bool *passed) {
+  *passed = false;
+  if (unchanged_until_ == 0 || folder.changed || folder.ino == active_.ino) return 0;
+  InodeRef dir;
+  CephStat st;
+  std::string text;
+  int rc = active_.client->byNumber(folder.ino, kActive, &dir, &st);
+  if (rc == 0) rc = active_.client->readXattr(dir, "ceph.dir.rctime", &text);
+  if (rc == -ESTALE || rc == -ENOENT || rc == -ENODATA) return 0;
+  if (rc < 0) return rc;
+  int64_t changed = 0;
+  const auto [stop, error] = std::from_chars(text.data(), text.data() + text.size(), changed);
+  *passed = error == std::errc() && stop != text.data() && changed < unchanged_until_;
+  if (!*passed) return 0;
+  std::lock_guard lock(mutex_);
+  ++passed_over_;
+  return 0;
+}
+
 int TreeComparison::compute() {
+  readMargin();
   CephStat now, then;
   int rc = active_.client->readStat(active_.inode, &now);
   if (rc == 0) rc = snapshot_.client->readStat(snapshot_.inode, &then);
@@ -208,6 +244,8 @@ int TreeComparison::visit(const Folder &folder) {
 }
 
 int TreeComparison::visitPair(const Folder &folder) {
+  bool passed;
+  if (int looked = maybePassOver(folder, &passed); looked < 0 || passed) return looked;
   std::vector<CephEntry> now, then;
   // The active tree first: to show what is true now, its servers call in what clients keep to
   // themselves, which makes the snapshot complete as well.
@@ -381,8 +419,12 @@ void TreeComparison::climb() {
 }
 
 int compareTrees(const CephRoot &active, const CephRoot &snapshot, DifferenceSet *difference,
-                 ChangeNotes *notes, LeadNames *names, const kest_division_t *division) {
-  return TreeComparison(active, snapshot, difference, notes, names, division).compute();
+                 ChangeNotes *notes, LeadNames *names, uint64_t *passed_over,
+                 const kest_division_t *division) {
+  TreeComparison comparison(active, snapshot, difference, notes, names, division);
+  const int rc = comparison.compute();
+  *passed_over = comparison.passedOver();
+  return rc;
 }
 
 int compareGroup(const CephRoot &active, const CephRoot &snapshot, int directories, uint64_t from,

@@ -48,6 +48,7 @@ class TreeComparison {
         group_most_(division == nullptr ? 0 : division->most) {}
 
   int compute();
+  uint64_t passedOver() const { return passed_over_; }
   // Compares the directories at [from, to) of the file `directories` and writes what it finds to
   // `part`.
   int computeGroup(UniqueFd directories, uint64_t from, uint64_t to, int part);
@@ -75,6 +76,8 @@ class TreeComparison {
   void work();
   int visit(const Folder &folder);
   int visitPair(const Folder &folder);
+  void readMargin();
+  int maybePassOver(const Folder &folder, bool *passed);
   int compareEntry(const Folder &folder, const CephEntry &now, CephEntry &then);
   int onlyNow(uint64_t dir, const CephEntry &entry);
   int onlyThen(CephEntry &entry);
@@ -105,12 +108,14 @@ class TreeComparison {
   ChangeNotes *notes_;
   LeadNames *names_;
   const kest_division_t *division_;
+  int64_t unchanged_until_ = 0;  // seconds since 1970; 0: everything is looked at
 
   std::mutex mutex_;  // of everything below
   std::condition_variable changed_;
   std::deque<Folder> folders_;
   int busy_ = 0, failure_ = 0;
   uint64_t visited_ = 0;                // directories
+  uint64_t passed_over_ = 0;            // directories
   uint64_t most_visited_ = UINT64_MAX;  // a group is left to the others after this number
   uint64_t group_most_;                 // the same for the groups of the next round
   bool alone_ = false;                  // nobody else can do what is left

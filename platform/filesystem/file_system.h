@@ -201,6 +201,8 @@ class Difference {
   virtual int divide(const kest_division_t &) { return -ENOTSUP; }
   virtual int compareGroup(int /*directories*/, const kest_group_t &, int /*part*/) { return -ENOTSUP; }
   const DifferenceSet &set() const { return set_; }
+  // See kest_passed_over.
+  virtual uint64_t passedOver() const { return 0; }
   // Notes that a file of both trees must be made again: it differs, but is a running program.
   void noteRunning(uint64_t ino) { set_.addState(ino, KEST_DI_RUNS); }
 
@@ -242,6 +244,8 @@ class Tree {
   virtual int isWritable() const = 0;  // 1 or 0
   // Returns true if several nodes can mount the file system and work on it at the same time.
   virtual bool spansNodes() const { return false; }
+  // See kest_names_outside.
+  virtual bool hasNamesOutside() const { return false; }
   // Returns the bytes left for inodes, names and extents, without the file system's own reserve.
   virtual int64_t metadataRoom() const = 0;
 

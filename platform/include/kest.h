@@ -133,6 +133,8 @@ int kest_file_survives(const kest_fssnap_handle_t *active, const kest_fssnap_han
 int kest_other_node(const kest_fssnap_handle_t *active, const char *nodes, char *node, size_t size);
 /* 1: other nodes can mount the file system; 0: they cannot. */
 int kest_spans_nodes(const kest_fssnap_handle_t *active);
+/* 1: a file of a fileset can have further names outside of it; 0: it cannot. */
+int kest_names_outside(const kest_fssnap_handle_t *active);
 
 /* For a restore that is about to begin; `scan` is a difference scan of both trees. 1: something is
  * mounted on a directory or file of the fileset or snapshot that the restore would have to enter,
@@ -256,6 +258,11 @@ int kest_ichange(kest_iscan_t *scan, uint64_t ino, kest_change_t *change);
 
 /* Returns the number of inodes that differed when the difference was computed. -1: errno. */
 int64_t kest_difference_size(kest_iscan_t *scan);
+
+/* Returns the number of directories that the comparison passed over with everything below, because the
+ * file system says that nothing below has changed and the administrator has asked to believe that (see
+ * FSETRESTORE_RCTIME_MARGIN in the man page). -1: errno. */
+int64_t kest_passed_over(kest_iscan_t *scan);
 
 /* For a walk over the active fileset. 1: the active inode itself or anything below it was in the
  * difference, or a junction was below it, when the difference was computed; 0: neither. -1: errno. */

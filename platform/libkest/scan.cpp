@@ -160,6 +160,17 @@ int kest_compare_group(kest_iscan_t *scan, int directories, const kest_group_t *
   });
 }
 
+int64_t kest_passed_over(kest_iscan_t *scan) {
+  int64_t count = 0;
+  const int rc = cCall([&] {
+    Difference *difference;
+    if (int failed = differenceOf(scan, &difference); failed < 0) return failed;
+    count = static_cast<int64_t>(difference->passedOver());
+    return 0;
+  });
+  return rc < 0 ? rc : count;
+}
+
 int kest_leads_to_change(kest_iscan_t *scan, uint64_t ino) {
   return cCall([&] {
     Difference *difference;

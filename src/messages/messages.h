@@ -109,6 +109,8 @@ enum class Message : int {
   kNoAcls,
   kObstaclesUnknown,
   kSmallStack,
+  kPassedOver,
+  kNamesOutside,
   // fsetcompare.
   kCompareUsage,
   kCompareHelp,
@@ -287,6 +289,12 @@ inline constexpr MessageText kMessages[] = {
     {Message::kSmallStack, 0, 0,
      "The stack is limited to %lld KiB; deep trees need %lld. Nothing was done. Raise the limit with ulimit "
      "-s.\n"},
+    {Message::kPassedOver, 0, 0,
+     "Passed over without comparing: %lld directories with everything below, in which nothing has changed "
+     "since the snapshot according to ceph.dir.rctime (FSETRESTORE_RCTIME_MARGIN).\n"},
+    {Message::kNamesOutside, 0, 0,
+     "%s had names outside of the fileset as well. It was made again under its names in the fileset; the "
+     "names outside were not touched and mean another file now.\n"},
     {Message::kCompareUsage, 0, 0, "Usage: %s Device -j FileSet -o SnapShot [--full]\n"},
     {Message::kCompareHelp, 0, 0,
      "Usage: fsetcompare Device -j FileSet -o SnapShot [--full]\n"

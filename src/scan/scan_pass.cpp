@@ -47,6 +47,11 @@ void setRange() {
   }
 }
 
+void tellPassedOver() {
+  const int64_t count = kest_passed_over(handles.iscanP);
+  if (count > 0) userMessage(Message::kPassedOver, count);
+}
+
 }  // namespace
 
 Result scanPass() {
@@ -62,6 +67,7 @@ Result scanPass() {
     if (attr == nullptr) {
       scan.finalPass = true;
       userMessage(Message::kScanComplete, formatTimeStamp(), settings.pass, scan.maxIno);
+      tellPassedOver();
       break;
     }
     const uint64_t ino = attr->ia_inode;

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "messages/messages.h"
 #include "object/attr_restore.h"
 #include "object/clones.h"
 #include "object/inode_paths.h"
@@ -46,6 +47,8 @@ class LinkGroup {
 
   Result collectNames(const std::vector<std::string> &paths);
   Result restoreAll();
+  // After restoreAll: another inode has the names than in the snapshot.
+  bool wasMade() const { return target_ != nullptr && target_->st.st_ino != ino_; }
 
  private:
   static Result lookAt(Name &name);
@@ -162,8 +165,10 @@ Result LinkGroup::restoreAll() {
   return restoreAttr(target_->path, settings.phase).at(kAttributes);
 }
 
-// Finds the names of the inode in the snapshot, as paths of the active fileset.
-Result lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::string> *paths) {
+// Finds the names of the inode in the snapshot, as paths of the active fileset. *outside: it had others
+// outside of the fileset.
+Result lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::string> *paths,
+                   bool *outside) {
   if (Result r = findInodePaths(handles.oldFsP, ino, handles.rootPath, paths); !r) {
     traceLog(r.err == ENOENT ? "linkFile: cannot get hard link path, ino %lld\n"
                              : "getParentPath: cannot find parent path, ino %lld\n",
@@ -172,8 +177,9 @@ Result lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::stri
   }
   kest_iattr64_t attr;
   if (kest_istat(snap, &attr) != 0) return failed(kNames);
-  // Fewer names than links would silently lose a hard link.
-  if (static_cast<int64_t>(paths->size()) < attr.ia_nlink) {
+  *outside = static_cast<int64_t>(paths->size()) < attr.ia_nlink;
+  // Where all names lie in the fileset, fewer names than links would silently lose a hard link.
+  if (*outside && (paths->empty() || kest_names_outside(handles.activeFsP) != 1)) {
     traceLog("linkFile: cannot get hard link path, ino %lld\n", static_cast<long long>(ino));
     return failed(kNames, EIO);
   }
@@ -192,10 +198,13 @@ Result restoreLinks(uint64_t ino) {
   Inode snap;
   if (Result r = openInode(handles.oldFsP, ino, &snap); !r) return failed(kOpenSnapshot, r.err);
   std::vector<std::string> paths;
-  if (Result r = lookUpNames(ino, snap.get(), &paths); !r) return r;
+  bool outside = false;
+  if (Result r = lookUpNames(ino, snap.get(), &paths, &outside); !r) return r;
   LinkGroup group(ino, snap.get());
   if (Result r = group.collectNames(paths); !r) return r;
-  return group.restoreAll();
+  if (Result r = group.restoreAll(); !r) return r;
+  if (outside && group.wasMade()) userMessage(Message::kNamesOutside, paths.front());
+  return {};
 }
 
 }  // namespace

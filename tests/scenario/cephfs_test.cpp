@@ -1,10 +1,13 @@
 // Restores a CephFS directory from a snapshot: files, links, attributes, layouts, directories that
 // moved, and inodes that the servers have forgotten.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <sstream>
@@ -14,6 +17,7 @@
 
 #include "scenario/fset_fixture.h"
 #include "support/ceph_cluster.h"
+#include "support/descriptor.h"
 #include "support/loop_btrfs.h"
 #include "support/restore_run.h"
 #include "support/survival.h"
@@ -135,6 +139,74 @@ TEST_F(CephRestore, DeletedInodesAreReachedAfterARestart) {
   t.file("kept", "k");
   cluster_->restartMds();
   expectRestored(snapshot);
+}
+
+TEST_F(CephRestore, PassesOverOldDirectoriesOnlyWhereAsked) {
+  constexpr char kMargin[] = "FSETRESTORE_RCTIME_MARGIN", kSaid[] = "Passed over without comparing: ";
+  TreeBuilder &t = *tree_;
+  t.dirs("old/below");
+  t.file("old/below/f", "old");
+  t.dirs("changed/below");
+  t.file("changed/below/f", "old");
+  sleep(3);  // seconds are compared
+  const std::string snapshot = cluster_->takeSnapshot(fileset_, "snap");
+  const TreePrint want = fingerprint(snapshot);
+  // The margin reaches back before everything; one second is enough for the old directory alone.
+  const std::pair<const char *, bool> cases[] = {
+      {"", false}, {"1x", false}, {"1000", false}, {"1", true}};
+  for (const auto &[margin, passes] : cases) {
+    SCOPED_TRACE(margin);
+    t.write("changed/below/f", 0, "new");
+    runCommand("sync -f " + t.root());
+    const auto changeTime = [&] {
+      char text[64] = "";
+      getxattr((t.root() + "/changed").c_str(), "ceph.dir.rctime", text, sizeof text - 1);
+      return atoll(text);
+    };
+    struct stat st;
+    ASSERT_EQ(stat((t.root() + "/changed/below/f").c_str(), &st), 0);
+    ASSERT_TRUE(waitUntil([&] { return changeTime() >= st.st_ctim.tv_sec; }, 60)) << changeTime();
+    RunOptions options{.timeoutSeconds = kSeconds};
+    if (*margin != '\0') options.environment = {{kMargin, margin}};
+    const RunResult result = runRestore(cluster_->mountPoint(), fileset_, "snap", {"-m", "2"}, options);
+    EXPECT_EQ(result.exitStatus, 0) << result.describe();
+    EXPECT_EQ(result.err.find(kSaid) != std::string::npos, passes) << result.describe();
+    if (passes) {
+      EXPECT_NE(result.err.find(std::string(kSaid) + "1 "), std::string::npos) << result.err;
+    }
+    EXPECT_EQ(joined(compare(want, fingerprint(t.root()))), "") << result.describe();
+  }
+}
+
+// The names outside belong to somebody else: they, and what they mean, stay as they are.
+TEST_F(CephRestore, NamesOutsideAreLeftAlone) {
+  TreeBuilder &t = *tree_;
+  const std::string outside = cluster_->path("outside");
+  ASSERT_EQ(mkdir(outside.c_str(), 0755), 0);
+  const char *names[] = {"kept", "removed", "gone", "one of two"};
+  for (const char *name : names) {
+    t.file(name, "the first contents");
+    ASSERT_EQ(::link((t.root() + "/" + name).c_str(), (outside + "/" + name).c_str()), 0);
+  }
+  t.link("one of two", "second");
+  const std::string snapshot = cluster_->takeSnapshot(fileset_, "snap");
+  t.write("kept", 0, "another");
+  for (const char *name : {"removed", "gone", "second"}) t.remove(name);
+  ASSERT_EQ(unlink((outside + "/gone").c_str()), 0);
+  const RunResult result = run("snap");
+  EXPECT_EQ(result.exitStatus, 0) << result.describe();
+  for (const char *name : {"kept", "removed", "gone", "one of two", "second"})
+    EXPECT_EQ(readAll(t.root() + "/" + name), "the first contents") << name << result.describe();
+  EXPECT_EQ(readAll(outside + "/removed"), "the first contents");
+  EXPECT_EQ(t.inode("one of two"), t.inode("second"));
+  struct stat st;
+  ASSERT_EQ(stat((outside + "/one of two").c_str(), &st), 0);
+  EXPECT_EQ(st.st_ino, t.inode("second"));
+  ASSERT_EQ(stat((outside + "/removed").c_str(), &st), 0);
+  EXPECT_NE(st.st_ino, t.inode("removed"));
+  EXPECT_NE(result.err.find("/removed had names outside of the fileset"), std::string::npos)
+      << result.describe();
+  EXPECT_EQ(result.err.find("kept had names"), std::string::npos) << result.describe();
 }
 
 // Builds a tree whose restore takes some seconds and has work in every phase.

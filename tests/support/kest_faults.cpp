@@ -131,6 +131,7 @@ WRAP(const char *, kest_get_pathname_from_fssnaphandle, (const kest_fssnap_handl
 WRAP(int, kest_is_writable, (const kest_fssnap_handle_t *h), h)
 WRAP(int, kest_statfs64, (const char *p, kest_statfs64_t *b), p, b)
 WRAP(int, kest_spans_nodes, (const kest_fssnap_handle_t *h), h)
+WRAP(int, kest_names_outside, (const kest_fssnap_handle_t *h), h)
 WRAP(int64_t, kest_metadata_room, (const kest_fssnap_handle_t *h), h)
 WRAP(int, kest_is_quota_file, (const kest_fssnap_handle_t *h, const char *p, const char *n), h, p, n)
 WRAP(int, kest_other_node, (const kest_fssnap_handle_t *h, const char *n, char *o, size_t s), h, n, o,
@@ -150,6 +151,7 @@ WRAP(int, kest_stat_inode64, (kest_iscan_t * s, uint64_t i, uint64_t t, const ke
 WRAP(int, kest_idifference, (kest_iscan_t * s, uint64_t i), s, i)
 WRAP(int, kest_twin, (kest_iscan_t * s, uint64_t i, uint64_t *t), s, i, t)
 WRAP(int64_t, kest_difference_size, (kest_iscan_t * s), s)
+WRAP(int64_t, kest_passed_over, (kest_iscan_t * s), s)
 WRAP(int, kest_junction_home, (kest_iscan_t * s, uint64_t i, uint64_t *d, char *n), s, i, d, n)
 WRAP(int, kest_leads_to_change, (kest_iscan_t * s, uint64_t i), s, i)
 WRAP(kest_ifile_t *, kest_iopen64, (Handle h, uint64_t i, int f, const void *a, const char *l), h, i, f,
