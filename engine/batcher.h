@@ -55,8 +55,8 @@ class Batcher {
   void closeOpen();
 
   size_t max_records_;
-  Batch run_;   // records of the current aggregate that are in no batch yet
-  Batch open_;  // a batch that can take further whole aggregates
+  Batch run_;                // records of the current aggregate that are in no batch yet
+  Batch open_;               // a batch that can take further whole aggregates
   uint64_t open_bytes_ = 0;  // of the ranges in open_
   std::deque<Batch> ready_;
 };

@@ -1,4 +1,5 @@
 // The part of a comparison that is about other processes: what is given to them, and what they return.
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -88,6 +89,8 @@ int TreeComparison::shareOut() {
     if (group.to > group.from) groups.push_back(group);
   }
   if (int rc = writer.flush(); rc < 0) return rc;
+  // A full pool shows itself only when the data is written back.
+  if (fsync(file.get()) != 0) return -errno;
   file.reset();
   group_most_ = std::max(group_most_, std::min(2 * group_most_, kMostGroup));
   if (!own.empty()) alone_ = true;

@@ -188,7 +188,11 @@ void TreeComparison::work() {
       ++visited_;
       lock.unlock();
       try {
-        rc = folder.path.empty() ? 0 : openThen(folder.path, &folder.then);
+        // The place of a directory that lies deeper than a path can tell is not known here.
+        const bool lost = folder.path.empty() && folder.kind != Folder::kNew && !folder.then;
+        rc = lost                  ? -ENAMETOOLONG
+             : folder.path.empty() ? 0
+                                   : openThen(folder.path, folder.ino, &folder.then);
         if (rc == 0) rc = visit(folder);
       } catch (const std::bad_alloc &) {
         rc = -ENOMEM;
@@ -203,7 +207,7 @@ void TreeComparison::work() {
 }
 
 // Looks a directory of the snapshot up by its path, and keeps the places on the way.
-int TreeComparison::openThen(const std::string &path, InodeRef *dir) {
+int TreeComparison::openThen(const std::string &path, uint64_t ino, InodeRef *dir) {
   InodeRef at = snapshot_.inode.another();
   uint64_t parent = snapshot_.ino;
   for (size_t begin = 0; begin < path.size();) {
@@ -218,6 +222,7 @@ int TreeComparison::openThen(const std::string &path, InodeRef *dir) {
     at = std::move(next);
     begin = end + 1;
   }
+  if (parent != ino) return -EBADMSG;  // the path is not whole
   *dir = std::move(at);
   return 0;
 }

@@ -92,7 +92,7 @@ class TreeComparison {
   void recordFiles();
   int settleTwins();
   void climb();
-  int openThen(const std::string &path, InodeRef *dir);
+  int openThen(const std::string &path, uint64_t ino, InodeRef *dir);
 
   // In shared_compare.cpp.
   int shareOut();

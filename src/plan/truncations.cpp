@@ -9,8 +9,10 @@
 #include "object/name_calls.h"
 #include "object/paths.h"
 #include "plan/walk_failure.h"
+#include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
+#include "run/work_dir.h"
 
 namespace {
 
@@ -19,6 +21,8 @@ enum TruncationStep : int {
   kTruncate = 14,
   kClearFlags = 141,  // the flags that forbid the truncation
 };
+
+constexpr size_t kMost = 4096;  // steps that wait or have failed
 
 Truncations *only = nullptr;
 
@@ -45,7 +49,7 @@ Truncations::~Truncations() {
   if (fileset_ != nullptr) kest_free_fssnaphandle(fileset_);
 }
 
-void Truncations::add(Step step) {
+bool Truncations::add(Step step) {
   step.path = resolveOwnLinks(step.path);
   const std::lock_guard lock(mutex_);
   if (!thread_.joinable()) {
@@ -66,27 +70,37 @@ void Truncations::add(Step step) {
   } else {
     failed_.push_back(std::move(step));
   }
+  failed_.reserve(failed_.size() + waiting_.size() + 1);
+  return waiting_.size() + failed_.size() < kMost;
+}
+
+// Opens the fileset as this process holds it, whatever has its name by now.
+int Truncations::openFileset() {
+  fileset_ =
+      kest_get_fset_snaphandle_by_name(settings.deviceP.c_str(), settings.filesetP.c_str(), nullptr);
+  kest_snapid_t here = 0, main = 0;
+  if (fileset_ == nullptr || kest_get_fssnapid_from_fssnaphandle(fileset_, &here) != 0 ||
+      kest_get_fssnapid_from_fssnaphandle(handles.activeFsP, &main) != 0)
+    return -1;
+  return here == main ? kest_anchor(fileset_, settings.shareDir.c_str(), workDirectoryDescriptor())
+                      : -1;
 }
 
 void Truncations::work() {
-  fileset_ =
-      kest_get_fset_snaphandle_by_name(settings.deviceP.c_str(), settings.filesetP.c_str(), nullptr);
+  const bool good = openFileset() == 0;
   std::unique_lock lock(mutex_);
   for (;;) {
     changed_.wait(lock, [this] { return ending_ || !waiting_.empty(); });
-    if (waiting_.empty()) return;
-    std::deque<Step> steps = std::exchange(waiting_, {});
+    if (ending_) return;
+    Step step = std::move(waiting_.front());
+    waiting_.pop_front();
     working_ = true;
     lock.unlock();
-    std::vector<Step> failed;
-    for (Step &step : steps) {
-      if (fileset_ != nullptr && kest_truncate(fileset_, step.path.c_str(), step.size, step.ino) == 0)
-        continue;
-      step.err = fileset_ != nullptr ? errno : 0;
-      failed.push_back(std::move(step));
-    }
+    const bool done = good && kest_truncate(fileset_, step.path.c_str(), step.size, step.ino) == 0;
+    step.err = done || !good ? 0 : errno;
     lock.lock();
-    for (Step &step : failed) failed_.push_back(std::move(step));
+    // There is room: add() has reserved it.
+    if (!done) failed_.push_back(std::move(step));
     working_ = false;
     changed_.notify_all();
   }
@@ -100,8 +114,10 @@ Result Truncations::settle() {
     refused = std::exchange(failed_, {});
   }
   for (const Step &step : refused) {
-    const bool flags = step.err == EPERM || step.err == EROFS;
-    if (const Result r = flags || step.err == 0 ? truncateNow(step) : failed(kTruncate, step.err); !r) {
+    // A flag forbade it, or the path has to be resolved anew.
+    const bool again = step.err == EPERM || step.err == EROFS || step.err == ENOENT ||
+                       step.err == ESTALE || step.err == ELOOP || step.err == EXDEV;
+    if (const Result r = again || step.err == 0 ? truncateNow(step) : failed(kTruncate, step.err); !r) {
       traceLog("cannot truncate file %s to %ld, rc %d, code %d, error %d\n", step.path.c_str(),
                step.size, r.rc, r.code, r.err);
       return failedAt(step.path, r);
@@ -112,8 +128,7 @@ Result Truncations::settle() {
 
 Result truncateListed(const Truncations::Step &step) {
   if (only == nullptr) return truncateNow(step);
-  only->add(step);
-  return {};
+  return only->add(step) ? Result{} : only->settle();
 }
 
 Result settleTruncations() {

@@ -26,14 +26,16 @@ class Truncations {
     int64_t size = 0;  // bytes that the file gets
     int err = 0;       // errno of a failed attempt
   };
-  // Hands a step to the thread.
-  void add(Step step);
+  // Hands a step to the thread. Returns false if so many wait or have failed that settle() has to be
+  // called. Steps that wait when the object ends are not done.
+  bool add(Step step);
   // Waits until every step is done. Repeats in this thread those that a flag has forbidden, and clears
-  // the flag. Call it before a path of a file can change and at the end of the walk.
-  // rc and code of a failure are those of truncateListed.
+  // the flag, and those whose path has changed. Call it before a path of a file can change and at the
+  // end of the walk. rc and code of a failure are those of truncateListed.
   Result settle();
 
  private:
+  int openFileset();
   void work();
 
   std::mutex mutex_;

@@ -95,8 +95,9 @@ Result runWithRetries(const EngineRun &run) {
     if (getFatalError() != 0 || status == ENOSPC || retries == kMaxRetries)
       return {status, kRunEngine, 0};
     // A killed engine has left its parts on the other nodes. They would work beside those of the retry.
+    // (The marker is that of the master's engine; nested runs stay on their node.)
     struct stat marker;
-    if (statWorkFile(workPath(kNodeRun), &marker)) {
+    if (settings.isMaster() && statWorkFile(workPath(kNodeRun), &marker)) {
       awaitDeadNodes();
       (void)unlinkWorkFile(workPath(kNodeRun));
     }

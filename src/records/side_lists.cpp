@@ -111,7 +111,11 @@ Result gatherNodeLists(const std::string &name) {
       ListRecord record;
       const Result r = records.next(&record, &end);
       // The last records of a lost node may be torn. The nodes that did its work again have them, too.
-      if (r.err == EINVAL && nodes_lost) break;
+      if (r.err == EINVAL && nodes_lost) {
+        traceLog("gatherNodeLists: %s ends in the middle of a record, %s\n", path.c_str(),
+                 records.problem().c_str());
+        break;
+      }
       if (!r) return r;
       if (end) break;
       if (Result written = list->append(record.whole); !written) return written;

@@ -74,7 +74,7 @@ PlainCommand parsePlain(std::string_view text) {
 Result startPlain(const PlainCommand &plain, ProcessStart like, pid_t *pid) {
   if (plain.words.empty() || !plain.words[0].starts_with('/')) return errnoResult(ENOEXEC);
   UniqueFd null;
-  if (plain.discard && like.standard_output < 0) {
+  if (plain.discard) {
     null.reset(open("/dev/null", O_WRONLY | O_CLOEXEC));
     if (!null) return failedErrno(0);
     like.standard_output = null.get();

@@ -19,7 +19,8 @@ Result checkCommand(const std::string &command, size_t limit = kCommandMax);
 // process. -1 ends that.
 void inheritInCommands(int fd);
 
-// Runs "sh -c command", or without a shell where the command needs none, with no signal blocked and waits for it. `status` receives the exit code, or 128
+// Runs "sh -c command", or without a shell where the command needs none, with no signal blocked and
+// waits for it. `status` receives the exit code, or 128
 // + the signal that killed the shell. A failure means that the command could not be started or waited
 // for; its rc is the errno, and EINTR means that a stop signal ends the run.
 //

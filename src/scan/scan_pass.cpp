@@ -47,9 +47,11 @@ void setRange() {
   }
 }
 
-void tellPassedOver() {
+Result tellPassedOver() {
   const int64_t count = kest_passed_over(handles.iscanP);
+  if (count < 0) return failedErrno(0);
   if (count > 0) userMessage(Message::kPassedOver, count);
+  return {};
 }
 
 }  // namespace
@@ -67,7 +69,7 @@ Result scanPass() {
     if (attr == nullptr) {
       scan.finalPass = true;
       userMessage(Message::kScanComplete, formatTimeStamp(), settings.pass, scan.maxIno);
-      tellPassedOver();
+      if (Result r = tellPassedOver(); !r) return r;
       break;
     }
     const uint64_t ino = attr->ia_inode;

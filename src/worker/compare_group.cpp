@@ -5,6 +5,7 @@
 
 #include "base/unique_fd.h"
 #include "formats/work_names.h"
+#include "run/node.h"
 #include "run/run_handles.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
@@ -29,7 +30,7 @@ Result writePart(const Record &record, const std::string &path) {
 
 Result compareGroup(const Record &record) {
   const std::string part = scanPartName(record.path, record.ino);
-  const std::string unfinished = unfinishedPartName(part, hostName(), static_cast<int32_t>(getpid()));
+  const std::string unfinished = unfinishedPartName(part, hostName(), callerNumber());
   Result r = writePart(record, unfinished);
   if (r) r = renameWorkFile(unfinished, part);
   if (!r) (void)unlinkWorkFile(unfinished);

@@ -9,6 +9,7 @@
 
 #include "run/run_handles.h"
 #include "run/settings.h"
+#include "run/stop_signal.h"
 #include "run/trace_log.h"
 
 namespace {
@@ -39,6 +40,7 @@ Result writeHole(kest_ifile_t *to, int64_t offset, int64_t length) {
 // Copies a range of data, one transfer unit at a time.
 Result copyBlocks(kest_ifile_t *from, kest_ifile_t *to, char *buffer, int64_t offset, int64_t length) {
   while (length > 0) {
+    if (stopSignal() != 0) return failedErrno(kRead, EINTR);
     int64_t position = offset;
     int hole = 0;
     errno = 0;

@@ -151,12 +151,13 @@ class Checkpoint {
   Result flush() {
     if (waiting_.empty()) return {};
     const int64_t begun = nanoseconds();
-    if (Result r = called(kest_settle(handles.activeFsP)); !r) {
+    Result r = called(kest_settle(handles.activeFsP));
+    if (r) r = syncSideLists();
+    if (!r) {
       reportFailure(last_, r.err);
       waiting_.clear();
       return r;
     }
-    if (Result r = syncSideLists(); !r) return r;
     const Result written = writeAll(fd_.get(), waiting_);
     waiting_.clear();
     last_write_ = nanoseconds();

@@ -26,6 +26,10 @@ int kest_idifference(kest_iscan_t *, uint64_t) {
   return 0;
 }
 
+int64_t kest_passed_over(kest_iscan_t *) {
+  return 0;
+}
+
 kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *, uint64_t, int, const void *, const char *) {
   errno = openError;
   return nullptr;
