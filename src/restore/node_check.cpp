@@ -34,8 +34,7 @@ constexpr char kAnswer[] = "fsetrestore " FSETRESTORE_VERSION;
 // Returns true if the list of nodes can only mean this machine.
 bool namesThisMachineAlone() {
   std::string foreign;
-  return nodesAreLocal(settings.nodeSpec, &foreign) && access(kNodesFile, F_OK) != 0 &&
-         errno == ENOENT;
+  return nodesAreLocal(settings.nodeSpec, &foreign) && access(kNodesFile, F_OK) != 0 && errno == ENOENT;
 }
 
 // Writes a number into the work directory that no other directory has.

@@ -152,7 +152,6 @@ void dumpErrorLog() {
   Dir dir;
   if (!openWorkList(settings.shareDir, &dir)) return;
   for (const dirent *entry = nullptr; nextEntry(dir, &entry) && entry != nullptr;)
-    if (isNodeFile(entry->d_name, kErrorLog) &&
-        openWorkFile(workPath(entry->d_name), O_RDONLY, &fd))
+    if (isNodeFile(entry->d_name, kErrorLog) && openWorkFile(workPath(entry->d_name), O_RDONLY, &fd))
       printFile(fd);
 }
