@@ -24,8 +24,7 @@ bool spansNodes(const std::string &device);
 // Resolves the argument of -N: names divided by commas, "all" for those in kNodesFile, or for this
 // machine if there is no such file or if no other node can see `device`. Names that mean this machine
 // count once. Returns false and *problem for a name that is no name of a node, for an unreadable file,
-// for more than
-// kMostNodes, and for another node if no other can see `device`.
+// for more than kMostNodes, and for another node if no other can see `device`.
 bool resolveNodes(const std::string &list, const std::string &device, std::vector<Node> *nodes,
                   std::string *problem);
 

@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <cerrno>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -53,6 +54,7 @@ bool Truncations::add(Step step) {
   step.path = resolveOwnLinks(step.path);
   const std::lock_guard lock(mutex_);
   if (!thread_.joinable()) {
+    failed_.reserve(kMost + 1);  // the thread never allocates
     // The main thread is to get the signals.
     sigset_t all, before;
     sigfillset(&all);
@@ -70,7 +72,6 @@ bool Truncations::add(Step step) {
   } else {
     failed_.push_back(std::move(step));
   }
-  failed_.reserve(failed_.size() + waiting_.size() + 1);
   return waiting_.size() + failed_.size() < kMost;
 }
 
@@ -99,7 +100,6 @@ void Truncations::work() {
     const bool done = good && kest_truncate(fileset_, step.path.c_str(), step.size, step.ino) == 0;
     step.err = done || !good ? 0 : errno;
     lock.lock();
-    // There is room: add() has reserved it.
     if (!done) failed_.push_back(std::move(step));
     working_ = false;
     changed_.notify_all();
@@ -111,7 +111,8 @@ Result Truncations::settle() {
   {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return waiting_.empty() && !working_; });
-    refused = std::exchange(failed_, {});
+    refused.assign(std::make_move_iterator(failed_.begin()), std::make_move_iterator(failed_.end()));
+    failed_.clear();
   }
   for (const Step &step : refused) {
     // A flag forbade it, or the path has to be resolved anew.

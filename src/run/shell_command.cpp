@@ -37,8 +37,6 @@ bool adoptOrphans() {
   return adopts;
 }
 
-constexpr char kShell[] = "/bin/sh";
-
 // A command that needs no shell: words that mean themselves, after "exec"; the output can be discarded.
 struct PlainCommand {
   std::vector<std::string> words;  // empty: it is no such command
@@ -94,7 +92,7 @@ Result startShell(const std::string &command, int output, pid_t *pid) {
   std::string sh = "sh", option = "-c", text = command;
   char *const arguments[] = {sh.data(), option.data(), text.data(), nullptr};
   ProcessStart start{arguments, environ};
-  start.path = kShell;
+  start.path = "/bin/sh";
   start.standard_output = output;
   start.inherited = inherited;
   start.default_signals = true;

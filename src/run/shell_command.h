@@ -20,9 +20,9 @@ Result checkCommand(const std::string &command, size_t limit = kCommandMax);
 void inheritInCommands(int fd);
 
 // Runs "sh -c command", or without a shell where the command needs none, with no signal blocked and
-// waits for it. `status` receives the exit code, or 128
-// + the signal that killed the shell. A failure means that the command could not be started or waited
-// for; its rc is the errno, and EINTR means that a stop signal ends the run.
+// waits for it. `status` receives the exit code, or 128 + the signal that killed the shell. A failure
+// means that the command could not be started or waited for; its rc is the errno, and EINTR means that
+// a stop signal ends the run.
 //
 // The shell is killed when this process dies; begin a command of one program with exec, so that the
 // program takes the shell's place. If the shell itself is killed, this waits for the processes that it
