@@ -291,7 +291,7 @@ class CephFaults : public CephRestore {
           return true;
       return false;
     };
-    return waitUntil([&] { return run.ended() || begun(); }, 60) && !run.ended();
+    return waitUntil([&] { return run.ended() || begun(); }, kSeconds) && !run.ended();
   }
   int end(Running &run) {
     EXPECT_TRUE(waitUntil([&] { return run.ended(); }, kSeconds)) << run.said();
