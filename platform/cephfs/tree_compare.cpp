@@ -142,8 +142,9 @@ int TreeComparison::compute() {
   if (rc < 0) return rc;
   recordFiles();
   difference_->setInodes(found_.finish());
-  rc = settleTwins();
-  climb();
+  const SortedPairs leads = leads_.finish();
+  rc = settleTwins(leads);
+  climb(leads);
   return rc;
 }
 
@@ -372,11 +373,36 @@ void TreeComparison::recordFiles() {
   }
 }
 
+// A file of both trees may have some of its names in a directory that was made again, and others in
+// directories of both trees, through which leads go to it. The search has met only the first.
+int TreeComparison::meetSharedNames(const SortedPairs &leads, TwinSearch *search) {
+  const std::unordered_set<uint64_t> inodes = search->namedElsewhere();
+  if (inodes.empty()) return 0;
+  uint64_t met = 0;
+  NumberPair lead;
+  for (SortedPairs::Cursor cursor = leads.begin(); cursor.next(&lead);) {
+    if (lead.first == met || !inodes.contains(lead.second)) continue;
+    met = lead.first;
+    std::vector<DirEntry> listed;
+    const std::vector<DirEntry> *names = names_->whole() ? names_->of(met) : nullptr;
+    if (names == nullptr) {
+      std::vector<CephEntry> entries;
+      if (int rc = listActive(met, &entries); rc < 0) return rc;
+      for (const CephEntry &one : entries) listed.push_back(toEntry(one));
+      names = &listed;
+    }
+    if (int rc = search->meetNames(met, *names, inodes); rc < 0) return rc;
+  }
+  return 0;
+}
+
 // Takes twins, and what differs by them alone, out of the difference.
-int TreeComparison::settleTwins() {
+int TreeComparison::settleTwins(const SortedPairs &leads) {
   if (candidates_.empty()) return 0;
   TwinSearch search(active_, snapshot_, *difference_);
   if (int rc = search.search(candidates_); rc < 0) return rc;
+  if (int rc = meetSharedNames(leads, &search); rc < 0) return rc;
+  search.conclude();
   PairSorter left, twins;
   for (DiffInode one = difference_->firstFrom(0); one.ino != 0;
        one = difference_->firstFrom(one.ino + 1)) {
@@ -398,9 +424,8 @@ int TreeComparison::settleTwins() {
 
 // Keeps the leads to inodes of the difference, adds those to its directories, and goes on up to the
 // root.
-void TreeComparison::climb() {
+void TreeComparison::climb(const SortedPairs &files) {
   const SortedPairs parents = parents_.finish();
-  const SortedPairs files = leads_.finish();
   PairSorter all;
   std::vector<uint64_t> step;
   std::unordered_set<uint64_t> climbed;

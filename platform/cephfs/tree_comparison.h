@@ -90,8 +90,9 @@ class TreeComparison {
   void addCandidates(uint64_t dir, std::vector<TwinCandidate> candidates, const Changed &changed);
   void recordFolder(uint64_t ino, unsigned state);
   void recordFiles();
-  int settleTwins();
-  void climb();
+  int settleTwins(const SortedPairs &leads);
+  int meetSharedNames(const SortedPairs &leads, TwinSearch *search);
+  void climb(const SortedPairs &files);
   int openThen(const std::string &path, uint64_t ino, InodeRef *dir);
 
   // In shared_compare.cpp.

@@ -36,8 +36,8 @@ size_t TwinSearch::groupOf(size_t node) {
   return node;
 }
 
-// Takes up what the two directories have as `name`. *node is kNone where one of them has nothing any
-// more.
+// Takes up what the two directories have as `name`, without counting the name. *node is kNone where one
+// of them has nothing any more.
 int TwinSearch::add(size_t parent, const InodeRef &dir_now, const InodeRef &dir_then,
                     const std::string &name, size_t *node) {
   InodeRef now, then;
@@ -50,40 +50,39 @@ int TwinSearch::add(size_t parent, const InodeRef &dir_now, const InodeRef &dir_
       index_.emplace(std::make_pair(st_now.stx_ino, st_then.stx_ino), nodes_.size());
   *node = found->second;
   if (fresh) nodes_.push_back({st_now.stx_ino, st_then.stx_ino, *node});
-  ++nodes_[*node].met;
   if (parent != kNone) nodes_[groupOf(*node)].group = groupOf(parent);
   if (!fresh) return 0;
-  rc = judge(&nodes_[*node], now, st_now, then, st_then);
-  if (rc == 0 && nodes_[*node].valid && S_ISDIR(st_now.stx_mode) && st_now.stx_ino != st_then.stx_ino)
+  rc = judge(*node, now, st_now, then, st_then);
+  if (rc < 0 || !nodes_[*node].valid || !S_ISDIR(st_now.stx_mode)) return rc;
+  if (st_now.stx_ino != st_then.stx_ino) {
     folders_.push_back({*node, std::move(now), std::move(then)});
-  return rc;
+    return 0;
+  }
+  rc = unchangedBelow(*node, std::move(now), std::move(then));
+  nodes_[*node].valid = rc > 0;
+  return std::min(rc, 0);
 }
 
-// The names apart, which conclude() counts, and what is below a directory of two numbers.
-int TwinSearch::judge(Node *node, const InodeRef &now, const CephStat &st_now, const InodeRef &then,
+// The names apart, which conclude() counts, and what is below a directory.
+int TwinSearch::judge(size_t node, const InodeRef &now, const CephStat &st_now, const InodeRef &then,
                       const CephStat &st_then) {
-  node->valid = false;
+  Node &own = nodes_[node];
+  own.valid = false;
   if (!sameTraits(st_now, st_then)) return 0;
-  const bool directory = S_ISDIR(st_now.stx_mode);
-  node->links = directory ? 1 : st_now.stx_nlink;
-  if (node->now != node->then) {
-    const DiffInode a = difference_.find(node->now), b = difference_.find(node->then);
+  own.links = S_ISDIR(st_now.stx_mode) ? 1 : st_now.stx_nlink;
+  if (own.now != own.then) {
+    const DiffInode a = difference_.find(own.now), b = difference_.find(own.then);
     if (!a.alive() || a.inSnapshot() || b.alive() || !b.inSnapshot()) return 0;
     // No inode has two twins.
-    const auto own = static_cast<size_t>(node - nodes_.data());
-    const auto [one, alone] = of_now_.emplace(node->now, own);
-    const auto [other, also_alone] = of_then_.emplace(node->then, own);
+    const auto [one, alone] = of_now_.emplace(own.now, node);
+    const auto [other, also_alone] = of_then_.emplace(own.then, node);
     if (!alone || !also_alone) {
-      nodes_[one->second].valid = nodes_[other->second].valid = node->valid = false;
+      nodes_[one->second].valid = nodes_[other->second].valid = own.valid = false;
       return 0;
     }
-  } else if (node->links > 1) {
-    return 0;  // some of its names may lie elsewhere
   }
-  int rc = sameContents(active_, snapshot_, now, st_now, then, st_then);
-  if (rc > 0 && directory && node->now == node->then)
-    rc = unchangedBelow(now.another(), then.another());
-  node->valid = rc > 0;
+  const int rc = sameContents(active_, snapshot_, now, st_now, then, st_then);
+  own.valid = rc > 0;
   return std::min(rc, 0);
 }
 
@@ -106,13 +105,18 @@ int TwinSearch::listPair(const Pair &pair) {
   for (const CephEntry &one : now) {
     size_t node;
     if (int added = add(pair.node, pair.now, pair.then, one.name, &node); added < 0) return added;
-    if (node == kNone) nodes_[pair.node].valid = false;
+    if (node == kNone)
+      nodes_[pair.node].valid = false;
+    else
+      ++nodes_[node].met;
   }
   return 0;
 }
 
-// Whether a directory of both trees is equal down to the last file. 1, 0 or -errno.
-int TwinSearch::unchangedBelow(InodeRef top_now, InodeRef top_then) {
+// Whether a directory of both trees is equal down to the last file. What may be equal only because of
+// other twins is taken up: a name with two numbers, which is a candidate itself, and a file of the
+// difference, which may have other names in directories that were made again. 1, 0 or -errno.
+int TwinSearch::unchangedBelow(size_t top, InodeRef top_now, InodeRef top_then) {
   std::vector<std::pair<InodeRef, InodeRef>> open;
   open.emplace_back(std::move(top_now), std::move(top_then));
   while (!open.empty()) {
@@ -126,17 +130,28 @@ int TwinSearch::unchangedBelow(InodeRef top_now, InodeRef top_then) {
     sortByName(&then);
     if (now.size() != then.size()) return 0;
     for (size_t i = 0; i < now.size(); ++i) {
-      const uint64_t ino = now[i].st.stx_ino;
-      if (now[i].name != then[i].name || ino != then[i].st.stx_ino || difference_.find(ino).state != 0)
-        return 0;
-      if (now[i].dir) open.emplace_back(std::move(now[i].dir), std::move(then[i].dir));
+      CephEntry &here = now[i], &there = then[i];
+      const bool one_number = here.st.stx_ino == there.st.stx_ino;
+      if (here.name != there.name) return 0;
+      if (!one_number || difference_.find(here.st.stx_ino).state != 0) {
+        if (!sameTraits(here.st, there.st)) return 0;
+        if (one_number && here.dir && there.dir) {
+          rc = sameContents(active_, snapshot_, here.dir, here.st, there.dir, there.st);
+          if (rc <= 0) return rc;
+        } else {
+          size_t node;
+          rc = add(top, dir_now, dir_then, here.name, &node);
+          if (rc < 0) return rc;
+          if (node == kNone) return 0;
+        }
+      }
+      if (one_number && here.dir) open.emplace_back(std::move(here.dir), std::move(there.dir));
     }
   }
   return 1;
 }
 
 int TwinSearch::search(const std::vector<TwinCandidate> &candidates) {
-  std::vector<std::pair<uint64_t, size_t>> tops;
   for (const TwinCandidate &one : candidates) {
     InodeRef now, then;
     CephStat st;
@@ -145,18 +160,51 @@ int TwinSearch::search(const std::vector<TwinCandidate> &candidates) {
     size_t node = kNone;
     if (rc == 0) rc = add(kNone, now, then, one.name, &node);
     if (rc < 0 && !isGone(rc)) return rc;
-    if (node != kNone) tops.emplace_back(one.dir, node);
+    if (node != kNone) {
+      ++nodes_[node].met;
+      tops_.emplace_back(one.dir, node);
+    }
     while (!folders_.empty()) {
       const Pair pair = std::move(folders_.back());
       folders_.pop_back();
       if (int listed = listPair(pair); listed < 0) return listed;
     }
   }
-  conclude(tops);
   return 0;
 }
 
-void TwinSearch::conclude(const std::vector<std::pair<uint64_t, size_t>> &tops) {
+std::unordered_set<uint64_t> TwinSearch::namedElsewhere() const {
+  std::unordered_set<uint64_t> inodes;
+  for (const Node &node : nodes_)
+    if (node.valid && node.now == node.then && node.met < node.links) inodes.insert(node.now);
+  return inodes;
+}
+
+int TwinSearch::meetNames(uint64_t dir, const std::vector<DirEntry> &names,
+                          const std::unordered_set<uint64_t> &inodes) {
+  const DiffInode own = difference_.find(dir);
+  if (own.state != 0 && !own.inSnapshot()) return 0;
+  InodeRef now, then;
+  CephStat st;
+  int rc = active_.client->byNumber(dir, kActive, &now, &st);
+  if (rc == 0) rc = findInSnapshot(snapshot_, dir, &then, &st);
+  if (rc < 0) return isGone(rc) ? 0 : rc;
+  for (const DirEntry &one : names) {
+    if (!inodes.contains(one.target)) continue;
+    InodeRef inode;
+    for (const auto &[tree, parent] :
+         {std::make_pair(&active_, &now), std::make_pair(&snapshot_, &then)}) {
+      if (rc == 0) rc = tree->client->lookUp(*parent, one.name, &inode, &st);
+      if (rc == 0 && st.stx_ino != one.target) rc = -ENOENT;
+    }
+    if (rc < 0 && !isGone(rc)) return rc;
+    if (rc == 0) ++nodes_[index_.at({one.target, one.target})].met;
+    rc = 0;
+  }
+  return 0;
+}
+
+void TwinSearch::conclude() {
   std::unordered_set<size_t> refused;
   for (size_t i = 0; i < nodes_.size(); ++i)
     if (!nodes_[i].valid || nodes_[i].met != nodes_[i].links) refused.insert(groupOf(i));
@@ -165,7 +213,7 @@ void TwinSearch::conclude(const std::vector<std::pair<uint64_t, size_t>> &tops) 
     settled_.insert({nodes_[i].now, nodes_[i].then});
     if (nodes_[i].now != nodes_[i].then) twins_.emplace_back(nodes_[i].then, nodes_[i].now);
   }
-  for (const auto &[dir, node] : tops)
+  for (const auto &[dir, node] : tops_)
     if (!refused.contains(groupOf(node))) ++names_[dir];
 }
 

@@ -12,6 +12,7 @@
 
 #include "cephfs/tree_root.h"
 #include "diff/difference_set.h"
+#include "diff/entry_pairs.h"
 
 namespace kest {
 
@@ -34,6 +35,15 @@ class TwinSearch {
       : active_(active), snapshot_(snapshot), difference_(difference) {}
 
   int search(const std::vector<TwinCandidate> &candidates);  // 0 or -errno
+  // After search(): the inodes of both trees that have names outside of the directories that may be
+  // twins.
+  std::unordered_set<uint64_t> namedElsewhere() const;
+  // Counts the names that `inodes` have in the active directory `dir`, where they mean the same inodes
+  // in the snapshot. `names`: entries of `dir`, in any order; entries of other inodes are left out.
+  // 0 or -errno.
+  int meetNames(uint64_t dir, const std::vector<DirEntry> &names,
+                const std::unordered_set<uint64_t> &inodes);
+  void conclude();  // decides; the results below are empty before
 
   // Number in the snapshot and number in the fileset.
   const std::vector<std::pair<uint64_t, uint64_t>> &twins() const { return twins_; }
@@ -58,18 +68,18 @@ class TwinSearch {
   size_t groupOf(size_t node);
   int add(size_t parent, const InodeRef &dir_now, const InodeRef &dir_then, const std::string &name,
           size_t *node);
-  int judge(Node *node, const InodeRef &now, const CephStat &st_now, const InodeRef &then,
+  int judge(size_t node, const InodeRef &now, const CephStat &st_now, const InodeRef &then,
             const CephStat &st_then);
   int listPair(const Pair &pair);
-  int unchangedBelow(InodeRef now, InodeRef then);
-  void conclude(const std::vector<std::pair<uint64_t, size_t>> &tops);
+  int unchangedBelow(size_t top, InodeRef now, InodeRef then);
 
   const CephRoot &active_, &snapshot_;
   const DifferenceSet &difference_;
   std::vector<Node> nodes_;
   std::map<std::pair<uint64_t, uint64_t>, size_t> index_;
   std::unordered_map<uint64_t, size_t> of_now_, of_then_;
-  std::vector<Pair> folders_;  // directories that are still to be listed
+  std::vector<Pair> folders_;                      // directories that are still to be listed
+  std::vector<std::pair<uint64_t, size_t>> tops_;  // directory of a candidate, its node
   std::vector<std::pair<uint64_t, uint64_t>> twins_;
   std::unordered_set<uint64_t> settled_;
   std::unordered_map<uint64_t, size_t> names_;
