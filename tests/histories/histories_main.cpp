@@ -121,6 +121,8 @@ int runSeeds(Runner &runner, const Settings &settings, const Campaign &campaign)
          settings.profile.c_str(), static_cast<unsigned long long>(campaign.seed),
          static_cast<unsigned long long>(done - failures), static_cast<unsigned long long>(failures),
          elapsed() - start);
+  if (runner.mountedAgain() > 0)
+    printf("trees looked at again through a new mount: %u\n", runner.mountedAgain());
   if (settings.loseWorkers) printf("workers lost: %u\n", runner.workersLost());
   if (failures > 0) printf("failed seeds:%s\n", failed.c_str());
   const bool idle = settings.loseWorkers && runner.workersLost() == 0;

@@ -162,6 +162,7 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
   if (!settings_.passes.empty())
     options.environment.emplace_back("DIFF_ITEM_LIMIT", std::to_string(random.pick(settings_.passes)));
 
+  if (settings_.compare) fs_->mountAgain();  // fsetcompare does not see through the mount
   TreePrint want = testsupport::fingerprint(snapshot_path);
   TreePrint before = testsupport::fingerprint(fs_->path(fileset));
   std::vector<std::string> problems;
@@ -195,12 +196,22 @@ std::vector<std::string> Runner::restoreAndJudge(uint64_t seed, const std::strin
   if (result.exitStatus != 0) problems.push_back("exit status: " + std::to_string(result.exitStatus));
   if (result.processesLeft)
     problems.push_back("processes left: " + std::to_string(result.processesLeft));
-  TreePrint after = testsupport::fingerprint(fs_->path(fileset));
+  TreePrint after = printRestored(fileset, want);
   add("", compare(want, after));
   crossCheck("afterwards, ", after);
   add("", remadeOrTouched(want, before, after, !settings_.killBefore && !settings_.loseWorkers));
   add("snapshot changed: ", compare(want, testsupport::fingerprint(snapshot_path)));
   return problems.empty() ? judgeAgain(fileset, options, want, outcome) : problems;
+}
+
+// A mount of a CephFS may lose sight of names of a file with several, for good, after its own changes
+// (docs/platform.md). So a tree that looks wrong is looked at again through a mount that has no past.
+TreePrint Runner::printRestored(const std::string &fileset, const TreePrint &want) {
+  TreePrint print = testsupport::fingerprint(fs_->path(fileset));
+  if (!TestFileSystem::onCephFs() || compare(want, print).empty()) return print;
+  fs_->mountAgain();
+  ++mountedAgain_;
+  return testsupport::fingerprint(fs_->path(fileset));
 }
 
 // A second restore must find nothing to do, whatever the first made again.
@@ -209,7 +220,7 @@ std::vector<std::string> Runner::judgeAgain(const std::string &fileset, const Ru
   const std::string snapshot = fs_->snapshotName(fileset, kSnapshot);
   const TreePrint before = testsupport::fingerprint(fs_->path(fileset));
   const RunResult result = testsupport::runRestore(fs_->mountPoint(), fileset, snapshot, {}, options);
-  const TreePrint after = testsupport::fingerprint(fs_->path(fileset));
+  const TreePrint after = printRestored(fileset, want);
   std::vector<std::string> problems = compare(want, after);
   const std::vector<std::string> touched = exchangedOrChanged(before, after);
   problems.insert(problems.end(), touched.begin(), touched.end());

@@ -32,9 +32,10 @@ struct Outcome {
 class Runner {
  public:
   explicit Runner(const Settings &settings);
-  Outcome generate(uint64_t seed);                        // a random history of the profile
-  Outcome replay(const History &history, uint64_t seed);  // the seed decides everything else
-  unsigned workersLost() const { return workersLost_; }   // in all runs so far
+  Outcome generate(uint64_t seed);                         // a random history of the profile
+  Outcome replay(const History &history, uint64_t seed);   // the seed decides everything else
+  unsigned workersLost() const { return workersLost_; }    // in all runs so far
+  unsigned mountedAgain() const { return mountedAgain_; }  // because a tree looked wrong
   // Leaves out operations to find a small history that fails in one of the ways of `failed`.
   Outcome shrink(const Outcome &failed, uint64_t seed);
 
@@ -45,13 +46,14 @@ class Runner {
   std::vector<std::string> judgeAgain(const std::string &fileset,
                                       const testsupport::RunOptions &options,
                                       const testsupport::TreePrint &want, Outcome *outcome);
+  testsupport::TreePrint printRestored(const std::string &fileset, const testsupport::TreePrint &want);
   bool failsAlike(const History &history, uint64_t seed, const std::vector<std::string> &problems,
                   Outcome *outcome);
   void freshFileSystem();
 
   Settings settings_;
   std::unique_ptr<testsupport::TestFileSystem> fs_;
-  unsigned runs_ = 0, workersLost_ = 0;
+  unsigned runs_ = 0, workersLost_ = 0, mountedAgain_ = 0;
 };
 
 }  // namespace histories

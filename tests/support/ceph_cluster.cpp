@@ -21,7 +21,16 @@ CephCluster::CephCluster(const std::string &name)
   const std::string conf = folder_ + "/ceph.conf";
   setenv("CEPH_CONF", conf.c_str(), 1);
   std::filesystem::create_directories(mountPoint_);
-  runCommand("ceph-fuse -c " + conf + " " + mountPoint_ + " > /dev/null 2>&1");
+  mount();
+}
+
+void CephCluster::mount() {
+  runCommand("ceph-fuse -c $CEPH_CONF --pid-file= " + mountPoint_ + " > /dev/null 2>&1");
+}
+
+void CephCluster::mountAgain() {
+  if (umount2(mountPoint_.c_str(), 0) != 0) failWithErrno("umount " + mountPoint_);
+  mount();
 }
 
 CephCluster::~CephCluster() {

@@ -18,6 +18,7 @@ class CephCluster : public TestFileSystem {
   CephCluster &operator=(const CephCluster &) = delete;
 
   const std::string &mountPoint() const override { return mountPoint_; }
+  void mountAgain() override;
   std::string path(const std::string &below) const override;
   std::string makeFileset(const std::string &below) override;
   void removeFileset(const std::string &below) override;
@@ -36,6 +37,8 @@ class CephCluster : public TestFileSystem {
   void restartMds();
 
  private:
+  void mount();
+
   std::string folder_, mountPoint_;
 };
 

@@ -24,6 +24,8 @@ class TestFileSystem {
   static unsigned features();
 
   virtual const std::string &mountPoint() const = 0;
+  // Mounts it anew, so that the mount knows only what the file system says now.
+  virtual void mountAgain() {}
   // Returns the path of an object, given its path below the top of the file system; "/" and "" are the
   // top.
   virtual std::string path(const std::string &below) const = 0;
