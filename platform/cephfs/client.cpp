@@ -1,9 +1,12 @@
 #include "cephfs/client.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <system_error>
 
 namespace kest {
 
@@ -23,12 +26,14 @@ struct Setting {
 };
 
 // Quotas are borders to a rename, and a restore has to cross them. A socket or log file of its own is
-// of no use to a process that lives for seconds. A client lets go of inodes at its ticks, and its end
-// waits for one: up to a second by default. 0 is a tick whenever it has nothing to do; that costs up to
-// 40 % of a processor. It pays for processes that live for seconds, as nearly all do: of those that
-// live longer the end is a small part.
+// of no use to a process that lives for seconds.
+//
+// A client lets go of inodes at its ticks, and its end waits for one: up to a second by default, which
+// is long for the many processes that live for less. An interval of 0 ticks without a pause. That takes
+// up to half a processor, and memory without a bound where the processors are busy, so it must end in
+// time even while a call waits for the servers.
 constexpr char kTick[] = "client_tick_interval";
-constexpr std::chrono::seconds kShortLife{10};
+constexpr std::chrono::seconds kFastTicks{1};
 constexpr Setting kSettings[] = {{"client_quota", "false"},
                                  {"client_acl_type", "posix_acl"},
                                  {kTick, "0"},
@@ -89,6 +94,7 @@ int CephClient::connect(const ClusterAccess &access) {
   if (rc == 0) rc = ceph_init(mount_);
   if (rc == 0 && !access.file_system.empty())
     rc = ceph_select_filesystem(mount_, access.file_system.c_str());
+  if (rc == 0) limitFastTicks();
   if (rc == 0) rc = ceph_mount(mount_, "/");
   if (rc < 0) return rc;
   mounted_ = true;
@@ -105,12 +111,34 @@ CephClient::~CephClient() {
   closeAll(std::move(written_));
   if (perms_ != nullptr) ceph_userperm_destroy(perms_);
   if (mounted_) ceph_unmount(mount_);
+  endLimit();
   if (mount_ != nullptr) ceph_release(mount_);
 }
 
-void CephClient::tickSlowlyInTheLongRun() {
-  if (!ticks_fast_ || std::chrono::steady_clock::now() - begun_ < kShortLife) return;
-  if (ticks_fast_.exchange(false)) ceph_conf_set(mount_, kTick, "1");
+void CephClient::limitFastTicks() {
+  // The main thread is to get the signals.
+  sigset_t all, before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  try {
+    slowing_ = std::thread([this] {
+      std::unique_lock lock(ending_mutex_);
+      if (!ending_changed_.wait_for(lock, kFastTicks, [this] { return ending_; }))
+        ceph_conf_set(mount_, kTick, "1");
+    });
+  } catch (const std::system_error &) {
+    ceph_conf_set(mount_, kTick, "1");
+  }
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void CephClient::endLimit() {
+  {
+    std::lock_guard lock(ending_mutex_);
+    ending_ = true;
+  }
+  ending_changed_.notify_all();
+  if (slowing_.joinable()) slowing_.join();
 }
 
 int CephClient::root(InodeRef *inode, CephStat *st) {
@@ -132,7 +160,6 @@ int CephClient::byNumber(uint64_t ino, uint64_t snapid, InodeRef *inode, CephSta
 }
 
 int CephClient::lookUp(const InodeRef &dir, const std::string &name, InodeRef *inode, CephStat *st) {
-  tickSlowlyInTheLongRun();
   ::Inode *found = nullptr;
   const int rc = ceph_ll_lookup(mount_, dir.get(), name.c_str(), &found, st, kAllAttributes,
                                 AT_SYMLINK_NOFOLLOW, perms_);
@@ -149,7 +176,6 @@ int CephClient::readStat(const InodeRef &inode, CephStat *st) {
 }
 
 int CephClient::list(const InodeRef &dir, std::vector<CephEntry> *entries, bool open_directories) {
-  tickSlowlyInTheLongRun();
   ceph_dir_result *stream = nullptr;
   entries->clear();
   CephStat own;
@@ -261,7 +287,6 @@ int CephClient::closeAll(std::vector<::Fh *> files) {
 }
 
 int CephClient::settle() {
-  tickSlowlyInTheLongRun();
   // Everything at once before the files are asked one by one.
   const int synced = ceph_sync_fs(mount_);
   if (synced < 0) {

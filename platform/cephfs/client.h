@@ -1,13 +1,13 @@
 // A client of a Ceph cluster: one session with the metadata servers and one with the object stores.
 #pragma once
 
-#include <atomic>
-#include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -116,12 +116,15 @@ class CephClient : public std::enable_shared_from_this<CephClient> {
   int connect(const ClusterAccess &access);
   int connectRados();
   int closeAll(std::vector<::Fh *> files);
-  void tickSlowlyInTheLongRun();
+  void limitFastTicks();
+  void endLimit();
 
   ceph_mount_info *mount_ = nullptr;
   bool mounted_ = false;
-  const std::chrono::steady_clock::time_point begun_ = std::chrono::steady_clock::now();
-  std::atomic<bool> ticks_fast_ = true;
+  std::thread slowing_;  // ends the fast ticks in time
+  std::mutex ending_mutex_;
+  std::condition_variable ending_changed_;
+  bool ending_ = false;
   UserPerm *perms_ = nullptr;
   ClusterAccess access_;
   std::string fsid_;
