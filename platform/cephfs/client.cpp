@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <system_error>
+#include <exception>
 
 namespace kest {
 
@@ -30,8 +30,8 @@ struct Setting {
 //
 // A client lets go of inodes at its ticks, and its end waits for one: up to a second by default, which
 // is long for the many processes that live for less. An interval of 0 ticks without a pause. That takes
-// up to half a processor, and memory without a bound where the processors are busy, so it must end in
-// time even while a call waits for the servers.
+// up to half a processor, and memory without a bound where the processors are busy, so a thread ends it
+// after kFastTicks, even while a call waits for the servers.
 constexpr char kTick[] = "client_tick_interval";
 constexpr std::chrono::seconds kFastTicks{1};
 constexpr Setting kSettings[] = {{"client_quota", "false"},
@@ -126,7 +126,7 @@ void CephClient::limitFastTicks() {
       if (!ending_changed_.wait_for(lock, kFastTicks, [this] { return ending_; }))
         ceph_conf_set(mount_, kTick, "1");
     });
-  } catch (const std::system_error &) {
+  } catch (const std::exception &) {  // no thread, or no memory for one
     ceph_conf_set(mount_, kTick, "1");
   }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);

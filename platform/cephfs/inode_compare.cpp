@@ -146,12 +146,14 @@ int readTarget(const InodeRef &link, std::string *target) {
 int sameWhole(const InodeRef &here, uint64_t ino_now, const InodeRef &there, uint64_t ino_then,
               uint64_t snapid, uint64_t size) {
   FileLayout layout;
-  if (int rc = readLayout(here, &layout); rc < 0) return rc;
+  int rc = readLayout(here, &layout);
+  if (rc == 0 && size > 0) rc = callInData(here);
+  if (rc < 0) return rc;
   std::vector<FileRange> data;
   for (uint64_t at = 0; at < size;) {
     uint64_t stop_now, stop_then;
     bool hole_now, hole_then;
-    int rc = stretchOfObjects(layout, here, ino_now, kActive, at, size, &stop_now, &hole_now);
+    rc = stretchOfObjects(layout, here, ino_now, kActive, at, size, &stop_now, &hole_now);
     if (rc == 0)
       rc = stretchOfObjects(layout, there, ino_then, snapid, at, size, &stop_then, &hole_then);
     if (rc < 0) return rc;

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <algorithm>
 #include <cerrno>
+#include <string>
+#include <unordered_set>
 
 #include "cephfs/inode_compare.h"
 #include "cephfs/names.h"
@@ -63,7 +65,8 @@ int TwinSearch::add(size_t parent, const InodeRef &dir_now, const InodeRef &dir_
   return std::min(rc, 0);
 }
 
-// The names apart, which conclude() counts, and what is below a directory.
+// Leaves out the names, which conclude() counts, and what is below a directory, which listPair() and
+// unchangedBelow() judge.
 int TwinSearch::judge(size_t node, const InodeRef &now, const CephStat &st_now, const InodeRef &then,
                       const CephStat &st_then) {
   Node &own = nodes_[node];
@@ -114,8 +117,9 @@ int TwinSearch::listPair(const Pair &pair) {
 }
 
 // Whether a directory of both trees is equal down to the last file. What may be equal only because of
-// other twins is taken up: a name with two numbers, which is a candidate itself, and a file of the
-// difference, which may have other names in directories that were made again. 1, 0 or -errno.
+// other twins is taken up: a name with two numbers, which counts only if it is a candidate itself, and
+// a file of the difference, which may have other names in directories that were made again. 1, 0 or
+// -errno.
 int TwinSearch::unchangedBelow(size_t top, InodeRef top_now, InodeRef top_then) {
   std::vector<std::pair<InodeRef, InodeRef>> open;
   open.emplace_back(std::move(top_now), std::move(top_then));
@@ -189,8 +193,9 @@ int TwinSearch::meetNames(uint64_t dir, const std::vector<DirEntry> &names,
   int rc = active_.client->byNumber(dir, kActive, &now, &st);
   if (rc == 0) rc = findInSnapshot(snapshot_, dir, &then, &st);
   if (rc < 0) return isGone(rc) ? 0 : rc;
+  std::unordered_set<std::string> met;  // a listing may repeat an entry while the directory changes
   for (const DirEntry &one : names) {
-    if (!inodes.contains(one.target)) continue;
+    if (!inodes.contains(one.target) || !met.insert(one.name).second) continue;
     InodeRef inode;
     for (const auto &[tree, parent] :
          {std::make_pair(&active_, &now), std::make_pair(&snapshot_, &then)}) {

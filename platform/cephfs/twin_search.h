@@ -35,8 +35,7 @@ class TwinSearch {
       : active_(active), snapshot_(snapshot), difference_(difference) {}
 
   int search(const std::vector<TwinCandidate> &candidates);  // 0 or -errno
-  // After search(): the inodes of both trees that have names outside of the directories that may be
-  // twins.
+  // After search(): the inodes of both trees of which not every name was met.
   std::unordered_set<uint64_t> namedElsewhere() const;
   // Counts the names that `inodes` have in the active directory `dir`, where they mean the same inodes
   // in the snapshot. `names`: entries of `dir`, in any order; entries of other inodes are left out.

@@ -102,6 +102,27 @@ TEST_F(Runs, NothingIsMadeAgainTwice) {
   EXPECT_EQ(joined(testsupport::exchangedOrChanged(before, after)), "");
 }
 
+// A file that survived has names in a directory that was made again, in one that survived below that,
+// and elsewhere.
+TEST_F(Runs, ASurvivorWithNamesInWhatWasMadeAgainIsLeftAlone) {
+  for (const char *dir : {"gone/kept/sub", "stays"}) tree().dirs(dir);
+  tree().file("stays/f", "text");
+  for (const char *name : {"gone/g", "gone/kept/k", "stays/h"}) tree().link("stays/f", name);
+  tree().file("gone/kept/sub/twin", "other");
+  takeSnapshot();
+  tree().rename("gone/kept", "kept");
+  tree().remove("kept/sub/twin");
+  tree().removeTree("gone");
+  expectRestored();
+  const testsupport::TreePrint before = fingerprint(root());
+  const RunResult again = restore();
+  EXPECT_NE(again.err.find("] 1 operations have been added"), std::string::npos) << again.describe();
+  EXPECT_EQ(joined(testsupport::exchangedOrChanged(before, fingerprint(root()))), "");
+  // The same directory, but one name stands elsewhere now.
+  tree().rename("stays/h", "stays/i");
+  expectRestored();
+}
+
 // One worker for a hundred changed files, and none for an empty list.
 TEST_F(Runs, NoMoreWorkersThanTheChangeNeeds) {
   for (int i = 0; i < 5; ++i) tree().dirs("d" + std::to_string(i));
