@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <exception>
+#include <stop_token>
 
 namespace kest {
 
@@ -111,7 +113,7 @@ CephClient::~CephClient() {
   closeAll(std::move(written_));
   if (perms_ != nullptr) ceph_userperm_destroy(perms_);
   if (mounted_) ceph_unmount(mount_);
-  endLimit();
+  slowing_ = {};  // also limits the ticks of the end
   if (mount_ != nullptr) ceph_release(mount_);
 }
 
@@ -121,24 +123,17 @@ void CephClient::limitFastTicks() {
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
   try {
-    slowing_ = std::thread([this] {
-      std::unique_lock lock(ending_mutex_);
-      if (!ending_changed_.wait_for(lock, kFastTicks, [this] { return ending_; }))
-        ceph_conf_set(mount_, kTick, "1");
+    slowing_ = std::jthread([this](const std::stop_token &end) {
+      std::mutex mutex;
+      std::unique_lock lock(mutex);
+      std::condition_variable_any never;
+      never.wait_for(lock, end, kFastTicks, [] { return false; });
+      if (!end.stop_requested()) ceph_conf_set(mount_, kTick, "1");
     });
   } catch (const std::exception &) {  // no thread, or no memory for one
     ceph_conf_set(mount_, kTick, "1");
   }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
-}
-
-void CephClient::endLimit() {
-  {
-    std::lock_guard lock(ending_mutex_);
-    ending_ = true;
-  }
-  ending_changed_.notify_all();
-  if (slowing_.joinable()) slowing_.join();
 }
 
 int CephClient::root(InodeRef *inode, CephStat *st) {

@@ -1,7 +1,6 @@
 // A client of a Ceph cluster: one session with the metadata servers and one with the object stores.
 #pragma once
 
-#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -117,14 +116,10 @@ class CephClient : public std::enable_shared_from_this<CephClient> {
   int connectRados();
   int closeAll(std::vector<::Fh *> files);
   void limitFastTicks();
-  void endLimit();
 
   ceph_mount_info *mount_ = nullptr;
   bool mounted_ = false;
-  std::thread slowing_;  // ends the fast ticks in time
-  std::mutex ending_mutex_;
-  std::condition_variable ending_changed_;
-  bool ending_ = false;
+  std::jthread slowing_;  // ends the fast ticks in time
   UserPerm *perms_ = nullptr;
   ClusterAccess access_;
   std::string fsid_;

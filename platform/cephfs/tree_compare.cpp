@@ -376,22 +376,22 @@ void TreeComparison::recordFiles() {
 // A file of both trees may have some of its names in a directory that was made again, and others in
 // directories of both trees, through which leads go to it. The search has met only the first.
 int TreeComparison::meetSharedNames(const SortedPairs &leads, TwinSearch *search) {
-  const std::unordered_set<uint64_t> inodes = search->namedElsewhere();
+  const std::unordered_set<uint64_t> inodes = search->withUnmetNames();
   if (inodes.empty()) return 0;
-  uint64_t met = 0;
+  uint64_t dir = 0;
   NumberPair lead;
   for (SortedPairs::Cursor cursor = leads.begin(); cursor.next(&lead);) {
-    if (lead.first == met || !inodes.contains(lead.second)) continue;
-    met = lead.first;
+    if (lead.first == dir || !inodes.contains(lead.second)) continue;
+    dir = lead.first;
     std::vector<DirEntry> listed;
-    const std::vector<DirEntry> *names = names_->whole() ? names_->of(met) : nullptr;
+    const std::vector<DirEntry> *names = names_->whole() ? names_->of(dir) : nullptr;
     if (names == nullptr) {
       std::vector<CephEntry> entries;
-      if (int rc = listActive(met, &entries); rc < 0) return rc;
+      if (int rc = listActive(dir, &entries); rc < 0) return rc;
       for (const CephEntry &one : entries) listed.push_back(toEntry(one));
       names = &listed;
     }
-    if (int rc = search->meetNames(met, *names, inodes); rc < 0) return rc;
+    if (int rc = search->meetNames(dir, *names, inodes); rc < 0) return rc;
   }
   return 0;
 }

@@ -177,7 +177,7 @@ int TwinSearch::search(const std::vector<TwinCandidate> &candidates) {
   return 0;
 }
 
-std::unordered_set<uint64_t> TwinSearch::namedElsewhere() const {
+std::unordered_set<uint64_t> TwinSearch::withUnmetNames() const {
   std::unordered_set<uint64_t> inodes;
   for (const Node &node : nodes_)
     if (node.valid && node.now == node.then && node.met < node.links) inodes.insert(node.now);

@@ -36,7 +36,7 @@ class TwinSearch {
 
   int search(const std::vector<TwinCandidate> &candidates);  // 0 or -errno
   // After search(): the inodes of both trees of which not every name was met.
-  std::unordered_set<uint64_t> namedElsewhere() const;
+  std::unordered_set<uint64_t> withUnmetNames() const;
   // Counts the names that `inodes` have in the active directory `dir`, where they mean the same inodes
   // in the snapshot. `names`: entries of `dir`, in any order; entries of other inodes are left out.
   // 0 or -errno.
