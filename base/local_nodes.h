@@ -1,4 +1,4 @@
-// Node lists: names of machines that share the work of a run, divided by commas.
+// Node lists: names of machines that share the work of a run, separated by commas.
 #pragma once
 
 #include <string>

@@ -74,7 +74,7 @@ int main(int argc, char **argv) {
     }
     for (End &end : ends)
       for (; !end.arriving.empty() && end.arriving.front().due <= now(); end.arriving.pop_front())
-        // A cable loses what nobody takes.
+        // A packet that the other end does not accept is lost, as on a cable.
         if (write(end.fd, end.arriving.front().bytes.data(), end.arriving.front().bytes.size()) < 0)
           continue;
   }

@@ -179,7 +179,7 @@ void BatchRun::wait(bool for_slot) {
   reap();
 }
 
-// Does what the engine of which this run is a part has written.
+// Follows the order that has come over the line from the engine whose part this run is.
 void BatchRun::followRun() {
   const RunState state = settings_.line->state();
   if (state == RunState::kRun) return;

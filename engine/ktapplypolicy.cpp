@@ -96,7 +96,7 @@ int report(const RunOutcome &outcome, uint64_t records, const char *what) {
   return outcome.good() ? 0 : kFailed;
 }
 
-// Runs batches on this machine. `part`: of a list that several nodes share, or null.
+// Runs batches on this machine. `part` is this node's part of a list that several nodes share, or null.
 int runHere(const Options &options, const RunDirectory &directory, ListReader *list, uint64_t records,
             const PartOrder *part) {
   std::string problem;
@@ -117,7 +117,7 @@ int runHere(const Options &options, const RunDirectory &directory, ListReader *l
   const RunSignals signals;
   std::unique_ptr<RunLine> line;
   if (part != nullptr) {
-    // The directory has another device number on every node.
+    // The directory can have another device number on every node, so export the identity it has here.
     setenv("KT_DIRECTORY", directory.identity().c_str(), 1);
     setenv(kWorkDirectoryVariable, directory.identity().c_str(), 1);
     if (number != 0) setenv(kNodeVariable, std::to_string(number).c_str(), 1);
@@ -180,7 +180,7 @@ int applyPolicy(const Options &options) {
   std::vector<ListPart> parts;
   if (const Result r = cutList(&list, nodes.size(), &parts); !r)
     return fail("list " + options.list + ": " + list.problem());
-  // What is one part is done sooner here.
+  // A list that makes only one part is finished sooner on this machine.
   const bool here =
       std::any_of(nodes.begin(), nodes.end(), [](const Node &node) { return node.isLocal(); });
   if ((here && parts.size() <= 1) || isLocalAlone(nodes))

@@ -11,8 +11,9 @@ namespace {
 
 constexpr uint64_t kLeast = 100;       // weight of the smallest part
 constexpr uint64_t kPartsOfNode = 16;  // more parts would cost more than they balance
-constexpr uint64_t kTreeWeight = 100;  // a record that can stand for a directory with all it holds
-// Each group has a worker of its own, and a part of less than a few would keep a node's others idle.
+constexpr uint64_t kTreeWeight = 100;  // a record of a directory, which can mean a whole tree
+// Each group needs a worker of its own, so a part of one or two groups would keep a node's other
+// workers idle.
 constexpr uint64_t kGroupWeight = 25;
 constexpr uint64_t kBytesOfRecord = 1 << 20;
 

@@ -21,7 +21,7 @@ struct Node {
 // Returns true if `device` lies on a file system of a type that several nodes can mount.
 bool spansNodes(const std::string &device);
 
-// Resolves the argument of -N: names divided by commas, "all" for those in kNodesFile, or for this
+// Resolves the argument of -N: names separated by commas, "all" for those in kNodesFile, or for this
 // machine if there is no such file or if no other node can see `device`. Names that mean this machine
 // count once. Returns false and *problem for a name that is no name of a node, for an unreadable file,
 // for more than kMostNodes, and for another node if no other can see `device`.
@@ -37,6 +37,6 @@ void divideWorkers(size_t workers, std::vector<Node> *nodes);
 // Returns true if the list is this machine alone.
 bool isLocalAlone(const std::vector<Node> &nodes);
 
-// Returns the words that run `command`, one text for the shell of the node, there. ssh asks nothing and
-// notices within seconds that the node does not answer.
+// Returns the words of the command line that runs `command`, a text for the node's shell, on the node.
+// ssh never prompts, and notices within seconds that the node does not answer.
 std::vector<std::string> sshWords(const std::string &node, const std::string &command);

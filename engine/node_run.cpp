@@ -29,7 +29,7 @@ constexpr char kLoginFile[] = "nodes", kPartFile[] = "parts", kJobLog[] = "joblo
 constexpr int kLookMs = 100;
 // Signals within this time after the first one belong to the same request to end.
 constexpr std::chrono::seconds kPatience(2);
-// After this time nothing works on a node any more that has not confirmed its end.
+// After this time no process of the run works on any node, even if a node has not confirmed its end.
 constexpr std::chrono::seconds kLongest = kLease + std::chrono::seconds(5);
 
 void complain(const std::string &text) {
@@ -90,8 +90,8 @@ Result NodeRun::prepare(const std::vector<ListPart> &parts) {
   return writeState(kPartFile, commands);
 }
 
-// Returns the command of a part for a shell of the node. parallel takes it as it is and quotes it for
-// the shells on the way. In a line of arguments it replaces nothing: a path may contain "{}".
+// Returns the command of a part for a shell of the node. parallel takes it from a file of arguments
+// and quotes it for the shells on the way. It replaces nothing in it, so a path may contain "{}".
 std::string NodeRun::partCommand(const ListPart &part) const {
   PartOrder order;
   order.from = part.from;
@@ -147,7 +147,7 @@ void NodeRun::follow(pid_t parallel) {
   }
 }
 
-// Takes over what the node shells have noted.
+// Finds out which nodes the node shells have marked as lost.
 void NodeRun::look() {
   for (const Node &node : nodes_)
     if (!node.isLocal() && access((state_ + "/" + kLostNode + node.name).c_str(), F_OK) == 0)
@@ -167,12 +167,12 @@ void NodeRun::handleSignals(pid_t parallel) {
       kill(-parallel, SIGKILL);
     else if (!outcome_.stopped)
       kill(parallel, SIGTERM);
-    if (!outcome_.stopped) (void)writeState(kStopRun, "");  // a run that is not told ends by itself
+    if (!outcome_.stopped) (void)writeState(kStopRun, "");  // without it the run ends, too, but later
     outcome_.stopped = true;
   }
 }
 
-// The run goes on without a lost node to its end.
+// Names the lost nodes in the run directory, so that further engine runs do without them.
 void NodeRun::noteLost() {
   look();
   std::string names;

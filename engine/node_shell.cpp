@@ -24,7 +24,7 @@
 namespace {
 
 constexpr int kSshFailed = 255;
-// After this time the node's part has noticed that it is lost.
+// After this time the part on a node that is out of reach has ended by itself (see run_line.h).
 constexpr std::chrono::seconds kUntilLost = kLease + std::chrono::seconds(2);
 
 // What parallel calls: [-l USER] HOST [--] WORD... ; the words are the command.
@@ -71,8 +71,8 @@ RunState stateOf(const std::string &state) {
                                                                 : RunState::kRun;
 }
 
-// Keeps the line to the child until it ends, and kills it if the engine ends before. GNU parallel and
-// the shell between would let it run on.
+// Sends letters to the child until it ends, and kills it if the engine ends first: GNU parallel and the
+// shell in between would let it go on running.
 void attend(pid_t child, const UniqueFd &line, const UniqueFd &engine, const std::string &state) {
   const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
   for (;;) {
@@ -81,7 +81,8 @@ void attend(pid_t child, const UniqueFd &line, const UniqueFd &engine, const std
     if (ready > 0 && ends[0].revents == 0) kill(child, SIGKILL);
     if (ready > 0) return;
     const char letter = static_cast<char>(stateOf(state));
-    // A child that is about to end reads no more, and one that cannot be reached fills the pipe.
+    // A failed write is no error: a child that is about to end no longer reads, and the pipe to a node
+    // that is out of reach is full.
     if (write(line.get(), &letter, 1) < 0) continue;
   }
 }

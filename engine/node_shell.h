@@ -8,8 +8,9 @@
 inline constexpr char kNodeStateVariable[] = "KT_NODE_STATE";
 // Environment variable with the process ID of the engine.
 inline constexpr char kNodeEngineVariable[] = "KT_NODE_ENGINE";
-// Files in the directory. The exit status of the first part that failed; that the run is to end now;
-// and, with the name of a node at the end, that the node is lost.
+// Files in that directory. The first holds the exit status of the first part that failed. The second
+// says that the run is to end now. The third, with the name of a node at its end, says that the node is
+// lost.
 inline constexpr char kFailedPart[] = "failed", kStopRun[] = "stop";
 inline constexpr char kLostNode[] = "lost.";
 

@@ -34,7 +34,7 @@ namespace {
 
 }  // namespace
 
-// Nobody waits for the thread: it ends with the process.
+// The thread is detached, because it ends only with the process.
 RunLine::RunLine() : event_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   std::thread([this] { read(); }).detach();
 }

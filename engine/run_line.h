@@ -1,5 +1,5 @@
 // The line from an engine to its part on a node: the standard input of the part, by ssh. It does not
-// depend on the file system, which can stand still for a minute when a node is lost.
+// depend on the file system, which can block for a minute when a node is lost.
 //
 // A letter comes several times a second. If the line ends, or none comes for kLease, the part has lost
 // the engine: it kills its workers and ends. So once a node has been out of reach for longer than

@@ -41,14 +41,14 @@ std::string unfinishedPartName(const std::string &part, const std::string &host,
 // Returns true for RestoreTemp<number>.
 bool isWorkDirName(std::string_view name);
 
-// Exists while an engine run of several nodes goes on; it is left behind if that is killed.
+// Exists while an engine run on several nodes is in progress. A killed engine does not remove it.
 inline constexpr char kNodeRun[] = "node.run";
-// Names the nodes that engine runs of several nodes have lost, one a line.
+// Names the nodes that engine runs on several nodes have lost, one per line.
 inline constexpr char kLostNodes[] = "lost.nodes";
 
-// Environment variables for the processes of a run. The identity of the work directory, by which they
-// accept no other: "<device>:<inode>". The number of the node on which they run; absent on the
-// master's.
+// Environment variables for the processes of a run. The first holds the identity of the work directory,
+// "<device>:<inode>"; the processes accept no other directory. The second holds the number of the node
+// on which they run; it is not set on the master's node.
 inline constexpr char kWorkDirectoryVariable[] = "FSETRESTORE_WORK_DIRECTORY";
 inline constexpr char kNodeVariable[] = "FSETRESTORE_NODE";
 

@@ -1,4 +1,4 @@
-// An inode behind a descriptor, through the kernel's ordinary system calls.
+// An inode of which a descriptor is open, through the kernel's ordinary system calls.
 #pragma once
 
 #include <cerrno>
@@ -19,7 +19,7 @@ class DescriptorInode : public Inode {
     kBorrowed,  // any kind of descriptor, which the caller closes
     // For regular files with known facts:
     kForReading,
-    kForBoth,  // open for reading and writing, but nobody has asked to write yet
+    kForBoth,  // open for reading and writing, but no caller has asked to write yet
   };
   DescriptorInode(UniqueFd fd, Held held) : held_(held), fd_(std::move(fd)) {}
   ~DescriptorInode() override;

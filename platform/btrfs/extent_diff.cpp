@@ -89,8 +89,8 @@ int visitStretches(const InodeOfTree &active, const InodeOfTree &snapshot, uint6
   return 0;
 }
 
-// Returns true if the stretch, in a file of `size` bytes, contains a whole block. Only then can a hole
-// be told from data.
+// Returns true if the stretch, in a file of `size` bytes, contains a whole block. A hole can be
+// distinguished from data only then.
 bool hasBlock(const Stretch &stretch, uint64_t size) {
   const uint64_t first = (stretch.start + kBlock - 1) / kBlock * kBlock;
   return first < (stretch.end == size ? size : stretch.end / kBlock * kBlock);

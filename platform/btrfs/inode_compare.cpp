@@ -71,7 +71,7 @@ std::vector<NameRef> namesOf(const char *path, const std::vector<NameRef> &names
 
 namespace {
 
-// Symbolic links and special files inherit flags from their directory, and nobody can change those.
+// Symbolic links and special files inherit flags from their directory, and no call can change those.
 bool sameFlags(const InodeItem &now, const InodeItem &then) {
   return (!S_ISREG(now.mode) && !S_ISDIR(now.mode)) || ((now.flags ^ then.flags) & ~kPrivateFlags) == 0;
 }

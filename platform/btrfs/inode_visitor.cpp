@@ -16,6 +16,8 @@ namespace kest {
 
 namespace {
 
+// A ctime proves that an inode is unchanged only if it is older than the line by more than this. Two
+// changes within one tick of the clock leave the same ctime; a tick is far shorter than two seconds.
 constexpr int64_t kClockMargin = 2;  // seconds
 
 constexpr size_t kPendingMost = 64 * 1024;  // inodes
@@ -51,7 +53,7 @@ int InodeVisitor::visitTouched(TouchedChunks *chunks) {
   }
 }
 
-// Reads the snapshot's items from inode `ino` on, where they are not there yet.
+// Reads the snapshot's items from inode `ino` on, unless they have been read already.
 int InodeVisitor::readThen(uint64_t ino) {
   const TreeKey key{ino, 0, 0};
   return then_.holds(key) ? 0 : then_.read(common_.root.fd.get(), common_.snapshot_id, key, kScanBytes);

@@ -17,7 +17,7 @@
 
 namespace kest {
 
-// Of an inode of both trees, beside KEST_DI_* and kDiff* bits.
+// Bits for an inode of both trees, besides the KEST_DI_* and kDiff* bits.
 inline constexpr unsigned kDiffers = 1u << 16;    // it is in the difference
 inline constexpr unsigned kDoubtful = 1u << 17;   // twins decide whether it is
 inline constexpr unsigned kRelations = 1u << 18;  // only its parents or clone attributes differ
@@ -30,8 +30,8 @@ bool severalNames(const InodeItem *item);
 
 void sortOnce(std::vector<uint64_t> *numbers);  // and drops repeated ones
 
-// One tree. It has readers for three purposes, so that one does not drive out the neighbouring items
-// that another will need.
+// One tree. It has readers for three purposes, so that none drives out the cached items that another
+// one will need.
 struct Side {
   Side(int fd, uint64_t tree)
       : inodes(fd, tree), properties(fd, tree), entries(fd, tree, kDirectoryItems) {}

@@ -29,7 +29,7 @@ namespace {
 
 enum class Use { kFree, kRuns, kSwap, kForbidden, kUnknown };
 
-// Inodes that are looked at together, and from what number on threads are worth their start.
+// Inodes that are examined together, and the number from which on it pays to start threads for them.
 constexpr size_t kChunk = 8192, kWorthThreads = 512;
 
 // 1: the file system is mounted without ACLs; 0; or -errno.

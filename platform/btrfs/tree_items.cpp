@@ -155,7 +155,7 @@ bool decodeExtent(const TreeItem &item, ExtentItem *extent) {
   }
   if (item.size < sizeof raw) return false;
   extent->length = le64toh(raw.num_bytes);
-  // Lengths are in whole blocks, so the last block of the longest file ends behind kLongestFile.
+  // Lengths are in whole blocks, so the last block of the longest file ends after kLongestFile.
   if (extent->start > kLongestFile || extent->length > kLongestFile + 1 - extent->start) return false;
   extent->disk = le64toh(raw.disk_bytenr);
   extent->shift = le64toh(raw.offset) - item.key.offset;

@@ -139,8 +139,8 @@ int TreeReader::at(const TreeKey &key, const TreeItem **item) {
 }
 
 int largestInode(int fd, uint64_t tree_id, uint64_t *ino) {
-  // A search only goes forward: gallop past the end, then halve. Every hit moves the lower end to what
-  // was really found.
+  // A tree search only goes forward. So search at growing distances until nothing follows, then halve
+  // the interval. Every hit raises its lower end to the inode that was found.
   TreeBatch batch;
   uint64_t low = 0;
   auto probe = [&](uint64_t from, uint64_t *found) {

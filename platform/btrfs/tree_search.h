@@ -12,7 +12,7 @@
 
 namespace kest {
 
-// Real inodes and subvolumes lie between these; what lies above belongs to btrfs itself.
+// The numbers of inodes and subvolumes lie in this range. Those outside it belong to btrfs itself.
 inline constexpr uint64_t kFirstInode = 256;
 inline constexpr uint64_t kLastInode = UINT64_MAX - 255;
 
@@ -22,7 +22,7 @@ struct TreeKey {
   uint64_t offset = 0;
 
   auto operator<=>(const TreeKey &) const = default;
-  // The key that follows directly.
+  // Returns the next greater key.
   TreeKey next() const;
 };
 
@@ -37,7 +37,7 @@ class TreeBatch {
  public:
   // Fills the batch with the first items of tree `tree_id` in [from, to] that lie in tree blocks
   // written in transaction `min_transid` or later, at most `want_items` of them and about `want_bytes`.
-  // `fd`: any real descriptor on the file system. 0 or -errno.
+  // `fd` is any descriptor on the file system, except O_PATH. 0 or -errno.
   int read(int fd, uint64_t tree_id, const TreeKey &from, const TreeKey &to, uint64_t min_transid,
            size_t want_bytes, uint32_t want_items = UINT32_MAX);
   const std::vector<TreeItem> &items() const { return items_; }
@@ -56,8 +56,8 @@ class TreeWindow {
   int read(int fd, uint64_t tree_id, const TreeKey &from, size_t want_bytes,
            uint32_t want_items = UINT32_MAX);
   bool holds(const TreeKey &key) const { return key >= from_ && key < end_; }
-  // The first item at or after `key`, which the window holds. NULL where the tree has no such item.
-  // `position` remembers the last answer: questions in order find the next one without a search.
+  // Returns the first item at or after `key`, for which holds() must be true; NULL if the tree has no
+  // such item. `position` keeps the last answer, so that ascending keys need no search in the window.
   const TreeItem *find(const TreeKey &key, size_t *position) const;
   const TreeKey &from() const { return from_; }
   const TreeKey &end() const { return end_; }
@@ -70,15 +70,16 @@ class TreeWindow {
   TreeKey from_, end_;  // every item in [from_, end_)
 };
 
-// Random and sequential access to the file-system items (objectid 256 and up) of one tree. Neighbours
-// are read together and kept: the closer the questions, the more of them.
+// Random and sequential access to the file-system items (objectid 256 and up) of one tree. Reads
+// neighbouring items together and caches them, and reads more at a time while the keys asked for ascend
+// closely.
 class TreeReader {
  public:
   static constexpr uint32_t kMostItems = 2048;
-  // `first_items`: how many are read for a question that is not close to the last one; the default
-  // holds an inode with its names and the first range of its data. `most_items`: up to how many are
-  // read while questions go on in order; a reader that lives for a few questions wastes what it reads
-  // ahead.
+  // `first_items` are read for a key that is not close to the last one; the default suffices for an
+  // inode with its names and the first range of its data. While the keys ascend closely, up to
+  // `most_items` are read at a time. Use a small number for a reader that answers only a few calls,
+  // because it would not use most of what it reads ahead.
   TreeReader(int fd, uint64_t tree_id, uint32_t first_items = 4, uint32_t most_items = kMostItems)
       : fd_(fd), tree_id_(tree_id), first_items_(first_items), most_items_(most_items) {}
   uint64_t treeId() const { return tree_id_; }
@@ -86,16 +87,16 @@ class TreeReader {
 
   // 1 and the first item at or after `key`, valid until the next call; 0 when there is none; -errno.
   int at(const TreeKey &key, const TreeItem **item);
-  // Answers from `window`, where that holds the key, instead of reading. The caller keeps it; NULL ends
-  // this.
+  // From now on answers from `window`, instead of reading, if that holds the key. The window must
+  // outlive this; NULL ends it.
   void lookIn(const TreeWindow *window) { shared_ = window; }
-  // Says that what follows is not close to the last question, and how many items it is about.
+  // Announces that the next key is not close to the last one, and how many items will be asked for.
   void expect(uint64_t items);
-  // Forgets what was kept. To be called where the tree may have changed since.
+  // Drops the cached items. Call this if the tree may have changed since they were read.
   void forget();
 
  private:
-  // Reads from `from` on, for a question about `key`.
+  // Reads items from `from` on, because `key` was asked for.
   int fetch(const TreeKey &key, const TreeKey &from);
 
   int fd_;
@@ -105,7 +106,7 @@ class TreeReader {
   const TreeWindow *shared_ = nullptr;
   size_t position_ = 0, shared_position_ = 0;  // of the last answers
   uint32_t want_items_ = 0;
-  uint32_t expected_ = 0;  // 0: nothing was said
+  uint32_t expected_ = 0;  // from expect(); 0 if it was not called since the last read
 };
 
 // 0 and the largest objectid in [256, kLastInode] that has an item, 0 if none; -errno.

@@ -6,7 +6,8 @@
 #include <sys/types.h>
 #include <cstdint>
 
-// For C++ the header only declares these; C has them with these members.
+// In C++ the header of libcephfs only declares these types. They get the members here that it gives
+// them in C.
 struct inodeno_t {
   uint64_t val;
 };
@@ -18,7 +19,7 @@ struct vinodeno_t {
   snapid_t snapid;
 };
 
-// The same with the layout of a file, as it goes to ceph_ll_file_layout.
+// Likewise the layout of a file, which ceph_ll_file_layout fills in.
 struct ceph_file_layout {
   uint32_t stripe_unit, stripe_count, object_size, cas_hash, object_stripe_unit, unused, pool;
 };

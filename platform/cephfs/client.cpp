@@ -17,8 +17,8 @@ namespace {
 constexpr unsigned kAllAttributes = CEPH_STATX_ALL_STATS;
 constexpr uint64_t kSnapFolderNumber = static_cast<uint64_t>(-1);
 constexpr size_t kMostWritten = 64;  // files that are kept open for their outcome
-constexpr int kAttempts = 5;         // where a value grows between two calls
-constexpr int kMostMisses = 1000;    // entries of a listing, one after the other, that are gone by now
+constexpr int kAttempts = 5;         // while a value grows between two calls
+constexpr int kMostMisses = 1000;    // consecutive entries of a listing that no longer exist
 
 std::mutex registry_mutex;
 std::map<ClusterAccess, std::weak_ptr<CephClient>> registry;
@@ -27,13 +27,13 @@ struct Setting {
   const char *name, *value;
 };
 
-// Quotas are borders to a rename, and a restore has to cross them. A socket or log file of its own is
-// of no use to a process that lives for seconds.
+// A rename cannot cross the border of a quota, and a restore has to, so quotas are off. A process that
+// lives for seconds does not need a socket or log file of its own.
 //
-// A client lets go of inodes at its ticks, and its end waits for one: up to a second by default, which
-// is long for the many processes that live for less. An interval of 0 ticks without a pause. That takes
-// up to half a processor, and memory without a bound where the processors are busy, so a thread ends it
-// after kFastTicks, even while a call waits for the servers.
+// A client releases its inodes at its ticks, and its end waits for the next tick. By default that takes
+// up to a second, which is long for the many processes that live for less. With an interval of 0 it
+// ticks without a pause. That takes up to half a processor, and memory without a bound if the
+// processors are busy. So a thread ends it after kFastTicks, even while a call waits for the servers.
 constexpr char kTick[] = "client_tick_interval";
 constexpr std::chrono::seconds kFastTicks{1};
 constexpr Setting kSettings[] = {{"client_quota", "false"},
@@ -48,8 +48,8 @@ bool isDots(const char *name) {
   return strcmp(name, ".") == 0 || strcmp(name, "..") == 0;
 }
 
-// The file system counts the subdirectories, and the bytes of everything below, into the attributes of
-// a directory. Neither is anything that a restore could give back.
+// The link count of a directory counts its subdirectories, and its size the bytes of everything below
+// it. A restore cannot set either, so both are left out of every comparison.
 void leaveOutContents(CephStat *st) {
   if (!S_ISDIR(st->stx_mode)) return;
   st->stx_nlink = std::min<uint32_t>(st->stx_nlink, 1);
@@ -118,7 +118,7 @@ CephClient::~CephClient() {
 }
 
 void CephClient::limitFastTicks() {
-  // The main thread is to get the signals.
+  // Block all signals in the new thread, so that the main thread receives them.
   sigset_t all, before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
@@ -184,14 +184,15 @@ int CephClient::list(const InodeRef &dir, std::vector<CephEntry> *entries, bool 
     CephStat st;
     ::Inode *inode = nullptr;
     rc = ceph_readdirplus_r(mount_, stream, &entry, &st, kAllAttributes, AT_SYMLINK_NOFOLLOW, &inode);
-    // An entry that goes away while it is looked at is none.
+    // Skip an entry that is removed during the call.
     if ((rc == -ENOENT || rc == -ESTALE) && ++misses < kMostMisses) continue;
     if (rc <= 0) break;
     misses = 0;
     InodeRef held(shared_from_this(), inode);
     if (isDots(entry.d_name)) continue;
     // The first entry of every message from the servers comes with attributes that another client may
-    // have changed since, and only this call makes that client tell. Of the others it costs nothing.
+    // have changed since. Only this call makes the servers ask that client. For the others it costs
+    // nothing.
     if (int known = snapshot ? 0 : readStat(held, &st); known < 0) {
       if (known == -ENOENT || known == -ESTALE) continue;
       rc = known;
@@ -268,7 +269,7 @@ void CephClient::closeWritten(::Fh *file) {
   if (!many.empty()) closeAll(std::move(many));
 }
 
-// The reason of a failed write stays with the open file, and goes when that is closed.
+// The open file keeps the error of a failed write, and closing it loses the error. So ask for it first.
 int CephClient::closeAll(std::vector<::Fh *> files) {
   int failure = 0;
   for (::Fh *file : files) {
@@ -282,7 +283,7 @@ int CephClient::closeAll(std::vector<::Fh *> files) {
 }
 
 int CephClient::settle() {
-  // Everything at once before the files are asked one by one.
+  // Write everything back at once, before asking for the result of each file.
   const int synced = ceph_sync_fs(mount_);
   if (synced < 0) {
     std::lock_guard lock(mutex_);
@@ -295,7 +296,8 @@ int CephClient::settle() {
   }
   const int written = closeAll(std::move(files));
   if (written < 0 || synced < 0) return written < 0 ? written : synced;
-  // A client that the servers have shut out does not get so far as to be told.
+  // The calls above can succeed in a client that the servers have evicted. A request to the servers
+  // cannot.
   InodeRef top;
   CephStat st;
   return root(&top, &st);

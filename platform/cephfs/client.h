@@ -20,7 +20,7 @@ namespace kest {
 inline constexpr uint64_t kActive = static_cast<uint64_t>(-2);  // snapshot number of the active tree
 inline constexpr char kSnapFolder[] = ".snap";
 
-// How to reach a cluster. Empty: what the environment and the configuration say.
+// How to reach a cluster. An empty field means what the environment and the configuration say.
 struct ClusterAccess {
   std::string configuration;  // file
   std::string user, monitors, file_system;
@@ -48,7 +48,7 @@ class InodeRef {
   ::Inode *get() const { return inode_; }
   explicit operator bool() const { return inode_ != nullptr; }
   const std::shared_ptr<CephClient> &client() const { return client_; }
-  InodeRef another() const;  // to the same inode
+  InodeRef another() const;  // returns a further reference to the same inode; empty after a failure
 
  private:
   void swap(InodeRef &other) {
@@ -62,12 +62,12 @@ class InodeRef {
 struct CephEntry {
   std::string name;
   CephStat st{};
-  InodeRef dir;  // of a directory, where it was asked for
+  InodeRef dir;  // the directory itself, if list() was asked to open directories
 };
 
 DirEntry toEntry(const CephEntry &one);
 
-// Where a directory of a snapshot stands.
+// The place of a directory in a snapshot.
 struct SnapshotPlace {
   uint64_t parent = 0;
   std::string name;
@@ -76,7 +76,7 @@ struct SnapshotPlace {
 // All calls return 0 or -errno. May be used by several threads.
 class CephClient : public std::enable_shared_from_this<CephClient> {
  public:
-  // The process has one client of each cluster and file system, as long as somebody holds it.
+  // A process has one client of each cluster and file system, which lives while something refers to it.
   static int open(const ClusterAccess &access, std::shared_ptr<CephClient> *client);
   ~CephClient();
 
@@ -85,29 +85,29 @@ class CephClient : public std::enable_shared_from_this<CephClient> {
   const std::string &fsid() const { return fsid_; }
 
   int root(InodeRef *inode, CephStat *st);
-  // -ESTALE: the servers do not know the number (any more). Of an inode of a snapshot that was found so
-  // the attributes are right, but the servers take any other request about it, to list it, say, or to
-  // open it, as one about the active inode. Those need an inode that was looked up by names from the
-  // root of the snapshot.
+  // Finds an inode by number. -ESTALE: the servers do not know the number, or have forgotten it. If the
+  // inode is one of a snapshot, only its attributes are right: the servers take every other request
+  // about it, for example to list or open it, as one about the active inode. Such requests need an
+  // inode that was looked up by names from the root of the snapshot.
   int byNumber(uint64_t ino, uint64_t snapid, InodeRef *inode, CephStat *st);
-  // One name in a directory; no link is followed.
+  // Looks up one name in a directory. Follows no symbolic link.
   int lookUp(const InodeRef &dir, const std::string &name, InodeRef *inode, CephStat *st);
   int readStat(const InodeRef &inode, CephStat *st);
-  // Every entry with its attributes, without "." and "..".
+  // Lists the entries with their attributes, without "." and "..".
   int list(const InodeRef &dir, std::vector<CephEntry> *entries, bool open_directories = false);
-  // Where a directory of a snapshot stands, if it was listed before, or its place was noted.
+  // Finds the place of a directory of a snapshot if its parent was listed, or the place was noted.
   bool placeInSnapshot(uint64_t snapid, uint64_t ino, SnapshotPlace *place);
   void notePlace(uint64_t snapid, uint64_t ino, SnapshotPlace place);
   int readXattr(const InodeRef &inode, const char *name, std::string *value);
   int listXattrs(const InodeRef &inode, std::vector<std::string> *names);
-  // What this client has changed is safe with the servers afterwards. -errno also of a write that was
-  // accepted earlier and could not be carried out (a full pool, an evicted client); from then on
-  // always.
+  // Makes sure that everything this client has changed is safe with the servers. -errno: also that of a
+  // write that was accepted earlier and failed later (a full pool, an evicted client). After such a
+  // failure every further call fails, too.
   int settle();
-  // Closes a file that was written to. What became of the writes is asked at the next settle().
+  // Closes a file that was written to. The next settle() tells whether the writes succeeded.
   void closeWritten(::Fh *file);
 
-  // The object stores of a pool, by name; `name_space` "" the default.
+  // Opens a pool of the object stores by its name. `name_space` "" means the default namespace.
   int pool(const std::string &pool, const std::string &name_space, librados::IoCtx **io);
 
  private:
@@ -123,12 +123,12 @@ class CephClient : public std::enable_shared_from_this<CephClient> {
   UserPerm *perms_ = nullptr;
   ClusterAccess access_;
   std::string fsid_;
-  std::mutex mutex_;  // of what follows
+  std::mutex mutex_;  // protects the members below
   std::unique_ptr<librados::Rados> rados_;
   std::map<std::pair<std::string, std::string>, librados::IoCtx> pools_;
   std::map<uint64_t, std::unordered_map<uint64_t, SnapshotPlace>> places_;  // by snapshot, by directory
   std::vector<::Fh *> written_;  // files whose writes may still fail
-  int failure_ = 0;              // of one of them
+  int failure_ = 0;              // -errno of the first write that failed
 };
 
 // Fills in what struct stat has; `device` becomes st_dev.

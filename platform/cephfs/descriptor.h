@@ -1,4 +1,4 @@
-// Descriptors of the kernel for those few calls that give one out: through a mount.
+// Opens kernel descriptors, through a mount, for the few calls that return one.
 #pragma once
 
 #include <cstdint>
@@ -8,8 +8,8 @@
 
 namespace kest {
 
-// An O_PATH descriptor, close-on-exec, of inode `ino` of the tree; `path` below its root where it is
-// known, or NULL. -ESTALE: the path means another inode by now; -errno.
+// Opens a close-on-exec O_PATH descriptor of inode `ino` of the tree. `path` is its path below the
+// root, or NULL if it is not known. -ESTALE: the path leads to another inode by now; or another -errno.
 int openDescriptor(const CephRoot &root, uint64_t ino, const std::string *path);
 
 }  // namespace kest

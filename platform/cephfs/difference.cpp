@@ -54,7 +54,7 @@ class LeadListing : public EntryStream {
     return rc;
   }
 
-  // Whether a name is known of each, in entries_.
+  // Puts the entries of all `wanted` inodes into entries_. Returns false if the name of one is unknown.
   bool namesKnown(const std::vector<uint64_t> &wanted) {
     if (!names_.whole() || wanted.size() > kMostLookUps) return false;
     std::vector<uint64_t> missing = wanted;
@@ -76,7 +76,7 @@ class LeadListing : public EntryStream {
     return true;
   }
 
-  // Leaves out what means another inode by now.
+  // Drops the entries that lead to another inode by now.
   int lookUp() {
     std::vector<DirEntry> there;
     for (DirEntry &one : entries_) {
@@ -119,8 +119,8 @@ int CephDifference::compute() {
   if (division_) {
     const int rc =
         compareTrees(*active_, *snapshot_, &set_, &notes_, &names_, &passed_over_, &*division_);
-    // Without room for files, in which the processes tell each other what they find, this one does
-    // everything.
+    // Without room for the files through which the processes exchange their results, this process
+    // compares everything.
     if (rc != -ENOSPC && rc != -EDQUOT) return rc;
     notes_ = {};
     names_ = {};
@@ -184,7 +184,7 @@ int CephDifference::listChanged(Inode &dir, EntryList *entries) {
   }
   EntryDifference left = *difference;
   dropPairs(&left, [&](uint64_t then, uint64_t now) { return set_.twinOf(then) == now; });
-  // 1 where the name still, or again, means the inode; 0; -errno.
+  // Whether the name still, or again, leads to the inode: 1, 0 or -errno.
   const auto means = [&](const DirEntry &entry) {
     InodeRef inode;
     CephStat st;

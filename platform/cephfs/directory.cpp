@@ -18,7 +18,8 @@ std::string plainName(const std::string &name, bool *slashes) {
   return name.substr(0, end);
 }
 
-// A name that an entry can be given or lose. 0 or -errno. ".snap" leads out of the active tree.
+// Checks that an entry of this name can be made or removed. 0 or -errno. ".snap" leads out of the
+// active tree.
 int entryName(const std::string &name, bool directory, std::string *plain) {
   bool slashes;
   *plain = plainName(name, &slashes);
@@ -122,8 +123,8 @@ int CephDirectory::link(Inode &inode, const std::string &name) {
                       perms());
 }
 
-// The servers know no rename that leaves a target alone. Whoever makes one between the two calls loses
-// it.
+// The servers have no rename that leaves an existing target alone. An object that another process makes
+// between the two calls is replaced.
 int CephDirectory::rename(const std::string &name, Directory &to, const std::string &to_name) {
   std::string from, target;
   if (int rc = entryName(name, true, &from); rc < 0) return rc;

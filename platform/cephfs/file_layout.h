@@ -12,7 +12,7 @@ struct FileLayout {
   uint64_t stripe_unit = 0, stripe_count = 0, object_size = 0;  // bytes, objects of a set, bytes
   std::string pool, name_space;
 
-  // The text of the attribute ceph.file.layout. False for what is none.
+  // Parses the text of the attribute ceph.file.layout. Returns false if it is malformed.
   bool parse(std::string_view text);
 
   // Objects that hold a part of the first `size` bytes: 0 to objectsOf(size) - 1.

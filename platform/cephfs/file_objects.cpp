@@ -41,8 +41,9 @@ void addRest(const std::vector<std::pair<uint64_t, uint64_t>> &ranges, uint64_t 
   if (at < size) parts->push_back({at, size, false});
 }
 
-// Every change made after a snapshot, by whatever client, leaves the object as it was as a clone that
-// names the snapshot; each clone says where it and the next version are the same.
+// When a client first changes an object after a snapshot, the object store keeps the former state as a
+// clone that names the snapshot. (These clones of objects are not the clones of files.) Each clone
+// lists the ranges in which it equals the next version.
 ObjectPair compareVersions(const librados::snap_set_t &snaps, uint64_t snapid) {
   ObjectPair object;
   const librados::clone_info_t *head = headOf(snaps);
@@ -53,7 +54,7 @@ ObjectPair compareVersions(const librados::snap_set_t &snaps, uint64_t snapid) {
     if (&one != head && std::find(one.snaps.begin(), one.snaps.end(), snapid) != one.snaps.end()) break;
   }
   if (at == snaps.clones.size()) {
-    // Nobody has written the object since, or it was not there yet.
+    // The object has not been written since the snapshot, or did not exist then.
     object.then = head != nullptr && snaps.seq < snapid;
     if (object.now && !object.then && head->size > 0) object.parts.push_back({0, head->size, true});
     return object;
@@ -81,7 +82,7 @@ ObjectPair compareVersions(const librados::snap_set_t &snaps, uint64_t snapid) {
   return object;
 }
 
-// Asks about objects one after the other, some ahead.
+// Reads the versions of objects in order, with several requests in flight.
 class ObjectReader {
  public:
   ObjectReader(librados::IoCtx &io, uint64_t ino, uint64_t first, uint64_t end)
@@ -90,7 +91,7 @@ class ObjectReader {
     for (const std::unique_ptr<Question> &one : asked_) one->done->wait_for_complete();
   }
 
-  // The versions of the next object, from the first on. 1; 0 there is none in any version; -errno.
+  // Reads the versions of the next object, beginning with `first`. 1; 0: there is none; or -errno.
   int next(librados::snap_set_t *snaps) {
     while (asked_.size() < window_ && ask_ < end_) {
       if (int rc = ask(); rc < 0) return rc;
@@ -147,8 +148,8 @@ int poolOf(const InodeRef &file, const FileLayout &layout, librados::IoCtx **io)
 
 }  // namespace
 
-// The attribute itself is asked for by number, which finds no inode of a snapshot that has been
-// deleted.
+// Reading the attribute ceph.file.layout would be a request by number, which fails for an inode of a
+// snapshot if the active inode has been deleted.
 int readLayoutText(const InodeRef &file, std::string *text) {
   struct ceph_file_layout known {};
   ceph_mount_info *mount = file.client()->mount();
@@ -217,7 +218,8 @@ int stretchOfObjects(const FileLayout &layout, const InodeRef &file, uint64_t in
   librados::IoCtx *io;
   if (int rc = poolOf(file, layout, &io); rc < 0) return rc;
   *stop = offset;
-  // Where files are not striped, objects follow one another, and a long hole is asked about ahead.
+  // Without striping, neighbouring parts of the file are neighbouring objects, so one reader can ask
+  // ahead about a long hole.
   const bool striped = layout.stripe_count > 1;
   std::unique_ptr<ObjectReader> reader;
   for (uint64_t at = offset; at < end;) {
@@ -239,7 +241,8 @@ int stretchOfObjects(const FileLayout &layout, const InodeRef &file, uint64_t in
     else if (*hole == there)
       break;
     *stop = at = unit_end;
-    // Data goes on being data, however it is read; a hole may be worth a look ahead.
+    // Callers read data in pieces anyway, so stop after one unit of data. Follow a hole, because it can
+    // be long.
     if (!*hole) break;
   }
   return 0;

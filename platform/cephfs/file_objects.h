@@ -18,14 +18,14 @@ int readLayoutText(const InodeRef &file, std::string *text);
 // The layout of a regular file. 0 or -errno.
 int readLayout(const InodeRef &file, FileLayout *layout);
 
-// Ranges of [from, to) in which the file's objects differ from what snapshot `snapid` has, upwards,
-// adjoining ones of one kind as one; at most `limit` are appended. What clients have not written yet is
-// in no object. 0 or -errno.
+// Appends the ranges of [from, to) in which the file's objects differ from those of snapshot `snapid`,
+// in order and at most `limit` of them. Adjacent ranges of one kind become one. Data that clients have
+// not written back yet is in no object. 0 or -errno.
 int diffObjects(const InodeRef &file, uint64_t ino, uint64_t snapid, uint64_t from, uint64_t to,
                 size_t limit, std::vector<FileRange> *ranges);
 
-// Whether there is an object for the byte at `offset` (`snapid` kActive: in the active file), and where
-// that changes: `end` at the latest. 0 or -errno.
+// Sets *hole if there is no object for the byte at `offset` (`snapid` kActive: in the active file), and
+// *stop to an offset, `end` at most, up to which that is so. 0 or -errno.
 int stretchOfObjects(const FileLayout &layout, const InodeRef &file, uint64_t ino, uint64_t snapid,
                      uint64_t offset, uint64_t end, uint64_t *stop, bool *hole);
 

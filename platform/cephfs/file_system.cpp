@@ -38,12 +38,12 @@ std::string below(const std::string &folder, const std::string &name) {
   return folder + "/" + name;
 }
 
-// A snapshot of a directory above shows here as _NAME_NUMBER; no other name may begin so.
+// A snapshot of a directory above appears here as _NAME_NUMBER; no other name may begin in this way.
 bool isFromAbove(const std::string &name) {
   return name.starts_with('_');
 }
 
-// Where the user finds the snapshot that shows here as `name`.
+// Returns a text for users about where the snapshot is that appears here as `name`; "" if unknown.
 std::string placeOfSnapshotAbove(const std::shared_ptr<CephClient> &client, const std::string &name) {
   const size_t underscore = name.rfind('_');
   std::string path;
@@ -53,8 +53,8 @@ std::string placeOfSnapshotAbove(const std::shared_ptr<CephClient> &client, cons
 }
 
 // Returns true if the mount shows the directory `dir` at `fd`. Somebody may change the directory
-// between the two looks at it, so it looks several times. A client that has taken a snapshot of the
-// directory shows the change time of before until it has to ask the server for something.
+// between the two readings, so they are repeated. A client that has taken a snapshot of the directory
+// shows the earlier change time until it has to ask the server for something, so ask for an attribute.
 bool isShownAt(int fd, CephClient &client, const InodeRef &dir) {
   constexpr int kLooks = 5;
   for (int look = 0; look < kLooks; ++look) {
@@ -72,7 +72,7 @@ bool isShownAt(int fd, CephClient &client, const InodeRef &dir) {
   return false;
 }
 
-// The layout that files have where nobody asked for another.
+// Reads the layout that files have by default.
 int readDefaultLayout(CephClient &client, std::string *layout) {
   InodeRef top;
   CephStat st;
@@ -128,7 +128,7 @@ ClusterAccess accessOfMount(const std::string &type, const std::string &source,
   return access;
 }
 
-// The directory of a fileset, every component of whose path is a directory.
+// Finds the directory of a fileset. Every component of its path must be a directory, not a link.
 int CephFileSystem::findDirectory(const std::string &fileset, std::string *path, InodeRef *dir,
                                   CephStat *st) const {
   *path = trimSlashes(fileset);
@@ -146,7 +146,7 @@ int CephFileSystem::findDirectory(const std::string &fileset, std::string *path,
   return rc;
 }
 
-// Whether the mount shows the directory `path` of the file system, and where.
+// Returns true, and the path through the mount, if that shows the directory `path` of the file system.
 bool CephFileSystem::shownAt(const std::string &path, std::string *shown) const {
   if (mount_.shown.empty()) {
     *shown = below(mount_.point, path);
@@ -272,7 +272,7 @@ int openCephFs(const std::string &device, std::unique_ptr<FileSystem> *fs) {
   struct stat shown {};
   for (const Mount &one : mounts) {
     if (!isCephType(one.type) || makedev(one.major_no, one.minor_no) != st.st_dev) continue;
-    // A mount point that lies hidden below another mount is no way to it.
+    // A mount point that is hidden below another mount does not lead to the file system.
     if (stat(one.point.c_str(), &shown) == 0 && shown.st_dev == st.st_dev) {
       found = &one;
       break;
@@ -296,7 +296,7 @@ int openCephFs(const std::string &device, std::unique_ptr<FileSystem> *fs) {
     return failWith(ENODEV, "the configuration" +
                                 (access.configuration.empty() ? "" : " " + access.configuration) +
                                 " is not that of the cluster of " + device);
-  // A mount made by a process of its own tells by its number alone which directory it shows.
+  // The source of a FUSE mount does not name the directory that it shows; its inode number does.
   rc = pathOfDirectory(client, shown.st_ino, &mount.shown);
   if (rc < 0) return failWith(-rc, found->point + ": " + strerror(-rc));
   *fs = std::make_unique<CephFileSystem>(std::move(client), std::move(mount), device);

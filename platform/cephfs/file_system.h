@@ -37,9 +37,10 @@ class CephFileSystem : public FileSystem {
   std::string device_;
 };
 
-// How the mount of a CephFS tells to reach its cluster: from its source and options as mountinfo has
-// them. The kernel's client names monitors, user and file system; others leave it to the configuration
-// that CEPH_CONF names, or to the machine's.
+// Returns how to reach the cluster of a mount with this source and these options, as mountinfo has
+// them. A mount by the kernel names monitors, user and file system. For any other, the configuration
+// that CEPH_CONF names, or that of the machine, decides. `shown` receives the path of the directory
+// that the mount shows, if the source names it.
 ClusterAccess accessOfMount(const std::string &type, const std::string &source,
                             const std::string &options, std::string *shown);
 

@@ -40,7 +40,7 @@ const char *layoutName(mode_t mode) {
   return S_ISDIR(mode) ? kDirLayout : kFileLayout;
 }
 
-// The layout attribute, where it says something: "" else.
+// Reads the layout attribute; "" if the inode has the default layout or none of its own.
 int readOwnLayout(const InodeRef &inode, const CephRoot &root, mode_t mode, std::string *value) {
   value->clear();
   if (!S_ISREG(mode) && !S_ISDIR(mode)) return 0;
@@ -299,7 +299,7 @@ int CephInode::setTimes(const struct timespec times[2]) {
   if (times[1].tv_nsec != UTIME_OMIT) {
     st.stx_mtime = times[1];
     mask |= CEPH_SETATTR_MTIME;
-    // Data written later than the time would move it again.
+    // Write data back first: if it were written later, that would change the time again.
     if (int rc = flush(); rc < 0) return rc;
   }
   return mask == 0 ? 0 : change(&st, mask);
@@ -323,7 +323,7 @@ int CephInode::writeXattr(const char *name, const std::string &value) {
 
 int CephInode::removeXattr(const char *name) {
   if (root_->isSnapshot()) return -EROFS;
-  // A file always has a layout: without a word about it, that of the file system's root.
+  // A file always has a layout, so instead of removing it, set the default one.
   if (strcmp(name, kFileLayout) == 0) return writeXattr(name, root_->default_layout);
   const int rc = ceph_ll_removexattr(mount(), inode_.get(), name, perms());
   return rc == -ENODATA ? 0 : rc;

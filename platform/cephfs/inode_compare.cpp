@@ -69,8 +69,8 @@ class Reader {
   ::Fh *file_ = nullptr;
 };
 
-// Makes the servers call in the data that other clients have written to the file and still keep to
-// themselves. They do so for a reader, but not for a client that asks for attributes alone.
+// Makes the servers call in data of the file that other clients have not written back yet. They do so
+// for a reader, but not for a client that only asks for attributes.
 int callInData(const InodeRef &file) {
   char byte;
   return static_cast<int>(std::min<int64_t>(Reader(file).read(0, 1, &byte), 0));

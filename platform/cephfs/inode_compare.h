@@ -6,17 +6,17 @@
 
 namespace kest {
 
-// Whether the listing alone shows that nobody has changed the inode since the snapshot.
+// Returns true if the listings alone show that the inode has not changed since the snapshot.
 bool sameListing(const CephStat &now, const CephStat &then);
 
-// 1 when everything that can be restored, the names apart, is equal; 0; -errno. Data are read only
-// where the objects differ and everything else is equal. The snapshot has the inode in `dir_then` as
-// `name`; "" is its root.
+// Whether everything that can be restored, except the names, is equal: 1, 0 or -errno. Reads data only
+// if the objects differ and everything else is equal. The snapshot has the inode in `dir_then` as
+// `name`; "" means the root of the snapshot.
 int sameProperties(const CephRoot &active, const CephRoot &snapshot, uint64_t ino, const CephStat &now,
                    const CephStat &then, const InodeRef &dir_then, const std::string &name);
 
-// The same for an inode of the fileset and another one of the snapshot, whose listings agree: extended
-// attributes, layout, holes, data, the target of a link. 1, 0 or -errno.
+// The same for two different inodes of fileset and snapshot whose listings agree. Compares extended
+// attributes, layout, holes, data, and the target of a symbolic link. 1, 0 or -errno.
 int sameContents(const CephRoot &active, const CephRoot &snapshot, const InodeRef &here,
                  const CephStat &now, const InodeRef &there, const CephStat &then);
 

@@ -1,5 +1,5 @@
-// Under which names a comparison met what a walk has to go to, so that the walk need not list the
-// directories again.
+// The names under which a comparison met the inodes that a walk has to reach, so that the walk need not
+// list the directories again.
 #pragma once
 
 #include <cstddef>
@@ -20,7 +20,7 @@ class LeadNames {
     names_[dir].push_back(std::move(entry));
   }
   bool whole() const { return count_ <= kMost; }
-  void leaveOut() { count_ = kMost + 1; }  // another process has kept some entries to itself
+  void leaveOut() { count_ = kMost + 1; }  // entries of another process are missing
   const std::unordered_map<uint64_t, std::vector<DirEntry>> &all() const { return names_; }
   // NULL: there are none.
   const std::vector<DirEntry> *of(uint64_t dir) const {

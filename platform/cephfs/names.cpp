@@ -13,7 +13,7 @@ namespace kest {
 namespace {
 
 constexpr uint64_t kTop = 1;          // inode number of the root of a file system
-constexpr int kMostLevels = 100'000;  // directories moved about meanwhile could make a circle
+constexpr int kMostLevels = 100'000;  // a climb might never end while directories are being moved
 
 // The parent of an active directory. 0 or -errno.
 int parentOf(CephClient &client, const InodeRef &dir, InodeRef *parent, CephStat *st) {
@@ -48,7 +48,7 @@ int walk(const CephRoot &root, Visit visit) {
   return 0;
 }
 
-// The names of the inodes of a snapshot that have several: they are found by one walk over all of it.
+// The names of all inodes of a snapshot that have several names. One walk over the snapshot finds them.
 struct LinkIndex {
   std::mutex mutex;
   std::map<std::pair<uint64_t, uint64_t>, std::multimap<uint64_t, std::string>>
@@ -74,7 +74,8 @@ int namesOfLinked(const CephRoot &root, uint64_t ino, InodeNames *names) {
   return names->paths.empty() ? 0 : 1;
 }
 
-// From the directory `ino` up to the directory `end`: its path below that. 1; 0 it does not lie there.
+// Climbs from the directory `ino` to the directory `end`. `path`, unless NULL, receives the path below
+// `end`. 1; 0: `ino` does not lie below `end`; or -errno.
 int climb(CephClient &client, uint64_t ino, uint64_t end, std::string *path) {
   InodeRef dir;
   CephStat st;
@@ -185,7 +186,7 @@ int openByNumber(const CephRoot &root, uint64_t ino, InodeRef *inode, CephStat *
   if (rc == -ESTALE) return -ENOENT;
   if (rc < 0) return rc;
   if (st->stx_nlink == 0) return -ENOENT;
-  // What has been moved out of the fileset is none of it.
+  // A directory that was moved out of the fileset no longer belongs to it.
   if (!root.isSnapshot() && S_ISDIR(st->stx_mode)) {
     const int inside = liesInFileset(root, ino);
     if (inside <= 0) return inside < 0 ? inside : -ENOENT;

@@ -1,4 +1,4 @@
-// Where inodes stand in a tree.
+// Finds inodes of a tree, and their paths.
 #pragma once
 
 #include <cstdint>
@@ -9,20 +9,20 @@
 
 namespace kest {
 
-// Every path of an inode; see Tree::findNames. A directory of the active tree is found from below,
-// anything else by a walk over the whole tree. 1, 0 or -errno.
+// Finds every path of an inode; see Tree::findNames. For a directory of the active tree climbs to the
+// root; for anything else walks over the whole tree. 1, 0 or -errno.
 int findNamesOf(const CephRoot &root, uint64_t ino, InodeNames *names);
 
-// The inode of a snapshot, looked up by names from its root, so that everything can be asked about it:
-// by the place that an earlier listing showed, or by a walk over the snapshot. 0; -ENOENT there is
-// none; -errno.
+// Looks up an inode of a snapshot by names from its root, so that every request about it is possible.
+// Uses the place that an earlier listing showed, or else a walk over the snapshot. 0; -ENOENT: there is
+// no such inode; or another -errno.
 int findInSnapshot(const CephRoot &root, uint64_t ino, InodeRef *inode, CephStat *st);
 
-// An inode of a tree by its number, as Tree::openInode. See CephClient::byNumber for what it is good
-// for.
+// Finds an inode of a tree by its number, as Tree::openInode. See CephClient::byNumber for the requests
+// that are possible with it.
 int openByNumber(const CephRoot &root, uint64_t ino, InodeRef *inode, CephStat *st);
 
-// When a snapshot was taken, in seconds since 1970; `snapshot` is its root. 0: nobody knows.
+// Returns when a snapshot was taken, in seconds since 1970, or 0 if unknown. `snapshot` is its root.
 int64_t timeOfSnapshot(const InodeRef &snapshot);
 
 // The path of a directory of the active file system below its root; "" the root itself. 0 or -errno.

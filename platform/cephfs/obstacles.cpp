@@ -32,7 +32,8 @@ int report(const CephRoot &active, uint64_t ino, const ObstacleVisitor &visit) {
 
 }  // namespace
 
-// The file system lets another client write to a program that runs, whose pages would change under it.
+// The file system does not prevent another client from writing to a running program, whose pages would
+// then change while it runs. So a program whose data differ is made again.
 int findObstacles(const CephRoot &active, const CephRoot &snapshot, Difference *difference,
                   const ObstacleVisitor &visit) {
   for (const uint64_t ino : runningPrograms(active.device)) {

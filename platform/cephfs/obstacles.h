@@ -6,9 +6,8 @@
 
 namespace kest {
 
-// See Tree::findObstacles. Programs are seen where they run on this node, from the mount of the
-// fileset. There is no swap space on a CephFS, and its client always has access control lists. 0 or
-// -errno.
+// See Tree::findObstacles. Finds only programs that run on this node from the mount of the fileset. A
+// CephFS has no swap space, and its client always supports ACLs. 0 or -errno.
 int findObstacles(const CephRoot &active, const CephRoot &snapshot, Difference *difference,
                   const ObstacleVisitor &visit);
 

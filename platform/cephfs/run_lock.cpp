@@ -31,7 +31,7 @@ int keepingTimes(const CephRoot &root, Call call) {
   return rc < 0 ? rc : set;
 }
 
-// The client makes it, whom no quota hinders.
+// Makes the file through the client, because that ignores quotas.
 int makeLockFile(const CephRoot &root) {
   CephClient &client = *root.client;
   ::Inode *made = nullptr;
@@ -45,8 +45,8 @@ int makeLockFile(const CephRoot &root) {
   return closed;
 }
 
-// The lock is asked for through the mount, so that it belongs to the descriptor and not to this
-// process.
+// Opens the file through the mount, so that the lock belongs to the descriptor, which other processes
+// inherit, and not to the client of this process.
 int openLockFile(const CephRoot &root, UniqueFd *fd) {
   const auto open = [&] {
     fd->reset(openat(root.fd.get(), kLockFile, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));

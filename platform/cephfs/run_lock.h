@@ -9,12 +9,12 @@
 
 namespace kest {
 
-// A lock on the directory itself would be this node's alone where it is mounted by FUSE. So it is a
-// lock on this file in it, which ends with the last process that has it open, or with the client of a
-// node that is lost. No listing or comparison shows the file.
+// On a FUSE mount, a lock on the directory itself would hold on this node only. So the lock is on this
+// file in the directory. It ends when the last process that has the file open ends, or when the servers
+// evict the client of a lost node. No listing or comparison shows the file.
 inline constexpr char kLockFile[] = ".fsetrestore.lock";
 
-// Takes it out of the entries of the directory `dir`, where that is the root of the tree.
+// Removes the lock file from the entries of the directory `dir` if that is the root of the tree.
 void leaveOutLockFile(const CephRoot &root, uint64_t dir, std::vector<CephEntry> *entries);
 
 // See Tree::lock and Tree::removeLock. Neither changes the times of the root directory, but for its

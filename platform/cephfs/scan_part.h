@@ -1,5 +1,5 @@
-// What processes that share a comparison tell each other, in files: numbers of one to ten bytes, seven
-// bits in each, and texts behind their lengths.
+// The files through which processes that share a comparison exchange what they find. They consist of
+// numbers of one to ten bytes, with seven bits in each, and of texts, each after its length.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ enum class PartEntry : uint64_t {
   kLead = 3,       // directory, inode in it
   kParent = 4,     // directory, its parent in the fileset
   kPlace = 5,      // directory, its parent in the snapshot, its name there
-  kMoved = 6,      // directory of both trees that stands elsewhere now
+  kMoved = 6,      // directory of both trees that is in another place now
   kUnmatched = 7,  // directory under a name that only the fileset has
   kNotes = 8,      // directory, entries that only the fileset has, entries that only the snapshot has
   kName = 9,       // directory, an entry of it that a walk goes to

@@ -1,4 +1,4 @@
-// The part of a comparison that is about other processes: what is given to them, and what they return.
+// The part of a comparison that deals with other processes: hands out groups and reads the results.
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
@@ -47,7 +47,8 @@ std::vector<DirEntry> readEntries(PartReader *part) {
 
 }  // namespace
 
-// From the places that this process has seen: those of all directories above what it has listed.
+// Returns the path of a directory in the snapshot, from the places that this process knows. It knows
+// those of all directories above what it has listed.
 std::string TreeComparison::pathInSnapshot(uint64_t ino) {
   std::string path;
   SnapshotPlace place;
@@ -59,7 +60,7 @@ std::string TreeComparison::pathInSnapshot(uint64_t ino) {
   return path;
 }
 
-// Has the directories that are left compared by others, and takes over what they return.
+// Lets other processes compare the remaining directories, and takes over what they find.
 int TreeComparison::shareOut() {
   UniqueFd file(division_->open_directories(division_->arg));
   if (!file) return -errno;
@@ -203,7 +204,7 @@ int TreeComparison::computeGroup(UniqueFd directories, uint64_t from, uint64_t t
   if (reader.error() != 0) return reader.error();
   const bool knows_moved = descending_;
   if (int rc = workThrough(); rc < 0) return rc;
-  if (knows_moved) moved_.clear();  // nothing new about them
+  if (knows_moved) moved_.clear();  // the other process knows them already
   return writePart(part);
 }
 
@@ -234,9 +235,8 @@ int TreeComparison::writePart(int file) {
   return part.flush();
 }
 
-// Of all directories that this process has met, the parents and places of those are needed that a walk
-// may have to go through, or to find in the snapshot. Which ones differ is not yet known for files with
-// several names: they all count.
+// Writes the parents and places of those directories that a walk may have to enter, or to find in the
+// snapshot. It is not known yet which files with several names differ, so all of them count.
 void TreeComparison::writeChains(PartWriter *part, const SortedPairs &found, const SortedPairs &leads) {
   const SortedPairs parents = parents_.finish();
   std::vector<uint64_t> step = unmatched_;

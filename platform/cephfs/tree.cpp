@@ -113,12 +113,12 @@ int CephTree::isWritable() const {
   return (figures.f_flag & ST_RDONLY) == 0;
 }
 
-// One kind of room for everything.
+// CephFS does not divide its space into data and metadata.
 int64_t CephTree::metadataRoom() const {
   struct statvfs figures;
   const int rc = ceph_ll_statfs(root_->client->mount(), root_->inode.get(), &figures);
   if (rc < 0) return rc;
-  if (figures.f_blocks == 0) return INT64_MAX;  // the cluster has no manager, and nobody counts
+  if (figures.f_blocks == 0) return INT64_MAX;  // without a manager the cluster has no figures
   return static_cast<int64_t>(figures.f_bavail * figures.f_frsize);
 }
 
@@ -256,7 +256,7 @@ int CephTree::largestInode(const uint64_t *, uint64_t *ino) const {
   return 0;
 }
 
-// Nothing here goes through a mount, so none can be in the way.
+// The steps of a restore do not go through a mount here, so no mount can be in the way.
 int CephTree::findMountInTheWay(const Tree &, const Difference &, std::string *) const {
   return 0;
 }

@@ -29,8 +29,8 @@ constexpr int kThreads = 4;
 // Directories that a group should have at least, so that groups take about the same time.
 constexpr size_t kGroupLeast = 4;
 
-// What one entry says about its inode. All that the entries of an inode say is taken together in the
-// end, so that the names of a hard link can be met in any order.
+// What one entry says about its inode. The bits of all entries of an inode are combined at the end, so
+// that the names of a hard-linked file can be met in any order.
 constexpr uint64_t kOnlyNow = 1;   // a name that only the fileset has
 constexpr uint64_t kOnlyThen = 2;  // a name that only the snapshot has
 constexpr uint64_t kInBoth = 4;    // a name that means it in both
@@ -77,7 +77,7 @@ void TreeComparison::noteEntries(uint64_t dir, const EntryDifference &changed) {
 void TreeComparison::addCandidates(uint64_t dir, std::vector<TwinCandidate> candidates,
                                    const Changed &changed) {
   std::lock_guard lock(mutex_);
-  // What is not looked at counts as different, and is made again.
+  // A pair that is not examined counts as different, and the restore makes the file again.
   if (candidates_.size() + candidates.size() > kMostCandidates) return;
   std::move(candidates.begin(), candidates.end(), std::back_inserter(candidates_));
   changed_dirs_[dir] = changed;
@@ -100,7 +100,8 @@ void TreeComparison::readMargin() {
   if (taken > margin) unchanged_until_ = taken - margin;
 }
 
-// Whether the largest change time below an active directory is older than the snapshot.
+// Sets *passed if the largest change time below the active directory is older than the snapshot by more
+// than the margin. 0 or -errno.
 int TreeComparison::maybePassOver(const Folder &folder, bool *passed) {
   *passed = false;
   if (unchanged_until_ == 0 || folder.changed || folder.ino == active_.ino) return 0;
@@ -133,8 +134,8 @@ int TreeComparison::compute() {
   push({Folder::kPair, active_.ino, same == 0, snapshot_.inode.another(), ""});
   rc = workAndShare();
   if (rc < 0) return rc;
-  // By now every directory of the snapshot has been looked at, so what is left is new with all it
-  // holds.
+  // Every directory of the snapshot has been compared by now, so the remaining directories are new,
+  // with everything in them that was not moved there.
   descending_ = true;
   for (uint64_t ino : std::exchange(unmatched_, {}))
     if (!moved_.contains(ino)) folders_.push_back({Folder::kNew, ino, true, {}, ""});
@@ -148,7 +149,7 @@ int TreeComparison::compute() {
   return rc;
 }
 
-// Whether what is left is for others.
+// Returns true if this process should leave the remaining directories to others.
 bool TreeComparison::stops() const {
   return visited_ >= most_visited_ ||
          (division_ != nullptr && !alone_ && folders_.size() >= kGroupLeast * division_->groups);
@@ -175,8 +176,8 @@ void TreeComparison::work() {
   for (;;) {
     changed_.wait(lock, [&] { return !folders_.empty() || busy_ == 0 || failure_ != 0 || stops(); });
     if (folders_.empty() || failure_ != 0 || stops()) break;
-    // The last one first: depth before breadth keeps the list short. But to share the work, many
-    // directories are wanted soon.
+    // Depth first keeps the list short. But a process that shares the work out needs many directories
+    // soon, so it goes breadth first.
     int rc;
     {
       const bool breadth = division_ != nullptr && !alone_;
@@ -189,7 +190,7 @@ void TreeComparison::work() {
       ++visited_;
       lock.unlock();
       try {
-        // The place of a directory that lies deeper than a path can tell is not known here.
+        // Another process found this directory at a path that was too long to be passed on.
         const bool lost = folder.path.empty() && folder.kind != Folder::kNew && !folder.then;
         rc = lost                  ? -ENAMETOOLONG
              : folder.path.empty() ? 0
@@ -207,7 +208,7 @@ void TreeComparison::work() {
   changed_.notify_all();
 }
 
-// Looks a directory of the snapshot up by its path, and keeps the places on the way.
+// Looks up a directory of the snapshot by its path, and notes the places of all directories on it.
 int TreeComparison::openThen(const std::string &path, uint64_t ino, InodeRef *dir) {
   InodeRef at = snapshot_.inode.another();
   uint64_t parent = snapshot_.ino;
@@ -253,8 +254,8 @@ int TreeComparison::visitPair(const Folder &folder) {
   bool passed;
   if (int looked = maybePassOver(folder, &passed); looked < 0 || passed) return looked;
   std::vector<CephEntry> now, then;
-  // The active tree first: to show what is true now, its servers call in what clients keep to
-  // themselves, which makes the snapshot complete as well.
+  // List the active directory first: the servers then call in the changes that clients have not written
+  // back, which makes the snapshot complete as well.
   int rc = listActive(folder.ino, &now);
   if (rc == 0) rc = snapshot_.client->list(folder.then, &then, true);
   if (rc < 0) return rc;
@@ -297,7 +298,7 @@ int TreeComparison::visitPair(const Folder &folder) {
   return rc;
 }
 
-// An entry that is the same in both trees.
+// Compares an entry whose name leads to the same inode in both trees.
 int TreeComparison::compareEntry(const Folder &folder, const CephEntry &now, CephEntry &then) {
   const uint64_t ino = now.st.stx_ino, dir = folder.ino;
   int same = 1;
@@ -373,8 +374,8 @@ void TreeComparison::recordFiles() {
   }
 }
 
-// A file of both trees may have some of its names in a directory that was made again, and others in
-// directories of both trees, through which leads go to it. The search has met only the first.
+// A file of both trees can have some of its names in a directory that was made again, and others in
+// directories of both trees, which have leads to it. The twin search has met only the former.
 int TreeComparison::meetSharedNames(const SortedPairs &leads, TwinSearch *search) {
   const std::unordered_set<uint64_t> inodes = search->withUnmetNames();
   if (inodes.empty()) return 0;
@@ -396,7 +397,7 @@ int TreeComparison::meetSharedNames(const SortedPairs &leads, TwinSearch *search
   return 0;
 }
 
-// Takes twins, and what differs by them alone, out of the difference.
+// Removes twins from the difference, and directories that differ only by twins.
 int TreeComparison::settleTwins(const SortedPairs &leads) {
   if (candidates_.empty()) return 0;
   TwinSearch search(active_, snapshot_, *difference_);
@@ -422,8 +423,8 @@ int TreeComparison::settleTwins(const SortedPairs &leads) {
   return 0;
 }
 
-// Keeps the leads to inodes of the difference, adds those to its directories, and goes on up to the
-// root.
+// Keeps the leads to inodes of the difference, and adds leads to its directories and to all directories
+// above these, up to the root.
 void TreeComparison::climb(const SortedPairs &files) {
   const SortedPairs parents = parents_.finish();
   PairSorter all;

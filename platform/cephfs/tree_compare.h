@@ -10,12 +10,12 @@
 namespace kest {
 
 // Walks both trees side by side, several directories at a time. 0 and the difference, or -errno. A
-// directory that is in both costs two listings, one that only one tree has one. Memory: a few bytes for
-// what is found and for every directory, and the listings that are compared at the moment.
-// `notes` gets the changed entries of directories, `names` the leads under their names, but for
-// directories that stand where the snapshot has them. `passed_over`: how many directories were not
-// looked into, because the environment allows it (FSETRESTORE_RCTIME_MARGIN). `division`: how other
-// processes help, or null; they look into every directory.
+// directory of both trees costs two listings, any other one. Takes a few bytes of memory for everything
+// that it finds and for every directory, besides the listings that are being compared.
+// `notes` receives the changed entries of directories. `names` receives the names of the leads, except
+// for directories that are where the snapshot has them. `passed_over` receives the number of
+// directories that were not entered because the environment allows it (FSETRESTORE_RCTIME_MARGIN).
+// `division` says how other processes help, or is null; those processes enter every directory.
 int compareTrees(const CephRoot &active, const CephRoot &snapshot, DifferenceSet *difference,
                  ChangeNotes *notes, LeadNames *names, uint64_t *passed_over,
                  const kest_division_t *division = nullptr);

@@ -1,4 +1,4 @@
-// The comparison behind tree_compare.h.
+// The class that does the comparisons of tree_compare.h.
 #pragma once
 
 #include <condition_variable>
@@ -22,17 +22,17 @@
 
 namespace kest {
 
-// After so many directories a process returns the rest of its group. Doubled from round to round, so
-// that few rounds do for any tree.
+// A process returns the rest of its group after a number of directories. That number is doubled from
+// round to round, up to this limit, so that a few rounds suffice for any tree.
 inline constexpr uint64_t kMostGroup = 1 << 18;
 inline constexpr size_t kMostCandidates = 1 << 17;  // for twins; some 10 MiB
 
-// A comparison of one process, or the part of it that the process does.
+// A whole comparison, or the part of one that this process does.
 //
-// Each directory of the snapshot stands in one place, so each is compared once, by whoever has come
-// upon it. What is new can be told from what was moved when all of the snapshot has been looked at, so
-// directories under names that only the fileset has come last. What is found about inodes and
-// directories are sets: the sets of several processes are united.
+// Each directory of the snapshot has one place, so each is compared once, by the process that meets it.
+// New directories can be distinguished from moved ones only when all of the snapshot has been compared.
+// So directories under names that only the fileset has come last. What a process finds about inodes and
+// directories are sets, and the sets of several processes are united.
 class TreeComparison {
  public:
   // `difference` may be null in a process that compares a group. `division` is null where this process
@@ -111,17 +111,17 @@ class TreeComparison {
   const kest_division_t *division_;
   int64_t unchanged_until_ = 0;  // seconds since 1970; 0: everything is looked at
 
-  std::mutex mutex_;  // of everything below
+  std::mutex mutex_;  // protects everything below
   std::condition_variable changed_;
   std::deque<Folder> folders_;
   int busy_ = 0, failure_ = 0;
   uint64_t visited_ = 0;                // directories
   uint64_t passed_over_ = 0;            // directories
-  uint64_t most_visited_ = UINT64_MAX;  // a group is left to the others after this number
+  uint64_t most_visited_ = UINT64_MAX;  // after this number, the rest of the group is returned
   uint64_t group_most_;                 // the same for the groups of the next round
-  bool alone_ = false;                  // nobody else can do what is left
-  bool descending_ = false;             // into what is new: moved_ is complete
-  std::unordered_set<uint64_t> moved_;  // directories of both trees that stand elsewhere now
+  bool alone_ = false;                  // no other process can compare what is left
+  bool descending_ = false;             // new directories are being listed: moved_ is complete
+  std::unordered_set<uint64_t> moved_;  // directories of both trees that are in another place now
   std::vector<uint64_t> unmatched_;     // directories under names that only the fileset has
   PairSorter news_, found_, leads_, parents_;
   std::vector<TwinCandidate> candidates_;

@@ -14,10 +14,10 @@ struct CephRoot {
   InodeRef inode;              // the root directory
   uint64_t ino = 0;            // of it
   uint64_t snapid = kActive;   // or the snapshot's number
-  std::string path;            // of the root directory through a mount, without a slash at its end
-  UniqueFd fd;                 // the same, O_PATH: for those calls that give out descriptors
-  dev_t device = 0;            // of the mount
-  std::string default_layout;  // of the file system's root: a file that has it needs no word about it
+  std::string path;            // root directory through a mount, without trailing slash
+  UniqueFd fd;                 // the same directory, O_PATH, for calls that return descriptors
+  dev_t device = 0;            // st_dev of the mount
+  std::string default_layout;  // layout of files for which none was set
 
   bool isSnapshot() const { return snapid != kActive; }
 };

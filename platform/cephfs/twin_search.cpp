@@ -38,8 +38,8 @@ size_t TwinSearch::groupOf(size_t node) {
   return node;
 }
 
-// Takes up what the two directories have as `name`, without counting the name. *node is kNone where one
-// of them has nothing any more.
+// Adds the pair of inodes that the two directories have as `name`, without counting the name. *node is
+// kNone if one of them does not have the name any more.
 int TwinSearch::add(size_t parent, const InodeRef &dir_now, const InodeRef &dir_then,
                     const std::string &name, size_t *node) {
   InodeRef now, then;
@@ -65,8 +65,8 @@ int TwinSearch::add(size_t parent, const InodeRef &dir_now, const InodeRef &dir_
   return std::min(rc, 0);
 }
 
-// Leaves out the names, which conclude() counts, and what is below a directory, which listPair() and
-// unchangedBelow() judge.
+// Decides whether the two inodes are equal. Leaves the names to conclude(), and what is below a
+// directory to listPair() and unchangedBelow().
 int TwinSearch::judge(size_t node, const InodeRef &now, const CephStat &st_now, const InodeRef &then,
                       const CephStat &st_then) {
   Node &own = nodes_[node];
@@ -89,7 +89,7 @@ int TwinSearch::judge(size_t node, const InodeRef &now, const CephStat &st_now, 
   return std::min(rc, 0);
 }
 
-// A directory of two numbers: each name of the one has to be in the other.
+// Compares two directories with different numbers: both must have the same names.
 int TwinSearch::listPair(const Pair &pair) {
   std::vector<CephEntry> now, then;
   int rc = active_.client->list(pair.now, &now);
@@ -116,10 +116,10 @@ int TwinSearch::listPair(const Pair &pair) {
   return 0;
 }
 
-// Whether a directory of both trees is equal down to the last file. What may be equal only because of
-// other twins is taken up: a name with two numbers, which counts only if it is a candidate itself, and
-// a file of the difference, which may have other names in directories that were made again. 1, 0 or
-// -errno.
+// Whether a directory of both trees is equal down to the last file: 1, 0 or -errno. Adds pairs that may
+// be equal only because of other twins: a name that leads to two numbers, which counts only if it is a
+// candidate itself, and a file of the difference, which can have other names in directories that were
+// made again.
 int TwinSearch::unchangedBelow(size_t top, InodeRef top_now, InodeRef top_then) {
   std::vector<std::pair<InodeRef, InodeRef>> open;
   open.emplace_back(std::move(top_now), std::move(top_then));

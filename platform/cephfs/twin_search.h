@@ -1,5 +1,5 @@
-// Finding twins: an inode that only the snapshot has, and one that only the fileset has, that nobody
-// could tell apart but by their numbers. A restore that made a file again left one.
+// Finds twins: an inode that only the snapshot has and one that only the fileset has, which differ in
+// nothing but their numbers. A restore leaves such pairs when it makes a file again.
 #pragma once
 
 #include <cstdint>
@@ -16,26 +16,25 @@
 
 namespace kest {
 
-// A name in a directory of both trees, under which each has an inode of its own; the listings say the
-// same of both.
+// A name in a directory of both trees that leads to different inodes, with equal listings.
 struct TwinCandidate {
   uint64_t dir = 0;
   std::string name;
 };
 
-// Whether the listings of two inodes agree in all that a restore gives back.
+// Returns true if the listings of two inodes agree in everything that a restore could bring back.
 bool sameTraits(const CephStat &now, const CephStat &then);
 
-// What belongs together, a directory and all below it, or the directories of a file with several names,
-// is twins or is not as a whole.
+// A group of pairs is accepted or rejected as a whole: a directory with everything below it, or the
+// directories in which a file with several names is.
 class TwinSearch {
  public:
-  // `difference`: while nothing is known of twins.
+  // `difference` is the difference without regard to twins.
   TwinSearch(const CephRoot &active, const CephRoot &snapshot, const DifferenceSet &difference)
       : active_(active), snapshot_(snapshot), difference_(difference) {}
 
   int search(const std::vector<TwinCandidate> &candidates);  // 0 or -errno
-  // After search(): the inodes of both trees of which not every name was met.
+  // After search(), returns the inodes of both trees of which not every name was met.
   std::unordered_set<uint64_t> withUnmetNames() const;
   // Counts the names that `inodes` have in the active directory `dir`, where they mean the same inodes
   // in the snapshot. `names`: entries of `dir`, in any order; entries of other inodes are left out.
@@ -55,7 +54,7 @@ class TwinSearch {
  private:
   struct Node {
     uint64_t now = 0, then = 0;
-    size_t group = 0;  // the node that stands for all that belongs together; its own index: this one
+    size_t group = 0;  // a node of the same group, towards its representative, which has its own index
     size_t links = 1, met = 0;
     bool valid = true;
   };

@@ -147,7 +147,7 @@ int kest_mount_in_the_way(const kest_fssnap_handle_t *active, const kest_fssnap_
 /* For a restore that is about to begin, as above. Calls visit(arg, kind, path) for every object of
  * the difference that the restore cannot treat like others; `path` is the absolute path of the
  * object in the fileset. Tries to open every file that must change for writing, which starts
- * breaking leases on it, but waits for nobody. 0; -1: errno. */
+ * breaking leases on it, but does not wait for their holders. 0; -1: errno. */
 #define KEST_OB_RUNS                                                                      \
   1u /* a running program whose data must change, but the kernel lets nobody write to it; \
         kest_idifference reports KEST_DI_RUNS for it from now on */
@@ -211,11 +211,11 @@ int kest_idifference(kest_iscan_t *scan, uint64_t ino);
  * A round begins with open_directories, which returns the descriptor of a new file that the other
  * processes can read. The library writes into it, closes it, and calls compare with at most `groups`
  * groups of directories, each a range of bytes of that file. compare returns when kest_compare_group
- * has succeeded for each, in any process, once or again, and what it wrote is whole. Then open_part is
- * called once for every group of the round, from 0, and returns the descriptor of what was written for
- * it; the library closes it. Some rounds may follow. A callback that fails returns -1 and sets errno,
- * with which the query fails; after ENOSPC and EDQUOT the library compares everything itself.
- * -1: EINVAL, ENOTSUP the file system has nothing of that. */
+ * has succeeded for each group, once or more often and in any process, and its output is complete. Then
+ * open_part is called once for every group of the round, from 0, and returns a descriptor of that
+ * output; the library closes it. Further rounds may follow. A callback that fails returns -1 and sets
+ * errno, with which the query fails; after ENOSPC and EDQUOT the library compares everything itself.
+ * -1: EINVAL; ENOTSUP the file system cannot divide a comparison. */
 typedef struct kest_group {
   uint64_t from, to; /* bytes */
 } kest_group_t;

@@ -128,7 +128,7 @@ std::string describe(const MountLine &mount, const std::string &name) {
                   Program::Capture::kBoth);
   for (bool ended = false; !ended;) answer += program.read(-1, &ended);
   if (program.wait() != 0) throw Trouble(shown(answer.substr(0, answer.find('\n'))));
-  // What the libraries of Ceph have to say may stand before it.
+  // The libraries of Ceph can print lines before it.
   return answer.substr(std::min(answer.find("record:"), answer.size()));
 }
 

@@ -1,6 +1,6 @@
 # Completion of fset for bash: commands, options, paths, filesets, and snapshots with their dates.
 
-# Words with a tab and a date behind become the reply; dates are shown as long as there is a choice.
+# Reads lines of a word, a tab and a date. The words become the reply; the dates are shown as long as there is a choice.
 _fset_reply() {
   local cur=$1 word date words=() lines=()
   while IFS=$'\t' read -r word date; do

@@ -102,7 +102,7 @@ bool directoriesAreHome() {
 
 // Lists a cleared directory for the last phase, which sets its flag again, if it belongs to the
 // snapshot. After the directories have gone home, a number that the snapshot does not know is that of a
-// directory that was made again; its place then tells which snapshot directory it stands for.
+// directory that was made again; its place then shows which directory of the snapshot it replaces.
 Result listClearedDirectory(const std::string &path, uint64_t ino) {
   bool has = false;
   if (Result r = snapshotHas(ino, &has); !r) return r;

@@ -55,14 +55,14 @@ bool Truncations::add(Step step) {
   const std::lock_guard lock(mutex_);
   if (!thread_.joinable()) {
     failed_.reserve(kMost + 1);  // the thread never allocates
-    // The main thread is to get the signals.
+    // Block all signals in the new thread, so that the main thread receives them.
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
     try {
       thread_ = std::thread([this] { work(); });
     } catch (const std::system_error &) {
-      // settle() takes the steps that no thread takes.
+      // Without a thread, settle() performs the steps.
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
   }
@@ -75,7 +75,7 @@ bool Truncations::add(Step step) {
   return waiting_.size() + failed_.size() < kMost;
 }
 
-// Opens the fileset as this process holds it, whatever has its name by now.
+// Opens the fileset once more, and fails if its name leads to another fileset by now.
 int Truncations::openFileset() {
   fileset_ =
       kest_get_fset_snaphandle_by_name(settings.deviceP.c_str(), settings.filesetP.c_str(), nullptr);
@@ -115,7 +115,7 @@ Result Truncations::settle() {
     failed_.clear();
   }
   for (const Step &step : refused) {
-    // A flag forbade it, or the path has to be resolved anew.
+    // A flag forbade it, or the path has to be resolved again.
     const bool again = step.err == EPERM || step.err == EROFS || step.err == ENOENT ||
                        step.err == ESTALE || step.err == ELOOP || step.err == EXDEV;
     if (const Result r = again || step.err == 0 ? truncateNow(step) : failed(kTruncate, step.err); !r) {

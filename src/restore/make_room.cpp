@@ -70,7 +70,7 @@ Result findCandidates(kest_iscan_t *scan, uint64_t max_ino, std::vector<Candidat
 }
 
 // Removes one file. Skips a file that cannot be removed, because of a flag or a mount, or that is gone
-// already: the next one may do.
+// already, because removing the next one may free enough.
 void removeOne(const Candidate &file, Removed *removed) {
   std::vector<std::string> paths;
   if (!findInodePaths(handles.activeFsP, file.ino, handles.rootPath, &paths) || paths.size() != 1)

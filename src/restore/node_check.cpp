@@ -55,7 +55,8 @@ Result writeToken(std::string *token) {
 }
 
 Result ask(const std::string &token, size_t *nodes, int *status) {
-  // Without exec the shell answers for a command that was killed; ssh would count it as a lost node.
+  // The question does not begin with exec: if a signal kills the program, the shell still returns an
+  // exit status. Otherwise ssh would return the one that also means a lost node.
   std::string question = shellWord(settings.exe) + " TEST";
   for (const std::string &word :
        {settings.shareDir, token, settings.deviceP, settings.filesetP, settings.snapOldP})
@@ -103,7 +104,7 @@ int answerNodeCheck(const std::string &token) {
     puts(kAnswer);
     good = fflush(stdout) == 0;
   }
-  // A client of a clustered file system that does not say goodbye is waited for.
+  // Close the session: the servers of a clustered file system wait for a client that ends without that.
   releaseHandles();
   return good ? 0 : 1;
 }

@@ -8,8 +8,7 @@
 
 // Asks every other node of the run once whether it is reachable, has the same version and sees the same
 // work directory, fileset and snapshot. Names each that does not. Sets *nodes to the number of nodes,
-// with this one. rc of a failure is the errno, after
-// messages. Master only.
+// including this one. rc of a failure is the errno, after messages. Master only.
 Result checkNodes(size_t *nodes);
 
 // Answers checkNodes of another node, whose work directory holds `token`, on standard output. Returns

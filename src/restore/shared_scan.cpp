@@ -25,7 +25,7 @@ namespace {
 // A worker takes some time to start, but with more groups than workers the nodes end at about the same
 // time.
 constexpr size_t kGroupsOfWorker = 2;
-constexpr uint64_t kMostOfGroup = 4096;  // directories; some seconds
+constexpr uint64_t kMostOfGroup = 4096;  // directories; comparing them takes some seconds
 
 int rounds = 0;
 

@@ -47,7 +47,7 @@ Result knownKind(uint64_t ino, bool *known, FileKind *kind) {
   return {};
 }
 
-// Sets *running for a running program whose file the kernel lets nobody write, so that it must be made
+// Sets *running for a running program. The kernel allows no write to its file, so that must be made
 // again.
 Result runs(uint64_t ino, bool *running) {
   const int bits = kest_idifference(handles.iscanP, ino);

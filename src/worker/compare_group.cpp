@@ -12,8 +12,8 @@
 
 namespace {
 
-// The part must be on the disks before it has its name: nothing is left of what only the memory of a
-// lost node held.
+// Flush the part to disk before it gets its name: if this node is lost, data that is only in its memory
+// is lost with it.
 Result writePart(const Record &record, const std::string &path) {
   UniqueFd directories, part;
   if (Result r = openWorkFile(record.path, O_RDONLY, &directories); !r) return r;

@@ -47,7 +47,7 @@ class LinkGroup {
 
   Result collectNames(const std::vector<std::string> &paths);
   Result restoreAll();
-  // After restoreAll: another inode has the names than in the snapshot.
+  // After restoreAll: returns true if the names lead to another inode than in the snapshot.
   bool wasMade() const { return target_ != nullptr && target_->st.st_ino != ino_; }
 
  private:
@@ -165,8 +165,8 @@ Result LinkGroup::restoreAll() {
   return restoreAttr(target_->path, settings.phase).at(kAttributes);
 }
 
-// Finds the names of the inode in the snapshot, as paths of the active fileset. *outside: it had others
-// outside of the fileset.
+// Finds the names of the inode in the snapshot, as paths of the active fileset. Sets *outside if it
+// also had names outside the fileset.
 Result lookUpNames(uint64_t ino, const kest_ifile_t *snap, std::vector<std::string> *paths,
                    bool *outside) {
   if (Result r = findInodePaths(handles.oldFsP, ino, handles.rootPath, paths); !r) {

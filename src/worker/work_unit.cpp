@@ -167,7 +167,7 @@ class Checkpoint {
 
  private:
   static constexpr int64_t kPause = 10'000'000, kLongestPause = 500'000'000;  // nanoseconds
-  static constexpr int64_t kPauses = 10;  // as long as writing took: a tenth of the time goes to it
+  static constexpr int64_t kPauses = 10;  // a pause lasts this many times as long as the last write
 
   static int64_t nanoseconds() {
     timespec now{};
@@ -204,7 +204,7 @@ Result performLine(std::string_view text, const std::string &list_path, int done
     markUnfinished(record);
     return stopped;
   }
-  // A step without a way to fail has recorded an error that could not be written to the marker.
+  // A step that cannot return a failure has recorded an error that could not be written to the marker.
   if (unsavedFatalError() != 0) return stop(failed(kPerform, unsavedFatalError()));
   markIfOthersFailed(record);
   checkpoint->done(record, line.opString);
@@ -253,7 +253,8 @@ Result doWorkUnit(const std::string &listPath, int32_t callerPid) {
 
 int runWorker() {
   const int pid = static_cast<int>(getpid());
-  // The servers of a clustered file system wait for a client that ends without saying goodbye.
+  // End after the record at hand and close the session: the servers of a clustered file system wait for
+  // a client that is killed.
   if (kest_spans_nodes(handles.activeFsP) == 1) catchStopSignals();
   traceLog("[THREAD %d] start, phase %d, callerPid %d\n", pid, settings.phase, settings.callerPid);
   flushTraceLines();

@@ -1,5 +1,5 @@
-// ceph_cluster.h: a CephFS of our own, mounted by FUSE. Needs root; meant for the private namespace,
-// whose end is also the end of everything that this starts.
+// ceph_cluster.h: a CephFS made for a test, mounted by FUSE. Needs root. Meant for the private
+// namespace, because its end also ends everything that this class starts.
 #pragma once
 
 #include <string>
@@ -10,8 +10,8 @@ namespace testsupport {
 
 class CephCluster : public TestFileSystem {
  public:
-  // Starts a cluster in /mnt/NAME.cluster, makes it the one of the environment (CEPH_CONF) and mounts
-  // it at /mnt/NAME. Throws std::runtime_error with the failing step.
+  // Starts a cluster in /mnt/NAME.cluster, names its configuration in CEPH_CONF and mounts it at
+  // /mnt/NAME. Throws std::runtime_error with the failing step.
   explicit CephCluster(const std::string &name = "ceph");
   ~CephCluster() override;
   CephCluster(const CephCluster &) = delete;
@@ -22,7 +22,7 @@ class CephCluster : public TestFileSystem {
   std::string path(const std::string &below) const override;
   std::string makeFileset(const std::string &below) override;
   void removeFileset(const std::string &below) override;
-  // Writes back what the mount holds, then takes it.
+  // Writes back what the mount holds, then takes the snapshot.
   std::string takeSnapshot(const std::string &fileset, const std::string &which) override;
   void removeSnapshot(const std::string &fileset, const std::string &which) override;
   std::string snapshotName(const std::string &, const std::string &which) const override {
@@ -31,9 +31,9 @@ class CephCluster : public TestFileSystem {
   std::string snapshotPath(const std::string &fileset, const std::string &which) const override {
     return path(fileset) + "/.snap/" + which;
   }
-  // What ceph prints when it is run with these words.
+  // Runs the command ceph with these words and returns what it prints.
   std::string tell(const std::string &words) const;
-  // Afterwards the metadata server has forgotten what it does not have to remember.
+  // Restarts the metadata server, so that it has nothing in its cache.
   void restartMds();
 
  private:

@@ -24,7 +24,7 @@ class TestFileSystem {
   static unsigned features();
 
   virtual const std::string &mountPoint() const = 0;
-  // Mounts it anew, so that the mount knows only what the file system says now.
+  // Mounts it again, so that nothing comes from the caches of the mount.
   virtual void mountAgain() {}
   // Returns the path of an object, given its path below the top of the file system; "/" and "" are the
   // top.

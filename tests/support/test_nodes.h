@@ -1,5 +1,5 @@
 // test_nodes.h: nodes n1, n2... on this machine, which mount a CephFS and are reached by ssh; see
-// tools/test-nodes. Needs root; meant for the private namespace, whose end is also theirs.
+// tools/test-nodes. Needs root. Meant for the private namespace, because its end also ends the nodes.
 #pragma once
 
 #include <sys/types.h>
@@ -33,7 +33,7 @@ class TestNodes {
 
   // A process of the node whose command line holds `text`; 0: there is none.
   pid_t find(int node, const std::string &text) const;
-  // Command lines of everything that runs of restores on any node and on this machine.
+  // Returns the command lines of all processes of restores, on any node and on this machine.
   static std::vector<std::string> atWork();
 
  private:

@@ -26,12 +26,12 @@ class WriteRecorder {
   std::string device() const { return folder_ + "/device"; }
   // Returns the number of writes and flushes so far, also while the disk is in use.
   uint64_t count() const { return count_; }
-  // Ends the service. Nobody may have the device open.
+  // Ends the service. No process may have the device open.
   void stop();
 
-  // Makes `image`, which must be as the constructor saw it, the disk after a cut behind `records` of
-  // them: all writes before the last flush among these, and of the writes after it those blocks of 4
-  // KiB that `survives` selects. Call it after stop().
+  // Makes `image`, which must be as the constructor saw it, the disk after a power cut that followed
+  // the first `records` writes and flushes. It then has all writes before the last of these flushes,
+  // and of the writes after it those blocks of 4 KiB that `survives` selects. Call it after stop().
   void cut(const std::string &image, uint64_t records, const std::function<bool()> &survives) const;
 
  private:
