@@ -1,4 +1,10 @@
 // The commands. Each returns the exit status and throws Trouble if it cannot do its work.
+//
+// front/command_line calls one of them. find_fileset, choice and when find what the user means.
+// snapshot_store declares what they need from a file system; btrfs_store and ceph_store implement it.
+// difference counts what a restore would change, and run_watch shows progress. Backups are in .fset at
+// the top of a btrfs, which every restore leaves alone, or in the .snap of a CephFS directory. On btrfs
+// undo finds them by the fileset's UUID, which a restore in place keeps.
 #pragma once
 
 #include "front/request.h"
