@@ -313,18 +313,4 @@ int openSameInode(const TreeRoot &root, const Inode &other, std::unique_ptr<Inod
   return rc;
 }
 
-int adoptDescriptor(const TreeRoot &root, int fd, std::unique_ptr<Inode> *inode) {
-  const int flags = fcntl(fd, F_GETFL);
-  if (flags < 0) return -errno;
-  if ((flags & (O_ACCMODE | O_PATH)) != O_RDWR) return -EINVAL;
-  auto opened = std::make_unique<BtrfsInode>(UniqueFd(fd), DescriptorInode::Held::kReal, &root);
-  int rc = opened->learnAll();
-  if (rc == 0 && !S_ISREG(opened->facts().mode)) rc = -EINVAL;
-  if (rc == 0)
-    *inode = std::move(opened);
-  else
-    opened->takeDescriptor();
-  return rc;
-}
-
 }  // namespace kest

@@ -54,9 +54,8 @@ inline const BtrfsInode &asBtrfs(const Inode &inode) {
   return static_cast<const BtrfsInode &>(inode);
 }
 
-// See Tree::openInode and Tree::adoptDescriptor.
+// See Tree::openInode.
 int openInode(const TreeRoot &root, uint64_t ino, std::unique_ptr<Inode> *inode);
-int adoptDescriptor(const TreeRoot &root, int fd, std::unique_ptr<Inode> *inode);
 // See Tree::openSame.
 int openSameInode(const TreeRoot &root, const Inode &other, std::unique_ptr<Inode> *inode);
 

@@ -72,10 +72,6 @@ int BtrfsTree::createFile(const Directory &dir, const std::string &name, mode_t 
   return kest::createFile(root_, dir, name, mode, inode);
 }
 
-int BtrfsTree::adoptDescriptor(int fd, std::unique_ptr<Inode> *inode) const {
-  return kest::adoptDescriptor(root_, fd, inode);
-}
-
 int BtrfsTree::openDirectory(const Directory *start, std::string_view path,
                              std::unique_ptr<Directory> *dir) const {
   const int fd = start == nullptr ? root_.fd.get() : static_cast<const BtrfsDirectory *>(start)->fd();

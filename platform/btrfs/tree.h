@@ -22,7 +22,6 @@ class BtrfsTree : public Tree {
                 std::unique_ptr<Inode> *inode) const override;
   int createFile(const Directory &dir, const std::string &name, mode_t mode,
                  std::unique_ptr<Inode> *inode) const override;
-  int adoptDescriptor(int fd, std::unique_ptr<Inode> *inode) const override;
   int openDirectory(const Directory *start, std::string_view path,
                     std::unique_ptr<Directory> *dir) const override;
   int duplicateDirectory(int fd, std::unique_ptr<Directory> *dir) const override;

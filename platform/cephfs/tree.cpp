@@ -188,10 +188,6 @@ int CephTree::createFile(const Directory &dir, const std::string &name, mode_t m
   return 0;
 }
 
-int CephTree::adoptDescriptor(int, std::unique_ptr<Inode> *) const {
-  return -ENOTSUP;
-}
-
 int CephTree::openDirectory(const Directory *start, std::string_view path,
                             std::unique_ptr<Directory> *dir) const {
   return openDirectoryBeneath(root_, static_cast<const CephDirectory *>(start), path, dir);

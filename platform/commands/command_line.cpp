@@ -72,7 +72,7 @@ int CommandLine::fail(const std::string &text, int error) const {
 int CommandLine::openDevice(const std::string &device, std::unique_ptr<FileSystem> *fs) const {
   const int rc = openFileSystem(device, fs);
   if (rc < 0 && !errorText().empty()) return fail(errorText());
-  if (rc == -ENODEV) return fail(device + " is no mounted btrfs");
+  if (rc == -ENODEV) return fail(device + " is no mounted file system of a known kind");
   return rc < 0 ? fail(device, rc) : 0;
 }
 

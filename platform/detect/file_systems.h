@@ -1,4 +1,7 @@
-// The only module that knows which file systems exist, and chooses among them.
+// The only module of the library that knows which file systems exist, and chooses among them. Above the
+// library only the stores of the command for people (src/front) know them. The engine is not linked
+// with the library and finds in the mount table whether nodes can share a file system
+// (engine/node_list).
 #pragma once
 
 #include <memory>

@@ -262,8 +262,6 @@ class Tree {
   // Creates a regular file with exactly this mode and opens it for reading and writing. -EEXIST.
   virtual int createFile(const Directory &dir, const std::string &name, mode_t mode,
                          std::unique_ptr<Inode> *inode) const = 0;
-  // Takes ownership of `fd`, a regular file of this tree open for reading and writing, unless it fails.
-  virtual int adoptDescriptor(int fd, std::unique_ptr<Inode> *inode) const = 0;
   // Opens the directory `path` beneath `start` (NULL: the root). -ELOOP: a component is a symbolic
   // link; -EXDEV: the path leads into another tree or through a mount.
   virtual int openDirectory(const Directory *start, std::string_view path,

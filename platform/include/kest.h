@@ -287,15 +287,11 @@ int kest_stat_inode64(kest_iscan_t *scan, uint64_t ino, uint64_t term_ino, const
  * has no name. */
 kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *handle, uint64_t ino, int flags, const void *attr,
                            const char *link);
-/* The same for the regular file of `fd`, which is open for reading and writing. Takes ownership of
- * the descriptor unless it fails. NULL: EINVAL not a regular file, or not open for both; EXDEV it
- * belongs to another tree; ENOENT it has no name; errno. */
-kest_ifile_t *kest_iopen_fd(kest_fssnap_handle_t *handle, int fd);
 /* Opens the object at `path`, of any type, without side effects on a device or FIFO and without
  * following a final symbolic link. Resolves the path like the path calls below. NULL: errno. */
 kest_ifile_t *kest_iopen_path(kest_fssnap_handle_t *handle, const char *path);
-/* Creates a regular file at `path` with exactly this mode, owned by the caller, like kest_open_file
- * with O_CREAT | O_EXCL, and opens it for reading and writing. NULL: EEXIST the name exists; EROFS
+/* Creates a regular file at `path` with exactly this mode, owned by the caller, and
+ * opens it for reading and writing. NULL: EEXIST the name exists; EROFS
  * flags of the directory forbid it; errno. */
 kest_ifile_t *kest_icreate(kest_fssnap_handle_t *active, const char *path, mode_t mode);
 /* Opens the active inode that is the same file as `snap`, an open inode of a snapshot, by number and
@@ -355,9 +351,6 @@ int kest_inode_names(kest_fssnap_handle_t *handle, uint64_t ino,
 
 /* Reads the present attributes of an open inode. -1: errno. */
 int kest_istat(const kest_ifile_t *file, kest_iattr64_t *attr);
-
-/* Calls fstat for an open inode. -1: errno. */
-int kest_ifstat(const kest_ifile_t *file, struct stat *st);
 
 /* The calls of similar names below, on an open inode: owner (keeps set-user-ID, set-group-ID and
  * file capabilities; EPERM stays EPERM), the twelve mode bits, times, opaque ACL, inode flags
@@ -440,15 +433,17 @@ int kest_iputattrsx(kest_ifile_t *file, int flags, const void *buf, const char *
 
 /* Opaque ACL: the access ACL, the default ACL of a directory, and the twelve mode bits. `buf` begins
  * with its length (int32), version (uint16, 0) and type (uint8, 1), which the caller sets; put uses
- * only the length. Neither follows `path` if that is a symbolic link, and putacl does nothing to
- * one. getacl -1: ENOSPC the length field now holds the size needed. putacl -1: EPERM flags forbid
- * it. Both -1: errno. */
+ * only the length. Part of the interface for other programs. Neither follows `path` if that is a
+ * symbolic link, and putacl does nothing to one. getacl -1: ENOSPC the length field now holds the size
+ * needed. putacl -1: EPERM flags forbid it. Both -1: errno. */
 int kest_getacl(const char *path, int flags, void *buf);
 int kest_putacl(const char *path, int flags, const void *buf);
 
-/* Sets the access time times[0] if bit 0 of `flags` is set, and the modification time times[1] if
- * bit 1 is set. Ignores times[2] (ctime) and times[3] (creation), which cannot be set on btrfs. Does
- * not follow a symbolic link. */
+#define KEST_ACCESS_TIME 1
+#define KEST_MODIFICATION_TIME 2
+/* Sets the access time times[0] if `flags` has KEST_ACCESS_TIME, and the modification time times[1] if
+ * it has KEST_MODIFICATION_TIME. Ignores times[2] (ctime) and times[3] (creation), which cannot be set
+ * on btrfs. Does not follow a symbolic link. Part of the interface for other programs. */
 int kest_set_times_path(const char *path, int flags, const kest_timestruc64_t times[4]);
 
 /* Executes a control request on a descriptor (O_PATH suffices). `request` is a header of four int32
@@ -527,7 +522,8 @@ typedef struct kest_block_map {
 } kest_block_map_t;
 /* Fills `record`, a kest_block_map_t, with the data and holes of the regular file `fd` (open for
  * reading). `code` is KEST_BLOCK_MAP, `argument` is unused (NULL). 0, without extents if the range
- * begins at or after the end of the file; -1: EINVAL; errno. */
+ * begins at or after the end of the file; -1: EINVAL; errno. Part of the interface for other
+ * programs. */
 int kxfattr(int fd, int code, void *record, void *argument);
 
 /* ---- path calls ----------------------------------------------------------------------------- */
@@ -549,10 +545,6 @@ int kest_rename_noreplace(kest_fssnap_handle_t *active, const char *from, const 
 int kest_move_junction(kest_fssnap_handle_t *active, const char *from, const char *to, uint64_t id);
 /* Keeps file capabilities. */
 int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size, uint64_t ino);
-/* Calls open(2) with `flags`, O_CLOEXEC, O_NOFOLLOW and `mode`, to which the umask does not apply.
- * With O_CREAT, opens an existing object only if it is a regular file: ELOOP a symbolic link; EISDIR
- * a directory; EEXIST anything else. Returns a descriptor. */
-int kest_open_file(kest_fssnap_handle_t *active, const char *path, int flags, mode_t mode);
 /* kest_mkdir and kest_mknod: ESTALE the new object was replaced before its mode was set. */
 int kest_mkdir(kest_fssnap_handle_t *active, const char *path, mode_t mode);
 int kest_mknod(kest_fssnap_handle_t *active, const char *path, mode_t mode, dev_t device);
@@ -575,13 +567,8 @@ int kest_open_path(kest_fssnap_handle_t *handle, const char *path);
 int kest_lstat(kest_fssnap_handle_t *handle, const char *path, struct stat *st);
 /* Returns a close-on-exec descriptor of an open inode, for calls that accept O_PATH descriptors. */
 int kest_path_descriptor(const kest_ifile_t *file);
-/* kest_getacl, kest_putacl and kest_set_times_path for any descriptor (O_PATH suffices). */
-int kest_fgetacl(int fd, int flags, void *buf);
-int kest_fputacl(int fd, int flags, const void *buf);
+/* kest_set_times_path for any descriptor (O_PATH suffices). */
 int kest_fset_times(int fd, int flags, const kest_timestruc64_t times[4]);
-/* Sets the owner of the object of any descriptor (O_PATH suffices). Keeps set-user-ID, set-group-ID
- * and file capabilities. EPERM stays EPERM. */
-int kest_fchown(int fd, uint64_t uid, uint64_t gid);
 
 #ifdef __cplusplus
 }

@@ -22,8 +22,6 @@ constexpr char kCapability[] = "security.capability";
 constexpr char kDefault[] = "system.posix_acl_default";
 constexpr mode_t kModeBits = 07777;
 
-enum TimesFlag { kAccessTime = 1, kModificationTime = 2 };
-
 // Reads an ACL attribute; "" if the object has none. 0 or -errno.
 int readAclXattr(Inode &inode, const char *name, std::string *value) {
   const int rc = inode.readXattr(name, value);
@@ -101,8 +99,8 @@ int convertTimes(int flags, const kest_timestruc64_t times[4], struct timespec s
   if (times == nullptr) return -EINVAL;
   stamps[0] = stamps[1] = {0, UTIME_OMIT};
   int rc = 0;
-  if (flags & kAccessTime) rc = convert(times[0], &stamps[0]);
-  if (rc == 0 && (flags & kModificationTime)) rc = convert(times[1], &stamps[1]);
+  if (flags & KEST_ACCESS_TIME) rc = convert(times[0], &stamps[0]);
+  if (rc == 0 && (flags & KEST_MODIFICATION_TIME)) rc = convert(times[1], &stamps[1]);
   return rc;
 }
 
@@ -164,14 +162,6 @@ int kest_putacl(const char *path, int flags, const void *buf) {
   });
 }
 
-int kest_fgetacl(int fd, int flags, void *buf) {
-  return cCall([&] { return readAclBuffer(*inodeBehind(fd), flags, buf); });
-}
-
-int kest_fputacl(int fd, int flags, const void *buf) {
-  return cCall([&] { return writeAclBuffer(*inodeBehind(fd), flags, buf); });
-}
-
 int kest_set_times_path(const char *path, int flags, const kest_timestruc64_t times[4]) {
   return cCall([&] {
     if (path == nullptr) return -EINVAL;
@@ -187,13 +177,6 @@ int kest_fset_times(int fd, int flags, const kest_timestruc64_t times[4]) {
     struct timespec stamps[2];
     int rc = convertTimes(flags, times, stamps);
     return rc == 0 ? inodeBehind(fd)->setTimes(stamps) : rc;
-  });
-}
-
-int kest_fchown(int fd, uint64_t uid, uint64_t gid) {
-  return cCall([=] {
-    KeptCapability capability;
-    return changeOwner(*inodeBehind(fd), uid, gid, &capability);
   });
 }
 

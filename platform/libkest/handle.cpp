@@ -23,7 +23,8 @@ int openHandle(const char *device, const char *fileset, const char *snapshot,
   std::unique_ptr<FileSystem> fs;
   const int rc = openFileSystem(device, &fs);
   if (rc < 0 && !errorText().empty()) return rc;
-  if (rc == -ENODEV) return failWith(ENODEV, std::string(device) + " is no mounted btrfs file system");
+  if (rc == -ENODEV)
+    return failWith(ENODEV, std::string(device) + " is no mounted file system of a known kind");
   if (rc < 0) return failWith(-rc, std::string(device) + ": " + strerror(-rc));
   return fs->openTree(fileset, snapshot, &handle->tree);
 }

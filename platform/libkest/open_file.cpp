@@ -90,18 +90,6 @@ kest_ifile_t *kest_iopen64(kest_fssnap_handle_t *handle, uint64_t ino, int, cons
   return file;
 }
 
-kest_ifile_t *kest_iopen_fd(kest_fssnap_handle_t *handle, int fd) {
-  kest_ifile_t *file = nullptr;
-  cCall([&] {
-    if (handle == nullptr || fd < 0) return -EINVAL;
-    std::unique_ptr<Inode> inode;
-    int rc = handle->tree->adoptDescriptor(fd, &inode);
-    if (rc == 0) file = handOut(std::move(inode));
-    return rc;
-  });
-  return file;
-}
-
 kest_ifile_t *kest_iopen_same(kest_fssnap_handle_t *active, const kest_ifile_t *snap) {
   kest_ifile_t *file = nullptr;
   cCall([&] {
@@ -138,13 +126,6 @@ int kest_istat(const kest_ifile_t *file, kest_iattr64_t *attr) {
   return cCall([&] {
     OpenFile *open = openFile(file);
     return open == nullptr || attr == nullptr ? -EINVAL : open->inode->readAttributes(attr);
-  });
-}
-
-int kest_ifstat(const kest_ifile_t *file, struct stat *st) {
-  return cCall([&] {
-    OpenFile *open = openFile(file);
-    return open == nullptr || st == nullptr ? -EINVAL : open->inode->stat(st);
   });
 }
 

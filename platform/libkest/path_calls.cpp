@@ -19,7 +19,6 @@ namespace kest {
 namespace {
 
 constexpr mode_t kModeBits = 07777;
-constexpr int kCreateAttempts = 100;
 // Two processes can work on two names of one clone parent. One then sets the flag again while the other
 // needs it cleared.
 constexpr int kLiftAttempts = 1000;
@@ -32,51 +31,6 @@ int setModeOfNew(const Place &place, mode_t type, mode_t mode, dev_t device = 0)
   const bool fresh = st.st_uid == geteuid() && st.st_nlink == 1 && st.st_size == 0;
   if ((st.st_mode & S_IFMT) != type || st.st_rdev != device || !fresh) return -ESTALE;
   return made->setExactMode(mode);
-}
-
-// Checks the type before the open, because opening a device can have effects and opening a FIFO can
-// block.
-int openExisting(const Place &place, int flags, std::unique_ptr<Inode> *file) {
-  std::unique_ptr<Inode> found;
-  struct stat st;
-  if (int rc = place.dir->openObject(place.leaf, &found, &st); rc != 0) return rc;
-  if (S_ISLNK(st.st_mode)) return -ELOOP;
-  if (S_ISDIR(st.st_mode)) return -EISDIR;
-  if (!S_ISREG(st.st_mode)) return -EEXIST;
-  return outcome(found->reopen(flags & ~O_NOFOLLOW, file), *found);
-}
-
-// Like open(2), but also tells whether it created the file, which O_CREAT alone does not.
-int openOrCreate(const Place &place, int flags, mode_t mode, std::unique_ptr<Inode> *file,
-                 bool *created) {
-  for (int attempt = 0; attempt < kCreateAttempts; attempt++) {
-    *created = true;
-    int rc = place.dir->open(place.leaf, flags | O_CREAT | O_EXCL, mode, file);
-    if (rc == 0) return 0;
-    if (rc != -EEXIST || (flags & O_EXCL)) return outcome(rc, {takingDirectory(place)});
-    *created = false;
-    rc = openExisting(place, flags & ~O_CREAT, file);
-    if (rc != -ENOENT) return rc;
-  }
-  return -ENOENT;
-}
-
-// Returns a descriptor or -errno.
-int openFileAt(const Place &place, int flags, mode_t mode) {
-  // Only a directory can have a name with a trailing slash.
-  if (place.leaf.size() > 1 && place.leaf.back() == '/') return -EISDIR;
-  std::unique_ptr<Inode> file;
-  flags |= O_CLOEXEC | O_NOFOLLOW;
-  if ((flags & O_CREAT) == 0) {
-    int rc = place.dir->open(place.leaf, flags, mode, &file);
-    return rc == 0 ? file->takeDescriptor() : outcome(rc, {object(place), takingDirectory(place)});
-  }
-  bool created = false;
-  if (int rc = openOrCreate(place, flags, mode, &file, &created); rc != 0) return rc;
-  if (created) {
-    if (int rc = file->setExactMode(mode); rc != 0) return rc;
-  }
-  return file->takeDescriptor();
 }
 
 int truncateFile(const Place &place, int64_t size, uint64_t ino) {
@@ -233,10 +187,6 @@ int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to, ui
 
 int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size, uint64_t ino) {
   return onPath(active, path, [=](const Place &place) { return truncateFile(place, size, ino); });
-}
-
-int kest_open_file(kest_fssnap_handle_t *active, const char *path, int flags, mode_t mode) {
-  return onPath(active, path, [=](const Place &place) { return openFileAt(place, flags, mode); });
 }
 
 int kest_mkdir(kest_fssnap_handle_t *active, const char *path, mode_t mode) {

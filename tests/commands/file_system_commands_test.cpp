@@ -76,7 +76,7 @@ TEST_F(Commands, CommitMakesTheTreesShowEverything) {
       good("sync");
     }
   }
-  expectFails("ktfsctl /proc suspend", "ktfsctl: /proc is no mounted btrfs\n");
+  expectFails("ktfsctl /proc suspend", "ktfsctl: /proc is no mounted file system of a known kind\n");
   expectFails("ktfsctl /mnt/home freeze", "ktfsctl: ");
 }
 

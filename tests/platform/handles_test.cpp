@@ -69,7 +69,8 @@ TEST_F(Handles, ResolvesOverAllMounts) {
   EXPECT_EQ("/mnt/handles/@snaps/2/snapshot",
             pathOf(openHandle(fs_.mountPoint(), "@home", "@snaps/2/snapshot")));
 
-  EXPECT_EQ("ENODEV: /proc is no mounted btrfs file system", refusal("@home", nullptr, "/proc"));
+  EXPECT_EQ("ENODEV: /proc is no mounted file system of a known kind",
+            refusal("@home", nullptr, "/proc"));
   EXPECT_EQ("ENOENT: /mnt/nothing: No such file or directory",
             refusal("@home", nullptr, "/mnt/nothing"));
   EXPECT_EQ(

@@ -113,42 +113,6 @@ TEST_F(Ranges, WritesHolesWithoutTouchingHoles) {
 }
 
 // A file of many pieces: the comparison is made once, not once for each piece.
-// A file that the caller opened: read and written through that descriptor.
-TEST_F(Ranges, OfAFileThatIsTakenOver) {
-  tree_->file("file", "before");
-  tree_->file("gone", "x");
-  const auto descriptor = [&](const std::string &path, int flags) {
-    return Descriptor(::open(path.c_str(), flags | O_CLOEXEC));
-  };
-  const int number = ::open(at("file").c_str(), O_RDWR | O_CLOEXEC);
-  Inode file(kest_iopen_fd(active_.get(), number));
-  ASSERT_NE(nullptr, file);
-  EXPECT_EQ(inode("file"), file->if_inode);
-  EXPECT_EQ(1, kest_same_file(file.get(), open("file").get()));
-  EXPECT_EQ(6, kest_iwritex(file.get(), "behind", 6, 6, 0));
-  char text[12] = {};
-  int64_t offset = 0;
-  EXPECT_EQ(12, kest_iread(file.get(), text, sizeof text, &offset));
-  EXPECT_EQ("beforebehind", std::string(text, sizeof text));
-  file.reset();
-  EXPECT_EQ(-1, fcntl(number, F_GETFD));
-
-  const auto refused = [&](int error, const Descriptor &other) {
-    errno = 0;
-    EXPECT_EQ(nullptr, kest_iopen_fd(active_.get(), other.get()));
-    EXPECT_EQ(error, errno);
-    EXPECT_TRUE(!other.valid() || fcntl(other.get(), F_GETFD) >= 0) << "it was closed";
-  };
-  Descriptor gone = descriptor(at("gone"), O_RDWR);
-  unlink(at("gone").c_str());
-  refused(ENOENT, gone);
-  refused(EINVAL, descriptor(root(), O_RDONLY));
-  refused(EINVAL, descriptor(at("file"), O_RDONLY));
-  testsupport::TreeBuilder("/mnt").file("elsewhere");
-  refused(EXDEV, descriptor("/mnt/elsewhere", O_RDWR));
-  refused(EINVAL, Descriptor());
-}
-
 TEST_F(Ranges, OfManyPiecesTakeOneComparison) {
   constexpr int kPieces = 5120;
   tree_->big("file", 8 * K * kPieces, 1);
