@@ -78,6 +78,7 @@ enum class Message : int {
   kRootAttrFailed,
   kKeptAside,
   kWorkDirKept,
+  kDirKept,
   kForeignWorkDir,
   kReplaced,
   kAlreadyRunning,
@@ -136,9 +137,8 @@ inline constexpr MessageText kMessages[] = {
     {Message::kFlushFailed, 0, 0, "Error flushing work file %s: %s\n"},
     {Message::kCloseFailed, 27, 269, "Error closing work file %s: %s\n"},
     {Message::kUsage, 27, 476,
-     "Usage %s\n    Device { -j FileSet -o SnapShot} \n    [ -b unitSize | -m threads | -N nodes | -q "
-     "quite "
-     "| -x no_EA | -v Verb| -B maxFiles | -E restore_ENC_EA]\n"},
+     "Usage %s\n    Device { -j FileSet -o SnapShot} \n    [ -b unitSize | -m threads | -N nodes | "
+     "-q quite | -x no_EA | -v Verb| -B maxFiles | -E restore_ENC_EA]\n"},
     {Message::kNoHandle, 27, 478,
      "Failed to get handle for fileset %s, snapshot %s in file system %s. %s.\n"},
     {Message::kNoSnapId, 27, 479, "Failed to get Id of snapshot %s. %s\n"},
@@ -192,12 +192,10 @@ inline constexpr MessageText kMessages[] = {
     {Message::kPathTooLong, 27, 505, "Cannot restore a file whoes path is larger than 4096.\n"},
     {Message::kNoSpace, 27, 517,
      "There is not enough free inode or disk space in the restoring fileset.\nReserve enough free "
-     "inode and "
-     "disk space and try again.\n"},
+     "inode and disk space and try again.\n"},
     {Message::kWouldRemoveItself, 0, 0,
-     "The restore needs %s, which lies in the fileset %s and is not the same in snapshot %s: it would "
-     "remove "
-     "or change itself. Nothing was changed.\n"},
+     "The restore needs %s, which lies in the fileset %s and is not the same in snapshot %s: it "
+     "would remove or change itself. Nothing was changed.\n"},
     {Message::kCommandMissing, 0, 0, "The restore needs %s. %s. Nothing was changed.\n"},
     {Message::kReadOnlyFileset, 0, 0, "The fileset %s is read-only. Nothing was changed.\n"},
     {Message::kNumberTooSmall, 0, 0,
@@ -208,38 +206,36 @@ inline constexpr MessageText kMessages[] = {
      "The command line would be longer than %d bytes and is not run: %s\n"},
     {Message::kCloneListTooDeep, 0, 0, "Clones nested deeper than %d levels cannot be restored: %s\n"},
     {Message::kCloneParentGone, 0, 0,
-     "The clone parent of %s is not to be had: it lived in the snapshot with the id %lld. The file is "
-     "restored "
-     "without it.\n"},
+     "The clone parent of %s is not to be had: it lived in the snapshot with the id %lld. The file "
+     "is restored without it.\n"},
     {Message::kDirsUnsettled, 0, 0, "Directory attributes did not settle in %d rounds.\n"},
     {Message::kRootAttrFailed, 0, 0,
      "Failed to restore the attributes of the fileset root %s. err %d\n"},
     {Message::kKeptAside, 0, 0, "Kept aside: %s belongs at %s (%s)\n"},
     {Message::kWorkDirKept, 0, 0,
-     "The work directory %s stays: it holds %lld objects of the fileset. The same command finishes the "
-     "restore.\n"},
+     "The work directory %s stays: it holds %lld objects of the fileset. The same command finishes "
+     "the restore.\n"},
+    {Message::kDirKept, 0, 0,
+     "The directory %s stays: it holds snapshots or filesets, which are left alone.\n"},
     {Message::kForeignWorkDir, 0, 0,
      "%s is not the work directory of this run, or not the owner's alone to write: nothing in it is "
      "used.\n"},
     {Message::kReplaced, 0, 0,
      "Something else stands at %s than a moment ago: somebody is at work in the fileset. It was left "
-     "as "
-     "it is.\n"},
+     "as it is.\n"},
     {Message::kAlreadyRunning, 0, 0,
      "Another restore of the fileset %s is running, or processes of one have not ended yet. Nothing "
-     "was "
-     "changed.\n"},
+     "was changed.\n"},
     {Message::kNoRunLock, 0, 0, "Cannot lock the fileset %s: %s. Nothing was changed.\n"},
     {Message::kStopped, 0, 0,
-     "Stopped by a signal (%s). The fileset %s is partly restored, and the work directory %s stays: it "
-     "can "
-     "hold objects of the fileset. The same command finishes the restore.\n"},
+     "Stopped by a signal (%s). The fileset %s is partly restored, and the work directory %s stays: "
+     "it can hold objects of the fileset. The same command finishes the restore.\n"},
     {Message::kStoppedBefore, 0, 0,
      "Stopped by a signal (%s). Nothing of the fileset %s was restored yet.\n"},
     {Message::kObjectFailed, 0, 0, "Cannot restore %s: %s.\n"},
     {Message::kMountInTheWay, 0, 0,
-     "Something is mounted on %s, and the restore would have to change, move or remove what it covers. "
-     "Nothing was restored. Unmount it and start again.\n"},
+     "Something is mounted on %s, and the restore would have to change, move or remove what it "
+     "covers. Nothing was restored. Unmount it and start again.\n"},
     {Message::kMountsUnknown, 0, 0,
      "Cannot tell what is mounted inside the fileset %s: %s. Nothing was restored.\n"},
     {Message::kOtherNode, 0, 0,
@@ -249,8 +245,8 @@ inline constexpr MessageText kMessages[] = {
     {Message::kAwaitDeadRun, 0, 0,
      "Waiting %d s for the end of what an earlier run has left on other nodes.\n"},
     {Message::kLockOfLostNode, 0, 0,
-     "If it ran on a node that is lost, the lock is free once the file system has evicted the client of "
-     "that node.\n"},
+     "If it ran on a node that is lost, the lock is free once the file system has evicted the client "
+     "of that node.\n"},
     {Message::kPathTooLongWhere, 0, 0, "The first one, of %lld bytes: %s\n"},
     {Message::kCommandEnded, 0, 0, "%s ended with exit status %d.\n"},
     {Message::kNoRights, 0, 0,
@@ -260,52 +256,48 @@ inline constexpr MessageText kMessages[] = {
      "This process runs in a user namespace, where it lacks CAP_SYS_ADMIN and the other capabilities "
      "that the file system asks for. Run it as root outside of it. Nothing was changed.\n"},
     {Message::kFewDescriptors, 0, 0,
-     "This process may open %lld files at a time and needs %lld: raise the limit (ulimit -n). Nothing "
-     "was changed.\n"},
+     "This process may open %lld files at a time and needs %lld: raise the limit (ulimit -n). "
+     "Nothing was changed.\n"},
     {Message::kComparisonFailed, 0, 0, "Cannot compare the fileset %s with its snapshot: %s.\n"},
     {Message::kListFailed, 0, 0, "Cannot work off the list %s: %s.\n"},
     {Message::kInodeFailed, 0, 0, "Cannot look at inode %lld: %s.\n"},
     {Message::kRoomMade, 0, 0,
-     "There was no room for the lists of the restore: %lld files that the snapshot does not have, %lld "
-     "bytes, were removed first.\n"},
+     "There was no room for the lists of the restore: %lld files that the snapshot does not have, "
+     "%lld bytes, were removed first.\n"},
     {Message::kUnlinked, 0, 0,
      "The nested fileset at %s is not in the snapshot. It was unlinked; all its data is at %s.\n"},
     {Message::kUnlinkedFromHome, 0, 0,
-     "The nested fileset at %s belongs at %s, which is taken or gone. It was unlinked; all its data is "
-     "at %s.\n"},
+     "The nested fileset at %s belongs at %s, which is taken or gone. It was unlinked; all its data "
+     "is at %s.\n"},
     {Message::kUnlinkFailed, 0, 0, "Failed to unlink the nested fileset at %s. exit status %d\n"},
     {Message::kProgramRuns, 0, 0,
-     "%s runs and cannot be written: the restore makes it anew. What runs goes on, without a name, until "
-     "it ends.\n"},
+     "%s runs and cannot be written: the restore makes it anew. What runs goes on, without a name, "
+     "until it ends.\n"},
     {Message::kSwapSpace, 0, 0,
      "%s is active swap space and would have to be changed, moved or removed. Nothing was restored. "
-     "Run "
-     "swapoff on it and start again.\n"},
+     "Run swapoff on it and start again.\n"},
     {Message::kNoAcls, 0, 0,
-     "%s has an access control list, but the file system is mounted without them (noacl). Nothing was "
-     "restored. Run mount -o remount,acl %s and start again.\n"},
+     "%s has an access control list, but the file system is mounted without them (noacl). Nothing "
+     "was restored. Run mount -o remount,acl %s and start again.\n"},
     {Message::kObstaclesUnknown, 0, 0,
      "Cannot tell what of the fileset %s is in use: %s. Nothing was restored.\n"},
     {Message::kSmallStack, 0, 0,
-     "The stack is limited to %lld KiB; deep trees need %lld. Nothing was done. Raise the limit with ulimit "
-     "-s.\n"},
+     "The stack is limited to %lld KiB; deep trees need %lld. Nothing was done. Raise the limit with "
+     "ulimit -s.\n"},
     {Message::kPassedOver, 0, 0,
-     "Passed over without comparing: %lld directories with everything below, in which nothing has changed "
-     "since the snapshot according to ceph.dir.rctime (FSETRESTORE_RCTIME_MARGIN).\n"},
+     "Passed over without comparing: %lld directories with everything below, in which nothing has "
+     "changed since the snapshot according to ceph.dir.rctime (FSETRESTORE_RCTIME_MARGIN).\n"},
     {Message::kNamesOutside, 0, 0,
-     "%s had names outside of the fileset as well. It was made again under its names in the fileset; the "
-     "names outside were not touched and mean another file now.\n"},
+     "%s had names outside of the fileset as well. It was made again under its names in the fileset; "
+     "the names outside were not touched and mean another file now.\n"},
     {Message::kCompareUsage, 0, 0, "Usage: %s Device -j FileSet -o SnapShot [--full]\n"},
     {Message::kCompareHelp, 0, 0,
-     "Usage: fsetcompare Device -j FileSet -o SnapShot [--full]\n"
-     "Prints a line for everything in which a fileset differs from its snapshot, and a count.\n"
-     "  Device        a path on the mounted file system, or its block device\n"
-     "  -j FileSet    the path of the subvolume below the top of the file system\n"
-     "  -o SnapShot   the last component of the snapshot's path, or all of it\n"
-     "  --full        reads both trees, byte by byte\n"
-     "  --help        this text\n"
-     "  --version     the version\n"
-     "Exit status: 0 equal; 1 different; 2 that could not be found out.\n"},
+     "Usage: fsetcompare Device -j FileSet -o SnapShot [--full]\nPrints a line for everything in "
+     "which a fileset differs from its snapshot, and a count.\n  Device        a path on the mounted "
+     "file system, or its block device\n  -j FileSet    the path of the subvolume below the top of "
+     "the file system\n  -o SnapShot   the last component of the snapshot's path, or all of it\n  "
+     "--full        reads both trees, byte by byte\n  --help        this text\n  --version     the "
+     "version\nExit status: 0 equal; 1 different; 2 that could not be found out.\n"},
     {Message::kCannotCompare, 0, 0, "Cannot compare %s: %s\n"},
     {Message::kCompareBrokeOff, 0, 0, "The comparison broke off: %s\n"},
     {Message::kOutputLost, 0, 0, "Not every difference could be printed: %s\n"},
