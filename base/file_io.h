@@ -32,7 +32,6 @@ class FileReader {
   // Advances by bytes that peek returned.
   void skip(size_t bytes) { at_ += bytes; }
   uint64_t position() const { return read_ - buffer_.size() + at_; }
-  int descriptor() const { return fd_.get(); }
 
  private:
   const size_t piece_;

@@ -19,6 +19,11 @@ struct [[nodiscard]] Result {
   int reason() const { return rc == 0 ? 0 : err != 0 ? err : rc; }
 };
 
+// Returns true for the errno of a full file system or an exhausted quota.
+inline bool isFull(int err) {
+  return err == ENOSPC || err == EDQUOT;
+}
+
 // Returns a failure with rc -1. The cause is `err` or errno; a cause of 0 becomes EIO.
 inline Result failed(int code, int err = errno) {
   return {-1, code, err != 0 ? err : EIO};

@@ -56,7 +56,7 @@ class BatchRun::Batches {
   // *batch is empty at the end of the list. A failure is that of the list.
   Result next(Batch *batch) {
     while (!batcher_.take(batch) && !at_end_) {
-      ListRecord record;
+      ListedRecord record;
       if (list_->position() >= end_)
         at_end_ = true;
       else if (Result r = list_->next(&record, &at_end_); !r)

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "base/result.h"
 #include "engine/batcher.h"
 #include "engine/run_directory.h"
 #include "engine/run_line.h"
@@ -17,10 +18,6 @@
 #include "engine/worker_slots.h"
 #include "formats/list_record.h"
 #include "formats/policy_text.h"
-
-inline bool isFull(int error) {
-  return error == ENOSPC || error == EDQUOT;
-}
 
 struct RunOutcome {
   uint64_t records = 0;  // records handed to workers

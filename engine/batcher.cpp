@@ -8,7 +8,7 @@
 
 namespace {
 
-uint64_t rangeBytes(const ListRecord &record) {
+uint64_t rangeBytes(const ListedRecord &record) {
   Operation op;
   return parseOpString(record.opString, &op) && op.isRange(1) ? op.length : 0;
 }
@@ -22,7 +22,7 @@ size_t balancedBatchSize(uint64_t records, size_t workers, bool waits, size_t mo
   return static_cast<size_t>(std::min<uint64_t>(std::max(share, least), most));
 }
 
-BatchRecord::BatchRecord(const ListRecord &record)
+BatchRecord::BatchRecord(const ListedRecord &record)
     : aggregate(record.aggregate), bytes(rangeBytes(record)), line(formatBatchLine(record)) {}
 
 void Batcher::add(BatchRecord record) {

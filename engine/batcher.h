@@ -23,7 +23,7 @@ inline constexpr uint64_t kSharedBytes = 8 << 20;
 // The part of a list record that the engine keeps until its worker starts.
 struct BatchRecord {
   BatchRecord() = default;
-  explicit BatchRecord(const ListRecord &record);
+  explicit BatchRecord(const ListedRecord &record);
 
   int64_t aggregate = 0;
   uint64_t bytes = 0;  // length of its byte range

@@ -69,7 +69,7 @@ Result openList(const Options &options, const RunDirectory &directory, ListReade
     *problem = options.list + ": " + strerror(r.err);
     return r;
   }
-  ListRecord record;
+  ListedRecord record;
   bool end = false;
   const uint64_t to = options.part.empty() ? UINT64_MAX : part.to;
   list->seek(part.from);
@@ -118,7 +118,7 @@ int runHere(const Options &options, const RunDirectory &directory, ListReader *l
   std::unique_ptr<RunLine> line;
   if (part != nullptr) {
     // The directory can have another device number on every node, so export the identity it has here.
-    setenv("KT_DIRECTORY", directory.identity().c_str(), 1);
+    setenv(kEngineDirectoryVariable, directory.identity().c_str(), 1);
     setenv(kWorkDirectoryVariable, directory.identity().c_str(), 1);
     if (number != 0) setenv(kNodeVariable, std::to_string(number).c_str(), 1);
     line = std::make_unique<RunLine>();

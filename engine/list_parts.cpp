@@ -18,7 +18,7 @@ constexpr uint64_t kGroupWeight = 25;
 constexpr uint64_t kBytesOfRecord = 1 << 20;
 
 // How much work a record is, compared with a small file.
-uint64_t weight(const ListRecord &record) {
+uint64_t weight(const ListedRecord &record) {
   Operation op;
   if (!parseOpString(record.opString, &op)) return 1;
   if (op.opCode == kOpCrDir || op.opCode == kOpDelDir) return kTreeWeight;
@@ -29,7 +29,7 @@ uint64_t weight(const ListRecord &record) {
 }  // namespace
 
 Result cutList(ListReader *list, size_t nodes, std::vector<ListPart> *parts) {
-  ListRecord record;
+  ListedRecord record;
   bool end = false;
   uint64_t total = 0;
   list->seek(0);

@@ -19,12 +19,12 @@
 #include "base/file_io.h"
 #include "engine/node_shell.h"
 #include "engine/worker_process.h"
+#include "formats/program_names.h"
 #include "formats/shell_words.h"
 #include "formats/work_names.h"
 
 namespace {
 
-constexpr char kEngine[] = "/usr/qtx/kest/bin/ktapplypolicy";
 constexpr char kLoginFile[] = "nodes", kPartFile[] = "parts", kJobLog[] = "joblog";
 constexpr int kLookMs = 100;
 // Signals within this time after the first one belong to the same request to end.

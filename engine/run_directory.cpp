@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include "formats/work_names.h"
+
 namespace {
 
 bool mineAlone(const struct stat &st) {
@@ -21,9 +23,9 @@ Result RunDirectory::open(const std::string &path) {
   fd_.reset(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat st;
   if (!fd_ || fstat(fd_.get(), &st) != 0) return errnoResult(errno);
-  const char *expected = getenv("KT_DIRECTORY");
+  const char *expected = getenv(kEngineDirectoryVariable);
   inode_ = st.st_ino;
-  identity_ = std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
+  identity_ = directoryIdentity(st);
   if (!mineAlone(st) || (expected != nullptr && expected != identity_)) return errnoResult(EPERM);
   return {};
 }

@@ -39,7 +39,7 @@ std::string unescaped(std::string_view text) {
 
 }  // namespace
 
-std::string formatBatchLine(const ListRecord &record) {
+std::string formatBatchLine(const ListedRecord &record) {
   char head[96];
   snprintf(head, sizeof head, "%" PRIu64 " %" PRIu64 " %" PRIu64 "  ", record.ino, record.generation,
            record.snapshot);

@@ -19,7 +19,7 @@ struct BatchLine {
   std::string path;  // decoded
 };
 
-std::string formatBatchLine(const ListRecord &record);
+std::string formatBatchLine(const ListedRecord &record);
 
 // Returns false if the line lacks a field or its newline: a path that was cut off could name another
 // object.

@@ -74,7 +74,7 @@ class FieldReader {
   const char *what_ = "";
 };
 
-bool readFields(FieldReader &in, ListRecord *record) {
+bool readFields(FieldReader &in, ListedRecord *record) {
   uint64_t unused = 0;
   std::string_view text;
   const char *const number = "number expected";
@@ -112,9 +112,9 @@ std::string formatListRecord(int64_t aggregate, uint64_t ino, std::string_view p
   return record;
 }
 
-bool parseListRecord(std::string_view text, ListRecord *record, RecordProblem *problem) {
+bool parseListRecord(std::string_view text, ListedRecord *record, RecordProblem *problem) {
   FieldReader in(text);
-  ListRecord parsed;
+  ListedRecord parsed;
   if (readFields(in, &parsed)) {
     *record = parsed;
     return true;
@@ -144,7 +144,7 @@ Result ListReader::peek(size_t want, std::string_view *text) {
   return r ? errnoResult(EINVAL) : r;
 }
 
-Result ListReader::next(ListRecord *record, bool *end) {
+Result ListReader::next(ListedRecord *record, bool *end) {
   std::string_view text;
   if (Result r = peek(kListRecordMax, &text); !r) return r;
   *end = text.empty();

@@ -18,7 +18,7 @@
 constexpr size_t kListRecordMax = 16384;  // bytes; a longer record is damaged
 
 // A parsed record. Its strings point into the parsed text.
-struct ListRecord {
+struct ListedRecord {
   int64_t aggregate = 0;  // records of one aggregate stay together
   uint64_t ino = 0;
   uint64_t generation = 0;    // 0 in lists of the restore
@@ -40,7 +40,7 @@ struct RecordProblem {
 
 // Parses one record at the start of `text`; record->whole tells its length. Returns false and *problem
 // (may be null) if there is no complete record.
-bool parseListRecord(std::string_view text, ListRecord *record, RecordProblem *problem = nullptr);
+bool parseListRecord(std::string_view text, ListedRecord *record, RecordProblem *problem = nullptr);
 
 // Reads a list, once or several times, record by record. Reads only as far as the list went when it was
 // opened: records that are appended during a run belong to the next run.
@@ -53,7 +53,7 @@ class ListReader {
 
   // Reads the record at the current position; it is valid until the next call. Sets *end after the last
   // record. rc of a failure is the errno; EINVAL: the list is damaged. problem() explains it.
-  Result next(ListRecord *record, bool *end);
+  Result next(ListedRecord *record, bool *end);
 
   uint64_t position() const { return reader_.position(); }  // bytes
   void seek(uint64_t position) { reader_.seek(position); }

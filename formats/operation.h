@@ -42,7 +42,8 @@ bool parseOpString(std::string_view text, Operation *op);
 
 // A record as the operations of a worker take it.
 struct Record {
-  uint64_t ino = 0;  // number in the snapshot or the active fileset, depending on the operation
+  // Number in the snapshot or, for codes 6 and 7, in the active fileset; in clone lists the parent's.
+  uint64_t ino = 0;
   std::string path;  // active path or temporary location; any bytes
   Operation op;
 };

@@ -4,6 +4,8 @@
 
 namespace {
 
+constexpr std::string_view kWorkDirStart = "RestoreTemp";
+constexpr std::string_view kDeletedSetStart = "DelDir_", kNewSetStart = "NewDir_";
 constexpr std::string_view kBucketStart = "MOVE_";
 constexpr std::string_view kNewParentEnd = ".clone.newParent";
 constexpr std::string_view kMoveListEnd = ".move";
@@ -29,18 +31,18 @@ std::optional<Number> takeNumber(std::string_view &name) {
   return value;
 }
 
-// Returns the <d> of "<start><d>".
-std::optional<int> depthAfter(std::string_view start, std::string_view name) {
+// Returns the number of "<start><number>".
+std::optional<int> numberAfter(std::string_view start, std::string_view name) {
   if (!name.starts_with(start)) return std::nullopt;
   name.remove_prefix(start.size());
-  const std::optional<int> depth = takeNumber<int>(name);
-  return name.empty() ? depth : std::nullopt;
+  const std::optional<int> number = takeNumber<int>(name);
+  return name.empty() ? number : std::nullopt;
 }
 
 }  // namespace
 
 std::string workDirName(int number) {
-  return "RestoreTemp" + std::to_string(number);
+  return std::string(kWorkDirStart) + std::to_string(number);
 }
 
 std::string rewrittenList(std::string_view list) {
@@ -50,11 +52,12 @@ std::string originalList(std::string_view list) {
   return std::string(list) + ".orig";
 }
 
-bool isWorkDirName(std::string_view name) {
-  constexpr std::string_view kStart = "RestoreTemp";
-  if (!name.starts_with(kStart)) return false;
-  name.remove_prefix(kStart.size());
-  return takeNumber<int>(name).has_value() && name.empty();
+std::optional<int> parseWorkDirName(std::string_view name) {
+  return numberAfter(kWorkDirStart, name);
+}
+
+std::string directoryIdentity(const struct stat &st) {
+  return std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
 }
 
 std::string nodeFileName(std::string_view file, int node) {
@@ -128,7 +131,10 @@ bool parseTempPlace(std::string_view path, TempPlace *place) {
 }
 
 std::string dirSetName(uint64_t ino, bool deleted) {
-  return (deleted ? "DelDir_" : "NewDir_") + number(ino);
+  return std::string(deleted ? kDeletedSetStart : kNewSetStart) + number(ino);
+}
+bool isDirSetName(std::string_view name) {
+  return name.starts_with(kDeletedSetStart) || name.starts_with(kNewSetStart);
 }
 std::string dirSetListName(uint64_t ino, bool deleted, int depth) {
   return dirSetName(ino, deleted) + "/" + std::to_string(depth);
@@ -149,10 +155,10 @@ std::string cloneDeleteListName(int depth) {
   return std::string(kCloneDeleteListStart) + std::to_string(depth);
 }
 std::optional<int> parseCloneList(std::string_view name) {
-  return depthAfter(kCloneListStart, name);
+  return numberAfter(kCloneListStart, name);
 }
 std::optional<int> parseCloneDeleteList(std::string_view name) {
-  return depthAfter(kCloneDeleteListStart, name);
+  return numberAfter(kCloneDeleteListStart, name);
 }
 
 std::string checkpointName(int32_t caller_pid, const std::string &host, int32_t pid) {

@@ -2,6 +2,8 @@
 // it.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -38,8 +40,8 @@ std::string scanRoundName(int round);                                     // sca
 std::string scanPartName(const std::string &round_file, uint64_t group);  // <round file>.<group>
 std::string unfinishedPartName(const std::string &part, const std::string &host, int32_t pid);
 
-// Returns true for RestoreTemp<number>.
-bool isWorkDirName(std::string_view name);
+// Parses the number of RestoreTemp<number>.
+std::optional<int> parseWorkDirName(std::string_view name);
 
 // Exists while an engine run on several nodes is in progress. A killed engine does not remove it.
 inline constexpr char kNodeRun[] = "node.run";
@@ -51,6 +53,11 @@ inline constexpr char kLostNodes[] = "lost.nodes";
 // on which they run; it is not set on the master's node.
 inline constexpr char kWorkDirectoryVariable[] = "FSETRESTORE_WORK_DIRECTORY";
 inline constexpr char kNodeVariable[] = "FSETRESTORE_NODE";
+// The identity of the directory for the files of an engine run, which is the only one that the engine
+// accepts.
+inline constexpr char kEngineDirectoryVariable[] = "KT_DIRECTORY";
+// Returns "<device>:<inode>" of a directory, the value of the first and the last of these variables.
+std::string directoryIdentity(const struct stat &st);
 
 // A file that several processes of one node append to. Two nodes cannot append to one file at the same
 // time: each writes where it believes the end to be. So every node but the master's (0) has its own.
@@ -91,6 +98,7 @@ bool parseTempPlace(std::string_view path, TempPlace *place);
 std::string dirSetName(uint64_t ino, bool deleted);
 std::string dirSetListName(uint64_t ino, bool deleted, int depth);      // <set>/<depth>
 std::string dirSetMoveListName(uint64_t ino, bool deleted, int depth);  // <set>/<depth>.move
+bool isDirSetName(std::string_view name);
 // Parses the depth from the name of a list or move list in a set.
 std::optional<int> parseDirSetList(std::string_view name);
 

@@ -13,6 +13,7 @@
 #include <set>
 
 #include "base/unique_fd.h"
+#include "formats/program_names.h"
 #include "front/btrfs_backup.h"
 #include "front/info_files.h"
 #include "front/program.h"

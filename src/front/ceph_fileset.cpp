@@ -15,6 +15,7 @@
 #include <optional>
 
 #include "base/fd_path.h"
+#include "formats/program_names.h"
 #include "formats/shell_words.h"
 #include "front/ceph_store.h"
 #include "front/mount_lines.h"

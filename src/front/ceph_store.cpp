@@ -13,6 +13,7 @@
 #include <optional>
 
 #include "base/octal.h"
+#include "formats/program_names.h"
 #include "front/program.h"
 #include "front/text.h"
 #include "front/trouble.h"

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 
+#include "formats/program_names.h"
 #include "front/program.h"
 #include "front/text.h"
 

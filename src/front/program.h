@@ -12,9 +12,6 @@
 
 namespace front {
 
-// The folder into which the restore and its commands are installed.
-inline constexpr char kProgramDir[] = "/usr/qtx/kest/bin/";
-
 // A program that runs beside this process. It is killed when this process dies.
 class Program {
  public:

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 
+#include "formats/program_names.h"
 #include "front/live_line.h"
 #include "front/program.h"
 #include "front/run_watch.h"

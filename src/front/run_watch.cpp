@@ -7,13 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdlib>
 #include <memory>
 #include <vector>
 
 #include "base/file_io.h"
 #include "formats/list_record.h"
+#include "formats/phase.h"
 #include "formats/policy_text.h"
 #include "formats/work_names.h"
 #include "front/text.h"
@@ -30,21 +30,21 @@ enum Rank { kUnknown = -1, kMain, kCloneDelete, kMoveBack, kPending, kCreate, kC
 
 int rankOfPhase(int phase) {
   switch (phase) {
-    case 3:
+    case kPhaseMain:
       return kMain;
-    case 31:
+    case kPhaseCloneDelete:
       return kCloneDelete;
-    case 4:
+    case kPhaseMoveBack:
       return kMoveBack;
-    case 5:
+    case kPhasePending:
       return kPending;
-    case 51:
+    case kPhaseCreate:
       return kCreate;
-    case 7:
+    case kPhaseClones:
       return kClones;
-    case 8:
+    case kPhaseLinks:
       return kLinks;
-    case 6:
+    case kPhaseDirs:
       return kDirs;
     default:
       return kUnknown;
@@ -107,13 +107,10 @@ int optionValue(const std::vector<std::string> &words, const char *option) {
 // Finds the youngest work directory that belongs to root: those that interrupted runs left are older.
 // btrfs never reuses inode numbers of a subvolume, so the largest number is the youngest.
 bool RunWatch::findDirectory() {
-  const std::string start = workDirName(0).substr(0, workDirName(0).size() - 1);
   ino_t youngest = 0;
   for (const std::string &name : namesIn(root_, ".")) {
-    if (!name.starts_with(start)) continue;
-    pid_t number = 0;
-    const char *end = name.data() + name.size();
-    if (std::from_chars(name.data() + start.size(), end, number).ptr != end) continue;
+    const std::optional<int> number = parseWorkDirName(name);
+    if (!number) continue;
     UniqueFd dir(openat(root_, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status;
     if (!dir || fstat(dir.get(), &status) != 0) continue;
@@ -121,7 +118,7 @@ bool RunWatch::findDirectory() {
     youngest = status.st_ino;
     dir_ = std::move(dir);
     name_ = name;
-    number_ = number;
+    number_ = *number;
   }
   return youngest != 0;
 }
@@ -157,7 +154,7 @@ void RunWatch::countList(int dir, const std::string &name, const std::string &ke
   if (!reader.open(std::move(fd))) return;
   reader.seek(list.position);
   // A record that is still incomplete is counted at the next look.
-  for (ListRecord record;;) {
+  for (ListedRecord record;;) {
     bool end = false;
     if (!reader.next(&record, &end) || end) break;
     ++list.records;
@@ -172,7 +169,7 @@ void RunWatch::countLists(int dir, const std::string &folder, int rank) {
       if (parseDirSetList(name)) countList(dir, path, path, rank, true);
     } else if (const int own = rankOfList(name); own != kUnknown) {
       countList(dir, path, path, own, false);
-    } else if (name.starts_with("DelDir_") || name.starts_with("NewDir_")) {
+    } else if (isDirSetName(name)) {
       countLists(dir, path, kMain);
     }
   }
@@ -260,20 +257,20 @@ std::optional<Progress> RunWatch::look() {
 
 std::string phaseText(int phase) {
   switch (phase) {
-    case 3:
+    case kPhaseMain:
       return frontText(FrontText::kPhaseMain);
-    case 31:
+    case kPhaseCloneDelete:
       return frontText(FrontText::kPhaseCloneDelete);
-    case 4:
-    case 5:
+    case kPhaseMoveBack:
+    case kPhasePending:
       return frontText(FrontText::kPhaseMoveBack);
-    case 51:
+    case kPhaseCreate:
       return frontText(FrontText::kPhaseCreate);
-    case 7:
+    case kPhaseClones:
       return frontText(FrontText::kPhaseClones);
-    case 8:
+    case kPhaseLinks:
       return frontText(FrontText::kPhaseLinks);
-    case 6:
+    case kPhaseDirs:
       return frontText(FrontText::kPhaseDirs);
     default:
       return frontText(FrontText::kPhaseRead);

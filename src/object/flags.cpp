@@ -195,6 +195,9 @@ Result clearImuAndApdFlags(const std::string &path) {
   return traced(path, clearAlong(path));
 }
 
+namespace {
+
+// Clears the flags of the object alone; *cleared tells whether it had any. rc of a failure is -1.
 Result clearObjectFlags(const std::string &path, bool *cleared) {
   struct stat st;
   Found found = Found::kPlain;
@@ -202,6 +205,8 @@ Result clearObjectFlags(const std::string &path, bool *cleared) {
   *cleared = r && found == Found::kFlagged;
   return r;
 }
+
+}  // namespace
 
 Result retryClearing(const std::string &path, const std::string &other,
                      const std::function<Result()> &step, bool *clearing_failed) {

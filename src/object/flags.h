@@ -23,9 +23,6 @@ Result setAppendOnlyFlag(int fd, bool on);
 // rc is -1.
 Result clearImuAndApdFlags(const std::string &path);
 
-// Clears the flags of the object alone; *cleared tells whether it had any. Failures as above.
-Result clearObjectFlags(const std::string &path, bool *cleared);
-
 // Runs `step`, and repeats it a bounded number of times while a flag makes it fail. On EROFS, clears
 // the flags along `path` and, unless empty, along `other`. On EPERM, clears those of the object, and
 // along the path only if the object had none. One repetition is not enough: another worker can set a

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "formats/program_names.h"
 #include "messages/messages.h"
 #include "object/paths.h"
 #include "run/path.h"
@@ -37,8 +38,8 @@ Result search(const std::string &path, bool *junction) {
 
 // The command prints the reason of its failure itself.
 Result unlinkFileset(const std::string &path, const std::string &shown, const std::string &home) {
-  const std::string command = "/usr/qtx/kest/bin/ktunlinkfileset " + shellWord(settings.deviceP) +
-                              " -J " + shellWord(resolveOwnLinks(path));
+  const std::string command = std::string(kProgramDir) + "ktunlinkfileset " +
+                              shellWord(settings.deviceP) + " -J " + shellWord(resolveOwnLinks(path));
   if (!checkCommand(command)) return failed(kUnlinkFileset, ENAMETOOLONG);
   std::string output;
   int status = 0;

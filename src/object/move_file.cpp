@@ -15,7 +15,6 @@
 namespace {
 
 constexpr int kMostAttempts = 10;
-constexpr int32_t kFirstPassOnly = 2;  // in this phase only the first pass moves objects aside
 
 // Step codes of the trace line.
 enum MoveStep : int {
@@ -138,7 +137,7 @@ Result moveByPhase(const std::string &path, uint64_t ino, int32_t phase, std::st
   bool gone = false;
   if (Result r = lookAtSource(path, phase, &gone); !r) return r;
   if (!away) return gone ? arriveAgain(path, ino, phase) : moveBack(path, ino, phase);
-  if (gone || (phase == kFirstPassOnly && settings.pass > 1)) return {};
+  if (gone) return {};
   const bool delete_location = newPath != nullptr && deleteClone;
   const std::string to = delete_location ? cloneDeleteLocation(ino) : tempLocation(ino);
   if (newPath != nullptr) *newPath = to;

@@ -110,6 +110,25 @@ Result hasNewName(const std::string &path, bool *renamed, uint64_t *ino) {
   return {};
 }
 
+// Like readDestination, with trace lines. `path` is only for those. rc of a failure is -1.
+Result getOrigPathBeforeRename(const std::string &path, std::string *result, uint64_t ino) {
+  const Result read = readDestination(ino, result);
+  if (read) {
+    traceLog("getOrigPathBeforeRename: origPath %s\n", result->c_str());
+    return {};
+  }
+  const Result r = failed(read.err == ENODATA ? kEmptyRecord : kOpenRecord, read.err);
+  if (r.code == kEmptyRecord) {
+    traceLog("getOrigPathBeforeRename: invalid origPath\n");
+  } else {
+    const std::string file = destinationFile(ino);
+    traceLog("getOrigPathBeforeRename: cannot open dest file %s\n", file.c_str());
+  }
+  traceLog("getOrigPathBeforeRename: rc %d, path %s, code %d, error %d\n", r.rc, path.c_str(), r.code,
+           r.err);
+  return r;
+}
+
 Result resolveReal(const std::string &path, std::string *result) {
   if (inWorkDir(path)) {
     std::string real = path;
@@ -210,24 +229,6 @@ Result readFilesetDestination(uint64_t id, std::string *destination) {
 
 Result readDestination(uint64_t ino, std::string *destination) {
   return readPlace(destinationFile(ino), destination);
-}
-
-Result getOrigPathBeforeRename(const std::string &path, std::string *result, uint64_t ino) {
-  const Result read = readDestination(ino, result);
-  if (read) {
-    traceLog("getOrigPathBeforeRename: origPath %s\n", result->c_str());
-    return {};
-  }
-  const Result r = failed(read.err == ENODATA ? kEmptyRecord : kOpenRecord, read.err);
-  if (r.code == kEmptyRecord) {
-    traceLog("getOrigPathBeforeRename: invalid origPath\n");
-  } else {
-    const std::string file = destinationFile(ino);
-    traceLog("getOrigPathBeforeRename: cannot open dest file %s\n", file.c_str());
-  }
-  traceLog("getOrigPathBeforeRename: rc %d, path %s, code %d, error %d\n", r.rc, path.c_str(), r.code,
-           r.err);
-  return r;
 }
 
 Result getRealPath(const std::string &path, std::string *result) {

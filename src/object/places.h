@@ -1,5 +1,12 @@
 // Finds the place where an object belongs and its copy in the snapshot, starting from a path that may
 // lie in a temporary location. Records and reads the destinations of objects that are moved aside.
+//
+// What a caller wants to know       and the routine to ask
+// the place of a moved inode        readDestination, by number; it may lie in a temporary location
+// the place in the active fileset   getRealPath, by path; it follows destinations to the end
+// the copy in the snapshot          getSnapPath, by path
+// a directory in phase 6            settledPath (worker/dir_ops): where it is now, home or waiting
+// the path that a user knows        formerPath (plan/former_places): before this run moved anything
 #pragma once
 
 #include <cstdint>
@@ -20,9 +27,6 @@ Result readDestination(uint64_t ino, std::string *destination);
 // The same for the nested fileset `id`.
 Result writeFilesetDestination(const std::string &path, uint64_t id);
 Result readFilesetDestination(uint64_t id, std::string *destination);
-
-// Like readDestination, with trace lines. `path` is only for those. rc of a failure is -1.
-Result getOrigPathBeforeRename(const std::string &path, std::string *result, uint64_t ino);
 
 // Finds the path at which the object at `path` belongs in the active fileset. A destination can lie in
 // another temporary location, so the rule is applied until the path lies outside the work directory.

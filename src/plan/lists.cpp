@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "formats/dir_move_line.h"
 #include "messages/messages.h"
 #include "object/places.h"
 #include "plan/data_ranges.h"
@@ -251,7 +252,7 @@ Result MasterLists::ListRegMoveBack(uint64_t ino) {
 Result MasterLists::ListDirMoveBack(uint64_t ino) {
   Result result = openOnce(kDirMoveList, &dir_move_list_).at(kOpenDirMoves);
   if (result) {
-    result = dir_move_list_->append(std::to_string(ino) + "\n").at(kWriteDirMove);
+    result = dir_move_list_->append(formatDirMoveLine(ino)).at(kWriteDirMove);
     if (result) {
       dir_moves_.push_back(ino);
       reportOpCount(false);

@@ -2,16 +2,20 @@
 
 #include <cerrno>
 
+#include "formats/program_names.h"
 #include "formats/work_names.h"
 #include "messages/messages.h"
+#include "run/node.h"
 #include "run/shell_command.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 
 namespace {
 
-constexpr char kEngine[] = "/usr/qtx/kest/bin/ktapplypolicy";
-constexpr size_t kEngineOptionsMax = 320;  // most bytes of these options, including terminators
+constexpr char kExec[] = "exec ";
+// The most bytes of these command lines and options, including terminators.
+constexpr size_t kNestedCommandMax = 4096;  // of an engine run for one directory, or a node question
+constexpr size_t kEngineOptionsMax = 320;
 constexpr size_t kWorkerOptionsMax = 2048;
 constexpr size_t kNestedPrefixMax = 1600;  // most bytes before the engine's options for one directory
 
@@ -58,13 +62,35 @@ std::string phaseWorkerOptions(Phase phase) {
 
 }  // namespace
 
+std::string engineCommand(const EngineRun &run) {
+  return kExec + run.command;
+}
+
+Result callerOptions(const EngineRun &run, std::string *options) {
+  *options = run.options + " -c " + std::to_string(callerNumber());
+  return errnoResult(options->size() < kWorkerOptionsMax ? 0 : E2BIG);
+}
+
+Result nodeQuestion(const std::string &token, const std::string &answer, std::string *command) {
+  // The question does not begin with exec: if a signal kills the program, the shell still returns an
+  // exit status. Otherwise ssh would return the one that also means a lost node.
+  std::string question = shellWord(settings.exe) + " TEST";
+  for (const std::string &word :
+       {settings.shareDir, token, settings.deviceP, settings.filesetP, settings.snapOldP})
+    question += " " + shellWord(word);
+  *command = std::string(kExec) + kEngine + " " + shellWord(settings.deviceP) + " -N " +
+             shellWord(settings.nodeSpec) + " --answer " + shellWord(answer) + " --ask " +
+             shellWord(question);
+  return checkCommand(*command, kNestedCommandMax);
+}
+
 Result checkCommandLines() {
   const std::string options = engineOptions();
   traceLog("Main: pcOpt %s\n", options.c_str());
   traceLog("Main: commExeOpt  %s\n", commonWorkerOptions().c_str());
   if (Result r = checkCommand(options, kEngineOptionsMax); !r) return r;
   // This list has the longest name of all.
-  if (Result r = checkCommand(phaseCommand(kPhasePending, kRegPendingMvList)); !r) return r;
+  if (Result r = checkCommand(kExec + phaseCommand(kPhasePending, kRegPendingMvList)); !r) return r;
   // Leave room for the pass number and the process ID, which are not known yet.
   const std::string room(32, ' ');
   return checkCommand(phaseWorkerOptions(kPhaseDirs) + room, kWorkerOptionsMax);
@@ -75,7 +101,7 @@ namespace {
 Result listRun(Phase phase, const std::string &list_name, int32_t batch_size, EngineRun *run) {
   *run = {phaseCommand(phase, list_name, batch_size), phaseWorkerOptions(phase), workPath(list_name),
           workPath(kPolicy), settings.shareDir};
-  if (Result r = checkCommand(run->command); !r) return r;
+  if (Result r = checkCommand(engineCommand(*run)); !r) return r;
   if (Result r = checkCommand(run->options, kWorkerOptionsMax); !r) return r;
   return errnoResult(run->list.empty() ? E2BIG : 0);
 }
@@ -100,8 +126,8 @@ Result nestedRun(const std::string &set, const std::string &list, EngineRun *run
               std::to_string(kPhaseMain) + " -D " + switches(),
           list, policy, set};
   if (prefix.size() < kNestedPrefixMax && run->options.size() < kWorkerOptionsMax)
-    return checkCommand(run->command, kNestedCommandMax);
+    return checkCommand(engineCommand(*run), kNestedCommandMax);
   // Any of the three can be too long; the command line shows which directory it is about.
-  userMessage(Message::kCommandTooLong, static_cast<int>(kNestedCommandMax), run->command);
+  userMessage(Message::kCommandTooLong, static_cast<int>(kNestedCommandMax), engineCommand(*run));
   return errnoResult(E2BIG);
 }

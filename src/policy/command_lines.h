@@ -1,5 +1,5 @@
 // Builds the command lines of the policy engine and, for its policy file, of the workers, and checks
-// their length. No other module builds them.
+// their length. No other module builds them. (The engine itself builds those for other nodes.)
 #pragma once
 
 #include <string>
@@ -14,6 +14,18 @@ struct EngineRun {
   std::string policy;     // path of the policy file
   std::string directory;  // path of the directory for policy and batch files
 };
+
+// Returns the command that starts the engine of the run. With exec the engine takes the place of the
+// shell, and is then killed if this process dies.
+std::string engineCommand(const EngineRun &run);
+
+// Returns the options of the workers with those that name this process as their caller. E2BIG if they
+// are too long. Master and workers.
+Result callerOptions(const EngineRun &run, std::string *options);
+
+// Builds the command in which the engine asks every node whether it can take part: a node that sees the
+// work directory with this token must answer `answer`. E2BIG after a message. Master only.
+Result nodeQuestion(const std::string &token, const std::string &answer, std::string *command);
 
 // Checks before the first list is written that the command lines of all phases will fit, and traces
 // their common parts. E2BIG after a message. Master only.

@@ -117,7 +117,7 @@ class Update {
   Result readCheckpoints();
   Result readCheckpointFile(const std::string &file, int *total);
   Result addCheckpoint(std::string_view line, int count, const std::string &file);
-  Result nextRecord(ListRecord *record, RecordKey *key, bool *end);
+  Result nextRecord(ListedRecord *record, RecordKey *key, bool *end);
   Result countAlike();
   Result writePending(WorkFile &rest);
   Result exchange();
@@ -199,7 +199,7 @@ Result Update::addCheckpoint(std::string_view line, int count, const std::string
 }
 
 // Reads the next record of the list and its key. Sets *end after the last one.
-Result Update::nextRecord(ListRecord *record, RecordKey *key, bool *end) {
+Result Update::nextRecord(ListedRecord *record, RecordKey *key, bool *end) {
   const Result read = reader_.next(record, end);
   if (read && (*end || makeRecordKey(record->ino, record->opString, key))) return {};
   constexpr size_t kShown = 256;  // bytes of the damaged text
@@ -212,7 +212,7 @@ Result Update::nextRecord(ListRecord *record, RecordKey *key, bool *end) {
 // Two records can have equal keys, for example two names of one inode. A checkpoint then does not tell
 // which of them is done, so both are performed again. Every operation is idempotent, so that is safe.
 Result Update::countAlike() {
-  ListRecord record;
+  ListedRecord record;
   RecordKey key;
   for (bool end = false;;) {
     if (Result r = nextRecord(&record, &key, &end); !r || end) return r;
@@ -222,7 +222,7 @@ Result Update::countAlike() {
 
 Result Update::writePending(WorkFile &rest) {
   reader_.seek(0);
-  ListRecord record;
+  ListedRecord record;
   RecordKey key;
   for (bool end = false;;) {
     if (Result r = nextRecord(&record, &key, &end); !r || end) return r;

@@ -49,7 +49,7 @@ bool isSmall(const std::string &path, off_t size) {
   if (!openList(path, &list)) return false;
   uint64_t bytes = 0;
   for (int count = 0;; ++count) {
-    ListRecord record;
+    ListedRecord record;
     Operation op;
     bool end = false;
     if (!list.next(&record, &end)) return false;

@@ -27,7 +27,6 @@
 namespace {
 
 constexpr int kMaxRetries = 3;
-constexpr size_t kOptionsMax = 2048;  // bytes, terminator included
 
 enum RunStep : int {
   kRunEngine = 0,  // everything up to the engine's exit status
@@ -58,7 +57,7 @@ Result exportEngineDirectory(const std::string &path) {
   } else if (Result r = statWorkFile(path, &st); !r) {
     return r;
   }
-  return called(setenv("KT_DIRECTORY", directoryIdentity(st).c_str(), 1));
+  return called(setenv(kEngineDirectoryVariable, directoryIdentity(st).c_str(), 1));
 }
 
 // Writes the policy file, which names this program as the engine's list script.
@@ -75,14 +74,13 @@ Result writePolicy(const std::string &path, const std::string &options) {
 }
 
 Result runWithRetries(const EngineRun &run) {
-  const std::string options = run.options + " -c " + std::to_string(callerNumber());
-  if (options.size() >= kOptionsMax) return failedErrno(kRunEngine, E2BIG);
+  std::string options;
+  if (Result r = callerOptions(run, &options); !r) return r.at(kRunEngine);
   if (Result r = exportEngineDirectory(run.directory); !r) return r.at(kRunEngine);
   for (int retries = 0;;) {
     if (Result r = writePolicy(run.policy, options); !r) return r.at(kRunEngine);
     int status = 0;
-    // With exec the engine takes the place of the shell, and is then killed if this process dies.
-    const Result started = runCommand("exec " + run.command, &status);
+    const Result started = runCommand(engineCommand(run), &status);
     if (started) traceLog("executePolicy: master: child rc %d\n", status);
     if (started && status == 0) return removeCheckpoints();
     if (stopSignal() != 0) return failedErrno(kRunEngine, EINTR);

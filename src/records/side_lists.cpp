@@ -108,7 +108,7 @@ Result gatherNodeLists(const std::string &name) {
     if (Result r = openList(path, &records); !r) return r;
     if (Result r = WorkFile::open(workPath(name), WorkFile::Mode::kKeep, &list); !r) return r;
     for (bool end = false; !end;) {
-      ListRecord record;
+      ListedRecord record;
       const Result r = records.next(&record, &end);
       // The last records of a lost node may be torn. The nodes that did its work again have them, too.
       if (r.err == EINVAL && nodes_lost) {
@@ -137,10 +137,6 @@ Result syncSideLists() {
 
 bool firstCloneListing(uint64_t ino) {
   return listed_clones.insert(ino).second;
-}
-
-void resetCloneIndex() {
-  listed_clones.clear();
 }
 
 Result listClone(const std::string &path, bool del, const CloneAttr &attr) {

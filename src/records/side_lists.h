@@ -43,4 +43,3 @@ Result listClone(const std::string &path, bool del, const CloneAttr &attr);
 
 // Returns true at the first call for an inode in this process.
 bool firstCloneListing(uint64_t ino);
-void resetCloneIndex();

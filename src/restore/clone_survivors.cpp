@@ -98,7 +98,6 @@ Result followParent(uint64_t ino, const NewParents &parents) {
 // Gives a clone parent the snapshot's modification time, which it did not get before (see
 // unsettledTime).
 Result settleParent(uint64_t then, uint64_t now) {
-  constexpr int kModificationTime = 2;
   OpenObject snap;
   Inode active;
   if (Result r = openSnapshotObject(then, "", &snap); !r) return r;
@@ -106,7 +105,7 @@ Result settleParent(uint64_t then, uint64_t now) {
   const kest_timestruc64_t times[4] = {{}, snap.facts.attr.ia_mtime, {}, {}};
   // The immutable flag of a parent forbids to set its times, so clear it for that moment.
   if (Result r = called(kest_iset_protection(active.get(), 0)); !r) return r;
-  if (Result r = called(kest_iset_times(active.get(), kModificationTime, times)); !r) return r;
+  if (Result r = called(kest_iset_times(active.get(), KEST_MODIFICATION_TIME, times)); !r) return r;
   return called(kest_iset_protection(active.get(), snap.facts.protection));
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "formats/program_names.h"
 #include "messages/messages.h"
 #include "run/settings.h"
 #include "run/shell_command.h"
@@ -22,6 +23,11 @@ constexpr int kAlreadyDone = 56;  // this exit status of suspend and resume also
 // Returns the fileset's name for a command line. A slash keeps a leading "-" from making it an option.
 std::string filesetWord() {
   return shellWord(settings.filesetP.starts_with('-') ? "/" + settings.filesetP : settings.filesetP);
+}
+
+// Returns the start of a command line that runs one of the file system's commands.
+std::string programWord(const char *name) {
+  return std::string("exec ") + kProgramDir + name + " ";
 }
 
 // Runs one of the file system's commands and reads its output and exit status.
@@ -69,7 +75,7 @@ bool isLocalFileset(std::string_view listing) {
 
 Result checkFilesetType() {
   const std::string command =
-      "exec /usr/qtx/kest/bin/ktlsfileset " + shellWord(settings.deviceP) + " " + filesetWord() + " -Y";
+      programWord("ktlsfileset") + shellWord(settings.deviceP) + " " + filesetWord() + " -Y";
   std::string output;
   int status = 0;
   const Result asked = askFileSystem(command, &output, &status);
@@ -88,8 +94,8 @@ Result checkFilesetType() {
 }
 
 void listSnapshots() {
-  const std::string command = "exec /usr/qtx/kest/bin/ktlssnapshot " + shellWord(settings.deviceP) +
-                              " -j " + shellWord(settings.filesetP) + " 2>/dev/null";
+  const std::string command = programWord("ktlssnapshot") + shellWord(settings.deviceP) + " -j " +
+                              shellWord(settings.filesetP) + " 2>/dev/null";
   std::string output;
   int status = 0;
   bool listed = askFileSystem(command, &output, &status) && status == 0;
@@ -106,9 +112,9 @@ Result syncFileset() {
   if (Result r = called(chdir("/")); !r) return r;
   const std::string device = shellWord(settings.deviceP);
   const Result suspended =
-      fileSystemControl("cd /;exec /usr/qtx/kest/bin/ktfsctl " + device + " suspend > /dev/null",
+      fileSystemControl("cd /;" + programWord("ktfsctl") + device + " suspend > /dev/null",
                         "ktfsctl suspend", Message::kNoSuspendProcess);
   if (!suspended) return suspended;
-  return fileSystemControl("cd /; exec /usr/qtx/kest/bin/ktfsctl " + device + " resume > /dev/null",
+  return fileSystemControl("cd /; " + programWord("ktfsctl") + device + " resume > /dev/null",
                            "ktfsctl resume", Message::kNoResumeProcess);
 }

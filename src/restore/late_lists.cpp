@@ -3,7 +3,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <charconv>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -11,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "formats/dir_move_line.h"
 #include "formats/list_record.h"
 #include "messages/messages.h"
 #include "object/move_file.h"
@@ -55,7 +55,7 @@ namespace {
 using Position = uint64_t;
 using HashAt = std::pair<size_t, Position>;
 using Identity = std::pair<uint64_t, std::string>;  // inode number and path
-using Visitor = std::function<Result(const ListRecord &record, Position position)>;
+using Visitor = std::function<Result(const ListedRecord &record, Position position)>;
 
 Result invalidRecord(const ListReader &list, const std::string &from, int err) {
   traceLog("Main: invalid record at byte %llu of %s\n",
@@ -69,7 +69,7 @@ Result forEachRecord(const std::string &from, const Visitor &visit) {
   if (Result r = openList(from, &list); !r) return r;
   for (;;) {
     const Position position = list.position();
-    ListRecord record;
+    ListedRecord record;
     bool end = false;
     if (Result r = list.next(&record, &end); !r) return invalidRecord(list, from, r.err);
     if (end) return {};
@@ -77,7 +77,7 @@ Result forEachRecord(const std::string &from, const Visitor &visit) {
   }
 }
 
-size_t hashOf(const ListRecord &record) {
+size_t hashOf(const ListedRecord &record) {
   return std::hash<std::string_view>()(record.path) ^ (record.ino * 0x9e3779b97f4a7c15u);
 }
 
@@ -86,7 +86,7 @@ Result addRepeated(ListReader &list, std::span<const HashAt> alike, std::vector<
   std::vector<Identity> seen;
   for (const auto &[hash, position] : alike) {
     list.seek(position);
-    ListRecord record;
+    ListedRecord record;
     bool end = false;
     if (Result r = list.next(&record, &end); !r) return r;
     if (end) return errnoResult(EIO);
@@ -104,7 +104,7 @@ Result addRepeated(ListReader &list, std::span<const HashAt> alike, std::vector<
 // of memory for each record, because a hash and a position suffice to find candidates.
 Result findRepeated(const std::string &from, std::vector<Position> *repeated) {
   std::vector<HashAt> hashes;
-  const auto note = [&hashes](const ListRecord &record, Position position) {
+  const auto note = [&hashes](const ListedRecord &record, Position position) {
     hashes.emplace_back(hashOf(record), position);
     return Result{};
   };
@@ -129,7 +129,7 @@ Result takeDirRecords(const std::string &from, const std::string &to) {
   if (Result r = findRepeated(from, &repeated); !r) return r;
   std::unique_ptr<WorkFile> list;
   if (Result r = WorkFile::open(to, WorkFile::Mode::kTruncate, &list); !r) return r;
-  const auto take = [&](const ListRecord &record, Position position) {
+  const auto take = [&](const ListedRecord &record, Position position) {
     if (std::binary_search(repeated.begin(), repeated.end(), position)) return Result{};
     return list->append(record.whole);
   };
@@ -149,12 +149,9 @@ Result doFinalDirMove() {
   std::string_view rest = text;
   while (!rest.empty()) {
     if (stopSignal() != 0) return errnoResult(EINTR);
-    const std::string line(rest.substr(0, rest.find('\n')));
-    const bool ended = line.size() < rest.size();
-    rest.remove_prefix(std::min(rest.size(), line.size() + 1));
+    std::string line;
     uint64_t ino = 0;
-    const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), ino);
-    if (error != std::errc() || end != line.data() + line.size() || !ended) {
+    if (!takeDirMoveLine(&rest, &line, &ino)) {
       traceLog("doFinalDirMove: invalid line %s\n", line.c_str());
       return errnoResult(EIO);
     }

@@ -142,10 +142,6 @@ Result reserve(uint64_t bytes) {
 
 }  // namespace
 
-bool isFull(int err) {
-  return err == ENOSPC || err == EDQUOT;
-}
-
 Result makeRoom(const std::function<Result()> &attempt) {
   InodeScan scan;
   uint64_t max_ino = 0;

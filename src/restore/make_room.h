@@ -6,9 +6,6 @@
 
 #include "base/result.h"
 
-// Returns true for the errno of a full file system or an exhausted quota.
-bool isFull(int err);
-
 // Repeats `attempt`, which has failed for lack of room, and between attempts removes files that the
 // restore would remove anyway: regular files with one name that only the fileset has, largest first.
 // Touches nothing else and reports in a message how many files and bytes it removed. First checks for

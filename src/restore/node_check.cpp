@@ -14,9 +14,11 @@
 #include <string_view>
 
 #include "base/local_nodes.h"
+#include "formats/program_names.h"
 #include "formats/work_names.h"
 #include "messages/messages.h"
 #include "object/paths.h"
+#include "policy/command_lines.h"
 #include "restore/make_room.h"
 #include "run/node.h"
 #include "run/open_run.h"
@@ -28,7 +30,6 @@
 
 namespace {
 
-constexpr char kEngine[] = "/usr/qtx/kest/bin/ktapplypolicy";
 constexpr char kAnswer[] = "fsetrestore " FSETRESTORE_VERSION;
 
 // Returns true if the list of nodes can only mean this machine.
@@ -55,17 +56,8 @@ Result writeToken(std::string *token) {
 }
 
 Result ask(const std::string &token, size_t *nodes, int *status) {
-  // The question does not begin with exec: if a signal kills the program, the shell still returns an
-  // exit status. Otherwise ssh would return the one that also means a lost node.
-  std::string question = shellWord(settings.exe) + " TEST";
-  for (const std::string &word :
-       {settings.shareDir, token, settings.deviceP, settings.filesetP, settings.snapOldP})
-    question += " " + shellWord(word);
-  const std::string command = std::string("exec ") + kEngine + " " + shellWord(settings.deviceP) +
-                              " -N " + shellWord(settings.nodeSpec) + " --answer " +
-                              shellWord(kAnswer) + " --ask " + shellWord(question);
-  if (Result r = checkCommand(command, kNestedCommandMax); !r) return r;
-  std::string output;
+  std::string command, output;
+  if (Result r = nodeQuestion(token, kAnswer, &command); !r) return r;
   const Result r = runCommandOutput(command, &output, status);
   *nodes = strtoul(output.c_str(), nullptr, 10);
   return r;
@@ -116,7 +108,7 @@ void awaitDeadRuns() {
   const dirent *entry = nullptr;
   while (root && nextEntry(root, &entry) && entry != nullptr) {
     const std::string marker = handles.rootPath + "/" + entry->d_name + "/" + kNodeRun;
-    killed = killed || (isWorkDirName(entry->d_name) && access(marker.c_str(), F_OK) == 0);
+    killed = killed || (parseWorkDirName(entry->d_name) && access(marker.c_str(), F_OK) == 0);
   }
   if (killed) awaitDeadNodes();
 }

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "base/unique_fd.h"
+#include "formats/program_names.h"
 #include "messages/messages.h"
 #include "object/paths.h"
 #include "run/run_handles.h"
@@ -22,7 +23,6 @@ namespace {
 // Shells redirect descriptors 0 to 2, which this process may have been started without.
 constexpr int kLeastDescriptor = 3;
 
-constexpr char kCommandDir[] = "/usr/qtx/kest/bin/";
 constexpr const char *kCommands[] = {"ktapplypolicy", "ktfsctl",         "ktlsfileset",
                                      "ktlssnapshot",  "ktunlinkfileset", "kxfindinode"};
 
@@ -97,7 +97,7 @@ Result selfCheck() {
     return errnoResult(EROFS);
   }
   for (const char *name : kCommands)
-    if (Result r = checkCommandFile(std::string(kCommandDir) + name); !r) return r;
+    if (Result r = checkCommandFile(std::string(kProgramDir) + name); !r) return r;
   if (Result r = checkSurvives(settings.exe); !r) return r;
   // The library's own file must survive as well.
   Dl_info library;

@@ -6,25 +6,13 @@
 #include <cstdint>
 #include <string>
 
+#include "formats/phase.h"
+
 // The purpose of a process.
 enum class Role {
   kMaster,      // fsetrestore as the administrator starts it
   kWorker,      // fsetrestore LIST, started by the policy engine for one batch
   kComparison,  // fsetcompare: reads both trees, has no work directory and changes nothing
-};
-
-// Phase numbers appear on command lines and in the trace log.
-enum Phase : int32_t {
-  kPhaseMaster = 0,
-  kPhaseMain = 3,          // opList, opList.move, per-directory lists
-  kPhaseMoveBack = 4,      // regMoveList
-  kPhasePending = 5,       // regPendingMvList
-  kPhaseDirs = 6,          // dir.new, final directory move
-  kPhaseClones = 7,        // clone.<d>
-  kPhaseLinks = 8,         // link.ino
-  kPhaseScan = 9,          // scan.list; before all others
-  kPhaseCloneDelete = 31,  // clone.del.<d>
-  kPhaseCreate = 51,       // opList.copy
 };
 
 struct Settings {

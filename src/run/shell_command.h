@@ -7,9 +7,7 @@
 #include "base/result.h"
 #include "formats/shell_words.h"
 
-// The longest command lines in bytes, including the terminator: of the commands of a run, and of an
-// engine run over the lists of one directory.
-constexpr size_t kCommandMax = 2048, kNestedCommandMax = 4096;
+constexpr size_t kCommandMax = 2048;  // the longest command of a run in bytes, with the terminator
 
 // Returns success if the command is shorter than `limit`, else E2BIG after a message. A command that
 // was cut off could name another object, so it must not run.

@@ -164,10 +164,6 @@ bool youngerThanWorkDirectory(uint64_t ino) {
   return openWorkDirectory() && kest_younger(handles.activeFsP, ino, work.st.st_ino) == 1;
 }
 
-std::string directoryIdentity(const struct stat &st) {
-  return std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
-}
-
 Result openWorkFile(const std::string &path, int flags, UniqueFd *fd, mode_t mode) {
   NameAt at;
   if (path.empty()) return errnoResult(ENAMETOOLONG);

@@ -73,9 +73,6 @@ void closeWorkDirectory();
 // Returns true if inode `ino` of the fileset was created after the work directory.
 bool youngerThanWorkDirectory(uint64_t ino);
 
-// Returns "<device>:<inode>" of a directory, the form in which child processes learn its identity.
-std::string directoryIdentity(const struct stat &st);
-
 // ---- files in it. They act like the system calls of the same names, close on exec, and do not follow
 // a link as last component. rc of a failure is the errno.
 Result openWorkFile(const std::string &path, int flags, UniqueFd *fd, mode_t mode = 0600);

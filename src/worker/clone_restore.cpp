@@ -21,18 +21,13 @@
 #include "run/settings.h"
 #include "run/trace_log.h"
 #include "scan/same_file.h"
+#include "worker/busy_wait.h"
 #include "worker/clone_parent.h"
 #include "worker/data_copy.h"
 
 namespace {
 
-constexpr int kMostWaits = 20000;
-constexpr useconds_t kWaitMicroseconds = 50;
-
-constexpr int64_t kBlock = 4096;  // bytes
 constexpr int64_t kChunk = 64 * kBlock;
-
-constexpr int kModificationTime = 2;  // flag of kest_iset_times
 
 // ---- restoreCloneDelta: the data by which a clone differs from its parent
 
@@ -269,7 +264,7 @@ Result CloneRestore::becomeParent() {
     // know the new number, the next run must find a difference (see unsettledTime).
     const kest_timestruc64_t times[4] = {{}, unsettledTime(stat_.ia_mtime), {}, {}};
     const Result snapped = waitFor("kest_clone_snap", [&] {
-      const Result held = called(kest_iset_times(active.get(), kModificationTime, times));
+      const Result held = called(kest_iset_times(active.get(), KEST_MODIFICATION_TIME, times));
       return held ? called(kest_iclone_snap(active.get())) : held;
     });
     // Another worker may have made it a parent meanwhile; parents are read-only.

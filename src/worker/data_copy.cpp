@@ -14,8 +14,6 @@
 
 namespace {
 
-constexpr int64_t kBlock = 4096;  // bytes; the unit of sharing
-
 enum CopyStep : int {
   kCheckLength = 1,
   kWriteHole = 2,

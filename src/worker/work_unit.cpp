@@ -96,7 +96,7 @@ Result performListHere(const std::string &list_path) {
   const bool topDir = std::exchange(settings.topDir, false);
   Result result;
   for (bool end = false; result && !end;) {
-    ListRecord listed;
+    ListedRecord listed;
     Record record;
     const Result read = list.next(&listed, &end);
     if (read && end) break;

@@ -56,7 +56,7 @@ TEST(Batcher, BatchSizes) {
       if (aggregate.range) op = {kOpRestoreDiffFile, 0, static_cast<uint64_t>(aggregate.range)};
       const std::string op_string = formatOpString(op);
       for (int n = 0; n < aggregate.records; n++) {
-        ListRecord record;
+        ListedRecord record;
         record.aggregate = &aggregate - one.aggregates.data();
         record.ino = added++;
         record.opString = op_string;

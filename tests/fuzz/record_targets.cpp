@@ -18,7 +18,7 @@ namespace fuzz {
 namespace {
 
 // The batch line carries everything from engine to worker.
-void checkBatchLine(const ListRecord &record) {
+void checkBatchLine(const ListedRecord &record) {
   const std::string line = formatBatchLine(record);
   FUZZ_CHECK(line.size() < kBatchLineMax && line.find('\n') == line.size() - 1);
   BatchLine read;
@@ -34,7 +34,7 @@ void listRecord(std::string_view input) {
   ListReader list(64);
   FUZZ_CHECK(list.open(std::move(fd)));
   for (size_t at = 0;;) {
-    ListRecord here, there;
+    ListedRecord here, there;
     RecordProblem problem;
     bool end = false;
     const Result r = list.next(&there, &end);
@@ -65,7 +65,7 @@ void batchLine(std::string_view input) {
   BatchLine line;
   if (!parseBatchLine(input, &line)) return;
   FUZZ_CHECK(!line.opString.empty() && line.opString.size() <= kOpStringMax);
-  ListRecord record;
+  ListedRecord record;
   record.ino = line.ino;
   record.opString = line.opString;
   record.path = std::string_view(line.path).substr(0, 4095);
@@ -81,7 +81,7 @@ void recordRoad(std::string_view input) {
   const Operation op{static_cast<int32_t>(ino), static_cast<int64_t>(ino), ino};
   const auto aggregate = static_cast<int64_t>(ino);
   const std::string text = formatListRecord(aggregate, ino, path, op);
-  ListRecord record;
+  ListedRecord record;
   const bool can_be_listed =
       !path.empty() && path.size() < 4096 && path.find('\0') == std::string_view::npos;
   FUZZ_CHECK(parseListRecord(text, &record) == can_be_listed);
@@ -115,7 +115,7 @@ void batches(std::string_view input) {
     aggregate += input[i] & 1;
     const std::string op_string = formatOpString(
         {(input[i] >> 1) & 3, 0, kSharedBytes / 16 * (static_cast<uint8_t>(input[i]) >> 3)});
-    ListRecord record;
+    ListedRecord record;
     record.aggregate = aggregate;
     record.ino = i - 1;
     record.opString = op_string;

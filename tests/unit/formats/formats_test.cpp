@@ -16,7 +16,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-TEST(ListRecord, IsWrittenToTheByte) {
+TEST(ListedRecord, IsWrittenToTheByte) {
   EXPECT_EQ(formatListRecord(7, 0x101, "/m/a b", {kOpCrDir}),
             "7:0:        101:0:0:0:0:0:6!/m/a b:0!;9!3,0,0,0,0\n");
   EXPECT_EQ(formatListRecord(0, 0xfedcba9876543210, "/x", {1, -5, 33554432, 1, 1}),
@@ -24,8 +24,8 @@ TEST(ListRecord, IsWrittenToTheByte) {
   EXPECT_EQ(formatCheckpointLine(0xabcdef0123456789, "7,0,0,0,0"), "abcdef0123456789 7,0,0,0,0\n");
 }
 
-TEST(ListRecord, DamageIsNoticed) {
-  ListRecord record;
+TEST(ListedRecord, DamageIsNoticed) {
+  ListedRecord record;
   RecordProblem problem;
   const std::string good = formatListRecord(1, 0x101, "/c:d!e\nf", {2, 0, 4096, 1, 0});
   for (size_t length = 0; length < good.size(); ++length) {
@@ -75,7 +75,7 @@ TEST_F(Lists, PathsAreFoundByLengthAndLaterRecordsLeft) {
   ASSERT_TRUE(open(&list));
   put(formatListRecord(9, 9, "/later", {kOpDeleteFile}));
   for (int round = 0; round < 2; ++round) {
-    ListRecord record;
+    ListedRecord record;
     bool end = true;
     for (int i = 0; i < 1200; ++i) {
       ASSERT_TRUE(list.next(&record, &end)) << list.problem();
@@ -96,7 +96,7 @@ TEST_F(Lists, DamageIsNamedByItsByte) {
   const std::string good = formatListRecord(1, 300, "/a", {kOpDeleteFile});
   put(good + "no record, " + good);
   ListReader list;
-  ListRecord record;
+  ListedRecord record;
   bool end = false;
   ASSERT_TRUE(open(&list) && list.next(&record, &end));
   EXPECT_EQ(list.next(&record, &end).err, EINVAL);

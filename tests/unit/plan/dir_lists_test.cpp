@@ -16,7 +16,7 @@ class DirLists : public WorkArea {
   void expectRecords(const std::string &list, std::vector<uint64_t> inodes) {
     const std::string text = get(list);
     std::string_view rest = text;
-    ListRecord record;
+    ListedRecord record;
     for (uint64_t ino : inodes) {
       ASSERT_TRUE(parseListRecord(rest, &record)) << list;
       EXPECT_EQ(record.ino, ino) << list;

@@ -1,0 +1,7 @@
+// How long a worker waits for a file on which another process works (EBUSY).
+#pragma once
+
+#include <unistd.h>
+
+constexpr int kMostWaits = 20000;
+constexpr useconds_t kWaitMicroseconds = 50;
