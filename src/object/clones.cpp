@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "base/unique_fd.h"
 #include "messages/messages.h"
@@ -53,32 +54,12 @@ size_t padded(size_t length) {
 }
 
 // `rc` is that of the attribute call: 1 if it found a value.
-bool noCloneXattr(const std::string &path, CloneXattrStep code, int rc, int err) {
+void traceNoClone(const std::string &path, CloneXattrStep code, int rc, int err) {
   traceLog("getCloneXattr: path %s, rc %d, code %d, err %d, errno %d\n", path.c_str(), 0, code, rc,
            err);
-  return false;
 }
 
-// Returns true if the attribute was read, and also after a failure to read it; false if it is missing
-// or too short.
-bool readCloneSnap(const std::string &path, int fd, CloneSnapAttr *snap) {
-  std::vector<uint8_t> value;
-  bool present = false;
-  if (!getFileAttribute(fd, "CLONESNAP", &value, &present)) {
-    traceLog("getCloneXattr: get clone snap failed, path %s\n", path.c_str());
-    return true;
-  }
-  if (!present || value.size() < snap->bytes.size()) {
-    traceLog("getCloneXattr: clone snap EA too short, path %s, len %d\n", path.c_str(),
-             static_cast<int>(value.size()));
-    return false;
-  }
-  std::copy_n(value.begin(), snap->bytes.size(), snap->bytes.begin());
-  return true;
-}
-
-}  // namespace
-
+// Reads the attribute "kest.<name>" through an open descriptor. *present is false if there is none.
 Result getFileAttribute(int fd, const std::string &name, std::vector<uint8_t> *value, bool *present) {
   static std::vector<char> buffer(kFirstBuffer);
   value->clear();
@@ -115,30 +96,55 @@ Result getFileAttribute(int fd, const std::string &name, std::vector<uint8_t> *v
   return errnoResult(EIO);
 }
 
-bool getCloneXattr(const std::string &path, CloneAttr *attr, CloneSnapAttr *snap) {
+// Returns true if the attribute was read, and also after a failure to read it; false if it is missing
+// or too short.
+bool readCloneSnap(const std::string &path, int fd, CloneSnapAttr *snap) {
+  std::vector<uint8_t> value;
+  bool present = false;
+  if (!getFileAttribute(fd, "CLONESNAP", &value, &present)) {
+    traceLog("getCloneXattr: get clone snap failed, path %s\n", path.c_str());
+    return true;
+  }
+  if (!present || value.size() < snap->bytes.size()) {
+    traceLog("getCloneXattr: clone snap EA too short, path %s, len %d\n", path.c_str(),
+             static_cast<int>(value.size()));
+    return false;
+  }
+  std::copy_n(value.begin(), snap->bytes.size(), snap->bytes.begin());
+  return true;
+}
+
+}  // namespace
+
+Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr, CloneSnapAttr *snap) {
+  *clone = false;
   // An O_PATH descriptor suffices to read attributes. It needs no rights and, unlike a real open, has
   // no side effect on devices, FIFOs or leases.
   UniqueFd fd;
   if (Result r = openObject(path, &fd); !r) {
     traceLog("getCloneXattr: open %s failed\n", path.c_str());
-    return noCloneXattr(path, kOpenFile, -1, r.err);
+    traceNoClone(path, kOpenFile, -1, r.err);
+    return r;
   }
   struct stat st;
-  if (fstat(fd.get(), &st) == 0 && !S_ISREG(st.st_mode)) return false;
+  if (fstat(fd.get(), &st) == 0 && !S_ISREG(st.st_mode)) return {};
   std::vector<uint8_t> value;
   bool present = false;
   if (Result r = getFileAttribute(fd.get(), "CLONE", &value, &present); !r) {
     traceLog("getCloneXattr: get clone attr failed, path %s\n", path.c_str());
-    return noCloneXattr(path, kReadAttribute, -1, r.err);
+    traceNoClone(path, kReadAttribute, -1, r.err);
+    return r;
   }
-  if (!present) return false;
+  if (!present) return {};
   if (value.size() < attr->bytes.size()) {
     const int length = static_cast<int>(value.size());
     traceLog("getCloneXattr: clone EA too short, path %s, len %d\n", path.c_str(), length);
-    return noCloneXattr(path, kAttributeTooShort, 1, 0);
+    traceNoClone(path, kAttributeTooShort, 1, 0);
+    return {};
   }
   std::copy_n(value.begin(), attr->bytes.size(), attr->bytes.begin());
-  return snap != nullptr && attr->parentInSnapshot() ? readCloneSnap(path, fd.get(), snap) : true;
+  *clone = snap == nullptr || !attr->parentInSnapshot() || readCloneSnap(path, fd.get(), snap);
+  return {};
 }
 
 // ---- finding the parent of a clone

@@ -4,18 +4,14 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
 
 #include "base/result.h"
 #include "scan/clone_state.h"
 
-// Returns true for a clone or clone parent and fills *attr. Returns false otherwise, and after any
-// error, which is traced. `snap` may be null. The path lies in the active fileset, the work directory
-// or the snapshot.
-bool getCloneXattr(const std::string &path, CloneAttr *attr, CloneSnapAttr *snap);
-
-// Reads the attribute "kest.<name>" through an open descriptor. *present is false if there is none.
-Result getFileAttribute(int fd, const std::string &name, std::vector<uint8_t> *value, bool *present);
+// Sets *clone for a clone or clone parent and fills *attr. `snap` may be null. The path lies in the
+// active fileset, the work directory or the snapshot. Failures are traced; rc is the errno, ENOENT also
+// if the file is gone.
+Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr, CloneSnapAttr *snap);
 
 // Returns true if a snapshot file with these attributes is restored from its data like an ordinary
 // file: a parent that is itself no clone, or a clone whose parent was gone when the snapshot was taken

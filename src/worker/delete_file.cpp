@@ -11,16 +11,15 @@
 #include "run/settings.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
+#include "worker/busy_wait.h"
 
 namespace {
-
-constexpr int kMostWaits = 20000;
-constexpr useconds_t kWaitMicroseconds = 50;
 
 enum DeleteStep : int {
   kUnlink = 0,
   kListClone = 1,
   kMoveClone = 2,
+  kReadClone = 3,
 };
 
 // Moves a clone aside; the clone delete list deletes it later. Lists it before the move, so that a
@@ -58,8 +57,13 @@ Result unlinkWhenFree(const Record &record) {
 
 Result remove(const Record &record) {
   CloneAttr attr;
-  if (settings.phase == kPhaseMain && getCloneXattr(record.path, &attr, nullptr)) {
-    bool taken = false;
+  bool clone = false, taken = false;
+  if (settings.phase == kPhaseMain) {
+    // A clone that is not recognised would be removed before the clones below it.
+    const Result r = getCloneXattr(record.path, &clone, &attr, nullptr);
+    if (!r && r.err != ENOENT) return failed(kReadClone, r.err);
+  }
+  if (clone) {
     if (Result r = setCloneAside(record, attr, &taken); !r || !taken) return r;
   }
   return unlinkWhenFree(record);

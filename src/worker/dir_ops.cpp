@@ -4,11 +4,11 @@
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include "base/fd_path.h"
 #include "base/unique_fd.h"
+#include "messages/messages.h"
 #include "object/attr_restore.h"
 #include "object/junction.h"
 #include "object/name_calls.h"
@@ -16,6 +16,7 @@
 #include "object/places.h"
 #include "object/xattr_restore.h"
 #include "records/side_lists.h"
+#include "run/fatal_error.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -47,11 +48,13 @@ Result traced(const char *routine, const Record &record, const Result &result) {
   return result;
 }
 
-// Runs the lists of a top directory. The workers of the nested run have recorded their errno; the
-// failure here carries the exit status of the run instead.
+// Runs the lists of a top directory. Of an engine that failed, only the exit status is known: ENOSPC
+// stands for itself, and otherwise the worker that failed has recorded its errno.
 Result runLists(const Record &record, bool deleted, int code, const ListRunner &here) {
   const Result result = restoreDelNewDir(record.ino, deleted, here);
-  return result ? result : Result{result.rc, code, result.reason()};
+  if (result || result.err != 0) return result.at(code);
+  const int err = result.rc == ENOSPC ? ENOSPC : getFatalError();
+  return {result.rc, code, err > 0 ? err : EIO};
 }
 
 // Finds the place of a directory whose attributes phase 6 restores. A directory that has gone home left
@@ -159,8 +162,7 @@ Result removeDirectory(const Record &record) {
   if (result.err == EPERM) return removeJunction(record.path, result.err);
   if (result.err == ENOTEMPTY && holdsOnlyHidden(record.ino)) {
     traceLog("delDir: dir %s stays, it holds what is left alone\n", record.path.c_str());
-    fprintf(stderr, "The directory %s stays: it holds snapshots or filesets, which are left alone.\n",
-            record.path.c_str());
+    userMessage(Message::kDirKept, record.path);
     return {};
   }
   return removeFailed(record.path, result.err);

@@ -19,6 +19,9 @@ int call(const char *name, Arguments... arguments) {
 
 }  // namespace
 
+int kest_fcntl(int fd, void *request) {
+  return call("kest_fcntl", fd, request);
+}
 int kest_unlink(kest_fssnap_handle_t *fs, const char *path, uint64_t ino) {
   return call("kest_unlink", fs, path, ino);
 }
