@@ -100,6 +100,21 @@ TEST_F(FailingCalls, FailureWithoutAnErrorNumber) {
     expectFailureAndRepair({.call = call, .error = 0, .where = where, .nth = 2});
 }
 
+// Where blocks cannot be shared, data and holes are written one by one.
+TEST_F(FailingCalls, BlocksThatCannotBeSharedAreCopied) {
+  const auto build = [](scenario::TreeBuilder &t) {
+    t.big("unchanged between holes", 16384, 1);
+    for (const uint64_t at : {0, 8192}) t.punch("unchanged between holes", at, 4096);
+    t.sparse("cut in a hole", 65536, {0});
+  };
+  const auto change = [](scenario::TreeBuilder &t) {
+    for (const uint64_t at : {0, 8192}) t.pattern("unchanged between holes", at, 4096, 2);
+    t.truncate("cut in a hole", 20000);
+  };
+  prepareHistory(build, nullptr, change);
+  expectEqual(restoreWith({.call = "kest_ishare", .error = EINVAL, .times = 0}));
+}
+
 TEST_F(FailingCalls, NoSpace) {
   const std::pair<const char *, int> cases[] = {
       {"kest_ishare", kMain},   {"kest_icreate", kCreate}, {"kest_ishare", kCreate},

@@ -24,8 +24,8 @@ class Ranges : public LibraryTest {
 };
 
 TEST_F(Ranges, ExactlyWhatChanged) {
-  for (const char *name :
-       {"same", "written", "truncated", "grown", "shrunk and grown", "allocated", "mapped", "edges"})
+  for (const char *name : {"same", "written", "truncated", "grown", "shrunk and grown", "allocated",
+                           "mapped", "edges", "border"})
     tree_->big(name, 1024 * K, 7);
   tree_->file("nocow");
   tree_->noCow("nocow");
@@ -34,6 +34,7 @@ TEST_F(Ranges, ExactlyWhatChanged) {
   tree_->compress("squeezed");
   tree_->write("squeezed", 0, std::string(512 * K, 'c'));
   tree_->sparse("sparse", 1024 * K, {256 * K, 768 * K});
+  tree_->punch("border", 256 * K, 4 * K);
   tree_->file("reserved");
   tree_->preallocate("reserved", 0, 256 * K);
   for (const char *name : {"tiny", "tiny same", "tiny grown"}) tree_->file(name, "tiny");
@@ -56,6 +57,7 @@ TEST_F(Ranges, ExactlyWhatChanged) {
   tree_->write("squeezed", 256 * K, std::string(128 * K, 'd'));
   tree_->pattern("sparse", 512 * K, 4 * K, 1);
   tree_->punch("sparse", 256 * K, 4 * K);
+  tree_->pattern("border", 252 * K, 12 * K, 1);
   tree_->pattern("reserved", 128 * K, 4 * K, 1);
   tree_->write("tiny", 1, "T");
   tree_->append("tiny grown", std::string(8 * K, 'g'));
@@ -73,6 +75,7 @@ TEST_F(Ranges, ExactlyWhatChanged) {
       {"nocow", "131072+4096"},
       {"squeezed", "262144+131072"},
       {"sparse", "262144+4096 524288+4096(hole)"},
+      {"border", "258048+4096 262144+4096(hole) 266240+4096"},
       {"reserved", "131072+4096(hole)"},
       {"tiny", "0+4"},
       {"tiny grown", "0+4"}};  // inline data became an extent

@@ -48,6 +48,8 @@ const HistoryCase kCases[] = {
        t.dir("property");
        t.setXattr("property", "btrfs.compression", "lzo");
        t.flag("property", FS_IMMUTABLE_FL);
+       t.dir("algorithm");
+       t.setXattr("algorithm", "btrfs.compression", "lzo");
        t.dir("both");
        t.file("late");
        t.flag("late", FS_NOCOW_FL | FS_NOCOMP_FL);
@@ -60,7 +62,8 @@ const HistoryCase kCases[] = {
        for (const std::string &name : t.names(""))
          if (name.starts_with("deleted")) t.remove(name);
        t.flag("property", FS_IMMUTABLE_FL, false);
-       t.flag("property", FS_DIRSYNC_FL);  // this resets the algorithm to the kernel's default
+       t.flag("property", FS_DIRSYNC_FL);   // this resets the algorithm to the kernel's default
+       t.flag("algorithm", FS_DIRSYNC_FL);  // here, too
        t.flag("both", FS_NOCOW_FL | FS_NOCOMP_FL | FS_IMMUTABLE_FL);
        t.flag("late", FS_NOCOW_FL | FS_NOCOMP_FL, false);
      },

@@ -96,7 +96,8 @@ const HistoryCase kCases[] = {
      }},
     {"CloneAttributesLost", family,
      [](TreeBuilder &t) {
-       t.removeXattr("c", "trusted.kest.CLONE");
+       // Making it again must not change the times of its directory, which is unchanged.
+       for (const char *name : {"c", "d/c"}) t.removeXattr(name, "trusted.kest.CLONE");
        t.immutable("p", false);
        t.removeXattr("p", "trusted.kest.CLONE");
      }},
@@ -123,6 +124,14 @@ const HistoryCase kCases[] = {
      [](TreeBuilder &t) {
        removeAll(t, {"c", "d/c", "d/sub/m", "e/mc"});
      }},
+    {"ParentBecameOneOfAnotherDepth",
+     [](TreeBuilder &t) {
+       family(t);
+       t.immutable("d/sub/m", false);
+       t.removeXattr("d/sub/m", "trusted.kest.CLONE");
+       t.cloneParent("d/sub/m");
+     },
+     [](TreeBuilder &t) { t.remove("e/mc"); }},
 };
 
 TEST_P(RestoreTable, Clones) {

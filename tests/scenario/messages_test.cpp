@@ -1,4 +1,9 @@
 // What the command prints and how it ends: usage, refusals, progress.
+#include <sys/mount.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <regex>
 
 #include "scenario/restore_fixture.h"
@@ -48,6 +53,30 @@ TEST_F(Messages, UsageErrors) {
   EXPECT_EQ(result.exitStatus, 0);
   EXPECT_EQ(result.out + result.err, "");
   EXPECT_EQ(run({"TEST2"}).exitStatus, 1) << "only the whole word";
+}
+
+// The first variable that is set decides, also with the name of a locale that this machine does not
+// have.
+TEST_F(Messages, LanguageOfTheEnvironment) {
+  const std::string folder = "/usr/share/locale";
+  ASSERT_EQ(mount("catalogues", folder.c_str(), "tmpfs", 0, nullptr), 0);
+  std::filesystem::create_directories(folder + "/xx/LC_MESSAGES");
+  std::ofstream("/mnt/catalogue") << "$set 27\n476 %s in xx\n";
+  EXPECT_EQ(system(("gencat " + folder + "/xx/LC_MESSAGES/kest.cat /mnt/catalogue").c_str()), 0);
+  const struct {
+    const char *all, *messages, *lang;
+    bool translated;
+  } cases[] = {{"xx_XX.UTF-8", "C", "C", true}, {"", "xx_XX.UTF-8", "C", true},
+               {"", "", "xx.utf8", true},       {"C", "xx_XX.UTF-8", "xx.utf8", false},
+               {"", "C", "xx.utf8", false},     {"", "", "xx_XX", false}};
+  for (const auto &one : cases) {
+    RunOptions options;
+    options.environment = {{"LC_ALL", one.all}, {"LC_MESSAGES", one.messages}, {"LANG", one.lang}};
+    EXPECT_EQ(testsupport::runProgram({fs().mountPoint()}, options).err,
+              one.translated ? "fsetrestore in xx" : kUsage)
+        << one.all << "|" << one.messages << "|" << one.lang;
+  }
+  umount(folder.c_str());
 }
 
 TEST_F(Messages, UnknownFilesetSnapshotAndDevice) {

@@ -8,6 +8,7 @@
 #include "front/difference.h"
 #include "front/info_files.h"
 #include "front/json.h"
+#include "front/mount_lines.h"
 #include "front/text.h"
 #include "front/trouble.h"
 #include "front/when.h"
@@ -172,6 +173,20 @@ TEST(Differences, LinesOfOneObjectAreOne) {
   EXPECT_EQ(summary.directories.at("d").objects, 2u);
   EXPECT_EQ(summary.effects[static_cast<size_t>(Effect::kChanges)].bytes, 2000u);
   EXPECT_EQ(summary.effects[static_cast<size_t>(Effect::kGoesAway)].bytes, 0u);
+}
+
+TEST(Mounts, ShowWhatIsBelowTheirRootAndNoNeighbourOfIt) {
+  const struct {
+    const char *root, *point, *path, *place;
+  } cases[] = {{"home", "/mnt/h", "home", "/mnt/h"}, {"home", "/mnt/h", "home/a", "/mnt/h/a"},
+               {"home", "/mnt/h", "home-2/a", ""},   {"home", "/mnt/h", "other", ""},
+               {"", "/", "home/a", "/home/a"},       {"", "/mnt", "home-2", "/mnt/home-2"}};
+  for (const auto &one : cases) {
+    MountLine mount;
+    mount.root = one.root;
+    mount.point = one.point;
+    EXPECT_EQ(placeIn(mount, one.path), one.place) << one.path;
+  }
 }
 
 TEST(InfoFiles, OfSnapperAndTimeshift) {

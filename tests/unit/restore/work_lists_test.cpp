@@ -27,6 +27,9 @@ TEST_F(WorkLists, ClonesDeeperThanAnyListGoWithTheDeepestAndAreNotMade) {
   EXPECT_NE(testing::internal::GetCapturedStderr().find("/m/new"), std::string::npos);
   expectDepths(CloneLists::kDelete, {1001});
   expectDepths(CloneLists::kRestore, {});
+  attr.bytes[14] = 3, attr.bytes[15] = 0xe8;  // depth 1000, the deepest
+  EXPECT_TRUE(listClone("/m/new", false, attr));
+  expectDepths(CloneLists::kRestore, {1000});
   for (const char *name : {"clone.del.0", "clone.del.70", "clone.del.70.original", "clone.del.",
                            "clone.0", "clone.1", "clone.1000", "clone.x", "clone.-1", "clone.3"})
     put(name, "");

@@ -1,5 +1,6 @@
 #include "worker/work_unit.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 
@@ -67,6 +68,18 @@ TEST_F(WorkUnit, ResultAndMarkerAreTheErrorOfTheFailingStep) {
   refusal = [](const std::string &call) { return call == "kest_unlink" ? ENOSPC : 0; };
   EXPECT_EQ(run(deletion("a")).rc, ENOSPC);
   EXPECT_EQ(marker(), "28\n");
+}
+
+TEST_F(WorkUnit, LinesAreWrittenBeforeAStepThatDependsOnThem) {
+  std::vector<int> lines;
+  refusal = [&](const std::string &call) {
+    const std::string text = read(checkpoint());
+    if (call == "kest_unlink")
+      lines.push_back(static_cast<int>(std::count(text.begin(), text.end(), '\n')));
+    return 0;
+  };
+  EXPECT_TRUE(run(deletion("a") + deletion("b c") + deletion("d")));
+  EXPECT_EQ(lines, (std::vector<int>{0, 1, 2}));
 }
 
 TEST_F(WorkUnit, BatchOrCheckpointFileThatCannotBeOpenedStops) {
