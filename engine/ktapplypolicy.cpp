@@ -113,7 +113,8 @@ int runHere(const Options &options, const RunDirectory &directory, ListReader *l
     most = node->share;
     number = node->number;
   }
-  if (!slots.open(&problem, most)) return fail(problem);
+  const bool waits = spansNodes(options.device);
+  if (!slots.open(waits, &problem, most)) return fail(problem);
   const RunSignals signals;
   std::unique_ptr<RunLine> line;
   if (part != nullptr) {
@@ -124,11 +125,11 @@ int runHere(const Options &options, const RunDirectory &directory, ListReader *l
     line = std::make_unique<RunLine>();
   }
   const size_t most_here = std::min(options.max_workers, most);
-  BatchRun run({script, &directory, most_here,
-                balancedBatchSize(records, std::min(most_here, slots.budget()),
-                                  spansNodes(options.device), options.batch_size),
-                line.get()},
-               &slots, &signals);
+  BatchRun run(
+      {script, &directory, most_here,
+       balancedBatchSize(records, std::min(most_here, slots.budget()), waits, options.batch_size),
+       line.get()},
+      &slots, &signals);
   if (!run.probe()) {
     (void)line.release();
     return fail(script.exec + " TEST failed, nothing was started");

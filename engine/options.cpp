@@ -25,9 +25,9 @@ const char *const kEngineUsage =
     "  -h, --help    this text\n"
     "  --version     the version\n"
     "KT_MAX_WORKERS in the environment limits the workers of this run and all runs nested in it\n"
-    "(twice the number of processors, at least 4).\n"
-    "KT_DIRECTORY, <device>:<inode>, is what DIRECTORY has to be; in any case it is the caller's, and\n"
-    "nobody else may write to it.\n"
+    "(the number of processors, at least 2; twice that, at least 4, if the file system is clustered).\n"
+    "KT_DIRECTORY, <device>:<inode>, says which directory DIRECTORY must be. In any case it must belong\n"
+    "to the caller, and nobody else may be able to write to it.\n"
     "Exit status: 0 every worker ended with 0; 28 no space, for batch files or a worker; 1 anything "
     "else.\n";
 

@@ -28,8 +28,9 @@
 inline constexpr const char *kWorkerSlotVariable = "KT_WORKER_SLOT";
 inline constexpr const char *kMaxWorkersVariable = "KT_MAX_WORKERS";
 
-// Returns the number of workers that suits a machine with `cpus` processors.
-size_t defaultMaxWorkers(size_t cpus);
+// Returns the number of workers that suits a machine with `cpus` processors. `waits`: the workers
+// mostly wait for the servers of a clustered file system, so that more of them are faster.
+size_t defaultMaxWorkers(size_t cpus, bool waits);
 
 class WorkerSlots {
  public:
@@ -39,9 +40,9 @@ class WorkerSlots {
   };
 
   // Joins the area of the engine whose worker started this process, or creates one with KT_MAX_WORKERS
-  // slots (1 to 4096; default: defaultMaxWorkers), but `most` at most. rc of a failure is the errno;
-  // *problem explains it.
-  Result open(std::string *problem, size_t most = SIZE_MAX);
+  // slots (1 to 4096; default: defaultMaxWorkers of `waits`), but `most` at most. rc of a failure is
+  // the errno; *problem explains it.
+  Result open(bool waits, std::string *problem, size_t most = SIZE_MAX);
 
   // Returns true if a worker of another engine started this process.
   static bool isNested();
@@ -63,7 +64,7 @@ class WorkerSlots {
   int outerEngine() const { return outer_.get(); }
 
  private:
-  Result create(std::string *problem, size_t most);
+  Result create(bool waits, std::string *problem, size_t most);
   Result join(const char *value, std::string *problem);
   bool lock(size_t index, size_t stripe, bool take);
 
