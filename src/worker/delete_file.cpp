@@ -61,7 +61,8 @@ Result remove(const Record &record) {
   if (settings.phase == kPhaseMain) {
     // A clone that is not recognised would be removed before the clones below it.
     const Result r = getCloneXattr(record.path, &clone, &attr, nullptr);
-    if (!r && r.err != ENOENT) return failed(kReadClone, r.err);
+    // The other errors mean that the object is gone by now, which a mount of a CephFS may notice late.
+    if (!r && r.err != ENOENT && r.err != ESTALE) return failed(kReadClone, r.err);
   }
   if (clone) {
     if (Result r = setCloneAside(record, attr, &taken); !r || !taken) return r;
