@@ -10,8 +10,8 @@
 
 // Sets *clone for a clone or clone parent and fills *attr. `snap` may be null. The path lies in the
 // active fileset, the work directory or the snapshot. Failures are traced. An object that cannot be
-// opened counts as no clone, because a call by its name will fail as well. If the attribute cannot be
-// read, rc is the errno.
+// opened counts as no clone: on btrfs a call by its name will fail as well, and on CephFS, where there
+// are no clones, a mount may not know the object yet. If the attribute cannot be read, rc is the errno.
 Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr, CloneSnapAttr *snap);
 
 // Returns true if a snapshot file with these attributes is restored from its data like an ordinary

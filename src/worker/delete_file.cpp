@@ -61,7 +61,7 @@ Result remove(const Record &record) {
   if (settings.phase == kPhaseMain) {
     // A clone that is not recognised would be removed before the clones below it.
     const Result r = getCloneXattr(record.path, &clone, &attr, nullptr);
-    // The other errors mean that the object is gone by now, which a mount of a CephFS may notice late.
+    // ENOENT and ESTALE mean that the object is gone by now.
     if (!r && r.err != ENOENT && r.err != ESTALE) return failed(kReadClone, r.err);
   }
   if (clone) {

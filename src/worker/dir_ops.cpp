@@ -16,7 +16,6 @@
 #include "object/places.h"
 #include "object/xattr_restore.h"
 #include "records/side_lists.h"
-#include "run/fatal_error.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -49,12 +48,12 @@ Result traced(const char *routine, const Record &record, const Result &result) {
 }
 
 // Runs the lists of a top directory. Of an engine that failed, only the exit status is known: ENOSPC
-// stands for itself, and otherwise the worker that failed has recorded its errno.
+// stands for itself. Otherwise the worker that failed has printed and recorded what failed, and the
+// directory's record was broken off because of that.
 Result runLists(const Record &record, bool deleted, int code, const ListRunner &here) {
   const Result result = restoreDelNewDir(record.ino, deleted, here);
   if (result || result.err != 0) return result.at(code);
-  const int err = result.rc == ENOSPC ? ENOSPC : getFatalError();
-  return {result.rc, code, err > 0 ? err : EIO};
+  return {result.rc, code, result.rc == ENOSPC ? ENOSPC : ECANCELED};
 }
 
 // Finds the place of a directory whose attributes phase 6 restores. A directory that has gone home left
