@@ -65,14 +65,6 @@ int BtrfsDirectory::openObject(const std::string &name, std::unique_ptr<Inode> *
   return 0;
 }
 
-int BtrfsDirectory::open(const std::string &name, int flags, mode_t mode,
-                         std::unique_ptr<Inode> *opened) {
-  UniqueFd file(openat(fd(), name.c_str(), flags, mode));
-  if (!file) return -errno;
-  *opened = std::make_unique<BtrfsInode>(std::move(file), BtrfsInode::Held::kReal);
-  return 0;
-}
-
 int BtrfsDirectory::makeDirectory(const std::string &name, mode_t mode) {
   return resultOf(mkdirat(fd(), name.c_str(), mode));
 }

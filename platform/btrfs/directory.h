@@ -19,7 +19,6 @@ class BtrfsDirectory : public Directory {
 
   int stat(const std::string &name, struct stat *st) override;
   int openObject(const std::string &name, std::unique_ptr<Inode> *object, struct stat *st) override;
-  int open(const std::string &name, int flags, mode_t mode, std::unique_ptr<Inode> *opened) override;
   int makeDirectory(const std::string &name, mode_t mode) override;
   int makeNode(const std::string &name, mode_t mode, dev_t device) override;
   int makeSymlink(const std::string &name, const char *target) override;

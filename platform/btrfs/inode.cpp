@@ -271,13 +271,6 @@ int BtrfsInode::makeCloneParent() {
   return writeProtection({.immutable = true, .append_only = false});
 }
 
-int BtrfsInode::reopen(int flags, std::unique_ptr<Inode> *opened) {
-  UniqueFd fd(openAgain(this->fd(), flags));
-  if (!fd) return fd.get();
-  *opened = std::make_unique<BtrfsInode>(std::move(fd), Held::kReal, root_);
-  return 0;
-}
-
 int openInode(const TreeRoot &root, uint64_t ino, std::unique_ptr<Inode> *inode) {
   UniqueFd fd(openEvenNameless(root.fd.get(), root.subvol_id, ino, 0, O_PATH));
   if (!fd) return fd.get();

@@ -38,7 +38,6 @@ class BtrfsInode : public DescriptorInode {
   int applyStorage(const BlobAttributes &now, const BlobAttributes &wanted) override;
   int share(Inode &from, int64_t offset, int64_t length) override;
   int makeCloneParent() override;
-  int reopen(int flags, std::unique_ptr<Inode> *opened) override;
 
  private:
   int carriesBlob(mode_t mode, uint32_t *answer);

@@ -78,10 +78,6 @@ int CephDirectory::openObject(const std::string &name, std::unique_ptr<Inode> *o
   return 0;
 }
 
-int CephDirectory::open(const std::string &, int, mode_t, std::unique_ptr<Inode> *) {
-  return -ENOTSUP;  // a descriptor of the kernel is wanted
-}
-
 int CephDirectory::makeDirectory(const std::string &name, mode_t mode) {
   std::string plain;
   if (int rc = entryName(name, true, &plain); rc < 0) return rc;

@@ -373,11 +373,6 @@ int CephInode::makeCloneParent() {
   return -ENOTSUP;
 }
 
-int CephInode::reopen(int flags, std::unique_ptr<Inode> *) {
-  (void)flags;
-  return -ENOTSUP;
-}
-
 int CephInode::duplicateDescriptor() {
   return openDescriptor(*root_, facts_.ino, path_.get());
 }

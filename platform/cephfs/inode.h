@@ -49,7 +49,6 @@ class CephInode : public Inode {
   int applyStorage(const BlobAttributes &now, const BlobAttributes &wanted) override;
   int share(Inode &from, int64_t offset, int64_t length) override;
   int makeCloneParent() override;
-  int reopen(int flags, std::unique_ptr<Inode> *opened) override;
   int duplicateDescriptor() override;
   int takeDescriptor() override;
 

@@ -123,8 +123,6 @@ class Inode {
   virtual int makeCloneParent() = 0;
 
   // ---- kernel descriptors.
-  // Opens the object again with the flags of open(2).
-  virtual int reopen(int flags, std::unique_ptr<Inode> *opened) = 0;
   virtual int duplicateDescriptor() = 0;  // close-on-exec; the caller closes it
   // Releases the inode's own descriptor to the caller, who closes it. The inode is then unusable.
   virtual int takeDescriptor() = 0;
@@ -143,8 +141,6 @@ class Directory {
   virtual int stat(const std::string &name, struct stat *st) = 0;
   // Opens the object itself without side effects: a device or FIFO is not activated.
   virtual int openObject(const std::string &name, std::unique_ptr<Inode> *object, struct stat *st) = 0;
-  // Calls open(2) with `flags`.
-  virtual int open(const std::string &name, int flags, mode_t mode, std::unique_ptr<Inode> *opened) = 0;
   virtual int makeDirectory(const std::string &name, mode_t mode) = 0;
   virtual int makeNode(const std::string &name, mode_t mode, dev_t device) = 0;
   virtual int makeSymlink(const std::string &name, const char *target) = 0;

@@ -29,6 +29,7 @@ namespace {
 
 constexpr int32_t kGetExtendedAttribute = 6001;
 constexpr int32_t kReasonAbsent = 27, kReasonTooSmall = 29;
+constexpr std::string_view kAttribute = "kest.CLONE";
 constexpr size_t kFirstBuffer = 1024;
 constexpr int kMostAttempts = 5;  // the attribute can grow between two attempts
 
@@ -59,24 +60,23 @@ void traceNoClone(const std::string &path, CloneXattrStep code, int rc, int err)
            err);
 }
 
-// Reads the attribute "kest.<name>" through an open descriptor. *present is false if there is none.
-Result getFileAttribute(int fd, const std::string &name, std::vector<uint8_t> *value, bool *present) {
+// Reads the attribute through an open descriptor. *present is false if there is none.
+Result readCloneAttribute(int fd, std::vector<uint8_t> *value, bool *present) {
   static std::vector<char> buffer(kFirstBuffer);
   value->clear();
   *present = false;
-  const std::string full = "kest." + name;
-  const size_t value_at = sizeof(AttributeRequest) + padded(full.size());
+  const size_t value_at = sizeof(AttributeRequest) + padded(kAttribute.size());
   for (int attempt = 0; attempt < kMostAttempts; ++attempt) {
     AttributeRequest request{};
     request.totalLength = static_cast<int32_t>(buffer.size());
     request.version = 1;
     request.length = request.totalLength - 16;
     request.type = kGetExtendedAttribute;
-    request.nameLength = static_cast<int32_t>(full.size());
+    request.nameLength = static_cast<int32_t>(kAttribute.size());
     request.valueLength = static_cast<int32_t>(buffer.size() - value_at);
     std::fill(buffer.begin(), buffer.end(), '\0');
     memcpy(buffer.data(), &request, sizeof request);
-    memcpy(buffer.data() + sizeof request, full.data(), full.size());
+    memcpy(buffer.data() + sizeof request, kAttribute.data(), kAttribute.size());
 
     const Result asked = called(kest_fcntl(fd, buffer.data()));
     memcpy(&request, buffer.data(), sizeof request);
@@ -96,27 +96,9 @@ Result getFileAttribute(int fd, const std::string &name, std::vector<uint8_t> *v
   return errnoResult(EIO);
 }
 
-// Returns true if the attribute was read, and also after a failure to read it; false if it is missing
-// or too short.
-bool readCloneSnap(const std::string &path, int fd, CloneSnapAttr *snap) {
-  std::vector<uint8_t> value;
-  bool present = false;
-  if (!getFileAttribute(fd, "CLONESNAP", &value, &present)) {
-    traceLog("getCloneXattr: get clone snap failed, path %s\n", path.c_str());
-    return true;
-  }
-  if (!present || value.size() < snap->bytes.size()) {
-    traceLog("getCloneXattr: clone snap EA too short, path %s, len %d\n", path.c_str(),
-             static_cast<int>(value.size()));
-    return false;
-  }
-  std::copy_n(value.begin(), snap->bytes.size(), snap->bytes.begin());
-  return true;
-}
-
 }  // namespace
 
-Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr, CloneSnapAttr *snap) {
+Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr) {
   *clone = false;
   // An O_PATH descriptor suffices to read attributes. It needs no rights and, unlike a real open, has
   // no side effect on devices, FIFOs or leases.
@@ -130,7 +112,7 @@ Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr, Clon
   if (fstat(fd.get(), &st) == 0 && !S_ISREG(st.st_mode)) return {};
   std::vector<uint8_t> value;
   bool present = false;
-  if (Result r = getFileAttribute(fd.get(), "CLONE", &value, &present); !r) {
+  if (Result r = readCloneAttribute(fd.get(), &value, &present); !r) {
     traceLog("getCloneXattr: get clone attr failed, path %s\n", path.c_str());
     traceNoClone(path, kReadAttribute, -1, r.err);
     return r;
@@ -143,7 +125,7 @@ Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr, Clon
     return {};
   }
   std::copy_n(value.begin(), attr->bytes.size(), attr->bytes.begin());
-  *clone = snap == nullptr || !attr->parentInSnapshot() || readCloneSnap(path, fd.get(), snap);
+  *clone = true;
   return {};
 }
 

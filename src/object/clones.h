@@ -8,11 +8,11 @@
 #include "base/result.h"
 #include "scan/clone_state.h"
 
-// Sets *clone for a clone or clone parent and fills *attr. `snap` may be null. The path lies in the
-// active fileset, the work directory or the snapshot. Failures are traced. An object that cannot be
-// opened counts as no clone: on btrfs a call by its name will fail as well, and on CephFS, where there
-// are no clones, a mount may not know the object yet. If the attribute cannot be read, rc is the errno.
-Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr, CloneSnapAttr *snap);
+// Sets *clone for a clone or clone parent and fills *attr. The path lies in the active fileset or the
+// work directory. Failures are traced. An object that cannot be opened counts as no clone: on btrfs a
+// call by its name will fail as well, and on CephFS, where there are no clones, a mount may not know
+// the object yet. If the attribute cannot be read, rc is the errno.
+Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr);
 
 // Returns true if a snapshot file with these attributes is restored from its data like an ordinary
 // file: a parent that is itself no clone, or a clone whose parent was gone when the snapshot was taken

@@ -60,7 +60,7 @@ Result remove(const Record &record) {
   bool clone = false, taken = false;
   if (settings.phase == kPhaseMain) {
     // A clone that is not recognised would be removed before the clones below it.
-    const Result r = getCloneXattr(record.path, &clone, &attr, nullptr);
+    const Result r = getCloneXattr(record.path, &clone, &attr);
     // ENOENT and ESTALE mean that the object is gone by now.
     if (!r && r.err != ENOENT && r.err != ESTALE) return failed(kReadClone, r.err);
   }
