@@ -51,7 +51,7 @@ Result fetchMovedObject(MasterLists &lists, const std::string &path, const kest_
 
 Result setAsideDirectory(MasterLists &lists, const CommonWalker &walkCommon, const AsideCodes &codes,
                          const std::string &path, uint64_t ino, bool changed, std::string *newPath) {
-  if (Result r = settleTruncations(); !r) return r.at(codes.list);
+  if (Result r = settleTruncations(); !r) return r.at(codes.settle);
   if (Result r = moveFile(path, ino, settings.phase, newPath, false); !r) return r.at(codes.move);
   noteFormerPlace(ino, path);
   if (newPath->empty()) return {};  // its owner removed it during the walk

@@ -46,12 +46,12 @@ using CommonWalker = std::function<Result(const std::string &path, uint64_t ino)
 
 // The caller's codes for the failing steps of setAsideDirectory.
 struct AsideCodes {
-  int move, list, walk, moveBack;
+  int settle, move, list, walk, moveBack;
 };
 
-// Handles a directory of the snapshot that a user has renamed or moved and that is at `path` now: moves
-// it aside, lists it if `changed`, walks it at its new place, which *newPath receives, and in pass 1
-// lists it for the final directory move. Skips a directory that has disappeared. rc of a failure is
-// that of the step.
+// Handles a directory of the snapshot that a user has renamed or moved and that is at `path` now:
+// performs the truncations that wait, because paths change now, moves it aside, lists it if `changed`,
+// walks it at its new place, which *newPath receives, and in pass 1 lists it for the final directory
+// move. Skips a directory that has disappeared. rc of a failure is that of the step.
 Result setAsideDirectory(MasterLists &lists, const CommonWalker &walkCommon, const AsideCodes &codes,
                          const std::string &path, uint64_t ino, bool changed, std::string *newPath);

@@ -30,12 +30,16 @@ enum NewStep : int {
   kListChanges = 45,
   kListMove = 46,
   kListRegMoveBack = 47,
+  kSettleTruncations = 51,  // before a directory is moved aside
   kListAsideChanges = 71,
 };
 
 // A failed walk below a directory that was moved aside has no code.
-constexpr AsideCodes kAsideCodes{
-    .move = kMoveAside, .list = kListAsideChanges, .walk = 0, .moveBack = kListMoveBack};
+constexpr AsideCodes kAsideCodes{.settle = kSettleTruncations,
+                                 .move = kMoveAside,
+                                 .list = kListAsideChanges,
+                                 .walk = 0,
+                                 .moveBack = kListMoveBack};
 
 class NewWalk {
  public:

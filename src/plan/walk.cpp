@@ -59,12 +59,16 @@ enum CommonStep : int {
   kListChanges = 74,
   kListMove = 75,
   kListRegMove = 76,
+  kSettleTruncations = 81,  // before a directory is moved aside
   kListMadeAside = 411,
   kUnlinkJunction = 711,
 };
 
-constexpr AsideCodes kAsideCodes{
-    .move = kMoveAside, .list = kListDirectory, .walk = kWalkCommon, .moveBack = kListDirMove};
+constexpr AsideCodes kAsideCodes{.settle = kSettleTruncations,
+                                 .move = kMoveAside,
+                                 .list = kListDirectory,
+                                 .walk = kWalkCommon,
+                                 .moveBack = kListDirMove};
 
 constexpr int64_t kEntriesOfMessage = 1000;
 
@@ -418,6 +422,8 @@ Result CommonWalk::movedDirectory(CommonDir &dir, uint64_t ino, bool changed) {
       setAsideDirectory(lists_, walkCommon_, kAsideCodes, dir.path, ino, changed, &new_path);
   if (result) return result;
   switch (result.code) {
+    case kSettleTruncations:
+      break;  // traced with the path of the file
     case kMoveAside:
       traceLog("traverseCommonDir: moveFile failed, path %s, ino %lld, phase %d, newPath %s\n",
                dir.path.c_str(), number(ino), settings.phase, new_path.c_str());
