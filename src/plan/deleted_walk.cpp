@@ -25,6 +25,7 @@ enum DeletedStep : int {
   kFetchMoved = 9,
   kPathTooLong = 41,
   kListLinks = 51,
+  kCountNames = 52,  // of the entry's inode
 };
 
 class DeletedWalk {
@@ -78,7 +79,10 @@ class DeletedWalk {
       dumpDiffTable();
       return failed(kNoItem, EINVAL);
     }
-    if (!isDirEntry(entry) && isHardLinked(ino)) {
+    bool linked = false;
+    if (!isDirEntry(entry))
+      if (Result r = isHardLinked(ino, &linked); !r) return r.at(kCountNames);
+    if (linked) {
       bool also_deleted = false;
       if (Result r = listMissingLink(path_, ino, &also_deleted); !r) return r.at(kListLinks);
       return also_deleted ? deletedObject(ino) : Result{};

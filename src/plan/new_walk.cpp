@@ -30,6 +30,7 @@ enum NewStep : int {
   kListChanges = 45,
   kListMove = 46,
   kListRegMoveBack = 47,
+  kCountNames = 48,         // of the entry's inode
   kSettleTruncations = 51,  // before a directory is moved aside
   kListAsideChanges = 71,
 };
@@ -118,7 +119,9 @@ class NewWalk {
   }
 
   Result snapshotObject(uint64_t ino, bool in_range, bool changed) {
-    if (isHardLinked(ino)) {
+    bool linked = false;
+    if (Result r = isHardLinked(ino, &linked); !r) return r.at(kCountNames);
+    if (linked) {
       // Only the name goes; phase 8 gives the inode all its names of the snapshot. If the number lies
       // outside the range, its own pass lists the inode.
       if (Result r = list(ino, kOpDeleteFile, kListDeletion); !r) return r;

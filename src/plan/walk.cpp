@@ -46,6 +46,7 @@ enum CommonStep : int {
   kListDirMove = 11,
   kWalkNew = 12,
   kListNewDirectory = 13,
+  kCountNames = 14,  // of the entry's inode
   kSnapshotPathTooLong = 21,
   kListMissingLink = 22,
   kFetch = 41,  // of a moved object, or of a directory that is made in its temporary location
@@ -224,7 +225,10 @@ Result CommonWalk::onlyInSnapshot(CommonDir &dir, const kest_direntx64_t &entry,
     return {};
   }
   // A missing hard link is not copied: phase 8 links the name to the inode.
-  if (isDirEntry(entry) || !isHardLinked(entry.d_ino)) return snapshotEntry(dir, entry, in_range);
+  bool linked = false;
+  if (!isDirEntry(entry))
+    if (Result r = isHardLinked(entry.d_ino, &linked); !r) return r.at(kCountNames);
+  if (!linked) return snapshotEntry(dir, entry, in_range);
   bool also_deleted = false;
   if (Result r = listMissingLink(dir.path, entry.d_ino, &also_deleted); !r)
     return r.at(kListMissingLink);
@@ -358,14 +362,17 @@ Result CommonWalk::leadingEntry(CommonDir &dir, const kest_direntx64_t &entry) {
     if (Result r = needsRemaking(ino, &remake); !r) return failed(kAddItem, r.err);
     if (remake) return remakeFile(dir, ino);
   }
-  return isHardLinked(ino) ? hardLinked(dir, entry, *item) : singleName(dir, ino, *item);
+  bool linked = false;
+  if (Result r = isHardLinked(ino, &linked); !r) return r.at(kCountNames);
+  return linked ? hardLinked(dir, entry, *item) : singleName(dir, ino, *item);
 }
 
 // Handles the snapshot's own name of a file that has to be made again.
 Result CommonWalk::remakeFile(CommonDir &dir, uint64_t ino) {
   if (Result r = lists_.ListRecord(dir.path, ino, kOpDeleteFile); !r) return r.at(kListDeletion);
-  bool listed = true;
-  if (isHardLinked(ino)) {
+  bool listed = true, linked = false;
+  if (Result r = isHardLinked(ino, &linked); !r) return r.at(kCountNames);
+  if (linked) {
     if (Result r = listMissingLink(dir.path, ino, &listed); !r) return r.at(kListLink);
   }
   if (listed) {

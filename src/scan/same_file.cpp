@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "messages/messages.h"
-#include "run/fatal_error.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
@@ -115,24 +114,24 @@ Result needsRemaking(uint64_t ino, bool *remake) {
 
 namespace {
 
-bool linksUnknown(const char *call, uint64_t ino, int rc) {
-  const int err = errno;
-  traceLog("%s return error, rc %d, errno %d\n", call, rc, err);
-  userMessage(Message::kInodeFailed, ino, strerror(err));
-  // Otherwise each name would become a file of its own and the run would report success.
-  setFatalError(err);
-  return false;
+Result linksUnknown(const char *call, uint64_t ino, int rc) {
+  const Result r = failed(0);
+  traceLog("%s return error, rc %d, errno %d\n", call, rc, r.err);
+  userMessage(Message::kInodeFailed, ino, strerror(r.err));
+  return r;
 }
 
 }  // namespace
 
-bool isHardLinked(uint64_t ino) {
+Result isHardLinked(uint64_t ino, bool *linked) {
   const int bits = kest_idifference(handles.iscanP, ino);
   if (bits < 0) return linksUnknown("checkActiveLink", ino, bits);
-  if (bits > 0) return bits & KEST_DI_LINKED;
+  *linked = bits & KEST_DI_LINKED;
+  if (bits > 0) return {};
   // The inode is not in the difference, so its link count in the snapshot is that of the fileset, too.
   const kest_iattr64_t *attr = nullptr;
   if (const int rc = kest_stat_inode64(handles.iscanFromP, ino, ino + 1, &attr); rc != 0)
     return linksUnknown("checkSnapLink", ino, rc);
-  return attr != nullptr && !isDirectory(attr->ia_mode) && attr->ia_nlink > 1;
+  *linked = attr != nullptr && !isDirectory(attr->ia_mode) && attr->ia_nlink > 1;
+  return {};
 }

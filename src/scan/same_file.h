@@ -30,7 +30,6 @@ bool mayBeClone(uint64_t ino);
 // cannot be changed back in place, or it is a running program. Master only.
 Result needsRemaking(uint64_t ino, bool *remake);
 
-// Returns true if a non-directory has several names in the snapshot, or had them in the active fileset
-// when the difference was computed. If the inode cannot be examined, traces it, records a fatal error
-// and returns false; the run then ends with 1 before it uses its lists. Master only.
-bool isHardLinked(uint64_t ino);
+// Sets *linked if a non-directory has several names in the snapshot, or had them in the active fileset
+// when the difference was computed. A failure is traced and printed; rc is -1. Master only.
+Result isHardLinked(uint64_t ino, bool *linked);
