@@ -28,7 +28,7 @@ enum AttrStep : int {
   kPutAcl = 5,
   kIdentify = 6,  // the object is not the expected one: another type (EINVAL) or another inode (ESTALE)
   kSetOwner = 7,
-  kSetTimes = 8,
+  kSetTimes = 8,       // or finding out whether the object is an unsettled clone parent
   kSetImmutable = 12,  // or append-only; also if the object's flags cannot be read
   kSetCapability = 14,
 };
@@ -125,18 +125,22 @@ bool sameTime(const kest_timestruc64_t &a, const kest_timestruc64_t &b) {
   return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
 }
 
-// isClone has recorded a fatal error if the attributes cannot be read.
-bool isUnsettledParent(const OpenObject &snap, int32_t phase) {
+Result isUnsettledParent(const OpenObject &snap, int32_t phase, bool *unsettled) {
+  *unsettled = false;
+  if (phase != kPhaseClones || !snap.has(KEST_HAS_CLONE)) return {};
   CloneAttr attr;
   bool clone = false;
-  return phase == kPhaseClones && snap.has(KEST_HAS_CLONE) && isClone(snap.get(), &clone, &attr) &&
-         clone && attr.isParent();
+  if (Result r = isClone(snap.get(), &clone, &attr); !r) return failed(kSetTimes, r.err);
+  *unsettled = clone && attr.isParent();
+  return {};
 }
 
 Result restoreTimes(const Target &target, int32_t phase) {
   kest_iattr64_t want = target.snap.facts.attr;
   const kest_iattr64_t &have = target.active.facts.attr;
-  if (isUnsettledParent(target.snap, phase)) want.ia_mtime = unsettledTime(want.ia_mtime);
+  bool unsettled = false;
+  if (Result r = isUnsettledParent(target.snap, phase, &unsettled); !r) return r;
+  if (unsettled) want.ia_mtime = unsettledTime(want.ia_mtime);
   if (!target.data_written && sameTime(have.ia_atime, want.ia_atime) &&
       sameTime(have.ia_mtime, want.ia_mtime))
     return {};

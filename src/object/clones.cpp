@@ -15,7 +15,6 @@
 #include "messages/messages.h"
 #include "object/paths.h"
 #include "object/places.h"
-#include "run/fatal_error.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/snapshot_table.h"
@@ -158,21 +157,22 @@ Result openSnapshot(uint32_t id, SnapshotHandle *handle) {
   return {};
 }
 
-// Otherwise the clone would come back as an ordinary file and the run would report success.
-void parentUnknown(uint64_t ino, int err) {
-  traceLog("clone parent %lld: cannot be looked for, err %d\n", static_cast<long long>(ino), err);
-  userMessage(Message::kInodeFailed, ino, strerror(err));
-  setFatalError(err);
+Result parentUnknown(uint64_t ino, const Result &r) {
+  traceLog("clone parent %lld: cannot be looked for, err %d\n", static_cast<long long>(ino), r.err);
+  userMessage(Message::kInodeFailed, ino, strerror(r.err));
+  return r;
 }
 
-bool isParentOfDepth(kest_fssnap_handle_t *tree, uint64_t ino, int depth) {
+Result isParentOfDepth(kest_fssnap_handle_t *tree, uint64_t ino, int depth, bool *is) {
+  *is = false;
   Inode parent;
-  const Result opened = openIfThere(tree, ino, &parent);
-  if (!opened) parentUnknown(ino, opened.err);
+  if (Result r = openIfThere(tree, ino, &parent); !r) return parentUnknown(ino, r);
+  if (!parent) return {};
   bool clone = false;
   CloneAttr attr;
-  return parent && isClone(parent.get(), &clone, &attr) && clone && attr.isParent() &&
-         attr.depth() == depth;
+  if (Result r = isClone(parent.get(), &clone, &attr); !r) return r;
+  *is = clone && attr.isParent() && attr.depth() == depth;
+  return {};
 }
 
 }  // namespace
@@ -192,35 +192,42 @@ Result otherSnapshot(uint32_t id, kest_fssnap_handle_t **handle) {
   return known->second.opened;
 }
 
-bool restoredFromData(const std::string &path, const CloneAttr &attr, const CloneSnapAttr &snap) {
-  if (attr.depth() == 0) return true;
+Result restoredFromData(const std::string &path, const CloneAttr &attr, const CloneSnapAttr &snap,
+                        bool *from_data) {
+  *from_data = true;
+  if (attr.depth() == 0) return {};
   const uint64_t parent = attr.parentIno();
-  if (!attr.parentInSnapshot()) return !isParentOfDepth(handles.oldFsP, parent, attr.depth() - 1);
-  kest_fssnap_handle_t *tree = nullptr;
-  const Result opened = otherSnapshot(snap.snapId(), &tree);
-  // EINVAL: the name now belongs to a snapshot of another fileset.
-  if (!opened && opened.err != ENOENT && opened.err != EINVAL) parentUnknown(parent, opened.err);
-  if (opened && isParentOfDepth(tree, parent, attr.depth() - 1)) return false;
+  kest_fssnap_handle_t *tree = attr.parentInSnapshot() ? nullptr : handles.oldFsP;
+  if (tree == nullptr) {
+    const Result opened = otherSnapshot(snap.snapId(), &tree);
+    // EINVAL: the name now belongs to a snapshot of another fileset.
+    if (!opened && opened.err != ENOENT && opened.err != EINVAL) return parentUnknown(parent, opened);
+  }
+  bool found = false;
+  if (tree != nullptr)
+    if (Result r = isParentOfDepth(tree, parent, attr.depth() - 1, &found); !r) return r;
+  *from_data = !found;
+  if (found || !attr.parentInSnapshot()) return {};
   traceLog("clone %s: the parent %lld is not in snapshot %u\n", path.c_str(),
            static_cast<long long>(parent), snap.snapId());
   if (settings.isMaster())
     userMessage(Message::kCloneParentGone, path, static_cast<int64_t>(snap.snapId()));
-  return true;
+  return {};
 }
 
 // ---- inode numbers of parents that were made again
 
 namespace {
 
-// Sets *living if the inode exists and is a clone parent. If its attributes cannot be read, *living
-// stays false and isClone has recorded a fatal error.
+// Sets *living if the inode exists and is a clone parent.
 Result isLivingParent(uint64_t ino, bool *living) {
   *living = false;
   Inode file;
   if (Result r = openIfThere(handles.activeFsP, ino, &file); !r || !file) return r;
   bool clone = false;
   CloneAttr attr;
-  *living = isClone(file.get(), &clone, &attr) && clone && attr.isParent();
+  if (Result r = isClone(file.get(), &clone, &attr); !r) return r;
+  *living = clone && attr.isParent();
   return {};
 }
 

@@ -14,11 +14,12 @@
 // the object yet. If the attribute cannot be read, rc is the errno.
 Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr);
 
-// Returns true if a snapshot file with these attributes is restored from its data like an ordinary
+// Sets *from_data if a snapshot file with these attributes is restored from its data like an ordinary
 // file: a parent that is itself no clone, or a clone whose parent was gone when the snapshot was taken
 // or has gone with the snapshot that held it. In the last case the master tells the user, with `path`
-// as the file's name.
-bool restoredFromData(const std::string &path, const CloneAttr &attr, const CloneSnapAttr &snap);
+// as the file's name. If it is unknown whether the parent exists, that is traced and printed.
+Result restoredFromData(const std::string &path, const CloneAttr &attr, const CloneSnapAttr &snap,
+                        bool *from_data);
 
 // Opens the fileset in the snapshot with this id and keeps the handle until the process ends. ENOENT:
 // the fileset has no such snapshot any more. rc of a failure is the errno.

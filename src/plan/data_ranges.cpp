@@ -20,6 +20,7 @@ enum RangeStep : int {
   kListChanges = 15,
   kListTail = 16,
   kOpenDeleted = 17,
+  kReadClone = 18,  // or finding the clone's parent
   kListClone = 31,
 };
 
@@ -185,12 +186,6 @@ Result listLostTail(const ChangedFile &file, DataWalk &walk) {
   return {};
 }
 
-// isClone has recorded a fatal error if it fails, so the run ends before this list is used.
-bool countsAsClone(kest_ifile_t *snap, CloneAttr *attr = nullptr, CloneSnapAttr *attr_snap = nullptr) {
-  bool clone = false;
-  return isClone(snap, &clone, attr, attr_snap) && clone;
-}
-
 // A file whose clone state differs is made again and never listed as changed, so the snapshot's clone
 // state is the active file's, too.
 Result readCloneState(const ChangedFile &file, bool *clone) {
@@ -198,8 +193,7 @@ Result readCloneState(const ChangedFile &file, bool *clone) {
   if (!mayBeClone(file.ino)) return {};
   Inode snap;
   if (Result r = openInode(handles.oldFsP, file.ino, &snap); !r) return r.at(kOpenInodes);
-  *clone = countsAsClone(snap.get());
-  return {};
+  return isClone(snap.get(), clone).at(kReadClone);
 }
 
 }  // namespace
@@ -241,9 +235,11 @@ Result listDeletedFile(const RangeWriter &writer, WorkFile &copy_list, const std
   }
   CloneAttr attr;
   CloneSnapAttr attr_snap;
-  const bool clone = countsAsClone(snap.get(), &attr, &attr_snap);
+  bool clone = false;
+  if (Result r = isClone(snap.get(), &clone, &attr, &attr_snap); !r) return r.at(kReadClone);
   if (clone) {
-    const bool from_data = restoredFromData(path, attr, attr_snap);
+    bool from_data = false;
+    if (Result r = restoredFromData(path, attr, attr_snap, &from_data); !r) return r.at(kReadClone);
     if (!from_data && !attr.parentInSnapshot()) {
       if (Result r = recordTwinParent(path, attr.parentIno()); !r) return r.at(kListClone);
     }

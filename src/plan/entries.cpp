@@ -28,10 +28,9 @@ Result listMissingLink(const std::string &path, uint64_t ino, bool *alsoDeleted)
   if (Result r = listLink(path, ino); !r) return failed(0, r.err);
   Inode snap;
   if (Result r = openInode(handles.oldFsP, ino, &snap); !r) return failed(0, r.err);
-  // If the clone state cannot be read, isClone has recorded a fatal error and the run ends before its
-  // lists are used.
   bool clone = false;
-  *alsoDeleted = isClone(snap.get(), &clone) && clone && firstCloneListing(ino);
+  if (Result r = isClone(snap.get(), &clone); !r) return r;
+  *alsoDeleted = clone && firstCloneListing(ino);
   return {};
 }
 

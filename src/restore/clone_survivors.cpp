@@ -61,13 +61,6 @@ Result restoreImmutable(kest_ifile_t *snap, kest_ifile_t *active) {
   return wanted.immutable == now.immutable ? Result{} : setImmutableFlag(fd.get(), wanted.immutable);
 }
 
-// If the clone state cannot be read, isClone has recorded a fatal error, so the run ends with 1 in any
-// case.
-bool countsAsClone(kest_ifile_t *file, CloneAttr *attr) {
-  bool clone = false;
-  return isClone(file, &clone, attr) && clone;
-}
-
 // Finds the inode that now stands for the snapshot's clone `ino`: its twin, or the survivor itself; 0
 // if none.
 Result numberNow(uint64_t ino, uint64_t *now) {
@@ -82,13 +75,16 @@ Result followParent(uint64_t ino, const NewParents &parents) {
   Inode snap, active;
   CloneAttr attr;
   if (Result r = openIfThere(handles.oldFsP, ino, &snap); !r || !snap) return r;
-  if (!countsAsClone(snap.get(), &attr) || attr.depth() == 0 || attr.parentInSnapshot()) return {};
+  bool clone = false;
+  if (Result r = isClone(snap.get(), &clone, &attr); !r || !clone) return errnoResult(r.err);
+  if (attr.depth() == 0 || attr.parentInSnapshot()) return {};
   const auto parent = parents.find(attr.parentIno());
   if (parent == parents.end()) return {};
   uint64_t now = 0;
   if (Result r = numberNow(ino, &now); !r || now == 0) return r;
   if (Result r = openInode(handles.activeFsP, now, &active); !r) return r;
-  if (!countsAsClone(active.get(), &attr) || attr.parentIno() == parent->second) return {};
+  if (Result r = isClone(active.get(), &clone, &attr); !r || !clone) return errnoResult(r.err);
+  if (attr.parentIno() == parent->second) return {};
   traceLog("clone %lld: the parent %lld is %lld now\n", static_cast<long long>(ino),
            static_cast<long long>(parent->first), static_cast<long long>(parent->second));
   if (Result r = called(kest_iset_clone_parent(active.get(), parent->second)); !r) return r;

@@ -159,7 +159,7 @@ class CloneRestore {
   Result make();
   Result makeFromParent();
   Result fillFromSnapshot();
-  bool isParentNow() const;
+  static Result isParentNow(kest_ifile_t *active, bool *parent);
   Result becomeParent();
   Result restoreXAttrs();
   Result waitFor(const char *name, const std::function<Result()> &call);
@@ -203,9 +203,9 @@ Result CloneRestore::lookAtLeftover(bool *unfinished) {
   Inode active;
   CloneAttr attr;
   bool clone = false;
-  if (!openInode(handles.activeFsP, st_.st_ino, &active) || !isClone(active.get(), &clone, &attr) ||
-      !clone)
-    return failed(kMakeClone, EEXIST);
+  if (!openInode(handles.activeFsP, st_.st_ino, &active)) return failed(kMakeClone, EEXIST);
+  if (Result r = isClone(active.get(), &clone, &attr); !r) return failed(kMakeClone, r.err);
+  if (!clone) return failed(kMakeClone, EEXIST);
   *unfinished = !attr.isParent();
   return {};
 }
@@ -246,20 +246,22 @@ Result CloneRestore::fillFromSnapshot() {
   return result.at(kFill);
 }
 
-bool CloneRestore::isParentNow() const {
-  Inode active;
+Result CloneRestore::isParentNow(kest_ifile_t *active, bool *parent) {
   CloneAttr attr;
   bool clone = false;
-  return openInode(handles.activeFsP, st_.st_ino, &active) && isClone(active.get(), &clone, &attr) &&
-         clone && attr.isParent();
+  if (Result r = isClone(active, &clone, &attr); !r) return failed(kBecomeParent, r.err);
+  *parent = clone && attr.isParent();
+  return {};
 }
 
 Result CloneRestore::becomeParent() {
   traceLog("cloneFile: snap file %s\n", path_.c_str());
-  if (!isParentNow()) {
-    Inode active;
-    if (Result r = openInode(handles.activeFsP, st_.st_ino, &active); !r)
-      return failed(kBecomeParent, r.err);
+  Inode active;
+  if (Result r = openInode(handles.activeFsP, st_.st_ino, &active); !r)
+    return failed(kBecomeParent, r.err);
+  bool parent = false;
+  if (Result r = isParentNow(active.get(), &parent); !r) return r;
+  if (!parent) {
     // Set the wrong time before the file becomes a parent: if the run dies before the surviving clones
     // know the new number, the next run must find a difference (see unsettledTime).
     const kest_timestruc64_t times[4] = {{}, unsettledTime(stat_.ia_mtime), {}, {}};
@@ -268,7 +270,9 @@ Result CloneRestore::becomeParent() {
       return held ? called(kest_iclone_snap(active.get())) : held;
     });
     // Another worker may have made it a parent meanwhile; parents are read-only.
-    if (!snapped && !(snapped.err == EROFS && isParentNow())) {
+    if (snapped.err == EROFS)
+      if (Result r = isParentNow(active.get(), &parent); !r) return r;
+    if (!snapped && !parent) {
       traceLog("cloneFile: cannot snap a parent file, path %s, depth %d, err %d\n", path_.c_str(),
                attr_.depth(), snapped.err);
       return failed(kBecomeParent, snapped.err);
@@ -301,7 +305,9 @@ Result CloneRestore::findSnapshotFile(bool *lives) {
 
 // Makes the clone with its data. If it exists already, restores its extended attributes, too.
 Result CloneRestore::make() {
-  const bool from_data = restoredFromData(path_, attr_, attrSnap_);
+  bool from_data = false;
+  if (Result r = restoredFromData(path_, attr_, attrSnap_, &from_data); !r)
+    return failed(kFindParent, r.err);
   if (existed_) {
     traceLog("cloneFile: %s is exist.\n", path_.c_str());
     if (Result r = restoreXAttrs(); !r) return r;
@@ -317,8 +323,9 @@ Result CloneRestore::restore() {
   if (Result r = findSnapshotFile(&lives); !r || lives) return r;
   if (Result r = lookAt(&existed_); !r) return r;
   bool clone = false;
-  if (!isClone(snap_.get(), &clone, &attr_, &attrSnap_) || !clone)
-    return existed_ ? Result{} : failed(kNoClone, EINVAL);
+  if (Result r = isClone(snap_.get(), &clone, &attr_, &attrSnap_); !r)
+    return failed(kFindSnapshotFile, r.err);
+  if (!clone) return existed_ ? Result{} : failed(kNoClone, EINVAL);
   if (Result r = make(); !r) return r;
   if (attr_.isParent()) {
     if (Result r = becomeParent(); !r) return r;

@@ -28,7 +28,7 @@ enum LinkStep : int {
   kLookUpNames = 3,
   kNames = 4,      // no or too few names, or the object at one cannot be examined
   kClearName = 5,  // another object has the name and could not be removed
-  kMakeFile = 6,   // or checking whether the inode is still the snapshot's file
+  kMakeFile = 6,   // or checking whether the inode is still the snapshot's file, or a clone
   kAddName = 7,
   kAttributes = 8,
   kOpenSnapshot = 10,
@@ -53,7 +53,7 @@ class LinkGroup {
  private:
   static Result lookAt(Name &name);
   Result chooseTarget();
-  bool madeAsClone(const Name &name) const;
+  Result madeAsClone(const Name &name, bool *made) const;
   Result restoreName(Name &name);
   Result clearName(const Name &name);
   Result addName(const Name &name);
@@ -95,25 +95,31 @@ Result LinkGroup::chooseTarget() {
   if (target_ != nullptr) return {};
   for (Name &name : names_) {
     if (!name.exists || !isRegular(name.st.st_mode) || !isRegular(snap_->if_mode)) continue;
-    if (!madeAsClone(name)) return restoreName(name);
+    bool made = false;
+    if (Result r = madeAsClone(name, &made); !r) return failed(kMakeFile, r.err);
+    if (!made) return restoreName(name);
     target_ = &name;
     break;
   }
   return {};
 }
 
-// Returns false also if the clone attributes cannot be read; isClone has then recorded a fatal error.
-bool LinkGroup::madeAsClone(const Name &name) const {
+// Sets *made if phase 7 made an object at the name, as a clone or clone parent.
+Result LinkGroup::madeAsClone(const Name &name, bool *made) const {
   CloneAttr attr;
   CloneSnapAttr attr_snap;
-  bool clone = false;
-  return isClone(snap_, &clone, &attr, &attr_snap) && clone &&
-         (attr.isParent() || !restoredFromData(name.path, attr, attr_snap));
+  bool clone = false, from_data = false;
+  *made = false;
+  if (Result r = isClone(snap_, &clone, &attr, &attr_snap); !r || !clone) return r;
+  if (!attr.isParent())
+    if (Result r = restoredFromData(name.path, attr, attr_snap, &from_data); !r) return r;
+  *made = !from_data;
+  return {};
 }
 
 Result LinkGroup::restoreName(Name &name) {
   bool clone = false;
-  if (!isClone(snap_, &clone)) clone = false;  // isClone has recorded a fatal error
+  if (Result r = isClone(snap_, &clone); !r) return failed(kMakeFile, r.err);
   Record whole{ino_, name.path, {}};
   whole.op = {kOpRestoreDelFile, 0, snap_->if_size, 0, clone};
   Result result = restoreDelFile(whole);
