@@ -3,26 +3,27 @@
 
 #include <cerrno>
 
-// The result of every routine that can fail. A failing routine names its step by a number of its own,
-// which appears in its line of the trace log; docs/formats.md lists the numbers. A routine that passes
-// on a failure replaces the step by its own with `at`.
-struct [[nodiscard]] Result {
-  int rc = 0;    // 0: success; else -1, an errno or an exit status, as in trace lines
-  int code = 0;  // the step that failed
-  int err = 0;   // errno of the cause; 0 if only an exit status is known
-
-  // Returns true for success.
-  explicit operator bool() const { return rc == 0; }
-  Result at(int step) const { return {rc, rc == 0 ? 0 : step, err}; }
-  // Returns what a process or an outer routine reports: the errno if there is one, else rc. Never 0 for
-  // a failure.
-  int reason() const { return rc == 0 ? 0 : err != 0 ? err : rc; }
-};
-
 // Returns true for the errno of a full file system or an exhausted quota.
 inline bool isFull(int err) {
   return err == ENOSPC || err == EDQUOT;
 }
+
+// The result of every routine that can fail. A failing routine names its step by a number of its own,
+// which appears in its line of the trace log; docs/formats.md lists the numbers. A routine that passes
+// on a failure replaces the step by its own with `at`.
+struct [[nodiscard]] Result {
+  int rc = 0;      // 0: success; else the number for trace lines, of any kind: decide by err and status
+  int code = 0;    // the step that failed
+  int err = 0;     // errno of the cause; 0 if a command failed, of which only `status` is known
+  int status = 0;  // exit status of the command that failed; 0 if no command did
+
+  // Returns true for success.
+  explicit operator bool() const { return rc == 0; }
+  Result at(int step) const { return {rc, rc == 0 ? 0 : step, err, status}; }
+  // Returns true if the cause is a full file system or an exhausted quota. The engine reports both by
+  // ENOSPC as its exit status.
+  bool full() const { return isFull(err) || status == ENOSPC; }
+};
 
 // Returns a failure with rc -1. The cause is `err` or errno; a cause of 0 becomes EIO.
 inline Result failed(int code, int err = errno) {
@@ -37,6 +38,11 @@ inline Result failedErrno(int code, int err = errno) {
 // For routines without steps: success if `err` is 0, else a failure whose rc is the errno.
 inline Result errnoResult(int err) {
   return {err, 0, err};
+}
+
+// Returns the failure of a command that ended with `status`, which is not 0 and becomes rc.
+inline Result commandFailed(int code, int status) {
+  return {status, code, 0, status};
 }
 
 // Converts the return value of a call that returns 0, or -1 and errno.

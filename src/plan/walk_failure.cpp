@@ -23,7 +23,6 @@ void walkFailureTold() {
 
 void tellWalkFailure(const std::string &root, const Result &result) {
   if (told) return;
-  userMessage(Message::kObjectFailed, failed_path.empty() ? root : failed_path,
-              strerror(result.reason()));
+  userMessage(Message::kObjectFailed, failed_path.empty() ? root : failed_path, strerror(result.err));
   told = true;
 }

@@ -46,7 +46,7 @@ Result fileSystemControl(const std::string &command, const char *label, Message 
   }
   if (status == 0 || status == kAlreadyDone) return {};
   userMessage(Message::kCommandEnded, label, status);
-  return {.rc = status};
+  return commandFailed(0, status);
 }
 
 Result writeSnapshotList(const std::string &text) {
@@ -82,7 +82,7 @@ Result checkFilesetType() {
   if (asked && status == 0 && !output.empty()) {
     if (isLocalFileset(output)) return {};
     userMessage(Message::kRemoteCaching);
-    return {.rc = kRemoteFileset};
+    return {.rc = kRemoteFileset, .err = EOPNOTSUPP};
   }
   userMessage(Message::kFilesetCheckFailed, settings.filesetP);
   if (asked) {

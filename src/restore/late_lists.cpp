@@ -163,7 +163,7 @@ Result doFinalDirMove() {
                static_cast<long long>(ino));
       std::string destination;
       if (!readDestination(ino, &destination)) destination = waiting;
-      userMessage(Message::kObjectFailed, destination, strerror(r.reason()));
+      userMessage(Message::kObjectFailed, destination, strerror(r.err));
       return r;
     }
   }

@@ -52,10 +52,10 @@ Result prepareTable(const char *argv0, uint64_t item_limit) {
   return result;
 }
 
-// Walks and moves can fail with rc -1 and the errno in err, but endRun recognises a full file system by
-// rc.
-Result byReason(const Result &result) {
-  return errnoResult(result.reason());
+// Returns the error that a worker has recorded, as a failure. rc is the number in the marker.
+Result recordedError() {
+  const int number = getFatalError();
+  return {.rc = number, .err = number < 0 ? EIO : number};
 }
 
 Result constructLists(MasterLists &lists) {
@@ -66,18 +66,17 @@ Result constructLists(MasterLists &lists) {
     if (stopSignal() == 0 && !settings.path2long) tellWalkFailure(handles.rootPath, r);
     userMessage(Message::kConstructFailed);
     dumpDiffTable();
-    return byReason(r);
+    return errnoResult(r.err);
   }
   if (Result r = lists.closePass(); !r) return r;
-  // If something could not be read, the lists contain wrong records and must not run.
-  return {.rc = getFatalError()};
+  // A worker of an earlier pass can have recorded an error and ended with 0.
+  return recordedError();
 }
 
 Result runPass(MasterLists &lists) {
   ++settings.pass;
   if (Result r = scanPass(); !r) {
-    if (stopSignal() == 0)
-      userMessage(Message::kComparisonFailed, settings.filesetP, strerror(r.reason()));
+    if (stopSignal() == 0) userMessage(Message::kComparisonFailed, settings.filesetP, strerror(r.err));
     return r;
   }
   if (Result r = constructLists(lists); !r) return r;
@@ -102,7 +101,7 @@ Result moveDirectories(MasterLists &lists) {
   if (Result r = lists.closeDirMoves(); !r) return r;
   if (Result r = doFinalDirMove(); !r) {
     userMessage(Message::kMoveDirsFailed);
-    return byReason(r);
+    return errnoResult(r.err);
   }
   return {};
 }
@@ -118,7 +117,7 @@ Result runPassesAndPhases(MasterLists &lists) {
   if (Result r = runLatePhases(); !r) return r;
   if (Result r = bringNestedHome(); !r) {
     userMessage(Message::kMoveDirsFailed);
-    return byReason(r);
+    return errnoResult(r.err);
   }
   if (Result r = settleDirectories(); !r) return r;
   userMessage(Message::kCompleted, formatTimeStamp());
@@ -153,7 +152,7 @@ Result restoreRoot() {
   const Result result = restoreRootAttr();
   if (result) return {};
   userMessage(Message::kRootAttrFailed, handles.rootPath, result.rc);
-  userMessage(Message::kFileError, handles.rootPath, strerror(result.reason()));
+  userMessage(Message::kFileError, handles.rootPath, strerror(result.err));
   return result;
 }
 
@@ -197,8 +196,8 @@ Result endRun(Result result, bool worthless, Result *tidied) {
   const char *stopped = !result && stopSignal() != 0 ? strsignal(stopSignal()) : nullptr;
   ignoreStopSignals();
   // A recorded error fails the run even if the engine run reported success.
-  const int marker = isFull(result.rc) ? result.rc : getFatalError();
-  if (result) result = {.rc = marker};
+  const Result recorded = result.full() ? result : recordedError();
+  if (result) result = recorded;
   if (result && settings.path2long) result = errnoResult(ENAMETOOLONG);
   if (result || (stopped && before_passes)) worthless = true;
   bool force = false;
@@ -208,7 +207,7 @@ Result endRun(Result result, bool worthless, Result *tidied) {
     userMessage(Message::kPathTooLongWhere, static_cast<int64_t>(path.size()), shortened(path));
     worthless = force = true;
   }
-  if (isFull(result.rc) || isFull(marker)) {
+  if (result.full() || recorded.full()) {
     userMessage(Message::kNoSpace);
     worthless = force = true;
   } else if (!result && !worthless && !stopped) {

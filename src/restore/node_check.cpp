@@ -88,7 +88,7 @@ int answerNodeCheck(const std::string &token) {
   std::string held;
   bool good = false;
   if (openRun(nullptr, &r) != Opened::kReady) {
-    userMessage(Message::kFileError, settings.shareDir, strerror(r.reason()));
+    userMessage(Message::kFileError, settings.shareDir, strerror(r.err));
   } else if (!readWholeFile(workPath(kNodeToken), &held) || held != token ||
              !settings.shareDir.starts_with(handles.rootPath + "/")) {
     userMessage(Message::kNodeSeesAnother, settings.shareDir);

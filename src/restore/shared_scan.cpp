@@ -34,7 +34,7 @@ std::string directoriesFile() {
 }
 
 int failWith(const Result &result) {
-  errno = result.reason();
+  errno = result.err != 0 ? result.err : EIO;
   return -1;
 }
 
@@ -70,7 +70,7 @@ Result compareGroups(const kest_group_t *groups, size_t count) {
   const Result result = executePolicy(run);
   if (result || stopSignal() != 0) return result;
   const int cause = getFatalError();
-  if (isFull(cause) || isFull(result.rc)) {
+  if (isFull(cause) || result.full()) {
     (void)unlinkWorkFile(workPath(kFatalError));
     return errnoResult(ENOSPC);
   }

@@ -47,13 +47,13 @@ Result traced(const char *routine, const Record &record, const Result &result) {
   return result;
 }
 
-// Runs the lists of a top directory. Of an engine that failed, only the exit status is known: ENOSPC
-// stands for itself. Otherwise the worker that failed has printed and recorded what failed, and the
+// Runs the lists of a top directory. Of an engine that failed, only the exit status is known: it tells
+// of a full file system. Otherwise the worker that failed has printed and recorded what failed, and the
 // directory's record was broken off because of that.
 Result runLists(const Record &record, bool deleted, int code, const ListRunner &here) {
   const Result result = restoreDelNewDir(record.ino, deleted, here);
-  if (result || result.err != 0) return result.at(code);
-  return {result.rc, code, result.rc == ENOSPC ? ENOSPC : ECANCELED};
+  if (result.status == 0) return result.at(code);
+  return {.rc = result.rc, .code = code, .err = result.full() ? ENOSPC : ECANCELED};
 }
 
 // Finds the place of a directory whose attributes phase 6 restores. A directory that has gone home left

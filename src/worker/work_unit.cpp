@@ -109,7 +109,7 @@ Result performListHere(const std::string &list_path) {
     record.path = listed.path;
     result = perform(record);
     if (!result) {
-      reportFailure(record, result.reason());
+      reportFailure(record, result.err);
       markUnfinished(record);
     }
   }
@@ -198,8 +198,8 @@ Result performLine(std::string_view text, const std::string &list_path, int done
   if (Result r = checkpoint->before(record.op); !r) return stop(failed(kCheckpoint, r.err));
   if (Result r = perform(record); !r) {
     if (stopSignal() != 0) return errnoResult(EINTR);
-    reportFailure(record, r.reason());
-    const Result stopped = stop(failed(kPerform, r.reason()));
+    reportFailure(record, r.err);
+    const Result stopped = stop(failed(kPerform, r.err));
     // This must follow stop(), which writes the marker that markIfOthersFailed looks for.
     markUnfinished(record);
     return stopped;
