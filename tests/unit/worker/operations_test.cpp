@@ -63,16 +63,24 @@ TEST_F(Operations, FailureOfANestedListIsTheDirectorys) {
   tree.dir("d");
   const uint64_t ino = tree.inode("d");
   settings.topDir = true;
+  settings.deviceP = btrfs.mountPoint();
+  settings.nodeSpec = "localhost";
   ASSERT_TRUE(makeWorkDirectory(dirSet(ino, false)));
   const std::string bad = formatListRecord(0, ino, active("d/x"), {9});
   tree.file("batch", std::to_string(ino) + " 0 0 6,0,0,0,0 -- " + active("d") + "\n");
   const std::string list = dirSetList(ino, false, 1).substr(tree.root().size() + 1);
   tree.file(list);
-  const std::pair<int, int> lengths[] = {{1, EINVAL},
-                                         {200, ECANCELED}};  // records, errno: no exit status
-  for (const auto &[records, err] : lengths) {
-    for (int i = 0; i < records; ++i) tree.append(list, bad);
-    EXPECT_EQ(doWorkUnit(active("batch"), 42).err, err) << records;
+  const struct {
+    int records, status, err;  // the exit status is that of the engine's workers
+  } cases[] = {{1, 0, EINVAL}, {200, 5, ECANCELED}, {200, 28, ENOSPC}};
+  for (const auto &one : cases) {
+    tree.truncate(list, 0);
+    for (int i = 0; i < one.records; ++i) tree.append(list, bad);
+    const std::string worker = "worker" + std::to_string(one.status);
+    tree.file(worker, "#!/bin/sh\n[ \"$1\" = TEST ] || exit " + std::to_string(one.status) + "\n",
+              0755);
+    settings.exe = active(worker);
+    EXPECT_EQ(doWorkUnit(active("batch"), 42).err, one.err) << one.records;
     EXPECT_TRUE(tree.exists("d"));
   }
   tree.truncate(list, 0);
