@@ -25,8 +25,6 @@ enum TruncationStep : int {
 
 constexpr size_t kMost = 4096;  // steps that wait or have failed
 
-Truncations *only = nullptr;
-
 Result truncateNow(const Truncations::Step &step) {
   bool clearing_failed = false;
   const Result r = truncatePath(step.path, step.size, step.ino, &clearing_failed);
@@ -35,12 +33,9 @@ Result truncateNow(const Truncations::Step &step) {
 
 }  // namespace
 
-Truncations::Truncations() {
-  only = this;
-}
+std::unique_ptr<Truncations> truncations;
 
 Truncations::~Truncations() {
-  only = nullptr;
   {
     const std::lock_guard lock(mutex_);
     ending_ = true;
@@ -128,10 +123,10 @@ Result Truncations::settle() {
 }
 
 Result truncateListed(const Truncations::Step &step) {
-  if (only == nullptr) return truncateNow(step);
-  return only->add(step) ? Result{} : only->settle();
+  if (truncations == nullptr) return truncateNow(step);
+  return truncations->add(step) ? Result{} : truncations->settle();
 }
 
 Result settleTruncations() {
-  return only == nullptr ? Result{} : only->settle();
+  return truncations == nullptr ? Result{} : truncations->settle();
 }

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -15,7 +16,7 @@
 
 class Truncations {
  public:
-  Truncations();  // there is at most one object at a time
+  Truncations() = default;
   ~Truncations();
   Truncations(const Truncations &) = delete;
   Truncations &operator=(const Truncations &) = delete;
@@ -47,9 +48,13 @@ class Truncations {
   std::thread thread_;
 };
 
-// Truncates a file: later, by the Truncations of the walk, or at once if there are none. rc of a
+// The truncations of the walk at hand, one object of the process like the settings. The walk over the
+// names makes it and ends it; null outside of that walk.
+extern std::unique_ptr<Truncations> truncations;
+
+// Truncates a file: later, by the truncations of the walk, or at once outside of the walk. rc of a
 // failure is -1.
 Result truncateListed(const Truncations::Step &step);
 
-// Calls settle() of the Truncations of the walk, if there are any.
+// Calls settle() of the truncations of the walk; does nothing outside of the walk.
 Result settleTruncations();

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <unordered_set>
 
@@ -479,13 +480,18 @@ Result CommonWalk::singleName(CommonDir &dir, uint64_t ino, const DiffItem &item
   return lists_.ListRegMoveBack(ino).at(kListRegMove);
 }
 
+Result walkTrees(MasterLists &lists) {
+  CommonWalk walk(lists);
+  if (Result r = walk.traverseCommonDir(handles.rootPath, handles.rootIno); !r) return r;
+  return settings.pass > 1 ? walk.walkMovedDirs() : Result{};
+}
+
 }  // namespace
 
 Result walkNames(MasterLists &lists) {
-  CommonWalk walk(lists);
-  Truncations truncations;
-  if (Result r = walk.traverseCommonDir(handles.rootPath, handles.rootIno); !r) return r;
-  if (settings.pass > 1)
-    if (Result r = walk.walkMovedDirs(); !r) return r;
-  return truncations.settle();
+  truncations = std::make_unique<Truncations>();
+  Result result = walkTrees(lists);
+  if (result) result = settleTruncations();
+  truncations.reset();
+  return result;
 }
