@@ -105,7 +105,7 @@ Result make(const Record &record, const ListRunner &here) {
   }
   // A nested run can take long: do not hold the inode open meanwhile.
   snap.reset();
-  return settings.topDir ? runLists(record, true, kCreateLists, here) : Result{};
+  return here ? runLists(record, true, kCreateLists, here) : Result{};
 }
 
 // Returns true if the directory has no entry at all; false also if it cannot be read.
@@ -174,7 +174,7 @@ Result remove(const Record &record, const ListRunner &here) {
     traceLog("delDir: stat dir %s failed, err %d\n", record.path.c_str(), r.err);
     return failed(kLook, r.err);
   }
-  if (settings.topDir) {
+  if (here) {
     if (Result r = runLists(record, false, kDeleteLists, here); !r) return r;
   }
   // Another inode at the path was not listed, so it stays.

@@ -43,20 +43,19 @@ enum UnitStep : int {
   kPerform = 5,
 };
 
-Result performListHere(const std::string &list_path);
-
-Result perform(const Record &record) {
+// `here` is set if the records of directories are those of top directories.
+Result perform(const Record &record, const ListRunner &here) {
   switch (record.op.opCode) {
     case kOpRestoreDelFile:
       return restoreDelFile(record);
     case kOpRestoreDiffFile:
       return restoreDiffFile(record);
     case kOpCrDir:
-      return crDir(record, performListHere);
+      return crDir(record, here);
     case kOpMoveFile:
       return moveFile(record.path, record.ino, settings.phase, nullptr, false);
     case kOpDelDir:
-      return delDir(record, performListHere);
+      return delDir(record, here);
     case kOpDeleteFile:
       return deleteFile(record);
     case kOpLinkFile:
@@ -86,14 +85,12 @@ void reportFailure(const Record &record, int err) {
   }
 }
 
-// Performs the records of a top directory's list in this process, as a worker of a nested run would: in
-// phase 3 and without further nested runs. Writes no checkpoints, because a retry repeats the top
-// directory's record.
+// Performs the records of a top directory's list in this process, as a worker of a nested run would:
+// without further nested runs. (Both are in phase 3, the only one with top directories.) Writes no
+// checkpoints, because a retry repeats the top directory's record.
 Result performListHere(const std::string &list_path) {
   ListReader list;
   if (Result r = openList(list_path, &list); !r) return r;
-  const int32_t phase = std::exchange(settings.phase, kPhaseMain);
-  const bool topDir = std::exchange(settings.topDir, false);
   Result result;
   for (bool end = false; result && !end;) {
     ListedRecord listed;
@@ -107,14 +104,12 @@ Result performListHere(const std::string &list_path) {
     }
     record.ino = listed.ino;
     record.path = listed.path;
-    result = perform(record);
+    result = perform(record, {});
     if (!result) {
       reportFailure(record, result.err);
       markUnfinished(record);
     }
   }
-  settings.phase = phase;
-  settings.topDir = topDir;
   return result;
 }
 
@@ -196,7 +191,8 @@ Result performLine(std::string_view text, const std::string &list_path, int done
   }
   // If a line cannot be written, a repeated run would not know that the record is done.
   if (Result r = checkpoint->before(record.op); !r) return stop(failed(kCheckpoint, r.err));
-  if (Result r = perform(record); !r) {
+  const ListRunner here = settings.topDir ? performListHere : ListRunner{};
+  if (Result r = perform(record, here); !r) {
     if (stopSignal() != 0) return errnoResult(EINTR);
     reportFailure(record, r.err);
     const Result stopped = stop(failed(kPerform, r.err));
