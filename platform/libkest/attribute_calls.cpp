@@ -11,7 +11,7 @@
 #include "kest.h"
 #include "libkest/acl_format.h"
 #include "libkest/c_call.h"
-#include "libkest/kept_capability.h"
+#include "libkest/kept_attributes.h"
 #include "libkest/open_file.h"
 
 namespace kest {

@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 
 #include "filesystem/clone_attribute.h"
-#include "libkest/lifted_flags.h"
+#include "libkest/kept_attributes.h"
 #include "libkest/open_file.h"
 #include "libkest/path_resolution.h"
 

@@ -8,7 +8,7 @@
 #include "filesystem/entry_list.h"
 #include "filesystem/file_system.h"
 #include "kest.h"
-#include "libkest/kept_capability.h"
+#include "libkest/kept_attributes.h"
 
 namespace kest {
 

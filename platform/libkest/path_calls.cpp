@@ -10,8 +10,7 @@
 #include <unistd.h>
 
 #include "filesystem/clone_attribute.h"
-#include "libkest/kept_capability.h"
-#include "libkest/lifted_flags.h"
+#include "libkest/kept_attributes.h"
 #include "libkest/open_file.h"
 #include "libkest/path_resolution.h"
 

@@ -4,7 +4,7 @@
 
 #include "fsetcompare/extent_map.h"
 #include "fsetcompare/file_data.h"
-#include "object/inode_paths.h"
+#include "object/paths.h"
 #include "run/run_handles.h"
 #include "scan/clone_state.h"
 

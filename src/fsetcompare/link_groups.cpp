@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <set>
 
-#include "object/inode_paths.h"
+#include "object/paths.h"
 #include "run/run_handles.h"
 
 bool LinkGroups::meet(const struct stat &active, const struct stat &snapshot) {

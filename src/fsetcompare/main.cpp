@@ -15,8 +15,8 @@
 #include "fsetcompare/tree_compare.h"
 #include "messages/catalogue.h"
 #include "messages/messages.h"
-#include "run/limits.h"
 #include "run/open_run.h"
+#include "run/rights.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 

@@ -12,7 +12,7 @@
 #include "fsetcompare/file_data.h"
 #include "fsetcompare/link_groups.h"
 #include "fsetcompare/object_state.h"
-#include "object/inode_paths.h"
+#include "object/paths.h"
 #include "run/run_handles.h"
 
 namespace {

@@ -1,10 +1,12 @@
-// Objects by path, for paths of any length in the fileset, the work directory and the snapshot.
+// Objects by path, for paths of any length in the fileset, the work directory and the snapshot; and the
+// paths of an inode number.
 #pragma once
 
 #include <sys/stat.h>
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "base/result.h"
 #include "base/unique_fd.h"
@@ -34,3 +36,11 @@ bool isInodeOrReplacement(const struct stat &st, uint64_t ino, const kest_iattr6
 // which is gone: an object with its number belongs to somebody else. Also false if `snap` cannot be
 // examined.
 bool isReplacement(const struct stat &st, const kest_ifile_t *snap);
+
+// Finds all paths of inode `ino` in the tree of `handle` and puts `root` before each; with "" they are
+// relative. rc of a failure is the errno. An inode without a name is ENOENT, never an empty result.
+Result findInodePaths(kest_fssnap_handle_t *handle, uint64_t ino, const std::string &root,
+                      std::vector<std::string> *paths);
+
+// Finds the first of these paths in byte order, relative to the tree's root.
+Result firstPath(kest_fssnap_handle_t *handle, uint64_t ino, std::string *path);

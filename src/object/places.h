@@ -6,7 +6,7 @@
 // the place in the active fileset   getRealPath, by path; it follows destinations to the end
 // the copy in the snapshot          getSnapPath, by path
 // a directory in phase 6            settledPath (worker/dir_ops): where it is now, home or waiting
-// the path that a user knows        formerPath (plan/former_places): before this run moved anything
+// the path that a user knows        formerPath (plan/walk_messages): before this run moved anything
 #pragma once
 
 #include <cstdint>

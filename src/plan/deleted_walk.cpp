@@ -2,7 +2,7 @@
 
 #include "object/junction.h"
 #include "plan/entries.h"
-#include "plan/walk_failure.h"
+#include "plan/walk_messages.h"
 #include "records/aggregate.h"
 #include "run/path.h"
 #include "run/run_handles.h"

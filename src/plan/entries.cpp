@@ -4,8 +4,8 @@
 
 #include "object/move_file.h"
 #include "object/paths.h"
-#include "plan/former_places.h"
 #include "plan/truncations.h"
+#include "plan/walk_messages.h"
 #include "records/side_lists.h"
 #include "run/run_handles.h"
 #include "run/settings.h"

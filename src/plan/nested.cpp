@@ -5,12 +5,11 @@
 #include <vector>
 
 #include "messages/messages.h"
-#include "object/inode_paths.h"
 #include "object/junction.h"
 #include "object/name_calls.h"
+#include "object/paths.h"
 #include "object/places.h"
-#include "plan/former_places.h"
-#include "plan/walk_failure.h"
+#include "plan/walk_messages.h"
 #include "records/side_lists.h"
 #include "run/run_handles.h"
 #include "run/stop_signal.h"

@@ -2,7 +2,7 @@
 
 #include "object/junction.h"
 #include "plan/nested.h"
-#include "plan/walk_failure.h"
+#include "plan/walk_messages.h"
 #include "records/aggregate.h"
 #include "records/side_lists.h"
 #include "run/path.h"

@@ -9,7 +9,7 @@
 
 #include "object/name_calls.h"
 #include "object/paths.h"
-#include "plan/walk_failure.h"
+#include "plan/walk_messages.h"
 #include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"

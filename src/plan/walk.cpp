@@ -18,7 +18,7 @@
 #include "plan/nested.h"
 #include "plan/new_walk.h"
 #include "plan/truncations.h"
-#include "plan/walk_failure.h"
+#include "plan/walk_messages.h"
 #include "records/aggregate.h"
 #include "records/side_lists.h"
 #include "run/path.h"

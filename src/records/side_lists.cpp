@@ -7,12 +7,12 @@
 #include <memory>
 #include <set>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "base/file_io.h"
 #include "messages/messages.h"
 #include "run/node.h"
-#include "run/number_set.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
@@ -48,6 +48,56 @@ void traceIfUnopened(const char *routine, const std::string &list, uint64_t ino,
   if (r.code != kOpenSideList) return;
   traceLog("%s: open %s failed, ino %lld, err %d\n", routine, list.c_str(), static_cast<long long>(ino),
            r.err);
+}
+
+// A hash set of numbers that takes 8 to 16 bytes for each.
+class NumberSet {
+ public:
+  bool contains(uint64_t number) const;
+  // Returns true if the number was not in the set.
+  bool insert(uint64_t number);
+
+ private:
+  // Returns the index at which `number` stands or belongs in `places`, whose size is a power of two.
+  static size_t placeOf(const std::vector<uint64_t> &places, uint64_t number);
+  void grow();
+
+  std::vector<uint64_t> places_;  // 0 marks a free place
+  size_t used_ = 0;
+  bool has_zero_ = false;
+};
+
+size_t NumberSet::placeOf(const std::vector<uint64_t> &places, uint64_t number) {
+  const size_t mask = places.size() - 1;
+  size_t at = (number * 0x9e3779b97f4a7c15u >> 20) & mask;
+  while (places[at] != 0 && places[at] != number) at = (at + 1) & mask;
+  return at;
+}
+
+bool NumberSet::contains(uint64_t number) const {
+  if (number == 0) return has_zero_;
+  return !places_.empty() && places_[placeOf(places_, number)] == number;
+}
+
+bool NumberSet::insert(uint64_t number) {
+  if (number == 0) {
+    const bool added = !has_zero_;
+    has_zero_ = true;
+    return added;
+  }
+  if ((used_ + 1) * 8 > places_.size() * 7) grow();
+  uint64_t &place = places_[placeOf(places_, number)];
+  if (place == number) return false;
+  place = number;
+  ++used_;
+  return true;
+}
+
+void NumberSet::grow() {
+  std::vector<uint64_t> wider(places_.empty() ? 64 : places_.size() * 2);
+  for (const uint64_t number : places_)
+    if (number != 0) wider[placeOf(wider, number)] = number;
+  places_ = std::move(wider);
 }
 
 NumberSet listed_links;

@@ -14,7 +14,6 @@
 #include "base/fd_path.h"
 #include "base/unique_fd.h"
 #include "messages/messages.h"
-#include "object/inode_paths.h"
 #include "object/paths.h"
 #include "restore/start_checks.h"
 #include "run/open_run.h"

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -23,6 +24,9 @@ namespace {
 constexpr rlim_t kFewestFiles = 128;
 // A path of 4096 bytes has at most 2,048 components, so no walk needs more descriptors.
 constexpr rlim_t kMostFiles = 8192;
+// The walks take half of this for 2,048 nested directories, the most that a path can name.
+constexpr rlim_t kLeastStack = 4 << 20;  // bytes
+constexpr int64_t kKiB = 1024;
 
 struct Capability {
   int number;
@@ -105,6 +109,18 @@ Result checkFileLimit() {
 }
 
 }  // namespace
+
+bool prepareLimits() {
+  signal(SIGXFSZ, SIG_IGN);
+  rlimit stack;
+  if (getrlimit(RLIMIT_STACK, &stack) != 0 || stack.rlim_cur >= kLeastStack) return true;
+  rlimit wanted = stack;
+  wanted.rlim_cur = kLeastStack;
+  if (stack.rlim_max >= kLeastStack && setrlimit(RLIMIT_STACK, &wanted) == 0) return true;
+  userMessage(Message::kSmallStack, static_cast<int64_t>(stack.rlim_max) / kKiB,
+              static_cast<int64_t>(kLeastStack) / kKiB);
+  return false;
+}
 
 Result checkRights() {
   if (Result r = checkFileLimit(); !r) return r;

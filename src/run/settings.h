@@ -47,6 +47,6 @@ struct Settings {
   bool isMaster() const { return role == Role::kMaster; }
 };
 
-extern Settings settings;
+inline Settings settings;
 
 constexpr size_t kPathMax = 4096;  // a path is shorter than this, in bytes

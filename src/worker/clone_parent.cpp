@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "object/clones.h"
-#include "object/inode_paths.h"
+#include "object/paths.h"
 #include "run/settings.h"
 #include "run/snapshot_table.h"
 #include "run/trace_log.h"

@@ -10,7 +10,6 @@
 #include "messages/messages.h"
 #include "object/attr_restore.h"
 #include "object/clones.h"
-#include "object/inode_paths.h"
 #include "object/name_calls.h"
 #include "object/paths.h"
 #include "run/run_handles.h"

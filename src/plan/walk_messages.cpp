@@ -1,12 +1,16 @@
-#include "plan/former_places.h"
+#include "plan/walk_messages.h"
 
+#include <cstring>
 #include <unordered_map>
 
+#include "messages/messages.h"
 #include "run/work_dir.h"
 
 namespace {
 
 std::unordered_map<uint64_t, std::string> former_places;  // of directories, none in the work directory
+std::string failed_path;
+bool told = false;
 
 }  // namespace
 
@@ -20,4 +24,19 @@ std::string formerPath(const std::string &path) {
   const auto found = former_places.find(place.ino);
   if (found == former_places.end()) return path;
   return place.inside.empty() ? found->second : found->second + "/" + std::string(place.inside);
+}
+
+Result failedAt(const std::string &path, const Result &result) {
+  if (!result && failed_path.empty()) failed_path = formerPath(path);
+  return result;
+}
+
+void walkFailureTold() {
+  told = true;
+}
+
+void tellWalkFailure(const std::string &root, const Result &result) {
+  if (told) return;
+  userMessage(Message::kObjectFailed, failed_path.empty() ? root : failed_path, strerror(result.err));
+  told = true;
 }

@@ -1,9 +1,18 @@
-// Remembers the object at which a walk failed, for the message. Master only.
+// What messages say about the walks: where an object was before it was moved aside, because users know
+// no temporary locations, and at which object a walk failed. Master only.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "base/result.h"
+
+// Notes that the directory `ino` is moved aside from `path`, which can lie in a temporary location
+// itself.
+void noteFormerPlace(uint64_t ino, const std::string &path);
+
+// Returns the path of the object at `path` before the walks moved it or a directory above it.
+std::string formerPath(const std::string &path);
 
 // Notes the path of a failure and returns `result`. A failure passes through here once on every level
 // of the walk; the first call names the object itself.

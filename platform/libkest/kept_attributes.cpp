@@ -1,4 +1,6 @@
-#include "libkest/kept_capability.h"
+#include "libkest/kept_attributes.h"
+
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <utility>
@@ -34,5 +36,28 @@ int KeptCapability::putBackIfLost(Inode &inode) const {
   if (!value_ || (inode.readXattr(kCapability, &now) == 0 && now == *value_)) return 0;
   return putBack(inode);
 }
+
+
+LiftedFlags::~LiftedFlags() {
+  int saved = errno;
+  setAgain();
+  errno = saved;
+}
+
+int LiftedFlags::lift(Protection afterwards) {
+  if (int rc = inode_.writeProtection({}); rc != 0) return rc;
+  lifted_ = true;
+  afterwards_ = afterwards;
+  return 0;
+}
+
+int LiftedFlags::setAgain() {
+  if (!lifted_) return 0;
+  lifted_ = false;
+  struct stat st;
+  if (int rc = inode_.stat(&st); rc != 0) return rc;
+  return st.st_nlink == 0 ? 0 : inode_.writeProtection(afterwards_);
+}
+
 
 }  // namespace kest

@@ -1,3 +1,0 @@
-#include "run/settings.h"
-
-Settings settings;
