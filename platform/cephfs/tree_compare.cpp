@@ -25,6 +25,8 @@ namespace kest {
 
 namespace {
 
+// The threads wait for the servers most of the time, so their number does not follow that of the
+// processors. Those of some five processes keep one metadata server busy.
 constexpr int kThreads = 4;
 // Directories that a group should have at least, so that groups take about the same time.
 constexpr size_t kGroupLeast = 4;

@@ -8,10 +8,10 @@
 
 #include "base/unique_fd.h"
 #include "fsetcompare/real_file.h"
+#include "run/settings.h"
 
 namespace {
 
-constexpr int64_t kBlock = 4096;
 constexpr unsigned kExtentsAtOnce = 256;
 
 // In a file of the greatest size the end of the last block is no valid offset.

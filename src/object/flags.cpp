@@ -52,8 +52,8 @@ Result setFlag(int fd, Directive type, bool on) {
 
 // ---- clearing along a path
 
-constexpr int kMostRetries = 50;
-constexpr int kMostBare = 10;
+constexpr int kMostRetries = 50;      // other workers on the same file set its flag again
+constexpr int kMostBare = 10;         // the errno can have a cause that clearing does not remove
 constexpr int kMostRedirects = 1000;  // temporary locations that are links to others
 
 // Step codes of the trace line.

@@ -24,8 +24,6 @@ enum RangeStep : int {
   kListClone = 31,
 };
 
-constexpr int64_t kBlock = 4096;  // bytes; a hole consists of whole blocks
-
 // Two ranges with at most this many equal bytes between them become one record: sharing those bytes
 // again is cheaper than another record.
 constexpr int64_t kNearby = 65536;

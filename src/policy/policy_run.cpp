@@ -26,6 +26,7 @@
 
 namespace {
 
+// A worker that died by chance lives in a retry. One that dies every time must not be started for ever.
 constexpr int kMaxRetries = 3;
 
 enum RunStep : int {

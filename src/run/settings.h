@@ -50,3 +50,4 @@ struct Settings {
 inline Settings settings;
 
 constexpr size_t kPathMax = 4096;  // a path is shorter than this, in bytes
+constexpr int64_t kBlock = 4096;   // bytes; holes and shared ranges consist of whole blocks

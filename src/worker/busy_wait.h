@@ -3,5 +3,5 @@
 
 #include <unistd.h>
 
-constexpr int kMostWaits = 20000;
+constexpr int kMostWaits = 20000;  // one second in all, and the time of the calls
 constexpr useconds_t kWaitMicroseconds = 50;

@@ -7,8 +7,6 @@
 #include "formats/operation.h"
 #include "kest.h"
 
-constexpr int64_t kBlock = 4096;  // bytes; the unit of sharing
-
 // Shares [offset, offset + length), extended to whole blocks, of the snapshot's file with the active
 // one, without moving data. *offset and *length receive the part that must be copied: nothing, the last
 // block, or everything if the file system cannot share these files. rc of a failure is the errno. Lack
