@@ -14,10 +14,11 @@ using namespace faults;
 namespace {
 
 enum class Outcome {
-  kFails,      // exit status 1
-  kRetried,    // in a worker that has not begun yet, which then counts as lost
-  kEither,     // some callers can do without the answer
-  kCannotFail  // it answers yes or no
+  kFails,           // exit status 1
+  kFailsElsewhere,  // exit status 1 with the errno of another call
+  kRetried,         // in a worker that has not begun yet, which then counts as lost
+  kEither,          // some callers can do without the answer
+  kCannotFail       // it answers yes or no
 };
 
 Outcome outcomeOf(const std::string &call, int where) {
@@ -28,11 +29,13 @@ Outcome outcomeOf(const std::string &call, int where) {
       "kest_idifference",  // then clone attributes are read
       "kest_is_writable",  // of the snapshot: only a warning
       "kest_lstat",        // then the name counts as taken
-      "kest_younger",         "kest_remove_lock", "kest_fcntl",
-      "kest_path_descriptor", "kest_open_path"};  // clone attributes; nothing is a clone
+      "kest_younger",      // then the object counts as somebody else's
+      "kest_remove_lock", "kest_path_descriptor", "kest_open_path"};
   static const std::set<std::string> answers{"kest_same_file", "kest_is_quota_file", "kest_other_node",
                                              "kest_spans_nodes"};
   if (answers.count(call)) return Outcome::kCannotFail;
+  // If it is to clear flags, the step that they forbid fails.
+  if (call == "kest_fcntl") return Outcome::kFailsElsewhere;
   if (where != kMaster && preparation.count(call)) return Outcome::kRetried;
   return either.count(call) ? Outcome::kEither : Outcome::kFails;
 }
