@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <regex>
 
 #include "scenario/restore_fixture.h"
@@ -60,6 +61,8 @@ TEST_F(Messages, UsageErrors) {
 TEST_F(Messages, LanguageOfTheEnvironment) {
   const std::string folder = "/usr/share/locale";
   ASSERT_EQ(mount("catalogues", folder.c_str(), "tmpfs", 0, nullptr), 0);
+  const auto unmount = [](const char *path) { umount(path); };
+  const std::unique_ptr<const char, decltype(unmount)> mounted(folder.c_str(), unmount);
   std::filesystem::create_directories(folder + "/xx/LC_MESSAGES");
   std::ofstream("/mnt/catalogue") << "$set 27\n476 %s in xx\n";
   EXPECT_EQ(system(("gencat " + folder + "/xx/LC_MESSAGES/kest.cat /mnt/catalogue").c_str()), 0);
@@ -76,7 +79,6 @@ TEST_F(Messages, LanguageOfTheEnvironment) {
               one.translated ? "fsetrestore in xx" : kUsage)
         << one.all << "|" << one.messages << "|" << one.lang;
   }
-  umount(folder.c_str());
 }
 
 TEST_F(Messages, UnknownFilesetSnapshotAndDevice) {
