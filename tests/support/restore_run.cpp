@@ -130,14 +130,15 @@ pid_t Running::find(const std::string &role) const {
 
 bool Running::endAll() {
   const auto gone = [&] {
-    ended();
+    // Right after the start the program has no session of its own yet.
+    if (!ended()) kill(pid_, SIGKILL);
     const std::vector<Member> left = membersOf(pid_);
     for (const Member &member : left) {
       kill(member.pid, SIGKILL);
       // As process 1 of its namespace, the test inherits orphans.
       if (member.pid != pid_) waitpid(member.pid, nullptr, WNOHANG);
     }
-    return left.empty();
+    return reaped_ && left.empty();
   };
   return waitUntil(gone, 10);
 }

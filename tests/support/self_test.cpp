@@ -192,12 +192,19 @@ TEST(RunProgram, CapturesReportsAndTakesTheWholeSession) {
   EXPECT_EQ(result.out, "7\n");
   EXPECT_EQ(result.err, "err\n");
   EXPECT_EQ(result.processesLeft, 1) << "a process that outlives the program is reported";
-  options.timeoutSeconds = 0.2;
-  result = runProgram({"-c", "sleep 100 & sleep 100"}, options);
+  Running run({"-c", "sleep 1000 & echo; sleep 1000"}, options);
+  EXPECT_TRUE(waitUntil([&] { return !run.out().empty(); }, 1000));
+  EXPECT_TRUE(run.endAll());
+  EXPECT_EQ(run.signalNumber(), 9);
+  EXPECT_TRUE(run.living().empty());
+  // Even one that has hardly begun.
+  options.timeoutSeconds = 0;
+  result = runProgram({"-c", "sleep 1000"}, options);
   EXPECT_TRUE(result.timedOut);
-  EXPECT_LT(result.seconds, 5);
-  options.killAfterSeconds = 0.1;
-  result = runProgram({"-c", "sleep 100 & sleep 100"}, options);
+  EXPECT_EQ(result.signal, 9);
+  options.killAfterSeconds = 0;
+  result = runProgram({"-c", "sleep 1000"}, options);
+  EXPECT_FALSE(result.timedOut);
   EXPECT_EQ(result.signal, 9);
 }
 
