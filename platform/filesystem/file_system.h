@@ -242,6 +242,8 @@ class Tree {
   virtual bool spansNodes() const { return false; }
   // See kest_names_outside.
   virtual bool hasNamesOutside() const { return false; }
+  // See kest_has_clones.
+  virtual bool hasClones() const { return true; }
   // Returns the bytes left for inodes, names and extents, without the file system's own reserve.
   virtual int64_t metadataRoom() const = 0;
 

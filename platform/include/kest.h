@@ -135,6 +135,8 @@ int kest_other_node(const kest_fssnap_handle_t *active, const char *nodes, char 
 int kest_spans_nodes(const kest_fssnap_handle_t *active);
 /* 1: a file of a fileset can have further names outside of it; 0: it cannot. */
 int kest_names_outside(const kest_fssnap_handle_t *active);
+/* 1: a file can be a clone or clone parent; 0: the file system has no clones. */
+int kest_has_clones(const kest_fssnap_handle_t *active);
 
 /* For a restore that is about to begin; `scan` is a difference scan of both trees. 1: something is
  * mounted on a directory or file of the fileset or snapshot that the restore would have to enter,

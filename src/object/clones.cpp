@@ -105,7 +105,7 @@ Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr) {
   if (Result r = openObject(path, &fd); !r) {
     traceLog("getCloneXattr: open %s failed\n", path.c_str());
     traceNoClone(path, kOpenFile, -1, r.err);
-    return {};
+    return r;
   }
   struct stat st;
   if (fstat(fd.get(), &st) == 0 && !S_ISREG(st.st_mode)) return {};

@@ -9,9 +9,7 @@
 #include "scan/clone_state.h"
 
 // Sets *clone for a clone or clone parent and fills *attr. The path lies in the active fileset or the
-// work directory. Failures are traced. An object that cannot be opened counts as no clone: on btrfs a
-// call by its name will fail as well, and on CephFS, where there are no clones, a mount may not know
-// the object yet. If the attribute cannot be read, rc is the errno.
+// work directory. Failures are traced; rc is the errno, ENOENT if the object is gone.
 Result getCloneXattr(const std::string &path, bool *clone, CloneAttr *attr);
 
 // Sets *from_data if a snapshot file with these attributes is restored from its data like an ordinary

@@ -8,6 +8,7 @@
 #include "object/move_file.h"
 #include "object/name_calls.h"
 #include "records/side_lists.h"
+#include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
@@ -58,11 +59,10 @@ Result unlinkWhenFree(const Record &record) {
 Result remove(const Record &record) {
   CloneAttr attr;
   bool clone = false, taken = false;
-  if (settings.phase == kPhaseMain) {
+  if (settings.phase == kPhaseMain && kest_has_clones(handles.activeFsP) != 0) {
     // A clone that is not recognised would be removed before the clones below it.
     const Result r = getCloneXattr(record.path, &clone, &attr);
-    // ENOENT and ESTALE mean that the object is gone by now.
-    if (!r && r.err != ENOENT && r.err != ESTALE) return failed(kReadClone, r.err);
+    if (!r && r.err != ENOENT) return failed(kReadClone, r.err);
   }
   if (clone) {
     if (Result r = setCloneAside(record, attr, &taken); !r || !taken) return r;

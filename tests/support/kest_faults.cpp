@@ -132,6 +132,7 @@ WRAP(int, kest_is_writable, (const kest_fssnap_handle_t *h), h)
 WRAP(int, kest_statfs64, (const char *p, kest_statfs64_t *b), p, b)
 WRAP(int, kest_spans_nodes, (const kest_fssnap_handle_t *h), h)
 WRAP(int, kest_names_outside, (const kest_fssnap_handle_t *h), h)
+WRAP(int, kest_has_clones, (const kest_fssnap_handle_t *h), h)
 WRAP(int64_t, kest_metadata_room, (const kest_fssnap_handle_t *h), h)
 WRAP(int, kest_is_quota_file, (const kest_fssnap_handle_t *h, const char *p, const char *n), h, p, n)
 WRAP(int, kest_other_node, (const kest_fssnap_handle_t *h, const char *n, char *o, size_t s), h, n, o,
