@@ -10,9 +10,11 @@ inline bool isFull(int err) {
 
 // The result of every routine that can fail. A failing routine names its step by a number of its own,
 // which appears in its line of the trace log; docs/formats.md lists the numbers. A routine that passes
-// on a failure replaces the step by its own with `at`.
+// on a failure replaces the step by its own with `at`. rc is what trace lines show and workers end
+// with. It can be -1, an errno or an exit status, so code that judges a failure looks at err and
+// status.
 struct [[nodiscard]] Result {
-  int rc = 0;      // 0: success; else the number for trace lines, of any kind: decide by err and status
+  int rc = 0;      // 0: success
   int code = 0;    // the step that failed
   int err = 0;     // errno of the cause; 0 if a command failed, of which only `status` is known
   int status = 0;  // exit status of the command that failed; 0 if no command did
