@@ -149,17 +149,23 @@ int DescriptorInode::makeHole(int64_t offset, int64_t end) {
   if (fd < 0) return fd;
   struct stat status;
   if (fstat(fd, &status) < 0) return -errno;
-  for (int64_t at = offset, stop = std::min<int64_t>(end, status.st_size); at < stop;) {
+  // Extend the file first: if its last block is a partial one in a hole, the kernel fills that block
+  // with zeros, which the loop punches out.
+  if (end > status.st_size) {
+    if (ftruncate(fd, end) != 0) return -errno;
+    status.st_size = end;
+  }
+  for (int64_t at = offset; at < end;) {
     const off_t data = lseek(fd, at, SEEK_DATA);
     if (data < 0 && errno == ENXIO) break;
     if (data < 0) return -errno;
-    if (data >= stop) break;
+    if (data >= end) break;
     const int64_t data_end = holeAfter(fd, data);
     if (data_end < 0) return static_cast<int>(data_end);
-    at = std::min<int64_t>(data_end, stop);
+    at = std::min<int64_t>(data_end, end);
     if (int rc = punch(fd, data, at, status.st_size); rc < 0) return rc;
   }
-  return end > status.st_size ? resultOf(ftruncate(fd, end)) : 0;
+  return 0;
 }
 
 int DescriptorInode::truncate(int64_t size) {

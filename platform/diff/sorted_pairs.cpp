@@ -8,7 +8,7 @@ namespace kest {
 
 namespace {
 
-constexpr size_t kBlockPairs = 64;
+constexpr size_t kBlockPairs = 16;  // a lookup decodes half a block; a block's head takes 24 bytes
 constexpr size_t kRunPairs = 64 * 1024;
 
 void putNumber(std::vector<uint8_t> *bytes, uint64_t number) {
@@ -64,8 +64,16 @@ SortedPairs::Cursor SortedPairs::from(const NumberPair &pair) const {
   cursor.set_ = this;
   cursor.at_ = block * kBlockPairs;
   NumberPair found;
-  for (Cursor ahead = cursor; ahead.next(&found) && found < pair;) cursor = ahead;
-  return cursor;
+  for (;;) {
+    const size_t bytes = cursor.bytes_;
+    const NumberPair last = cursor.last_;
+    if (!cursor.next(&found)) return cursor;
+    if (found < pair) continue;
+    --cursor.at_;
+    cursor.bytes_ = bytes;
+    cursor.last_ = last;
+    return cursor;
+  }
 }
 
 uint64_t SortedPairs::secondOf(uint64_t first) const {

@@ -60,6 +60,12 @@ class DataWalk {
     return {};
   }
 
+  // Adds the part of [from, end) that begins after the last range.
+  Result addRest(int64_t from, int64_t end) {
+    const int64_t start = std::max(from, waiting_.end());
+    return addRange({start, end - start, false});
+  }
+
   // Writes one record for the whole file, whatever its size.
   Result addWhole(int64_t size) { return addRecord({0, size, false}, false); }
 
@@ -135,6 +141,17 @@ Result truncateActive(const ChangedFile &file, int64_t to) {
   return {};
 }
 
+// Sets the size before a worker starts: several workers write ranges of one file, so none of them can
+// do it. Sharing the end of the file also sets the size, without a block that is written only to clear
+// the rest of it. Such a file is therefore cut at the start of the snapshot's last block if it is too
+// long, and left alone if it is too short.
+Result setSize(const ChangedFile &file, bool shares_end, int64_t *size_now) {
+  const int64_t last_block = file.snap_size % kBlock;
+  if (file.snap_size > file.active_size ? shares_end : file.snap_size == file.active_size) return {};
+  *size_now = shares_end ? file.snap_size - last_block : file.snap_size;
+  return truncateActive(file, *size_now);
+}
+
 // Lists the ranges in which the files differ, up to the smaller of both sizes.
 Result listDifferences(const ChangedFile &file, DataWalk &walk) {
   const kest_change_t &change = file.change;
@@ -158,7 +175,7 @@ Result listDifferences(const ChangedFile &file, DataWalk &walk) {
   return {};
 }
 
-// Lists all data beyond the end of the active file. Extending that file has filled its last block with
+// Lists all data beyond the end of the active file. Extending that file fills its last block with
 // zeros. If the snapshot has a hole there, the list begins at the start of that block, because only
 // whole blocks can become holes.
 Result listLostTail(const ChangedFile &file, DataWalk &walk) {
@@ -213,12 +230,12 @@ Result listChangedFile(const RangeWriter &writer, WorkFile &list, const std::str
       if (Result r = truncateActive(file, 0); !r) return r;
     return walk.addWhole(file.snap_size).at(kWriteRecord);
   }
-  // Set the size before a worker starts: several workers write ranges of one file, so none of them
-  // can do it.
-  if (file.snap_size != file.active_size)
-    if (Result r = truncateActive(file, file.snap_size); !r) return r;
+  int64_t size_now = file.active_size;
+  if (Result r = setSize(file, change.ch_shareable != 0 && !clone, &size_now); !r) return r;
   if (Result r = listDifferences(file, walk); !r) return r;
   if (Result r = listLostTail(file, walk); !r) return r;
+  if (size_now < file.active_size)
+    if (Result r = walk.addRest(size_now, file.snap_size); !r) return failed(kListTail, r.err);
   // Also restores a file of which only the attributes changed, or which became empty.
   return walk.finish().at(kWriteRecord);
 }
