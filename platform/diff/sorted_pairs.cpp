@@ -8,7 +8,7 @@ namespace kest {
 
 namespace {
 
-constexpr size_t kBlockPairs = 16;  // a lookup decodes half a block; a block's head takes 24 bytes
+constexpr size_t kBlockPairs = 32;  // a lookup decodes half a block; the head of a block takes 24 bytes
 constexpr size_t kRunPairs = 64 * 1024;
 
 void putNumber(std::vector<uint8_t> *bytes, uint64_t number) {
