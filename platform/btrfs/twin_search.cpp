@@ -3,15 +3,19 @@
 #include <sys/stat.h>
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <optional>
 #include <span>
 #include <utility>
+
+#include "base/threads.h"
 
 namespace kest {
 
 namespace {
 
-constexpr uint32_t kInodeItems = 8;  // first_items for reading whole inodes
+constexpr uint32_t kInodeItems = 8;    // first_items for reading whole inodes
+constexpr size_t kWorthThreads = 256;  // candidates
 constexpr unsigned kBoth = KEST_DI_ACTIVE | KEST_DI_SNAPSHOT;
 
 // Reads the entries of a directory in the order of their hashes, which is the same in every directory.
@@ -92,16 +96,44 @@ bool TwinSearch::onlyIn(unsigned tree, uint64_t ino) const {
 }
 
 int TwinSearch::search(const SortedPairs &candidates) {
+  const size_t threads = candidates.size() < kWorthThreads ? 1 : usefulThreads();
+  std::vector<std::unique_ptr<TwinSearch>> others;
+  for (size_t i = 1; i < threads; ++i)
+    others.push_back(std::make_unique<TwinSearch>(root_, snapshot_.treeId(), hidden_, found_));
+  const size_t share = candidates.size() / threads + 1;
+  int rc = inThreads(threads, [&](size_t i) {
+    TwinSearch &searcher = i == 0 ? *this : *others[i - 1];
+    return searcher.searchSome(candidates, i * share, (i + 1) * share);
+  });
+  if (rc < 0) return rc;
+  for (const auto &other : others) take(other.get());
+  certain_ = certain_sorter_.finish();
+  return settle();
+}
+
+int TwinSearch::searchSome(const SortedPairs &candidates, size_t begin, size_t end) {
   Family family;
   NumberPair top;
-  for (SortedPairs::Cursor cursor = candidates.begin(); cursor.next(&top);) {
-    if (!onlyIn(KEST_DI_SNAPSHOT, top.first) || !onlyIn(KEST_DI_ACTIVE, top.second)) continue;
+  SortedPairs::Cursor cursor = candidates.begin();
+  for (size_t i = 0; i < end && cursor.next(&top); ++i) {
+    if (i < begin || !onlyIn(KEST_DI_SNAPSHOT, top.first) || !onlyIn(KEST_DI_ACTIVE, top.second))
+      continue;
     int rc = searchFamily(top, &family);
     if (rc < 0) return rc;
     if (rc > 0) keep(family);
   }
-  certain_ = certain_sorter_.finish();
-  return settle();
+  return 0;
+}
+
+// Adds the families that another searcher has found.
+void TwinSearch::take(TwinSearch *other) {
+  certain_sorter_.add(other->certain_sorter_.finish());
+  for (const Dependent &one : other->dependent_)
+    dependent_.push_back(
+        {pairs_.size() + one.pairs, open_.size() + one.open, survivors_.size() + one.survivors});
+  pairs_.insert(pairs_.end(), other->pairs_.begin(), other->pairs_.end());
+  open_.insert(open_.end(), other->open_.begin(), other->open_.end());
+  survivors_.insert(survivors_.end(), other->survivors_.begin(), other->survivors_.end());
 }
 
 int TwinSearch::searchFamily(const NumberPair &top, Family *family) {

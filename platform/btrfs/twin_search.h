@@ -54,6 +54,10 @@ class TwinSearch {
     bool dropped = false;
   };
 
+  // Searches the candidates with an index in [begin, end). Families do not depend on each other before
+  // settle(), so several searchers can share the candidates. 0 or -errno.
+  int searchSome(const SortedPairs &candidates, size_t begin, size_t end);
+  void take(TwinSearch *other);
   // Functions that return int: 1, 0 or -errno.
   bool onlyIn(unsigned tree, uint64_t ino) const;
   int searchFamily(const NumberPair &top, Family *family);
