@@ -55,13 +55,6 @@ Result addPlainRecord(WorkFile &list, const std::string &path, uint64_t ino, OpC
   return result;
 }
 
-Result listMove(const std::string &path, uint64_t ino) {
-  std::unique_ptr<WorkFile> list;
-  if (Result r = openMainList(kOpListMove, WorkFile::Mode::kShared, &list); !r) return r.at(0);
-  const Result added = addPlainRecord(*list, path, ino, kOpMoveFile).at(kWriteMove);
-  return firstFailure(added, closeWorkFile(list, kOpListMove).at(0));
-}
-
 // Opens a list that stays open until the driver closes it.
 Result openOnce(const char *name, std::unique_ptr<WorkFile> *list) {
   if (*list) return {};
@@ -153,6 +146,7 @@ Result MasterLists::openForPass() {
 Result MasterLists::closePass() {
   Result result = closeWorkFile(op_list_, kOpListLabel);
   result = firstFailure(result, closeWorkFile(copy_list_, kCopyListLabel));
+  result = firstFailure(result, closeWorkFile(move_list_, kOpListMove));
   return firstFailure(result, sets_->closeAll());
 }
 
@@ -168,6 +162,14 @@ Result MasterLists::closeAll() {
   Result result = closePass();
   result = firstFailure(result, closeRegMoves());
   return firstFailure(result, closeDirMoves());
+}
+
+// Opens opList.move for the first record of a pass.
+Result MasterLists::listMove(const std::string &path, uint64_t ino) {
+  if (!move_list_) {
+    if (Result r = openMainList(kOpListMove, WorkFile::Mode::kKeep, &move_list_); !r) return r.at(0);
+  }
+  return addPlainRecord(*move_list_, path, ino, kOpMoveFile).at(kWriteMove);
 }
 
 Result MasterLists::listOne(const std::string &path, uint64_t ino, OpCode opCode) {

@@ -59,11 +59,12 @@ class MasterLists {
 
  private:
   class SetLists;  // the open lists of directory sets
+  Result listMove(const std::string &path, uint64_t ino);
   Result listOne(const std::string &path, uint64_t ino, OpCode opCode);
   Result listOneInSet(uint64_t rootIno, const std::string &path, uint64_t ino, OpCode opCode,
                       bool isDelDir);
 
-  std::unique_ptr<WorkFile> op_list_, copy_list_, reg_moves_, dir_move_list_;
+  std::unique_ptr<WorkFile> op_list_, copy_list_, move_list_, reg_moves_, dir_move_list_;
   std::unique_ptr<SetLists> sets_;
   std::vector<uint64_t> dir_moves_;
 };

@@ -47,7 +47,7 @@ Truncations::~Truncations() {
 
 bool Truncations::add(Step step) {
   step.path = resolveOwnLinks(step.path);
-  const std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
   if (!thread_.joinable()) {
     failed_.reserve(kMost + 1);  // the thread never allocates
     // Block all signals in the new thread, so that the main thread receives them.
@@ -61,13 +61,13 @@ bool Truncations::add(Step step) {
     }
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
   }
-  if (thread_.joinable()) {
-    waiting_.push_back(std::move(step));
-    changed_.notify_all();
-  } else {
-    failed_.push_back(std::move(step));
-  }
-  return waiting_.size() + failed_.size() < kMost;
+  const bool idle = waiting_.empty() && !working_;
+  (thread_.joinable() ? waiting_.push_back(std::move(step)) : failed_.push_back(std::move(step)));
+  const bool room = waiting_.size() + failed_.size() < kMost;
+  // A thread that is woken while this one holds the lock would have to wait again.
+  lock.unlock();
+  if (idle) changed_.notify_all();
+  return room;
 }
 
 // Opens the fileset once more, and fails if its name leads to another fileset by now.
@@ -97,7 +97,7 @@ void Truncations::work() {
     lock.lock();
     if (!done) failed_.push_back(std::move(step));
     working_ = false;
-    changed_.notify_all();
+    if (waiting_.empty()) changed_.notify_all();  // settle() may wait for that
   }
 }
 
