@@ -5,14 +5,17 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include "base/fd_path.h"
 #include "btrfs/beneath.h"
 #include "btrfs/clone.h"
 #include "btrfs/file_handle.h"
 #include "btrfs/frozen_inode.h"
 #include "btrfs/inode.h"
 #include "btrfs/inode_flags.h"
+#include "filesystem/clone_attribute.h"
 
 namespace kest {
 
@@ -109,6 +112,12 @@ int BtrfsDirectory::removeDirectory(const std::string &name) {
 
 int BtrfsDirectory::makeClone(const std::string &name, Inode &parent) {
   return kest::makeClone(fd(), name, asBtrfs(parent));
+}
+
+int BtrfsDirectory::carriesClone(const std::string &name) {
+  const std::string path = FdPath(fd()).get() + ("/" + name);
+  if (lgetxattr(path.c_str(), kCloneAttribute, nullptr, 0) >= 0) return 1;
+  return errno == ENODATA || errno == EOPNOTSUPP ? 0 : -errno;
 }
 
 int BtrfsDirectory::readProtection(const std::string &name, Protection *protection) {

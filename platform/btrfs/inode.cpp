@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <utility>
 
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -82,6 +83,7 @@ int BtrfsInode::learnStatus() {
   facts_.size = status.stx_size;
   facts_.mode = status.stx_mode;
   facts_.created = toTime(status.stx_btime);
+  status_at_open_ = status;
   return 0;
 }
 
@@ -129,9 +131,13 @@ int BtrfsInode::readFacts(kest_facts_t *facts) {
     if (int rc = readAllFlags(fd, &flags); rc < 0) return rc;
   }
   struct statx status;
-  const int any = anyFd();
-  if (any < 0) return any;
-  if (int rc = statNow(any, &status); rc < 0) return rc;
+  if (status_at_open_) {
+    status = *std::exchange(status_at_open_, std::nullopt);
+  } else {
+    const int any = anyFd();
+    if (any < 0) return any;
+    if (int rc = statNow(any, &status); rc < 0) return rc;
+  }
   std::vector<std::string> names;
   if (int rc = listXattrs(&names); rc < 0) return rc;
   *facts = {};

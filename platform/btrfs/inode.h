@@ -1,6 +1,8 @@
 // An inode of a btrfs.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -43,7 +45,8 @@ class BtrfsInode : public DescriptorInode {
   int carriesBlob(mode_t mode, uint32_t *answer);
 
   const TreeRoot *root_;
-  std::optional<bool> carries_blob_;  // the last answer of carriesBlob
+  std::optional<bool> carries_blob_;            // the last answer of carriesBlob
+  std::optional<struct statx> status_at_open_;  // until the first readFacts
 };
 
 inline BtrfsInode &asBtrfs(Inode &inode) {

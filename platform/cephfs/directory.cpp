@@ -152,6 +152,10 @@ int CephDirectory::makeClone(const std::string &, Inode &) {
   return -ENOTSUP;
 }
 
+int CephDirectory::carriesClone(const std::string &) {
+  return 0;
+}
+
 int CephDirectory::readProtection(const std::string &, Protection *protection) {
   *protection = {};
   return 0;

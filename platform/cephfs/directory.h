@@ -36,6 +36,7 @@ class CephDirectory : public Directory {
   int removeFile(const std::string &name) override;
   int removeDirectory(const std::string &name) override;
   int makeClone(const std::string &name, Inode &parent) override;
+  int carriesClone(const std::string &name) override;
   int readProtection(const std::string &name, Protection *protection) override;
   int holdsFileset(const std::string &name) override;
 

@@ -20,7 +20,6 @@ class CephTree : public Tree {
   int isWritable() const override;
   bool spansNodes() const override { return true; }
   bool hasNamesOutside() const override { return true; }
-  bool hasClones() const override { return false; }
   int64_t metadataRoom() const override;
   int openInode(uint64_t ino, const char *path, std::unique_ptr<Inode> *inode) const override;
   int openSame(const Inode &other, std::unique_ptr<Inode> *inode) const override;

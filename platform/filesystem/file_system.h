@@ -155,6 +155,8 @@ class Directory {
   // Makes a clone of the clone parent `parent`. It appears complete or not at all; see kest_clone_copy.
   virtual int makeClone(const std::string &name, Inode &parent) = 0;
 
+  // Whether the object `name` has the attribute of clones and clone parents: 1 or 0.
+  virtual int carriesClone(const std::string &name) = 0;
   // Of the object `name`; with "" of the directory itself.
   virtual int readProtection(const std::string &name, Protection *protection) = 0;
   // Whether a nested fileset is linked here as `name`: 1 or 0.
@@ -242,8 +244,6 @@ class Tree {
   virtual bool spansNodes() const { return false; }
   // See kest_names_outside.
   virtual bool hasNamesOutside() const { return false; }
-  // See kest_has_clones.
-  virtual bool hasClones() const { return true; }
   // Returns the bytes left for inodes, names and extents, without the file system's own reserve.
   virtual int64_t metadataRoom() const = 0;
 

@@ -135,8 +135,6 @@ int kest_other_node(const kest_fssnap_handle_t *active, const char *nodes, char 
 int kest_spans_nodes(const kest_fssnap_handle_t *active);
 /* 1: a file of a fileset can have further names outside of it; 0: it cannot. */
 int kest_names_outside(const kest_fssnap_handle_t *active);
-/* 1: a file can be a clone or clone parent; 0: the file system has no clones. */
-int kest_has_clones(const kest_fssnap_handle_t *active);
 
 /* For a restore that is about to begin; `scan` is a difference scan of both trees. 1: something is
  * mounted on a directory or file of the fileset or snapshot that the restore would have to enter,
@@ -335,7 +333,8 @@ int kest_settle(kest_fssnap_handle_t *active);
 int kest_lock(kest_fssnap_handle_t *active);
 int kest_remove_lock(kest_fssnap_handle_t *active);
 
-/* Reads the present facts. Those of an inode of a read-only snapshot were read at its open, so this
+/* Reads the facts. The first call after the open can answer with the attributes at the open, any later
+ * one reads the present ones. Those of an inode of a read-only snapshot were read at its open, so this
  * costs nothing. -1: errno. */
 int kest_ifacts(const kest_ifile_t *file, kest_facts_t *facts);
 
@@ -447,6 +446,10 @@ int kest_putacl(const char *path, int flags, const void *buf);
  * it has KEST_MODIFICATION_TIME. Ignores times[2] (ctime) and times[3] (creation), which cannot be set
  * on btrfs. Does not follow a symbolic link. Part of the interface for other programs. */
 int kest_set_times_path(const char *path, int flags, const kest_timestruc64_t times[4]);
+
+/* 1 if the object at a path of the active tree has the attribute of clones and clone parents
+ * (kest.CLONE); 0 if it has none, or the file system has no clones; -1: errno. */
+int kest_carries_clone(kest_fssnap_handle_t *active, const char *path);
 
 /* Executes a control request on a descriptor (O_PATH suffices). `request` is a header of four int32
  * (total length, version 1, error offset 0, reserved 0), followed by directives of 24 bytes: int32

@@ -128,10 +128,6 @@ int kest_names_outside(const kest_fssnap_handle_t *active) {
   return cCall([&] { return active == nullptr ? -EINVAL : int{active->tree->hasNamesOutside()}; });
 }
 
-int kest_has_clones(const kest_fssnap_handle_t *active) {
-  return cCall([&] { return active == nullptr ? -EINVAL : int{active->tree->hasClones()}; });
-}
-
 int kest_younger(kest_fssnap_handle_t *active, uint64_t ino, uint64_t than) {
   return cCall([=] { return active == nullptr ? -EINVAL : active->tree->isYounger(ino, than); });
 }

@@ -184,6 +184,15 @@ int kest_link(kest_fssnap_handle_t *active, const char *from, const char *to, ui
   });
 }
 
+int kest_carries_clone(kest_fssnap_handle_t *active, const char *path) {
+  int answer = 0;
+  const int rc = onPath(active, path, [&](const Place &place) {
+    answer = place.dir->carriesClone(place.leaf);
+    return std::min(answer, 0);
+  });
+  return rc == 0 ? answer : rc;
+}
+
 int kest_truncate(kest_fssnap_handle_t *active, const char *path, int64_t size, uint64_t ino) {
   return onPath(active, path, [=](const Place &place) { return truncateFile(place, size, ino); });
 }

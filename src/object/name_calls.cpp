@@ -42,6 +42,12 @@ Result unlinkName(const std::string &path, uint64_t ino, bool *clearing_failed) 
       clearing_failed);
 }
 
+Result carriesClone(const std::string &path, bool *carries) {
+  const int rc = kest_carries_clone(handles.activeFsP, Now(path));
+  *carries = rc > 0;
+  return rc < 0 ? failedErrno(0) : Result{};
+}
+
 Result removeEmptyDir(const std::string &path, uint64_t ino) {
   return retryClearing(path, "", [&] { return called(kest_rmdir(handles.activeFsP, Now(path), ino)); });
 }

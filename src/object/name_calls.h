@@ -13,6 +13,8 @@
 #include "object/open_object.h"
 
 Result unlinkName(const std::string &path, uint64_t ino, bool *clearing_failed = nullptr);
+// Sets *carries if the object has the attribute of clones and clone parents.
+Result carriesClone(const std::string &path, bool *carries);
 Result removeEmptyDir(const std::string &path, uint64_t ino);  // EPERM for a nested fileset
 
 // Rename without ever replacing an object; EEXIST if `to` exists. renameAside clears flags along `from`

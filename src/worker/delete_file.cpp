@@ -8,7 +8,6 @@
 #include "object/move_file.h"
 #include "object/name_calls.h"
 #include "records/side_lists.h"
-#include "run/run_handles.h"
 #include "run/settings.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
@@ -59,9 +58,11 @@ Result unlinkWhenFree(const Record &record) {
 Result remove(const Record &record) {
   CloneAttr attr;
   bool clone = false, taken = false;
-  if (settings.phase == kPhaseMain && kest_has_clones(handles.activeFsP) != 0) {
+  if (settings.phase == kPhaseMain) {
     // A clone that is not recognised would be removed before the clones below it.
-    const Result r = getCloneXattr(record.path, &clone, &attr);
+    bool carries = false;
+    Result r = carriesClone(record.path, &carries);
+    if (carries) r = getCloneXattr(record.path, &clone, &attr);
     if (!r && r.err != ENOENT) return failed(kReadClone, r.err);
   }
   if (clone) {

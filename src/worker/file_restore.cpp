@@ -277,10 +277,6 @@ Result restoreSurvivor(const Record &record) {
 
 constexpr int kModificationTime = 2;
 
-bool restoresData(const Record &record) {
-  return record.op.isRange(1);
-}
-
 // A user may have put another object in the place of the file, on which the step then failed.
 bool isFileOfRecord(int fd, const Record &record) {
   struct stat st;
@@ -291,6 +287,10 @@ bool isFileOfRecord(int fd, const Record &record) {
 }
 
 }  // namespace
+
+bool restoresData(const Record &record) {
+  return record.op.isRange(1);
+}
 
 Result restoreDelFile(const Record &record) {
   const Result result = restoreDeleted(record);
@@ -328,7 +328,8 @@ void markUnfinished(const Record &record) {
   traceLog("markUnfinished: path %s, err %d\n", record.path.c_str(), marked.err);
 }
 
-void markIfOthersFailed(const Record &record) {
+void markIfOthersFailed(const std::vector<Record> &records) {
   struct stat st;
-  if (restoresData(record) && statWorkFile(workPath(kFatalError), &st)) markUnfinished(record);
+  if (records.empty() || !statWorkFile(workPath(kFatalError), &st)) return;
+  for (const Record &record : records) markUnfinished(record);
 }

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "base/file_io.h"
 #include "base/unique_fd.h"
@@ -129,22 +130,26 @@ class Checkpoint {
     return openWorkFile(path, O_WRONLY | O_CREAT | O_APPEND, &fd_);
   }
 
-  // Must be called before a record is performed. Restoring a file's contents and attributes twice has
-  // the same result, so the lines of such records may be lost with the worker: they are collected for
-  // up to ten milliseconds and written together, or less often where writing them takes long. Any
-  // other record depends on what was done before it.
+  // Must be called before a record is performed. Restoring a file's contents and attributes twice, or
+  // deleting a name of a known inode twice, has the same result, so the lines of such records may be
+  // lost with the worker: they are collected for up to ten milliseconds and written together, or less
+  // often where writing them takes long. Any other record depends on what was done before it.
   Result before(const Operation &op) {
-    const bool repeatable = op.opCode == kOpRestoreDiffFile || op.opCode == kOpRestoreDelFile;
+    const bool repeatable = op.opCode == kOpRestoreDiffFile || op.opCode == kOpRestoreDelFile ||
+                            (op.opCode == kOpDeleteFile && settings.phase == kPhaseMain);
     return repeatable && nanoseconds() - last_write_ < pause_ ? Result{} : flush();
   }
   void done(const Record &record, const std::string &op_string) {
     waiting_ += formatCheckpointLine(record.ino, op_string);
+    if (restoresData(record)) data_records_.push_back(record);
     last_ = record;
   }
   // Writes the collected lines. A record with a line is not performed again, so the file system must
   // hold the result first: kest_settle makes sure of that.
   Result flush() {
     if (waiting_.empty()) return {};
+    markIfOthersFailed(data_records_);
+    data_records_.clear();
     const int64_t begun = nanoseconds();
     Result r = called(kest_settle(handles.activeFsP));
     if (r) r = syncSideLists();
@@ -172,7 +177,8 @@ class Checkpoint {
 
   UniqueFd fd_;
   std::string waiting_;
-  Record last_;  // the last record whose line waits
+  std::vector<Record> data_records_;  // those of `waiting_` that restore data
+  Record last_;                       // the last record whose line waits
   int64_t last_write_ = 0, pause_ = kPause;
 };
 
@@ -202,7 +208,6 @@ Result performLine(std::string_view text, const std::string &list_path, int done
   }
   // A step that cannot return a failure has recorded an error that could not be written to the marker.
   if (unsavedFatalError() != 0) return stop(failed(kPerform, unsavedFatalError()));
-  markIfOthersFailed(record);
   checkpoint->done(record, line.opString);
   return {};
 }

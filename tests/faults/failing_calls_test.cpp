@@ -32,7 +32,7 @@ Outcome outcomeOf(const std::string &call, int where) {
       "kest_younger",      // then the object counts as somebody else's
       "kest_remove_lock", "kest_path_descriptor", "kest_open_path"};
   static const std::set<std::string> answers{"kest_same_file", "kest_is_quota_file", "kest_other_node",
-                                             "kest_spans_nodes", "kest_has_clones"};
+                                             "kest_spans_nodes"};
   if (answers.count(call)) return Outcome::kCannotFail;
   // If it is to clear flags, the step that they forbid fails.
   if (call == "kest_fcntl") return Outcome::kFailsElsewhere;

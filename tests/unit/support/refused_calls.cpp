@@ -22,8 +22,8 @@ int call(const char *name, Arguments... arguments) {
 int kest_fcntl(int fd, void *request) {
   return call("kest_fcntl", fd, request);
 }
-int kest_open_path(kest_fssnap_handle_t *fs, const char *path) {
-  return call("kest_open_path", fs, path);
+int kest_carries_clone(kest_fssnap_handle_t *fs, const char *path) {
+  return call("kest_carries_clone", fs, path);
 }
 int kest_unlink(kest_fssnap_handle_t *fs, const char *path, uint64_t ino) {
   return call("kest_unlink", fs, path, ino);
