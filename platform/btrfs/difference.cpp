@@ -54,6 +54,10 @@ int BtrfsDifference::readChange(uint64_t ino, kest_change_t *change) {
   return describeChange(walked_, walked_snapshot_, ino, now, then, change);
 }
 
+int BtrfsDifference::readLost(uint64_t ino, kest_lost_t *lost) {
+  return changes_.findLost(ino, lost);
+}
+
 int BtrfsDifference::listChangedRanges(Inode &file, uint64_t from, uint64_t to,
                                        std::vector<FileRange> *ranges) {
   const InodeFacts &facts = file.facts();

@@ -22,6 +22,7 @@ class BtrfsDifference : public Difference {
   int listChanged(Inode &dir, EntryList *entries) override;
   std::unique_ptr<EntryStream> leadingEntries(Inode &dir) override;
   int readChange(uint64_t ino, kest_change_t *change) override;
+  int readLost(uint64_t ino, kest_lost_t *lost) override;
   int listChangedRanges(Inode &file, uint64_t from, uint64_t to,
                         std::vector<FileRange> *ranges) override;
 

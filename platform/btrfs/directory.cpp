@@ -39,11 +39,30 @@ int fdOf(const Directory &dir) {
 }
 
 // RESOLVE_NO_XDEV refuses mounts but not nested subvolumes, which have a device number of their own.
-int refuseOtherTree(const TreeRoot &root, int dir) {
-  struct stat st;
-  if (fstat(dir, &st) != 0) return -errno;
-  return st.st_dev == root.device ? 0 : -EXDEV;
+int refuseOtherTree(const TreeRoot &root, int dir, struct stat *st) {
+  if (fstat(dir, st) != 0) return -errno;
+  return st->st_dev == root.device ? 0 : -EXDEV;
 }
+
+// A directory of a read-only tree. A worker looks at the name of an inode whose items it has just read.
+class FrozenDirectory : public BtrfsDirectory {
+ public:
+  FrozenDirectory(UniqueFd fd, const TreeRoot &root, TreeReader &tree, uint64_t ino)
+      : BtrfsDirectory(std::move(fd)), root_(root), tree_(tree), ino_(ino) {}
+
+  int stat(const std::string &name, struct stat *st) override {
+    InodeItem item;
+    const uint64_t ino = findCachedName(tree_, ino_, name);
+    if (ino == 0 || readInode(tree_, ino, &item) <= 0) return BtrfsDirectory::stat(name, st);
+    statOfItem(root_, ino, item, st);
+    return 0;
+  }
+
+ private:
+  const TreeRoot &root_;
+  TreeReader &tree_;
+  const uint64_t ino_;
+};
 
 // Checks that `name` is the nested subvolume `id`. 0, -ESTALE or -errno.
 int expectFileset(int dir, const std::string &name, uint64_t id) {
@@ -132,12 +151,16 @@ int BtrfsDirectory::holdsFileset(const std::string &name) {
   return st.st_dev != parent.st_dev;
 }
 
-int openDirectoryBeneath(const TreeRoot &root, int start_fd, std::string_view path,
+int openDirectoryBeneath(const TreeRoot &root, TreeReader *frozen, int start_fd, std::string_view path,
                          std::unique_ptr<Directory> *dir) {
   UniqueFd fd;
+  struct stat st;
   if (int rc = openBeneath(start_fd, path, &fd); rc != 0) return rc;
-  if (int rc = refuseOtherTree(root, fd.get()); rc != 0) return rc;
-  *dir = std::make_unique<BtrfsDirectory>(std::move(fd));
+  if (int rc = refuseOtherTree(root, fd.get(), &st); rc != 0) return rc;
+  if (frozen != nullptr)
+    *dir = std::make_unique<FrozenDirectory>(std::move(fd), root, *frozen, st.st_ino);
+  else
+    *dir = std::make_unique<BtrfsDirectory>(std::move(fd));
   return 0;
 }
 
@@ -175,8 +198,9 @@ int createFile(const TreeRoot &root, const Directory &dir, const std::string &na
 
 int duplicateDirectory(const TreeRoot &root, int fd, std::unique_ptr<Directory> *dir) {
   UniqueFd duplicate(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+  struct stat st;
   if (!duplicate) return -errno;
-  if (int rc = refuseOtherTree(root, duplicate.get()); rc != 0) return rc;
+  if (int rc = refuseOtherTree(root, duplicate.get(), &st); rc != 0) return rc;
   *dir = std::make_unique<BtrfsDirectory>(std::move(duplicate));
   return 0;
 }

@@ -37,11 +37,13 @@ class BtrfsDirectory : public Directory {
   UniqueFd fd_;  // O_PATH suffices
 };
 
+// `frozen` below is a reader of the tree if that is read-only, else NULL. The directory uses it as long
+// as it exists.
+
 // Opens the directory `path` beneath the directory `start_fd` of the tree; see Tree::openDirectory.
-int openDirectoryBeneath(const TreeRoot &root, int start_fd, std::string_view path,
+int openDirectoryBeneath(const TreeRoot &root, TreeReader *frozen, int start_fd, std::string_view path,
                          std::unique_ptr<Directory> *dir);
-// See Tree::openNamed and Tree::createFile. `frozen` is a reader of the tree if it is read-only, else
-// NULL.
+// See Tree::openNamed and Tree::createFile.
 int openNamed(const TreeRoot &root, TreeReader *frozen, const Directory &dir, const std::string &name,
               std::unique_ptr<Inode> *inode);
 int createFile(const TreeRoot &root, const Directory &dir, const std::string &name, mode_t mode,

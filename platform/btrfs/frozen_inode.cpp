@@ -50,10 +50,14 @@ FrozenInode::FrozenInode(const TreeRoot &root, uint64_t ino, StoredInode stored,
 }
 
 int FrozenInode::stat(struct stat *st) {
-  const InodeItem &item = stored_.item;
+  statOfItem(tree_root_, facts_.ino, stored_.item, st);
+  return 0;
+}
+
+void statOfItem(const TreeRoot &root, uint64_t ino, const InodeItem &item, struct stat *st) {
   *st = {};
-  st->st_dev = tree_root_.device;
-  st->st_ino = facts_.ino;
+  st->st_dev = root.device;
+  st->st_ino = ino;
   st->st_mode = item.mode;
   st->st_nlink = item.nlink;
   st->st_uid = item.uid;
@@ -65,7 +69,6 @@ int FrozenInode::stat(struct stat *st) {
   st->st_atim = toTimespec(item.atime);
   st->st_mtim = toTimespec(item.mtime);
   st->st_ctim = toTimespec(item.ctime);
-  return 0;
 }
 
 int FrozenInode::readAttributes(kest_iattr64_t *attr) {

@@ -19,6 +19,9 @@ struct StoredInode {
 // Reads the items. 0; -ENOENT: no such inode, or one without a name; or -errno.
 int readStored(TreeReader &tree, uint64_t ino, StoredInode *stored);
 
+// Fills *st from the items of inode `ino` of a tree.
+void statOfItem(const TreeRoot &root, uint64_t ino, const InodeItem &item, struct stat *st);
+
 // Opens a descriptor only when a call needs one: for the data of a regular file, or as O_PATH for any
 // other type.
 class FrozenInode : public BtrfsInode {

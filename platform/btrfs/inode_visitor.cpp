@@ -143,6 +143,7 @@ int InodeVisitor::visit(uint64_t ino, const InodeItem *active, const InodeItem *
     // snapshot that was written to: something older may have been deleted there.
     if (rc == 0 && active != nullptr && S_ISDIR(active->mode) && common_.snapshot_changed)
       rc = visitChildren(&active_, ino);
+    if (rc == 0 && snapshot != nullptr) rc = noteLost(ino, *snapshot);
     if (rc < 0) return rc;
   }
   return record(ino, state);
@@ -208,6 +209,14 @@ int InodeVisitor::noteChange(uint64_t ino, const InodeItem &active, const InodeI
   const int rc = describeChange(active_.properties, snapshot_.inodes, ino, active, snapshot, &change);
   if (rc == 0) changes.add(ino, change);
   return rc;
+}
+
+int InodeVisitor::noteLost(uint64_t ino, const InodeItem &snapshot) {
+  if (S_ISDIR(snapshot.mode)) return 0;
+  const int clone = hasXattr(snapshot_.inodes, ino, kCloneAttribute);
+  if (clone == 0)
+    changes.addLost(ino, {.lo_size = snapshot.size, .lo_regular = S_ISREG(snapshot.mode)});
+  return std::min(clone, 0);
 }
 
 int InodeVisitor::visitChildren(Side *side, uint64_t dir) {

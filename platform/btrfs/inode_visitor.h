@@ -86,6 +86,7 @@ class InodeVisitor {
   int visit(uint64_t ino, const InodeItem *active, const InodeItem *snapshot);
   int compareSame(uint64_t ino, const InodeItem &active, const InodeItem &snapshot, unsigned *state);
   int noteChange(uint64_t ino, const InodeItem &active, const InodeItem &snapshot);
+  int noteLost(uint64_t ino, const InodeItem &snapshot);
   bool pairEntries(uint64_t dir, const EntryDifference &entries);
   int visitChildren(Side *side, uint64_t dir);
   int addPending(const DirEntry &entry);

@@ -75,7 +75,9 @@ int BtrfsTree::createFile(const Directory &dir, const std::string &name, mode_t 
 int BtrfsTree::openDirectory(const Directory *start, std::string_view path,
                              std::unique_ptr<Directory> *dir) const {
   const int fd = start == nullptr ? root_.fd.get() : static_cast<const BtrfsDirectory *>(start)->fd();
-  return openDirectoryBeneath(root_, fd, path, dir);
+  const int frozen = isFrozen();
+  if (frozen < 0) return frozen;
+  return openDirectoryBeneath(root_, frozen > 0 ? &reader_ : nullptr, fd, path, dir);
 }
 
 int BtrfsTree::duplicateDirectory(int fd, std::unique_ptr<Directory> *dir) const {

@@ -193,6 +193,16 @@ int visitNamesIn(TreeReader &tree, uint64_t ino, uint64_t dir, const NameRefVisi
                      });
 }
 
+uint64_t findCachedName(const TreeReader &tree, uint64_t dir, std::string_view name) {
+  for (const TreeItem &item : tree.cached()) {
+    if (item.key.type != BTRFS_INODE_REF_KEY || item.key.offset != dir) continue;
+    bool found = false;
+    forEachName(item, [&](uint64_t, std::string_view one) { found = found || one == name; });
+    if (found) return item.key.objectid;
+  }
+  return 0;
+}
+
 int readNames(TreeReader &tree, uint64_t ino, std::vector<NameRef> *names) {
   names->clear();
   int rc = visitNames(tree, ino, [&](uint64_t parent, std::string_view name) {

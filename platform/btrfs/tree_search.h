@@ -92,6 +92,8 @@ class TreeReader {
   void lookIn(const TreeWindow *window) { shared_ = window; }
   // Announces that the next key is not close to the last one, and how many items will be asked for.
   void expect(uint64_t items);
+  // Returns the items that are cached now, in order.
+  const std::vector<TreeItem> &cached() const { return own_.batch().items(); }
   // Drops the cached items. Call this if the tree may have changed since they were read.
   void forget();
 

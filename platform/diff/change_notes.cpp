@@ -4,27 +4,44 @@
 
 namespace kest {
 
+// Moves as many notes as there is room for, and drops the rest.
+template <typename Fact>
+void ChangeNotes::takeSome(std::vector<Note<Fact>> *notes, std::vector<Note<Fact>> *others) {
+  const size_t room = std::min(kMost - notes->size(), others->size());
+  notes->insert(notes->end(), others->begin(), others->begin() + static_cast<ptrdiff_t>(room));
+  *others = {};
+}
+
+template <typename Fact>
+bool ChangeNotes::findIn(const std::vector<Note<Fact>> &notes, uint64_t ino, Fact *fact) {
+  const auto found =
+      std::lower_bound(notes.begin(), notes.end(), ino,
+                       [](const Note<Fact> &one, uint64_t number) { return one.ino < number; });
+  if (found == notes.end() || found->ino != ino) return false;
+  *fact = found->fact;
+  return true;
+}
+
 void ChangeNotes::take(ChangeNotes *other) {
-  const size_t room = std::min(kMost - notes_.size(), other->notes_.size());
-  notes_.insert(notes_.end(), other->notes_.begin(),
-                other->notes_.begin() + static_cast<ptrdiff_t>(room));
-  other->notes_ = {};
+  takeSome(&notes_, &other->notes_);
+  takeSome(&lost_, &other->lost_);
   if (entries_ + other->entries_ > kMost) return;
   directories_.merge(other->directories_);
   entries_ += other->entries_;
 }
 
 void ChangeNotes::sort() {
-  std::sort(notes_.begin(), notes_.end(), [](const Note &a, const Note &b) { return a.ino < b.ino; });
+  const auto below = [](const auto &a, const auto &b) { return a.ino < b.ino; };
+  std::sort(notes_.begin(), notes_.end(), below);
+  std::sort(lost_.begin(), lost_.end(), below);
 }
 
 bool ChangeNotes::find(uint64_t ino, kest_change_t *change) const {
-  const auto found =
-      std::lower_bound(notes_.begin(), notes_.end(), ino,
-                       [](const Note &one, uint64_t number) { return one.ino < number; });
-  if (found == notes_.end() || found->ino != ino) return false;
-  *change = found->change;
-  return true;
+  return findIn(notes_, ino, change);
+}
+
+bool ChangeNotes::findLost(uint64_t ino, kest_lost_t *lost) const {
+  return findIn(lost_, ino, lost);
 }
 
 void ChangeNotes::addEntries(uint64_t dir, const EntryDifference &entries) {

@@ -215,6 +215,8 @@ class Difference {
   virtual std::unique_ptr<EntryStream> leadingEntries(Inode &dir) = 0;
   // See kest_ichange.
   virtual int readChange(uint64_t ino, kest_change_t *change) = 0;
+  // See kest_ilost.
+  virtual int readLost(uint64_t /*ino*/, kest_lost_t *) { return 0; }
   // Appends the ranges in [from, to) in which the active file differs from the snapshot's.
   virtual int listChangedRanges(Inode &file, uint64_t from, uint64_t to,
                                 std::vector<FileRange> *ranges) = 0;

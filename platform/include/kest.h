@@ -256,6 +256,14 @@ typedef struct kest_change {
 } kest_change_t;
 int kest_ichange(kest_iscan_t *scan, uint64_t ino, kest_change_t *change);
 
+/* What the comparison noted about a file (no directory) that only the snapshot has. 1; 0: nothing, so
+ * open the inode; this is so for every clone and clone parent. -1: errno. */
+typedef struct kest_lost {
+  uint64_t lo_size;   /* bytes */
+  uint8_t lo_regular; /* it is a regular file */
+} kest_lost_t;
+int kest_ilost(kest_iscan_t *scan, uint64_t ino, kest_lost_t *lost);
+
 /* Returns the number of inodes that differed when the difference was computed. -1: errno. */
 int64_t kest_difference_size(kest_iscan_t *scan);
 

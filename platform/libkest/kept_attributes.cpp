@@ -37,7 +37,6 @@ int KeptCapability::putBackIfLost(Inode &inode) const {
   return putBack(inode);
 }
 
-
 LiftedFlags::~LiftedFlags() {
   int saved = errno;
   setAgain();
@@ -58,6 +57,5 @@ int LiftedFlags::setAgain() {
   if (int rc = inode_.stat(&st); rc != 0) return rc;
   return st.st_nlink == 0 ? 0 : inode_.writeProtection(afterwards_);
 }
-
 
 }  // namespace kest

@@ -213,6 +213,18 @@ int kest_ichange(kest_iscan_t *scan, uint64_t ino, kest_change_t *change) {
   });
 }
 
+int kest_ilost(kest_iscan_t *scan, uint64_t ino, kest_lost_t *lost) {
+  int known = 0;
+  const int rc = cCall([&] {
+    Difference *difference;
+    int failed = differenceOf(scan, &difference);
+    if (failed < 0 || lost == nullptr) return failed < 0 ? failed : -EINVAL;
+    known = difference->readLost(ino, lost);
+    return std::min(known, 0);
+  });
+  return rc < 0 ? rc : known;
+}
+
 int kest_mount_in_the_way(const kest_fssnap_handle_t *active, const kest_fssnap_handle_t *snap,
                           kest_iscan_t *scan, char *point, size_t size) {
   return cCall([&] {

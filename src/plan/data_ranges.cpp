@@ -211,6 +211,15 @@ Result readCloneState(const ChangedFile &file, bool *clone) {
   return isClone(snap.get(), clone).at(kReadClone);
 }
 
+// One record makes the file with all its data. Between two records, somebody with write access to the
+// directory could put another user's file in its place.
+Result listCreation(const RangeWriter &writer, WorkFile &list, const std::string &path, uint64_t ino,
+                    int64_t size, bool clone) {
+  DataWalk creation(list, path, ino, kOpRestoreDelFile, size > 0 && clone, true);
+  const Result added = creation.addWhole(size);
+  return added ? added : failed(writer.creationCode, added.err);
+}
+
 }  // namespace
 
 Result listChangedFile(const RangeWriter &writer, WorkFile &list, const std::string &path,
@@ -242,6 +251,12 @@ Result listChangedFile(const RangeWriter &writer, WorkFile &list, const std::str
 
 Result listDeletedFile(const RangeWriter &writer, WorkFile &copy_list, const std::string &path,
                        uint64_t ino) {
+  kest_lost_t lost;
+  const int known = kest_ilost(handles.iscanP, ino, &lost);
+  if (known < 0) return failed(kOpenDeleted);
+  if (known > 0)
+    return listCreation(writer, copy_list, path, ino,
+                        lost.lo_regular ? static_cast<int64_t>(lost.lo_size) : 0, false);
   Inode snap;
   if (Result r = openSnapshotInode(ino, path, &snap); !r) {
     traceLog("%s: cannot open ino %lld, iFromP %p\n", writer.name, static_cast<long long>(ino),
@@ -266,10 +281,6 @@ Result listDeletedFile(const RangeWriter &writer, WorkFile &copy_list, const std
     }
     if (!from_data) return {};
   }
-  // One record makes the file with all its data. Between two records, somebody with write access to the
-  // directory could put another user's file in its place.
   const int64_t size = isRegular(snap->if_mode) ? static_cast<int64_t>(snap->if_size) : 0;
-  DataWalk creation(copy_list, path, ino, kOpRestoreDelFile, size > 0 && clone, true);
-  const Result added = creation.addWhole(size);
-  return added ? added : failed(writer.creationCode, added.err);
+  return listCreation(writer, copy_list, path, ino, size, clone);
 }
