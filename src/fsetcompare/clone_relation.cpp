@@ -19,7 +19,7 @@ struct Clone {
   bool isParent() const { return is && attr.isParent(); }
 };
 
-// Does not call isClone, which would record a failure as the fatal error of a restore.
+// Does not call isClone, which would print the message of a restore.
 Result readClone(kest_ifile_t *file, Clone *clone) {
   const int is = kest_iclone_attr(file, clone->attr.bytes.data(), clone->snap.bytes.data());
   if (is < 0) return failedErrno(0);

@@ -65,10 +65,10 @@ Result constructLists(MasterLists &lists) {
     if (stopSignal() == 0 && !settings.path2long) tellWalkFailure(handles.rootPath, r);
     userMessage(Message::kConstructFailed);
     dumpDiffTable();
-    return errnoResult(r.err);
+    return r;
   }
   if (Result r = lists.closePass(); !r) return r;
-  // A worker of an earlier pass can have recorded an error and ended with 0.
+  // A recorded error fails the run, whatever the exit status of its engine was.
   return recordedError();
 }
 
@@ -100,7 +100,7 @@ Result moveDirectories(MasterLists &lists) {
   if (Result r = lists.closeDirMoves(); !r) return r;
   if (Result r = doFinalDirMove(); !r) {
     userMessage(Message::kMoveDirsFailed);
-    return errnoResult(r.err);
+    return r;
   }
   return {};
 }
@@ -116,7 +116,7 @@ Result runPassesAndPhases(MasterLists &lists) {
   if (Result r = runLatePhases(); !r) return r;
   if (Result r = bringNestedHome(); !r) {
     userMessage(Message::kMoveDirsFailed);
-    return errnoResult(r.err);
+    return r;
   }
   if (Result r = settleDirectories(); !r) return r;
   userMessage(Message::kCompleted, formatTimeStamp());

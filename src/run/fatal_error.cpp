@@ -38,10 +38,6 @@ void setFatalError(int code) {
   if (!writeMarker(workPath(kFatalError), code)) unsaved = code;
 }
 
-int unsavedFatalError() {
-  return unsaved;
-}
-
 int getFatalError() {
   if (unsaved != 0) return unsaved;
   const std::string path = workPath(kFatalError);

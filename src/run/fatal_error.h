@@ -4,13 +4,9 @@
 #include <cstdint>
 
 // Appends `code` as a line to the marker. If that fails, traces it and keeps the code for
-// unsavedFatalError. Records 0 as EIO, because a failed batch must never look like a success.
+// getFatalError. Records 0 as EIO, because a failed batch must never look like a success.
 void setFatalError(int code);
 
-// Returns the code that this process could not write to the marker, else 0. A worker must then report
-// it by its exit status, which is the only sign of the failure.
-int unsavedFatalError();
-
-// Returns the first number in the marker, 0 without a marker, -1 if the marker cannot be read or holds
-// no number.
+// Returns the code that this process could not write to the marker; else the first number in the
+// marker, 0 without a marker, -1 if the marker cannot be read or holds no number.
 int getFatalError();

