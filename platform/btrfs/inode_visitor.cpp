@@ -212,7 +212,7 @@ int InodeVisitor::noteChange(uint64_t ino, const InodeItem &active, const InodeI
 }
 
 int InodeVisitor::noteLost(uint64_t ino, const InodeItem &snapshot) {
-  if (S_ISDIR(snapshot.mode)) return 0;
+  if (S_ISDIR(snapshot.mode) || changes.lostFull()) return 0;
   const int clone = hasXattr(snapshot_.inodes, ino, kCloneAttribute);
   if (clone == 0)
     changes.addLost(ino, {.lo_size = snapshot.size, .lo_regular = S_ISREG(snapshot.mode)});

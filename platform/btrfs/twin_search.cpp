@@ -134,6 +134,9 @@ void TwinSearch::take(TwinSearch *other) {
   pairs_.insert(pairs_.end(), other->pairs_.begin(), other->pairs_.end());
   open_.insert(open_.end(), other->open_.begin(), other->open_.end());
   survivors_.insert(survivors_.end(), other->survivors_.begin(), other->survivors_.end());
+  other->dependent_ = {};
+  other->pairs_ = other->open_ = {};
+  other->survivors_ = {};
 }
 
 int TwinSearch::searchFamily(const NumberPair &top, Family *family) {

@@ -11,8 +11,8 @@
 
 namespace kest {
 
-// Holds the first kMost noted inodes of each kind, and directories with about as many entries, in about 10 MiB. The
-// walk reads the rest from the trees.
+// Holds the first kMost noted inodes of each kind, and directories with about as many entries, in about
+// 10 MiB. The walk reads the rest from the trees.
 class ChangeNotes {
  public:
   static constexpr size_t kMost = 1 << 16;
@@ -20,9 +20,8 @@ class ChangeNotes {
   bool full() const { return notes_.size() >= kMost; }
   void add(uint64_t ino, const kest_change_t &change) { notes_.push_back({ino, change}); }
   // Notes a file that only the snapshot has.
-  void addLost(uint64_t ino, const kest_lost_t &lost) {
-    if (lost_.size() < kMost) lost_.push_back({ino, lost});
-  }
+  void addLost(uint64_t ino, const kest_lost_t &lost) { lost_.push_back({ino, lost}); }
+  bool lostFull() const { return lost_.size() >= kMost; }
   // Takes over the notes of another object as far as there is room.
   void take(ChangeNotes *other);
   // Call this after the last add() and before the first find().

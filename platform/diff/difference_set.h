@@ -1,5 +1,5 @@
 // Which inodes of a fileset and a snapshot differ, and through which directories a walk reaches them.
-// Holds only numbers, two or three bytes each.
+// Holds only numbers, three or four bytes each.
 #pragma once
 
 #include <cstddef>

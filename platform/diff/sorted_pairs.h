@@ -1,4 +1,4 @@
-// A large sorted set of pairs of numbers, in two or three bytes a pair if the numbers are close
+// A large sorted set of pairs of numbers, in three or four bytes a pair if the numbers are close
 // together.
 #pragma once
 

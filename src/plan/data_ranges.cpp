@@ -141,14 +141,15 @@ Result truncateActive(const ChangedFile &file, int64_t to) {
   return {};
 }
 
-// Sets the size before a worker starts: several workers write ranges of one file, so none of them can
-// do it. Sharing the end of the file also sets the size, without a block that is written only to clear
-// the rest of it. Such a file is therefore cut at the start of the snapshot's last block if it is too
-// long, and left alone if it is too short.
+// Sets the size of a file before a worker starts, because several workers can write ranges of it. If
+// the end of the file can be shared, that also sets the size, and no block is written only to clear its
+// rest. Such a file is cut at the start of the snapshot's last block if it is too long, and left alone
+// if it is too short. One record alone then reaches beyond the present size: ranges that touch each
+// other are merged, and a range that can be shared is not cut into frames.
 Result setSize(const ChangedFile &file, bool shares_end, int64_t *size_now) {
-  const int64_t last_block = file.snap_size % kBlock;
-  if (file.snap_size > file.active_size ? shares_end : file.snap_size == file.active_size) return {};
-  *size_now = shares_end ? file.snap_size - last_block : file.snap_size;
+  if (file.snap_size == file.active_size) return {};
+  if (shares_end && file.snap_size > file.active_size) return {};
+  *size_now = shares_end ? file.snap_size - file.snap_size % kBlock : file.snap_size;
   return truncateActive(file, *size_now);
 }
 

@@ -489,9 +489,10 @@ Result walkTrees(MasterLists &lists) {
 }  // namespace
 
 Result walkNames(MasterLists &lists) {
+  struct Ender {
+    ~Ender() { truncations.reset(); }
+  } ender;
   truncations = std::make_unique<Truncations>();
-  Result result = walkTrees(lists);
-  if (result) result = settleTruncations();
-  truncations.reset();
-  return result;
+  const Result walked = walkTrees(lists);
+  return walked ? settleTruncations() : walked;
 }

@@ -142,10 +142,9 @@ Result DeletedFile::sizeFile() {
 // links that name to it, so nothing has to be made.
 Result DeletedFile::livesElsewhere(bool *lives) {
   *lives = false;
-  // If the clone attributes cannot be read, the file is made as an ordinary one; isClone has recorded a
-  // fatal error, so the run ends with 1.
   bool clone = false;
-  if (!isClone(snap_.get(), &clone) || !clone) return {};
+  if (Result r = isClone(snap_.get(), &clone); !r) return failed(kReadInode, r.err);
+  if (!clone) return {};
   if (snap_.facts.attr.ia_nlink <= 1) return {};
   FileKind kind = kKindOther;
   if (Result r = checkFile(ino_, &kind); !r) return failed(kReadInode, r.err);
@@ -277,6 +276,10 @@ Result restoreSurvivor(const Record &record) {
 
 constexpr int kModificationTime = 2;
 
+bool restoresData(const Record &record) {
+  return record.op.isRange(1);
+}
+
 // A user may have put another object in the place of the file, on which the step then failed.
 bool isFileOfRecord(int fd, const Record &record) {
   struct stat st;
@@ -287,10 +290,6 @@ bool isFileOfRecord(int fd, const Record &record) {
 }
 
 }  // namespace
-
-bool restoresData(const Record &record) {
-  return record.op.isRange(1);
-}
 
 Result restoreDelFile(const Record &record) {
   const Result result = restoreDeleted(record);
@@ -328,8 +327,9 @@ void markUnfinished(const Record &record) {
   traceLog("markUnfinished: path %s, err %d\n", record.path.c_str(), marked.err);
 }
 
-void markIfOthersFailed(const std::vector<Record> &records) {
+void markIfOthersFailed(const Record &record) {
   struct stat st;
-  if (records.empty() || !statWorkFile(workPath(kFatalError), &st)) return;
-  for (const Record &record : records) markUnfinished(record);
+  // A file that is made again has one record.
+  if (record.op.opCode != kOpRestoreDiffFile || !restoresData(record)) return;
+  if (statWorkFile(workPath(kFatalError), &st)) markUnfinished(record);
 }

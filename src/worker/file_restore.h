@@ -1,8 +1,6 @@
 // Makes files again and restores their data. Workers.
 #pragma once
 
-#include <vector>
-
 #include "base/result.h"
 #include "formats/operation.h"
 
@@ -20,10 +18,7 @@ Result restoreDiffFile(const Record &record);
 // run would take it for unchanged.
 void markUnfinished(const Record &record);
 
-// Whether the record restores a range of a file's data.
-bool restoresData(const Record &record);
-
-// Call this for records that succeeded and restore data. Another worker can have failed on a range of
-// the same file and marked it before this worker restored the times. If a fatal error is recorded,
-// marks the files again.
-void markIfOthersFailed(const std::vector<Record> &records);
+// Call this for a record that succeeded. Another worker can have failed on another range of a changed
+// file and marked it before this worker restored the times. If a fatal error is recorded, marks the
+// file again.
+void markIfOthersFailed(const Record &record);

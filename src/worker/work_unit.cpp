@@ -9,7 +9,6 @@
 #include <cstring>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include "base/file_io.h"
 #include "base/unique_fd.h"
@@ -141,15 +140,12 @@ class Checkpoint {
   }
   void done(const Record &record, const std::string &op_string) {
     waiting_ += formatCheckpointLine(record.ino, op_string);
-    if (restoresData(record)) data_records_.push_back(record);
     last_ = record;
   }
   // Writes the collected lines. A record with a line is not performed again, so the file system must
   // hold the result first: kest_settle makes sure of that.
   Result flush() {
     if (waiting_.empty()) return {};
-    markIfOthersFailed(data_records_);
-    data_records_.clear();
     const int64_t begun = nanoseconds();
     Result r = called(kest_settle(handles.activeFsP));
     if (r) r = syncSideLists();
@@ -177,8 +173,7 @@ class Checkpoint {
 
   UniqueFd fd_;
   std::string waiting_;
-  std::vector<Record> data_records_;  // those of `waiting_` that restore data
-  Record last_;                       // the last record whose line waits
+  Record last_;  // the last record whose line waits
   int64_t last_write_ = 0, pause_ = kPause;
 };
 
@@ -206,8 +201,7 @@ Result performLine(std::string_view text, const std::string &list_path, int done
     markUnfinished(record);
     return stopped;
   }
-  // A step that cannot return a failure has recorded an error that could not be written to the marker.
-  if (unsavedFatalError() != 0) return stop(failed(kPerform, unsavedFatalError()));
+  markIfOthersFailed(record);
   checkpoint->done(record, line.opString);
   return {};
 }

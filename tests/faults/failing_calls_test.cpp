@@ -109,10 +109,18 @@ TEST_F(FailingCalls, BlocksThatCannotBeSharedAreCopied) {
     t.big("unchanged between holes", 16384, 1);
     for (const uint64_t at : {0, 8192}) t.punch("unchanged between holes", at, 4096);
     t.sparse("cut in a hole", 65536, {0});
+    t.big("grown", 10000, 3);
+    t.big("grown from less than a block", 100, 4);
+    t.sparse("grown after a hole", 10000, {0});
+    t.sparse("cut before data and holes", 300000, {0, 200000});
   };
   const auto change = [](scenario::TreeBuilder &t) {
     for (const uint64_t at : {0, 8192}) t.pattern("unchanged between holes", at, 4096, 2);
     t.truncate("cut in a hole", 20000);
+    t.pattern("grown", 10000, 5000, 5);
+    t.pattern("grown from less than a block", 100, 5000, 5);
+    t.pattern("grown after a hole", 10000, 5000, 5);
+    t.truncate("cut before data and holes", 6000);
   };
   prepareHistory(build, nullptr, change);
   expectEqual(restoreWith({.call = "kest_ishare", .error = EINVAL, .times = 0}));
