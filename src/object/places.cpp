@@ -1,14 +1,13 @@
 #include "object/places.h"
 
 #include <cerrno>
+#include <utility>
 
 #include "formats/work_names.h"
 #include "object/paths.h"
 #include "run/run_handles.h"
-#include "run/settings.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
-#include "scan/diff_table.h"
 
 namespace {
 
@@ -24,19 +23,16 @@ enum FetchStep : int {
   kOpenFile = 2,
   kWriteFile = 3,
 };
-enum OrigPathStep : int { kOpenRecord = 1, kEmptyRecord = 2 };
 enum RealPathStep : int {
   kReadDestination = 1,   // also for a path in the work directory outside all temporary locations
   kEmptyDestination = 2,  // the destination file is empty
-  kLookUpNewName = 4,
 };
 enum SnapPathStep : int {
   kActiveRoot = 1,  // the root of the fileset is unknown
   kSnapRoot = 2,    // the root of the snapshot is unknown
   kStatCopy = 3,
   kLeaveLocation = 21,
-  kLeaveLocationEmpty = 22,  // of an object with a new name
-  kOldName = 23,             // of an object whose name is new
+  kLeaveLocationEmpty = 22,  // the destination file is empty
   kOutsideRoot = 24,         // the object belongs outside the fileset
 };
 
@@ -96,52 +92,15 @@ Result leaveWorkDir(const char *routine, bool levels, std::string *path) {
   return {};
 }
 
-// While the walks run, the destination file of an object with a new name says where it belongs;
-// *renamed is set for such an object. In later phases the object has been moved, and its path alone
-// says so.
-Result hasNewName(const std::string &path, bool *renamed, uint64_t *ino) {
-  *renamed = false;
-  if (settings.phase >= kPhaseMain || !haveDiffTable()) return {};
-  struct stat st;
-  if (Result r = statPath(path, &st); !r) return r.err == ENOENT || r.err == ENOTDIR ? Result{} : r;
-  const DiffItem *item = findItem(st.st_ino);
-  *ino = st.st_ino;
-  *renamed = item != nullptr && (item->type & kDiffMoved);
-  return {};
-}
-
-// Like readDestination, with trace lines. `path` is only for those. rc of a failure is -1.
-Result getOrigPathBeforeRename(const std::string &path, std::string *result, uint64_t ino) {
-  const Result read = readDestination(ino, result);
-  if (read) {
-    traceLog("getOrigPathBeforeRename: origPath %s\n", result->c_str());
-    return {};
-  }
-  const Result r = failed(read.err == ENODATA ? kEmptyRecord : kOpenRecord, read.err);
-  if (r.code == kEmptyRecord) {
-    traceLog("getOrigPathBeforeRename: invalid origPath\n");
-  } else {
-    const std::string file = destinationFile(ino);
-    traceLog("getOrigPathBeforeRename: cannot open dest file %s\n", file.c_str());
-  }
-  traceLog("getOrigPathBeforeRename: rc %d, path %s, code %d, error %d\n", r.rc, path.c_str(), r.code,
-           r.err);
-  return r;
-}
-
 Result resolveReal(const std::string &path, std::string *result) {
-  if (inWorkDir(path)) {
-    std::string real = path;
-    if (Result r = leaveWorkDir("getRealPath", true, &real); !r) return r;
-    *result = std::move(real);
-    traceLog("getRealPath: realPath %s\n", result->c_str());
+  if (!inWorkDir(path)) {
+    *result = path;
     return {};
   }
-  bool renamed = false;
-  uint64_t ino = 0;
-  if (Result r = hasNewName(path, &renamed, &ino); !r) return failed(kLookUpNewName, r.err);
-  if (renamed) return getOrigPathBeforeRename(path, result, ino).at(kLookUpNewName);
-  *result = path;
+  std::string real = path;
+  if (Result r = leaveWorkDir("getRealPath", true, &real); !r) return r;
+  *result = std::move(real);
+  traceLog("getRealPath: realPath %s\n", result->c_str());
   return {};
 }
 
@@ -149,18 +108,12 @@ Result resolveReal(const std::string &path, std::string *result) {
 // itself.
 Result placeOf(const std::string &path, std::string *real, uint64_t *moved_ino) {
   *real = path;
-  if (inWorkDir(path)) {
-    TempPlace place;
-    if (parseTempPlace(nameInWorkDir(path), &place) && place.inside.empty()) *moved_ino = place.ino;
-    const Result left = leaveWorkDir("getSnapPath", false, real);
-    if (left) return {};
-    return failed(left.code == kEmptyDestination ? kLeaveLocationEmpty : kLeaveLocation, left.err);
-  }
-  bool renamed = false;
-  uint64_t ino = 0;
-  Result known = hasNewName(path, &renamed, &ino);
-  if (renamed) known = getOrigPathBeforeRename(path, real, ino);
-  return known ? Result{} : failed(kOldName, known.err);
+  if (!inWorkDir(path)) return {};
+  TempPlace place;
+  if (parseTempPlace(nameInWorkDir(path), &place) && place.inside.empty()) *moved_ino = place.ino;
+  const Result left = leaveWorkDir("getSnapPath", false, real);
+  if (left) return {};
+  return failed(left.code == kEmptyDestination ? kLeaveLocationEmpty : kLeaveLocation, left.err);
 }
 
 Result resolveCopy(const std::string &path, SnapPlace *place) {

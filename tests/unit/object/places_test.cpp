@@ -1,6 +1,5 @@
 #include "object/places.h"
 
-#include "scan/diff_table.h"
 #include "unit/support/real_fileset.h"
 
 namespace {
@@ -27,13 +26,6 @@ TEST_F(SnapPath, OfRenamedAndWaitingObjects) {
   EXPECT_EQ(inSnapshot(tempLocation(dir)), dir);
   EXPECT_EQ(inSnapshot(tempLocation(dir) + "/a"), below);
   EXPECT_EQ(inSnapshot(tempLocation(dir) + "/b"), 0);
-  // While the walks run, a new name stands for the old one; later the object has been moved.
-  ASSERT_TRUE(allocDiffTable());
-  ASSERT_TRUE(addItem(dir, kDiffChanged | kDiffMoved));
-  EXPECT_EQ(inSnapshot(active("new")), dir);
-  settings.phase = kPhaseMain;
-  EXPECT_EQ(inSnapshot(active("new")), 0);
-  freeDiffTable();
 }
 
 }  // namespace
