@@ -89,9 +89,10 @@ Result runWithRetries(const EngineRun &run) {
       fprintf(stderr, "fork: %s\n", strerror(started.err));
       return failedErrno(kRunEngine, started.err);
     }
+    const Result recorded = recordedError();
     // On a full file system a worker cannot write the marker, so its exit status is the only sign of
     // the failure.
-    if (getFatalError() != 0 || status == ENOSPC || retries == kMaxRetries)
+    if (!recorded || status == ENOSPC || retries == kMaxRetries)
       return commandFailed(kRunEngine, status);
     // A killed engine has left its parts on the other nodes. They would work beside those of the retry.
     // (The marker is that of the master's engine; nested runs stay on their node.)

@@ -51,12 +51,6 @@ Result prepareTable(const char *argv0, uint64_t item_limit) {
   return result;
 }
 
-// Returns the error that a worker has recorded, as a failure. rc is the number in the marker.
-Result recordedError() {
-  const int number = getFatalError();
-  return {.rc = number, .err = number < 0 ? EIO : number};
-}
-
 Result constructLists(MasterLists &lists) {
   userMessage(Message::kConstruct, formatTimeStamp());
   if (Result r = lists.openForPass(); !r) return r;

@@ -69,12 +69,12 @@ Result compareGroups(const kest_group_t *groups, size_t count) {
   if (Result r = scanRun(&run); !r) return r;
   const Result result = executePolicy(run);
   if (result || stopSignal() != 0) return result;
-  const int cause = getFatalError();
-  if (isFull(cause) || result.full()) {
+  const Result recorded = recordedError();
+  if (recorded.full() || result.full()) {
     (void)unlinkWorkFile(workPath(kFatalError));
     return errnoResult(ENOSPC);
   }
-  return errnoResult(cause > 0 ? cause : EIO);
+  return errnoResult(recorded ? EIO : recorded.err);
 }
 
 int compare(void *, const kest_group_t *groups, size_t count) {

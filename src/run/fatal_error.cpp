@@ -34,25 +34,24 @@ Result writeMarker(const std::string &path, int code) {
 
 void setFatalError(int code) {
   flushTraceLines();
-  if (code == 0) code = EIO;
   if (!writeMarker(workPath(kFatalError), code)) unsaved = code;
 }
 
-int getFatalError() {
-  if (unsaved != 0) return unsaved;
+Result recordedError() {
+  if (unsaved != 0) return errnoResult(unsaved);
   const std::string path = workPath(kFatalError);
   std::string text;
   const Result read = path.empty() ? Result{} : readWholeFile(path, &text);
   if (path.empty() || read.err == ENOENT) {
     traceLog("Doesn't find fatal error\n");
-    return 0;
+    return {};
   }
   // An unreadable marker still means that a worker failed, so it never counts as "no error".
   if (!read) {
     traceLog("!!Get fatal error, err %d\n", 0);
-    return -1;
+    return failed(0, EIO);
   }
   const int number = atoi(text.substr(0, std::min(text.find('\n'), size_t{15})).c_str());
   traceLog("!!Get fatal error, err %d\n", number);
-  return number == 0 ? -1 : number;
+  return number > 0 ? errnoResult(number) : failed(0, EIO);
 }

@@ -1,12 +1,14 @@
 // The fatal-error marker. Workers record an error that must stop the whole run; the master reads it.
 #pragma once
 
-#include <cstdint>
+#include "base/result.h"
 
-// Appends `code` as a line to the marker. If that fails, traces it and keeps the code for
-// getFatalError. Records 0 as EIO, because a failed batch must never look like a success.
+// Appends the errno `code`, which is not 0, as a line to the marker. If that fails, traces it and keeps
+// the code for recordedError. Workers.
 void setFatalError(int code);
 
-// Returns the code that this process could not write to the marker; else the first number in the
-// marker, 0 without a marker, -1 if the marker cannot be read or holds no number.
-int getFatalError();
+// Returns the recorded error as a failure, and success without one. The error is the one that this
+// process could not write to the marker, else the first in the marker; it is cause and rc. If the
+// marker cannot be read or holds no number, the cause is EIO and rc -1. Master and workers with nested
+// runs.
+Result recordedError();

@@ -115,10 +115,10 @@ Result performListHere(const std::string &list_path) {
 
 // Ends the batch. Neither the exit status nor the marker may be 0.
 Result stop(const Result &failure) {
-  const int err = failure.err != 0 ? failure.err : 1;
-  traceLog("doWorkUnit: rc %d, code %d, error %d\n", failure.rc, failure.code, err);
-  setFatalError(err);
-  return {err, failure.code, err};
+  const Result ended = failedErrno(failure.code, failure.err);
+  traceLog("doWorkUnit: rc %d, code %d, error %d\n", failure.rc, ended.code, ended.err);
+  setFatalError(ended.err);
+  return ended;
 }
 
 // Writes a worker's checkpoint file. It names the records that are done, and a run that repeats the

@@ -42,25 +42,25 @@ TEST_F(Files, TraceLinesCarryTheirPrefix) {
 }
 
 TEST_F(Files, FatalErrorMarker) {
-  EXPECT_EQ(getFatalError(), 0);
+  EXPECT_TRUE(recordedError());
   setFatalError(28);
   setFatalError(5);
   EXPECT_EQ(get(kFatalError), "28\n5\n");
-  EXPECT_EQ(getFatalError(), 28);
+  EXPECT_EQ(recordedError().rc, 28);
+  EXPECT_TRUE(recordedError().full());
   for (const char *text : {"0\n", "abc\n", "", "\n7\n"}) {
     put(kFatalError, text);
-    EXPECT_EQ(getFatalError(), -1) << text;
+    EXPECT_FALSE(recordedError()) << text;
+    EXPECT_EQ(recordedError().err, EIO) << text;
   }
   std::filesystem::remove(at(kFatalError));
   std::filesystem::create_directory(at(kFatalError));
-  EXPECT_EQ(getFatalError(), -1) << "a marker that cannot be read";
+  EXPECT_EQ(recordedError().err, EIO) << "a marker that cannot be read";
   std::filesystem::remove(at(kFatalError));
-  setFatalError(0);
-  EXPECT_EQ(getFatalError(), EIO);
   settings.shareDir += "/gone";
   setFatalError(1);
   settings.shareDir = area_;
-  EXPECT_EQ(getFatalError(), 1) << "the marker could not be written";
+  EXPECT_EQ(recordedError().err, 1) << "the marker could not be written";
 }
 
 TEST_F(Files, ListFilesKeepWholeRecords) {
