@@ -110,16 +110,18 @@ Result checkFileLimit() {
 
 }  // namespace
 
-bool prepareLimits() {
+Result prepareLimits() {
   signal(SIGXFSZ, SIG_IGN);
   rlimit stack;
-  if (getrlimit(RLIMIT_STACK, &stack) != 0 || stack.rlim_cur >= kLeastStack) return true;
+  if (getrlimit(RLIMIT_STACK, &stack) != 0 || stack.rlim_cur >= kLeastStack) return {};
   rlimit wanted = stack;
   wanted.rlim_cur = kLeastStack;
-  if (stack.rlim_max >= kLeastStack && setrlimit(RLIMIT_STACK, &wanted) == 0) return true;
+  const Result raised =
+      stack.rlim_max < kLeastStack ? errnoResult(EPERM) : called(setrlimit(RLIMIT_STACK, &wanted));
+  if (raised) return {};
   userMessage(Message::kSmallStack, static_cast<int64_t>(stack.rlim_max) / kKiB,
               static_cast<int64_t>(kLeastStack) / kKiB);
-  return false;
+  return raised;
 }
 
 Result checkRights() {
