@@ -70,20 +70,22 @@ bool Truncations::add(Step step) {
   return room;
 }
 
-// Opens the fileset once more, and fails if its name leads to another fileset by now.
-int Truncations::openFileset() {
+// Opens the fileset once more. rc of a failure is the errno; ESTALE: its name leads to another fileset
+// by now.
+Result Truncations::openFileset() {
   fileset_ =
       kest_get_fset_snaphandle_by_name(settings.deviceP.c_str(), settings.filesetP.c_str(), nullptr);
+  if (fileset_ == nullptr) return failedErrno(0);
   kest_snapid_t here = 0, main = 0;
-  if (fileset_ == nullptr || kest_get_fssnapid_from_fssnaphandle(fileset_, &here) != 0 ||
-      kest_get_fssnapid_from_fssnaphandle(handles.activeFsP, &main) != 0)
-    return -1;
-  return here == main ? kest_anchor(fileset_, settings.shareDir.c_str(), workDirectoryDescriptor())
-                      : -1;
+  if (Result r = called(kest_get_fssnapid_from_fssnaphandle(fileset_, &here)); !r) return r;
+  if (Result r = called(kest_get_fssnapid_from_fssnaphandle(handles.activeFsP, &main)); !r) return r;
+  if (here != main) return errnoResult(ESTALE);
+  return called(kest_anchor(fileset_, settings.shareDir.c_str(), workDirectoryDescriptor()));
 }
 
 void Truncations::work() {
-  const bool good = openFileset() == 0;
+  // After a failure the steps stay untried, and settle() performs them.
+  const Result opened = openFileset();
   std::unique_lock lock(mutex_);
   for (;;) {
     changed_.wait(lock, [this] { return ending_ || !waiting_.empty(); });
@@ -92,8 +94,11 @@ void Truncations::work() {
     waiting_.pop_front();
     working_ = true;
     lock.unlock();
-    const bool done = good && kest_truncate(fileset_, step.path.c_str(), step.size, step.ino) == 0;
-    step.err = done || !good ? 0 : errno;
+    Result done = opened;
+    if (opened) {
+      done = called(kest_truncate(fileset_, step.path.c_str(), step.size, step.ino));
+      step.err = done.err;
+    }
     lock.lock();
     if (!done) failed_.push_back(std::move(step));
     working_ = false;

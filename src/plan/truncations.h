@@ -25,7 +25,7 @@ class Truncations {
     std::string path;  // in the fileset
     uint64_t ino = 0;
     int64_t size = 0;  // bytes that the file gets
-    int err = 0;       // errno of a failed attempt
+    int err = 0;       // errno of a failed attempt; 0: not tried yet
   };
   // Hands a step to the thread. Returns false if so many wait or have failed that settle() has to be
   // called. Steps that wait when the object ends are not done.
@@ -36,7 +36,7 @@ class Truncations {
   Result settle();
 
  private:
-  int openFileset();
+  Result openFileset();
   void work();
 
   std::mutex mutex_;
