@@ -10,14 +10,14 @@
 
 namespace {
 
-// Gives the next entry, or null at the end. Returns 0, or -1 and errno.
-using Next = std::function<int(const kest_direntx64_t **entry)>;
+// Gives the next entry, or null at the end. rc of a failure is the errno.
+using Next = std::function<Result(const kest_direntx64_t **entry)>;
 
 // Reads entries until `next` gives none.
 Result addAll(const Next &next, bool from_snapshot, EntryPairs *pairs) {
   for (;;) {
     const kest_direntx64_t *entry = nullptr;
-    if (Result r = called(next(&entry)); !r || !entry) return r;
+    if (Result r = next(&entry); !r || !entry) return r;
     const std::string_view name = entry->d_name;
     if (name == "." || name == "..") continue;
     const bool snapshot = from_snapshot || (entry->d_type & KEST_DT_SNAP) != 0;
@@ -38,7 +38,9 @@ Result addAll(const Next &next, bool from_snapshot, EntryPairs *pairs) {
 Result addListing(kest_fssnap_handle_t *tree, uint64_t ino, EntryPairs *pairs) {
   Inode dir;
   if (Result r = openInode(tree, ino, &dir); !r) return r;
-  const auto next = [&](const kest_direntx64_t **entry) { return kest_ireaddir64(dir.get(), entry); };
+  const auto next = [&](const kest_direntx64_t **entry) {
+    return called(kest_ireaddir64(dir.get(), entry));
+  };
   return addAll(next, tree == handles.oldFsP, pairs);
 }
 
@@ -46,7 +48,7 @@ Result addChangedEntries(uint64_t ino, EntryPairs *pairs) {
   Inode dir;
   if (Result r = openInode(handles.activeFsP, ino, &dir); !r) return r;
   const auto next = [&](const kest_direntx64_t **entry) {
-    return kest_ireaddirx64(dir.get(), handles.iscanP, entry);
+    return called(kest_ireaddirx64(dir.get(), handles.iscanP, entry));
   };
   return addAll(next, false, pairs);
 }
@@ -55,7 +57,7 @@ Result addCommonEntries(uint64_t ino, EntryPairs *pairs) {
   Inode dir;
   if (Result r = openInode(handles.activeFsP, ino, &dir); !r) return r;
   const auto next = [&](const kest_direntx64_t **entry) {
-    return kest_ireaddirc64(dir.get(), handles.iscanP, entry);
+    return called(kest_ireaddirc64(dir.get(), handles.iscanP, entry));
   };
   EntryPairs leading;
   const Result result = addAll(next, false, &leading);
