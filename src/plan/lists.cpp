@@ -16,13 +16,19 @@
 namespace {
 
 // Step codes of ListRecord. A list that cannot be opened has none.
-enum ListStep : int { kRecordDestination = 1, kWriteRecord = 2, kWriteMove = 52 };
+enum ListStep : int {
+  kRecordDestination = 1,
+  kWriteRecord = 2,
+  kWriteMove = 52,
+  kWriteCopy = 211,  // a record of opList.copy
+};
 
 enum SetListStep : int {
   kOpenSetList = 1,
   kWriteSetRecord = 2,
   kOpenSetMoves = 51,
-  kWriteSetMove = 52
+  kWriteSetMove = 52,
+  kWriteSetCopy = 151,  // a record of opList.copy
 };
 
 // kOpenedRegMoves is no failure: it marks the trace line of the first record.
@@ -34,8 +40,7 @@ enum DirMoveStep : int { kOpenDirMoves = 1, kWriteDirMove = 2 };
 constexpr char kOpListLabel[] = "opList", kCopyListLabel[] = "cpList", kRegMovesLabel[] = "regMv",
                kDirMovesLabel[] = "dirMv";
 
-// The second field is the code for an op 1 record that cannot be written.
-constexpr RangeWriter kMainWriter{"ListRecord", 211}, kSetWriter{"DirListRecord", 151};
+constexpr RangeWriter kMainWriter{"ListRecord", kWriteCopy}, kSetWriter{"DirListRecord", kWriteSetCopy};
 
 // Opens a list for the master and prints a message after a failure.
 Result openMainList(const char *name, WorkFile::Mode mode, std::unique_ptr<WorkFile> *list) {
