@@ -7,6 +7,7 @@ namespace {
 constexpr std::string_view kWorkDirStart = "RestoreTemp";
 constexpr std::string_view kDeletedSetStart = "DelDir_", kNewSetStart = "NewDir_";
 constexpr std::string_view kBucketStart = "MOVE_";
+constexpr char kAsideStart = '_';
 constexpr std::string_view kNewParentEnd = ".clone.newParent";
 constexpr std::string_view kMoveListEnd = ".move";
 constexpr std::string_view kCloneListStart = "clone.";
@@ -84,10 +85,10 @@ std::string bucketName(uint64_t ino) {
   return std::string(kBucketStart) + number(ino & kBucketMask);
 }
 std::string tempLocationName(uint64_t ino) {
-  return inBucket(ino, "_" + number(ino));
+  return inBucket(ino, kAsideStart + number(ino));
 }
 std::string cloneDeleteLocationName(uint64_t ino) {
-  return inBucket(ino, "_" + number(ino) + ".delclone");
+  return tempLocationName(ino) + ".delclone";
 }
 std::string destinationName(uint64_t ino) {
   return inBucket(ino, number(ino) + "_");
@@ -106,8 +107,12 @@ bool isBucketName(std::string_view name) {
   return name.starts_with(kBucketStart);
 }
 
+bool isAsideName(std::string_view name) {
+  return name.starts_with(kAsideStart);
+}
+
 std::optional<uint64_t> parseAsideName(std::string_view name) {
-  if (!name.starts_with('_')) return std::nullopt;
+  if (!isAsideName(name)) return std::nullopt;
   name.remove_prefix(1);
   return takeNumber<uint64_t>(name);
 }
@@ -132,6 +137,9 @@ bool parseTempPlace(std::string_view path, TempPlace *place) {
 
 std::string dirSetName(uint64_t ino, bool deleted) {
   return std::string(deleted ? kDeletedSetStart : kNewSetStart) + number(ino);
+}
+std::string dirSetPolicyName(const std::string &set) {
+  return set + "/" + kPolicy;
 }
 bool isDirSetName(std::string_view name) {
   return name.starts_with(kDeletedSetStart) || name.starts_with(kNewSetStart);

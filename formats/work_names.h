@@ -80,6 +80,9 @@ std::string filesetLocationName(uint64_t id);     // MOVE_<n>/_<id>.fileset
 std::string filesetDestinationName(uint64_t id);  // MOVE_<n>/<id>_.fileset
 
 bool isBucketName(std::string_view name);
+// Returns true if the name in a bucket begins like that of a temporary location, perhaps without a
+// number.
+bool isAsideName(std::string_view name);
 // Parses the inode number in the name of an object in a bucket: "_<ino>", perhaps followed by more.
 std::optional<uint64_t> parseAsideName(std::string_view name);
 // Parses the inode number of "<ino>.clone.newParent".
@@ -98,6 +101,7 @@ bool parseTempPlace(std::string_view path, TempPlace *place);
 std::string dirSetName(uint64_t ino, bool deleted);
 std::string dirSetListName(uint64_t ino, bool deleted, int depth);      // <set>/<depth>
 std::string dirSetMoveListName(uint64_t ino, bool deleted, int depth);  // <set>/<depth>.move
+std::string dirSetPolicyName(const std::string &set);                   // <set>/policy
 bool isDirSetName(std::string_view name);
 // Parses the depth from the name of a list or move list in a set.
 std::optional<int> parseDirSetList(std::string_view name);

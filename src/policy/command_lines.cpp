@@ -117,7 +117,7 @@ Result scanRun(EngineRun *run) {
 }
 
 Result nestedRun(const std::string &set, const std::string &list, EngineRun *run) {
-  const std::string policy = set + "/" + kPolicy;
+  const std::string policy = dirSetPolicyName(set);
   const std::string prefix =
       std::string(kEngine) + " " + shellWord(settings.deviceP) + " -P " + shellWord(policy);
   *run = {prefix + " -g " + shellWord(set) + " -r " + shellWord(list) + " -m 32 -N " +

@@ -110,6 +110,6 @@ Result restoreDelNewDir(uint64_t ino, bool isDelDir, const ListRunner &here) {
     return result;
   }
   // The policy exists only if a list of the set went through the engine.
-  (void)unlinkWorkFile(set + "/" + kPolicy);
+  (void)unlinkWorkFile(dirSetPolicyName(set));
   return {};
 }

@@ -57,7 +57,7 @@ bool liesInBucket(const std::string &dir_path) {
 // number, except the link that a directory left when it went home. A user's link that was moved aside
 // is recognised by its inode number.
 bool isMovedObject(const std::string &dir_path, std::string_view name, const struct stat &st) {
-  if (!name.starts_with('_') || !liesInBucket(dir_path)) return false;
+  if (!isAsideName(name) || !liesInBucket(dir_path)) return false;
   return !S_ISLNK(st.st_mode) || parseAsideName(name) == st.st_ino;
 }
 
