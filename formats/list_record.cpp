@@ -6,13 +6,14 @@
 #include <cerrno>
 #include <charconv>
 #include <cinttypes>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
 namespace {
 
-constexpr size_t kPathMost = 4095;  // bytes
+constexpr size_t kPathMost = PATH_MAX - 1;  // 4095 bytes; PATH_MAX counts the terminator
 constexpr size_t kTextMost = 4095;
 
 // Parses a record from left to right. `problem` tells what is wrong, and where.

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr size_t kNameMax = 1023;  // most characters of a node list and of a work directory path
+constexpr size_t kNodeListMost = 1023;  // characters
 
 int32_t number(const char *text) {
   return static_cast<int32_t>(strtol(text, nullptr, 10));
@@ -85,7 +85,7 @@ bool applyOption(int option, const char *value) {
       settings.threads = number(value);
       break;
     case 'N':
-      if (strlen(value) > kNameMax) return false;
+      if (strlen(value) > kNodeListMost) return false;
       settings.nodeSpec = value;
       break;
     case 'M':
@@ -109,7 +109,7 @@ bool applyOption(int option, const char *value) {
       settings.deviceP = value;
       break;
     case 't':
-      if (strlen(value) > kNameMax) return false;
+      if (strlen(value) > kWorkDirPathMost) return false;
       settings.shareDir = value;
       break;
     case 'p':

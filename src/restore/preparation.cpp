@@ -24,7 +24,6 @@
 
 namespace {
 
-constexpr size_t kShareDirMax = 1023;     // characters; workers accept no longer path
 constexpr int kOtherNumbers = 100000;     // how many left-over work directories are skipped
 constexpr mode_t kWorkDirTopMode = 0700;  // others must not read objects that wait in it
 
@@ -69,7 +68,7 @@ Result makeTopDirectory() {
   const int pid = static_cast<int>(getpid());
   for (int number = pid; number < pid + kOtherNumbers; ++number) {
     std::string path = handles.rootPath;
-    if (!appendPath(path, workDirName(number)) || path.size() > kShareDirMax)
+    if (!appendPath(path, workDirName(number)) || path.size() > kWorkDirPathMost)
       return errnoResult(ENAMETOOLONG);
     const Result made = called(kest_mkdir(handles.activeFsP, path.c_str(), kWorkDirTopMode));
     if (made) {

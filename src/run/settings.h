@@ -2,6 +2,7 @@
 // names are those of the trace log and of the options that workers get.
 #pragma once
 
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -49,5 +50,6 @@ struct Settings {
 
 inline Settings settings;
 
-constexpr size_t kPathMax = 4096;  // a path is shorter than this, in bytes
-constexpr int64_t kBlock = 4096;   // bytes; holes and shared ranges consist of whole blocks
+constexpr size_t kPathMax = PATH_MAX;      // 4096; a path is shorter than this, in bytes
+constexpr size_t kWorkDirPathMost = 1023;  // bytes; workers accept no longer path of a work directory
+constexpr int64_t kBlock = 4096;           // bytes; holes and shared ranges consist of whole blocks
