@@ -3,12 +3,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <string>
 
 #include "base/file_io.h"
+#include "formats/error_marker.h"
 #include "run/trace_log.h"
 #include "run/work_dir.h"
 #include "run/work_file.h"
@@ -24,7 +23,7 @@ Result writeMarker(const std::string &path, int code) {
     traceLog("!!Cannot create fatal error file %s\n", path.c_str());
     return r;
   }
-  Result written = writeAll(fd.get(), std::to_string(code) + "\n");
+  Result written = writeAll(fd.get(), formatErrorLine(code));
   if (close(fd.release()) != 0 && written) written = failedErrno(0);
   if (!written) traceLog("!!Cannot write fatal error file %s\n", path.c_str());
   return written;
@@ -51,7 +50,8 @@ Result recordedError() {
     traceLog("!!Get fatal error, err %d\n", 0);
     return failed(0, EIO);
   }
-  const int number = atoi(text.substr(0, std::min(text.find('\n'), size_t{15})).c_str());
+  int number = 0;
+  const bool parsed = parseErrorMarker(text, &number);
   traceLog("!!Get fatal error, err %d\n", number);
-  return number > 0 ? errnoResult(number) : failed(0, EIO);
+  return parsed ? errnoResult(number) : failed(0, EIO);
 }

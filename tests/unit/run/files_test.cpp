@@ -48,7 +48,7 @@ TEST_F(Files, FatalErrorMarker) {
   EXPECT_EQ(get(kFatalError), "28\n5\n");
   EXPECT_EQ(recordedError().rc, 28);
   EXPECT_TRUE(recordedError().full());
-  for (const char *text : {"0\n", "abc\n", "", "\n7\n"}) {
+  for (const char *text : {"0\n", "-5\n", "abc\n", "", "\n7\n", "99999999999\n"}) {
     put(kFatalError, text);
     EXPECT_FALSE(recordedError()) << text;
     EXPECT_EQ(recordedError().err, EIO) << text;
