@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <map>
 #include <memory>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "base/unique_fd.h"
+#include "formats/new_parent_line.h"
 #include "messages/messages.h"
 #include "object/paths.h"
 #include "object/places.h"
@@ -238,7 +238,7 @@ Result appendParent(const std::string &path, uint64_t ino, uint64_t now) {
           openBucketFile("recordCloneParentIno", file, WorkFile::Mode::kShared, path, ino, &stream);
       !r)
     return r;
-  const Result written = stream->append(std::to_string(now) + "\n");
+  const Result written = stream->append(formatNewParentLine(now));
   return firstFailure(written, closeWorkFile(stream, file));
 }
 
@@ -247,21 +247,6 @@ Result traceUnrecorded(const std::string &path, uint64_t ino, const Result &r) {
     traceLog("recordCloneParentIno: path %s, ino %lld\n", path.c_str(), static_cast<long long>(ino));
   }
   return r;
-}
-
-// Takes the last number from the lines of `text` and cuts the text off before it. Returns false if
-// there is none.
-bool takeLastNumber(std::string_view *text, uint64_t *number) {
-  // A line without a newline is incomplete: its writer died.
-  for (size_t end = text->rfind('\n'); end != std::string_view::npos; end = text->rfind('\n')) {
-    *text = text->substr(0, end);
-    const size_t start = text->rfind('\n');
-    const std::string_view line = start == std::string_view::npos ? *text : text->substr(start + 1);
-    const char *const line_end = line.data() + line.size();
-    const auto [stop, error] = std::from_chars(line.data(), line_end, *number);
-    if (error == std::errc() && stop == line_end) return true;
-  }
-  return false;
 }
 
 }  // namespace
@@ -290,7 +275,7 @@ Result readNewParent(uint64_t ino, uint64_t *now) {
   std::string text;
   if (Result r = readWholeFile(newParentFile(ino), &text); !r) return r.err == ENOENT ? Result{} : r;
   std::string_view rest = text;
-  for (uint64_t number = 0; takeLastNumber(&rest, &number);) {
+  for (uint64_t number = 0; takeLastNewParent(&rest, &number);) {
     bool living = false;
     if (Result r = isLivingParent(number, &living); !r) return r;
     if (!living) continue;

@@ -8,6 +8,7 @@
 #include "formats/batch_line.h"
 #include "formats/checkpoint.h"
 #include "formats/list_record.h"
+#include "formats/new_parent_line.h"
 #include "formats/policy_text.h"
 #include "formats/shell_words.h"
 #include "formats/work_names.h"
@@ -124,6 +125,18 @@ TEST(Lines, DamageIsNoticed) {
   std::string_view text;
   for (const char *bad : {"", "\n", "1f\n", "1f \n", "xyz 7,0,0,0,0\n", "1f7,0,0,0,0\n"})
     EXPECT_FALSE(parseCheckpointLine(bad, &ino, &text)) << bad;
+}
+
+TEST(NewParentLine, LastWholeLinesAreTakenFirst) {
+  const std::string text = formatNewParentLine(257) + "x\n\n" + formatNewParentLine(~uint64_t{0}) +
+                           "12 \n99999999999999999999\n300";
+  std::string_view rest = text;
+  uint64_t ino = 0;
+  ASSERT_TRUE(takeLastNewParent(&rest, &ino));
+  EXPECT_EQ(ino, ~uint64_t{0});
+  ASSERT_TRUE(takeLastNewParent(&rest, &ino));
+  EXPECT_EQ(ino, 257);
+  EXPECT_FALSE(takeLastNewParent(&rest, &ino));
 }
 
 TEST(BatchLine, PathsAreDecoded) {
