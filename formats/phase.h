@@ -8,7 +8,7 @@ enum Phase : int32_t {
   kPhaseMain = 3,          // opList, opList.move, per-directory lists
   kPhaseMoveBack = 4,      // regMoveList
   kPhasePending = 5,       // regPendingMvList
-  kPhaseDirs = 6,          // dir.new, final directory move
+  kPhaseDirs = 6,          // dir.last, final directory move
   kPhaseClones = 7,        // clone.<d>
   kPhaseLinks = 8,         // link.ino
   kPhaseScan = 9,          // scan.list; before all others

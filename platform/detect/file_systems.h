@@ -16,12 +16,14 @@ namespace kest {
 // is none of the known ones; or the -errno of the access to it.
 int openFileSystem(const std::string &device, std::unique_ptr<FileSystem> *fs);
 
-// Opens the tree in which the directory `path` lies, with that directory as root. 0; -ENOTTY: it lies
-// in none of the known file systems; or -errno.
+// Opens the btrfs subvolume in which the directory `path` lies, with that directory as root. 0; -ENOTTY:
+// it lies in another file system; or -errno.
 int openTreeAt(const std::string &path, std::unique_ptr<Tree> *tree);
 
 // For calls without a fileset: openDirectory opens the directory `path`, which the kernel resolves (0
-// or -errno), and inodeBehind wraps a descriptor of any kind, which the caller still owns.
+// or -errno), and inodeBehind wraps a descriptor of any kind, which the caller still owns. Both return
+// the classes of btrfs, whatever file system it is: for these calls they only make system calls on a
+// descriptor, which fail where the file system lacks what is asked for.
 int openDirectory(std::string_view path, std::unique_ptr<Directory> *dir);
 std::unique_ptr<Inode> inodeBehind(int fd);
 

@@ -25,7 +25,7 @@ namespace {
 
 constexpr std::chrono::seconds kRateWindow{10};
 
-// The lists in the order in which a run performs them. docs/formats.md describes the phases.
+// The lists in the order in which a run performs them. ARCHITECTURE.md describes the phases.
 enum Rank { kUnknown = -1, kMain, kCloneDelete, kMoveBack, kPending, kCreate, kClones, kLinks, kDirs };
 
 int rankOfPhase(int phase) {
@@ -104,23 +104,24 @@ int optionValue(const std::vector<std::string> &words, const char *option) {
 
 }  // namespace
 
-// Finds the youngest work directory that belongs to root: those that interrupted runs left are older.
-// btrfs never reuses inode numbers of a subvolume, so the largest number is the youngest.
+// Finds the work directory of root that was changed last: a run keeps changing its own, but not those
+// that interrupted runs have left.
 bool RunWatch::findDirectory() {
-  ino_t youngest = 0;
+  std::pair<time_t, long> latest;
   for (const std::string &name : namesIn(root_, ".")) {
     const std::optional<int> number = parseWorkDirName(name);
     if (!number) continue;
     UniqueFd dir(openat(root_, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat status;
     if (!dir || fstat(dir.get(), &status) != 0) continue;
-    if (status.st_uid != 0 || (status.st_mode & 0022) != 0 || status.st_ino < youngest) continue;
-    youngest = status.st_ino;
+    const std::pair<time_t, long> changed{status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+    if (status.st_uid != 0 || (status.st_mode & 0022) != 0 || (dir_ && changed < latest)) continue;
+    latest = changed;
     dir_ = std::move(dir);
     name_ = name;
     number_ = *number;
   }
-  return youngest != 0;
+  return static_cast<bool>(dir_);
 }
 
 // Every engine run of the master writes a policy file here, whose worker options name phase and pass.

@@ -19,7 +19,7 @@ namespace front {
 struct Progress {
   std::string work_directory;  // its name in the fileset's root
   pid_t pid = 0;               // process ID of the restore
-  int phase = 0;               // see docs/formats.md; 0: it reads the trees and writes lists
+  int phase = 0;               // see ARCHITECTURE.md; 0: it reads the trees and writes lists
   int pass = 0;
   uint64_t done = 0, total = 0;  // records; `total` grows in phase 0
   double per_second = 0;         // over the last seconds; 0 at first

@@ -104,6 +104,7 @@ class CommonWalk {
 
  private:
   Result walkMovedDir(uint64_t ino);
+  Result lookAtMovedDir(const std::string &waiting, uint64_t ino, bool *there);
   Result readBoth(CommonDir &dir);
   void tracePassedOver();
 
@@ -181,17 +182,29 @@ Result CommonWalk::walkMovedDirs() {
 
 Result CommonWalk::walkMovedDir(uint64_t ino) {
   const std::string waiting = tempLocation(ino);
+  bool there = false;
+  Result r = lookAtMovedDir(waiting, ino, &there);
+  if (!r) {
+    traceLog("traverseCommonDir: path %s, ino %lld, rc %d, code %d, error %d\n", waiting.c_str(),
+             number(ino), r.rc, r.code, r.err);
+    return failedAt(waiting, r);
+  }
+  return there ? traverseCommonDir(waiting, ino) : Result{};
+}
+
+// *there: the directory waits at its temporary location. Lists it if it has changed itself.
+Result CommonWalk::lookAtMovedDir(const std::string &waiting, uint64_t ino, bool *there) {
   FileKind kind = kKindSame;
-  if (Result r = checkFile(ino, &kind); !r) return r;
+  if (Result r = checkFile(ino, &kind); !r) return r.at(kLookAtTarget);
   if (kind != kKindSame) return {};
   struct stat st;
-  if (Result r = statPath(waiting, &st); !r) return r.err == ENOENT ? Result{} : r;
-  if (st.st_ino != ino) return {};
+  if (Result r = statPath(waiting, &st); !r)
+    return r.err == ENOENT ? Result{} : r.at(kLookAtTarget);
+  *there = st.st_ino == ino;
+  if (!*there) return {};
   const DiffItem *item = inPassRange(ino) ? findItem(ino) : nullptr;
-  if (item && item->type & kDiffChanged) {
-    if (Result r = lists_.ListRecord(waiting, ino, kOpRestoreDiffFile); !r) return r;
-  }
-  return traverseCommonDir(waiting, ino);
+  if (item == nullptr || (item->type & kDiffChanged) == 0) return {};
+  return lists_.ListRecord(waiting, ino, kOpRestoreDiffFile).at(kListDirectory);
 }
 
 // ---- first read

@@ -30,9 +30,10 @@ enum CleanUpStep : int {
 
 constexpr size_t kNamedAside = 20;  // messages name at most so many objects left behind
 
-Result failStep(const std::string &path, uint64_t ino, const Result &result) {
-  userMessage(Message::kCleanUpStep, path, ino, result.rc, result.code, result.err);
-  if (result.err > 0) userMessage(Message::kFileError, path, strerror(result.err));
+// `told`: the cause has been printed with the object that it belongs to.
+Result failStep(const std::string &path, uint64_t ino, const Result &result, bool told = false) {
+  userMessage(Message::kCleanUpStep, path, ino, result.rc, result.code, told ? 0 : result.err);
+  if (!told) userMessage(Message::kFileError, path, strerror(result.err));
   return result;
 }
 
@@ -75,8 +76,8 @@ Result removeEntry(int dir_fd, const char *name, const struct stat &st, std::str
   }
   if (removed) removed = called(unlinkat(dir_fd, name, S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0));
   if (removed) return {};
-  // The errno of an object that was kept has been printed with the object.
-  return failStep(path, st.st_ino, {removed.rc, kRemoveEntry, removed.rc > 0 ? removed.rc : 0});
+  (void)failStep(path, st.st_ino, removed.at(kRemoveEntry), removed.code == kForeignObject);
+  return removed;
 }
 
 // Removes everything below `path`.

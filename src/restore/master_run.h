@@ -9,7 +9,7 @@
 // Sets the memory budget, commits the file system and runs passes and phases. `item_limit` is the
 // number of difference items that one pass may hold; 0 takes it from the memory budget. *worthless says
 // that the work directory can be removed although the run failed. A failure is that of its step, after
-// its message; a full file system is recognised by its rc, ENOSPC or EDQUOT.
+// its message; Result::full() recognises a full file system.
 Result restoreFileset(int argc, char **argv, uint64_t item_limit, MasterLists &lists, bool *worthless);
 
 // Ends a run after success or failure: prints messages, removes the work directory and restores the
