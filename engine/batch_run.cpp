@@ -174,14 +174,13 @@ void BatchRun::wait(bool for_slot) {
     outcome_.stopped = true;
     signalAll(SIGKILL);
   }
-  if (polled[2].revents) followRun();
+  if (settings_.line != nullptr && polled[2].revents) followRun(settings_.line->state());
   handleSignals();
   reap();
 }
 
 // Follows the order that has come over the line from the engine whose part this run is.
-void BatchRun::followRun() {
-  const RunState state = settings_.line->state();
+void BatchRun::followRun(RunState state) {
   if (state == RunState::kRun) return;
   if (state == RunState::kEndNow) endWorkers();
   outcome_.stopped = true;

@@ -68,7 +68,7 @@ class BatchRun {
   void reap();
   void ended(Worker &worker, int status);
   void handleSignals();
-  void followRun();
+  void followRun(RunState state);
   void endWorkers();
   void signalAll(int signal);
   void releaseOrphanSlots();

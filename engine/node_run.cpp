@@ -75,8 +75,8 @@ Result NodeRun::writeState(const std::string &name, const std::string &text) con
 }
 
 Result NodeRun::prepare(const std::vector<ListPart> &parts) {
-  std::string path =
-      std::string(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") + "/ktapplypolicy.XXXXXX";
+  const char *chosen = getenv("TMPDIR");
+  std::string path = std::string(chosen != nullptr ? chosen : "/tmp") + "/ktapplypolicy.XXXXXX";
   if (mkdtemp(path.data()) == nullptr) return failedErrno(0);
   state_ = path;
   UniqueFd fd;

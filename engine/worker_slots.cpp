@@ -47,13 +47,23 @@ size_t defaultMaxWorkers(size_t cpus, bool waits) {
   return waits ? std::clamp<size_t>(2 * cpus, 4, kMostSlots) : std::clamp<size_t>(cpus, 2, kMostSlots);
 }
 
-bool WorkerSlots::isNested() {
+namespace {
+
+// Returns what an outer engine says about its slots, or NULL.
+const char *outerSlots() {
   const char *value = getenv(kWorkerSlotVariable);
-  return value != nullptr && *value != '\0';
+  return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+}  // namespace
+
+bool WorkerSlots::isNested() {
+  return outerSlots() != nullptr;
 }
 
 Result WorkerSlots::open(bool waits, std::string *problem, size_t most) {
-  return isNested() ? join(getenv(kWorkerSlotVariable), problem) : create(waits, problem, most);
+  const char *outer = outerSlots();
+  return outer != nullptr ? join(outer, problem) : create(waits, problem, most);
 }
 
 Result WorkerSlots::create(bool waits, std::string *problem, size_t most) {

@@ -127,7 +127,7 @@ int64_t readOneXattr(Inode &inode, const char *name, void *buf, size_t size) {
   std::string value;
   if (int rc = inode.readXattr(name, &value); rc != 0) return rc;
   if (value.size() > size) return -ERANGE;
-  if (!value.empty()) memcpy(buf, value.data(), value.size());
+  value.copy(static_cast<char *>(buf), size);
   return static_cast<int64_t>(value.size());
 }
 

@@ -82,7 +82,7 @@ int readAttribute(Inode &inode, char *at) {
     return rc;
   } else {
     bool fits = value.size() <= static_cast<size_t>(directive.value_length);
-    if (fits) memcpy(at + sizeof directive + name_room, value.data(), value.size());
+    if (fits) std::copy(value.begin(), value.end(), at + sizeof directive + name_room);
     directive.value_length = static_cast<int32_t>(value.size());
     directive.reason = fits ? kRead : kTooSmall;
   }

@@ -230,9 +230,9 @@ int kest_mount_in_the_way(const kest_fssnap_handle_t *active, const kest_fssnap_
   return cCall([&] {
     if (active == nullptr || snap == nullptr || point == nullptr || size == 0) return -EINVAL;
     Difference *difference;
-    int rc = differenceOf(scan, &difference);
+    if (int failed = differenceOf(scan, &difference); failed < 0) return failed;
     std::string found;
-    if (rc == 0) rc = active->tree->findMountInTheWay(*snap->tree, *difference, &found);
+    const int rc = active->tree->findMountInTheWay(*snap->tree, *difference, &found);
     if (rc > 0) point[found.copy(point, size - 1)] = '\0';
     return rc;
   });

@@ -29,21 +29,21 @@ constexpr rlim_t kLeastStack = 4 << 20;  // bytes
 constexpr int64_t kKiB = 1024;
 
 struct Capability {
-  int number;
   const char *name;
+  int number;
   bool to_read;  // a comparison needs it, too
 };
 
 constexpr Capability kNeeded[] = {
-    {CAP_SYS_ADMIN, "CAP_SYS_ADMIN", true},  // read trees, trusted attributes, read-only subvolumes
-    {CAP_DAC_READ_SEARCH, "CAP_DAC_READ_SEARCH", true},  // open inodes by number
-    {CAP_DAC_OVERRIDE, "CAP_DAC_OVERRIDE", false},
-    {CAP_FOWNER, "CAP_FOWNER", false},  // set modes, times and ACLs of files of others
-    {CAP_CHOWN, "CAP_CHOWN", false},
-    {CAP_FSETID, "CAP_FSETID", false},  // keep the set-group-ID bit for a foreign group
-    {CAP_MKNOD, "CAP_MKNOD", false},
-    {CAP_SETFCAP, "CAP_SETFCAP", false},  // set file capabilities
-    {CAP_LINUX_IMMUTABLE, "CAP_LINUX_IMMUTABLE", false},
+    {"CAP_SYS_ADMIN", CAP_SYS_ADMIN, true},  // read trees, trusted attributes, read-only subvolumes
+    {"CAP_DAC_READ_SEARCH", CAP_DAC_READ_SEARCH, true},  // open inodes by number
+    {"CAP_DAC_OVERRIDE", CAP_DAC_OVERRIDE, false},
+    {"CAP_FOWNER", CAP_FOWNER, false},  // set modes, times and ACLs of files of others
+    {"CAP_CHOWN", CAP_CHOWN, false},
+    {"CAP_FSETID", CAP_FSETID, false},  // keep the set-group-ID bit for a foreign group
+    {"CAP_MKNOD", CAP_MKNOD, false},
+    {"CAP_SETFCAP", CAP_SETFCAP, false},  // set file capabilities
+    {"CAP_LINUX_IMMUTABLE", CAP_LINUX_IMMUTABLE, false},
 };
 
 // Reads the effective capabilities as a bit set.
