@@ -8,7 +8,7 @@ set(FSETRESTORE_ROOMS
   filesystem=base|diff
   btrfs=base|diff|filesystem
   cephfs=base|diff|filesystem
-  detect=filesystem|btrfs|cephfs
+  detect=base|filesystem|btrfs|cephfs
   libkest=base|filesystem|detect
   commands=base|filesystem|detect
   engine=base|formats

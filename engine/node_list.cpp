@@ -15,6 +15,7 @@
 
 #include "base/file_io.h"
 #include "base/local_nodes.h"
+#include "base/mount_type.h"
 #include "formats/work_names.h"
 
 namespace {
@@ -42,8 +43,7 @@ bool spansNodes(const std::string &device) {
       continue;
     const size_t at = line.find(" - ");
     if (at == line.npos) continue;
-    const std::string type = line.substr(at + 3, line.find(' ', at + 3) - at - 3);
-    return type == "ceph" || type == "fuse.ceph-fuse" || type == "fuse.ceph";
+    return isCephFsType(line.substr(at + 3, line.find(' ', at + 3) - at - 3));
   }
   return false;
 }

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <vector>
 
+#include "base/mount_type.h"
 #include "cephfs/plugin.h"
 #include "filesystem/error_text.h"
 #include "filesystem/mount_table.h"
@@ -58,8 +59,7 @@ bool isOnCephFs(const std::string &path) {
   std::vector<Mount> mounts;
   if (readMounts(&mounts) < 0) return false;
   for (const Mount &one : mounts)
-    if (makedev(one.major_no, one.minor_no) == st.st_dev && one.type.starts_with("fuse.ceph"))
-      return true;
+    if (makedev(one.major_no, one.minor_no) == st.st_dev && isCephFsType(one.type)) return true;
   return false;
 }
 

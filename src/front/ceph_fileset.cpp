@@ -15,6 +15,7 @@
 #include <optional>
 
 #include "base/fd_path.h"
+#include "base/mount_type.h"
 #include "formats/program_names.h"
 #include "formats/shell_words.h"
 #include "front/ceph_store.h"
@@ -34,10 +35,6 @@ constexpr ino_t kRootInode = 1;  // of every CephFS
 struct DirCloser {
   void operator()(DIR *dir) const { closedir(dir); }
 };
-
-bool isCeph(const MountLine &mount) {
-  return mount.type == "ceph" || mount.type.starts_with("fuse.ceph");
-}
 
 // Opens a directory of the file system `device`.
 UniqueFd openDirectory(const std::string &path, dev_t device) {
@@ -155,7 +152,7 @@ bool isOnCephFs(int fd) {
   if (figures.f_type != kFuseMagic || fstat(fd, &status) != 0) return false;
   const std::vector<MountLine> mounts = allMounts();
   return std::any_of(mounts.begin(), mounts.end(), [&](const MountLine &mount) {
-    return isCeph(mount) && mount.device == status.st_dev;
+    return isCephFsType(mount.type) && mount.device == status.st_dev;
   });
 }
 
@@ -172,8 +169,9 @@ Fileset findCephFileset(const Place &place) {
   if (!S_ISDIR(status.st_mode) && !S_ISREG(status.st_mode))
     throw Trouble(frontText(FrontText::kNoDirectory, shown(place.path)));
   std::vector<MountLine> mounts = allMounts();
-  std::erase_if(
-      mounts, [&](const MountLine &mount) { return !isCeph(mount) || mount.device != status.st_dev; });
+  std::erase_if(mounts, [&](const MountLine &mount) {
+    return !isCephFsType(mount.type) || mount.device != status.st_dev;
+  });
   const auto line = std::find_if(mounts.begin(), mounts.end(),
                                  [&](const MountLine &mount) { return mount.id == more.stx_mnt_id; });
   if (line == mounts.end())
