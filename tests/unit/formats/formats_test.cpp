@@ -59,7 +59,7 @@ class Lists : public ::testing::Test {
   void put(const std::string &text) {
     ASSERT_EQ(write(fd_.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
-  Result open(ListReader *list) { return list->open(UniqueFd(dup(fd_.get()))); }
+  Result open(ListReader *list) { return list->open(UniqueFd(fcntl(fd_.get(), F_DUPFD_CLOEXEC, 0))); }
 
   UniqueFd fd_{memfd_create("list", MFD_CLOEXEC)};
 };
