@@ -116,7 +116,7 @@ void setStorageState(TreeBuilder *tree, const std::string &name, const std::stri
   if (state == "compress") tree->compress(name);
   if (state == "no-copy-on-write") tree->noCow(name);
   if (!state.starts_with("no-compress")) return;
-  Descriptor fd(open((tree->root() + "/" + name).c_str(), O_RDONLY));
+  Descriptor fd(open((tree->root() + "/" + name).c_str(), O_RDONLY | O_CLOEXEC));
   int flags = FS_NOCOMP_FL | (state == "no-compress, no-copy-on-write" ? FS_NOCOW_FL : 0);
   ASSERT_EQ(0, ioctl(fd.get(), FS_IOC_SETFLAGS, &flags));
 }
@@ -279,7 +279,7 @@ TEST_F(Attributes, FlagsAreReadSetAndClearedThroughAnyDescriptor) {
       EXPECT_EQ(0, get.directives[0].value + get.directives[1].value);
     }
   }
-  Descriptor fd(::open(snapshot().c_str(), O_RDONLY));
+  Descriptor fd(::open(snapshot().c_str(), O_RDONLY | O_CLOEXEC));
   Request set = request(kSetImmutable, kSetAppend, 1);
   EXPECT_FAILS(EROFS, kest_fcntl(fd.get(), &set));
   EXPECT_FAILS(EBADF, kest_fcntl(-1, &set));
