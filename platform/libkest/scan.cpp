@@ -229,8 +229,8 @@ int kest_mount_in_the_way(const kest_fssnap_handle_t *active, const kest_fssnap_
                           kest_iscan_t *scan, char *point, size_t size) {
   return cCall([&] {
     if (active == nullptr || snap == nullptr || point == nullptr || size == 0) return -EINVAL;
-    Difference *difference;
-    if (int failed = differenceOf(scan, &difference); failed < 0) return failed;
+    Difference *difference = nullptr;
+    if (int failed = differenceOf(scan, &difference); difference == nullptr) return failed;
     std::string found;
     const int rc = active->tree->findMountInTheWay(*snap->tree, *difference, &found);
     if (rc > 0) point[found.copy(point, size - 1)] = '\0';

@@ -28,7 +28,7 @@ namespace {
 class Silence {
  public:
   Silence() : before_(stderr) {
-    static FILE *nowhere = fopen("/dev/null", "w");
+    static FILE *nowhere = fopen("/dev/null", "we");
     stderr = nowhere;
   }
   ~Silence() { stderr = before_; }
@@ -154,7 +154,7 @@ void commandLine(std::string_view input) {
 void mountLine(std::string_view input) {
   const std::vector<std::string> parts = pieces(input);
   kest::Mount mount;
-  const std::string line(parts[0]);
+  const std::string &line = parts[0];
   if (kest::parseMount(line, &mount)) FUZZ_CHECK(!mount.point.empty());
   // A name in the kernel's notation.
   if (parts.size() < 2 || parts[1].empty()) return;

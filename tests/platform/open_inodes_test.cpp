@@ -54,7 +54,7 @@ class OpenInodes : public LibraryTest {
     }
     uint32_t protection = 0;
     if (S_ISREG(want.st_mode) || S_ISDIR(want.st_mode)) {
-      const Descriptor fd(::open(path.c_str(), O_RDONLY));
+      const Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
       int flags = 0;
       ASSERT_EQ(0, ioctl(fd.get(), FS_IOC_GETFLAGS, &flags));
       if (flags & FS_IMMUTABLE_FL) protection |= KEST_FP_IMMUTABLE;
@@ -134,7 +134,7 @@ TEST_F(OpenInodes, ByWhatTheyAre) {
   EXPECT_FAILS(EROFS, kest_iwritex(const_cast<kest_ifile_t *>(old.get()), "t", 1, 0, 0));
 
   const Inode lost = openInode(snapshot_, inode("gone"));
-  const Descriptor held(::open(at("gone").c_str(), O_RDONLY));
+  const Descriptor held(::open(at("gone").c_str(), O_RDONLY | O_CLOEXEC));
   tree_->remove("gone");
   errno = 0;
   EXPECT_EQ(nullptr, kest_iopen_same(active_.get(), lost.get())) << "it is open, but has no name";
@@ -235,7 +235,7 @@ TEST_F(OpenInodes, KeptDirectoriesFollowTheirNames) {
     }
   for (int i = 0; i < 20; ++i) EXPECT_EQ(2u, tree_->names("many/" + std::to_string(i)).size());
   // An anchor leads the same paths elsewhere.
-  const Descriptor anchor(::open(at("ab").c_str(), O_RDONLY | O_DIRECTORY));
+  const Descriptor anchor(::open(at("ab").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   ASSERT_EQ(0, kest_anchor(active_.get(), at("many/19").c_str(), anchor.get()));
   EXPECT_TRUE(make("many/19/anchored"));
   EXPECT_EQ((std::vector<std::string>{"1", "anchored"}), tree_->names("ab"));

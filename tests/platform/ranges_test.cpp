@@ -9,7 +9,6 @@
 namespace {
 
 using namespace kesttest;
-using testsupport::Descriptor;
 
 constexpr uint64_t K = 1024;
 

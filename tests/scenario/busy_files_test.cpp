@@ -113,13 +113,13 @@ class LeaseHolder {
  public:
   LeaseHolder(const std::vector<std::string> &paths, int kind) {
     int ready[2];
-    EXPECT_EQ(pipe(ready), 0);
+    EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
     pid_ = fork();
     if (pid_ == 0) {
       signal(SIGIO, SIG_IGN);
       bool all = true;
       for (const std::string &path : paths)
-        all = all && fcntl(open(path.c_str(), O_RDONLY), F_SETLEASE, kind) == 0;
+        all = all && fcntl(open(path.c_str(), O_RDONLY | O_CLOEXEC), F_SETLEASE, kind) == 0;
       if (all) (void)!write(ready[1], "x", 1);
       close(ready[1]);
       pause();

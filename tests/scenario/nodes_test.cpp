@@ -90,7 +90,9 @@ class Nodes : public ::testing::Test {
   // What the servers keep for the clients of a lost node, until they evict them by themselves.
   static void evictAll(int node) {
     const std::string address = "10.77.0." + std::to_string(10 + node) + ":";
-    runCommand("for id in $(ceph -c " + std::string(getenv("CEPH_CONF")) +
+    const char *conf = getenv("CEPH_CONF");
+    ASSERT_TRUE(conf);
+    runCommand("for id in $(ceph -c " + std::string(conf) +
                " tell mds.m client ls 2> /dev/null | python3 -c 'import json, sys\n"
                "for one in json.load(sys.stdin):\n"
                "  if \"" +

@@ -121,8 +121,9 @@ const HistoryCase kKinds[] = {
      }},
     {"SymlinkTargets",
      [](TreeBuilder &t) {
-       for (std::string target : {std::string(1000, 't'), std::string(4000, 'u'), std::string("/"),
-                                  std::string("../../outside"), std::string("deleted")})
+       for (const std::string &target :
+            {std::string(1000, 't'), std::string(4000, 'u'), std::string("/"),
+             std::string("../../outside"), std::string("deleted")})
          t.symlink(target, "to " + std::to_string(target.size()));
      },
      [](TreeBuilder &t) {
