@@ -88,6 +88,14 @@ struct CommonDir {
   bool listed = false;  // listed for its own attributes, because an entry is made again
 };
 
+// A directory with many changes was listed as a whole, so its owner can have removed an entry since.
+// Returns false for a directory that the walk itself has moved aside: something below it is missing.
+bool removedSince(const std::string &path, uint64_t ino) {
+  struct stat st;
+  if (statPath(path, &st).err != ENOENT) return false;
+  return !statPath(tempLocation(ino), &st) || st.st_ino != ino;
+}
+
 // The walk over the directories that the snapshot and the active fileset have in common. rc of a
 // failure is an errno, -1 or that of the step.
 class CommonWalk {
@@ -198,8 +206,7 @@ Result CommonWalk::lookAtMovedDir(const std::string &waiting, uint64_t ino, bool
   if (Result r = checkFile(ino, &kind); !r) return r.at(kLookAtTarget);
   if (kind != kKindSame) return {};
   struct stat st;
-  if (Result r = statPath(waiting, &st); !r)
-    return r.err == ENOENT ? Result{} : r.at(kLookAtTarget);
+  if (Result r = statPath(waiting, &st); !r) return r.err == ENOENT ? Result{} : r.at(kLookAtTarget);
   *there = st.st_ino == ino;
   if (!*there) return {};
   const DiffItem *item = inPassRange(ino) ? findItem(ino) : nullptr;
@@ -344,11 +351,9 @@ Result CommonWalk::readLeadingEntries(CommonDir &dir) {
     const Result handled = leadingEntry(dir, *entry);
     if (handled) continue;
     const std::string path = dir.path + "/" + entry->d_name;
-    // A directory with many changes was listed as a whole, so its owner can have removed the entry
-    // since.
-    struct stat st;
-    if (handled.err == ENOENT && statPath(path, &st).err == ENOENT) {
+    if (handled.err == ENOENT && removedSince(path, entry->d_ino)) {
       traceLog("traverseCommonDir: path %s is gone\n", path.c_str());
+      forgetFailure();
       continue;
     }
     return failedAt(path, handled);

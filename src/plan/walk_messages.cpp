@@ -31,6 +31,10 @@ Result failedAt(const std::string &path, const Result &result) {
   return result;
 }
 
+void forgetFailure() {
+  failed_path.clear();
+}
+
 void walkFailureTold() {
   told = true;
 }

@@ -18,6 +18,9 @@ std::string formerPath(const std::string &path);
 // of the walk; the first call names the object itself.
 Result failedAt(const std::string &path, const Result &result);
 
+// Forgets the path of a failure that turned out to be none.
+void forgetFailure();
+
 // Notes that a message has reported the failure already.
 void walkFailureTold();
 

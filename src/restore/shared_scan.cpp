@@ -74,7 +74,8 @@ Result compareGroups(const kest_group_t *groups, size_t count) {
     (void)unlinkWorkFile(workPath(kFatalError));
     return errnoResult(ENOSPC);
   }
-  return errnoResult(recorded ? EIO : recorded.err);
+  if (!recorded) return errnoResult(recorded.err);
+  return errnoResult(result.err != 0 ? result.err : EIO);
 }
 
 int compare(void *, const kest_group_t *groups, size_t count) {

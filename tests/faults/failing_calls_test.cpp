@@ -126,6 +126,23 @@ TEST_F(FailingCalls, BlocksThatCannotBeSharedAreCopied) {
   expectEqual(restoreWith({.call = "kest_ishare", .error = EINVAL, .times = 0}));
 }
 
+// The old path of a directory that the walk has moved aside is gone. That excuses nothing below it.
+TEST_F(FailingCalls, AbsenceBelowAMovedDirectoryIsAFailure) {
+  const auto build = [](scenario::TreeBuilder &t) {
+    t.dir("d");
+    t.big("d/changed", 10000, 1);
+  };
+  const auto change = [](scenario::TreeBuilder &t) {
+    t.rename("d", "moved");
+    t.pattern("moved/changed", 0, 100, 2);
+  };
+  prepareHistory(build, nullptr, change);
+  RunResult result = restoreWith({.call = "kest_ichange", .error = ENOENT, .where = kMaster, .nth = 2});
+  EXPECT_EQ(result.exitStatus, 1) << what();
+  EXPECT_NE(result.err.find("moved/changed: No such file"), std::string::npos) << what();
+  expectRepairedByNextRun();
+}
+
 TEST_F(FailingCalls, NoSpace) {
   const std::pair<const char *, int> cases[] = {
       {"kest_ishare", kMain},   {"kest_icreate", kCreate}, {"kest_ishare", kCreate},
