@@ -76,8 +76,8 @@ int readNames(TreeReader &tree, uint64_t ino, std::vector<NameRef> *names);
 int visitNames(TreeReader &tree, uint64_t ino, const NameRefVisitor &visit);
 // Visits the names of the inode in directory `dir`.
 int visitNamesIn(TreeReader &tree, uint64_t ino, uint64_t dir, const NameRefVisitor &visit);
-// Searches the name `name` in directory `dir` among the items that `tree` has cached. Returns the number
-// of its inode, or 0 if it is not among them.
+// Searches the name `name` in directory `dir` among the items that `tree` has cached. Returns the
+// number of its inode, or 0 if it is not among them.
 uint64_t findCachedName(const TreeReader &tree, uint64_t dir, std::string_view name);
 // Reads all extended attributes of the inode, including ACLs and btrfs properties, sorted.
 int readXattrs(TreeReader &tree, uint64_t ino, std::vector<XattrItem> *xattrs);

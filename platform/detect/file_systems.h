@@ -16,8 +16,8 @@ namespace kest {
 // is none of the known ones; or the -errno of the access to it.
 int openFileSystem(const std::string &device, std::unique_ptr<FileSystem> *fs);
 
-// Opens the btrfs subvolume in which the directory `path` lies, with that directory as root. 0; -ENOTTY:
-// it lies in another file system; or -errno.
+// Opens the btrfs subvolume in which the directory `path` lies, with that directory as root. 0;
+// -ENOTTY: it lies in another file system; or -errno.
 int openTreeAt(const std::string &path, std::unique_ptr<Tree> *tree);
 
 // For calls without a fileset: openDirectory opens the directory `path`, which the kernel resolves (0

@@ -48,7 +48,8 @@ std::vector<Member> membersOf(pid_t session) {
 
 [[noreturn]] void becomeProgram(char *const *argv, const RunOptions &options, int out, int err) {
   setsid();
-  if (dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(126);
+  if (dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0)
+    _exit(126);
   for (const auto &[name, value] : options.environment) setenv(name.c_str(), value.c_str(), 1);
   if (chdir(options.workingDirectory.c_str()) == 0) execv(options.program.c_str(), argv);
   fprintf(stderr, "cannot start %s: %s\n", options.program.c_str(), strerror(errno));
