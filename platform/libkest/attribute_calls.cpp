@@ -117,9 +117,7 @@ int changeOwner(Inode &inode, uint64_t uid, uint64_t gid, KeptCapability *capabi
   }
   if (int rc = inode.changeOwner(static_cast<uid_t>(uid), static_cast<gid_t>(gid)); rc != 0) return rc;
   if (S_ISLNK(st.st_mode)) return 0;
-  // The kernel drops only set-ID bits.
-  if ((st.st_mode & (S_ISUID | S_ISGID)) != 0)
-    if (int rc = inode.setExactMode(st.st_mode); rc != 0) return rc;
+  if (int rc = inode.setExactMode(st.st_mode); rc != 0) return rc;
   return capability->putBackIfLost(inode);
 }
 
