@@ -329,7 +329,5 @@ void markUnfinished(const Record &record) {
 
 void markIfOthersFailed(const Record &record) {
   struct stat st;
-  // A file that is made again has one record.
-  if (record.op.opCode != kOpRestoreDiffFile || !restoresData(record)) return;
-  if (statWorkFile(workPath(kFatalError), &st)) markUnfinished(record);
+  if (restoresData(record) && statWorkFile(workPath(kFatalError), &st)) markUnfinished(record);
 }
